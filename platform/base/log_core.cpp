@@ -1,0 +1,142 @@
+// Sinks, threshold and captures of the log. The state is created at first use and never destroyed, because
+// other libraries' statics log while they are torn down.
+#include "platform/base/log_core.h"
+
+#include <fcntl.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <mutex>
+
+namespace oblog {
+
+std::atomic<int> effectiveLevel{kLqLogDefaultLevel};
+
+namespace {
+
+// The log holds whatever the product logs of the registry, so it is readable for its owner only.
+constexpr mode_t kLogFileMode = 0600;
+
+std::shared_ptr<spdlog::logger> makeLogger(const Settings& settings) {
+  std::vector<spdlog::sink_ptr> sinks;
+  if (settings.toStandardError) sinks.push_back(std::make_shared<spdlog::sinks::stderr_sink_mt>());
+  if (!settings.file.empty()) {
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = [](const spdlog::filename_t& name) {
+      const int descriptor = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kLogFileMode);
+      if (descriptor >= 0) ::close(descriptor);
+    };
+    sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+        settings.file, settings.maxFileBytes, std::max<std::size_t>(settings.maxFiles, 1) - 1, false,
+        handlers));
+  }
+  auto logger = std::make_shared<spdlog::logger>("oblog", sinks.begin(), sinks.end());
+  logger->set_level(spdlog::level::trace);
+  logger->flush_on(spdlog::level::trace);
+  logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e %P %t %v");
+  return logger;
+}
+
+struct State {
+  std::mutex mutex;
+  int threshold = kLqLogDefaultLevel;
+  std::shared_ptr<spdlog::logger> logger = makeLogger(Settings{});
+  std::vector<std::pair<int, std::vector<Line>*>> captures;  // level and where the lines go
+
+  void updateEffectiveLevel() {
+    int level = threshold;
+    for (const auto& [captureLevel, lines] : captures) level = std::max(level, captureLevel);
+    effectiveLevel.store(level, std::memory_order_relaxed);
+  }
+};
+
+State& state() {
+  static State* const theState = new State;
+  return *theState;
+}
+
+void appendEscaped(std::string& out, const std::string& text) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      out += c;
+    } else {
+      out += "\\x";
+      out += kDigits[byte >> 4];
+      out += kDigits[byte & 15];
+    }
+  }
+}
+
+std::string render(const Line& line) {
+  std::string text = line.kind == Kind::kError ? "E" : std::to_string(line.level);
+  text += " [";
+  appendEscaped(text, line.tag);
+  text += "] ";
+  appendEscaped(text, line.text);
+  if (line.logId != 0) text += " {log " + std::to_string(line.logId) + "}";
+  if (line.context != 0) text += " {context " + std::to_string(line.context) + "}";
+  return text;
+}
+
+}  // namespace
+
+void write(Line line) {
+  State& s = state();
+  const std::lock_guard lock(s.mutex);
+  if (line.kind == Kind::kError || line.level <= s.threshold)
+    s.logger->info(spdlog::string_view_t(render(line)));
+  for (const auto& [level, lines] : s.captures)
+    if (line.kind == Kind::kError || line.level <= level) lines->push_back(line);
+}
+
+CWmError Configure(const Settings& settings) {
+  try {
+    auto logger = makeLogger(settings);
+    State& s = state();
+    const std::lock_guard lock(s.mutex);
+    s.logger = std::move(logger);
+    s.threshold = settings.threshold;
+    s.updateEffectiveLevel();
+    return {};
+  } catch (const std::exception& failure) {
+    return {kLqErrFile, "cannot open the log file " + settings.file + ": " + failure.what()};
+  }
+}
+
+struct Capture::Impl {
+  std::vector<Line> lines;
+};
+
+Capture::Capture(int level) : impl_(new Impl) {
+  State& s = state();
+  const std::lock_guard lock(s.mutex);
+  s.captures.emplace_back(level, &impl_->lines);
+  s.updateEffectiveLevel();
+}
+
+Capture::~Capture() {
+  State& s = state();
+  const std::lock_guard lock(s.mutex);
+  std::erase_if(s.captures, [this](const auto& entry) { return entry.second == &impl_->lines; });
+  s.updateEffectiveLevel();
+  delete impl_;
+}
+
+std::vector<Line> Capture::Lines() const {
+  const std::lock_guard lock(state().mutex);
+  return impl_->lines;
+}
+
+void Capture::Clear() {
+  const std::lock_guard lock(state().mutex);
+  impl_->lines.clear();
+}
+
+}  // namespace oblog

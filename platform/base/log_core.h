@@ -1,0 +1,16 @@
+// The process-wide log behind ObDebug and ObEvent: takes formatted lines and hands them to the sinks and captures.
+#pragma once
+
+#include <atomic>
+
+#include "platform/ObLog.h"
+
+namespace oblog {
+
+// Lines above this level are dropped before they are formatted: the threshold, or a capture's level where that
+// is higher.
+extern std::atomic<int> effectiveLevel;
+
+void write(Line line);
+
+}  // namespace oblog

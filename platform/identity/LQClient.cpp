@@ -1,0 +1,38 @@
+// Clients as this machine's registry knows them: one key per name, holding the id.
+#include "platform/LQClient.h"
+
+#include <charconv>
+
+#include "platform/LQPlatformInfo.h"
+
+namespace {
+
+constexpr const char* kClientsKey = "SOFTWARE/Velmor/Clients/";
+constexpr const char* kIdValue = "nCLIENTID";
+constexpr int kKnown = 0;
+constexpr int kUnknown = 1;
+
+// A name with a separator in it would be another client's key, or one below it.
+bool isClientName(const std::string& name) {
+  return !name.empty() && name.find('/') == std::string::npos;
+}
+
+}  // namespace
+
+int LQClient::getClientId(std::uint64_t& id, const void* context) const {
+  LQPlatformInfo info;
+  std::string text;
+  if (context != nullptr || !isClientName(name_) || !info.getString(kClientsKey + name_, kIdValue, text))
+    return kUnknown;
+  const char* end = text.data() + text.size();
+  std::uint64_t parsed = 0;
+  const auto [stop, error] = std::from_chars(text.data(), end, parsed);
+  if (error != std::errc() || stop != end) return kUnknown;
+  id = parsed;
+  return kKnown;
+}
+
+bool LQClient::recordClient(const std::string& name, std::uint64_t id) {
+  LQPlatformInfo info;
+  return isClientName(name) && info.setString(kClientsKey + name, kIdValue, std::to_string(id), 0) != 0;
+}

@@ -1,0 +1,277 @@
+// The text form of messages: writing and reading XML, driven by each class's list of fields.
+#include "platform/CNMessageBase.h"
+
+#include <charconv>
+#include <map>
+#include <mutex>
+#include <new>
+#include <pugixml.hpp>
+#include <shared_mutex>
+
+#include "platform/message/text_escape.h"
+
+namespace {
+
+// How a protected string is told from its V8 text where it stands in clear.
+constexpr std::string_view kClearPrefix = "clear:";
+
+// --- the table of classes ----------------------------------------------------------------------------------
+
+struct ClassTable {
+  std::shared_mutex mutex;
+  std::map<std::string, MessageFactory, std::less<>> factories;
+};
+
+// Never destroyed: messages may still arrive while the process's statics are torn down.
+ClassTable& classTable() {
+  static ClassTable* const table = new ClassTable;
+  return *table;
+}
+
+// --- writing -----------------------------------------------------------------------------------------------
+
+bool writeFields(const CNMessageBase& message, pugi::xml_node node, bool revealProtected);
+
+bool writeProtected(const pstring& value, pugi::xml_attribute attribute, bool revealProtected) {
+  if (revealProtected) {
+    std::string clear(kClearPrefix);
+    clear += lqmessage::escaped(value.reveal());
+    attribute.set_value(clear.c_str());
+    return true;
+  }
+  const std::string text = value.getV8Password();
+  attribute.set_value(text.c_str());
+  return value.empty() || !text.empty();
+}
+
+bool writeField(const CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node,
+                bool revealProtected) {
+  switch (info.kind) {
+    case FieldInfo::Kind::kText: {
+      const auto& text = *static_cast<const std::string*>(info.read(owner));
+      node.append_attribute(info.name).set_value(lqmessage::escaped(text).c_str());
+      return true;
+    }
+    case FieldInfo::Kind::kNumber:
+      node.append_attribute(info.name).set_value(
+          static_cast<long long>(*static_cast<const std::int64_t*>(info.read(owner))));
+      return true;
+    case FieldInfo::Kind::kProtected:
+      return writeProtected(*static_cast<const pstring*>(info.read(owner)), node.append_attribute(info.name),
+                            revealProtected);
+    case FieldInfo::Kind::kRecord:
+      return writeFields(*static_cast<const CNMessageBase*>(info.read(owner)), node.append_child(info.name),
+                         revealProtected);
+    case FieldInfo::Kind::kList: {
+      pugi::xml_node list = node.append_child(info.name);
+      const std::size_t count = info.count(owner);
+      for (std::size_t i = 0; i < count; ++i) {
+        const CNMessageBase& element = info.at(owner, i);
+        if (!writeFields(element, list.append_child(element.className()), revealProtected)) return false;
+      }
+      return true;
+    }
+  }
+  return false;
+}
+
+bool writeFields(const CNMessageBase& message, pugi::xml_node node, bool revealProtected) {
+  for (const FieldInfo& info : message.fieldList())
+    if (info.isSet(message) && !writeField(message, info, node, revealProtected)) return false;
+  return true;
+}
+
+struct StringWriter : pugi::xml_writer {
+  explicit StringWriter(std::string& text) : text_(text) {}
+  void write(const void* data, std::size_t size) override {
+    text_.append(static_cast<const char*>(data), size);
+  }
+  std::string& text_;
+};
+
+int writeText(const CNMessageBase& message, std::string& text, bool revealProtected, const char* indent,
+              unsigned format) {
+  try {
+    pugi::xml_document document;
+    if (!writeFields(message, document.append_child(message.className()), revealProtected)) return 1;
+    text.clear();
+    StringWriter writer(text);
+    document.save(writer, indent, format | pugi::format_no_declaration, pugi::encoding_utf8);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    return 1;
+  }
+}
+
+// --- reading -----------------------------------------------------------------------------------------------
+
+class Reader {
+ public:
+  bool readFields(CNMessageBase& message, pugi::xml_node node, int depth) {
+    if (depth > kMaxMessageDepth) return fail(message, node.name(), "nested too deep");
+    for (const FieldInfo& info : message.fieldList())
+      if (!readField(message, info, node, depth)) return false;
+    return true;
+  }
+  const std::string& error() const { return error_; }
+
+ private:
+  bool readField(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node, int depth) {
+    if (info.kind == FieldInfo::Kind::kRecord) {
+      const pugi::xml_node child = node.child(info.name);
+      return !child || readFields(*static_cast<CNMessageBase*>(info.edit(owner)), child, depth + 1);
+    }
+    if (info.kind == FieldInfo::Kind::kList) return readList(owner, info, node.child(info.name), depth);
+    const pugi::xml_attribute attribute = node.attribute(info.name);
+    return !attribute || readScalar(owner, info, attribute.value());
+  }
+
+  bool readList(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node list, int depth) {
+    if (!list) return true;
+    info.setEmpty(owner);
+    for (const pugi::xml_node child : list.children()) {
+      if (child.type() != pugi::node_element) continue;
+      CNMessageBase& element = info.append(owner);
+      if (std::string_view(child.name()) != element.className())
+        return fail(owner, info.name, "holds an element of another class");
+      if (!readFields(element, child, depth + 1)) return false;
+    }
+    return true;
+  }
+
+  bool readScalar(CNMessageBase& owner, const FieldInfo& info, std::string_view text) {
+    void* const value = info.edit(owner);
+    switch (info.kind) {
+      case FieldInfo::Kind::kText:
+        return lqmessage::unescape(text, *static_cast<std::string*>(value)) ||
+               fail(owner, info.name, "holds a broken escape");
+      case FieldInfo::Kind::kNumber: {
+        const auto [end, failure] =
+            std::from_chars(text.data(), text.data() + text.size(), *static_cast<std::int64_t*>(value));
+        return (failure == std::errc() && end == text.data() + text.size()) ||
+               fail(owner, info.name, "is not a 64-bit number");
+      }
+      default:
+        return readProtected(text, *static_cast<pstring*>(value)) ||
+               fail(owner, info.name, "was not protected with this machine's key");
+    }
+  }
+
+  static bool readProtected(std::string_view text, pstring& value) {
+    if (!text.starts_with(kClearPrefix)) return pstring::fromV8Password(text, value);
+    std::string secret;
+    const bool readable = lqmessage::unescape(text.substr(kClearPrefix.size()), secret);
+    value = pstring(secret);
+    pstring wiped(std::move(secret));
+    return readable;
+  }
+
+  bool fail(const CNMessageBase& message, const char* fieldName, const char* what) {
+    error_ = std::string(message.className()) + "." + fieldName + " " + what;
+    return false;
+  }
+
+  std::string error_;
+};
+
+// The document's one element, or an empty node with the reason.
+pugi::xml_node parseRoot(const std::string& text, pugi::xml_document& document, std::string& error) {
+  const pugi::xml_parse_result parsed =
+      document.load_buffer(text.data(), text.size(),
+                           pugi::parse_escapes | pugi::parse_eol | pugi::parse_doctype, pugi::encoding_utf8);
+  if (!parsed) {
+    error = std::string("broken XML at byte ") + std::to_string(parsed.offset) + ": " + parsed.description();
+    return {};
+  }
+  if (!document.document_element()) error = "no element in the text";
+  return document.document_element();
+}
+
+bool equalField(const CNMessageBase& a, const CNMessageBase& b, const FieldInfo& info) {
+  if (info.isSet(a) != info.isSet(b)) return false;
+  switch (info.kind) {
+    case FieldInfo::Kind::kText:
+      return *static_cast<const std::string*>(info.read(a)) == *static_cast<const std::string*>(info.read(b));
+    case FieldInfo::Kind::kNumber:
+      return *static_cast<const std::int64_t*>(info.read(a)) ==
+             *static_cast<const std::int64_t*>(info.read(b));
+    case FieldInfo::Kind::kProtected:
+      return *static_cast<const pstring*>(info.read(a)) == *static_cast<const pstring*>(info.read(b));
+    case FieldInfo::Kind::kRecord:
+      return static_cast<const CNMessageBase*>(info.read(a))
+          ->equals(*static_cast<const CNMessageBase*>(info.read(b)));
+    case FieldInfo::Kind::kList:
+      break;
+  }
+  const std::size_t count = info.count(a);
+  if (count != info.count(b)) return false;
+  for (std::size_t i = 0; i < count; ++i)
+    if (!info.at(a, i).equals(info.at(b, i))) return false;
+  return true;
+}
+
+CWmError badMessage(std::string why) {
+  return {kLqErrBadMessage, std::move(why)};
+}
+
+}  // namespace
+
+void registerMessageClass(const char* className, MessageFactory factory) {
+  ClassTable& table = classTable();
+  const std::unique_lock lock(table.mutex);
+  table.factories[className] = factory;
+}
+
+int CNMessageBase::serialize(std::string& text, bool revealProtected) const {
+  return writeText(*this, text, revealProtected, "", pugi::format_raw);
+}
+
+int CNMessageBase::serializeForPeople(std::string& text) const {
+  return writeText(*this, text, false, "  ", pugi::format_indent);
+}
+
+int CNMessageBase::unserialize(const std::string& text, std::string* error) {
+  std::unique_ptr<CNMessageBase> message;
+  const CWmError failure = fromText(text, message);
+  std::string why = failure.AsString();
+  if (!failure.IsError() && message->getTagID() != getTagID())
+    why = std::string("the text holds a ") + message->className() + ", not a " + className();
+  if (!why.empty()) {
+    if (error != nullptr) *error = why;
+    return 1;
+  }
+  assign(std::move(*message));
+  return 0;
+}
+
+bool CNMessageBase::equals(const CNMessageBase& other) const {
+  if (getTagID() != other.getTagID()) return false;
+  for (const FieldInfo& info : fieldList())
+    if (!equalField(*this, other, info)) return false;
+  return true;
+}
+
+CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message) {
+  message.reset();
+  try {
+    pugi::xml_document document;
+    std::string error;
+    const pugi::xml_node root = parseRoot(text, document, error);
+    if (!root) return badMessage(error);
+    MessageFactory factory = nullptr;
+    {
+      ClassTable& table = classTable();
+      const std::shared_lock lock(table.mutex);
+      const auto found = table.factories.find(std::string_view(root.name()));
+      if (found != table.factories.end()) factory = found->second;
+    }
+    if (factory == nullptr) return badMessage(std::string("unknown message class ") + root.name());
+    std::unique_ptr<CNMessageBase> built = factory();
+    Reader reader;
+    if (!reader.readFields(*built, root, 1)) return badMessage(reader.error());
+    message = std::move(built);
+    return {};
+  } catch (const std::bad_alloc&) {
+    return badMessage("not enough memory for the message");
+  }
+}

@@ -1,0 +1,37 @@
+#include "platform/network/credentials.h"
+
+#include <openssl/crypto.h>
+
+#include "platform/CLqNetwork.h"
+#include "platform/LQPlatformInfo.h"
+
+namespace {
+
+constexpr char kSection[] = "Overhub";
+constexpr char kIdentityName[] = "sSESSIONIDENTITY";
+constexpr char kKeyName[] = "sSESSIONKEY";
+constexpr char kAdvice[] = "; run \"lqhost join\" on this machine";
+
+}  // namespace
+
+Credentials::~Credentials() {
+  OPENSSL_cleanse(key.data(), key.size());
+}
+
+CWmError readCredentials(Credentials& credentials) {
+  LQPlatformInfo info(LQPI_Focus::getFocus());
+  std::string hex;
+  if (!info.getString(kSection, kIdentityName, credentials.identity) ||
+      !info.getString(kSection, kKeyName, hex)) {
+    std::string reason = "this machine holds no session key for the server";
+    if (info.getRegError() == kRegUnavailable)
+      return {kLqErrNoCredentials, reason + ": " + info.getRegErrorText()};
+    return {kLqErrNoCredentials, reason + kAdvice};
+  }
+  const bool usable = sessionKeyFromHex(hex, credentials.key) && !credentials.identity.empty() &&
+                      credentials.identity.size() <= kMaxIdentityBytes;
+  OPENSSL_cleanse(hex.data(), hex.size());
+  if (usable) return {};
+  return {kLqErrNoCredentials,
+          std::string("the session identity or key in this machine's registry is damaged") + kAdvice};
+}

@@ -1,0 +1,22 @@
+// What a machine proves itself with: its identity and the session key that it shares with the server.
+#pragma once
+
+#include <string>
+
+#include "platform/CWmError.h"
+
+struct Credentials {
+  Credentials() = default;
+  ~Credentials();  // wipes the key
+  Credentials(const Credentials&) = delete;
+  Credentials& operator=(const Credentials&) = delete;
+
+  std::string identity;
+  std::string key;  // kSessionKeyBytes bytes
+};
+
+// Longest identity that is sent or looked up.
+inline constexpr std::size_t kMaxIdentityBytes = 256;
+
+// Reads this machine's credentials for the current instance; kLqErrNoCredentials when it has none.
+CWmError readCredentials(Credentials& credentials);

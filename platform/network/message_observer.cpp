@@ -1,0 +1,43 @@
+#include "platform/network/message_observer.h"
+
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "platform/ObDebug.h"
+
+namespace {
+
+struct Registered {
+  std::mutex mutex;
+  std::shared_ptr<const CLqNetwork::Observer> observer;
+};
+
+// Never destroyed: sessions may be in use while the process ends.
+Registered& registered() {
+  static auto* const instance = new Registered;
+  return *instance;
+}
+
+}  // namespace
+
+void CLqNetwork::SetObserver(Observer observer) {
+  auto shared = observer ? std::make_shared<const Observer>(std::move(observer)) : nullptr;
+  const std::lock_guard<std::mutex> lock(registered().mutex);
+  registered().observer.swap(shared);
+}
+
+void observeMessage(CLqNetwork::Direction direction, const CNMessageBase& message) {
+  std::shared_ptr<const CLqNetwork::Observer> observer;
+  {
+    const std::lock_guard<std::mutex> lock(registered().mutex);
+    observer = registered().observer;
+  }
+  if (observer == nullptr) return;
+  try {
+    (*observer)(direction, message);
+  } catch (const std::exception& fault) {  // the message has gone its way; a reporter's fault is no session's
+    ObEvent().Error("observeMessage", "the message observer failed: %s", fault.what());
+  }
+}

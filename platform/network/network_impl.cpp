@@ -1,0 +1,224 @@
+#include "platform/network/network_impl.h"
+
+#include <openssl/crypto.h>
+
+#include "platform/network/attach_request.h"
+#include "platform/network/message_observer.h"
+
+namespace {
+
+// For the small frames that are sent without a time-out of the caller's: an answer, a refusal.
+constexpr int kShortFrameSeconds = 120;
+
+// A reason is for people; longer ones are cut, on both sides.
+constexpr std::size_t kMaxReasonBytes = 1024;
+
+std::string shortened(const std::string& reason) {
+  return reason.substr(0, kMaxReasonBytes);
+}
+
+Deadline shortFrameDeadline() {
+  return Deadline::in(kShortFrameSeconds);
+}
+
+CWmError notAttached() {
+  return {kLqErrNotConnected, "not attached"};
+}
+
+// The message's text form, wiped at the end: it holds protected strings in clear.
+struct ClearText {
+  ClearText() = default;
+  ~ClearText() { OPENSSL_cleanse(text.data(), text.size()); }
+  ClearText(const ClearText&) = delete;
+  ClearText& operator=(const ClearText&) = delete;
+  std::string text;
+};
+
+}  // namespace
+
+CWmError CLqNetwork::Impl::attach(const std::string& targetText, const lqsExecuteRemoteDllType& remoteLibrary,
+                                  const std::string& localName, const Deadline& deadline) {
+  peerName.clear();
+  peerText = "the server";
+  Target target;
+  CWmError error = parseTarget(targetText, target);
+  if (error.IsError()) return error;
+  peerText = target.host;
+
+  AttachRequest request;
+  request.version = kAttachProtocolVersion;
+  request.library = std::string(remoteLibrary.libraryName);
+  request.entry = std::string(remoteLibrary.entryName);
+  request.caller = localName;
+  std::string requestText;
+  if (!request.namesFit() || request.serialize(requestText, false) != 0)
+    return {kLqErrBadTarget, "the name of this machine cannot be sent"};
+
+  Credentials credentials;
+  error = readCredentials(credentials);
+  if (error.IsError()) return error;
+
+  frames = std::make_unique<FrameStream>(std::make_shared<TlsPsk>(credentials));
+  error = frames->connection().connect(target, deadline);
+  if (error.IsError()) return error;
+  peerText = target.host + " (" + frames->connection().address() + ")";
+  error = frames->connection().handshake(deadline);
+  if (error.IsError()) return error;
+  error = frames->send(FrameKind::kAttachRequest, requestText, deadline);
+  if (error.IsError()) return error;
+  error = awaitAttachReply(deadline);
+  if (error.IsError()) return error;
+
+  frames->setAttached();
+  state = State::kAttached;
+  peerName = target.host;
+  return {};
+}
+
+CWmError CLqNetwork::Impl::awaitAttachReply(const Deadline& deadline) {
+  Frame frame;
+  CWmError error = frames->receive(frame, deadline);
+  if (error.IsError()) return error;
+  switch (frame.kind) {
+    case FrameKind::kAttachConfirmed:
+      return {};
+    case FrameKind::kAttachRefused:
+      return {kLqErrAttachRefused, "refused: " + shortened(frame.payload)};
+    case FrameKind::kGoodbye:
+      return answerGoodbye();
+    default:
+      return unexpected(frame);
+  }
+}
+
+CWmError CLqNetwork::Impl::acceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
+                                        const Deadline& deadline) {
+  if (state != State::kAccepted) return {kLqErrNotConnected, "no caller waits here"};
+  CWmError error = frames->connection().handshake(deadline);
+  const std::string& identity = frames->connection().identity();
+  if (!identity.empty()) peerText = identity.substr(0, kMaxIdentityBytes) + " (" + peerText + ")";
+  if (error.IsError()) return error;
+  error = readAttachRequest(remoteLibrary, callerName, deadline);
+  if (error.IsError()) return error;
+  peerName = identity;
+  state = State::kAsked;
+  return {};
+}
+
+CWmError CLqNetwork::Impl::readAttachRequest(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
+                                             const Deadline& deadline) {
+  Frame frame;
+  CWmError error = frames->receive(frame, deadline);
+  if (error.IsError()) return error;
+  if (frame.kind != FrameKind::kAttachRequest) return unexpected(frame);
+  registerMessageClasses<AttachRequest>();
+  AttachRequest request;
+  std::string reason;
+  if (request.unserialize(frame.payload, &reason) != 0 || !request.namesFit())
+    return {kLqErrProtocol, "the attach request cannot be read: " + reason};
+  if (request.version.get() != kAttachProtocolVersion) {
+    const std::string text = "version " + std::to_string(request.version.get()) +
+                             " of the protocol is not spoken here, only version " +
+                             std::to_string(kAttachProtocolVersion);
+    frames->send(FrameKind::kAttachRefused, text, deadline);
+    frames->connection().shutdown();
+    return {kLqErrProtocol, text};
+  }
+  remoteLibrary = lqsExecuteRemoteDllType();
+  remoteLibrary.setNames(request.library, request.entry);
+  callerName = request.caller.get();
+  return {};
+}
+
+CWmError CLqNetwork::Impl::confirmAttach() {
+  if (state != State::kAsked) return {kLqErrNotConnected, "no caller waits for an answer"};
+  CWmError error = frames->send(FrameKind::kAttachConfirmed, {}, shortFrameDeadline());
+  if (error.IsError()) return error;
+  frames->setAttached();
+  state = State::kAttached;
+  return {};
+}
+
+CWmError CLqNetwork::Impl::refuseAttach(const std::string& reason) {
+  if (state != State::kAsked) return {};
+  CWmError error = frames->send(FrameKind::kAttachRefused, shortened(reason), shortFrameDeadline());
+  if (!error.IsError()) frames->connection().shutdown();
+  return error;
+}
+
+CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadline& deadline) {
+  if (state != State::kAttached) return notAttached();
+  ClearText clear;
+  if (message.serialize(clear.text, true) != 0)
+    return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
+  CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
+  if (!error.IsError()) observeMessage(Direction::kSent, message);
+  return error;
+}
+
+CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<CNMessageBase>& message,
+                                          const Deadline& deadline) {
+  if (state != State::kAttached) return notAttached();
+  Frame frame;
+  CWmError error = frames->receive(frame, deadline);
+  if (error.IsError()) return error;
+  switch (frame.kind) {
+    case FrameKind::kMessage:
+      break;
+    case FrameKind::kRequestRefused:
+      return {kLqErrRequestRefused, "request refused: " + shortened(frame.payload)};
+    case FrameKind::kGoodbye:
+      return answerGoodbye();
+    default:
+      return unexpected(frame);
+  }
+  if (rawText != nullptr) *rawText = frame.payload;
+  error = CNMessageBase::fromText(frame.payload, message);
+  if (error.IsError()) return {kLqErrBadMessage, error.AsString()};
+  observeMessage(Direction::kReceived, *message);
+  return {};
+}
+
+CWmError CLqNetwork::Impl::sendRefusal(const std::string& reason) {
+  if (state != State::kAttached) return notAttached();
+  return frames->send(FrameKind::kRequestRefused, shortened(reason), shortFrameDeadline());
+}
+
+CWmError CLqNetwork::Impl::sayGoodbye(const Deadline& deadline) {
+  CWmError error = frames->send(FrameKind::kGoodbye, {}, deadline);
+  // What the peer sent before its answer has nobody left to read it.
+  while (!error.IsError()) {
+    Frame frame;
+    error = frames->receive(frame, deadline);
+    if (!error.IsError() && frame.kind == FrameKind::kGoodbye) {
+      frames->connection().shutdown();
+      break;
+    }
+  }
+  return error;
+}
+
+CWmError CLqNetwork::Impl::awaitGoodbye(const Deadline& deadline) {
+  CWmError error;
+  while (!error.IsError()) {
+    Frame frame;
+    error = frames->receive(frame, deadline);
+    if (!error.IsError() && frame.kind == FrameKind::kGoodbye) {
+      answerGoodbye();
+      break;
+    }
+  }
+  return error;
+}
+
+CWmError CLqNetwork::Impl::answerGoodbye() {
+  if (!frames->send(FrameKind::kGoodbye, {}, shortFrameDeadline()).IsError()) frames->connection().shutdown();
+  close();
+  return {kLqErrNotConnected, "the peer has ended the session"};
+}
+
+CWmError CLqNetwork::Impl::unexpected(const Frame& frame) {
+  close();
+  return {kLqErrProtocol,
+          "a frame of kind " + std::to_string(static_cast<unsigned>(frame.kind)) + " has no place here"};
+}

@@ -1,0 +1,56 @@
+// The process's current instance, and the small views that each look at one section of the registry.
+#include <atomic>
+#include <mutex>
+#include <set>
+
+#include "platform/LQPlatformInfo.h"
+
+namespace {
+
+std::atomic<const char*> currentFocus{nullptr};
+
+// A copy of the text that stays for the life of the process; a host sets few different instances.
+const char* intern(const char* text) {
+  static std::mutex lock;
+  static auto* const texts = new std::set<std::string>;
+  const std::lock_guard guard(lock);
+  return texts->emplace(text).first->c_str();
+}
+
+const char* directoryOrNull(LQPlatformInfo& info, const char* section, const char* name,
+                            std::string& directory) {
+  return info.getDirectory(section, name, directory) ? directory.c_str() : nullptr;
+}
+
+}  // namespace
+
+const char* LQPI_Focus::getFocus() {
+  return currentFocus.load(std::memory_order_acquire);
+}
+
+void LQPI_Focus::setFocus(const char* focus) {
+  const bool none = focus == nullptr || *focus == '\0';
+  currentFocus.store(none ? nullptr : intern(focus), std::memory_order_release);
+}
+
+void LQPI_Session::setFocus(const char* focus) {
+  info_.setFocus(focus == nullptr ? "" : focus);
+}
+
+int LQPI_Session::IsAntiChatterFlagOn() {
+  std::int64_t flag = 1;
+  info_.getNumber("Session", "bANTICHATTER", flag);
+  return flag != 0 ? 1 : 0;
+}
+
+const char* LQPI_EventManager::getLogFilesDirectory() {
+  return directoryOrNull(info_, "EventManager", "dOBLOGDIR", directory_);
+}
+
+const char* LQPI_Base::getVelmorDirectory() {
+  return directoryOrNull(info_, "Base", "dVELMORHOME", directory_);
+}
+
+const char* LQPI_PlatformBase::getBaseHomeDirectory() {
+  return directoryOrNull(info_, "Base", "dBASEHOME", directory_);
+}

@@ -1,0 +1,233 @@
+// LQPlatformInfo: each call resolves its path, asks the store, and records the outcome on the object.
+#include "platform/LQPlatformInfo.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <limits>
+
+#include "platform/LqRegistryFile.h"
+#include "platform/registry/registry_path.h"
+#include "platform/registry/registry_store.h"
+
+using lqregistry::Outcome;
+using lqregistry::RegistryStore;
+using lqregistry::StoredValue;
+
+namespace {
+
+constexpr unsigned kTextType = 0;
+constexpr std::size_t kHostNameBuffer = 1024;
+
+Outcome badName(std::string reason) {
+  return {kRegBadName, std::move(reason)};
+}
+
+// The instance an object looks at: its own focus, else the process's.
+std::string_view instanceOf(const std::string& focus) {
+  if (!focus.empty()) return focus;
+  const char* current = LQPI_Focus::getFocus();
+  return current == nullptr ? std::string_view() : std::string_view(current);
+}
+
+// The absolute path of a key as seen by an object with this focus.
+Outcome locate(const std::string& key, const std::string& focus, std::string& path) {
+  std::string reason;
+  if (!lqregistry::ResolvePath(key, instanceOf(focus), path, reason)) return badName(std::move(reason));
+  return {};
+}
+
+Outcome locate(const std::string& key, const std::string& name, const std::string& focus, std::string& path) {
+  std::string reason;
+  if (!lqregistry::CheckValueName(name, reason)) return badName(std::move(reason));
+  return locate(key, focus, path);
+}
+
+// Reason, file, key and value in one text; empty for a success.
+std::string describe(const Outcome& outcome, const std::string& key, const std::string* name = nullptr) {
+  if (outcome.ok()) return {};
+  std::string text = outcome.reason + " (file \"" + lqregistry::File() + "\", key \"" + key + "\"";
+  if (name != nullptr) text += ", value \"" + *name + "\"";
+  return text + ")";
+}
+
+// The whole text as a decimal number.
+bool parseNumber(const std::string& text, std::int64_t& number) {
+  const char* end = text.data() + text.size();
+  std::int64_t parsed = 0;
+  const auto [stop, error] = std::from_chars(text.data(), end, parsed);
+  if (error != std::errc() || stop != end) return false;
+  number = parsed;
+  return true;
+}
+
+// Copies a text whole or not at all; a name that is cut would be another name.
+bool copyText(const std::string& text, char* buffer, std::size_t size) {
+  if (buffer == nullptr || size == 0) return false;
+  const bool fits = text.size() < size;
+  const std::size_t length = fits ? text.size() : 0;
+  std::memcpy(buffer, text.data(), length);
+  buffer[length] = '\0';
+  return fits && length != 0;
+}
+
+}  // namespace
+
+LQPlatformInfo::LQPlatformInfo(const char* focus) {
+  if (focus == nullptr) focus = LQPI_Focus::getFocus();
+  if (focus != nullptr) focus_ = focus;
+}
+
+bool LQPlatformInfo::record(int error, std::string text) {
+  lastError_ = error;
+  lastErrorText_ = std::move(text);
+  return error == kRegOk;
+}
+
+bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name, unsigned& type,
+                                 void* buffer, int& size) {
+  std::string path;
+  StoredValue value;
+  Outcome outcome = locate(key, name, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().readValue(path, name, value);
+  if (outcome.ok()) {
+    const std::size_t needed = value.data.size() + 1;  // a string's data() ends with a NUL
+    if (buffer != nullptr && size > 0 && needed <= static_cast<std::size_t>(size)) {
+      std::memcpy(buffer, value.data.data(), needed);
+      size = static_cast<int>(needed);
+      type = value.type;
+    } else {
+      outcome = {kRegBufferTooSmall, "the value needs a buffer of " + std::to_string(needed) + " bytes"};
+    }
+  }
+  return record(outcome.code, describe(outcome, key, &name));
+}
+
+bool LQPlatformInfo::setRegValue(const std::string& key, const std::string& name, unsigned type,
+                                 const void* data, int length) {
+  std::string path;
+  Outcome outcome = locate(key, name, focus_, path);
+  if (outcome.ok() && (length < 0 || (data == nullptr && length > 0)))
+    outcome = badName("the data has no length");
+  if (outcome.ok()) {
+    const std::string_view bytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
+    outcome = RegistryStore::get().writeValue(path, name, type, bytes);
+  }
+  return record(outcome.code, describe(outcome, key, &name));
+}
+
+bool LQPlatformInfo::createRegKey(const std::string& key) {
+  std::string path;
+  Outcome outcome = locate(key, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().createKey(path);
+  return record(outcome.code, describe(outcome, key));
+}
+
+bool LQPlatformInfo::delRegKey(const std::string& key) {
+  std::string path;
+  Outcome outcome = locate(key, focus_, path);
+  if (outcome.ok() && lqregistry::HoldsInstance(path, instanceOf(focus_)))
+    outcome = badName("the key is the root of the instance, or above it, and is not removed");
+  if (outcome.ok()) outcome = RegistryStore::get().removeKey(path);
+  return record(outcome.code, describe(outcome, key));
+}
+
+bool LQPlatformInfo::delRegField(const std::string& key, const std::string& name) {
+  std::string path;
+  Outcome outcome = locate(key, name, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().removeValue(path, name);
+  return record(outcome.code, describe(outcome, key, &name));
+}
+
+bool LQPlatformInfo::getSubKeys(const std::string& key, std::list<std::string>& names) {
+  std::string path;
+  Outcome outcome = locate(key, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().listSubKeys(path, names);
+  return record(outcome.code, describe(outcome, key));
+}
+
+bool LQPlatformInfo::getRegValues(const std::string& key, std::map<std::string, std::string>& values) {
+  std::string path;
+  Outcome outcome = locate(key, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().readValues(path, values);
+  return record(outcome.code, describe(outcome, key));
+}
+
+bool LQPlatformInfo::getString(const std::string& section, const std::string& name, std::string& out) {
+  std::string path;
+  StoredValue value;
+  Outcome outcome = locate(section, name, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().readValue(path, name, value);
+  if (outcome.ok()) out = std::move(value.data);
+  return record(outcome.code, describe(outcome, section, &name));
+}
+
+int LQPlatformInfo::setString(const std::string& section, const std::string& name, const std::string& value,
+                              int) {
+  std::string path;
+  Outcome outcome = locate(section, name, focus_, path);
+  if (outcome.ok()) outcome = RegistryStore::get().writeValueCreatingKey(path, name, kTextType, value);
+  return record(outcome.code, describe(outcome, section, &name)) ? 1 : 0;
+}
+
+bool LQPlatformInfo::getNumber(const std::string& section, const std::string& name, std::int64_t& out) {
+  std::string text;
+  if (!getString(section, name, text)) return false;
+  if (parseNumber(text, out)) return true;
+  const Outcome outcome{kRegValueMissing, "the value is not a number"};
+  return record(outcome.code, describe(outcome, section, &name));
+}
+
+bool LQPlatformInfo::setNumber(const std::string& section, const std::string& name, std::int64_t value) {
+  return setString(section, name, std::to_string(value), 0) != 0;
+}
+
+bool LQPlatformInfo::getDirectory(const std::string& section, const std::string& name, std::string& out) {
+  std::string text;
+  if (!getString(section, name, text)) return false;
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  out = std::move(text);
+  return true;
+}
+
+bool LQPlatformInfo::findOverhubHostName(char* buffer) {
+  std::string host;
+  getString("Overhub", "sOHHOSTNAME", host);
+  return copyText(host, buffer, kHostNameBuffer);
+}
+
+bool LQPlatformInfo::getOverhubClientName(char* buffer, std::size_t size) {
+  std::string client;
+  getString("Overhub", "sOHCLIENTNAME", client);
+  return copyText(client, buffer, size);
+}
+
+const char* LQPlatformInfo::getPhysicalMachine() {
+  return getString("Machine", "sPHYSICALNAME", physicalMachine_) ? physicalMachine_.c_str() : nullptr;
+}
+
+bool LQPlatformInfo::getClientHostName(const char* machine, char* buffer, std::size_t max) {
+  if (buffer == nullptr) return false;
+  buffer[0] = '\0';
+  if (machine == nullptr) return false;
+  std::string host = machine;
+  std::string thisMachine;
+  std::string hostOfThisMachine;
+  if (getString("Machine", "sPHYSICALNAME", thisMachine) && thisMachine == host &&
+      getString("Machine", "sHOSTNAME", hostOfThisMachine) && !hostOfThisMachine.empty())
+    host = std::move(hostOfThisMachine);
+  host.resize(std::min(host.size(), max));
+  return copyText(host, buffer, max + 1);
+}
+
+bool LQPlatformInfo::getClientNameFromHostName(const std::string& host, std::string& out) {
+  out.clear();
+  return !host.empty() && getString("Hosts/" + host, "sCLIENTNAME", out);
+}
+
+unsigned LQPlatformInfo::getLQPlatformType() {
+  std::int64_t bits = 0;
+  if (!getNumber("Machine", "nPLATFORMTYPE", bits)) return kPlatformUnix;
+  const bool plausible = bits >= 0 && bits <= std::numeric_limits<unsigned>::max();
+  return plausible ? static_cast<unsigned>(bits) : kPlatformUnix;
+}

@@ -1,0 +1,272 @@
+// Opening a registry file and talking SQL to it.
+//
+// Keys and values are rows. A key's row holds its full path, which makes a look-up one indexed query and a
+// subtree one index range, and its parent, which makes the children one index range as well. Names and data
+// are blobs: compared byte by byte, any byte allowed.
+#include "platform/registry/registry_connection.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace lqregistry {
+
+namespace {
+
+constexpr std::int64_t kApplicationId = 0x4C515247;  // "LQRG", at a fixed place in the file's header
+constexpr std::int64_t kSchemaVersion = 1;
+constexpr mode_t kFileMode = 0600;  // SQLite gives its companion files the mode of the main one
+constexpr int kPrimaryCode = 0xFF;  // of an SQLite result; the bits above tell more
+constexpr mode_t kPermissionBits = 0777;
+constexpr const char* kLogSuffix = "-wal";
+constexpr const char* kIndexSuffix = "-shm";
+
+constexpr const char* kLogMode = "PRAGMA journal_mode = WAL";
+constexpr const char* kSettings =
+    "PRAGMA synchronous = FULL;"
+    "PRAGMA foreign_keys = ON;";
+
+// The two numbers are those of kApplicationId and kSchemaVersion.
+constexpr const char* kSchema =
+    "CREATE TABLE keys ("
+    "  id INTEGER PRIMARY KEY,"
+    "  path BLOB NOT NULL UNIQUE,"
+    "  parent INTEGER NOT NULL,"
+    "  name BLOB NOT NULL);"
+    "CREATE UNIQUE INDEX keys_by_parent ON keys (parent, name);"
+    "CREATE TABLE key_values ("
+    "  key_id INTEGER NOT NULL REFERENCES keys (id) ON DELETE CASCADE,"
+    "  name BLOB NOT NULL,"
+    "  type INTEGER NOT NULL,"
+    "  data BLOB NOT NULL,"
+    "  PRIMARY KEY (key_id, name)) WITHOUT ROWID;"
+    "PRAGMA application_id = 0x4C515247;"
+    "PRAGMA user_version = 1;";
+
+constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatements = {
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
+    "SELECT id FROM keys WHERE path = ?1",
+    "INSERT INTO keys (path, parent, name) VALUES (?1, ?2, ?3)",
+    // ?2 and ?3 are the path followed by "/" and by the byte after it: between them lies all that is below.
+    "DELETE FROM keys WHERE path = ?1 OR (path > ?2 AND path < ?3)",
+    "SELECT name FROM keys WHERE parent = ?1 ORDER BY name",
+    "SELECT k.id, v.type, v.data FROM keys k LEFT JOIN key_values v ON v.key_id = k.id AND v.name = ?2 "
+    "WHERE k.path = ?1",
+    "INSERT OR REPLACE INTO key_values (key_id, name, type, data) VALUES (?1, ?2, ?3, ?4)",
+    "DELETE FROM key_values WHERE key_id = ?1 AND name = ?2",
+    "SELECT name, data FROM key_values WHERE key_id = ?1 ORDER BY name",
+};
+
+std::string systemText(int error) {
+  return std::generic_category().message(error);
+}
+
+Outcome unavailable(std::string reason) {
+  return {kRegUnavailable, std::move(reason)};
+}
+
+// What lies at a path before SQLite touches it.
+struct FileState {
+  bool exists = false;
+  bool empty = true;
+};
+
+Outcome inspect(const std::string& path, FileState& state) {
+  struct stat info {};
+  // The log first: when another process is just creating the registry, the file is written before it.
+  const bool hasLog = stat((path + kLogSuffix).c_str(), &info) == 0 && info.st_size != 0;
+  if (stat(path.c_str(), &info) == 0) {
+    if (!S_ISREG(info.st_mode)) return unavailable("it is not a file");
+    state = {true, info.st_size == 0};
+  } else if (errno != ENOENT) {
+    return unavailable(systemText(errno));
+  }
+  // SQLite would take an empty file for a new database and delete the log, which may hold all there is.
+  if (state.empty && hasLog)
+    return unavailable(
+        "it is missing or empty although its write-ahead log is not; restore it from a backup");
+  return {};
+}
+
+Outcome createFile(const std::string& path) {
+  const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+  if (file >= 0) {
+    ::close(file);
+  } else if (errno != EEXIST) {
+    return unavailable("it cannot be created: " + systemText(errno));
+  }
+  return {};
+}
+
+// Companion files that were created while the registry was read-only are so, too, and would keep it read-only
+// after its owner has made it writable again.
+void alignCompanions(const std::string& path) {
+  struct stat main {};
+  if (::access(path.c_str(), W_OK) != 0 || stat(path.c_str(), &main) != 0) return;
+  for (const char* suffix : {kLogSuffix, kIndexSuffix}) {
+    const std::string companion = path + suffix;
+    struct stat info {};
+    if (lstat(companion.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        (info.st_mode & kPermissionBits) != (main.st_mode & kPermissionBits))
+      chmod(companion.c_str(), main.st_mode & kPermissionBits);
+  }
+}
+
+}  // namespace
+
+Outcome Connection::open(const std::string& path, Access access, std::chrono::milliseconds wait) {
+  close();
+  FileState state;
+  Outcome outcome = inspect(path, state);
+  if (!outcome.ok()) return outcome;
+  if (!state.exists) {
+    if (access == Access::kReading) return {kRegKeyMissing, "the registry file does not exist"};
+    outcome = createFile(path);
+    if (!outcome.ok()) return outcome;
+  }
+  alignCompanions(path);
+  outcome = openChecked(path, access, wait);
+  if (!outcome.ok()) close();
+  return outcome;
+}
+
+Outcome Connection::openChecked(const std::string& path, Access access, std::chrono::milliseconds wait) {
+  // Read-write without "create": SQLite itself falls back to reading when the file allows no more.
+  int result = sqlite3_open_v2(path.c_str(), &database_,
+                               SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+  if (result != SQLITE_OK) return failure(result);
+  setWait(wait);
+
+  Identity identity;
+  result = identify(identity);
+  if (result != SQLITE_OK) return failure(result);
+  if (identity.blank()) {
+    if (access == Access::kReading) return {kRegKeyMissing, "nothing was written to the registry file yet"};
+  } else if (identity.applicationId != kApplicationId) {
+    return unavailable("it is a database of another application");
+  } else if (identity.version != kSchemaVersion) {
+    return unavailable("it has format " + std::to_string(identity.version) + ", this program knows format " +
+                       std::to_string(kSchemaVersion));
+  }
+
+  if (!isReadOnly()) result = configure(identity.blank());
+  return result == SQLITE_OK ? Outcome{} : failure(result);
+}
+
+int Connection::identify(Identity& identity) {
+  // One snapshot: another process may be creating the registry between two of these reads.
+  int result = execute("SAVEPOINT identify");
+  if (result == SQLITE_OK) result = readNumber("PRAGMA application_id", identity.applicationId);
+  if (result == SQLITE_OK) result = readNumber("PRAGMA user_version", identity.version);
+  if (result == SQLITE_OK) result = readNumber("SELECT count(*) FROM sqlite_schema", identity.tables);
+  if (result == SQLITE_OK) result = execute("RELEASE identify");
+  return result;
+}
+
+int Connection::configure(bool blank) {
+  int result = execute(kLogMode);
+  // The mode stays with the file. One that somebody copied into another mode works as well, just with more
+  // waiting, until it is opened at a moment when nobody uses it.
+  if ((result & kPrimaryCode) == SQLITE_BUSY && !blank) result = SQLITE_OK;
+  if (result == SQLITE_OK) result = execute(kSettings);
+  if (result == SQLITE_OK && blank) result = createSchema();
+  return result;
+}
+
+int Connection::createSchema() {
+  int result = execute("BEGIN IMMEDIATE");
+  if (result != SQLITE_OK) return result;
+  // Another process may have been first.
+  Identity identity;
+  result = identify(identity);
+  if (result == SQLITE_OK && identity.blank()) result = execute(kSchema);
+  if (result == SQLITE_OK) result = execute("COMMIT");
+  return result;
+}
+
+void Connection::close() {
+  for (auto& statement : statements_) {
+    sqlite3_finalize(statement);
+    statement = nullptr;
+  }
+  sqlite3_close(database_);
+  database_ = nullptr;
+}
+
+bool Connection::isReadOnly() const {
+  return sqlite3_db_readonly(database_, "main") == 1;
+}
+
+void Connection::setWait(std::chrono::milliseconds wait) {
+  sqlite3_busy_timeout(database_, static_cast<int>(wait.count()));
+}
+
+int Connection::run(Sql statement) {
+  const int result = Query(*this, statement).step();
+  return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+int Connection::execute(const char* sql) {
+  return sqlite3_exec(database_, sql, nullptr, nullptr, nullptr);
+}
+
+int Connection::readNumber(const char* sql, std::int64_t& number) {
+  sqlite3_stmt* statement = nullptr;
+  int result = sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr);
+  if (result != SQLITE_OK) return result;
+  if (sqlite3_step(statement) == SQLITE_ROW) number = sqlite3_column_int64(statement, 0);
+  return sqlite3_finalize(statement);
+}
+
+Outcome Connection::failure(int result) const {
+  const int kind = result & kPrimaryCode;
+  std::string reason = database_ != nullptr ? sqlite3_errmsg(database_) : sqlite3_errstr(result);
+  const int systemError = database_ != nullptr ? sqlite3_system_errno(database_) : 0;
+  if ((kind == SQLITE_CANTOPEN || kind == SQLITE_IOERR) && systemError != 0)
+    reason += ": " + systemText(systemError);
+  return {kRegUnavailable, std::move(reason), kind == SQLITE_BUSY};
+}
+
+Query::Query(Connection& connection, Sql statement) {
+  const auto index = static_cast<std::size_t>(statement);
+  auto& prepared = connection.statements_[index];
+  if (prepared == nullptr)
+    result_ = sqlite3_prepare_v3(connection.database_, kStatements[index], -1, SQLITE_PREPARE_PERSISTENT,
+                                 &prepared, nullptr);
+  statement_ = prepared;
+}
+
+Query::~Query() {
+  sqlite3_reset(statement_);
+  sqlite3_clear_bindings(statement_);
+}
+
+Query& Query::bind(std::string_view bytes) {
+  if (result_ != SQLITE_OK) return *this;
+  // A null pointer would bind NULL instead of no bytes.
+  const char* start = bytes.empty() ? "" : bytes.data();
+  result_ = sqlite3_bind_blob64(statement_, ++bound_, start, bytes.size(), SQLITE_STATIC);
+  return *this;
+}
+
+Query& Query::bind(std::int64_t number) {
+  if (result_ == SQLITE_OK) result_ = sqlite3_bind_int64(statement_, ++bound_, number);
+  return *this;
+}
+
+int Query::step() {
+  return result_ == SQLITE_OK ? sqlite3_step(statement_) : result_;
+}
+
+std::string_view Query::bytes(int column) const {
+  const void* start = sqlite3_column_blob(statement_, column);
+  const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
+  return start == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(start), size);
+}
+
+}  // namespace lqregistry

@@ -1,0 +1,118 @@
+// One SQLite connection to a registry file: opening it safely, and the prepared statements on it.
+//
+// Opening checks that the file is a registry before anything is written to it, and creates it only when the
+// caller means to write. A connection has no lock of its own; its owner lets one thread in at a time.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/LQPlatformInfo.h"
+
+namespace lqregistry {
+
+// What an operation came to: a kReg code and, unless it is kRegOk, the reason in words (without file, key and
+// value, which the caller adds).
+struct Outcome {
+  int code = kRegOk;
+  std::string reason;
+  bool locked = false;  // kRegUnavailable because another process held its lock for too long
+
+  bool ok() const { return code == kRegOk; }
+};
+
+enum class Access { kReading, kWriting };
+
+enum class Sql {
+  kBegin,
+  kCommit,
+  kRollback,
+  kFindKey,
+  kAddKey,
+  kRemoveSubtree,
+  kSubKeys,
+  kFindValue,
+  kPutValue,
+  kRemoveValue,
+  kValues,
+  kCount
+};
+
+class Connection {
+ public:
+  Connection() = default;
+  ~Connection() { close(); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Opens the registry at `path`, waiting up to `wait` for other processes now and in later statements.
+  // Reading a file that does not exist, or to which nothing was written yet, is kRegKeyMissing; writing
+  // creates the registry in it. A file that may only be read is opened for that, whatever was asked for.
+  Outcome open(const std::string& path, Access access, std::chrono::milliseconds wait);
+  void close();
+
+  bool isOpen() const { return database_ != nullptr; }
+  bool isReadOnly() const;
+  bool inTransaction() const { return isOpen() && sqlite3_get_autocommit(database_) == 0; }
+  void setWait(std::chrono::milliseconds wait);
+
+  // Runs a statement without parameters or results; an SQLite result code.
+  int run(Sql statement);
+  std::int64_t lastKeyId() const { return sqlite3_last_insert_rowid(database_); }
+
+  // The outcome for an SQLite result code that the last call on this connection gave.
+  Outcome failure(int result) const;
+
+ private:
+  friend class Query;
+
+  struct Identity {
+    std::int64_t applicationId = 0;
+    std::int64_t version = 0;
+    std::int64_t tables = 0;
+    bool blank() const { return applicationId == 0 && version == 0 && tables == 0; }
+  };
+
+  Outcome openChecked(const std::string& path, Access access, std::chrono::milliseconds wait);
+  int identify(Identity& identity);
+  int configure(bool blank);
+  int createSchema();
+  int readNumber(const char* sql, std::int64_t& number);
+  int execute(const char* sql);
+
+  sqlite3* database_ = nullptr;
+  std::array<sqlite3_stmt*, static_cast<std::size_t>(Sql::kCount)> statements_{};
+};
+
+// One use of a prepared statement: bind, step, read columns. Bound bytes must outlive it; the statement is
+// free for the next use when it ends.
+class Query {
+ public:
+  Query(Connection& connection, Sql statement);
+  ~Query();
+  Query(const Query&) = delete;
+  Query& operator=(const Query&) = delete;
+
+  Query& bind(std::string_view bytes);
+  Query& bind(std::int64_t number);
+
+  // SQLITE_ROW, SQLITE_DONE or an error.
+  int step();
+
+  bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+  std::int64_t number(int column) const { return sqlite3_column_int64(statement_, column); }
+  // Valid until the next step.
+  std::string_view bytes(int column) const;
+
+ private:
+  sqlite3_stmt* statement_ = nullptr;
+  int result_ = SQLITE_OK;  // the first error of preparing or binding
+  int bound_ = 0;
+};
+
+}  // namespace lqregistry

@@ -1,0 +1,22 @@
+// Turns the key paths that callers write into absolute ones, and checks the bounds on names.
+//
+// Pure functions over strings, callable from any thread; nothing here knows of the store.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace lqregistry {
+
+// Resolves `key` as seen from `instance` (may be empty) into `path`: components joined by "/", none empty.
+// False with a reason for people when the path holds a NUL, is too long, or needs an instance and there is
+// none.
+bool ResolvePath(std::string_view key, std::string_view instance, std::string& path, std::string& reason);
+
+// False with a reason when a value cannot have this name.
+bool CheckValueName(std::string_view name, std::string& reason);
+
+// True for the root of `instance` and for the keys above every instance's root.
+bool HoldsInstance(std::string_view path, std::string_view instance);
+
+}  // namespace lqregistry

@@ -1,0 +1,281 @@
+// The store's operations: opening at first use, look-ups, and what each write does. How a write becomes a
+// transaction is in registry_transactions.cpp.
+#include "platform/registry/registry_store.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
+#include "platform/LqRegistryFile.h"
+#include "platform/ObDebug.h"
+
+namespace lqregistry {
+
+namespace {
+
+constexpr const char* kFileVariable = "VELMOR_REGISTRY";
+constexpr std::int64_t kNoParent = 0;
+
+Outcome keyMissing() {
+  return {kRegKeyMissing, "the key does not exist"};
+}
+Outcome valueMissing() {
+  return {kRegValueMissing, "the value does not exist"};
+}
+
+std::string absolutePath(const std::string& path) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.string();
+}
+
+}  // namespace
+
+RegistryStore& RegistryStore::get() {
+  // Never destroyed: threads that outlive main() may still read. The connection is closed all the same, so
+  // that a program which ends leaves one tidy file behind.
+  static auto* const store = new RegistryStore;
+  static const struct Closer {
+    ~Closer() { store->closeAtExit(); }
+  } closer;
+  return *store;
+}
+
+void RegistryStore::closeAtExit() {
+  const std::unique_lock writer(writerLock_, std::try_to_lock);
+  if (!writer.owns_lock()) return;
+  const std::lock_guard connection(connectionLock_);
+  // A forked child must not close what its parent uses.
+  if (openedBy_ == getpid()) connection_.close();
+}
+
+void RegistryStore::useFile(const std::string& path) {
+  const std::lock_guard writer(writerLock_);
+  const std::lock_guard connection(connectionLock_);
+  connection_.close();
+  path_ = path.empty() ? path : absolutePath(path);
+  readFault_.clear();
+  writeFault_.clear();
+}
+
+std::string RegistryStore::file() {
+  const std::lock_guard connection(connectionLock_);
+  return pathInForce();
+}
+
+const std::string& RegistryStore::pathInForce() {
+  if (path_.empty()) {
+    const char* variable = std::getenv(kFileVariable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+    path_ = absolutePath(variable != nullptr && *variable != '\0' ? variable : kDefaultFile);
+  }
+  return path_;
+}
+
+Outcome RegistryStore::openFor(Access access) {
+  const std::string& path = pathInForce();
+  if (connection_.isOpen()) {
+    if (access == Access::kReading || !connection_.isReadOnly()) return {};
+    // The file may have become writable since it was opened.
+    if (::access(path.c_str(), W_OK) != 0) return {kRegUnavailable, "the file is read-only"};
+  }
+  Outcome outcome = connection_.open(path, access, wait_);
+  if (!outcome.ok()) return outcome;
+  openedBy_ = getpid();
+  if (access == Access::kWriting && connection_.isReadOnly())
+    return {kRegUnavailable, "the file is read-only"};
+  return {};
+}
+
+Outcome RegistryStore::read(const std::function<Outcome()>& look) {
+  const std::lock_guard connection(connectionLock_);
+  Outcome outcome = openFor(Access::kReading);
+  if (outcome.ok()) outcome = look();
+  if (outcome.code == kRegUnavailable)
+    reportFailure(Access::kReading, outcome);
+  else
+    reportSuccess(Access::kReading);
+  return outcome;
+}
+
+Outcome RegistryStore::readValue(const std::string& key, const std::string& name, StoredValue& value) {
+  return read([&] {
+    Slot slot;
+    Outcome outcome = findSlot(key, name, slot);
+    if (!outcome.ok()) return outcome;
+    if (!slot.keyExists) return keyMissing();
+    if (!slot.valueExists) return valueMissing();
+    value = std::move(slot.value);
+    return Outcome{};
+  });
+}
+
+Outcome RegistryStore::readValues(const std::string& key, std::map<std::string, std::string>& values) {
+  return read([&] {
+    std::int64_t id = 0;
+    Outcome outcome = findKey(key, id);
+    if (!outcome.ok()) return outcome;
+    std::map<std::string, std::string> found;
+    Query query(connection_, Sql::kValues);
+    int result = query.bind(id).step();
+    for (; result == SQLITE_ROW; result = query.step())
+      found.emplace_hint(found.end(), query.bytes(0), query.bytes(1));
+    if (result != SQLITE_DONE) return connection_.failure(result);
+    values.swap(found);
+    return Outcome{};
+  });
+}
+
+Outcome RegistryStore::listSubKeys(const std::string& key, std::list<std::string>& names) {
+  return read([&] {
+    std::int64_t id = 0;
+    Outcome outcome = findKey(key, id);
+    if (!outcome.ok()) return outcome;
+    std::list<std::string> found;
+    Query query(connection_, Sql::kSubKeys);
+    int result = query.bind(id).step();
+    for (; result == SQLITE_ROW; result = query.step()) found.emplace_back(query.bytes(0));
+    if (result != SQLITE_DONE) return connection_.failure(result);
+    names.splice(names.end(), found);
+    return Outcome{};
+  });
+}
+
+Outcome RegistryStore::createKey(const std::string& key) {
+  std::int64_t id = 0;
+  const auto look = [&](bool& needed) {
+    Outcome outcome = findKey(key, id);
+    needed = outcome.code == kRegKeyMissing;
+    return needed ? Outcome{} : outcome;
+  };
+  return change({true, look, [&] { return ensureKey(key, id); }});
+}
+
+Outcome RegistryStore::writeValue(const std::string& key, const std::string& name, unsigned type,
+                                  std::string_view data) {
+  Slot slot;
+  const auto look = [&](bool& needed) {
+    Outcome outcome = findSlot(key, name, slot);
+    if (outcome.ok() && !slot.keyExists) return keyMissing();
+    needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
+    return outcome;
+  };
+  return change({false, look, [&] { return putValue(slot.keyId, name, type, data); }});
+}
+
+Outcome RegistryStore::writeValueCreatingKey(const std::string& key, const std::string& name, unsigned type,
+                                             std::string_view data) {
+  Slot slot;
+  const auto look = [&](bool& needed) {
+    Outcome outcome = findSlot(key, name, slot);
+    needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
+    return outcome;
+  };
+  const auto act = [&] {
+    const int result = slot.keyExists ? SQLITE_OK : ensureKey(key, slot.keyId);
+    return result == SQLITE_OK ? putValue(slot.keyId, name, type, data) : result;
+  };
+  return change({true, look, act});
+}
+
+Outcome RegistryStore::removeKey(const std::string& key) {
+  const auto look = [&](bool& needed) {
+    std::int64_t id = 0;
+    needed = true;
+    return findKey(key, id);
+  };
+  const auto act = [&] {
+    const std::string afterKey = key + '/';
+    const std::string afterSubtree = key + static_cast<char>('/' + 1);
+    return Query(connection_, Sql::kRemoveSubtree).bind(key).bind(afterKey).bind(afterSubtree).step();
+  };
+  return change({false, look, act});
+}
+
+Outcome RegistryStore::removeValue(const std::string& key, const std::string& name) {
+  Slot slot;
+  const auto look = [&](bool& needed) {
+    Outcome outcome = findSlot(key, name, slot);
+    if (!outcome.ok()) return outcome;
+    if (!slot.keyExists) return keyMissing();
+    if (!slot.valueExists) return valueMissing();
+    needed = true;
+    return Outcome{};
+  };
+  return change({false, look,
+                 [&] { return Query(connection_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step(); }});
+}
+
+Outcome RegistryStore::findSlot(const std::string& key, const std::string& name, Slot& slot) {
+  slot = {};
+  Query query(connection_, Sql::kFindValue);
+  const int result = query.bind(key).bind(name).step();
+  if (result == SQLITE_DONE) return {};
+  if (result != SQLITE_ROW) return connection_.failure(result);
+  slot.keyExists = true;
+  slot.keyId = query.number(0);
+  slot.valueExists = !query.isNull(1);
+  if (slot.valueExists) slot.value = {static_cast<unsigned>(query.number(1)), std::string(query.bytes(2))};
+  return {};
+}
+
+Outcome RegistryStore::findKey(std::string_view key, std::int64_t& id) {
+  const int result = lookUpKey(key, id);
+  if (result == SQLITE_ROW) return {};
+  return result == SQLITE_DONE ? keyMissing() : connection_.failure(result);
+}
+
+int RegistryStore::lookUpKey(std::string_view key, std::int64_t& id) {
+  Query query(connection_, Sql::kFindKey);
+  const int result = query.bind(key).step();
+  if (result == SQLITE_ROW) id = query.number(0);
+  return result;
+}
+
+int RegistryStore::ensureKey(const std::string& key, std::int64_t& id) {
+  // Up to the nearest key that exists, and down again.
+  std::vector<std::string_view> missing;
+  std::string_view path = key;
+  id = kNoParent;
+  while (!path.empty()) {
+    const int result = lookUpKey(path, id);
+    if (result == SQLITE_ROW) break;
+    if (result != SQLITE_DONE) return result;
+    missing.push_back(path);
+    const auto separator = path.rfind('/');
+    path = separator == std::string_view::npos ? std::string_view() : path.substr(0, separator);
+  }
+  std::reverse(missing.begin(), missing.end());
+  for (const auto next : missing) {
+    const auto name = next.substr(next.rfind('/') + 1);  // npos + 1 is the start
+    const int result = Query(connection_, Sql::kAddKey).bind(next).bind(id).bind(name).step();
+    if (result != SQLITE_DONE) return result;
+    id = connection_.lastKeyId();
+  }
+  return SQLITE_OK;
+}
+
+int RegistryStore::putValue(std::int64_t keyId, const std::string& name, unsigned type,
+                            std::string_view data) {
+  Query query(connection_, Sql::kPutValue);
+  return query.bind(keyId).bind(name).bind(std::int64_t{type}).bind(data).step();
+}
+
+void RegistryStore::reportSuccess(Access access) {
+  readFault_.clear();
+  if (access == Access::kWriting) writeFault_.clear();
+}
+
+void RegistryStore::reportFailure(Access access, const Outcome& outcome) {
+  // Ten thousand records against a full disk are one line, not ten thousand.
+  std::string& fault = access == Access::kReading ? readFault_ : writeFault_;
+  const bool known = outcome.reason == readFault_ || outcome.reason == writeFault_;
+  fault = outcome.reason;
+  if (known) return;
+  ObEvent().Error("lqregistry::RegistryStore", "The registry file %s cannot be %s: %s", pathInForce().c_str(),
+                  access == Access::kReading ? "read" : "written", outcome.reason.c_str());
+}
+
+}  // namespace lqregistry

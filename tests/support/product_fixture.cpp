@@ -1,0 +1,201 @@
+#include "tests/support/product_fixture.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+
+#include "platform/CLqNetwork.h"
+#include "platform/LQClient.h"
+#include "platform/LqRegistryFile.h"
+
+using test_support::PeerSession;
+
+OBGui::RegistryKeyInfo record(const std::string& keyPath, const std::string& valueName,
+                              const std::string& value, const std::string& valueType) {
+  OBGui::RegistryKeyInfo key;
+  key.keyPath = keyPath;
+  key.valueName = valueName;
+  key.value = value;
+  key.valueType = valueType;
+  key.deleteFlag = 0;
+  key.enabledFlag = 1;
+  return key;
+}
+
+OBGui::RegistryKeyInfo removal(const std::string& keyPath, const std::string& valueName,
+                               const std::string& valueType) {
+  OBGui::RegistryKeyInfo key = record(keyPath, valueName, "", valueType);
+  key.deleteFlag = 1;
+  return key;
+}
+
+OBGui::RegistryKeyInfo secretRecord(const std::string& keyPath, const std::string& valueName,
+                                    const std::string& secret) {
+  OBGui::RegistryKeyInfo key = record(keyPath, valueName, "protected", "ENCRYPTED");
+  key.encryptedValue = pstring(secret);
+  return key;
+}
+
+std::string batchText(const OBGui::KeyList& keys) {
+  OBGui::RegistryTaskResp batch;
+  batch.keys = keys;
+  std::string text;
+  EXPECT_EQ(batch.serialize(text, true), 0);
+  return text;
+}
+
+std::string asText(const oblog::Line& line) {
+  const std::string kind = line.kind == oblog::Kind::kError   ? "error"
+                           : line.kind == oblog::Kind::kPlain ? "plain"
+                                                              : std::to_string(line.level);
+  return kind + "|" + line.tag + "|" + line.text;
+}
+
+std::vector<std::string> linesOf(const oblog::Capture& log, const std::string& tagPrefix) {
+  std::vector<std::string> lines;
+  for (const oblog::Line& line : log.Lines())
+    if (line.tag.starts_with(tagPrefix)) lines.push_back(asText(line));
+  return lines;
+}
+
+testing::AssertionResult hasLine(const oblog::Capture& log, const std::string& start) {
+  std::string all;
+  for (const std::string& line : linesOf(log)) {
+    if (line.starts_with(start)) return testing::AssertionSuccess();
+    all += "\n  " + line;
+  }
+  return testing::AssertionFailure() << "no line begins with\n  " << start << "\namong" << all;
+}
+
+ProductTest::ProductTest() {
+  oblog::Settings quiet;  // what a test wants to know of the log, it captures
+  quiet.toStandardError = false;
+  oblog::Configure(quiet);
+  OBGui::RegisterSubsystem();
+  unsetenv("VELMOR_VM");
+  lqregistry::UseFile(registryFile_);
+  pstring::UseKeyFile(registryFile_ + ".key");
+  LQPI_Focus::setFocus("Instance001");
+}
+
+ProductTest::~ProductTest() {
+  lqregistry::UseFile("/nowhere");  // closes this test's file
+  LQPI_Focus::setFocus(nullptr);
+}
+
+void ProductTest::join() {
+  sessionKey_ = newSessionKeyHex();
+  lqregistry::WriteBatch batch;
+  ASSERT_TRUE(LQClient::recordClient("client42", kClientId));
+  setValue("Overhub", "sOHHOSTNAME", address_);
+  setValue("Overhub", "sOHCLIENTNAME", "overhub");
+  setValue("Overhub", "sSESSIONIDENTITY", "client42");
+  setValue("Overhub", "sSESSIONKEY", sessionKey_);
+  setValue("Machine", "sPHYSICALNAME", "machine42");
+  setValue("Machine", "sHOSTNAME", "host42");
+  setValue("Machine", "nPLATFORMTYPE", "4");
+  setValue("Hosts/host42", "sCLIENTNAME", "client42");
+  setValue("Base", "dVELMORHOME", "/opt/x");
+  setValue("Base", "dBASEHOME", dir_.path().string());
+  setValue("EventManager", "bEnableRegistrySync", "1");
+  setValue("EventManager", "dOBLOGDIR", "/opt/x/Log_Files");
+  setValue("Session", "bANTICHATTER", "0");
+  ASSERT_TRUE(batch.commit());
+}
+
+std::optional<std::string> ProductTest::valueOf(const std::string& key, const std::string& name) {
+  LQPlatformInfo info;
+  std::string value;
+  return info.getString(key, name, value) ? std::optional(value) : std::nullopt;
+}
+
+void ProductTest::setValue(const std::string& key, const std::string& name, const std::string& value) {
+  LQPlatformInfo info;
+  EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
+}
+
+void ProductTest::removeValue(const std::string& key, const std::string& name) {
+  LQPlatformInfo info;
+  EXPECT_TRUE(info.delRegField(key, name)) << info.getRegErrorText();
+}
+
+FullDisk::FullDisk(std::uintmax_t bytes) : handlerBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  limitBefore_ = limit.rlim_cur;
+  limit.rlim_cur = bytes;
+  setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FullDisk::~FullDisk() {
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  limit.rlim_cur = limitBefore_;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  std::signal(SIGXFSZ, handlerBefore_);
+}
+
+PlayedServer::PlayedServer(const std::string& address, const std::string& sessionKey,
+                           std::vector<Script> scripts)
+    : scripts_(std::move(scripts)),
+      peer_(address, 8400, "client42", sessionKey,
+            [this, next = std::size_t{0}](PeerSession& session) mutable {
+              Stage stage(session, *this);
+              if (next < scripts_.size()) scripts_[next++](stage);
+            }) {}
+
+void PlayedServer::keep(std::vector<std::string>& where, const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  where.push_back(text);
+}
+
+std::vector<std::string> PlayedServer::attachments() {
+  const std::lock_guard lock(mutex_);
+  return attachments_;
+}
+
+std::vector<std::string> PlayedServer::messages() {
+  const std::lock_guard lock(mutex_);
+  return messages_;
+}
+
+bool PlayedServer::Stage::acceptAttach() {
+  if (!peer.handshake()) return false;
+  const test_support::PeerFrame request = peer.readFrame();
+  if (request.kind != PeerSession::kAttach) return false;
+  server_.keep(server_.attachments_, request.payload);
+  peer.writeFrame(PeerSession::kConfirm);
+  return true;
+}
+
+void PlayedServer::Stage::takeMessage() {
+  const test_support::PeerFrame frame = peer.readFrame();
+  if (frame.kind == PeerSession::kMessage) server_.keep(server_.messages_, frame.payload);
+}
+
+PlayedServer::Script answering(const std::string& text) {
+  return [text](PlayedServer::Stage& stage) {
+    if (!stage.acceptAttach()) return;
+    stage.takeMessage();
+    stage.peer.writeFrame(PeerSession::kMessage, text);
+    stage.peer.answerGoodbye();
+  };
+}
+
+PlayedServer::Script taking() {
+  return [](PlayedServer::Stage& stage) {
+    if (!stage.acceptAttach()) return;
+    stage.takeMessage();
+    stage.peer.answerGoodbye();
+  };
+}
+
+PlayedServer::Script refusing(const std::string& reason) {
+  return [reason](PlayedServer::Stage& stage) {
+    if (!stage.peer.handshake()) return;
+    stage.peer.readFrame();
+    stage.peer.writeFrame(PeerSession::kRefuse, reason);
+    stage.peer.waitForClose();
+  };
+}

@@ -1,0 +1,65 @@
+// What every test needs: a folder of its own, a loopback address of its own, programs run as a user runs them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+// A fresh folder, removed with everything in it at the end.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  std::filesystem::path path() const { return path_; }
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A loopback address that no other test process uses at this moment; another one at each call.
+std::string uniqueLoopbackAddress();
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& contents);
+
+struct ProgramResult {
+  int exitCode = -1;  // 128 + signal number when a signal ended it
+  std::string out;    // standard output and standard error, each in order
+  std::string err;
+};
+
+// The built program of that name ("lqreg", "overhub", "lqhost").
+std::string programPath(const std::string& name);
+
+// Runs a program to its end. `environment` entries ("NAME=value") are added to this process's own.
+ProgramResult runProgram(const std::vector<std::string>& command, const std::vector<std::string>& environment = {});
+
+// A program running in the background; killed at the end if it still runs. Its standard output and standard
+// error go to `logFile`.
+class BackgroundProgram {
+ public:
+  BackgroundProgram(const std::vector<std::string>& command, const std::string& logFile);
+  ~BackgroundProgram();
+  BackgroundProgram(const BackgroundProgram&) = delete;
+  BackgroundProgram& operator=(const BackgroundProgram&) = delete;
+
+  // Waits until the log file holds `text`; false when the program ended, or a minute passed, without it.
+  bool waitForOutput(const std::string& text) const;
+  std::string output() const;
+  // Sends SIGTERM and waits for the end; the exit code as in ProgramResult.
+  int stop();
+
+ private:
+  pid_t pid_ = -1;
+  std::string logFile_;
+};
+
+}  // namespace test_support
