@@ -1,0 +1,38 @@
+#include "records/record_conversion.h"
+
+unsigned getKeyType(const std::string&) {
+  return 0;
+}
+
+std::string getKeyString(unsigned) {
+  return "STRING";
+}
+
+namespace {
+
+// The application namespace's word for what the registry calls "STRING"; exact, so "value" stays "value".
+constexpr const char* kAppValueType = "VALUE";
+
+OBGui::RegistryKeyInfo converted(const App::RegistryKeyInfo& source) {
+  OBGui::RegistryKeyInfo record;
+  record.valueName = source.valueName.get();
+  record.valueType = source.valueType.get() == kAppValueType ? getKeyString(0) : source.valueType.get();
+  record.value = source.value.get();
+  record.keyPath = source.keyPath.get();
+  record.deleteFlag = source.deleteFlag.get();
+  record.enabledFlag = source.enabledFlag.get();
+  // The fields above are always written, an unset one with its default; these two only when there is
+  // something to write, because applying a record tells an absent protected value or association from an
+  // empty one.
+  if (source.encryptedValue.isSet()) record.encryptedValue = source.encryptedValue.get();
+  if (source.association.isSet() && source.association->id.isSet() && source.association->id != 0)
+    record.association = source.association.get();
+  return record;
+}
+
+}  // namespace
+
+void appendConverted(OBGui::KeyList& out, const App::KeyList& in) {
+  out.reserve(out.size() + in.size());
+  for (const App::RegistryKeyInfo& source : in) out.push_back(converted(source));
+}

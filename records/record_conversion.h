@@ -1,0 +1,18 @@
+// Type words, and the conversion of key records from the application-message namespace.
+#pragma once
+
+#include <string>
+
+#include "platform/LqExport.h"
+#include "records/App.h"
+#include "records/OBGui.h"
+
+// The registry's numeric value type for a type word: 0 for every word. The mapping is flat on purpose: every
+// value is stored with type 0, and its bytes are handed back unchanged.
+LQ_EXPORT unsigned getKeyType(const std::string& typeWord);
+
+// The type word for a numeric value type: "STRING" for every number, the counterpart of getKeyType.
+LQ_EXPORT std::string getKeyString(unsigned type);
+
+// Appends the OBGui form of each record of `in` to `out`, in order.
+void appendConverted(OBGui::KeyList& out, const App::KeyList& in);

@@ -1,0 +1,140 @@
+// Applying a key list: expiry, writing and removing each record, and handing changes to their callbacks.
+//
+// The writes of a pass are one batch. Where a change has a callback, the batch is put on disk before the
+// callback is queued, so that no module is told of a change that a power cut could take back.
+#include <strings.h>
+
+#include <array>
+
+#include "platform/LqRegistryFile.h"
+#include "records/record_conversion.h"
+#include "registry_client/LqRegistryChangeMgr.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "registry_client/key_records.h"
+
+namespace {
+
+// A current value is read into this many bytes to see whether it changes.
+constexpr int kOldValueBuffer = 1024;
+constexpr int kDetail = 10;
+constexpr const char* kApplyTag = "LqRegistryManager::updateRegistryKeysForClient";
+
+// One pass over a key list. Every record is tried; once one has failed, no further callback is queued,
+// because callbacks run only for a pass that is clean so far.
+class ApplyPass {
+ public:
+  explicit ApplyPass(LqRegistryManagerClnt& client) : client_(client) {}
+
+  void apply(const OBGui::RegistryKeyInfo& key) {
+    const bool hasCallback = changes_.IsCallBackRegistered(key.keyPath, key.valueName);
+    if (isToBeRemoved(key)) {
+      remove(key, hasCallback);
+    } else {
+      write(key, hasCallback);
+    }
+  }
+
+  // Puts the pass on disk; the pass's result.
+  int finish() {
+    if (!batch_.commit()) failToWrite();
+    return failed_ ? kResultFailed : kResultOk;
+  }
+
+ private:
+  void write(const OBGui::RegistryKeyInfo& key, bool hasCallback) {
+    std::string oldValue;
+    const bool readFailed = hasCallback && !readCurrentValue(key, oldValue);
+    if (client_.createRegistryKey(&key) == kResultFailed) failed_ = true;
+    // Without a callback there is nobody to tell, and no need to know whether the value changed.
+    if (!hasCallback || failed_) return;
+    // In any letter case here, exactly in createRegistryKey: on purpose.
+    const bool isProtected = strcasecmp(key.valueType->c_str(), ENCRYPTEDTYPE) == 0;
+    const std::string newValue = isProtected ? key.encryptedValue->getV8Password() : key.value.get();
+    if (readFailed || newValue != oldValue) notify(key);
+  }
+
+  void remove(const OBGui::RegistryKeyInfo& key, bool hasCallback) {
+    bool changed = false;
+    if (hasCallback && key.deleteFlag != 0) {
+      changed = true;
+    } else if (hasCallback && key.enabledFlag == 0) {
+      changed = client_.isRegistryKeyExists(&key);
+    }
+    if (client_.deleteRegistryKey(&key) == kResultFailed) failed_ = true;
+    if (!failed_ && changed) notify(key);
+  }
+
+  void notify(const OBGui::RegistryKeyInfo& key) {
+    if (!batch_.flush()) {
+      failToWrite();
+      return;
+    }
+    changes_.HandleCallbackForRegistry(key);
+  }
+
+  bool readCurrentValue(const OBGui::RegistryKeyInfo& key, std::string& value) {
+    unsigned type = getKeyType(key.valueType);
+    std::array<char, kOldValueBuffer> buffer{};
+    int size = kOldValueBuffer;
+    // Always below the instance root, even for a path that is absolute or begins with "~" already: such a
+    // value cannot be read here, and therefore counts as changed.
+    const std::string path = "~" + key.keyPath.get();
+    if (!client_.platformInfo.getRegValue(path, key.valueName, type, buffer.data(), size)) return false;
+    value = buffer.data();
+    client_.logger.DebugLvl(kDetail, kApplyTag, "set value = %s for key = %s", value.c_str(),
+                            key.valueName->c_str());
+    return true;
+  }
+
+  void failToWrite() {
+    client_.regStatus = kRegStatusWriteFailed;
+    failed_ = true;
+  }
+
+  LqRegistryManagerClnt& client_;
+  const LqRegistryChangeMgr& changes_ = *LqRegistryChangeMgr::GetInstance();
+  lqregistry::WriteBatch batch_;
+  bool failed_ = false;
+};
+
+}  // namespace
+
+int LqRegistryManagerClnt::updateRegistryKeysForClient(OBGui::KeyList& keys) {
+  const ObEvent event;
+  LqRegistryChangeMgr::GetInstance();  // starts the callback pool on first use, even for an empty list
+  if (keys.empty()) {
+    event.DebugLvl(kDetail, kApplyTag, "NO RECODRDS FOR CLIENT REGISTRY KEYS");
+    return kResultOk;
+  }
+  markExpired(keys);
+  ApplyPass pass(*this);
+  for (const OBGui::RegistryKeyInfo& key : keys) pass.apply(key);
+  return pass.finish();
+}
+
+bool LqRegistryManagerClnt::updateRegistryAndSendResponse(OBGui::KeyList& keys,
+                                                          OBGui::RegistryTaskResp& response) {
+  const bool applied = updateRegistryKeysForClient(keys) == kResultOk;
+  response.taskStatus = applied ? OBGui::kTaskSuccess : OBGui::kTaskFailed;
+  if (!sendWithoutReply(response))
+    logger.Error("updateRegistryAndSendResponse", "Failed to send the response to the server");
+  return applied;
+}
+
+unsigned LqRegistryManagerClnt::updateRegistryKeyForTPPM(App::KeyList& keys) {
+  constexpr const char* kTag = "LqRegistryManagerClnt::updateRegistryKeyForTPPM";
+  const ObEvent event;
+  if (const char* focus = LQPI_Focus::getFocus()) platformInfo.setFocus(focus);
+  event.DebugLvl(2, kTag, "Started updating registry for TPPM settings");
+  OBGui::KeyList converted;
+  AppToObGui(converted, keys);
+  updateRegistryKeysForClient(converted);
+  event.DebugLvl(2, kTag, "Completed updating registry for TPPM settings");
+  // What the last registry operation left, not the apply result: on purpose.
+  return static_cast<unsigned>(regStatus);
+}
+
+bool LqRegistryManagerClnt::AppToObGui(OBGui::KeyList& out, const App::KeyList& in) {
+  appendConverted(out, in);
+  return !out.empty();
+}

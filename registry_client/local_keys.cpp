@@ -1,0 +1,125 @@
+// One key record against the local registry: test, write, delete. The only place where applying touches it.
+#include <strings.h>
+
+#include <array>
+
+#include "records/record_conversion.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "registry_client/key_records.h"
+
+namespace {
+
+// Values are tested by reading them; a longer one counts as a read that failed, which does not stop a write.
+constexpr int kValueBuffer = 10240;
+
+// The only sub-key that the server may create, in any letter case, and the field that makes it exist.
+constexpr const char* kCreatableSubKey = "Local";
+constexpr const char* kMarkerField = ".internal.unique_id";
+constexpr const char* kMarkerValue = "0";
+
+constexpr const char* kCreateTag = "LqRegistryManager::createRegistryKey";
+
+}  // namespace
+
+bool LqRegistryManagerClnt::isRegistryKeyExists(const OBGui::RegistryKeyInfo* key) {
+  if (key == nullptr) return false;
+  unsigned type = getKeyType(key->valueType);
+  std::array<char, kValueBuffer> value;  // not cleared: what is read into it is not looked at
+  int size = kValueBuffer;
+  if (platformInfo.getRegValue(normalisedKeyPath(key->keyPath), key->valueName, type, value.data(), size))
+    return true;
+  switch (platformInfo.getRegError()) {
+    case kRegKeyMissing:
+      regStatus = kRegStatusKeyMissing;
+      break;
+    case kRegValueMissing:
+      regStatus = kRegStatusValueMissing;
+      break;
+    default:
+      regStatus = kRegStatusReadFailed;
+  }
+  return false;
+}
+
+int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) {
+  // Nothing to create is a success here, while deleteRegistryKey refuses the same record; both on purpose.
+  if (key == nullptr || key->valueName->empty()) return kResultOk;
+
+  const auto failed = [this, key](const std::string& path) {
+    regStatus = kRegStatusWriteFailed;
+    if (!key->keyPath->empty())
+      logger.Debug(kCreateTag, "Failed To Create A Registry Key, Path=%s", path.c_str());
+    return kResultFailed;
+  };
+
+  std::string protectedText;
+  const char* data = nullptr;
+  int length = 0;
+  if (!key->value->empty()) {
+    const bool isProtected = key->valueType.get() == ENCRYPTEDTYPE;
+    if (isProtected) protectedText = key->encryptedValue->getV8Password();
+    // A secret that could not be protected must not end as an empty value in the place of the old one.
+    if (isProtected && protectedText.empty() && !key->encryptedValue->empty()) {
+      regStatus = kRegStatusWriteFailed;
+      return kResultFailed;
+    }
+    const std::string& text = isProtected ? protectedText : key->value.get();
+    data = text.data();
+    length = static_cast<int>(text.size());
+  }
+
+  regStatus = kRegStatusOk;
+  isRegistryKeyExists(key);
+  const unsigned type = getKeyType(key->valueType);
+
+  if (key->valueType.get() != KEYTYPE) {
+    const std::string path = normalisedKeyPath(key->keyPath);
+    if (regStatus == kRegStatusKeyMissing && !platformInfo.createRegKey(path)) return failed(path);
+    return createRegistryKeyField(path, key->valueName, type, data, length);
+  }
+
+  // The path of a "KEY" record is taken as it stands, unlike in deleteRegistryKey; so is the restriction to
+  // one name, since creating keys from afar is what it guards.
+  if (strcasecmp(key->valueName->c_str(), kCreatableSubKey) != 0) {
+    logger.DebugLvl(0, kCreateTag, "Modifying %s remotely is not allowed", key->valueName->c_str());
+    return kResultFailed;
+  }
+  if (platformInfo.setString(subKeyPath(key->keyPath, key->valueName), kMarkerField, kMarkerValue, 0) == 0)
+    return failed(key->keyPath);
+  return kResultOk;
+}
+
+int LqRegistryManagerClnt::createRegistryKeyField(const std::string& keyPath, const std::string& valueName,
+                                                  unsigned type, const char* data, int length) {
+  if (platformInfo.setRegValue(keyPath, valueName, type, data, length)) return kResultOk;
+  regStatus = kRegStatusWriteFailed;
+  return kResultFailed;
+}
+
+int LqRegistryManagerClnt::deleteRegistryKey(const OBGui::RegistryKeyInfo* key) {
+  if (key == nullptr || key->valueName->empty()) return kResultFailed;
+  const std::string path = normalisedKeyPath(key->keyPath);
+  if (key->valueType.get() == KEYTYPE) {
+    const bool deleted = platformInfo.delRegKey(subKeyPath(path, key->valueName));
+    return deleted || platformInfo.getRegError() == kRegKeyMissing ? kResultOk : kResultFailed;
+  }
+  if (platformInfo.delRegField(path, key->valueName)) return kResultOk;
+  // Deleting what is not there is what was asked for.
+  const int error = platformInfo.getRegError();
+  return error == kRegValueMissing || error == kRegKeyMissing ? kResultOk : kResultFailed;
+}
+
+std::uint64_t hextonum(const char* text) {
+  std::uint64_t total = 0;
+  for (; *text != '\0'; ++text) {
+    const char c = *text;
+    if (c >= '0' && c <= '9') {
+      total = total * 16 + static_cast<std::uint64_t>(c - '0');
+    } else if (c >= 'A' && c <= 'F') {
+      total = total * 16 + static_cast<std::uint64_t>(c - 'A' + 10);
+    } else if (c >= 'a' && c <= 'f') {
+      total = total * 16 + static_cast<std::uint64_t>(c - 'a' + 10);
+    }
+  }
+  return total;
+}

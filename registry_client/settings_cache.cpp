@@ -1,0 +1,83 @@
+// The Additional Settings cache: one file, read and written whole.
+#include <array>
+#include <sstream>
+
+#include "platform/FXFile.h"
+#include "platform/LqCriticalSection.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+
+namespace {
+
+// Held for the whole of each read and each write, so that no thread of this process sees half a file.
+LqCriticalSection additionalSettingsCacheLock;
+
+constexpr const char* kCacheFile = "AdditionalSettingsCache.xml";
+constexpr const char* kBaseSection = "Base";
+constexpr const char* kBaseHomeValue = "dBASEHOME";
+// The file is read in pieces of one byte less, so that each ends with a NUL.
+constexpr std::size_t kReadBuffer = 4096;
+constexpr std::int64_t kLogContext = -123456;
+
+// Without a base directory this is the bare file name, relative to the working directory.
+std::string cachePath() {
+  std::string path;
+  LQPlatformInfo().getString(kBaseSection, kBaseHomeValue, path);
+  FXPath::Append(path, kCacheFile);
+  return path;
+}
+
+CWmError openCache(const std::string& path, std::uint32_t access, std::uint32_t disposition,
+                   auto_handle& handle) {
+  return FXFile::LQCreateFile(path, access, FXFile::kShareRead, nullptr, disposition,
+                              FXFile::kAttributeNormal, nullptr, handle);
+}
+
+}  // namespace
+
+std::string LqRegistryManagerClnt::getAdditionalSettingsCache() {
+  constexpr const char* kTag = "getAdditionalSettingsCache";
+  const LqCriticalSectionLock lock(additionalSettingsCacheLock);
+  const ObEvent event;
+  auto_handle handle;
+  CWmError error = openCache(cachePath(), FXFile::kGenericRead, FXFile::kOpenExisting, handle);
+  if (error.IsError() || !handle.isValid()) {
+    event.DebugLvl(0, kLogContext, kTag, "Failed to open Additional Settings cache.[%s]", error.AsString());
+    return {};
+  }
+  std::ostringstream contents;
+  std::uint32_t bytesRead = 0;
+  do {
+    std::array<char, kReadBuffer> buffer{};
+    error = FXFile::LQReadFile(handle, buffer.data(), kReadBuffer - 1, bytesRead);
+    contents << buffer.data();  // as text: a NUL in the file ends its piece
+  } while (!error.IsError() && bytesRead != 0);
+  if (error.IsError()) {
+    // "write" in a read is how administrators know this line.
+    event.DebugLvl(0, kLogContext, kTag, "Failed to write Additional Settings cache.[%s]", error.AsString());
+    return {};
+  }
+  std::string xml = contents.str();
+  event.DebugLvl(4, kLogContext, kTag, "Additional Settings Cache XML [%s]", xml.c_str());
+  return xml;
+}
+
+void LqRegistryManagerClnt::setAdditionalSettingsCache(std::string xml) {
+  constexpr const char* kTag = "setAdditionalSettingsCache";
+  const LqCriticalSectionLock lock(additionalSettingsCacheLock);
+  const ObEvent event;
+  const std::string path = cachePath();
+  auto_handle handle;
+  CWmError error = openCache(path, FXFile::kGenericWrite, FXFile::kCreateAlways, handle);
+  if (error.IsError() || !handle.isValid()) {
+    event.DebugLvl(0, kLogContext, kTag, "Failed to open Additional Settings cache.[%s]", error.AsString());
+    return;
+  }
+  std::uint64_t bytesWritten = 0;
+  error = FXFile::LQWriteFile(handle, xml.data(), xml.size(), bytesWritten);
+  if (error.IsError()) {
+    event.DebugLvl(0, kLogContext, kTag, "Failed to write Additional Settings cache.[%s]", error.AsString());
+  } else {
+    event.DebugLvl(4, kLogContext, kTag, "Successfully updated Additional Settings Cache at [%s]",
+                   path.c_str());
+  }
+}
