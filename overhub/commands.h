@@ -1,0 +1,33 @@
+// What overhub's commands do, the server itself excepted (serve_command.h). Results go to standard output,
+// complaints to standard error; each command gives the program's exit code.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "overhub/batch_edit.h"
+#include "overhub/data_store.h"
+
+// Says on standard error what went wrong, and gives `exitCode` back.
+int complain(int exitCode, const std::string& text);
+
+struct NewClient {
+  std::string name;
+  std::optional<std::int64_t> id;  // otherwise the highest in use plus 1
+  std::string serverHost;          // empty: this machine's host name
+  std::string serverName;
+  std::string joinFile;  // empty: in the data directory
+};
+
+int addClient(const DataStore& store, const NewClient& wanted);
+
+// `client` is a client's name or DataStore::kStaticList, here and below.
+int changeRecord(const DataStore& store, const std::string& client, const RecordChange& change);
+int removeRecord(const DataStore& store, const std::string& client, const std::string& path,
+                 const std::string& name);
+int showBatch(const DataStore& store, const std::string& client);
+
+int listClients(const DataStore& store);
+// Of one client, or of all when `client` is empty.
+int listAcknowledgements(const DataStore& store, const std::string& client);

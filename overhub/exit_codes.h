@@ -1,0 +1,7 @@
+// What the program's exit code tells a script.
+#pragma once
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitRefused = 1;  // not found, or refused
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitDataUnusable = 3;

@@ -1,0 +1,20 @@
+// The join file: what `lqhost join` needs to make a machine a client of this server. It holds the client's
+// session key, so it is as secret as the key.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct JoinFile {
+  std::string serverHost;
+  std::string serverName;
+  std::string clientName;
+  std::int64_t clientId = 0;
+  std::string sessionKeyHex;
+};
+
+// Whether a server's host or name can stand in a join file and in a target: letters, digits and . _ : % -
+bool fitsJoinFile(const std::string& word);
+
+// The file's text, as a reader of command-line configuration files takes it.
+std::string joinFileText(const JoinFile& join);

@@ -1,0 +1,120 @@
+// lqreg: looks at the registry of this machine and changes it, for people and for scripts.
+//
+// The command line is here; what each command does is in registry_commands.cpp.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <optional>
+
+#include "platform/LqRegistryFile.h"
+#include "platform/ObLog.h"
+#include "tools/registry_commands.h"
+
+namespace {
+
+constexpr const char* kInstanceVariable = "VELMOR_VM";
+
+constexpr const char* kFooter = R"(
+Keys: "SOFTWARE/..." is absolute; "~A/B", "~/A/B" and "A/B" are below the root of the instance, which is "~".
+Quote "~", or the shell puts your home directory in its place.
+
+Examples:
+  lqreg --instance Instance001 list '~'
+  lqreg --instance Instance001 get Overhub sOHHOSTNAME
+  lqreg --instance Instance001 set '~/EventManager' dOBLOGDIR /var/log/velmor
+  lqreg --instance Instance001 set Limits nOFFSET -- -5
+  lqreg delete SOFTWARE/Velmor/Clients/client42 --recursive
+  lqreg tree SOFTWARE
+
+Exit codes: 0 done, 1 no such key or value, 2 wrong usage, 3 the registry file cannot be used.)";
+
+struct CommandLine {
+  std::string file;
+  std::string instance;
+  std::string key;
+  std::optional<std::string> name;
+  std::string value;
+  bool recursive = false;
+  std::function<int(RegistryCommands&)> command;
+};
+
+CLI::App* addCommand(CLI::App& app, CommandLine& line, const char* name, const char* description,
+                     std::function<int(RegistryCommands&)> command) {
+  CLI::App* added = app.add_subcommand(name, description);
+  added->fallthrough();
+  added->callback([&line, command = std::move(command)] { line.command = command; });
+  return added;
+}
+
+void describeGlobals(CLI::App& app, CommandLine& line) {
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  app.add_option("--registry", line.file,
+                 "The registry file; otherwise that of VELMOR_REGISTRY, otherwise " +
+                     std::string(lqregistry::kDefaultFile));
+  app.add_option("--instance", line.instance, "The installation instance")->envname(kInstanceVariable);
+}
+
+void describeCommands(CLI::App& app, CommandLine& line) {
+  auto* get = addCommand(app, line, "get", "Print a value's data",
+                         [&line](RegistryCommands& registry) { return registry.get(line.key, *line.name); });
+  get->add_option("KEY", line.key, "The key")->required();
+  get->add_option("NAME", line.name, "The value's name")->required();
+
+  auto* set = addCommand(
+      app, line, "set", "Write a value; the key is created if need be",
+      [&line](RegistryCommands& registry) { return registry.set(line.key, *line.name, line.value); });
+  set->add_option("KEY", line.key, "The key")->required();
+  set->add_option("NAME", line.name, "The value's name")->required();
+  set->add_option("VALUE", line.value, "The data, as text")->required();
+
+  auto* remove =
+      addCommand(app, line, "delete", "Remove a value, or a key", [&line](RegistryCommands& registry) {
+        return line.name ? registry.removeValue(line.key, *line.name)
+                         : registry.removeKey(line.key, line.recursive);
+      });
+  remove->add_option("KEY", line.key, "The key")->required();
+  auto* name = remove->add_option("NAME", line.name, "The value's name; without it, the key is removed");
+  remove->add_flag("--recursive", line.recursive, "Remove the key's values and sub-keys too")->excludes(name);
+
+  auto* list = addCommand(app, line, "list", "Print a key's values and the names of its sub-keys",
+                          [&line](RegistryCommands& registry) { return registry.list(line.key); });
+  list->add_option("KEY", line.key, "The key")->required();
+
+  auto* tree = addCommand(app, line, "tree", "Print everything below a key",
+                          [&line](RegistryCommands& registry) { return registry.tree(line.key); });
+  tree->add_option("KEY", line.key,
+                   "The key; otherwise the instance's root, or SOFTWARE when there is no instance");
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Looks at the product registry of this machine and changes it.");
+  CommandLine line;
+  describeGlobals(app, line);
+  describeCommands(app, line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kExitDone : kExitUsage;
+  }
+
+  // What the library logs comes back as the reason of the failed call, which is printed once.
+  oblog::Settings quiet;
+  quiet.toStandardError = false;
+  oblog::Configure(quiet);
+  if (!line.file.empty()) lqregistry::UseFile(line.file);
+  RegistryCommands registry(line.instance);
+  return line.command(registry);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "lqreg: %s\n", error.what());
+    return kExitUnavailable;
+  }
+}
