@@ -36,6 +36,10 @@ struct lqsExecuteRemoteDllType {
 LQ_EXPORT std::string MangleHostName(const std::string& host, const std::string& client,
                                      std::uint16_t firstPort, std::uint16_t secondPort);
 
+// The management server's service ports.
+inline constexpr std::uint16_t kFirstServicePort = 8400;
+inline constexpr std::uint16_t kSecondServicePort = 8402;
+
 // Bounds on a frame: before a caller is attached, and after.
 inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
 inline constexpr std::size_t kMaxMessageFrameBytes = 64U << 20;
@@ -55,6 +59,10 @@ class LQ_EXPORT CLqNetwork {
   // `peerGone` is set to whether the connection was lost on the way.
   CWmError Attach_RemoteDLL(const std::string& target, const lqsExecuteRemoteDllType& remoteLibrary,
                             const std::string& localName, int timeoutSeconds, bool& peerGone);
+
+  // Attaches with this identity and key (64 hexadecimal digits) instead of those in the registry. For the
+  // server, which holds the keys of all its clients. An unusable key shows at Attach_RemoteDLL.
+  void UseCredentials(const std::string& identity, const std::string& keyHex);
 
   // --- both sides, once attached ---------------------------------------------------------------------------
 
@@ -82,6 +90,9 @@ class LQ_EXPORT CLqNetwork {
   // False and empty when there is no peer yet.
   bool GetPeerName(std::string& name) const;
 
+  // The address, without the port, that an accepted caller came from; empty on the calling side.
+  std::string GetPeerAddress() const;
+
   // Code and text of the last failed operation; 0 and empty when there is none. The number has no meaning
   // here.
   void GetLastErrorGenericText(std::uint32_t& code, std::string& text, int) const;
@@ -96,6 +107,13 @@ class LQ_EXPORT CLqNetwork {
 
   // Declines a received request with a reason that the caller's ReceiveXMLMessage reports.
   CWmError SendRefusal(const std::string& reason);
+
+  // --- for hosts that stop ---------------------------------------------------------------------------------
+
+  // Ends every wait of every session of this process, from any thread: what can be done without waiting is
+  // still done, everything else fails with kLqErrStopping. For good: it is for a process that stops. A name
+  // look-up under way is not ended.
+  static void InterruptAll();
 
   // --- for hosts that report what went over the wire -------------------------------------------------------
 
@@ -138,8 +156,8 @@ class LQ_EXPORT LqListener {
   std::shared_ptr<Impl> impl_;
 };
 
-// A session key as stored and handed out: 64 hexadecimal digits for 32 bytes. A new one is empty, which no side
-// accepts as a key, when the system has no randomness.
+// A session key as stored and handed out: 64 hexadecimal digits for 32 bytes. A new one is empty, which no
+// side accepts as a key, when the system has no randomness.
 inline constexpr std::size_t kSessionKeyBytes = 32;
 LQ_EXPORT std::string newSessionKeyHex();
 LQ_EXPORT bool sessionKeyFromHex(const std::string& hex, std::string& key);

@@ -219,11 +219,20 @@ class MessageClass : public CNMessageBase {
 using MessageFactory = std::unique_ptr<CNMessageBase> (*)();
 LQ_EXPORT void registerMessageClass(const char* className, MessageFactory factory);
 
+// Takes a class out of the table if it is still built by this factory. For libraries that are unloaded.
+LQ_EXPORT void unregisterMessageClass(const char* className, MessageFactory factory);
+
+template <class M>
+std::unique_ptr<CNMessageBase> makeMessage() {
+  return std::make_unique<M>();
+}
 template <class... M>
 void registerMessageClasses() {
-  (registerMessageClass(M::kClassName,
-                        []() -> std::unique_ptr<CNMessageBase> { return std::make_unique<M>(); }),
-   ...);
+  (registerMessageClass(M::kClassName, &makeMessage<M>), ...);
+}
+template <class... M>
+void unregisterMessageClasses() {
+  (unregisterMessageClass(M::kClassName, &makeMessage<M>), ...);
 }
 
 // The message as an M when it is one, else null.

@@ -56,9 +56,17 @@ LQ_EXPORT CWmError LQCreateFile(const std::string& path, std::uint32_t access, s
 LQ_EXPORT CWmError LQReadFile(const auto_handle& handle, void* buffer, std::uint32_t size,
                               std::uint32_t& bytesRead);
 
-// Writes `size` bytes, all of them unless an error is returned.
+// Writes `size` bytes at the end of the file: all of them, or on an error none that stay, as far as the file
+// can be cut back.
 LQ_EXPORT CWmError LQWriteFile(const auto_handle& handle, const void* data, std::uint64_t size,
                                std::uint64_t& bytesWritten);
+
+// Deletes the files directly in `directory` whose names match the shell pattern `pattern`. Regular files
+// only: sub-directories stay with all that is in them, and so do links, wherever they lead. Every matching
+// file is tried; the first fault is what is returned, and a directory that is not there is one. There are no
+// flags: the number must be 0.
+LQ_EXPORT CWmError DeleteMatchingFiles(const std::string& directory, const std::string& pattern,
+                                       std::uint32_t flags);
 
 }  // namespace FXFile
 

@@ -56,8 +56,9 @@ class LQ_EXPORT LQPlatformInfo {
   // Makes a key and its parents exist; true also when it was there.
   bool createRegKey(const std::string& key);
 
-  // Removes a key with everything below it. kRegKeyMissing when it is not there. The instance's root and the
-  // keys above it are refused (kRegBadName): no single record takes a whole instance away.
+  // Removes a key with everything below it. kRegKeyMissing when it is not there. "SOFTWARE",
+  // "SOFTWARE/Velmor" and what lies directly below (every instance's root, the machine's clients) are refused
+  // (kRegBadName): no single record takes a whole instance away.
   bool delRegKey(const std::string& key);
 
   // Removes a value. kRegKeyMissing or kRegValueMissing when it is not there.
@@ -167,6 +168,14 @@ class LQ_EXPORT LQPI_PlatformBase {
  public:
   // The base home directory ("Base"/"dBASEHOME"), or null.
   const char* getBaseHomeDirectory();
+
+  // Whether the Spoolhand component is fully installed ("Packages"/"bFULLSPOOLHAND" is a number other than
+  // 0).
+  bool IsFullSHInstalled();
+
+  // Whether the package of this number is installed ("Packages"/"nPACKAGE_<number>" is a number other than
+  // 0).
+  bool IsThisPackageInstalled(int package);
 
  private:
   LQPlatformInfo info_;

@@ -51,6 +51,10 @@ class LQ_EXPORT WriteBatch {
   // writes that were reported as successful did not survive.
   bool commit();
 
+  // Ends the batch and undoes what was written since its last flush. Within another batch, that one's
+  // commit() gives false then.
+  void abandon();
+
  private:
   bool open_ = true;
 };

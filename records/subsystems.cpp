@@ -1,16 +1,35 @@
-// Registers the message classes of each namespace with the message library.
+// Registers the message classes of each namespace with the message library, and takes them out again when the
+// library that holds them is unloaded.
 #include "records/App.h"
 #include "records/LqEntities.h"
 #include "records/OBGui.h"
 
+namespace {
+
+template <class... M>
+struct Subsystem {
+  ~Subsystem() { unregisterMessageClasses<M...>(); }
+  void registerClasses() const { registerMessageClasses<M...>(); }
+};
+
+const Subsystem<LqEntities::ClientEntity, LqEntities::Association> entities;
+const Subsystem<OBGui::RegistryKeyInfo, OBGui::RegistryTaskResp, OBGui::RegistryTaskReq,
+                OBGui::RegistryStaticKeyReq>
+    registryTasks;
+const Subsystem<App::RegistryKeyInfo, App::KeyInfoList, App::FetchClientRegistry,
+                App::AppCommunicationMessageReq, App::AppCommunicationMessageResp, App::GenericResp>
+    applicationMessages;
+
+}  // namespace
+
 void LqEntities::RegisterSubsystem() {
-  registerMessageClasses<ClientEntity, Association>();
+  entities.registerClasses();
 }
 
 void OBGui::RegisterSubsystem() {
-  registerMessageClasses<RegistryKeyInfo, RegistryTaskResp, RegistryTaskReq, RegistryStaticKeyReq>();
+  registryTasks.registerClasses();
 }
 
 void App::RegisterSubsystem() {
-  registerMessageClasses<RegistryKeyInfo>();
+  applicationMessages.registerClasses();
 }

@@ -1,12 +1,17 @@
-// The file layer over open, read and write.
+// The file layer over open, read, write and unlink.
 #include "platform/FXFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 namespace {
 
@@ -21,6 +26,32 @@ std::string nameOf(const auto_handle& handle) {
   const std::string link = "/proc/self/fd/" + std::to_string(handle.get());
   const ssize_t length = ::readlink(link.c_str(), name, sizeof name);
   return length > 0 ? std::string(name, static_cast<std::size_t>(length)) : "the file";
+}
+
+struct DirectoryCloser {
+  void operator()(DIR* listing) const { ::closedir(listing); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+// Listed as a whole before anything is deleted, since a listing that shrinks meanwhile may skip entries.
+CWmError listMatching(const Directory& listing, const std::string& directory, const std::string& pattern,
+                      std::vector<std::string>& names) {
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(listing.get());  // NOLINT(concurrency-mt-unsafe): own listing
+    if (entry == nullptr) return errno == 0 ? CWmError() : fileError("reading " + directory);
+    if (::fnmatch(pattern.c_str(), entry->d_name, FNM_PERIOD) == 0) names.emplace_back(entry->d_name);
+  }
+}
+
+// A file that is gone already is what was wanted.
+CWmError deleteRegularFile(const Directory& listing, const std::string& directory, const std::string& name) {
+  struct stat status {};
+  const int parent = ::dirfd(listing.get());
+  const bool found = ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+  if (found && !S_ISREG(status.st_mode)) return {};
+  if (found && ::unlinkat(parent, name.c_str(), 0) == 0) return {};
+  return errno == ENOENT ? CWmError() : fileError("deleting \"" + name + "\" in " + directory);
 }
 
 }  // namespace
@@ -69,14 +100,34 @@ CWmError FXFile::LQReadFile(const auto_handle& handle, void* buffer, std::uint32
 CWmError FXFile::LQWriteFile(const auto_handle& handle, const void* data, std::uint64_t size,
                              std::uint64_t& bytesWritten) {
   bytesWritten = 0;
+  const off_t start = ::lseek(handle.get(), 0, SEEK_CUR);
   while (bytesWritten < size) {
     const ssize_t put =
         ::write(handle.get(), static_cast<const char*>(data) + bytesWritten, size - bytesWritten);
     if (put < 0 && errno == EINTR) continue;
-    if (put < 0) return fileError("writing " + nameOf(handle));
+    if (put < 0) {
+      CWmError error = fileError("writing " + nameOf(handle));
+      // Half of it would be worse than none: a reader could take it for the whole.
+      if (start >= 0 && ::ftruncate(handle.get(), start) == 0) bytesWritten = 0;
+      return error;
+    }
     bytesWritten += static_cast<std::uint64_t>(put);
   }
   return {};
+}
+
+CWmError FXFile::DeleteMatchingFiles(const std::string& directory, const std::string& pattern,
+                                     std::uint32_t flags) {
+  if (flags != 0) return {kLqErrFile, directory + ": unknown deletion flags " + std::to_string(flags)};
+  const Directory listing(::opendir(directory.c_str()));
+  if (listing == nullptr) return fileError(directory);
+  std::vector<std::string> names;
+  CWmError first = listMatching(listing, directory, pattern, names);
+  for (const std::string& name : names) {
+    CWmError error = deleteRegularFile(listing, directory, name);
+    if (!first.IsError()) first = std::move(error);
+  }
+  return first;
 }
 
 bool FXPath::Append(std::string& directory, const std::string& name) {

@@ -10,11 +10,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <list>
 #include <mutex>
 #include <string>
-#include <system_error>
 #include <thread>
+
+#include "platform/ObDebug.h"
 
 namespace {
 // The kernel keeps this many characters of a thread's name.
@@ -43,16 +45,26 @@ struct LqThreadPool::Impl {
   bool started = false;
   bool stopping = false;
 
+  // A routine of another module must not take the process down with it.
+  static void runItem(const Item& item) {
+    try {
+      item.routine(item.argument);
+    } catch (...) {
+      ObEvent().Error("LqThreadPool", "A work item ended with an exception; it is dropped");
+    }
+  }
+
   // With the mutex held; false when the system has no thread to give.
   bool startThread() {
     for (auto& thread : finished) thread.join();
     finished.clear();
+    const std::size_t before = threads.size();
     try {
       const auto self = threads.emplace(threads.end());
       *self = std::thread([this, self] { run(self); });
       return true;
-    } catch (const std::system_error&) {
-      threads.pop_back();
+    } catch (const std::exception&) {
+      threads.resize(before);
       return false;
     }
   }
@@ -79,7 +91,7 @@ struct LqThreadPool::Impl {
       queue.pop_front();
       ++running;
       lock.unlock();
-      item.routine(item.argument);
+      runItem(item);
       lock.lock();
       --running;
       if (running == 0 && queue.empty()) becameIdle.notify_all();

@@ -56,7 +56,7 @@ struct State {
 };
 
 State& state() {
-  static State* const theState = new State;
+  static auto* const theState = new State;
   return *theState;
 }
 
@@ -87,7 +87,7 @@ std::string render(const Line& line) {
 
 }  // namespace
 
-void write(Line line) {
+void write(const Line& line) {
   State& s = state();
   const std::lock_guard lock(s.mutex);
   if (line.kind == Kind::kError || line.level <= s.threshold)

@@ -1,4 +1,5 @@
-// The process-wide log behind ObDebug and ObEvent: takes formatted lines and hands them to the sinks and captures.
+// The process-wide log behind ObDebug and ObEvent: takes formatted lines and hands them to the sinks and
+// captures.
 #pragma once
 
 #include <atomic>
@@ -7,10 +8,10 @@
 
 namespace oblog {
 
-// Lines above this level are dropped before they are formatted: the threshold, or a capture's level where that
-// is higher.
+// Lines above this level are dropped before they are formatted: the threshold, or a capture's level where
+// that is higher.
 extern std::atomic<int> effectiveLevel;
 
-void write(Line line);
+void write(const Line& line);
 
 }  // namespace oblog

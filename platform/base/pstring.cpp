@@ -49,6 +49,14 @@ bool readKey(const std::string& path, Key& key, std::string& reason) {
   return false;
 }
 
+// Puts the folder's entry for a new file on disk: a key that a power cut takes back takes its values along.
+bool syncFolderOf(const std::string& path) {
+  const std::size_t separator = path.rfind('/');
+  const std::string folder = separator == std::string::npos ? "." : path.substr(0, separator + 1);
+  const auto_handle handle(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return handle.isValid() && ::fsync(handle.get()) == 0;
+}
+
 // Writes a fresh key beside its final name and links it there, so that of several processes that start at
 // once one key wins and none is ever seen half written.
 bool createKey(const std::string& path, std::string& reason) {
@@ -60,21 +68,26 @@ bool createKey(const std::string& path, std::string& reason) {
   written = written && !FXFile::LQWriteFile(handle, key.data(), kKeyBytes, put).IsError() &&
             ::fsync(handle.get()) == 0;
   OPENSSL_cleanse(key.data(), kKeyBytes);
-  written = written && (::link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST);
+  written =
+      written && (::link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST) && syncFolderOf(path);
   if (!written)
     reason = path + ": " + std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): glibc's is safe
   if (handle.isValid()) ::unlink(temporary.c_str());
   return written;
 }
 
-// The protection key, created when there is none; nothing, with an error line, when it cannot be had.
-std::optional<Key> protectionKey(const char* caller) {
+// The protection key; nothing, with an error line, when it cannot be had. Only who is about to protect
+// something may create it: what a lost key has protected must not look as if another key had been meant.
+enum class KeyUse { kProtect, kReveal };
+
+std::optional<Key> protectionKey(KeyUse use, const char* caller) {
   const std::lock_guard lock(keyMutex);
   if (keyInUse) return keyInUse;
   const std::string path = keyFile.empty() ? lqregistry::File() + ".key" : keyFile;
   Key key;
   std::string reason;
-  bool known = ::access(path.c_str(), F_OK) == 0 || createKey(path, reason);
+  const bool mustCreate = use == KeyUse::kProtect && ::access(path.c_str(), F_OK) != 0;
+  bool known = !mustCreate || createKey(path, reason);
   known = known && readKey(path, key, reason);
   if (!known) {
     ObEvent().Error(caller, "No protection key for protected values: %s", reason.c_str());
@@ -168,7 +181,7 @@ void pstring::wipe() {
 
 std::string pstring::getV8Password() const {
   if (secret_.empty()) return {};
-  const auto key = protectionKey("pstring::getV8Password");
+  const auto key = protectionKey(KeyUse::kProtect, "pstring::getV8Password");
   if (!key) return {};
   const std::vector<unsigned char> sealed = seal(*key, secret_);
   if (sealed.empty()) {
@@ -192,7 +205,7 @@ bool pstring::fromV8Password(std::string_view text, pstring& out) {
   if (!text.starts_with(kPrefix) || !decodeBase64(text.substr(kPrefixLength), sealed) ||
       sealed.size() <= kTagBytes)
     return false;
-  const auto key = protectionKey("pstring::fromV8Password");
+  const auto key = protectionKey(KeyUse::kReveal, "pstring::fromV8Password");
   pstring opened;
   if (!key || !unseal(*key, sealed, opened.secret_)) return false;
   out = std::move(opened);

@@ -3,12 +3,14 @@
 
 #include <charconv>
 
+#include "platform/CLqNetwork.h"
 #include "platform/LQPlatformInfo.h"
 
 namespace {
 
 constexpr const char* kClientsKey = "SOFTWARE/Velmor/Clients/";
 constexpr const char* kIdValue = "nCLIENTID";
+constexpr const char* kServerSection = "Overhub";
 constexpr int kKnown = 0;
 constexpr int kUnknown = 1;
 
@@ -22,13 +24,30 @@ bool isClientName(const std::string& name) {
 int LQClient::getClientId(std::uint64_t& id, const void* context) const {
   LQPlatformInfo info;
   std::string text;
-  if (context != nullptr || !isClientName(name_) || !info.getString(kClientsKey + name_, kIdValue, text))
-    return kUnknown;
+  if (context != nullptr || !isClientName(name_)) return kUnknown;
+  std::string machine;
+  std::string client;
+  const bool isRecorded = info.getString(kClientsKey + name_, kIdValue, text) ||
+                          (info.getString("Machine", "sPHYSICALNAME", machine) && machine == name_ &&
+                           info.getString(kServerSection, "sSESSIONIDENTITY", client) && isClientName(client) &&
+                           info.getString(kClientsKey + client, kIdValue, text));
+  if (!isRecorded) return kUnknown;
   const char* end = text.data() + text.size();
   std::uint64_t parsed = 0;
   const auto [stop, error] = std::from_chars(text.data(), end, parsed);
   if (error != std::errc() || stop != end) return kUnknown;
   id = parsed;
+  return kKnown;
+}
+
+int LQClient::getNetworkHostnameMangled(std::string& target) const {
+  LQPlatformInfo info(LQPI_Focus::getFocus());
+  std::string host;
+  std::string client;
+  if (id_ != kServerClientId || !info.getString(kServerSection, "sOHHOSTNAME", host) ||
+      !info.getString(kServerSection, "sOHCLIENTNAME", client))
+    return kUnknown;
+  target = MangleHostName(host, client, kFirstServicePort, kSecondServicePort);
   return kKnown;
 }
 

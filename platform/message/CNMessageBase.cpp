@@ -24,7 +24,7 @@ struct ClassTable {
 
 // Never destroyed: messages may still arrive while the process's statics are torn down.
 ClassTable& classTable() {
-  static ClassTable* const table = new ClassTable;
+  static auto* const table = new ClassTable;
   return *table;
 }
 
@@ -220,6 +220,13 @@ void registerMessageClass(const char* className, MessageFactory factory) {
   ClassTable& table = classTable();
   const std::unique_lock lock(table.mutex);
   table.factories[className] = factory;
+}
+
+void unregisterMessageClass(const char* className, MessageFactory factory) {
+  ClassTable& table = classTable();
+  const std::unique_lock lock(table.mutex);
+  const auto found = table.factories.find(std::string_view(className));
+  if (found != table.factories.end() && found->second == factory) table.factories.erase(found);
 }
 
 int CNMessageBase::serialize(std::string& text, bool revealProtected) const {

@@ -1,5 +1,6 @@
 #include "platform/CLqNetwork.h"
 
+#include "platform/network/interruption.h"
 #include "platform/network/network_impl.h"
 
 CLqNetwork::CLqNetwork() : impl_(std::make_unique<Impl>()) {}
@@ -14,6 +15,16 @@ CWmError CLqNetwork::Attach_RemoteDLL(const std::string& target, const lqsExecut
   });
   if (error.IsError()) impl_->close();
   return error;
+}
+
+void CLqNetwork::UseCredentials(const std::string& identity, const std::string& keyHex) {
+  impl_->ownCredentials = std::make_unique<Credentials>();
+  impl_->ownCredentials->identity = identity;
+  sessionKeyFromHex(keyHex, impl_->ownCredentials->key);
+}
+
+void CLqNetwork::InterruptAll() {
+  interruptAll();
 }
 
 bool CLqNetwork::IsConnected() const {
@@ -56,6 +67,10 @@ void CLqNetwork::ReplyDisconnect(int timeoutSeconds, bool& peerGone) {
 bool CLqNetwork::GetPeerName(std::string& name) const {
   name = impl_->peerName;
   return !name.empty();
+}
+
+std::string CLqNetwork::GetPeerAddress() const {
+  return impl_->peerAddress;
 }
 
 void CLqNetwork::GetLastErrorGenericText(std::uint32_t& code, std::string& text, int) const {

@@ -82,12 +82,15 @@ std::unique_ptr<CLqNetwork> LqListener::Impl::acceptOne(int& fault) {
   // Everything that a session needs is had before a caller is taken, so that a shortage costs no caller.
   auto session = std::make_unique<CLqNetwork>();
   auto frames = std::make_unique<FrameStream>(psk);
-  const int caller = ::accept4(descriptor, nullptr, nullptr, SOCK_CLOEXEC);
+  tcp::endpoint from;
+  auto size = static_cast<socklen_t>(from.capacity());
+  const int caller = ::accept4(descriptor, from.data(), &size, SOCK_CLOEXEC);
   if (caller < 0) {
     fault = errno;
     return nullptr;
   }
   frames->connection().adopt(caller);
+  session->impl_->peerAddress = from.address().to_string();
   session->impl_->peerText = frames->connection().address();
   session->impl_->frames = std::move(frames);
   session->impl_->state = CLqNetwork::Impl::State::kAccepted;

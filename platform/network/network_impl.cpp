@@ -55,8 +55,15 @@ CWmError CLqNetwork::Impl::attach(const std::string& targetText, const lqsExecut
     return {kLqErrBadTarget, "the name of this machine cannot be sent"};
 
   Credentials credentials;
-  error = readCredentials(credentials);
-  if (error.IsError()) return error;
+  if (ownCredentials != nullptr) {
+    credentials.identity = ownCredentials->identity;
+    credentials.key = ownCredentials->key;
+  } else {
+    error = readCredentials(credentials);
+    if (error.IsError()) return error;
+  }
+  if (credentials.key.size() != kSessionKeyBytes)
+    return {kLqErrNoCredentials, "the session key is not usable"};
 
   frames = std::make_unique<FrameStream>(std::make_shared<TlsPsk>(credentials));
   error = frames->connection().connect(target, deadline);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "platform/CLqNetwork.h"
+#include "platform/network/credentials.h"
 #include "platform/network/frame_stream.h"
 
 struct CLqNetwork::Impl {
@@ -60,8 +61,10 @@ struct CLqNetwork::Impl {
   State state = State::kClosed;
   std::unique_ptr<FrameStream> frames;
   std::string peerName;
-  std::string peerText;  // for texts: the peer's name and address as far as known
+  std::string peerAddress;  // of an accepted caller
+  std::string peerText;     // for texts: the peer's name and address as far as known
   CWmError lastError;
+  std::unique_ptr<Credentials> ownCredentials;  // instead of the registry's
 
  private:
   CWmError awaitAttachReply(const Deadline& deadline);

@@ -19,6 +19,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/network/interruption.h"
+
 using asio::error_code;
 using asio::ip::tcp;
 
@@ -28,8 +30,6 @@ namespace {
 constexpr int kKeepAliveIdleSeconds = 60;
 constexpr int kKeepAliveIntervalSeconds = 10;
 constexpr int kKeepAliveProbes = 6;
-
-constexpr char kTimeoutText[] = "the time given has passed";
 
 void setOption(int descriptor, int level, int name, int value) {
   ::setsockopt(descriptor, level, name, &value, sizeof value);
@@ -60,6 +60,12 @@ CWmError connectionFault(const error_code& fault) {
   return {kLqErrConnectionLost, fault.message()};
 }
 
+// A wait that ended before what it waited for came.
+CWmError endedWait(const char* text = "the time given has passed") {
+  if (isInterrupted()) return {kLqErrStopping, "this process is stopping"};
+  return {kLqErrTimeout, text};
+}
+
 // The addresses to try, in order: every address of the host on the first port, then on the second.
 std::vector<tcp::endpoint> candidates(const tcp::resolver::results_type& found, const Target& target) {
   std::vector<tcp::endpoint> list;
@@ -88,7 +94,9 @@ struct TlsConnection::Impl {
       fault = result;
       done = true;
     });
-    if (deadline.limited()) {
+    if (isInterrupted()) {
+      io.poll();  // what can be done without waiting is done all the same
+    } else if (deadline.limited()) {
       io.run_for(deadline.remaining());
     } else {
       io.run();
@@ -111,6 +119,7 @@ struct TlsConnection::Impl {
   std::string address;
   bool accepted = false;
   asio::ssl::stream<tcp::socket&> stream;
+  Interruptible interruptible{[this] { io.stop(); }};
 };
 
 TlsConnection::TlsConnection(std::shared_ptr<const TlsPsk> psk)
@@ -143,7 +152,7 @@ CWmError TlsConnection::connect(const Target& target, const Deadline& deadline) 
     reasons += (reasons.empty() ? "" : "; ") + textOf(endpoints[i]) + ": " +
                (outcome == Impl::Outcome::kTimedOut ? "no answer" : fault.message());
   }
-  return {timedOut ? kLqErrTimeout : kLqErrConnect, reasons};
+  return timedOut ? endedWait(reasons.c_str()) : CWmError(kLqErrConnect, reasons);
 }
 
 void TlsConnection::adopt(int descriptor) {
@@ -166,7 +175,7 @@ CWmError TlsConnection::handshake(const Deadline& deadline) {
   error_code fault;
   const auto outcome =
       impl_->run(deadline, fault, [&](auto handler) { impl_->stream.async_handshake(side, handler); });
-  if (outcome == Impl::Outcome::kTimedOut) return {kLqErrTimeout, kTimeoutText};
+  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
   if (isTlsFault(fault))
     return {kLqErrHandshake, handshakeFault(static_cast<unsigned long>(fault.value()), !impl_->accepted)};
   if (fault) return connectionFault(fault);
@@ -185,7 +194,7 @@ CWmError TlsConnection::read(char* data, std::size_t size, std::size_t& got, con
                        handler(result);
                      });
   });
-  if (outcome == Impl::Outcome::kTimedOut) return {kLqErrTimeout, kTimeoutText};
+  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
   return fault ? connectionFault(fault) : CWmError();
 }
 
@@ -194,7 +203,7 @@ CWmError TlsConnection::write(std::string_view first, std::string_view second, c
   error_code fault;
   const auto outcome =
       impl_->run(deadline, fault, [&](auto handler) { asio::async_write(impl_->stream, parts, handler); });
-  if (outcome == Impl::Outcome::kTimedOut) return {kLqErrTimeout, kTimeoutText};
+  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
   return fault ? connectionFault(fault) : CWmError();
 }
 

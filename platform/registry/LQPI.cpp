@@ -22,6 +22,11 @@ const char* directoryOrNull(LQPlatformInfo& info, const char* section, const cha
   return info.getDirectory(section, name, directory) ? directory.c_str() : nullptr;
 }
 
+bool isInstalled(LQPlatformInfo& info, const std::string& name) {
+  std::int64_t installed = 0;
+  return info.getNumber("Packages", name, installed) && installed != 0;
+}
+
 }  // namespace
 
 const char* LQPI_Focus::getFocus() {
@@ -53,4 +58,12 @@ const char* LQPI_Base::getVelmorDirectory() {
 
 const char* LQPI_PlatformBase::getBaseHomeDirectory() {
   return directoryOrNull(info_, "Base", "dBASEHOME", directory_);
+}
+
+bool LQPI_PlatformBase::IsFullSHInstalled() {
+  return isInstalled(info_, "bFULLSPOOLHAND");
+}
+
+bool LQPI_PlatformBase::IsThisPackageInstalled(int package) {
+  return isInstalled(info_, "nPACKAGE_" + std::to_string(package));
 }

@@ -126,7 +126,7 @@ bool LQPlatformInfo::createRegKey(const std::string& key) {
 bool LQPlatformInfo::delRegKey(const std::string& key) {
   std::string path;
   Outcome outcome = locate(key, focus_, path);
-  if (outcome.ok() && lqregistry::HoldsInstance(path, instanceOf(focus_)))
+  if (outcome.ok() && lqregistry::HoldsInstance(path))
     outcome = badName("the key is the root of the instance, or above it, and is not removed");
   if (outcome.ok()) outcome = RegistryStore::get().removeKey(path);
   return record(outcome.code, describe(outcome, key));

@@ -31,4 +31,10 @@ bool WriteBatch::commit() {
   return RegistryStore::get().endBatch();
 }
 
+void WriteBatch::abandon() {
+  if (!open_) return;
+  open_ = false;
+  RegistryStore::get().abandonBatch();
+}
+
 }  // namespace lqregistry

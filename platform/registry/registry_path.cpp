@@ -70,8 +70,10 @@ bool CheckValueName(std::string_view name, std::string& reason) {
   return false;
 }
 
-bool HoldsInstance(std::string_view path, std::string_view instance) {
-  return path == kAbsolutePrefix || path == kInstancesKey || path == instanceRoot(instance);
+bool HoldsInstance(std::string_view path) {
+  if (path == kAbsolutePrefix || path == kInstancesKey) return true;
+  const std::string below = std::string(kInstancesKey) + '/';
+  return path.starts_with(below) && path.find('/', below.size()) == std::string_view::npos;
 }
 
 }  // namespace lqregistry

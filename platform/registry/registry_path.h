@@ -17,6 +17,6 @@ bool ResolvePath(std::string_view key, std::string_view instance, std::string& p
 bool CheckValueName(std::string_view name, std::string& reason);
 
 // True for the root of `instance` and for the keys above every instance's root.
-bool HoldsInstance(std::string_view path, std::string_view instance);
+bool HoldsInstance(std::string_view path);
 
 }  // namespace lqregistry

@@ -51,6 +51,7 @@ class RegistryStore {
   void beginBatch();
   bool flushBatch();
   bool endBatch();
+  void abandonBatch();
 
  private:
   // A value's place: which key, and what it holds now.

@@ -164,4 +164,12 @@ bool RegistryStore::endBatch() {
   return survived;
 }
 
+void RegistryStore::abandonBatch() {
+  rollBack();
+  lostWrites_ = true;
+  if (batchDepth_ == 1) setWait(kWriteLockWait);
+  --batchDepth_;
+  writerLock_.unlock();
+}
+
 }  // namespace lqregistry

@@ -1,0 +1,37 @@
+// Run-time loading over the system's dynamic loader.
+#include "platform/CWmLibrary.h"
+
+#include <dlfcn.h>
+
+namespace {
+
+CWmError loaderError() {
+  const char* const text = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this system's C library
+  return {kLqErrLibrary, text == nullptr ? "unknown error of the loader" : text};
+}
+
+}  // namespace
+
+CWmLibrary::~CWmLibrary() {
+  release();
+}
+
+CWmError CWmLibrary::Load(const std::string& path, bool) {
+  release();
+  // The loader takes an empty name for the program itself.
+  if (path.empty()) return {kLqErrLibrary, "no library is named"};
+  handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  return handle_ == nullptr ? loaderError() : CWmError();
+}
+
+CWmError CWmLibrary::GetProcedure(const char* name, void*& procedure) const {
+  procedure = nullptr;
+  if (handle_ == nullptr) return {kLqErrLibrary, "no library is loaded"};
+  procedure = dlsym(handle_, name);
+  return procedure == nullptr ? loaderError() : CWmError();
+}
+
+void CWmLibrary::release() {
+  if (handle_ != nullptr) dlclose(handle_);
+  handle_ = nullptr;
+}

@@ -1,0 +1,593 @@
+// The session from both ends over loopback, and each end against a peer that breaks the rules.
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <list>
+#include <mutex>
+#include <thread>
+
+#include "platform/CLqNetwork.h"
+#include "platform/LQPlatformInfo.h"
+#include "platform/LqRegistryFile.h"
+#include "platform/ObLog.h"
+#include "tests/support/scripted_peer.h"
+#include "tests/support/test_support.h"
+
+using test_support::connectPlain;
+using test_support::PeerSession;
+using test_support::ScriptedPeer;
+
+namespace {
+
+struct Note : MessageClass<Note, 99, 1> {
+  static constexpr const char* kClassName = "Test.Note";
+  Field<std::string, 1, 1> text;
+  Field<pstring, 2, 2> secret;
+  static std::span<const FieldInfo> fields() {
+    static constexpr FieldInfo list[] = {field<&Note::text>("text"), field<&Note::secret>("secret")};
+    return list;
+  }
+};
+
+Note noteOf(const std::string& text) {
+  Note note;
+  note.text = text;
+  return note;
+}
+
+constexpr std::uint16_t kFirstPort = 8400;
+constexpr std::uint16_t kSecondPort = 8402;
+constexpr int kPatience = 60;  // seconds; for steps that are expected to succeed
+constexpr char kIdentity[] = "client1";
+constexpr char kKey[] = "00112233445566778899aabbccddeeff00112233445566778899AABBCCDDEEFF";
+constexpr char kOtherKey[] = "0000000000000000000000000000000000000000000000000000000000000000";
+
+bool findKey(const std::string& identity, std::string& key) {
+  return identity == kIdentity && sessionKeyFromHex(kKey, key);
+}
+
+// The accepting side as a program would use it: one thread accepts, each session has one of its own. Entry
+// "refuse" is refused; a note with the text "decline" is declined, any other sent back.
+class EchoServer {
+ public:
+  EchoServer(const std::string& address, std::uint16_t port) : listener_(findKey) {
+    const CWmError error = listener_.open(address, port);
+    EXPECT_FALSE(error.IsError()) << error.AsString();
+    acceptor_ = std::thread([this] {
+      while (std::shared_ptr<CLqNetwork> session = listener_.accept())
+        servers_.emplace_back([this, session] { serve(*session); });
+    });
+  }
+  ~EchoServer() { stop(); }
+
+  void stop() {
+    listener_.stop();
+    if (acceptor_.joinable()) acceptor_.join();
+    for (std::thread& server : servers_) server.join();
+    servers_.clear();
+  }
+
+  // Outcomes of the attaches and ends of the sessions so far, in order; complete after stop().
+  std::vector<CWmError> outcomes() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return outcomes_;
+  }
+
+ private:
+  void serve(CLqNetwork& session) {
+    const CWmError outcome = exchange(session);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    outcomes_.push_back(outcome);
+  }
+
+  static CWmError exchange(CLqNetwork& session) {
+    lqsExecuteRemoteDllType remote;
+    std::string caller;
+    CWmError error = session.AcceptAttach(remote, caller, kPatience);
+    if (error.IsError()) return error;
+    std::string identity;
+    EXPECT_TRUE(session.GetPeerName(identity));
+    EXPECT_EQ(identity + "/" + caller + "/" + remote.libraryName, "client1/machine1/sLNTEST");
+    EXPECT_FALSE(session.IsConnected());
+    if (std::string(remote.entryName) == "refuse") {
+      session.RefuseAttach("no such entry here");
+      return error;
+    }
+    error = session.ConfirmAttach();
+    bool gone = false;
+    while (!error.IsError()) {
+      std::unique_ptr<CNMessageBase> message;
+      error = session.ReceiveXMLMessage(nullptr, message, nullptr, 0, -1, gone);
+      if (error.IsError()) break;
+      const bool decline = messageAs<Note>(message.get())->text.get() == "decline";
+      error = decline ? session.SendRefusal("not today") : session.SendXMLMessage(*message, 0, -1, gone);
+    }
+    return error;
+  }
+
+  LqListener listener_;
+  std::thread acceptor_;
+  std::list<std::thread> servers_;
+  std::mutex mutex_;
+  std::vector<CWmError> outcomes_;
+};
+
+class NetworkTest : public testing::Test {
+ protected:
+  NetworkTest() : address(test_support::uniqueLoopbackAddress()) {
+    registerMessageClasses<Note>();
+    lqregistry::UseFile(folder / "registry.db");
+    LQPI_Focus::setFocus("Instance001");
+    join(kIdentity, kKey);
+  }
+
+  static void join(const std::string& identity, const std::string& key) {
+    LQPlatformInfo info;
+    info.setString("Overhub", "sSESSIONIDENTITY", identity, 0);
+    info.setString("Overhub", "sSESSIONKEY", key, 0);
+  }
+
+  CWmError attach(CLqNetwork& network, int seconds = kPatience, const std::string& entry = "sLPTEST") {
+    return attachTo(MangleHostName(address, "server1", kFirstPort, kSecondPort), network, seconds, entry);
+  }
+  CWmError attachTo(const std::string& target, CLqNetwork& network, int seconds = kPatience,
+                    const std::string& entry = "sLPTEST") {
+    lqsExecuteRemoteDllType remote;
+    remote.setNames("sLNTEST", entry);
+    return network.Attach_RemoteDLL(target, remote, "machine1", seconds, gone);
+  }
+  CWmError exchange(CLqNetwork& network, const Note& sent, std::unique_ptr<CNMessageBase>& reply,
+                    std::string* raw = nullptr) {
+    const CWmError error = network.SendXMLMessage(sent, 0, kPatience, gone);
+    return error.IsError() ? error : network.ReceiveXMLMessage(raw, reply, nullptr, 0, kPatience, gone);
+  }
+  // A fresh caller attaches, gets an echo and leaves.
+  void expectGoodExchange() {
+    CLqNetwork network;
+    const CWmError error = attach(network);
+    ASSERT_FALSE(error.IsError()) << error.AsString();
+    std::unique_ptr<CNMessageBase> reply;
+    ASSERT_FALSE(exchange(network, noteOf("hello"), reply).IsError());
+    EXPECT_TRUE(reply->equals(noteOf("hello")));
+    network.Disconnect(kPatience, gone);
+    EXPECT_FALSE(gone);
+  }
+
+  test_support::TempDir folder;
+  std::string address;
+  bool gone = false;
+};
+
+void expectError(const CWmError& error, std::uint32_t code, const std::string& part) {
+  EXPECT_EQ(error.GetCode(), code) << error.AsString();
+  EXPECT_NE(std::string(error.AsString()).find(part), std::string::npos) << error.AsString();
+}
+
+TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
+  EchoServer server(address, kFirstPort);
+  std::atomic<int> sent{0};
+  std::atomic<int> received{0};
+  CLqNetwork::SetObserver([&](CLqNetwork::Direction direction, const CNMessageBase&) {
+    ++(direction == CLqNetwork::Direction::kSent ? sent : received);
+  });
+  CLqNetwork network;
+  std::string name = "old";
+  EXPECT_FALSE(network.GetPeerName(name));
+  EXPECT_EQ(name, "");
+  const CWmError attached = attach(network);
+  ASSERT_FALSE(attached.IsError()) << attached.AsString();
+  EXPECT_TRUE(network.IsConnected());
+  EXPECT_TRUE(network.GetPeerName(name));
+  EXPECT_EQ(name, address);
+
+  Note large;
+  for (std::size_t i = 0; i < (10U << 20); ++i) large.text.edit() += static_cast<char>(1 + i % 255);
+  large.secret = pstring("a secret");
+  std::unique_ptr<CNMessageBase> reply;
+  std::string raw;
+  ASSERT_FALSE(exchange(network, large, reply, &raw).IsError());
+  EXPECT_TRUE(reply->equals(large));
+  std::string expectedRaw;
+  large.serialize(expectedRaw, true);
+  EXPECT_TRUE(raw == expectedRaw);
+
+  expectError(exchange(network, noteOf("decline"), reply), kLqErrRequestRefused, "not today");
+  EXPECT_EQ(reply, nullptr);
+  EXPECT_TRUE(network.IsConnected());
+  std::uint32_t code = 0;
+  std::string text;
+  network.GetLastErrorGenericText(code, text, 0);
+  EXPECT_EQ(code, kLqErrRequestRefused);
+
+  network.Disconnect(kPatience, gone);
+  EXPECT_FALSE(gone);
+  EXPECT_FALSE(network.IsConnected());
+  expectError(network.SendXMLMessage(large, 0, -1, gone), kLqErrNotConnected, "not attached");
+  server.stop();
+  CLqNetwork::SetObserver({});
+  ASSERT_EQ(server.outcomes().size(), 1U);
+  expectError(server.outcomes()[0], kLqErrNotConnected, "ended the session");
+  EXPECT_EQ(sent, 3);  // two requests and one echo
+  EXPECT_EQ(received, 3);
+}
+
+TEST_F(NetworkTest, RefusedAttachGivesTheReasonAndTheObjectCanAttachAgain) {
+  EchoServer server(address, kSecondPort);  // nobody on the first port
+  CLqNetwork network;
+  expectError(attach(network, kPatience, "refuse"), kLqErrAttachRefused, "no such entry here");
+  EXPECT_FALSE(gone);
+  EXPECT_FALSE(network.IsConnected());
+  EXPECT_FALSE(attach(network).IsError());
+  EXPECT_TRUE(network.IsConnected());
+}
+
+TEST_F(NetworkTest, AddressesOfBothFamiliesAndNamesAreTargets) {
+  for (const std::string host : {"::1", "localhost"}) {
+    const auto port = static_cast<std::uint16_t>(20000 + getpid() % 10000);
+    LqListener probe(findKey);
+    const std::string listenAt = host == "::1" ? host : "127.0.0.1";
+    if (probe.open(listenAt, port).IsError()) continue;  // a machine without this family
+    std::thread server([&] {
+      lqsExecuteRemoteDllType remote;
+      std::string caller;
+      const auto session = probe.accept();
+      if (session != nullptr && !session->AcceptAttach(remote, caller, kPatience).IsError())
+        session->ConfirmAttach();
+    });
+    CLqNetwork network;
+    const CWmError error = attachTo(MangleHostName(host, "s", port, port), network);
+    EXPECT_FALSE(error.IsError()) << error.AsString();
+    probe.stop();
+    server.join();
+  }
+}
+
+TEST_F(NetworkTest, WhatPreventsTheConnectionIsNamed) {
+  CLqNetwork network;
+  const CWmError nobody = attach(network);
+  expectError(nobody, kLqErrConnect, address + " port 8400: Connection refused");
+  expectError(nobody, kLqErrConnect, address + " port 8402: Connection refused");
+  for (const char* target : {"", "host", "host*client*8400", "*client*8400*8402", "host*client*8400*0",
+                             "host*client*8400*65536", "host*client*84x0*8402"})
+    expectError(attachTo(target, network), kLqErrBadTarget, target);
+  expectError(attachTo("no host has this name*client*8400*8402", network), kLqErrConnect, "no host has");
+
+  join(kIdentity, "00ff");
+  expectError(attach(network), kLqErrNoCredentials, "damaged");
+  lqregistry::UseFile(folder / "empty.db");
+  expectError(attach(network), kLqErrNoCredentials, "lqhost join");
+  EXPECT_FALSE(gone);
+
+  LqListener listener(findKey);
+  LqListener second(findKey);
+  expectError(listener.open("no address", kFirstPort), kLqErrBadTarget, "no address port 8400");
+  EXPECT_EQ(listener.accept(), nullptr);
+  ASSERT_FALSE(listener.open(address, kFirstPort).IsError());
+  expectError(second.open(address, kFirstPort), kLqErrConnect,
+              address + " port 8400: Address already in use");
+}
+
+TEST_F(NetworkTest, OnlyAServerWithTheSameKeyIsTrustedAndUnknownCallersLookLikeWrongKeys) {
+  std::string unknownIdentity;
+  {
+    EchoServer server(address, kFirstPort);
+    CLqNetwork network;
+    join(kIdentity, kOtherKey);
+    const CWmError wrongKey = attach(network);
+    expectError(wrongKey, kLqErrHandshake, "the session key of this machine is not the one the server knows");
+    join("nobody", kKey);
+    EXPECT_STREQ(attach(network).AsString(), wrongKey.AsString());
+    join(kIdentity, kKey);
+    server.stop();
+    ASSERT_EQ(server.outcomes().size(), 2U);
+    expectError(server.outcomes()[0], kLqErrHandshake, kIdentity);
+    expectError(server.outcomes()[1], kLqErrHandshake, "nobody");
+  }
+  // An impostor that shows a certificate, and a good server on the other port that is not to be asked.
+  ScriptedPeer impostor(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    s.handshakeWithCertificate();
+    s.waitForClose();
+  });
+  ScriptedPeer good(address, kSecondPort, kIdentity, kKey, [](PeerSession& s) { s.acceptAttach(); });
+  CLqNetwork network;
+  expectError(attach(network), kLqErrHandshake, address + " port 8400");
+  EXPECT_EQ(good.callers(), 0);
+}
+
+TEST_F(NetworkTest, SilentPeersAreGivenUpAndOnlyACutFrameCostsTheSession) {
+  {
+    ScriptedPeer mute(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) { s.waitForClose(); });
+    CLqNetwork network;
+    expectError(attach(network, 1), kLqErrTimeout, address);
+    EXPECT_FALSE(network.IsConnected());
+  }
+  ScriptedPeer slow(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    if (!s.acceptAttach()) return;
+    s.readFrame();
+    s.writeInTls(std::string("\0\0\0", 3));
+    s.waitForClose();
+  });
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  std::unique_ptr<CNMessageBase> message;
+  expectError(network.ReceiveXMLMessage(nullptr, message, nullptr, 0, 0, gone), kLqErrTimeout, address);
+  EXPECT_TRUE(network.IsConnected());
+  ASSERT_FALSE(network.SendXMLMessage(noteOf("go on"), 0, kPatience, gone).IsError());
+  expectError(network.ReceiveXMLMessage(nullptr, message, nullptr, 0, 1, gone), kLqErrTimeout, address);
+  EXPECT_FALSE(network.IsConnected());
+}
+
+// --- each end against a peer that breaks the rules ---------------------------------------------------------
+
+struct Fault {
+  const char* name;
+  ScriptedPeer::Script script;
+  std::uint32_t code;
+  const char* text;
+  bool connectedAfterwards = false;
+};
+void PrintTo(const Fault& fault, std::ostream* out) {
+  *out << fault.name;
+}
+std::string faultName(const testing::TestParamInfo<Fault>& info) {
+  return info.param.name;
+}
+
+ScriptedPeer::Script reply(int kind, const std::string& payload = {}) {
+  return [=](PeerSession& s) { s.writeFrame(kind, payload); };
+}
+ScriptedPeer::Script bytes(const std::string& inTls) {
+  return [=](PeerSession& s) { s.writeInTls(inTls); };
+}
+
+class BrokenAttachTest : public NetworkTest, public testing::WithParamInterface<Fault> {};
+
+TEST_P(BrokenAttachTest, GivesItsCodeAndNoSession) {
+  ScriptedPeer peer(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    GetParam().script(s);
+    s.waitForClose();
+  });
+  CLqNetwork network;
+  expectError(attach(network), GetParam().code, GetParam().text);
+  EXPECT_EQ(gone, GetParam().code == kLqErrConnectionLost);
+  EXPECT_FALSE(network.IsConnected());
+}
+
+ScriptedPeer::Script afterRequest(const ScriptedPeer::Script& script) {
+  return [=](PeerSession& s) {
+    if (s.handshake() && s.readFrame().kind == PeerSession::kAttach) script(s);
+  };
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Network, BrokenAttachTest,
+    testing::Values(
+        Fault{"NoTls", [](PeerSession& s) { s.writeOutsideTls("220 ready to serve\r\n"); }, kLqErrHandshake,
+              "does not speak this protocol"},
+        Fault{"ResetInHandshake",
+              [](PeerSession& s) {
+                s.waitForBytes();
+                s.reset();
+              },
+              kLqErrConnectionLost, ""},
+        Fault{"ResetAfterRequest", afterRequest([](PeerSession& s) { s.reset(); }), kLqErrConnectionLost, ""},
+        Fault{"Goodbye", afterRequest(reply(PeerSession::kGoodbye)), kLqErrNotConnected, "ended the session"},
+        Fault{"MessageInstead", afterRequest(reply(PeerSession::kMessage, "<a/>")), kLqErrProtocol, "kind 4"},
+        // Within the bound for messages, which does not hold yet.
+        Fault{"OversizedReason", afterRequest(bytes({"\0\x10\0\0\x3", 5})), kLqErrFrameTooLarge, "65536"}),
+    faultName);
+
+class BrokenReplyTest : public NetworkTest, public testing::WithParamInterface<Fault> {};
+
+TEST_P(BrokenReplyTest, GivesItsCodeAndLeavesTheSessionUsableOrClosed) {
+  ScriptedPeer peer(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    if (!s.acceptAttach()) return;
+    s.readFrame();
+    GetParam().script(s);
+    s.readFrame();
+    s.writeFrame(PeerSession::kMessage, "<Test.Note text=\"still here\"/>");
+    s.waitForClose();
+  });
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  std::unique_ptr<CNMessageBase> message = std::make_unique<Note>();
+  expectError(exchange(network, noteOf("question"), message), GetParam().code, GetParam().text);
+  EXPECT_EQ(message, nullptr);
+  EXPECT_EQ(gone, GetParam().code == kLqErrConnectionLost);
+  EXPECT_EQ(network.IsConnected(), GetParam().connectedAfterwards);
+  const CWmError again = exchange(network, noteOf("another"), message);
+  if (GetParam().connectedAfterwards) {
+    EXPECT_FALSE(again.IsError()) << again.AsString();
+  } else {
+    EXPECT_EQ(again.GetCode(), kLqErrNotConnected);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Network, BrokenReplyTest,
+    testing::Values(
+        Fault{"OversizedHeader", bytes("\xff\xff\xff\xff\x4"), kLqErrFrameTooLarge, "4294967295"},
+        Fault{"ZeroLength", bytes({"\0\0\0\0\x4", 5}), kLqErrProtocol, "without a kind"},
+        Fault{"UnknownKind", reply(99), kLqErrProtocol, "kind 99"},
+        Fault{"CutFrame",
+              [](PeerSession& s) {
+                s.writeInTls(std::string("\0\0\1\0\x4<Test", 10));
+                s.reset();
+              },
+              kLqErrConnectionLost, "cannot receive from"},
+        Fault{"Reset", [](PeerSession& s) { s.reset(); }, kLqErrConnectionLost, "cannot receive from"},
+        Fault{"ClearTextInTheMiddle", [](PeerSession& s) { s.writeOutsideTls("HTTP/1.1 400 Bad\r\n\r\n"); },
+              kLqErrProtocol, "TLS fault"},
+        Fault{"Goodbye", [](PeerSession& s) { s.writeFrame(PeerSession::kGoodbye); }, kLqErrNotConnected,
+              "ended the session"},
+        Fault{"Refusal", reply(PeerSession::kRefuseRequest, "busy"), kLqErrRequestRefused, "busy", true},
+        Fault{"BrokenXml", reply(PeerSession::kMessage, "<Test.Note text="), kLqErrBadMessage, "broken XML",
+              true},
+        Fault{"EmptyMessage", reply(PeerSession::kMessage), kLqErrBadMessage, "", true},
+        Fault{"UnknownClass", reply(PeerSession::kMessage, "<No.Such/>"), kLqErrBadMessage, "No.Such", true}),
+    faultName);
+
+class BrokenCallerTest : public NetworkTest, public testing::WithParamInterface<Fault> {};
+
+TEST_P(BrokenCallerTest, IsTurnedAwayAndDisturbsNobody) {
+  EchoServer server(address, kFirstPort);
+  auto caller = PeerSession::call(address, kFirstPort, kIdentity, kKey);
+  ASSERT_NE(caller, nullptr);
+  GetParam().script(*caller);
+  expectGoodExchange();
+  caller->waitForClose();
+  caller.reset();
+  server.stop();
+  std::vector<CWmError> outcomes = server.outcomes();
+  ASSERT_EQ(outcomes.size(), 2U);
+  expectError(outcomes[outcomes[0].GetCode() == kLqErrNotConnected ? 1 : 0], GetParam().code,
+              GetParam().text);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Network, BrokenCallerTest,
+    testing::Values(
+        Fault{"MessageFirst", reply(PeerSession::kMessage, "<Test.Note/>"), kLqErrProtocol, "kind 4"},
+        Fault{"BrokenRequest", reply(PeerSession::kAttach, "<Session.Att"), kLqErrProtocol, "broken XML"},
+        Fault{"LongName",
+              reply(PeerSession::kAttach,
+                    "<Session.AttachRequest version=\"1\" library=\"" + std::string(257, 'x') + "\"/>"),
+              kLqErrProtocol, "cannot be read"},
+        Fault{"OversizedRequest", bytes({"\0\1\0\1\1", 5}), kLqErrFrameTooLarge, "65537"},
+        Fault{"OtherVersion",
+              [](PeerSession& s) {
+                s.writeFrame(PeerSession::kAttach, "<Session.AttachRequest version=\"2\"/>");
+                EXPECT_EQ(s.readFrame().kind, PeerSession::kRefuse);
+              },
+              kLqErrProtocol, "version 2"}),
+    faultName);
+
+TEST_F(NetworkTest, CallersThatDoNotSpeakTlsDisturbNobody) {
+  EchoServer server(address, kFirstPort);
+  for (const std::string garbage : {"GET / HTTP/1.1\r\n\r\n", "\x16\x03\x01\xff\xff\x01", ""}) {
+    const int descriptor = connectPlain(address, kFirstPort);
+    ASSERT_GE(descriptor, 0);
+    send(descriptor, garbage.data(), garbage.size(), MSG_NOSIGNAL);
+    expectGoodExchange();  // while the other one is still there
+    close(descriptor);
+  }
+}
+
+// --- many callers, and the end -----------------------------------------------------------------------------
+
+TEST_F(NetworkTest, TwentyCallersAreServedAtOnce) {
+  EchoServer server(address, kFirstPort);
+  std::list<std::thread> callers;
+  std::atomic<int> attached{0};
+  for (int i = 0; i < 20; ++i) {
+    callers.emplace_back([&, i] {
+      CLqNetwork network;
+      lqsExecuteRemoteDllType remote;
+      remote.setNames("sLNTEST", "sLPTEST");
+      bool lost = false;
+      const CWmError error = network.Attach_RemoteDLL(MangleHostName(address, "s", kFirstPort, kSecondPort),
+                                                      remote, "machine1", kPatience, lost);
+      EXPECT_FALSE(error.IsError()) << error.AsString();
+      for (++attached; attached < 20;) std::this_thread::yield();  // all hold a session now
+      const Note note = noteOf("caller " + std::to_string(i));
+      std::unique_ptr<CNMessageBase> answer;
+      EXPECT_FALSE(network.SendXMLMessage(note, 0, kPatience, lost).IsError());
+      EXPECT_FALSE(network.ReceiveXMLMessage(nullptr, answer, nullptr, 0, kPatience, lost).IsError());
+      EXPECT_TRUE(answer != nullptr && answer->equals(note));
+      network.Disconnect(kPatience, lost);
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+}
+
+TEST_F(NetworkTest, VanishedPeersAreNoticedByWhoeverEndsTheSession) {
+  ScriptedPeer peer(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    if (s.acceptAttach() && s.readFrame().kind == PeerSession::kMessage) s.reset();
+  });
+  for (const auto end : {&CLqNetwork::Disconnect, &CLqNetwork::ReplyDisconnect}) {
+    CLqNetwork network;
+    ASSERT_FALSE(attach(network).IsError());
+    ASSERT_FALSE(network.SendXMLMessage(noteOf("vanish"), 0, kPatience, gone).IsError());
+    (network.*end)(kPatience, gone);
+    EXPECT_TRUE(gone);
+    EXPECT_FALSE(network.IsConnected());
+  }
+  // A session that is idle when its peer goes away is known to be lost before anything is sent.
+  CLqNetwork idle;
+  ASSERT_FALSE(attach(idle).IsError());
+  ASSERT_FALSE(idle.SendXMLMessage(noteOf("vanish"), 0, kPatience, gone).IsError());
+  while (idle.IsConnected()) std::this_thread::yield();
+}
+
+TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
+  bool answered = false;
+  {
+    ScriptedPeer peer(address, kFirstPort, kIdentity, kKey, [&](PeerSession& s) {
+      if (!s.acceptAttach()) return;
+      s.writeFrame(PeerSession::kMessage, "<Test.Note/>");  // nobody reads it any more
+      s.writeFrame(PeerSession::kGoodbye);
+      answered = s.readFrame().kind == PeerSession::kGoodbye;
+    });
+    CLqNetwork network;
+    ASSERT_FALSE(attach(network).IsError());
+    network.ReplyDisconnect(kPatience, gone);
+    EXPECT_FALSE(gone);
+  }
+  EXPECT_TRUE(answered);
+}
+
+TEST_F(NetworkTest, StopEndsAcceptAndTurnsCallersAway) {
+  LqListener listener(findKey);
+  ASSERT_FALSE(listener.open(address, kFirstPort).IsError());
+  close(connectPlain(address, kFirstPort));
+  EXPECT_NE(listener.accept(), nullptr);
+  std::thread acceptor([&] { EXPECT_EQ(listener.accept(), nullptr); });
+  listener.stop();
+  acceptor.join();
+  EXPECT_EQ(connectPlain(address, kFirstPort), -1);
+}
+
+TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
+  LqListener listener(findKey);
+  ASSERT_FALSE(listener.open(address, kFirstPort).IsError());
+  close(connectPlain(address, kFirstPort));
+  ASSERT_NE(listener.accept(), nullptr);
+
+  const oblog::Capture log;
+  rlimit whole{};
+  getrlimit(RLIMIT_NOFILE, &whole);
+  const rlimit few{64, whole.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &few);
+  std::vector<int> taken;
+  for (int spare = dup(0); spare >= 0; spare = dup(0)) taken.push_back(spare);
+  ASSERT_GE(taken.size(), 3U);
+  for (std::size_t i = 0; i < 3; ++i) close(taken[i]);  // enough for a session, but not for its socket
+  std::unique_ptr<CLqNetwork> session;
+  std::thread acceptor([&] { session = listener.accept(); });
+  while (log.Lines().empty()) std::this_thread::yield();
+  setrlimit(RLIMIT_NOFILE, &whole);
+  close(connectPlain(address, kFirstPort));
+  acceptor.join();
+  EXPECT_NE(session, nullptr);
+  ASSERT_EQ(log.Lines().size(), 1U);
+  EXPECT_NE(log.Lines()[0].text.find("cannot take callers on " + address), std::string::npos);
+  for (std::size_t i = 3; i < taken.size(); ++i) close(taken[i]);
+}
+
+TEST(SessionKeyTest, HexFormIsReadBackAndAnythingElseRefused) {
+  std::string key = "unchanged";
+  for (const std::string& wrong : {std::string(), std::string(kKey).substr(1), std::string(63, '0') + "g"})
+    EXPECT_FALSE(sessionKeyFromHex(wrong, key));
+  EXPECT_EQ(key, "unchanged");
+  ASSERT_TRUE(sessionKeyFromHex(kKey, key));
+  EXPECT_EQ(key.substr(0, 4) + key.substr(28), std::string("\x00\x11\x22\x33\xcc\xdd\xee\xff", 8));
+  EXPECT_NE(newSessionKeyHex(), newSessionKeyHex());
+  EXPECT_TRUE(sessionKeyFromHex(newSessionKeyHex(), key));
+}
+
+}  // namespace
