@@ -91,6 +91,6 @@ int LqRegistryChangeMgr::HandleCallbackForRegistry(const OBGui::RegistryKeyInfo&
 
 void* LqRegistryChangeMgr::OnRegistryChange(void* params) {
   const std::unique_ptr<OnRegChangeThreadParams> parcel(static_cast<OnRegChangeThreadParams*>(params));
-  parcel->callback(OBGui::RegistryKeyInfo(*parcel));
+  if (parcel->callback != nullptr) parcel->callback(OBGui::RegistryKeyInfo(*parcel));
   return nullptr;
 }

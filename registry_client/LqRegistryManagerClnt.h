@@ -37,8 +37,8 @@ inline constexpr std::int32_t kRegStatusKeyMissing = 6;
 inline constexpr std::int32_t kRegStatusValueMissing = 7;  // its key exists
 inline constexpr std::int32_t kRegStatusWriteFailed = 8;
 
-// A platform type that initialize() has not determined; connecting is refused with it.
-inline constexpr std::uint32_t kPlatformTypeUnset = 4294967295;
+// The Additional Settings cache, in the base directory.
+inline constexpr const char* kSettingsCacheFile = "AdditionalSettingsCache.xml";
 
 class LQ_EXPORT LqRegistryManagerClnt {
  public:
@@ -156,10 +156,13 @@ class LQ_EXPORT LqRegistryManagerClnt {
   LQPlatformInfo platformInfo;
   std::int32_t regStatus = kRegStatusOk;
   ObDebug logger;
-  const CNMessageBase* sendMessage = nullptr;      // what the next exchange sends; not owned
+  // What the next exchange sends; not owned. After an operation of this class that ran an exchange of its own
+  // it points at a message that is gone: set it anew before an exchange.
+  const CNMessageBase* sendMessage = nullptr;
   std::unique_ptr<CNMessageBase> receivedMessage;  // the last reply; the caller may take it
-  std::uint32_t remotePlatformType = kPlatformTypeUnset;
-  std::uint32_t localPlatformType = kPlatformTypeUnset;
+  // 4294967295 until initialize() has determined them; connecting is refused with it.
+  std::uint32_t remotePlatformType = 4294967295;
+  std::uint32_t localPlatformType = 4294967295;
   std::string remoteLibraryName;
   std::string remoteEntryName;
   std::string remoteHostName;

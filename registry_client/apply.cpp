@@ -16,6 +16,7 @@ namespace {
 
 // A current value is read into this many bytes to see whether it changes.
 constexpr int kOldValueBuffer = 1024;
+constexpr int kMilestone = 2;
 constexpr int kDetail = 10;
 constexpr const char* kApplyTag = "LqRegistryManager::updateRegistryKeysForClient";
 
@@ -125,11 +126,11 @@ unsigned LqRegistryManagerClnt::updateRegistryKeyForTPPM(App::KeyList& keys) {
   constexpr const char* kTag = "LqRegistryManagerClnt::updateRegistryKeyForTPPM";
   const ObEvent event;
   if (const char* focus = LQPI_Focus::getFocus()) platformInfo.setFocus(focus);
-  event.DebugLvl(2, kTag, "Started updating registry for TPPM settings");
+  event.DebugLvl(kMilestone, kTag, "Started updating registry for TPPM settings");
   OBGui::KeyList converted;
   AppToObGui(converted, keys);
   updateRegistryKeysForClient(converted);
-  event.DebugLvl(2, kTag, "Completed updating registry for TPPM settings");
+  event.DebugLvl(kMilestone, kTag, "Completed updating registry for TPPM settings");
   // What the last registry operation left, not the apply result: on purpose.
   return static_cast<unsigned>(regStatus);
 }

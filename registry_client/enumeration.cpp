@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr const char* kRoot = "";
+// In front of every path, listings included: a key of the instance may be called "SOFTWARE...", too.
 constexpr const char* kBelowRoot = "~";
 // Longer values fail to read and are skipped.
 constexpr int kValueBuffer = 10240;
@@ -37,7 +37,7 @@ OBGui::RegistryKeyInfo keyRecord(const std::string& keyPath) {
 
 unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui::KeyList& records) {
   std::list<std::string> topLevel;
-  if (path == nullptr || !platformInfo.getSubKeys(kRoot, topLevel)) return kResultFailed;
+  if (path == nullptr || !platformInfo.getSubKeys(kBelowRoot, topLevel)) return kResultFailed;
   std::list<std::string> keys;
   for (const std::string& key : topLevel) {
     keys.push_back(key);
@@ -52,7 +52,7 @@ unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui:
 
 unsigned LqRegistryManagerClnt::getAllClientKeys(const char* parent, std::list<std::string>& keys) {
   std::list<std::string> children;
-  if (!platformInfo.getSubKeys(parent, children)) return kResultFailed;
+  if (!platformInfo.getSubKeys(std::string(kBelowRoot) + parent, children)) return kResultFailed;
   for (const std::string& child : children) {
     keys.push_back(subKeyPath(parent, child));
     getAllClientKeys(std::string(keys.back()).c_str(), keys);

@@ -12,7 +12,7 @@ constexpr char kInstanceRoot = '~';
 constexpr const char* kPathSeparator = "/";
 
 // Suffix of the value that carries another value's expiry time.
-constexpr std::string_view _UNTIL = "_UNTIL";  // NOLINT(bugprone-reserved-identifier): the name in use
+constexpr std::string_view _UNTIL = "_UNTIL";  // NOLINT(*-reserved-identifier,cert-dcl*): the name in use
 
 // Whether the record is an expiry time, and one that has passed. Read as atoi reads it: no digits are 0.
 bool isExpired(const OBGui::RegistryKeyInfo& key, std::time_t now) {

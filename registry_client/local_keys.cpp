@@ -45,10 +45,9 @@ int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) 
   // Nothing to create is a success here, while deleteRegistryKey refuses the same record; both on purpose.
   if (key == nullptr || key->valueName->empty()) return kResultOk;
 
-  const auto failed = [this, key](const std::string& path) {
+  const auto failed = [this](const std::string& path) {
     regStatus = kRegStatusWriteFailed;
-    if (!key->keyPath->empty())
-      logger.Debug(kCreateTag, "Failed To Create A Registry Key, Path=%s", path.c_str());
+    if (!path.empty()) logger.Debug(kCreateTag, "Failed To Create A Registry Key, Path=%s", path.c_str());
     return kResultFailed;
   };
 

@@ -20,8 +20,6 @@ constexpr session_steps::Style kStyle{
 };
 
 constexpr const char* kServerSection = "Overhub";
-constexpr std::uint16_t kFirstServicePort = 8400;
-constexpr std::uint16_t kSecondServicePort = 8402;
 
 }  // namespace
 
@@ -51,11 +49,7 @@ bool LqRegistryManagerClnt::initialize() {
 }
 
 bool LqRegistryManagerClnt::networkOperationsReg(int, int) {
-  if ((!network || !network->IsConnected()) && !dllConnect()) {
-    logger.DebugLvl(0, kStyle.networkOperationsTag, "Failed to connect to remote machine");
-    return false;
-  }
-  return messageOperationsReg();
+  return session_steps::connected(*this, kStyle, network && network->IsConnected()) && messageOperationsReg();
 }
 
 bool LqRegistryManagerClnt::messageOperationsReg() {
@@ -83,9 +77,7 @@ bool LqRegistryManagerClnt::dllConnect() {
     return false;
   }
   const std::string target = MangleHostName(serverHost, serverClient, kFirstServicePort, kSecondServicePort);
-  if (!session_steps::mayConnect(*this, kPlatformTypeUnset)) return false;
-  logger.DebugLvl(10, kStyle.connectTag, "Remote HostName [%s] , Local Host Name [%s]",
-                  remoteHostName.c_str(), localHostName.c_str());
+  if (!session_steps::mayConnect(*this, kStyle)) return false;
   network = std::make_unique<CLqNetwork>();
   return session_steps::attach(*this, kStyle, *network, target);
 }

@@ -1,5 +1,7 @@
 #include "registry_client/session_steps.h"
 
+#include <algorithm>
+
 namespace session_steps {
 
 std::string localClientHostName(LQPlatformInfo& platformInfo) {

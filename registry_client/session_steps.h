@@ -14,6 +14,7 @@
 #include "platform/CLqNetwork.h"
 #include "platform/LQClient.h"
 #include "platform/LQPlatformInfo.h"
+#include "platform/ObDebug.h"
 
 namespace session_steps {
 
@@ -25,6 +26,8 @@ inline constexpr std::size_t kMaxLocalName = 255;
 // Seconds for attach and for an orderly disconnect.
 inline constexpr int kAttachSeconds = 120;
 inline constexpr int kDisconnectSeconds = 120;
+// Level of the line that names both hosts.
+inline constexpr int kDetail = 10;
 // Send and receive have no limit of their own.
 inline constexpr int kNoTimeout = -1;
 
@@ -86,11 +89,26 @@ void setDefaults(Client& client) {
   client.sendOnly = false;
 }
 
+// A platform type that has not been determined; connecting is refused with it.
+inline constexpr std::uint32_t kPlatformTypeUnset = 4294967295;
+
+// Whether there is a connection, or could be made one.
+template <class Client>
+bool connected(Client& client, const Style& style, bool isConnected) {
+  if (isConnected || client.dllConnect()) return true;
+  client.logger.DebugLvl(0, style.networkOperationsTag, "Failed to connect to remote machine");
+  return false;
+}
+
 // Whether a connection may be tried: both hosts and both platform types are known.
 template <class Client>
-bool mayConnect(const Client& client, std::uint32_t unsetPlatformType) {
-  return !client.remoteHostName.empty() && !client.localHostName.empty() &&
-         client.remotePlatformType != unsetPlatformType && client.localPlatformType != unsetPlatformType;
+bool mayConnect(const Client& client, const Style& style) {
+  if (client.remoteHostName.empty() || client.localHostName.empty() ||
+      client.remotePlatformType == kPlatformTypeUnset || client.localPlatformType == kPlatformTypeUnset)
+    return false;
+  client.logger.DebugLvl(kDetail, style.connectTag, "Remote HostName [%s] , Local Host Name [%s]",
+                         client.remoteHostName.c_str(), client.localHostName.c_str());
+  return true;
 }
 
 template <class Client>
@@ -131,9 +149,12 @@ bool send(Client& client, const Style& style, CLqNetwork* network) {
     client.disconnect();
     return false;
   }
-  client.logger.DebugLvl(style.sentLevel, style.sendTag,
-                         "Sent message [%lu] successfully to remote machine [%s]", tag,
-                         peerName(*network).c_str());
+  constexpr const char* kSent = "Sent message [%lu] successfully to remote machine [%s]";
+  if (style.sentLevel == kLqLogDefaultLevel) {
+    client.logger.Debug(style.sendTag, kSent, tag, peerName(*network).c_str());
+  } else {
+    client.logger.DebugLvl(style.sentLevel, style.sendTag, kSent, tag, peerName(*network).c_str());
+  }
   return true;
 }
 

@@ -11,7 +11,6 @@ namespace {
 // Held for the whole of each read and each write, so that no thread of this process sees half a file.
 LqCriticalSection additionalSettingsCacheLock;
 
-constexpr const char* kCacheFile = "AdditionalSettingsCache.xml";
 constexpr const char* kBaseSection = "Base";
 constexpr const char* kBaseHomeValue = "dBASEHOME";
 // The file is read in pieces of one byte less, so that each ends with a NUL.
@@ -22,7 +21,7 @@ constexpr std::int64_t kLogContext = -123456;
 std::string cachePath() {
   std::string path;
   LQPlatformInfo().getString(kBaseSection, kBaseHomeValue, path);
-  FXPath::Append(path, kCacheFile);
+  FXPath::Append(path, kSettingsCacheFile);
   return path;
 }
 

@@ -11,13 +11,12 @@
 namespace {
 
 constexpr const char* kTag = "additionalSettingsRefresh";
+constexpr const char* kTimerTag = "int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus*)";
 constexpr const char* kClientIdTag = "long unsigned int getClientId()";
 constexpr std::int64_t kLogContext = -123456;
 
 constexpr std::int64_t kDefaultMinutes = 60;
 constexpr std::int64_t kSecondsPerMinute = 60;
-// The one setting that a refresh neither applies nor keeps.
-constexpr const char* kExcludedSetting = "sCOHDbStatus";
 constexpr std::size_t kMaxNameBytes = 256;
 
 constexpr unsigned kPassDone = 1;
@@ -34,7 +33,7 @@ int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus* status) {
   // Multiplied without a sign, so that a senseless setting wraps instead of overflowing.
   status->setFrequency(static_cast<std::uint32_t>(static_cast<std::uint64_t>(minutes) * kSecondsPerMinute));
   ObDebug logger;
-  logger.DebugLvl(2, kLogContext, kTag, "Timer for Task [AdditionalSettingsRefresh] is set to [%ld].",
+  logger.DebugLvl(2, kLogContext, kTimerTag, "Timer for Task [AdditionalSettingsRefresh] is set to [%ld].",
                   static_cast<long>(minutes));
   return additionalSettingsRefresh() != 0 ? 0 : -1;
 }

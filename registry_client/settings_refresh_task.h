@@ -7,6 +7,9 @@
 #include "platform/LqExport.h"
 #include "platform/LqPeriodicTaskStatus.h"
 
+// The one setting that a refresh neither applies nor keeps in the cache.
+inline constexpr const char* kExcludedSetting = "sCOHDbStatus";
+
 // Task callback, found by its plain name: sets the task's frequency from "QMachineMaint" /
 // "nTimer_AdditionalSettingsRefresh" (minutes; 0 or absent: 60) and runs one refresh. Always 0.
 extern "C" LQ_EXPORT int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus* status);

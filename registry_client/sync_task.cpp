@@ -93,12 +93,13 @@ unsigned RegKeyGetVMName(char* name) {
   if (instance == nullptr) instance = LQPI_Focus::getFocus();
   if (instance == nullptr) return kInstanceNameMissing;
   // The buffer's size is the interface's; a longer name must not run over the caller's stack.
-  if (std::strlen(instance) >= kInstanceNameBuffer) {
+  const std::size_t length = std::strlen(instance);
+  if (length >= kInstanceNameBuffer) {
     ObEvent().Error("RegKeyGetVMName", "The instance name is longer than %zu characters",
                     kInstanceNameBuffer - 1);
     return kInstanceNameMissing;
   }
-  std::strcpy(name, instance);
+  std::memcpy(name, instance, length + 1);
   return kInstanceNameFound;
 }
 

@@ -1,0 +1,104 @@
+#include "communication_client/LqCommunicationManagerClnt.h"
+
+#include "platform/LQClient.h"
+#include "records/LqEntities.h"
+#include "registry_client/session_steps.h"
+
+namespace {
+
+constexpr session_steps::Style kStyle{
+    .networkOperationsTag = "LqCommunicationManagerClnt::networkOperationsRequest",
+    .messageOperationsTag = "LqCommunicationManagerClnt::messageOperationsRequest",
+    .sendTag = "LqCommunicationManagerClnt::sendXMLMessage",
+    .receiveTag = "LqCommunicationManagerClnt::receiveXMLMessage",
+    .connectTag = "LqCommunicationManagerClnt::dllConnect",
+    .sentLevel = kLqLogDefaultLevel,
+    .lostLabel = "Error:",
+    .receiveFailedLabel = "LqCommunicationManagerClnt",
+};
+
+constexpr const char* kDispatchTag = "LqCommunicationManagerClnt::serverRequestHandler";
+
+constexpr std::int64_t kNotImplementedCode = 1;
+constexpr const char* kNotImplementedText = "Callback function not implemented";
+
+}  // namespace
+
+std::map<int, LqCommunicationManagerClnt::CallBackFunction> LqCommunicationManagerClnt::callBackFunctionMap;
+
+int LqCommunicationManagerClnt::registerCallBackFunction(int messageType, CallBackFunction handler) {
+  callBackFunctionMap[messageType] = handler;
+  return 1;
+}
+
+LqCommunicationManagerClnt::LqCommunicationManagerClnt(const std::string& focus) {
+  if (!focus.empty()) platformInfo.setFocus(focus);
+  logger.Initialize(session_steps::kLogId, 0, false, "");
+  initialize();
+  session_steps::setDefaults(*this);
+}
+
+LqCommunicationManagerClnt::~LqCommunicationManagerClnt() = default;
+
+bool LqCommunicationManagerClnt::initialize() {
+  App::RegisterSubsystem();
+  LqEntities::RegisterSubsystem();
+  const std::string serverHost = session_steps::serverHostName(platformInfo);
+  const std::string localHost = session_steps::localClientHostName(platformInfo);
+  // Asked for and dropped: this client's messages carry no client id.
+  std::uint64_t ownId = 0;
+  LQClient(session_steps::clientNameOfHost(platformInfo, localHost), false, 0).getClientId(ownId, nullptr);
+  session_steps::setPlatformTypesAndHosts(*this, serverHost, localHost);
+  return true;
+}
+
+bool LqCommunicationManagerClnt::networkOperationsRequest() {
+  if (!session_steps::connected(*this, kStyle, network.IsConnected())) return false;
+  if (messageOperationsRequest()) return true;
+  logger.DebugLvl(0, kStyle.networkOperationsTag, "messageOperationsRequest Failed");
+  return false;
+}
+
+bool LqCommunicationManagerClnt::messageOperationsRequest() {
+  return session_steps::messageOperations(*this, kStyle);
+}
+
+bool LqCommunicationManagerClnt::sendXMLMessage() {
+  return session_steps::send(*this, kStyle, &network);
+}
+
+bool LqCommunicationManagerClnt::receiveXMLMessage() {
+  return session_steps::receive(*this, kStyle, &network);
+}
+
+bool LqCommunicationManagerClnt::dllConnect() {
+  remoteHostName = session_steps::serverHostName(platformInfo);
+  std::string target;
+  LQClient(kServerClientId).getNetworkHostnameMangled(target);
+  return session_steps::mayConnect(*this, kStyle) && session_steps::attach(*this, kStyle, network, target);
+}
+
+void LqCommunicationManagerClnt::disconnect() {
+  session_steps::endConnection(network);
+}
+
+int LqCommunicationManagerClnt::serverRequestHandler(App::AppCommunicationMessageReq& request) {
+  // By its low 32 bits: that is what handlers are registered under.
+  const auto found = callBackFunctionMap.find(static_cast<int>(request.messageType.get()));
+  std::string payload;
+  if (found != callBackFunctionMap.end() && found->second != nullptr) {
+    payload = request.payload;
+    if (found->second(payload) != 0)
+      logger.DebugLvl(0, kDispatchTag, "Call Back function returned some error");
+  } else {
+    App::GenericResp refusal;
+    refusal.errorCode = kNotImplementedCode;
+    refusal.errorText = std::string(kNotImplementedText);
+    refusal.serialize(payload, false);
+    logger.DebugLvl(0, kDispatchTag, "Call Back function not implemented for [%ld]",
+                    static_cast<long>(request.messageType.get()));
+  }
+  serverRequest.payload = payload;
+  sendMessage = &serverRequest;
+  return 0;
+}

@@ -1,0 +1,183 @@
+// The log-monitoring checks: what applies to this machine, which helper procedure does it, what is logged.
+#include "log_monitoring/LqSluiceLogMonitoringInterface.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/CWmLibrary.h"
+#include "platform/ClientProperties.h"
+#include "platform/FXFile.h"
+#include "platform/LQClient.h"
+#include "platform/LQPlatformInfo.h"
+#include "platform/ObDebug.h"
+
+LqCriticalSection criticalSecForClientId;
+
+namespace {
+
+constexpr const char* kClientIdTag = "LqSluiceLogMonitoringInterface_getClientId";
+constexpr const char* kCheckTag = "LqSluiceLogMonitoringInterface_CheckLogMonitoringData";
+constexpr const char* kAlertTag = "LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule";
+constexpr std::int64_t kLogContext = -123456;
+constexpr int kAlways = 0;
+constexpr int kVerbose = 4;
+constexpr int kDetail = 10;
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+
+constexpr std::size_t kMaxNameBytes = 256;
+constexpr int kIndexServerPackage = 1306;
+constexpr const char* kAnalyticsProperty = "AnalyticSearchEngineEnabled";
+
+constexpr const char* kWorkDirectory = "/LM/";
+constexpr const char* kWorkFiles = "LM*";
+
+constexpr const char* kHelperLibrary = "libLqLMHelper.so";
+constexpr const char* kSpaceCheck = "LMSpaceCheck";
+constexpr const char* kAlertRule = "processLogMonitoringAlertRule";
+using SpaceCheck = void (*)(std::uint64_t clientId);
+using AlertRule = void (*)();
+
+// The helper library of one call, loaded when one of its procedures is asked for and released with the
+// object.
+class Helper {
+ public:
+  Helper(const ObEvent& event, const char* tag) : event_(event), tag_(tag) {}
+
+  // Loads the library and finds the procedure in it; null, with a line that says why, when there is none.
+  template <class Procedure>
+  Procedure find(LQPI_PlatformBase& base, const char* name) {
+    return reinterpret_cast<Procedure>(load(base) ? procedure(name) : nullptr);
+  }
+
+  const char* path() const { return path_.c_str(); }
+
+ private:
+  bool load(LQPI_PlatformBase& base) {
+    const char* const home = base.getBaseHomeDirectory();
+    path_ = std::string(home == nullptr ? "" : home) + "/" + kHelperLibrary;
+    const CWmError error = library_.Load(path_, false);
+    if (error.IsError())
+      event_.DebugLvl(kAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
+                      error.AsString());
+    return !error.IsError();
+  }
+
+  void* procedure(const char* name) const {
+    void* found = nullptr;
+    const CWmError error = library_.GetProcedure(name, found);
+    if (error.IsError())
+      event_.DebugLvl(kAlways, kLogContext, tag_,
+                      "Failed to load procedure [%s] from library [%s], error[%s].", name, path(),
+                      error.AsString());
+    return found;
+  }
+
+  CWmLibrary library_{true};
+  const ObEvent& event_;
+  const char* tag_;
+  std::string path_;
+};
+
+bool isAnalyticsEnabled(unsigned long clientId) {
+  ApplNativeProperty property;
+  const ClientProperties properties(clientId);
+  return properties.getNativeProperty(kAnalyticsProperty, kPropertyBoolean, "", 0, property) == 0 &&
+         property.getBooleanValue();
+}
+
+int checkSpace(Helper& helper, LQPI_PlatformBase& base, const ObEvent& event, unsigned long clientId) {
+  event.DebugLvl(kVerbose, kLogContext, kCheckTag, "Analytics engine is enabled");
+  const auto check = helper.find<SpaceCheck>(base, kSpaceCheck);
+  if (check == nullptr) return kFailed;
+  check(clientId);
+  event.DebugLvl(kAlways, kLogContext, kCheckTag,
+                 "Call to procedure [%s] from library [%s] using Client Id = [%ld] Completed.", kSpaceCheck,
+                 helper.path(), static_cast<long>(clientId));
+  return kDone;
+}
+
+int clearWorkDirectory(LQPlatformInfo& info, const ObEvent& event) {
+  std::string home;
+  if (!info.getDirectory("Base", "dVELMORHOME", home)) {
+    event.Error(kCheckTag, "Failed to identify velmor home directory.");
+    return kFailed;
+  }
+  // What cannot be deleted now is tried again by the next check.
+  FXFile::DeleteMatchingFiles(home + kWorkDirectory, kWorkFiles, 0);
+  return kDone;
+}
+
+}  // namespace
+
+unsigned long LqSluiceLogMonitoringInterface_getClientId() {
+  static std::atomic<std::uint64_t> l_clientId{0};  // 0: not known yet
+  if (const std::uint64_t known = l_clientId) return known;
+  // Not tested again under the lock, on purpose: whoever waited looks the id up too, and stores the same.
+  const LqCriticalSectionLock lock(criticalSecForClientId);
+  const ObEvent event;
+  LQPlatformInfo info(LQPI_Focus::getFocus());
+  const char* const machine = info.getPhysicalMachine();
+  if (machine == nullptr) {
+    event.Error(kClientIdTag, "Failed to get the local client name.");
+    return 0;
+  }
+  const std::string name = std::string(machine).substr(0, kMaxNameBytes);
+  std::uint64_t id = l_clientId;
+  const int failure = LQClient(name, false, 0).getClientId(id, nullptr);
+  l_clientId = id;  // whatever the look-up made of it, even one that failed
+  if (failure != 0) {
+    event.Error(kClientIdTag, "Failed to get the local client Id for client: [%s]", name.c_str());
+    return 0;
+  }
+  return l_clientId;
+}
+
+int LqSluiceLogMonitoringInterface_CheckLogMonitoringData() {
+  const ObEvent event;
+  Helper helper(event, kCheckTag);
+  LQPlatformInfo info(LQPI_Focus::getFocus());
+  LQPI_PlatformBase base;
+  const bool isServer = (info.getLQPlatformType() & kPlatformServer) != 0;
+  const bool hasSpoolhand = base.IsFullSHInstalled();
+  event.DebugLvl(kVerbose, kLogContext, kCheckTag, "Spoolhand is installed %d", hasSpoolhand ? 1 : 0);
+  std::int64_t disabled = 0;
+  info.getNumber("Spoolhand", "nDisableLMPrune", disabled);
+  if (disabled != 0) {
+    // "diabled" is how administrators know this line.
+    event.DebugLvl(kAlways, kLogContext, kCheckTag, "LM Pruning is diabled");
+    return kDone;
+  }
+  if (hasSpoolhand || isServer) {
+    // An id that could not be found is 0, and the helper gets it all the same.
+    const unsigned long clientId = LqSluiceLogMonitoringInterface_getClientId();
+    const bool isEnabled = isAnalyticsEnabled(clientId) || isServer;
+    if (isEnabled && checkSpace(helper, base, event, clientId) != kDone) return kFailed;
+  }
+  return isServer ? clearWorkDirectory(info, event) : kDone;
+}
+
+int LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule() {
+  const ObEvent event;
+  Helper helper(event, kAlertTag);
+  LQPI_Base installation;
+  LQPI_PlatformBase base;
+  // Asked for only to see that there is an installation.
+  if (installation.getVelmorDirectory() == nullptr) {
+    event.DebugLvl(kAlways, kLogContext, kAlertTag, "Failed to get the velmor directory path");
+    return kFailed;
+  }
+  if (!base.IsThisPackageInstalled(kIndexServerPackage)) {
+    event.DebugLvl(kDetail, kLogContext, kAlertTag, "Index Server is not installed");
+    return kFailed;
+  }
+  event.DebugLvl(kDetail, kLogContext, kAlertTag, "Index Server is installed");
+  const auto process = helper.find<AlertRule>(base, kAlertRule);
+  if (process == nullptr) return kFailed;
+  process();
+  event.DebugLvl(kAlways, kLogContext, kAlertTag, "Call to procedure [%s] from library [%s]", kAlertRule,
+                 helper.path());
+  return kDone;
+}

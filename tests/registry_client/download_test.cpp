@@ -1,0 +1,278 @@
+// The download pass: what it does with a reply, what it tells the server, and every way in which it can fail.
+#include <algorithm>
+
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+using test_support::PeerSession;
+using test_support::readFile;
+using test_support::writeFile;
+
+const std::string kPassTag = "LqRegistryManagerClnt::downLoadAndUpdateClient";
+const std::string kRepairTag = "downLoadAndUpdateClient";
+
+class Download : public ProductTest {
+ protected:
+  Download() { join(); }
+  std::unique_ptr<PlayedServer> serve(std::vector<PlayedServer::Script> scripts) {
+    return std::make_unique<PlayedServer>(address_, sessionKey_, std::move(scripts));
+  }
+  // One pass against a server that answers with these keys; gives the acknowledgement that it got.
+  OBGui::RegistryTaskResp passWith(const OBGui::KeyList& keys) {
+    auto server = serve({answering(batchText(keys)), taking()});
+    LqRegistryManagerClnt client("");
+    EXPECT_EQ(client.downLoadAndUpdateClient(), 0U);
+    EXPECT_EQ(client.receivedMessage, nullptr);
+    EXPECT_FALSE(client.sendOnly);
+    EXPECT_EQ(server->sessions(), 2);
+    EXPECT_EQ(server->message<OBGui::RegistryTaskReq>(0).client->clientId, kClientId);
+    auto acknowledgement = server->message<OBGui::RegistryTaskResp>(1);
+    EXPECT_EQ(acknowledgement.client->clientId, kClientId);
+    EXPECT_FALSE(acknowledgement.keys.isSet());
+    return acknowledgement;
+  }
+  // The names of the records in the cache file.
+  std::vector<std::string> cachedNames() {
+    OBGui::RegistryTaskResp cached;
+    std::string error;
+    EXPECT_EQ(cached.unserialize(readFile(cacheFile()), &error), 0) << error;
+    std::vector<std::string> names;
+    for (const auto& key : cached.keys.get()) names.push_back(key.valueName);
+    return names;
+  }
+  static OBGui::KeyList numbered(int count) {
+    OBGui::KeyList keys;
+    for (int i = 0; i < count; ++i)
+      keys.push_back(record("Numbered", "sN" + std::to_string(i), std::to_string(i)));
+    return keys;
+  }
+};
+
+// --- what a pass does --------------------------------------------------------------------------------------
+
+TEST_F(Download, APassAppliesCachesAndAcknowledges) {
+  setValue("EventManager", "sGONE", "1");
+  OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
+  disabled.enabledFlag = 0;
+  const auto acknowledgement = passWith({record("A", "sSET", "new"), removal("EventManager", "sGONE"),
+                                         disabled, record("A", "Trace", "1"), record("A", "Trace_UNTIL", "1"),
+                                         secretRecord("A", "sSECRET", "hunter2")});
+  EXPECT_EQ(acknowledgement.taskStatus, OBGui::kTaskSuccess);
+  EXPECT_EQ(valueOf("A", "sSET"), "new");
+  EXPECT_EQ(valueOf("EventManager", "sGONE"), std::nullopt);
+  EXPECT_EQ(valueOf("A", "Trace"), std::nullopt);
+  pstring secret;
+  EXPECT_TRUE(pstring::fromV8Password(valueOf("A", "sSECRET").value_or(""), secret));
+  EXPECT_EQ(secret.reveal(), "hunter2");
+
+  // What was removed, or has expired, is left out; what is merely disabled stays.
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sSET", "sDISABLED", "sSECRET"}));
+  EXPECT_EQ(readFile(cacheFile()).find("hunter2"), std::string::npos);
+}
+
+TEST_F(Download, AFailedBatchIsAcknowledgedAsOneAndStillCached) {
+  const auto acknowledgement = passWith({record("Clients", "Other", "", "KEY"), record("A", "sSET", "1")});
+  EXPECT_EQ(acknowledgement.taskStatus, OBGui::kTaskFailed);
+  EXPECT_EQ(valueOf("A", "sSET"), "1");
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"Other", "sSET"}));
+}
+
+TEST_F(Download, AnEmptyReplyWritesAnEmptyCache) {
+  EXPECT_EQ(passWith({}).taskStatus, OBGui::kTaskSuccess);
+  EXPECT_TRUE(cachedNames().empty());
+  EXPECT_FALSE(readFile(cacheFile()).empty());
+}
+
+TEST_F(Download, ACacheWithMoreRecordsThanTheReplyIsKept) {
+  passWith(numbered(6));
+  auto fewer = numbered(4);
+  fewer[0].value = "changed";
+  fewer.push_back(removal("EventManager", "dOBLOGDIR"));
+  const oblog::Capture log;
+  EXPECT_EQ(passWith(fewer).taskStatus, OBGui::kTaskSuccess);
+  EXPECT_EQ(valueOf("Numbered", "sN0"), "changed") << "the registry is updated all the same";
+  EXPECT_EQ(cachedNames().size(), 6U);
+  EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt) << "no repair either";
+  EXPECT_TRUE(linesOf(log, kRepairTag).empty());
+
+  fewer.push_back(record("A", "sSIXTH", "1"));
+  passWith(fewer);
+  EXPECT_EQ(cachedNames().size(), 5U) << "as many records as the cache holds refresh it";
+}
+
+TEST_F(Download, ACacheThatCannotBeReadIsKept) {
+  for (const std::string& text : {std::string("<OBGui.RegistryTaskResp><keys>"),
+                                  std::string("<OBGui.RegistryTaskReq/>"), std::string(" ")}) {
+    writeFile(cacheFile(), text);
+    EXPECT_EQ(passWith({record("A", "sSET", text), removal("EventManager", "dOBLOGDIR")}).taskStatus,
+              OBGui::kTaskSuccess);
+    EXPECT_EQ(readFile(cacheFile()), text);
+    EXPECT_EQ(valueOf("A", "sSET"), text);
+  }
+}
+
+TEST_F(Download, SecretsThatCannotBeProtectedLeaveTheCacheAsItWas) {
+  passWith(numbered(1));
+  const std::string before = readFile(cacheFile());
+  pstring::UseKeyFile(dir_ / "no/such/folder");
+  const oblog::Capture log;
+  EXPECT_EQ(passWith({secretRecord("A", "sSECRET", "hunter2")}).taskStatus, OBGui::kTaskFailed);
+  EXPECT_EQ(readFile(cacheFile()), before);
+  EXPECT_TRUE(hasLine(log, "error|" + kPassTag + "|The Additional Settings cache is left as it was"));
+}
+
+// --- the log directory -------------------------------------------------------------------------------------
+
+TEST_F(Download, ARemovedLogDirectoryEndsAsTheDefaultOne) {
+  setValue("EventManager", "dOBLOGDIR", "/elsewhere");
+  setValue("Base", "dVELMORHOME", "/opt/x/");
+  const oblog::Capture log;
+  EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR"), record("A", "sSET", "1")}).taskStatus,
+            OBGui::kTaskSuccess);
+  EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), "/opt/x/Log_Files");
+  EXPECT_EQ(cachedNames(), std::vector<std::string>{"sSET"});
+  EXPECT_EQ(
+      linesOf(log, kRepairTag),
+      (std::vector<std::string>{
+          "plain|downLoadAndUpdateClient| Fetched dVELMORHOME regKey from client's registry :: /opt/x",
+          "plain|downLoadAndUpdateClient| dOBLOGDIR key added successfully at client's registry with default "
+          "path :: /opt/x/Log_Files"}));
+}
+
+TEST_F(Download, WithoutAHomeTheLogDirectoryStaysRemoved) {
+  for (const bool isEmpty : {true, false}) {
+    setValue("EventManager", "dOBLOGDIR", "/elsewhere");
+    if (isEmpty)
+      setValue("Base", "dVELMORHOME", "");
+    else
+      removeValue("Base", "dVELMORHOME");
+    const oblog::Capture log;
+    EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR")}).taskStatus, OBGui::kTaskSuccess);
+    EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
+    EXPECT_EQ(linesOf(log, kRepairTag),
+              std::vector<std::string>{"error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"});
+  }
+}
+
+TEST_F(Download, ARepairThatFailsIsReportedAndChangesNothingElse) {
+  const oblog::Capture log;
+  EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR", "KEY")}).taskStatus, OBGui::kTaskSuccess);
+  EXPECT_TRUE(
+      hasLine(log,
+              "error|downLoadAndUpdateClient|  Got issue while adding dOBLOGDIR key at client's registry "
+              "with default path :: /opt/x/Log_Files"));
+}
+
+TEST_F(Download, OnlyTheExactNameMarkedForRemovalIsRepaired) {
+  OBGui::RegistryKeyInfo disabled = record("EventManager", "dOBLOGDIR", "/elsewhere");
+  disabled.enabledFlag = 0;
+  OBGui::RegistryKeyInfo unmarked = record("Other", "dOBLOGDIR", "/elsewhere");
+  unmarked.deleteFlag.clear();
+  setValue("EventManager", "dobLOGDIR", "/elsewhere");
+  const oblog::Capture log;
+  passWith({removal("EventManager", "dobLOGDIR"), disabled, unmarked});
+  EXPECT_TRUE(linesOf(log, kRepairTag).empty());
+  EXPECT_EQ(valueOf("EventManager", "dobLOGDIR"), std::nullopt);
+  EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
+  EXPECT_EQ(valueOf("Other", "dOBLOGDIR"), "/elsewhere");
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"dOBLOGDIR", "dOBLOGDIR"}));
+}
+
+// --- failures ----------------------------------------------------------------------------------------------
+
+TEST_F(Download, WithoutAUsableReplyNothingChanges) {
+  const std::string otherClass = "<OBGui.RegistryTaskReq/>";
+  const auto closing = [](PlayedServer::Stage& stage) {
+    stage.acceptAttach();
+    stage.takeMessage();
+  };
+  const struct {
+    std::vector<PlayedServer::Script> scripts;
+    bool keepsMessage;
+  } cases[] = {{{refusing("not you")}, false},
+               {{closing}, false},
+               {{answering("<OBGui.RegistryTaskResp")}, false},
+               {{answering(otherClass)}, true}};
+  for (const auto& c : cases) {
+    auto server = serve(c.scripts);
+    LqRegistryManagerClnt client("");
+    const oblog::Capture log;
+    EXPECT_EQ(client.downLoadAndUpdateClient(), 3U);
+    EXPECT_EQ(client.receivedMessage != nullptr, c.keepsMessage);
+    EXPECT_TRUE(linesOf(log, kPassTag).empty());
+    EXPECT_EQ(server->sessions(), 1) << "nothing is acknowledged";
+    EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+  }
+}
+
+TEST_F(Download, AnUnknownClientAsksForNothing) {
+  auto server = serve({answering(batchText({}))});
+  removeValue("Hosts/host42", "sCLIENTNAME");
+  LqRegistryManagerClnt client("");
+  const oblog::Capture log;
+  EXPECT_EQ(client.downLoadAndUpdateClient(), 3U);
+  EXPECT_EQ(linesOf(log),
+            std::vector<std::string>{"error|" + kPassTag + "|Failed to get client id for client[]"});
+  EXPECT_EQ(server->sessions(), 0);
+
+  client.clientId = 7;  // an id that is known already is kept
+  client.setLocalPlatformType(4);
+  client.setRemotePlatformType(1);
+  client.downLoadAndUpdateClient();
+  EXPECT_EQ(server->message<OBGui::RegistryTaskReq>(0).client->clientId, 7);
+}
+
+TEST_F(Download, AnAcknowledgementThatCannotBeSentIsOnlyReported) {
+  auto server = serve({answering(batchText(numbered(2))), refusing("busy")});
+  LqRegistryManagerClnt client("");
+  const oblog::Capture log;
+  EXPECT_EQ(client.downLoadAndUpdateClient(), 0U);
+  EXPECT_FALSE(client.sendOnly);
+  EXPECT_EQ(valueOf("Numbered", "sN1"), "1");
+  EXPECT_EQ(cachedNames().size(), 2U);
+  EXPECT_EQ(linesOf(log, kPassTag),
+            std::vector<std::string>{"error|" + kPassTag +
+                                     "|Failed to send the response to the server for client[client42]"});
+}
+
+// --- the static list ---------------------------------------------------------------------------------------
+
+TEST_F(Download, TheStaticListReplacesWhatWasThere) {
+  auto server =
+      serve({answering(batchText(numbered(3))), answering("<OBGui.RegistryTaskReq/>"), refusing("no")});
+  LqRegistryManagerClnt client("");
+  OBGui::KeyList keys = numbered(5);
+  EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 0);
+  EXPECT_EQ(keys.size(), 3U);
+  server->message<OBGui::RegistryStaticKeyReq>(0);
+  EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 3) << "another class";
+  EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 3) << "refused";
+  EXPECT_EQ(keys.size(), 3U);
+  EXPECT_EQ(valueOf("Numbered", "sN0"), std::nullopt) << "nothing is applied";
+}
+
+// --- a hostile server --------------------------------------------------------------------------------------
+
+TEST_F(Download, AHostileBatchComesThroughTheWireAsItIs) {
+  std::string everyByte;
+  for (int byte = 1; byte < 256; ++byte) everyByte += static_cast<char>(byte);
+  OBGui::KeyList keys = numbered(5000);
+  keys.push_back(record("A", everyByte, everyByte));
+  keys.push_back(record("A", "", "no name"));
+  keys.push_back(record("A", std::string(100'000, 'n'), "long name"));
+  keys.push_back(removal("SOFTWARE", "Velmor", "KEY"));
+  keys.push_back(record("A", "sTWICE", "1"));
+  keys.push_back(record("A", "sTWICE", "2"));
+  EXPECT_EQ(passWith(keys).taskStatus, OBGui::kTaskFailed);
+  EXPECT_EQ(valueOf("Numbered", "sN4999"), "4999");
+  EXPECT_EQ(valueOf("A", everyByte), everyByte);
+  EXPECT_EQ(valueOf("A", "sTWICE"), "2");
+  EXPECT_EQ(valueOf("Hosts/host42", "sCLIENTNAME"), "client42") << "the instance is still there";
+  const auto names = cachedNames();
+  EXPECT_EQ(names.size(), 5005U);
+  EXPECT_NE(std::find(names.begin(), names.end(), everyByte), names.end());
+}
+
+}  // namespace

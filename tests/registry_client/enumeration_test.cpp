@@ -1,0 +1,83 @@
+// Enumeration: which records come of a registry, in which order, and what is passed over.
+#include "platform/LqRegistryFile.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+class Enumeration : public ProductTest {
+ protected:
+  void write(const std::string& key, const std::string& name, const std::string& data) {
+    EXPECT_TRUE(info_.createRegKey(key));
+    EXPECT_TRUE(info_.setRegValue(key, name, 0, data.data(), static_cast<int>(data.size())));
+  }
+  // Each record in one line.
+  std::vector<std::string> enumerated() {
+    OBGui::KeyList records;
+    EXPECT_EQ(client_.enumerateClientKeysInfo("the path selects nothing", records), 0U);
+    std::vector<std::string> lines;
+    for (const OBGui::RegistryKeyInfo& key : records) {
+      EXPECT_TRUE(key.deleteFlag.isSet() && key.deleteFlag == 0);
+      EXPECT_TRUE(key.enabledFlag.isSet() && key.enabledFlag == 1);
+      EXPECT_TRUE(key.keyPath.isSet() && key.value.isSet());
+      EXPECT_FALSE(key.encryptedValue.isSet() || key.association.isSet());
+      lines.push_back(key.keyPath.get() + "|" + key.valueName.get() + "|" + key.valueType.get() + "|" +
+                      key.value.get());
+    }
+    return lines;
+  }
+
+  LqRegistryManagerClnt client_{""};
+  LQPlatformInfo info_;
+};
+
+TEST_F(Enumeration, EachKeyComesBeforeItsValuesAndThoseBeforeTheKeysBelow) {
+  write("~", "sOFTHEROOT", "is in no key");
+  write("~B", "z", "last");
+  write("~A/B/D", "x", "deep");
+  write("~A/B", "x", "1");
+  write("~A", "x", "2");
+  write("~A", "Z", "before the small letters");
+  ASSERT_TRUE(info_.createRegKey("~A/C"));
+  write("SOFTWARE/Velmor/Instance002/A", "x", "another instance's");
+  EXPECT_EQ(enumerated(),
+            (std::vector<std::string>{"|A|KEY|", "A|Z|STRING|before the small letters", "A|x|STRING|2",
+                                      "A|B|KEY|", "A/B|x|STRING|1", "A/B|D|KEY|", "A/B/D|x|STRING|deep",
+                                      "A|C|KEY|", "|B|KEY|", "B|z|STRING|last"}));
+}
+
+TEST_F(Enumeration, ValuesAreTakenAsTextAndThoseTooLongForTheBufferPassedOver) {
+  const std::string longest(10239, 'v');
+  write("~A", "a", std::string("before\0after", 12));
+  write("~A", "b", longest);
+  write("~A", "c", longest + "v");
+  write("~A", "d", "");
+  write("~A", "sPASSWORD", "in clear");
+  EXPECT_EQ(enumerated(), (std::vector<std::string>{"|A|KEY|", "A|a|STRING|before", "A|b|STRING|" + longest,
+                                                    "A|d|STRING|", "A|sPASSWORD|STRING|in clear"}));
+
+  OBGui::KeyList records{record("kept", "as it was", "")};
+  EXPECT_EQ(client_.fillKeyFieldInformation("A", {{"gone meanwhile", ""}, {"d", ""}}, records), 0U);
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[2].valueName.get(), "d");
+  EXPECT_EQ(client_.fillKeyFieldInformation("", {{"d", ""}}, records), 3U);
+  EXPECT_EQ(records.size(), 3U);
+}
+
+TEST_F(Enumeration, WithoutARootThereIsNothingToEnumerate) {
+  OBGui::KeyList records{record("kept", "as it was", "")};
+  EXPECT_EQ(client_.enumerateClientKeysInfo("", records), 3U) << "an instance that was never written to";
+  std::list<std::string> keys;
+  EXPECT_EQ(client_.getAllClientKeys("A", keys), 3U);
+  write("~", "sOFTHEROOT", "is in no key");
+  EXPECT_EQ(client_.enumerateClientKeysInfo("", records), 0U) << "a root without keys";
+  write("~A", "x", "1");
+  EXPECT_EQ(client_.enumerateClientKeysInfo(nullptr, records), 3U);
+  EXPECT_EQ(client_.getAllClientKeys("A", keys), 0U);
+  EXPECT_TRUE(keys.empty());
+  lqregistry::UseFile(dir_.path().string());  // a directory is no registry
+  EXPECT_EQ(client_.enumerateClientKeysInfo("", records), 3U);
+  EXPECT_EQ(records.size(), 1U);
+}
+
+}  // namespace

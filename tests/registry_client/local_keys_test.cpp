@@ -1,0 +1,208 @@
+// One key record against the local registry: where it lies, what regStatus says, what is refused.
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+constexpr const char* kRoot = "SOFTWARE/Velmor/Instance001";
+constexpr std::size_t kReadBuffer = 10240;
+
+class LocalKeys : public ProductTest {
+ protected:
+  LqRegistryManagerClnt client_{"Instance001"};
+};
+
+TEST_F(LocalKeys, EveryPathFormHasOnePlace) {
+  const struct {
+    const char* path;
+    std::string place;
+  } cases[] = {{"", kRoot},
+               {"~", kRoot},
+               {"Machine/Settings", kRoot + std::string("/Machine/Settings")},
+               {"~Machine", kRoot + std::string("/Machine")},
+               {"~/Machine/", kRoot + std::string("/Machine")},
+               {"MySOFTWARE", kRoot + std::string("/MySOFTWARE")},
+               {"software/X", kRoot + std::string("/software/X")},
+               {"SOFTWARE/X", "SOFTWARE/X"}};
+  for (const auto& c : cases) {
+    const OBGui::RegistryKeyInfo key = record(c.path, "sVALUE", std::string("of ") + c.path);
+    EXPECT_FALSE(client_.isRegistryKeyExists(&key)) << c.path;
+    EXPECT_EQ(client_.createRegistryKey(&key), 0) << c.path;
+    EXPECT_EQ(valueOf(c.place, "sVALUE"), std::string("of ") + c.path) << c.path;
+    EXPECT_TRUE(client_.isRegistryKeyExists(&key)) << c.path;
+    EXPECT_EQ(client_.deleteRegistryKey(&key), 0) << c.path;
+    EXPECT_EQ(valueOf(c.place, "sVALUE"), std::nullopt) << c.path;
+  }
+}
+
+TEST_F(LocalKeys, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
+  const auto create = [this](const std::string& path, const std::string& name, const std::string& value) {
+    const OBGui::RegistryKeyInfo key = record(path, name, value);
+    client_.regStatus = 99;
+    const int result = client_.createRegistryKey(&key);
+    EXPECT_EQ(result, client_.regStatus == kRegStatusWriteFailed ? kResultFailed : kResultOk);
+    return client_.regStatus;
+  };
+  EXPECT_EQ(create("Status", "sFIRST", "1"), kRegStatusKeyMissing);
+  EXPECT_EQ(create("Status", "sSECOND", "1"), kRegStatusValueMissing);
+  EXPECT_EQ(create("Status", "sSECOND", "2"), kRegStatusOk);
+  EXPECT_EQ(valueOf("Status", "sSECOND"), "2");
+  EXPECT_EQ(create("Status", std::string(2000, 'n'), "1"), kRegStatusWriteFailed);
+  EXPECT_EQ(create(std::string(5000, 'p'), "sVALUE", "1"), kRegStatusWriteFailed);
+
+  // A value that the test's buffer cannot hold, its NUL counted, is one that cannot be read, but is written.
+  const std::string fits(kReadBuffer - 1, 'x');
+  EXPECT_EQ(create("Status", "sLONG", fits), kRegStatusValueMissing);
+  EXPECT_EQ(create("Status", "sLONG", fits + "x"), kRegStatusOk);
+  EXPECT_EQ(create("Status", "sLONG", std::string(200'000, 'y')), kRegStatusReadFailed);
+  EXPECT_EQ(valueOf("Status", "sLONG"), std::string(200'000, 'y'));
+}
+
+TEST_F(LocalKeys, ExistenceIsTestedWithTheSameCodes) {
+  setValue("Exists", "sVALUE", "");
+  setValue("Exists", "sLONG", std::string(kReadBuffer, 'x'));
+  const struct {
+    const char* path;
+    std::string name;
+    std::int32_t status;
+  } cases[] = {{"Exists", "sOTHER", kRegStatusValueMissing},
+               {"Exists", "svalue", kRegStatusValueMissing},
+               {"Absent", "sVALUE", kRegStatusKeyMissing},
+               {"Exists", "sLONG", kRegStatusReadFailed},
+               {"Exists", "", kRegStatusReadFailed}};
+  for (const auto& c : cases) {
+    const OBGui::RegistryKeyInfo key = record(c.path, c.name, "");
+    client_.regStatus = kRegStatusOk;
+    EXPECT_FALSE(client_.isRegistryKeyExists(&key));
+    EXPECT_EQ(client_.regStatus, c.status) << c.path << " " << c.name;
+  }
+  const OBGui::RegistryKeyInfo present = record("Exists", "sVALUE", "");
+  client_.regStatus = 99;
+  EXPECT_TRUE(client_.isRegistryKeyExists(&present)) << "an empty value is there";
+  EXPECT_FALSE(client_.isRegistryKeyExists(nullptr));
+  EXPECT_EQ(client_.regStatus, 99);
+}
+
+TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
+  const OBGui::RegistryKeyInfo unnamed = record("Path", "", "value");
+  client_.regStatus = 99;
+  for (const OBGui::RegistryKeyInfo* key : {&unnamed, static_cast<const OBGui::RegistryKeyInfo*>(nullptr)}) {
+    EXPECT_EQ(client_.createRegistryKey(key), 0);
+    EXPECT_EQ(client_.deleteRegistryKey(key), 3);
+  }
+  EXPECT_EQ(client_.regStatus, 99);
+  LQPlatformInfo info;
+  std::map<std::string, std::string> values;
+  EXPECT_FALSE(info.getRegValues("~Path", values)) << "the key was created";
+}
+
+TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
+  for (const char* name : {"Local", "local", "LOCAL"}) {
+    const OBGui::RegistryKeyInfo key = record("Clients", name, "", "KEY");
+    EXPECT_EQ(client_.createRegistryKey(&key), 0);
+    EXPECT_EQ(valueOf(std::string("Clients/") + name, ".internal.unique_id"), "0");
+  }
+  const OBGui::RegistryKeyInfo absolute = record("SOFTWARE/Clients", "Local", "", "KEY");
+  EXPECT_EQ(client_.createRegistryKey(&absolute), 0);
+  EXPECT_EQ(valueOf("SOFTWARE/Clients/Local", ".internal.unique_id"), "0");
+
+  const oblog::Capture log;
+  const OBGui::RegistryKeyInfo other = record("Clients", "Other", "", "KEY");
+  EXPECT_EQ(client_.createRegistryKey(&other), 3);
+  EXPECT_EQ(client_.regStatus, kRegStatusValueMissing) << "as the look at it left it";
+  EXPECT_EQ(linesOf(log),
+            std::vector<std::string>{
+                "0|LqRegistryManager::createRegistryKey|Modifying Other remotely is not allowed"});
+  const OBGui::RegistryKeyInfo tooLong = record(std::string(5000, 'p'), "Local", "", "KEY");
+  EXPECT_EQ(client_.createRegistryKey(&tooLong), 3);
+  EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
+  EXPECT_TRUE(
+      hasLine(log, "plain|LqRegistryManager::createRegistryKey|Failed To Create A Registry Key, Path=pp"));
+
+  // "KEY" is exact; another word is a value like any other.
+  const OBGui::RegistryKeyInfo lower = record("Clients", "Other", "text", "key");
+  EXPECT_EQ(client_.createRegistryKey(&lower), 0);
+  EXPECT_EQ(valueOf("Clients", "Other"), "text");
+}
+
+TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
+  std::string path;  // many components, so that the file has to grow
+  for (int i = 0; i < 30; ++i) path += "/" + std::string(100, static_cast<char>('a' + i % 26));
+  const oblog::Capture log;
+  const OBGui::RegistryKeyInfo key = record("~" + path, "sVALUE", "2");
+  const OBGui::RegistryKeyInfo inRoot = record("", "sVALUE", "2");
+  {
+    const FullDisk full(0);
+    EXPECT_EQ(client_.createRegistryKey(&inRoot), 3);
+    EXPECT_EQ(client_.createRegistryKey(&key), 3);
+  }
+  EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
+  const std::string failed =
+      "plain|LqRegistryManager::createRegistryKey|Failed To Create A Registry Key, Path=~";
+  EXPECT_EQ(linesOf(log, "LqRegistryManager::"), (std::vector<std::string>{failed, failed + path}));
+  EXPECT_EQ(client_.createRegistryKey(&key), 0) << "once there is room again";
+}
+
+TEST_F(LocalKeys, ProtectedValuesAreStoredAsV8Text) {
+  OBGui::RegistryKeyInfo key = secretRecord("Secrets", "sPASSWORD", "hunter2");
+  ASSERT_EQ(client_.createRegistryKey(&key), 0);
+  const std::string stored = valueOf("Secrets", "sPASSWORD").value_or("");
+  pstring back;
+  ASSERT_TRUE(pstring::fromV8Password(stored, back)) << stored;
+  EXPECT_EQ(back.reveal(), "hunter2");
+
+  key.value = "";  // without a value there is nothing to protect
+  ASSERT_EQ(client_.createRegistryKey(&key), 0);
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "");
+
+  key.valueType = "encrypted";  // another word than "ENCRYPTED"
+  key.value = "plain";
+  ASSERT_EQ(client_.createRegistryKey(&key), 0);
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "plain");
+}
+
+TEST_F(LocalKeys, ASecretThatCannotBeProtectedLeavesTheOldValue) {
+  setValue("Secrets", "sPASSWORD", "V8:old");
+  pstring::UseKeyFile(dir_ / "no/such/folder");
+  const OBGui::RegistryKeyInfo key = secretRecord("Secrets", "sPASSWORD", "hunter2");
+  EXPECT_EQ(client_.createRegistryKey(&key), 3);
+  EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
+}
+
+TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
+  setValue("Delete/Sub/Deeper", "sVALUE", "1");
+  setValue("Delete", "sVALUE", "1");
+  const struct {
+    OBGui::RegistryKeyInfo key;
+    int result;
+  } cases[] = {{record("Delete", "sABSENT", ""), 0},
+               {record("Absent", "sVALUE", ""), 0},
+               {record("Delete", std::string(2000, 'n'), ""), 3},
+               {record("Delete", "Absent", "", "KEY"), 0},
+               {record("Delete", "Sub", "", "key"), 0},  // a value of that name, which is not there
+               {record(std::string(5000, 'p'), "Sub", "", "KEY"), 3},
+               {record("Delete", "sVALUE", ""), 0}};
+  client_.regStatus = 99;
+  for (const auto& c : cases)
+    EXPECT_EQ(client_.deleteRegistryKey(&c.key), c.result)
+        << c.key.keyPath.get() << " " << c.key.valueName.get();
+  EXPECT_EQ(client_.regStatus, 99);
+  EXPECT_EQ(valueOf("Delete", "sVALUE"), std::nullopt);
+  EXPECT_EQ(valueOf("Delete/Sub/Deeper", "sVALUE"), "1");
+
+  const OBGui::RegistryKeyInfo subKey = record("Delete", "Sub", "", "KEY");  // any name, everything below it
+  EXPECT_EQ(client_.deleteRegistryKey(&subKey), 0);
+  EXPECT_EQ(valueOf("Delete/Sub/Deeper", "sVALUE"), std::nullopt);
+}
+
+TEST(HexToNum, SkipsWhatIsNoDigit) {
+  EXPECT_EQ(hextonum(""), 0U);
+  EXPECT_EQ(hextonum("0x1F"), 31U);
+  EXPECT_EQ(hextonum("1 2"), 18U);
+  EXPECT_EQ(hextonum("aBcDeF0189"), 0xabcdef0189U);
+  EXPECT_EQ(hextonum("-g\xff\n7"), 7U);
+  EXPECT_EQ(hextonum("1ffffffffffffffff"), 0xffffffffffffffffU) << "wraps";
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+// The Additional Settings refresh: what it reapplies and keeps, what it leaves alone, and what the log says
+// of it; and the client id that is looked up once.
+#include <dlfcn.h>
+
+#include <array>
+#include <ctime>
+#include <thread>
+
+#include "platform/LQClient.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "registry_client/settings_refresh_task.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+using test_support::readFile;
+using test_support::writeFile;
+
+const std::string kTag = "additionalSettingsRefresh";
+const std::string kTimerTag = "int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus*)";
+const std::string kCleaning = "0|" + kTag + "|Cleaning temporary key.";
+
+class Refresh : public ProductTest {
+ protected:
+  Refresh() { join(); }
+
+  void cache(const OBGui::KeyList& keys) const {
+    OBGui::RegistryTaskResp batch;
+    batch.taskStatus = OBGui::kTaskSuccess;
+    batch.client.edit().clientId = kClientId;
+    batch.keys = keys;
+    std::string text;
+    ASSERT_EQ(batch.serialize(text, false), 0);
+    writeFile(cacheFile(), text);
+  }
+  OBGui::RegistryTaskResp cached() const {
+    OBGui::RegistryTaskResp batch;
+    EXPECT_EQ(batch.unserialize(readFile(cacheFile())), 0);
+    return batch;
+  }
+  std::vector<std::string> cachedNames() const {
+    std::vector<std::string> names;
+    const OBGui::RegistryTaskResp batch = cached();
+    for (const OBGui::RegistryKeyInfo& key : batch.keys.get()) names.push_back(key.valueName);
+    return names;
+  }
+};
+
+// --- the task ----------------------------------------------------------------------------------------------
+
+TEST_F(Refresh, EachRunSetsTheFrequencyAnew) {
+  void* const symbol = dlsym(RTLD_DEFAULT, "AdditionalSettingsRefresh_OnTimer");
+  ASSERT_NE(symbol, nullptr) << "the host finds the task by its plain name";
+  const auto onTimer = reinterpret_cast<decltype(&AdditionalSettingsRefresh_OnTimer)>(symbol);
+  const struct {
+    const char* setting;  // null: absent
+    std::uint32_t seconds;
+    const char* minutes;
+  } cases[] = {{nullptr, 3600, "60"},    {"0", 3600, "60"},           {"5", 300, "5"}, {"soon", 3600, "60"},
+               {"-1", 4294967236, "-1"}, {"71582789", 44, "71582789"}};  // what is beyond 32 bits is cut off
+  LqPeriodicTaskStatus status;
+  for (const auto& c : cases) {
+    if (c.setting != nullptr) setValue("QMachineMaint", "nTimer_AdditionalSettingsRefresh", c.setting);
+    const oblog::Capture log;
+    EXPECT_EQ(onTimer(&status), 0);
+    EXPECT_EQ(status.getFrequency(), c.seconds);
+    EXPECT_EQ(
+        linesOf(log, kTimerTag),
+        std::vector<std::string>{
+            "2|" + kTimerTag + "|Timer for Task [AdditionalSettingsRefresh] is set to [" + c.minutes + "]."});
+    EXPECT_EQ(linesOf(log, kTag),
+              (std::vector<std::string>{
+                  kCleaning, "0|" + kTag + "|Failed to get Additional Settings XML from registry."}));
+    for (const oblog::Line& line : log.Lines()) EXPECT_EQ(line.context, -123456) << line.text;
+  }
+  EXPECT_EQ(status.getLastRunTime(), 0);
+}
+
+TEST_F(Refresh, ACacheThatCannotBeReadStaysAsItWas) {
+  setValue("A", "sVALUE", "1");
+  for (const std::string& broken : {std::string("<OBGui.RegistryTaskResp><keys>"), std::string("no cache"),
+                                    std::string("<OBGui.RegistryTaskReq/>")}) {
+    writeFile(cacheFile(), broken);
+    const oblog::Capture log;
+    EXPECT_EQ(additionalSettingsRefresh(), 1U);
+    EXPECT_EQ(linesOf(log, kTag),
+              (std::vector<std::string>{kCleaning, "plain|" + kTag + "|Unable to unserialize xml."}));
+    EXPECT_EQ(readFile(cacheFile()), broken);
+  }
+  EXPECT_EQ(valueOf("A", "sVALUE"), "1");
+}
+
+// --- a pass ------------------------------------------------------------------------------------------------
+
+TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
+  OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
+  disabled.enabledFlag = 0;
+  const std::string later = std::to_string(std::time(nullptr) + 3600);
+  cache({record("A", "sCOHDbStatus", "up"), record("A", "sKEPT", "new"), removal("A", "sTEMPORARY"),
+         record("B", "nTRIAL", "1"), disabled, record("A", "nTRIAL_UNTIL", "1"), record("A", "sOFFER", "1"),
+         record("A", "sOFFER_UNTIL", later), record("A", "sCOHDBSTATUS", "other"),
+         secretRecord("A", "sPASSWORD", "sesame")});
+  for (const char* name : {"sCOHDbStatus", "sKEPT", "sTEMPORARY", "sDISABLED"}) setValue("A", name, "old");
+  setValue("B", "nTRIAL", "1");
+  const oblog::Capture log(2);
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(linesOf(log), std::vector<std::string>{kCleaning});
+  const struct {
+    const char* key;
+    const char* name;
+    std::optional<std::string> value;
+  } held[] = {{"A", "sCOHDbStatus", "old"},
+              {"A", "sKEPT", "new"},
+              {"A", "sTEMPORARY", std::nullopt},
+              {"A", "sDISABLED", std::nullopt},
+              {"B", "nTRIAL", std::nullopt},
+              {"A", "nTRIAL_UNTIL", std::nullopt},
+              {"A", "sOFFER", "1"},
+              {"A", "sOFFER_UNTIL", later},
+              {"A", "sCOHDBSTATUS", "other"}};
+  for (const auto& h : held) EXPECT_EQ(valueOf(h.key, h.name), h.value) << h.name;
+  EXPECT_EQ(valueOf("A", "sPASSWORD"), pstring("sesame").getV8Password());
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sKEPT", "sDISABLED", "sOFFER", "sOFFER_UNTIL",
+                                                     "sCOHDBSTATUS", "sPASSWORD"}));
+  EXPECT_EQ(cached().taskStatus, OBGui::kTaskSuccess);
+  EXPECT_EQ(cached().client->clientId, kClientId);
+  EXPECT_EQ(readFile(cacheFile()).find("sesame"), std::string::npos);
+
+  // What the cache no longer names belongs to the machine; what it names comes back.
+  const std::string kept = readFile(cacheFile());
+  setValue("A", "sTEMPORARY", "mine");
+  setValue("A", "sKEPT", "drifted");
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(valueOf("A", "sTEMPORARY"), "mine");
+  EXPECT_EQ(valueOf("A", "sKEPT"), "new");
+  EXPECT_EQ(readFile(cacheFile()), kept);
+}
+
+TEST_F(Refresh, AFailedApplyStillCleansTheCache) {
+  cache({record("Clients", "Other", "", "KEY"), removal("A", "sTEMPORARY"), record("A", "sKEPT", "1")});
+  const oblog::Capture log;
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_TRUE(hasLine(log, "plain|" + kTag + "|Failed to update registry keys."));
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"Other", "sKEPT"}));
+  EXPECT_EQ(valueOf("A", "sKEPT"), "1");
+}
+
+// --- the client id -----------------------------------------------------------------------------------------
+
+TEST_F(Refresh, TheClientIdIsLookedUpUntilItIsKnownAndThenNeverAgain) {
+  const std::string tag = "error|long unsigned int getClientId()|";
+  const auto expectUnknown = [&](const std::string& reason) {
+    const oblog::Capture log;
+    EXPECT_EQ(getClientId(), 0U);
+    EXPECT_EQ(linesOf(log), std::vector<std::string>{tag + reason});
+  };
+  removeValue("Machine", "sPHYSICALNAME");
+  expectUnknown("Failed to get the local client name.");
+  setValue("Machine", "sPHYSICALNAME", std::string(300, 'm'));
+  expectUnknown("Failed to get the local client Id for client: [" + std::string(256, 'm') + "]");
+  setValue("Machine", "sPHYSICALNAME", "machine42");
+  removeValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID");
+  expectUnknown("Failed to get the local client Id for client: [machine42]");
+
+  ASSERT_TRUE(LQClient::recordClient("client42", 4242));
+  std::array<std::uint64_t, 4> found{};
+  std::vector<std::thread> threads;
+  for (std::uint64_t& id : found) threads.emplace_back([&id] { id = getClientId(); });
+  for (std::thread& thread : threads) thread.join();
+  for (const std::uint64_t id : found) EXPECT_EQ(id, 4242U);
+  ASSERT_TRUE(LQClient::recordClient("client42", 1));
+  EXPECT_EQ(getClientId(), 4242U);
+}
+
+}  // namespace

@@ -1,0 +1,223 @@
+// What the server asks of this client: a pushed batch and what is answered to it, a fetch of named values and
+// what goes back.
+#include <atomic>
+#include <thread>
+
+#include "platform/LQClient.h"
+#include "registry_client/LqRegistryChangeMgr.h"
+#include "registry_client/LqRegistryManagerClnt.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+const std::string kFetch = "LqRegistryManager::getRequestedKeys|";
+const std::string kSend = "LqRegistryManager::sendRequestedKeys|";
+const std::string kSomeFailed = "plain|" + kFetch + "Unable to fetch one or more keys in the list";
+constexpr std::uint16_t kPort = 8404;
+constexpr int kPatience = 60;  // seconds, for steps that are expected to succeed
+
+std::atomic<int> callbackRuns{0};
+
+void countRun(OBGui::RegistryKeyInfo) {
+  ++callbackRuns;
+}
+
+App::RegistryKeyInfo wanted(const std::string& keyPath, const std::string& valueName) {
+  App::RegistryKeyInfo key;
+  key.keyPath = keyPath;
+  key.valueName = valueName;
+  key.valueType = std::string("STRING");
+  return key;
+}
+
+class ServerRequests : public ProductTest {
+ protected:
+  ServerRequests() { join(); }
+};
+
+// --- a pushed batch ----------------------------------------------------------------------------------------
+
+TEST_F(ServerRequests, APushedBatchIsAppliedAndTheOutcomeAnswered) {
+  auto* const manager = LqRegistryChangeMgr::GetInstance();
+  manager->Register("A", "sVALUE", &countRun);
+  ASSERT_TRUE(LQClient::recordClient("client42", 0x80000000));
+  LqRegistryManagerClnt client("");
+  setValue("A", "sGONE", "1");
+  const auto push = [&](const OBGui::KeyList& keys) {
+    OBGui::RegistryTaskResp request;
+    request.client.edit().clientId = 7;  // whatever it says, the answer is this client's
+    request.keys = keys;
+    EXPECT_EQ(client.serverRequestHandler(request), 1U);
+    EXPECT_EQ(client.sendMessage, &client.serverRequest);
+    EXPECT_TRUE(client.serverRequest.keys.isSet() && client.serverRequest.keys->empty());
+    EXPECT_EQ(client.serverRequest.client->clientId, -2147483648);
+    return client.serverRequest.taskStatus.get();
+  };
+  EXPECT_EQ(push({record("A", "sVALUE", "1"), removal("A", "sGONE")}), 3);
+  EXPECT_EQ(valueOf("A", "sVALUE"), "1");
+  EXPECT_EQ(valueOf("A", "sGONE"), std::nullopt);
+  EXPECT_EQ(push({record("Clients", "Other", "", "KEY"), record("A", "sOTHER", "2")}), 1);
+  EXPECT_EQ(valueOf("A", "sOTHER"), "2") << "every record is tried";
+  EXPECT_EQ(push({}), 3) << "an earlier failure leaves nothing behind";
+  LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+  EXPECT_EQ(callbackRuns, 1);
+  manager->UnRegister("A", "sVALUE");
+}
+
+TEST_F(ServerRequests, WithoutAnIdAPushIsNeitherAppliedNorAnswered) {
+  removeValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID");
+  LqRegistryManagerClnt client("");
+  OBGui::RegistryTaskResp request;
+  request.keys.edit().push_back(record("A", "sVALUE", "1"));
+  const oblog::Capture log;
+  EXPECT_EQ(client.serverRequestHandler(request), 0U);
+  EXPECT_EQ(linesOf(log), std::vector<std::string>{"error|LqRegistryManagerClnt::serverRequestHandler|"
+                                                   "Failed to get client id for client[client42]"});
+  EXPECT_EQ(client.sendMessage, nullptr);
+  EXPECT_EQ(valueOf("A", "sVALUE"), std::nullopt);
+  ASSERT_TRUE(LQClient::recordClient("client42", 7));
+  EXPECT_EQ(client.serverRequestHandler(request), 1U) << "asked for again";
+  EXPECT_EQ(client.serverRequest.client->clientId, 7);
+}
+
+// --- reading what is fetched -------------------------------------------------------------------------------
+
+TEST_F(ServerRequests, AFetchFillsWhatItCanAndTellsTheRestApart) {
+  setValue("A", "sVALUE", "found");
+  setValue("~", "sOFTHEROOT", "root");
+  setValue("A", "sLONG", std::string(1024, 'v'));
+  App::KeyList keys{wanted("A", "sVALUE"),  App::RegistryKeyInfo(), App::RegistryKeyInfo(),
+                    App::RegistryKeyInfo(), wanted("B", "sVALUE"),  wanted("A", "sNONE"),
+                    wanted("A", "sLONG")};
+  keys[1].valueName = keys[2].valueName = std::string("sVALUE");
+  keys[1].keyPath = keys[3].keyPath = std::string("A");
+  keys[2].valueType = keys[3].valueType = std::string("STRING");
+  keys[3].value = std::string("as it was");
+  keys[4].value = std::string("as it was");
+  // Each read leaves room for no more than it needed, so the root's value, the shorter one, comes last.
+  keys.push_back(wanted("", "sOFTHEROOT"));
+  LqRegistryManagerClnt client("");
+  client.regStatus = kRegStatusWriteFailed;
+  const oblog::Capture log;
+  client.getRequestedKeys(&keys);
+  const std::string notSet = "10|" + kFetch + "One or more key not set properly";
+  EXPECT_EQ(linesOf(log), (std::vector<std::string>{
+                              "10|" + kFetch + "set value = found for key = sVALUE", notSet, notSet, notSet,
+                              "10|" + kFetch + "failed to fetch key sVALUE at ~B",
+                              "10|" + kFetch + "bad registry key sVALUE",
+                              "10|" + kFetch + "failed to fetch key sNONE at ~A",
+                              "10|" + kFetch + "bad field ~A for registry key sNONE",
+                              "10|" + kFetch + "failed to fetch key sLONG at ~A",
+                              "10|" + kFetch + "Unable to fetch key sLONG from path ~A",
+                              "10|" + kFetch + "set value = root for key = sOFTHEROOT", kSomeFailed}));
+  EXPECT_EQ(client.regStatus, 2) << "the last record that failed";
+  EXPECT_EQ(keys[0].value.get(), "found");
+  for (const std::size_t unset : {1U, 2U, 5U, 6U}) EXPECT_FALSE(keys[unset].value.isSet());
+  for (const std::size_t before : {3U, 4U}) EXPECT_EQ(keys[before].value.get(), "as it was");
+  EXPECT_EQ(keys[7].value.get(), "root");
+}
+
+TEST_F(ServerRequests, TheFetchStatusIsThatOfTheLastFailureAndStartsAnew) {
+  setValue("A", "sVALUE", "found");
+  LqRegistryManagerClnt client("");
+  const struct {
+    App::KeyList keys;
+    std::int32_t status;
+  } cases[] = {{{wanted("A", "sNONE"), wanted("B", "x"), wanted("A", "sVALUE")}, 6},
+               {{wanted("B", "x"), wanted("A", "sNONE")}, 7},
+               {{wanted("B", "x"), wanted("A", std::string(1025, 'n'))}, 2},
+               {{wanted("A", "sVALUE")}, 0},
+               {{}, 0}};
+  for (const auto& c : cases) {
+    App::KeyList keys = c.keys;
+    const oblog::Capture log(1);
+    client.getRequestedKeys(&keys);
+    EXPECT_EQ(client.regStatus, c.status);
+    EXPECT_EQ(linesOf(log),
+              c.status == 0 ? std::vector<std::string>{} : std::vector<std::string>{kSomeFailed});
+  }
+  client.regStatus = kRegStatusWriteFailed;
+  const oblog::Capture log;
+  client.getRequestedKeys(nullptr);
+  EXPECT_EQ(linesOf(log), std::vector<std::string>{"10|" + kFetch + "Requested key list not set"});
+  EXPECT_EQ(client.regStatus, 0);
+}
+
+TEST_F(ServerRequests, AValueHasOnlyAsMuchRoomAsTheOnesBeforeItLeft) {
+  const std::string longest(1023, 'v');
+  setValue("A", "sLONGEST", longest);
+  setValue("A", "sTWO", "ab");
+  setValue("A", "sTHREE", "abc");
+  setValue("A", "sONE", "a");
+  setValue("A", "sNUL", std::string("x\0y", 3));
+  App::KeyList keys{wanted("A", "sLONGEST"), wanted("A", "sNUL"),     wanted("A", "sTWO"),
+                    wanted("A", "sTHREE"),   wanted("A", "sLONGEST"), wanted("A", "sONE")};
+  LqRegistryManagerClnt client("");
+  client.getRequestedKeys(&keys);
+  EXPECT_EQ(keys[0].value.get(), longest);
+  EXPECT_EQ(keys[1].value.get(), "x");
+  EXPECT_EQ(keys[2].value.get(), "ab");
+  EXPECT_FALSE(keys[3].value.isSet());
+  EXPECT_FALSE(keys[4].value.isSet());
+  EXPECT_EQ(keys[5].value.get(), "a");
+  EXPECT_EQ(client.regStatus, 2);
+}
+
+// --- sending it back ---------------------------------------------------------------------------------------
+
+TEST_F(ServerRequests, TheFetchAnswerGoesBackOnTheServersSession) {
+  LqListener listener(
+      [&](const std::string&, std::string& key) { return sessionKeyFromHex(sessionKey_, key); });
+  ASSERT_FALSE(listener.open(address_, kPort).IsError());
+  App::FetchClientRegistry answer;
+  std::thread server([&] {  // the server asks, reads and takes leave
+    CLqNetwork session;
+    session.UseCredentials("client42", sessionKey_);
+    lqsExecuteRemoteDllType library;
+    bool gone = false;
+    EXPECT_FALSE(session
+                     .Attach_RemoteDLL(MangleHostName(address_, "client42", kPort, kPort), library, "hub",
+                                       kPatience, gone)
+                     .IsError());
+    std::unique_ptr<CNMessageBase> reply;
+    EXPECT_FALSE(session.ReceiveXMLMessage(nullptr, reply, nullptr, 0, kPatience, gone).IsError());
+    if (const auto* fetched = messageAs<App::FetchClientRegistry>(reply.get())) answer = *fetched;
+    session.Disconnect(kPatience, gone);
+    EXPECT_FALSE(gone) << "the goodbye was answered";
+  });
+  const std::unique_ptr<CLqNetwork> session = listener.accept();
+  lqsExecuteRemoteDllType library;
+  std::string caller;
+  EXPECT_FALSE(session->AcceptAttach(library, caller, kPatience).IsError());
+  EXPECT_FALSE(session->ConfirmAttach().IsError());
+
+  setValue("A", "sVALUE", "found");
+  App::KeyList keys{wanted("A", "sVALUE"), wanted("A", "sNONE")};
+  LqRegistryManagerClnt client("");
+  App::RegisterSubsystem();
+  client.getRequestedKeys(&keys);
+  const oblog::Capture log;
+  client.sendRequestedKeys(session.get(), &keys);
+  server.join();
+  EXPECT_TRUE(linesOf(log).empty());
+  EXPECT_FALSE(session->IsConnected());
+  ASSERT_EQ(answer.keyInfo->keys->size(), 2U);
+  EXPECT_TRUE(answer.keyInfo->keys.get()[0].equals(keys[0]));
+  EXPECT_TRUE(answer.keyInfo->keys.get()[1].equals(keys[1])) << "what could not be read goes back too";
+}
+
+TEST_F(ServerRequests, AnAnswerThatCannotBeSentIsLogged) {
+  LqRegistryManagerClnt client("");
+  App::KeyList keys{wanted("A", "sVALUE")};
+  CLqNetwork closed;
+  const oblog::Capture log;
+  client.sendRequestedKeys(nullptr, &keys);
+  client.sendRequestedKeys(&closed, nullptr);
+  const std::string notSet = "error|" + kSend + "Session or keys to send not set. Failed to send.";
+  EXPECT_EQ(linesOf(log), (std::vector<std::string>{notSet, notSet}));
+  client.sendRequestedKeys(&closed, &keys);
+  EXPECT_TRUE(hasLine(log, "plain|" + kSend + "Failed to send message [" +
+                               std::to_string(App::FetchClientRegistry::kTag) + "], Error ["));
+}
+
+}  // namespace
