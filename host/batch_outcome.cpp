@@ -1,5 +1,6 @@
 #include "host/batch_outcome.h"
 
+#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -10,22 +11,17 @@ namespace host {
 namespace {
 
 constexpr const char* kMask = "********";
+// Longer values are cut: reports are for looking at, not for reading back.
+constexpr std::size_t kShownValueBytes = 48;
 constexpr const char* kLogDirectoryValue = "dOBLOGDIR";
 
 bool isProtected(const OBGui::RegistryKeyInfo& key) {
   return key.valueType.get() == ENCRYPTEDTYPE;
 }
 
-// The data that the registry should hold for a record that is to be written.
-std::string wantedValue(const OBGui::RegistryKeyInfo& key) {
-  if (key.valueType.get() == KEYTYPE || key.value->empty()) return {};
-  return isProtected(key) ? key.encryptedValue->getV8Password() : key.value.get();
-}
-
 Outcome judge(const OBGui::RegistryKeyInfo& key, const HeldValue& before, const HeldValue& now) {
   if (key.valueName->empty()) return isToBeRemoved(key) ? Outcome::kFailed : Outcome::kLeft;
-  const bool isAsWanted = isToBeRemoved(key) ? !now : now && *now == wantedValue(key);
-  if (!isAsWanted) {
+  if (!isAsWanted(key, now)) {
     const bool isLogDirectory = key.valueName.get() == kLogDirectoryValue && isToBeRemoved(key) && now;
     return isLogDirectory ? Outcome::kReset : Outcome::kFailed;
   }
@@ -52,6 +48,31 @@ std::string noteOf(const OBGui::RegistryKeyInfo& asReceived, const OBGui::Regist
 
 }  // namespace
 
+std::string wantedValue(const OBGui::RegistryKeyInfo& key) {
+  if (key.valueType.get() == KEYTYPE || key.value->empty()) return {};
+  return isProtected(key) ? key.encryptedValue->getV8Password() : key.value.get();
+}
+
+bool isAsWanted(const OBGui::RegistryKeyInfo& marked, const HeldValue& now) {
+  return isToBeRemoved(marked) ? !now : now && *now == wantedValue(marked);
+}
+
+std::string shownValue(const OBGui::RegistryKeyInfo& key, const std::string& value) {
+  if (isProtected(key)) return kMask;
+  return value.size() <= kShownValueBytes ? value : value.substr(0, kShownValueBytes) + "...";
+}
+
+std::vector<std::size_t> effectiveRecords(const OBGui::KeyList& keys) {
+  std::map<std::pair<std::string, std::string>, std::size_t> lastOf;
+  for (std::size_t i = 0; i < keys.size(); ++i)
+    lastOf[{normalisedKeyPath(keys[i].keyPath), keys[i].valueName}] = i;
+  std::vector<std::size_t> positions;
+  positions.reserve(lastOf.size());
+  for (const auto& [value, position] : lastOf) positions.push_back(position);
+  std::sort(positions.begin(), positions.end());
+  return positions;
+}
+
 const char* outcomeWord(Outcome outcome) {
   switch (outcome) {
     case Outcome::kAdded:
@@ -73,20 +94,15 @@ const char* outcomeWord(Outcome outcome) {
 std::vector<RecordOutcome> judgeBatch(const PassFacts& facts) {
   OBGui::KeyList marked = facts.batch;
   markExpired(marked);
-  std::map<std::pair<std::string, std::string>, std::size_t> lastOf;
-  for (std::size_t i = 0; i < marked.size(); ++i)
-    lastOf[{normalisedKeyPath(marked[i].keyPath), marked[i].valueName}] = i;
-
   std::vector<RecordOutcome> outcomes;
-  for (std::size_t i = 0; i < marked.size(); ++i) {
+  for (const std::size_t i : effectiveRecords(marked)) {
     const OBGui::RegistryKeyInfo& key = marked[i];
-    if (lastOf[{normalisedKeyPath(key.keyPath), key.valueName}] != i) continue;
     const HeldValue now = heldValue(key);
     RecordOutcome outcome;
     outcome.keyPath = normalisedKeyPath(key.keyPath);
     outcome.valueName = key.valueName;
     outcome.outcome = judge(key, facts.before[i], now);
-    outcome.value = now && isProtected(key) ? kMask : now.value_or("");
+    outcome.value = now ? shownValue(key, *now) : "";
     outcome.note = noteOf(facts.batch[i], key, outcome.outcome);
     outcomes.push_back(std::move(outcome));
   }

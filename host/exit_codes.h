@@ -9,5 +9,6 @@ inline constexpr int kExitUsage = 2;      // wrong command line, or an unusable 
 inline constexpr int kExitNotJoined = 3;  // this instance has not joined, or the registry cannot be used
 inline constexpr int kExitPartly = 4;     // a batch was received, but not all of it could be applied
 inline constexpr int kExitSkipped = 5;    // synchronisation is switched off, or joining is not finished
+inline constexpr int kExitDrift = 6;      // values differ from what the cache says they should be
 
 }  // namespace host

@@ -33,11 +33,18 @@ bool makeDirectory(const std::string& path, std::string& error) {
   return !failure;
 }
 
+// As it stands when the working directory is gone.
+std::string absolutePath(const std::string& path) {
+  std::error_code failure;
+  const auto absolute = std::filesystem::absolute(path, failure);
+  return failure ? path : absolute.lexically_normal().string();
+}
+
 void fillDefaults(JoinOptions& options) {
   if (options.home.empty()) options.home = kDefaultHome;
-  options.home = std::filesystem::absolute(options.home).lexically_normal().string();
+  options.home = absolutePath(options.home);
   if (options.base.empty()) options.base = options.home + "/" + kBaseFolder;
-  options.base = std::filesystem::absolute(options.base).lexically_normal().string();
+  options.base = absolutePath(options.base);
   if (options.machine.empty()) options.machine = systemHostName();
   if (options.host.empty()) options.host = options.machine;
 }
@@ -91,7 +98,10 @@ bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
     return false;
   const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
   std::string key;
-  if (failure != std::errc() || end != id.data() + id.size() || file.clientId == 0) {
+  // The largest is what a message can carry.
+  constexpr std::uint64_t kMaxClientId = 0x7fffffffffffffff;
+  if (failure != std::errc() || file.clientId > kMaxClientId || end != id.data() + id.size() ||
+      file.clientId == 0) {
     error = path + ": client-id is not a positive number: " + id;
   } else if (!sessionKeyFromHex(file.sessionKey, key)) {
     error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
@@ -102,8 +112,9 @@ bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
 
 bool join(const JoinFile& file, JoinOptions options, std::string& error) {
   fillDefaults(options);
-  if (options.host.find('/') != std::string::npos) {
-    error = "a host name cannot hold a \"/\": " + options.host;
+  for (const std::string& name : {options.host, options.machine, file.clientName}) {
+    if (name.find('/') == std::string::npos) continue;
+    error = "a host, machine or client name cannot hold a \"/\": " + name;
     return false;
   }
   if (!makeDirectory(options.base, error) || !makeDirectory(options.home + "/" + kLogFolder, error))
@@ -114,10 +125,10 @@ bool join(const JoinFile& file, JoinOptions options, std::string& error) {
   bool written = LQClient::recordClient(file.clientName, file.clientId);
   for (const Setting& setting : settingsOf(file, options))
     written = written && info.setString(setting.section, setting.name, setting.value, 0) != 0;
-  const bool committed = batch.commit();
-  if (written && committed) return true;
+  if (written && batch.commit()) return true;
+  batch.abandon();
   error = info.getRegErrorText();
-  if (error.empty()) error = lqregistry::File() + ": the registry could not be written";
+  if (error.empty()) error = lqregistry::File() + ": the registry could not be written; the log tells why";
   return false;
 }
 

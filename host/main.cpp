@@ -1,11 +1,17 @@
 // lqhost: the host service of a client machine. The command line is here; each command has a file of its own.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 #include "host/exit_codes.h"
 #include "host/join.h"
+#include "host/refresh.h"
+#include "host/run.h"
+#include "host/status.h"
 #include "host/sync.h"
+#include "host/upload.h"
+#include "host/wire_watch.h"
 #include "platform/LQPlatformInfo.h"
 #include "platform/LqRegistryFile.h"
 #include "programs/log_options.h"
@@ -14,7 +20,10 @@ namespace {
 
 constexpr const char* kDefaultInstance = "Instance001";
 
-constexpr const char* kLogFile = "lqhost.log";
+constexpr const char* kInstanceVariable = "VELMOR_VM";
+// The resident host has a log of its own: two processes that rotate one file lose lines.
+constexpr const char* kResidentLogFile = "lqhost.log";
+constexpr const char* kCommandLogFile = "lqhost-command.log";
 constexpr const char* kStandardError = "-";
 
 constexpr const char* kFooter = R"(
@@ -22,10 +31,13 @@ Examples:
   lqhost join client42.join --home /opt/velmor
   lqhost sync
   lqhost sync --watch Machine/Settings nTraceLevel
-  lqhost --log-level 10 --log-file /tmp/lqhost.log sync
+  lqhost --log-level 10 --log-file - refresh
+  lqhost run --sync-every 3600
+  lqhost status
 
-Exit codes: 0 done, 1 no batch was received, 2 wrong usage or join file, 3 not joined or the registry cannot be
-used, 4 a batch was received but not all of it could be applied, 5 skipped (switched off, or not joined fully).)";
+Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the host could not start), 2 wrong usage
+or join file, 3 not joined or the registry cannot be used, 4 not everything could be applied, 5 skipped
+(synchronisation is switched off, or joining not finished), 6 values differ from the cache.)";
 
 struct CommandLine {
   std::string registry;
@@ -34,6 +46,7 @@ struct CommandLine {
   std::string joinFile;
   host::JoinOptions join;
   host::SyncOptions sync;
+  host::RunOptions run;
 };
 
 void describe(CLI::App& app, CommandLine& line) {
@@ -44,15 +57,15 @@ void describe(CLI::App& app, CommandLine& line) {
                  "The registry file; otherwise that of VELMOR_REGISTRY, otherwise " +
                      std::string(lqregistry::kDefaultFile));
   app.add_option("--instance", line.instance, "The installation instance")
-      ->envname("VELMOR_VM")
+      ->envname(kInstanceVariable)
       ->capture_default_str();
   app.add_option("--log-level", line.log.level, "Highest level that is logged")
       ->check(CLI::Range(0, programs::kMaxLogLevel))
       ->capture_default_str();
   app.add_option(
       "--log-file", line.log.file,
-      "Log into this file, rotated; - is standard error. Otherwise lqhost.log in the log directory, once "
-      "the instance has one");
+      "Log into this file, rotated; - is standard error. Otherwise lqhost.log (of run) or lqhost-command.log "
+      "in the log directory, once the instance has one");
 }
 
 CLI::App* describeJoin(CLI::App& app, CommandLine& line) {
@@ -79,18 +92,33 @@ CLI::App* describeSync(CLI::App& app, CommandLine& line) {
 
 // Sets the log up. Where the command line names no place, it is the instance's own log directory, or standard
 // error while there is none that can be used. False when the place that was named cannot be used.
-bool setUpLog(programs::LogOptions log) {
+bool setUpLog(programs::LogOptions log, const char* defaultName) {
   const bool isPlaceGiven = !log.file.empty();
   if (log.file == kStandardError) log.file.clear();
   LQPI_EventManager eventManager(0, 1);
   if (const char* const directory = eventManager.getLogFilesDirectory();
       !isPlaceGiven && directory != nullptr)
-    log.file = std::string(directory) + "/" + kLogFile;
+    log.file = std::string(directory) + "/" + defaultName;
   CWmError error = programs::configureLog(log);
   if (!error.IsError()) return true;
   std::fprintf(stderr, "lqhost: %s; --log-file names another place\n", error.AsString());
   log.file.clear();
   return !isPlaceGiven && !programs::configureLog(log).IsError();
+}
+
+CLI::App* describeRun(CLI::App& app, CommandLine& line) {
+  CLI::App* run = app.add_subcommand("run", "Stay: run the periodic tasks and serve the server's requests");
+  run->add_option("--listen", line.run.address, "Address to serve the server's requests on")
+      ->capture_default_str();
+  run->add_option("--port", line.run.port, "Port to serve them on")->capture_default_str();
+  run->add_option("--sync-every", line.run.syncEvery, "Seconds between two synchronisations")
+      ->check(CLI::Range(host::kMinFrequency, host::kMaxFrequency))
+      ->capture_default_str();
+  run->add_option("--spread", line.run.spread, "Spread first runs over this many seconds")
+      ->check(CLI::Range(0U, host::kMaxFrequency))
+      ->capture_default_str();
+  run->add_option("--module", line.run.modules, "Load this host module; may be repeated");
+  return run;
 }
 
 int runJoin(const CommandLine& line) {
@@ -118,8 +146,21 @@ int main(int argc, char** argv) {
       "lqhost");
   CommandLine line;
   describe(app, line);
-  const CLI::App* const join = describeJoin(app, line);
-  describeSync(app, line);
+  std::function<int()> command;
+  describeJoin(app, line)->callback([&] { command = [&line] { return runJoin(line); }; });
+  describeSync(app, line)->callback([&] { command = [&line] { return host::sync(line.sync); }; });
+  app.add_subcommand("refresh", "Reapply the cached settings once now, and report what changed")
+      ->callback([&] { command = &host::refresh; });
+  app.add_subcommand("upload", "Send the whole registry of the instance to the server")->callback([&] {
+    command = &host::upload;
+  });
+  app.add_subcommand("status", "Show what this client is joined to, its last and next passes, and drift")
+      ->callback([&] { command = &host::status; });
+  bool isResident = false;
+  describeRun(app, line)->callback([&] {
+    isResident = true;
+    command = [&line] { return host::run(line.run); };
+  });
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -127,7 +168,10 @@ int main(int argc, char** argv) {
   }
 
   if (!line.registry.empty()) lqregistry::UseFile(line.registry);
+  // Both, because the product lets the variable override the focus; and before any thread runs.
+  setenv(kInstanceVariable, line.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   LQPI_Focus::setFocus(line.instance.c_str());
-  if (!setUpLog(line.log)) return host::kExitUsage;
-  return join->parsed() ? runJoin(line) : host::sync(line.sync);
+  if (!setUpLog(line.log, isResident ? kResidentLogFile : kCommandLogFile)) return host::kExitUsage;
+  host::WireWatch::install();
+  return command();
 }

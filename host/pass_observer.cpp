@@ -1,6 +1,7 @@
 #include "host/pass_observer.h"
 
 #include <list>
+#include <mutex>
 
 #include "platform/CLqNetwork.h"
 #include "platform/LQPlatformInfo.h"
@@ -20,16 +21,14 @@ void reportCallback(OBGui::RegistryKeyInfo key) {
   facts.callbacks.push_back({key.keyPath, key.valueName});
 }
 
-void observe(CLqNetwork::Direction direction, const CNMessageBase& message) {
-  const auto* const batch = messageAs<OBGui::RegistryTaskResp>(&message);
-  if (batch == nullptr) return;
+void observe(CLqNetwork::Direction direction, const OBGui::RegistryTaskResp& batch) {
   const std::lock_guard lock(factsMutex);
   if (direction == CLqNetwork::Direction::kSent) {
-    facts.acknowledged = batch->taskStatus;
+    facts.acknowledged = batch.taskStatus;
     return;
   }
   facts.batchReceived = true;
-  facts.batch = batch->keys;
+  facts.batch = batch.keys;
   facts.before.clear();
   facts.before.reserve(facts.batch.size());
   for (const OBGui::RegistryKeyInfo& key : facts.batch) facts.before.push_back(heldValue(key));
@@ -49,18 +48,16 @@ HeldValue heldValue(const OBGui::RegistryKeyInfo& key) {
 }
 
 PassObserver::PassObserver(const std::vector<std::pair<std::string, std::string>>& watched)
-    : watched_(watched) {
+    : watched_(watched), watch_(&observe) {
   {
     const std::lock_guard lock(factsMutex);
     facts = {};
   }
   for (const auto& [path, name] : watched_)
     LqRegistryChangeMgr::GetInstance()->Register(path, name, &reportCallback);
-  CLqNetwork::SetObserver(&observe);
 }
 
 PassObserver::~PassObserver() {
-  CLqNetwork::SetObserver({});
   for (const auto& [path, name] : watched_) LqRegistryChangeMgr::GetInstance()->UnRegister(path, name);
 }
 

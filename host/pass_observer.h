@@ -3,12 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/wire_watch.h"
 #include "records/OBGui.h"
 
 namespace host {
@@ -31,7 +31,7 @@ struct PassFacts {
   std::vector<CallbackRun> callbacks;
 };
 
-// One at a time in a process.
+// One at a time in a process, on the thread that runs the pass.
 class PassObserver {
  public:
   // Registers a change callback for each pair of key path and value name.
@@ -45,6 +45,7 @@ class PassObserver {
 
  private:
   std::vector<std::pair<std::string, std::string>> watched_;
+  WireWatch watch_;
 };
 
 }  // namespace host

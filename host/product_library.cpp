@@ -24,7 +24,8 @@ ProductLibrary::~ProductLibrary() {
 }
 
 TaskCallback ProductLibrary::findTask(const char* name) {
-  void* const symbol = handle_ == nullptr ? nullptr : dlsym(handle_, name);
+  if (handle_ == nullptr) return nullptr;
+  void* const symbol = dlsym(handle_, name);
   if (symbol == nullptr) error_ = lastError();
   return reinterpret_cast<TaskCallback>(symbol);
 }

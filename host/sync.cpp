@@ -1,14 +1,13 @@
 #include "host/sync.h"
 
 #include <cstdio>
-#include <map>
 
-#include "host/batch_outcome.h"
 #include "host/exit_codes.h"
+#include "host/instance.h"
 #include "host/pass_observer.h"
+#include "host/pass_report.h"
 #include "host/product_library.h"
-#include "platform/LQPlatformInfo.h"
-#include "platform/LqRegistryFile.h"
+#include "host/task_run.h"
 #include "platform/ObLog.h"
 #include "programs/text_table.h"
 #include "records/OBGui.h"
@@ -17,53 +16,8 @@ namespace host {
 
 namespace {
 
-constexpr const char* kTimerTask = "RegistryDownload_OnTimer";
-// Longer values are cut in the report, which is for looking at, not for reading back.
-constexpr std::size_t kShownValueBytes = 48;
 // Of the log, the report repeats what says why something failed.
 constexpr int kRepeatedLevel = kLqLogDefaultLevel;
-
-// Whether this instance knows a server; says what to do when it does not.
-bool hasJoined() {
-  LQPlatformInfo info;
-  std::string server;
-  if (info.getString("Overhub", "sOHHOSTNAME", server)) return true;
-  const char* const instance = LQPI_Focus::getFocus();
-  if (info.getRegError() == kRegUnavailable) {
-    std::fprintf(stderr, "lqhost: %s\n", info.getRegErrorText().c_str());
-  } else {
-    std::fprintf(
-        stderr,
-        "lqhost: instance %s in %s has not joined a server; run `lqhost join FILE` with the file that "
-        "`overhub add-client` wrote\n",
-        instance, lqregistry::File().c_str());
-  }
-  return false;
-}
-
-std::string shown(std::string value) {
-  if (value.size() > kShownValueBytes) value = value.substr(0, kShownValueBytes) + "...";
-  return value;
-}
-
-// Prints one row a value and the totals; the number of records that failed.
-std::size_t reportBatch(const PassFacts& facts) {
-  const std::vector<RecordOutcome> outcomes = judgeBatch(facts);
-  programs::TextTable table({"OUTCOME", "KEY", "VALUE", "NOW", "NOTE"});
-  std::map<Outcome, std::size_t> totals;
-  for (const RecordOutcome& outcome : outcomes) {
-    table.addRow({outcomeWord(outcome.outcome), outcome.keyPath, outcome.valueName, shown(outcome.value),
-                  outcome.note});
-    ++totals[outcome.outcome];
-  }
-  std::printf("%s\n",
-              outcomes.empty() ? "The server holds no records for this client.\n" : table.text().c_str());
-  std::printf(
-      "%zu records: %zu added, %zu changed, %zu removed, %zu reset, %zu left as they were, %zu failed\n",
-      facts.batch.size(), totals[Outcome::kAdded], totals[Outcome::kChanged], totals[Outcome::kRemoved],
-      totals[Outcome::kReset], totals[Outcome::kLeft], totals[Outcome::kFailed]);
-  return totals[Outcome::kFailed];
-}
 
 void reportCallbacks(const PassFacts& facts) {
   for (const CallbackRun& run : facts.callbacks)
@@ -102,10 +56,10 @@ int outcomeWithoutBatch(int result, const oblog::Capture& log) {
 }  // namespace
 
 int sync(const SyncOptions& options) {
-  if (!hasJoined()) return kExitNotJoined;
+  if (!requireJoined()) return kExitNotJoined;
   ProductLibrary product;
-  const TaskCallback runTimer = product.findTask(kTimerTask);
-  if (runTimer == nullptr) {
+  const TaskCallback callback = product.findTask(kDownloadTask.timerCallback);
+  if (callback == nullptr) {
     std::fprintf(stderr, "lqhost: %s\n", product.error().c_str());
     return kExitFailed;
   }
@@ -113,9 +67,10 @@ int sync(const SyncOptions& options) {
   const oblog::Capture log(kRepeatedLevel);
   PassObserver observer(options.watched);
   LqPeriodicTaskStatus status;
-  const int result = runTimer(&status);
+  const std::optional<TaskRun> run = runTask(kDownloadTask, callback, status);
+  if (!run) return complainOfOtherRun(kDownloadTask);
   const PassFacts facts = observer.finish();
-  if (!facts.batchReceived) return outcomeWithoutBatch(result, log);
+  if (!facts.batchReceived) return outcomeWithoutBatch(run->result, log);
 
   const std::size_t failed = reportBatch(facts);
   reportCallbacks(facts);

@@ -1,24 +1,14 @@
 #include "overhub/acknowledgements.h"
 
-#include <array>
 #include <ctime>
 #include <sstream>
 
+#include "overhub/utc_text.h"
+
 namespace {
 
-constexpr const char* kTimeFormat = "%Y-%m-%dT%H:%M:%SZ";
-constexpr std::size_t kTimeBuffer = 32;
 // More than a line takes.
 constexpr std::size_t kLastLineBytes = 512;
-
-std::string timeNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
-  std::array<char, kTimeBuffer> text{};
-  std::strftime(text.data(), text.size(), kTimeFormat, &parts);
-  return text.data();
-}
 
 void appendLines(const std::string& text, const std::string& client, std::vector<Acknowledgement>& list) {
   std::istringstream lines(text);
@@ -34,7 +24,7 @@ CWmError recordAcknowledgement(const DataStore& store, const std::string& client
                                std::int64_t taskStatus) {
   const char* const meaning = taskStatus == OBGui::kTaskSuccess ? "applied" : "failed";
   return file_access::appendLine(store.acknowledgementsFile(client),
-                                 timeNow() + " id=" + std::to_string(clientId) +
+                                 utcText(std::time(nullptr)) + " id=" + std::to_string(clientId) +
                                      " taskStatus=" + std::to_string(taskStatus) + " (" + meaning + ")");
 }
 

@@ -1,31 +1,17 @@
 #include "overhub/commands.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "overhub/acknowledgements.h"
 #include "overhub/exit_codes.h"
+#include "overhub/reporting.h"
 #include "platform/LqRegistryFile.h"
 #include "programs/text_table.h"
 
 namespace {
 
-void print(const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
-}
-
-int dataUnusable(const CWmError& error) {
-  return complain(kExitDataUnusable, error.AsString());
-}
-
 bool isKnown(const DataStore& store, const std::string& client) {
   return client == DataStore::kStaticList || store.hasClient(client);
-}
-
-int unknownClient(const DataStore& store, const std::string& client) {
-  return complain(kExitRefused, "there is no client \"" + client + "\" in " + store.directory() +
-                                    "; \"overhub clients\" lists those there are, \"overhub add-client\" "
-                                    "adds one");
 }
 
 std::string flagsOf(const OBGui::RegistryKeyInfo& key) {
@@ -67,17 +53,13 @@ int editBatch(const DataStore& store, const std::string& client, Edit edit) {
 
 }  // namespace
 
-int complain(int exitCode, const std::string& text) {
-  std::fprintf(stderr, "overhub: %s\n", programs::escapedForTerminal(text).c_str());
-  return exitCode;
-}
-
 int changeRecord(const DataStore& store, const std::string& client, const RecordChange& change) {
   if (change.name.empty() || change.name.size() > lqregistry::kMaxNameBytes ||
-      change.path.size() > lqregistry::kMaxPathBytes)
+      change.path.size() > lqregistry::kMaxPathBytes) {
     return complain(kExitUsage, "a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +
                                     " bytes, a key's path at most " +
                                     std::to_string(lqregistry::kMaxPathBytes));
+  }
   return editBatch(store, client, [&](OBGui::KeyList& keys) {
     setRecord(keys, change);
     return kExitOk;

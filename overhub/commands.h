@@ -9,12 +9,9 @@
 #include "overhub/batch_edit.h"
 #include "overhub/data_store.h"
 
-// Says on standard error what went wrong, and gives `exitCode` back.
-int complain(int exitCode, const std::string& text);
-
 struct NewClient {
   std::string name;
-  std::optional<std::int64_t> id;  // otherwise the highest in use plus 1
+  std::optional<std::int64_t> id;  // otherwise the highest handed out plus 1
   std::string serverHost;          // empty: this machine's host name
   std::string serverName;
   std::string joinFile;  // empty: in the data directory

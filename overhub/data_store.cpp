@@ -1,8 +1,7 @@
 #include "overhub/data_store.h"
 
-#include <string.h>  // explicit_bzero
-
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <string_view>
 
@@ -15,16 +14,34 @@ constexpr std::size_t kMaxClientName = 64;
 constexpr std::string_view kClientNameCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
 constexpr std::string_view kBatchSuffix = ".xml";
-constexpr const char* kDirectories[] = {"/clients", "/keys", "/acks", "/join"};
+constexpr const char* kDirectories[] = {"/clients", "/keys",    "/ids",   "/acks",
+                                        "/join",    "/uploads", "/hosts", "/addresses"};
+
+CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) {
+  std::string text;
+  CWmError error = file_access::readWhole(file, text);
+  if (error.IsError()) return error;
+  std::string reason;
+  if (message.unserialize(text, &reason) != 0) return {kLqErrFile, file + ": " + reason};
+  return {};
+}
+
+// A file that holds one word, as an editor leaves it.
+CWmError readWord(const std::string& file, std::string& word) {
+  CWmError error = file_access::readWhole(file, word);
+  while (!word.empty() && (word.back() == '\n' || word.back() == '\r' || word.back() == ' ')) word.pop_back();
+  return error;
+}
 
 }  // namespace
 
 CWmError DataStore::open() const {
   std::error_code fault;
-  if (directory_.empty() || !std::filesystem::is_directory(directory_ + "/clients", fault))
+  if (directory_.empty() || !std::filesystem::is_directory(directory_ + "/clients", fault)) {
     return {kLqErrFile, directory_ +
                             ": not a data directory; name the right one with --data or OVERHUB_DATA, or make "
                             "one with \"overhub add-client NAME\""};
+  }
   pstring::UseKeyFile(directory_ + "/secret.key");
   OBGui::RegisterSubsystem();
   return {};
@@ -45,6 +62,14 @@ std::string DataStore::joinFile(const std::string& client) const {
   return directory_ + "/join/" + client + ".join";
 }
 
+std::string DataStore::uploadFile(const std::string& client) const {
+  return directory_ + "/uploads/" + client + std::string(kBatchSuffix);
+}
+
+std::string DataStore::idFile(const std::string& id) const {
+  return directory_ + "/ids/" + id;
+}
+
 std::string DataStore::serveLockFile() const {
   return directory_ + "/serve.lock";
 }
@@ -56,6 +81,14 @@ std::string DataStore::batchFile(const std::string& name) const {
 
 std::string DataStore::keyFile(const std::string& client) const {
   return directory_ + "/keys/" + client + ".key";
+}
+
+std::string DataStore::hostFile(const std::string& client) const {
+  return directory_ + "/hosts/" + client;
+}
+
+std::string DataStore::addressFile(const std::string& client) const {
+  return directory_ + "/addresses/" + client;
 }
 
 bool DataStore::isClientName(const std::string& name) {
@@ -89,20 +122,45 @@ CWmError DataStore::readBatch(const std::string& name, OBGui::RegistryTaskResp& 
     batch = OBGui::RegistryTaskResp();
     return {};
   }
-  std::string text;
-  const CWmError error = file_access::readWhole(file, text);
-  if (error.IsError()) return error;
-  std::string reason;
-  if (batch.unserialize(text, &reason) != 0) return {kLqErrFile, file + ": " + reason};
-  return {};
+  return readMessage(file, batch);
 }
 
 CWmError DataStore::writeBatch(const std::string& name, const OBGui::RegistryTaskResp& batch) const {
+  return writeMessage(batchFile(name), batch);
+}
+
+CWmError DataStore::readUpload(const std::string& client, OBGui::RegistryTaskResp& upload) const {
+  return readMessage(uploadFile(client), upload);
+}
+
+CWmError DataStore::writeUpload(const std::string& client, const OBGui::RegistryTaskResp& upload) const {
+  return writeMessage(uploadFile(client), upload);
+}
+
+CWmError DataStore::writeMessage(const std::string& file, const OBGui::RegistryTaskResp& message) const {
   std::string text;
-  if (batch.serializeForPeople(text) != 0)
-    return {kLqErrFile, batchFile(name) + ": not written, since its secrets cannot be protected with " +
-                            directory_ + "/secret.key"};
-  return file_access::replace(batchFile(name), text);
+  if (message.serializeForPeople(text) != 0)
+    return {kLqErrFile,
+            file + ": not written, since its secrets cannot be protected with " + directory_ + "/secret.key"};
+  return file_access::replace(file, text);
+}
+
+CWmError DataStore::findHost(const std::string& client, std::string& host) const {
+  host.clear();
+  for (const std::string& file : {hostFile(client), addressFile(client)})
+    if (file_access::exists(file)) return readWord(file, host);
+  return {};
+}
+
+CWmError DataStore::setHost(const std::string& client, const std::string& host) const {
+  return file_access::replace(hostFile(client), host + '\n');
+}
+
+CWmError DataStore::recordAddress(const std::string& client, const std::string& address) const {
+  const std::string file = addressFile(client);
+  std::string before;
+  if (file_access::exists(file) && !readWord(file, before).IsError() && before == address) return {};
+  return file_access::replace(file, address + '\n');
 }
 
 bool DataStore::findSessionKey(const std::string& client, std::string& key) const {
@@ -112,17 +170,21 @@ bool DataStore::findSessionKey(const std::string& client, std::string& key) cons
     return false;
   }
   std::string hex;
-  const CWmError error = file_access::readWhole(keyFile(client), hex);
-  while (!hex.empty() && (hex.back() == '\n' || hex.back() == '\r' || hex.back() == ' ')) hex.pop_back();
+  CWmError error = readSessionKey(client, hex);
   const bool usable = !error.IsError() && sessionKeyFromHex(hex, key);
   explicit_bzero(hex.data(), hex.size());
-  if (error.IsError()) {
-    ObEvent().Error(kTag, "client %s cannot be let in: %s", client.c_str(), error.AsString());
-  } else if (!usable) {
-    ObEvent().Error(kTag, "client %s cannot be let in: %s does not hold 64 hexadecimal digits",
-                    client.c_str(), keyFile(client).c_str());
-  }
+  if (!usable) ObEvent().Error(kTag, "client %s cannot be let in: %s", client.c_str(), error.AsString());
   return usable;
+}
+
+CWmError DataStore::readSessionKey(const std::string& client, std::string& hex) const {
+  CWmError error = readWord(keyFile(client), hex);
+  if (error.IsError()) return error;
+  std::string key;
+  const bool usable = sessionKeyFromHex(hex, key);
+  explicit_bzero(key.data(), key.size());
+  if (!usable) return {kLqErrFile, keyFile(client) + " does not hold 64 hexadecimal digits"};
+  return {};
 }
 
 CWmError DataStore::writeSessionKey(const std::string& client, const std::string& hex) const {

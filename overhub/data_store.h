@@ -3,8 +3,12 @@
 //   clients/NAME.xml   a client's id and its batch of key records
 //   static.xml         the static key list; no file means an empty one
 //   keys/NAME.key      a client's session key, 64 hexadecimal digits
+//   ids/ID             the name of the client that has the id, and ids/highest (client_ids.h)
 //   acks/NAME.log      a line for each acknowledgement (acknowledgements.h)
 //   join/NAME.join     join files, unless they were asked for elsewhere (join_file.h)
+//   uploads/NAME.xml   what a client last uploaded of its registry
+//   hosts/NAME         where a client is to be called, when a person has said so
+//   addresses/NAME     the address that a client last came from
 //   secret.key         the key that protects secrets in the other files
 //   change.lock, serve.lock   held while files are changed, and by the server
 //
@@ -35,6 +39,8 @@ class DataStore {
   const std::string& directory() const { return directory_; }
   std::string acknowledgementsFile(const std::string& client) const;
   std::string joinFile(const std::string& client) const;
+  std::string uploadFile(const std::string& client) const;
+  std::string idFile(const std::string& id) const;
   std::string serveLockFile() const;
 
   // Whether it can be a client's name, which is also the name of its files: 1 to 64 characters of
@@ -49,8 +55,22 @@ class DataStore {
   CWmError readBatch(const std::string& name, OBGui::RegistryTaskResp& batch) const;
   CWmError writeBatch(const std::string& name, const OBGui::RegistryTaskResp& batch) const;
 
-  // A client's session key as bytes, into `key`; false when there is none that can be used.
+  // A client's newest upload; the one before it is replaced.
+  CWmError readUpload(const std::string& client, OBGui::RegistryTaskResp& upload) const;
+  CWmError writeUpload(const std::string& client, const OBGui::RegistryTaskResp& upload) const;
+
+  // Where a client is to be called: what a person has set, otherwise the address it last came from; empty
+  // when neither is known.
+  CWmError findHost(const std::string& client, std::string& host) const;
+  CWmError setHost(const std::string& client, const std::string& host) const;
+  // Writes only when the address is another one than before.
+  CWmError recordAddress(const std::string& client, const std::string& address) const;
+
+  // A client's session key as bytes, into `key`; false, with the reason in the log, when there is none that
+  // can be used.
   bool findSessionKey(const std::string& client, std::string& key) const;
+  // The same as 64 hexadecimal digits, for the caller to wipe.
+  CWmError readSessionKey(const std::string& client, std::string& hex) const;
   CWmError writeSessionKey(const std::string& client, const std::string& hex) const;
 
   // Taken for every change of a file that is made from what the file held before.
@@ -59,6 +79,9 @@ class DataStore {
  private:
   std::string batchFile(const std::string& name) const;
   std::string keyFile(const std::string& client) const;
+  std::string hostFile(const std::string& client) const;
+  std::string addressFile(const std::string& client) const;
+  CWmError writeMessage(const std::string& file, const OBGui::RegistryTaskResp& message) const;
 
   std::string directory_;
 };

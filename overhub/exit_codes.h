@@ -5,3 +5,4 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitRefused = 1;  // not found, or refused
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitDataUnusable = 3;
+inline constexpr int kExitUnreachable = 4;  // the client could not be reached, or did not answer

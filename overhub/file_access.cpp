@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <system_error>
 
 namespace file_access {
@@ -18,6 +19,7 @@ namespace {
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kDirectoryMode = 0700;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 constexpr std::size_t kReadPiece = 64U << 10;
 // Begins with a dot, as no client's name does, so that a file left behind by a crash is nobody's batch.
 constexpr const char* kTemporaryName = "/.new.XXXXXX";
@@ -31,13 +33,14 @@ CWmError openForReading(const std::string& path, auto_handle& handle) {
                               FXFile::kAttributeNormal, nullptr, handle);
 }
 
-CWmError readOn(const auto_handle& handle, std::string& text) {
+CWmError readOn(const auto_handle& handle, std::string& text, std::size_t limit = kNoLimit) {
   text.clear();
   for (;;) {
+    if (text.size() > limit) return {kLqErrFile, "more than " + std::to_string(limit) + " bytes"};
     const std::size_t have = text.size();
     text.resize(have + kReadPiece);
     std::uint32_t got = 0;
-    const CWmError error = FXFile::LQReadFile(handle, text.data() + have, kReadPiece, got);
+    CWmError error = FXFile::LQReadFile(handle, text.data() + have, kReadPiece, got);
     text.resize(have + got);
     if (error.IsError() || got == 0) return error;
   }
@@ -63,13 +66,13 @@ bool exists(const std::string& path) {
 
 CWmError readWhole(const std::string& path, std::string& text) {
   auto_handle handle;
-  const CWmError error = openForReading(path, handle);
+  CWmError error = openForReading(path, handle);
   return error.IsError() ? error : readOn(handle, text);
 }
 
 CWmError readEnd(const std::string& path, std::size_t bytes, std::string& text) {
   auto_handle handle;
-  const CWmError error = openForReading(path, handle);
+  CWmError error = openForReading(path, handle);
   if (error.IsError()) return error;
   const off_t size = ::lseek(handle.get(), 0, SEEK_END);
   const off_t start = size > static_cast<off_t>(bytes) ? size - static_cast<off_t>(bytes) : 0;
@@ -92,6 +95,32 @@ CWmError replace(const std::string& path, const std::string& text) {
   if (!error.IsError()) return syncDirectory(directory);
   ::unlink(temporary.c_str());
   return error;
+}
+
+CWmError create(const std::string& path, const std::string& text) {
+  const auto_handle handle(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+  if (!handle.isValid()) return failed(path);
+  std::uint64_t written = 0;
+  CWmError error = FXFile::LQWriteFile(handle, text.data(), text.size(), written);
+  if (!error.IsError() && ::fsync(handle.get()) != 0) error = failed(path);
+  if (error.IsError()) ::unlink(path.c_str());
+  return error;
+}
+
+CWmError readInput(std::size_t limit, std::string& text) {
+  const auto_handle handle(::dup(STDIN_FILENO));
+  if (!handle.isValid()) return failed("standard input");
+  CWmError error = readOn(handle, text, limit);
+  if (error.IsError()) return {error.GetCode(), std::string("standard input: ") + error.AsString()};
+  return {};
+}
+
+CWmError status(const std::string& path, std::uintmax_t& bytes, std::time_t& time) {
+  struct stat found {};
+  if (::stat(path.c_str(), &found) != 0) return failed(path);
+  bytes = static_cast<std::uintmax_t>(found.st_size);
+  time = found.st_mtime;
+  return {};
 }
 
 CWmError appendLine(const std::string& path, const std::string& line) {
@@ -117,7 +146,7 @@ CWmError Lock::open(const std::string& path) {
 }
 
 CWmError Lock::acquire(const std::string& path) {
-  const CWmError error = open(path);
+  CWmError error = open(path);
   if (error.IsError()) return error;
   while (::flock(handle_.get(), LOCK_EX) != 0)
     if (errno != EINTR) return failed(path);
@@ -126,7 +155,7 @@ CWmError Lock::acquire(const std::string& path) {
 
 CWmError Lock::tryAcquire(const std::string& path, bool& acquired) {
   acquired = false;
-  const CWmError error = open(path);
+  CWmError error = open(path);
   if (error.IsError()) return error;
   acquired = ::flock(handle_.get(), LOCK_EX | LOCK_NB) == 0;
   return acquired || errno == EWOULDBLOCK ? CWmError() : failed(path);

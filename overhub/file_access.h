@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "platform/CWmError.h"
@@ -21,6 +23,15 @@ CWmError readEnd(const std::string& path, std::size_t bytes, std::string& text);
 // Makes `text` the file's contents, with mode 0600. Whoever reads meanwhile sees the old contents or the new,
 // never a part, and after a power cut it is either of them. A link, a device or a directory is left alone.
 CWmError replace(const std::string& path, const std::string& text);
+
+// The same for a file that must not be there yet.
+CWmError create(const std::string& path, const std::string& text);
+
+// Standard input up to its end; an error when it holds more than `limit` bytes.
+CWmError readInput(std::size_t limit, std::string& text);
+
+// How big a file is, and when it was last replaced, in seconds since the epoch.
+CWmError status(const std::string& path, std::uintmax_t& bytes, std::time_t& time);
 
 // Appends `line` and a newline in one write, so that lines of several writers do not mix.
 CWmError appendLine(const std::string& path, const std::string& line);

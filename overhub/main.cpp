@@ -1,21 +1,19 @@
 // overhub: the embedded management server, and the commands that maintain its data directory.
 //
-// The command line is here; what each command does is in commands.h and serve_command.h.
+// The command line is here and in command_line.h; what each command does is in commands.h, serve_command.h,
+// upload_commands.h and client_requests.h.
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
-#include <functional>
 #include <limits>
 
+#include "overhub/command_line.h"
 #include "overhub/commands.h"
 #include "overhub/exit_codes.h"
-#include "overhub/serve_command.h"
-#include "overhub/set_options.h"
+#include "overhub/reporting.h"
 
 namespace {
 
-constexpr const char* kDefaultData = "/var/lib/overhub";
 constexpr const char* kDataVariable = "OVERHUB_DATA";
 constexpr const char* kDefaultServerName = "overhub";
 // What the data directory holds is for its owner only.
@@ -33,8 +31,13 @@ Examples:
   overhub show web-1
   overhub serve --log-file /var/log/overhub.log
   overhub acks web-1
+  overhub uploads web-1
+  overhub push web-1
+  overhub fetch web-1 '~/Limits' nMAX nMIN
+  overhub call web-1 7 'hello'
 
-Exit codes: 0 done, 1 not found or refused, 2 wrong usage, 3 the data directory cannot be used.)";
+Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the data
+directory cannot be used, 4 the client could not be reached, or did not answer.)";
 
 constexpr const char* kSetFooter =
     R"(Paths: "SOFTWARE/..." is absolute, anything else is below the root of the client's instance, which is "~".
@@ -50,41 +53,6 @@ Examples:
 constexpr const char* kServeFooter = R"(Example:
   overhub serve --listen 10.0.0.5 --listen ::1 --log-level 2
 SIGTERM or SIGINT stops the server; running sessions get a few seconds to finish.)";
-
-struct CommandLine {
-  std::string data = kDefaultData;
-  NewClient newClient;
-  SetOptions set;
-  std::string client;
-  std::string path;
-  std::string name;
-  ServeOptions serve;
-  std::function<int(const DataStore&)> command;
-};
-
-// A number that is too big would otherwise be taken for the biggest one. Empty, or what is wrong.
-std::string checkId(const std::string& text) {
-  std::int64_t id = 0;
-  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), id);
-  if (fault == std::errc() && end == text.data() + text.size() && id > 0) return {};
-  return "an id is a number from 1 to " + std::to_string(std::numeric_limits<std::int64_t>::max());
-}
-
-CLI::App* addCommand(CLI::App& app, CommandLine& line, const char* name, const char* description,
-                     std::function<int(const DataStore&)> command) {
-  CLI::App* added = app.add_subcommand(name, description);
-  added->fallthrough();
-  added->callback([&line, command = std::move(command)] { line.command = command; });
-  return added;
-}
-
-// A command on a data directory that has to be there.
-std::function<int(const DataStore&)> onExisting(std::function<int(const DataStore&)> command) {
-  return [command = std::move(command)](const DataStore& store) {
-    const CWmError error = store.open();
-    return error.IsError() ? complain(kExitDataUnusable, error.AsString()) : command(store);
-  };
-}
 
 void describeServe(CLI::App& app, CommandLine& line) {
   auto* serving = addCommand(app, line, "serve", "Answer the clients until asked to stop",
@@ -115,8 +83,8 @@ void describeAddClient(CLI::App& app, CommandLine& line) {
   auto* add = addCommand(app, line, "add-client", "Register a client and write its join file",
                          [&wanted](const DataStore& store) { return addClient(store, wanted); });
   add->add_option("NAME", wanted.name, "The client's name: letters, digits, . _ -")->required();
-  add->add_option("--id", wanted.id, "Its id; otherwise the highest in use plus 1")
-      ->check(checkId)
+  add->add_option("--id", wanted.id, "Its id; otherwise the highest handed out plus 1")
+      ->check(checkNumber(1))
       ->type_name("N");
   add->add_option("--server-host", wanted.serverHost,
                   "Under which name or address the client reaches this server; otherwise its host name")
@@ -200,6 +168,8 @@ int main(int argc, char** argv) {
   describeSet(app, line);
   describeBatchCommands(app, line);
   describeLists(app, line);
+  describeUploads(app, line);
+  describeRequests(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,5 +1,7 @@
 #include "overhub/registry_manager.h"
 
+#include <utility>
+
 #include "overhub/acknowledgements.h"
 #include "platform/ObDebug.h"
 #include "records/OBGui.h"
@@ -8,6 +10,16 @@ namespace {
 
 std::string countText(const OBGui::KeyList& keys) {
   return std::to_string(keys.size()) + " records";
+}
+
+// Clients put their id into uploads narrowed to 32 bits, so one of 2^31 and above comes as another number.
+std::int64_t asUploaded(std::int64_t clientId) {
+  return static_cast<std::int32_t>(clientId);
+}
+
+Answer unknownId(std::int64_t claimed, const std::string& client, std::int64_t idOnFile) {
+  return Answer::refused("unknown client id " + std::to_string(claimed) + ": " + client + " is client " +
+                         std::to_string(idOnFile));
 }
 
 // The reply to a request for `list`, which is a client's name or the static list. `expectedId`, if not null,
@@ -21,9 +33,7 @@ Answer replyWithBatch(const DataStore& store, const std::string& list, const std
                            "; its log tells why, and somebody there has to mend the file");
   }
   const std::int64_t idOnFile = batch->client->clientId;
-  if (expectedId != nullptr && *expectedId != idOnFile)
-    return Answer::refused("unknown client id " + std::to_string(*expectedId) + ": " + list + " is client " +
-                           std::to_string(idOnFile));
+  if (expectedId != nullptr && *expectedId != idOnFile) return unknownId(*expectedId, list, idOnFile);
   batch->taskStatus = OBGui::kTaskSuccess;
   batch->keys.edit();
   std::string summary = countText(batch->keys);
@@ -50,6 +60,23 @@ Answer acknowledged(const DataStore& store, const std::string& client,
                                                                                : "acknowledged: failed");
 }
 
+Answer answerUpload(const DataStore& store, const std::string& client,
+                    const OBGui::RegistryTaskResp& upload) {
+  OBGui::RegistryTaskResp batch;
+  CWmError error = store.readBatch(client, batch);
+  const std::int64_t idOnFile = batch.client->clientId;
+  if (!error.IsError() && upload.client->clientId.get() != asUploaded(idOnFile))
+    return unknownId(upload.client->clientId, client, idOnFile);
+  if (!error.IsError()) error = store.writeUpload(client, upload);
+  if (error.IsError()) ObEvent().Error("registryManager", "%s", error.AsString());
+
+  auto verdict = std::make_unique<OBGui::RegistryTaskResp>();
+  verdict->client = upload.client.get();
+  verdict->taskStatus = error.IsError() ? OBGui::kTaskFailed : OBGui::kTaskSuccess;
+  return Answer::withReply(
+      std::move(verdict), (error.IsError() ? "upload failed: " : "upload stored: ") + countText(upload.keys));
+}
+
 // What a response is, its task status tells.
 Answer answerResponse(const DataStore& store, const std::string& client, const CNMessageBase& message) {
   const auto& response = *messageAs<OBGui::RegistryTaskResp>(&message);
@@ -57,6 +84,8 @@ Answer answerResponse(const DataStore& store, const std::string& client, const C
     case OBGui::kTaskFailed:
     case OBGui::kTaskSuccess:
       return acknowledged(store, client, response);
+    case OBGui::kTaskUpload:
+      return answerUpload(store, client, response);
     default:
       return Answer::refused("a registry task response with task status " +
                              std::to_string(response.taskStatus) + " is not handled here");

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "overhub/commands.h"
 #include "overhub/exit_codes.h"
+#include "overhub/reporting.h"
 #include "overhub/server.h"
 #include "platform/ObDebug.h"
 #include "programs/stop_signals.h"

@@ -6,11 +6,10 @@
 #include <vector>
 
 #include "overhub/data_store.h"
+#include "platform/CLqNetwork.h"
 #include "programs/log_options.h"
 
 inline constexpr const char* kAnyAddress = "0.0.0.0";
-inline constexpr std::uint16_t kFirstServicePort = 8400;
-inline constexpr std::uint16_t kSecondServicePort = 8402;
 
 struct ServeOptions {
   std::vector<std::string> addresses;  // empty: kAnyAddress

@@ -9,6 +9,12 @@ namespace {
 
 constexpr const char* kTag = "overhub::session";
 
+// Where a client comes from is where it is called, unless a person has named another host.
+void noteAddress(const CLqNetwork& network, const DataStore& store, const std::string& client) {
+  const CWmError error = store.recordAddress(client, network.GetPeerAddress());
+  if (error.IsError()) ObEvent().Error(kTag, "client %s: %s", client.c_str(), error.AsString());
+}
+
 // Lets the caller in, if it asks for a service that there is; null otherwise. `who` names it for the log.
 const Service* attach(CLqNetwork& network, std::string& client, std::string& who) {
   lqsExecuteRemoteDllType wanted;
@@ -65,6 +71,7 @@ void serveSession(CLqNetwork& network, const DataStore& store) {
   std::string who;
   const Service* const service = attach(network, client, who);
   if (service == nullptr) return;
+  noteAddress(network, store, client);
   for (bool goesOn = true; goesOn;) {
     std::unique_ptr<CNMessageBase> message;
     bool peerGone = false;

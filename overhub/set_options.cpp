@@ -1,8 +1,8 @@
 #include "overhub/set_options.h"
 
-#include <string.h>  // explicit_bzero
 #include <strings.h>
 #include <unistd.h>
+#include <cstring>  // explicit_bzero
 
 #include <array>
 #include <charconv>

@@ -1,6 +1,6 @@
 // lqreg: looks at the registry of this machine and changes it, for people and for scripts.
 //
-// The command line is here; what each command does is in registry_commands.cpp.
+// The command line is here; what each command does is in registry_commands.cpp, export.cpp and import.cpp.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -26,8 +26,16 @@ Examples:
   lqreg --instance Instance001 set Limits nOFFSET -- -5
   lqreg delete SOFTWARE/Velmor/Clients/client42 --recursive
   lqreg tree SOFTWARE
+  lqreg --instance Instance001 export saved.xml
+  lqreg --instance Instance001 import saved.xml
 
-Exit codes: 0 done, 1 no such key or value, 2 wrong usage, 3 the registry file cannot be used.)";
+An export holds everything below the root of the instance as it is stored, secrets included: keep it safe.
+Protected values ("V8:...") are of use only on a machine with the same protection key. An import adds and
+changes; it removes nothing, skips records that are marked for removal, and takes all paths as below the
+root. It reads a client's upload as the server stores it, too.
+
+Exit codes: 0 done, 1 no such key or value, 2 wrong usage, 3 the registry file cannot be used,
+4 the file of an export or import cannot be used.)";
 
 struct CommandLine {
   std::string file;
@@ -35,6 +43,7 @@ struct CommandLine {
   std::string key;
   std::optional<std::string> name;
   std::string value;
+  std::string batchFile;
   bool recursive = false;
   std::function<int(RegistryCommands&)> command;
 };
@@ -88,11 +97,25 @@ void describeCommands(CLI::App& app, CommandLine& line) {
                    "The key; otherwise the instance's root, or SOFTWARE when there is no instance");
 }
 
+void describeTransfers(CLI::App& app, CommandLine& line) {
+  auto* exporting =
+      addCommand(app, line, "export", "Write all keys and values of the instance to a file",
+                 [&line](RegistryCommands& registry) { return registry.exportTo(line.batchFile); });
+  exporting->add_option("FILE", line.batchFile,
+                        "The file, replaced if it is there; without it, standard output");
+
+  auto* importing =
+      addCommand(app, line, "import", "Write the keys and values of a file into the instance",
+                 [&line](RegistryCommands& registry) { return registry.importFrom(line.batchFile); });
+  importing->add_option("FILE", line.batchFile, "A file that export wrote, or a client's upload")->required();
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Looks at the product registry of this machine and changes it.");
   CommandLine line;
   describeGlobals(app, line);
   describeCommands(app, line);
+  describeTransfers(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

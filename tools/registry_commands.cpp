@@ -2,46 +2,20 @@
 #include "tools/registry_commands.h"
 
 #include <cstdio>
-#include <vector>
 
 #include "platform/LqRegistryFile.h"
+#include "programs/text_table.h"
+#include "tools/key_walk.h"
+
+using programs::escapedForTerminal;
 
 namespace {
 
 constexpr const char* kEverything = "SOFTWARE";
 constexpr std::size_t kIndent = 2;
 
-// Printable on a terminal: control characters, the two-byte ones of UTF-8 included, and the backslash itself
-// are escaped. Other bytes stay as they are.
-std::string escaped(const std::string& text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string result;
-  unsigned char previous = 0;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    const bool wideControl = previous == 0xC2 && byte >= 0x80 && byte < 0xA0;
-    previous = byte;
-    if (byte >= 0x20 && byte != 0x7F && byte != '\\' && !wideControl) {
-      result += character;
-    } else if (byte == '\\') {
-      result += "\\\\";
-    } else if (byte == '\n') {
-      result += "\\n";
-    } else if (byte == '\t') {
-      result += "\\t";
-    } else {
-      result += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-  }
-  return result;
-}
-
 void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
-}
-
-void complainAbout(const std::string& text) {
-  std::fprintf(stderr, "lqreg: %s\n", escaped(text).c_str());
 }
 
 void printLine(std::size_t depth, const std::string& text) {
@@ -49,6 +23,10 @@ void printLine(std::size_t depth, const std::string& text) {
 }
 
 }  // namespace
+
+void complainAbout(const std::string& text) {
+  std::fprintf(stderr, "lqreg: %s\n", escapedForTerminal(text).c_str());
+}
 
 RegistryCommands::RegistryCommands(const std::string& instance) : registry_(instance.c_str()) {}
 
@@ -85,38 +63,22 @@ int RegistryCommands::list(const std::string& key) {
   std::map<std::string, std::string> values;
   std::list<std::string> subKeys;
   if (!registry_.getRegValues(key, values) || !registry_.getSubKeys(key, subKeys)) return complain(key);
-  for (const auto& [name, data] : values) printLine(0, escaped(name) + " = " + escaped(data));
-  for (const auto& name : subKeys) printLine(0, escaped(name) + "/");
+  for (const auto& [name, data] : values)
+    printLine(0, escapedForTerminal(name) + " = " + escapedForTerminal(data));
+  for (const auto& name : subKeys) printLine(0, escapedForTerminal(name) + "/");
   return kExitDone;
 }
 
 int RegistryCommands::tree(std::string key) {
   if (key.empty() && registry_.focus().empty()) key = kEverything;
 
-  // Depth first with a list of its own: keys nest deeper than a stack of calls should.
-  struct Pending {
-    std::string key;
-    std::string name;
-    std::size_t depth;
+  const std::string rootName = key.empty() ? "~" : key;
+  const auto printKey = [&rootName](const WalkedKey& walked) {
+    printLine(walked.depth, escapedForTerminal(walked.depth == 0 ? rootName : walked.name) + "/");
+    for (const auto& [name, data] : walked.values)
+      printLine(walked.depth + 1, escapedForTerminal(name) + " = " + escapedForTerminal(data));
   };
-  std::vector<Pending> pending{{key, key.empty() ? "~" : key, 0}};
-  while (!pending.empty()) {
-    const Pending current = std::move(pending.back());
-    pending.pop_back();
-    std::map<std::string, std::string> values;
-    std::list<std::string> subKeys;
-    if (!registry_.getRegValues(current.key, values) || !registry_.getSubKeys(current.key, subKeys)) {
-      // A key that somebody removed in the meantime belongs to the tree no more.
-      if (current.depth != 0 && registry_.getRegError() == kRegKeyMissing) continue;
-      return complain(current.key);
-    }
-    printLine(current.depth, escaped(current.name) + "/");
-    for (const auto& [name, data] : values)
-      printLine(current.depth + 1, escaped(name) + " = " + escaped(data));
-    subKeys.reverse();
-    for (const auto& name : subKeys) pending.push_back({current.key + '/' + name, name, current.depth + 1});
-  }
-  return kExitDone;
+  return walkKeys(registry_, key, printKey) ? kExitDone : complain(key);
 }
 
 int RegistryCommands::complain(const std::string& key) const {
@@ -139,4 +101,9 @@ int RegistryCommands::complain(const std::string& key) const {
   }
   complainAbout(registry_.getRegErrorText() + "; " + wayOut);
   return exitCode;
+}
+
+bool RegistryCommands::hasInstance() const {
+  if (registry_.focus().empty()) complainAbout("no instance is in focus; name one with --instance");
+  return !registry_.focus().empty();
 }

@@ -1,0 +1,29 @@
+// A host module to look at and to try things with: logs each change of Machine/Settings nTraceLevel, and
+// answers application messages of type 7 with a greeting.
+#include <string>
+
+#include "communication_client/LqCommunicationManagerClnt.h"
+#include "platform/LqExport.h"
+#include "platform/ObDebug.h"
+#include "registry_client/LqRegistryChangeMgr.h"
+
+namespace {
+
+constexpr int kGreetingType = 7;
+
+void onTraceLevel(OBGui::RegistryKeyInfo key) {
+  ObEvent().Debug("SampleModule::onTraceLevel", "nTraceLevel is [%s] now", key.value->c_str());
+}
+
+int greet(std::string& payload) {
+  payload = "hello, " + payload;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" LQ_EXPORT int LqHostModule_Register() {
+  LqRegistryChangeMgr::GetInstance()->Register("Machine/Settings", "nTraceLevel", &onTraceLevel);
+  LqCommunicationManagerClnt::registerCallBackFunction(kGreetingType, &greet);
+  return 0;
+}

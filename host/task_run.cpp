@@ -1,0 +1,171 @@
+#include "host/task_run.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+
+#include "host/exit_codes.h"
+#include "host/instance.h"
+#include "host/wire_watch.h"
+#include "platform/FXFile.h"
+#include "platform/ObDebug.h"
+
+namespace host {
+
+namespace {
+
+constexpr const char* kTag = "host::runTask";
+constexpr const char* kResidentLock = "lqhost.lock";
+constexpr mode_t kFileMode = 0600;
+
+std::string pathInBase(const std::string& name) {
+  std::string path = baseDirectory();
+  FXPath::Append(path, name);
+  return path;
+}
+
+std::string noteFile(const Task& task) {
+  return pathInBase(std::string("lqhost.") + task.name + ".note");
+}
+
+// A lock between the processes of this machine; invalid when the file cannot be had.
+class FileLock {
+ public:
+  explicit FileLock(const std::string& path)
+      : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)),
+        isHeldElsewhere_(handle_.isValid() && ::flock(handle_.get(), LOCK_EX | LOCK_NB) != 0) {}
+
+  bool isHeldElsewhere() const { return isHeldElsewhere_; }
+  bool isHeld() const { return handle_.isValid() && !isHeldElsewhere_; }
+
+ private:
+  auto_handle handle_;
+  bool isHeldElsewhere_;
+};
+
+void writeNote(const Task& task, const TaskNote& note) {
+  std::array<char, 128> text{};
+  const int length =
+      std::snprintf(text.data(), text.size(), "%lld %d %.3f %lld\n", static_cast<long long>(note.lastRun),
+                    static_cast<int>(note.outcome), note.seconds, static_cast<long long>(note.nextRun));
+  const std::string path = noteFile(task);
+  const std::string fresh = path + "." + std::to_string(::getpid());
+  auto_handle handle;
+  CWmError error = FXFile::LQCreateFile(fresh, FXFile::kGenericWrite, FXFile::kShareRead, nullptr,
+                                        FXFile::kCreateAlways, FXFile::kAttributeNormal, nullptr, handle);
+  std::uint64_t written = 0;
+  if (!error.IsError())
+    error = FXFile::LQWriteFile(handle, text.data(), static_cast<std::uint64_t>(length), written);
+  if (!error.IsError() && std::rename(fresh.c_str(), path.c_str()) != 0)
+    error = {kLqErrFile,
+             path + ": " + std::strerror(errno)};  // NOLINT(concurrency-mt-unsafe): glibc's is safe
+  if (error.IsError())
+    ObEvent().Error(kTag, "Cannot note the run of task [%s]: %s", task.name, error.AsString());
+}
+
+// What the thread's own exchange with the server says about the run.
+class RunWatch {
+ public:
+  RunOutcome outcome(const Task& task, int result) const {
+    if (result != 0) return RunOutcome::kFailed;
+    if (task.startCallback == nullptr) return RunOutcome::kDone;  // it exchanges nothing
+    if (!received_) return RunOutcome::kSkipped;
+    if (acknowledged_ == OBGui::kTaskSuccess) return RunOutcome::kApplied;
+    return acknowledged_ == 0 ? RunOutcome::kUnacknowledged : RunOutcome::kPartly;
+  }
+
+ private:
+  bool received_ = false;
+  std::int64_t acknowledged_ = 0;  // the taskStatus sent; 0: none was
+  WireWatch watch_{[this](CLqNetwork::Direction direction, const OBGui::RegistryTaskResp& batch) {
+    if (direction == CLqNetwork::Direction::kReceived) {
+      received_ = true;
+    } else {
+      acknowledged_ = batch.taskStatus;
+    }
+  }};
+};
+
+}  // namespace
+
+const char* outcomeText(RunOutcome outcome) {
+  switch (outcome) {
+    case RunOutcome::kDone:
+      return "done";
+    case RunOutcome::kApplied:
+      return "applied and acknowledged";
+    case RunOutcome::kPartly:
+      return "not everything could be applied";
+    case RunOutcome::kUnacknowledged:
+      return "applied, but the acknowledgement could not be sent";
+    case RunOutcome::kSkipped:
+      return "skipped: switched off, or not joined fully";
+    case RunOutcome::kFailed:
+      break;
+  }
+  return "failed";
+}
+
+std::optional<TaskNote> readNote(const Task& task) {
+  std::ifstream file(noteFile(task));
+  TaskNote note;
+  int outcome = 0;
+  if (!(file >> note.lastRun >> outcome >> note.seconds >> note.nextRun)) return std::nullopt;
+  note.outcome = static_cast<RunOutcome>(outcome);
+  return note;
+}
+
+void noteNextRun(const Task& task, std::int64_t time) {
+  TaskNote note = readNote(task).value_or(TaskNote{});
+  note.nextRun = time;
+  writeNote(task, note);
+}
+
+std::optional<TaskRun> runTask(const Task& task, TaskCallback callback, LqPeriodicTaskStatus& status) {
+  const FileLock lock(pathInBase(std::string("lqhost.") + task.name + ".lock"));
+  if (lock.isHeldElsewhere()) {
+    ObEvent().Debug(kTag, "Task [%s] is being run by another process; not run again", task.name);
+    return std::nullopt;
+  }
+  TaskNote note = readNote(task).value_or(TaskNote{});
+  note.lastRun = std::time(nullptr);
+  const auto started = std::chrono::steady_clock::now();
+  RunWatch watch;
+  TaskRun run;
+  run.result = callback(&status);
+  run.outcome = watch.outcome(task, run.result);
+  note.outcome = run.outcome;
+  note.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  status.setLastRunTime(note.lastRun);
+  ObEvent().Debug(kTag, "Task [%s] ended with result %d (%s) after %.3f s", task.name, run.result,
+                  outcomeText(run.outcome), note.seconds);
+  writeNote(task, note);
+  return run;
+}
+
+int complainOfOtherRun(const Task& task) {
+  std::fprintf(stderr,
+               "lqhost: another process runs the task %s at this moment; try again when it has ended\n",
+               task.name);
+  return kExitFailed;
+}
+
+bool isHostResident() {
+  const std::string path = pathInBase(kResidentLock);
+  return ::access(path.c_str(), F_OK) == 0 && FileLock(path).isHeldElsewhere();
+}
+
+bool becomeResident() {
+  static const FileLock lock(pathInBase(kResidentLock));
+  return lock.isHeld();
+}
+
+}  // namespace host

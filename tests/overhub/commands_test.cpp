@@ -1,0 +1,219 @@
+// The commands that maintain the data directory, as a person or a script runs them.
+#include <algorithm>
+#include <ctime>
+
+#include <filesystem>
+
+#include "tests/overhub/overhub_fixture.h"
+
+namespace {
+
+class OverhubCommandsTest : public OverhubTest {
+ protected:
+  // Every byte of every file in the data directory.
+  std::string everythingOnDisk() const {
+    std::string all;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(data_))
+      if (entry.is_regular_file()) all += test_support::readFile(entry.path().string());
+    return all;
+  }
+};
+
+// The join file is the contract with the client's machine, and, like the key, must be nobody else's.
+TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
+  const std::string joinFile = dir_ / "elsewhere.join";
+  const auto added = overhub({"add-client", "web-1", "--server-host", "mgmt.example", "--server-name", "hub",
+                              "--join-file", joinFile});
+  ASSERT_EQ(added.exitCode, 0) << added.err;
+  EXPECT_TRUE(contains(added.out, joinFile) && contains(added.out, "lqhost join")) << added.out;
+
+  const std::string key = fileText("keys/web-1.key").substr(0, 64);
+  EXPECT_EQ(key.find_first_not_of("0123456789abcdef"), std::string::npos);
+  const std::string join = test_support::readFile(joinFile);
+  EXPECT_EQ(join.substr(0, 1), "#");
+  EXPECT_EQ(join.substr(join.find('\n') + 1),
+            "server-host=\"mgmt.example\"\nserver-name=\"hub\"\nclient-name=\"web-1\"\nclient-id=3\n"
+            "session-key=\"" +
+                key + "\"\n");
+  for (const char* const directory : {"", "/clients", "/keys", "/acks", "/join"})
+    EXPECT_EQ(modeOf(data_ + directory), 0700U) << directory;
+  for (const std::string& file : {data_ + "/keys/web-1.key", batchFile("web-1"), joinFile})
+    EXPECT_EQ(modeOf(file), 0600U) << file;
+
+  expectOk({"add-client", "a", "--id", "9223372036854775806"});
+  expectOk({"add-client", "b"});
+  EXPECT_TRUE(contains(overhub({"clients"}).out, "b      9223372036854775807  0        never"));
+  EXPECT_EQ(overhub({"add-client", "c"}).exitCode, 1) << "there is no higher id";
+  expectOk({"add-client", "c", "--id", "5"});
+}
+
+// Names become file names, and a second registration would silently replace a client's key.
+TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
+  expectOk({"add-client", "web-1"});
+  const std::string before = everythingOnDisk();
+  for (const std::string& name :
+       {std::string("../x"), std::string("a/b"), std::string(".x"), std::string(""), std::string("@static"),
+        std::string("a b"), std::string("a\nb"), std::string(65, 'a')}) {
+    const auto result = overhub({"add-client", name});
+    EXPECT_EQ(result.exitCode, 2) << name;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "not escaped: " << result.err;
+  }
+  EXPECT_EQ(overhub({"add-client", "x", "--id", "0"}).exitCode, 2);
+  EXPECT_EQ(overhub({"add-client", "x", "--id", "9223372036854775808"}).exitCode, 2);
+  EXPECT_EQ(overhub({"add-client", "x", "--server-host", "a\"b"}).exitCode, 2);
+  const auto taken = overhub({"add-client", "web-1"});
+  EXPECT_EQ(taken.exitCode, 1);
+  EXPECT_TRUE(contains(taken.err, "web-1")) << taken.err;
+  for (const char* const id : {"2", "3"})  // the server's own, and web-1's
+    EXPECT_EQ(overhub({"add-client", "x", "--id", id}).exitCode, 1) << id;
+  EXPECT_EQ(overhub({"add-client", "x", "--join-file", dir_ / "no/such/folder"}).exitCode, 3);
+  test_support::writeFile(dir_ / "precious", "mine");
+  EXPECT_EQ(overhub({"add-client", "x", "--join-file", dir_ / "precious"}).exitCode, 1);
+  EXPECT_EQ(test_support::readFile(dir_ / "precious"), "mine");
+  EXPECT_EQ(everythingOnDisk(), before);
+}
+
+// Registration must not depend on the other clients' files, and an id that two clients share mixes them up.
+TEST_F(OverhubCommandsTest, IdsStayUniqueThroughDamageAndRemoval) {
+  expectOk({"add-client", "a", "--id", "40"});
+  expectOk({"add-client", "b"});
+  test_support::writeFile(batchFile("a"), "<broken");
+  expectOk({"add-client", "c"});
+  EXPECT_EQ(fileText("ids/42"), "c\n");
+  EXPECT_EQ(overhub({"add-client", "x", "--id", "40"}).exitCode, 1)
+      << "a's file is damaged, its id is not free";
+
+  std::filesystem::remove(batchFile("b"));
+  expectOk({"add-client", "d"});
+  EXPECT_EQ(fileText("ids/43"), "d\n");
+  expectOk({"add-client", "b", "--id", "7"});
+  expectOk({"add-client", "e", "--id", "41"});  // once b's
+
+  // A directory without the list of ids: what can be read counts, and what cannot is named.
+  for (const char* const damage : {"", "many"}) {
+    std::filesystem::remove_all(data_ + "/ids");
+    if (*damage != '\0') {
+      std::filesystem::create_directory(data_ + "/ids");
+      test_support::writeFile(data_ + "/ids/highest", damage);
+    }
+    const auto added = overhub({"add-client", std::string("f") + damage});
+    EXPECT_EQ(added.exitCode, 0);
+    EXPECT_TRUE(contains(added.err, batchFile("a"))) << added.err;
+  }
+  EXPECT_EQ(fileText("ids/7") + fileText("ids/41") + fileText("ids/44") + fileText("ids/45"),
+            "b\ne\nf\nfmany\n");
+}
+
+// A record is added once and replaced afterwards; the flags and the companion are what clients act on.
+TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
+  expectOk({"add-client", "web-1"});
+  expectOk({"set", "web-1", "~/Limits", "nMAX", "10"});
+  expectOk({"set", "web-1", "~/Other", "nMAX", "-1", "--type", "NUMBER"});
+  expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
+  expectOk({"set", "web-1", "~/Limits", "nMAX", "20", "--until", "1999999999"});
+  expectOk({"set", "web-1", "~/Limits", "nMAX", "21", "--until", "2000000000", "--disabled"});
+  expectOk({"set", "web-1", "~/Gone", "x", "--delete"});
+  const auto shown = overhub({"show", "web-1"});
+  EXPECT_EQ(shown.out,
+            "PATH      NAME        TYPE    VALUE       FLAGS\n"
+            "~/Limits  nMAX        STRING  21          disabled\n"
+            "~/Other   nMAX        NUMBER  -1\n"
+            "~         Local       KEY\n"
+            "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
+            "~/Gone    x           STRING              delete\n");
+
+  OBGui::RegistryTaskResp batch;
+  ASSERT_EQ(batch.unserialize(test_support::readFile(batchFile("web-1"))), 0);
+  for (const auto& key : batch.keys.get()) EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
+
+  expectOk({"unset", "web-1", "~/Limits", "nMAX"});
+  const auto again = overhub({"unset", "web-1", "~/Limits", "nMAX"});
+  EXPECT_EQ(again.exitCode, 1);
+  EXPECT_TRUE(contains(again.err, "nMAX") && contains(again.err, "overhub show web-1")) << again.err;
+  EXPECT_TRUE(contains(overhub({"show", "web-1"}).out, "~/Other   nMAX"));
+}
+
+// An expiry that is off by hours, or taken from a typing mistake, removes settings from machines.
+TEST_F(OverhubCommandsTest, UntilTakesSecondsFromNowAndNothingElse) {
+  expectOk({"add-client", "web-1"});
+  const std::int64_t before = std::time(nullptr);
+  expectOk({"set", "web-1", "p", "n", "v", "--until", "+3600"});
+  const std::int64_t after = std::time(nullptr);
+  OBGui::RegistryTaskResp batch;
+  ASSERT_EQ(batch.unserialize(test_support::readFile(batchFile("web-1"))), 0);
+  ASSERT_EQ(batch.keys->size(), 2U);
+  const std::int64_t until = std::stoll(batch.keys.get()[1].value.get());
+  EXPECT_TRUE(before + 3600 <= until && until <= after + 3600) << until;
+  for (const char* const bad : {"tomorrow", "12x", "+", "-5", "+-5", "9223372036854775807000"})
+    EXPECT_EQ(overhub({"set", "web-1", "p", "n", "v", std::string("--until=") + bad}).exitCode, 2) << bad;
+}
+
+// What is asked for in secret must not lie about in clear, neither on disk nor on a terminal.
+TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
+  expectOk({"add-client", "web-1"});
+  const auto set = shell("printf 'op3n\\\\sesame <&>\\n' | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret");
+  ASSERT_EQ(set.exitCode, 0) << set.err;
+  const std::string shown = overhub({"show", "web-1"}).out;
+  EXPECT_TRUE(contains(shown, "~/Proxy  sPW   ENCRYPTED  ********")) << shown;
+  EXPECT_FALSE(contains(everythingOnDisk() + shown + set.out + set.err, "sesame"));
+
+  pstring::UseKeyFile(data_ + "/secret.key");
+  OBGui::RegistryTaskResp batch;
+  ASSERT_EQ(batch.unserialize(test_support::readFile(batchFile("web-1"))), 0);
+  EXPECT_EQ(batch.keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>");
+  EXPECT_EQ(batch.keys.get()[0].value.get(), "********") << "clients write nothing for an empty value";
+
+  EXPECT_EQ(shell("\"$OVERHUB\" set web-1 p n --secret < /dev/null").exitCode, 2);
+  EXPECT_EQ(shell("echo x | \"$OVERHUB\" set web-1 p n value --secret").exitCode, 2);
+  EXPECT_EQ(overhub({"set", "web-1", "p", "n", "v", "--type", "ENCRYPTED"}).exitCode, 2);
+}
+
+// Scripts set values for many records at once.
+TEST_F(OverhubCommandsTest, ParallelSetsLoseNothing) {
+  expectOk({"add-client", "web-1"});
+  const auto result = shell(
+      "for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do "
+      "\"$OVERHUB\" set web-1 p n$i $i & \"$OVERHUB\" add-client c$i > /dev/null & done; wait");
+  EXPECT_EQ(result.err, "");
+  OBGui::RegistryTaskResp batch;
+  ASSERT_EQ(batch.unserialize(test_support::readFile(batchFile("web-1"))), 0);
+  EXPECT_EQ(batch.keys->size(), 20U);
+  const auto ids = shell("\"$OVERHUB\" clients | awk 'NR>1{print $2}' | sort -u | wc -l");
+  EXPECT_EQ(std::stoi(ids.out), 21) << "ids given twice";
+}
+
+// A value from outside must not drive the terminal, and a mistake must name what it is about.
+TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
+  const auto missing = overhub({"clients"});
+  EXPECT_EQ(missing.exitCode, 3);
+  EXPECT_TRUE(contains(missing.err, data_) && contains(missing.err, "--data")) << missing.err;
+  EXPECT_FALSE(std::filesystem::exists(data_)) << "a mistyped directory was made";
+
+  expectOk({"add-client", "web-1"});
+  expectOk({"set", "@static", "p", "n", "a\nb\x1b[31m\\"});
+  EXPECT_TRUE(contains(overhub({"show", "@static"}).out, "a\\nb\\x1b[31m\\\\"));
+  for (const auto& command : {std::vector<std::string>{"show", "web-2"},
+                              {"set", "web-2", "p", "n", "v"},
+                              {"unset", "web-2", "p", "n"},
+                              {"acks", "web-2"},
+                              {"show", "../static"}}) {
+    const auto result = overhub(command);
+    EXPECT_EQ(result.exitCode, 1) << command[0];
+    EXPECT_TRUE(contains(result.err, command[1])) << result.err;
+  }
+  EXPECT_EQ(overhub({"set", "web-1", "p", "", "v"}).exitCode, 2);
+  EXPECT_EQ(overhub({"set", "web-1", "p", std::string(1025, 'n'), "v"}).exitCode, 2);
+  EXPECT_EQ(overhub({"set", "web-1", "p", "n"}).exitCode, 2);
+
+  test_support::writeFile(batchFile("web-1"), "<OBGui.RegistryTaskResp><keys>");
+  const auto broken = overhub({"set", "web-1", "p", "n", "v"});
+  EXPECT_EQ(broken.exitCode, 3);
+  EXPECT_TRUE(contains(broken.err, batchFile("web-1"))) << broken.err;
+  EXPECT_EQ(test_support::readFile(batchFile("web-1")), "<OBGui.RegistryTaskResp><keys>");
+  expectOk({"show", "@static"});
+  const auto listed = overhub({"clients"});
+  EXPECT_EQ(listed.exitCode, 3);
+  EXPECT_TRUE(contains(listed.out, "web-1  ?") && contains(listed.err, batchFile("web-1"))) << listed.err;
+}
+
+}  // namespace

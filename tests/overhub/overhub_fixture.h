@@ -1,0 +1,115 @@
+// What the server's tests share: a data directory of their own, the commands as a person runs them, the
+// server in the background, and this process as one of its clients.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/CLqNetwork.h"
+#include "platform/LQPlatformInfo.h"
+#include "platform/LqRegistryFile.h"
+#include "records/OBGui.h"
+#include "tests/support/test_support.h"
+
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+class OverhubTest : public testing::Test {
+ protected:
+  static constexpr int kPatience = 60;  // seconds, for steps that are expected to succeed
+  static constexpr const char* kLibrary = "sLNREGKEYMANAGER";
+  static constexpr const char* kEntry = "sLPREGKEYMANAGER";
+
+  OverhubTest() {
+    lqregistry::UseFile(dir_ / "registry.db");
+    OBGui::RegisterSubsystem();
+  }
+
+  test_support::ProgramResult overhub(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {test_support::programPath("overhub"), "--data", data_});
+    return test_support::runProgram(arguments);
+  }
+  // Runs a shell script with the program as "$OVERHUB".
+  test_support::ProgramResult shell(const std::string& script) const {
+    return test_support::runProgram(
+        {"sh", "-c", script}, {"OVERHUB=" + test_support::programPath("overhub"), "OVERHUB_DATA=" + data_});
+  }
+  void expectOk(const std::vector<std::string>& arguments) const {
+    const auto result = overhub(arguments);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+  }
+  static unsigned modeOf(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0;
+  }
+  std::string fileText(const std::string& name) const { return test_support::readFile(data_ + "/" + name); }
+  std::string batchFile(const std::string& client) const { return data_ + "/clients/" + client + ".xml"; }
+
+  std::unique_ptr<test_support::BackgroundProgram> serve() const {
+    auto server = std::make_unique<test_support::BackgroundProgram>(
+        std::vector<std::string>{test_support::programPath("overhub"), "--data", data_, "serve", "--listen",
+                                 address_},
+        dir_ / "serve.log");
+    EXPECT_TRUE(server->waitForOutput("overhub ready on " + address_ + ":8400 and " + address_ + ":8402"))
+        << server->output();
+    return server;
+  }
+
+  // Makes this process the client, with the key that the server made for it unless another is given.
+  void become(const std::string& client, std::string keyHex = {}) const {
+    if (keyHex.empty()) keyHex = fileText("keys/" + client + ".key").substr(0, 2 * kSessionKeyBytes);
+    LQPI_Focus::setFocus("Instance001");
+    LQPlatformInfo info;
+    info.setString("Overhub", "sSESSIONIDENTITY", client, 0);
+    info.setString("Overhub", "sSESSIONKEY", keyHex, 0);
+  }
+  CWmError attach(CLqNetwork& network, const char* library = kLibrary, const char* entry = kEntry) const {
+    lqsExecuteRemoteDllType remote;
+    remote.setNames(library, entry);
+    bool peerGone = false;
+    return network.Attach_RemoteDLL(MangleHostName(address_, "overhub", 8400, 8402), remote, "machine1",
+                                    kPatience, peerGone);
+  }
+  static void send(CLqNetwork& network, const CNMessageBase& message) {
+    bool peerGone = false;
+    const CWmError error = network.SendXMLMessage(message, 0, kPatience, peerGone);
+    EXPECT_FALSE(error.IsError()) << error.AsString();
+  }
+  // The batch that comes next; in `refusal`, why there is none.
+  static OBGui::RegistryTaskResp receive(CLqNetwork& network, std::string& refusal) {
+    std::unique_ptr<CNMessageBase> message;
+    bool peerGone = false;
+    const CWmError error = network.ReceiveXMLMessage(nullptr, message, nullptr, 0, kPatience, peerGone);
+    refusal = error.AsString();
+    if (error.IsError()) {
+      EXPECT_EQ(error.GetCode(), kLqErrRequestRefused) << refusal;
+      return {};
+    }
+    const auto* const batch = messageAs<OBGui::RegistryTaskResp>(message.get());
+    return batch != nullptr ? *batch : OBGui::RegistryTaskResp();
+  }
+  static OBGui::RegistryTaskResp ask(CLqNetwork& network, const CNMessageBase& request,
+                                     std::string& refusal) {
+    send(network, request);
+    return receive(network, refusal);
+  }
+  // Ends the session; what was sent before has been dealt with then.
+  static void leave(CLqNetwork& network) {
+    bool peerGone = false;
+    network.Disconnect(kPatience, peerGone);
+  }
+  static OBGui::RegistryTaskReq requestOf(std::int64_t clientId) {
+    OBGui::RegistryTaskReq request;
+    request.client.edit().clientId = clientId;
+    return request;
+  }
+
+  test_support::TempDir dir_;
+  std::string data_ = dir_ / "data";
+  std::string address_ = test_support::uniqueLoopbackAddress();
+};

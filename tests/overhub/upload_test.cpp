@@ -1,0 +1,99 @@
+// What clients upload of their registries: kept by the running server, looked at with the commands.
+#include <filesystem>
+
+#include "tests/overhub/overhub_fixture.h"
+
+namespace {
+
+class OverhubUploadTest : public OverhubTest {
+ protected:
+  static OBGui::RegistryTaskResp uploadOf(std::int64_t clientId) {
+    OBGui::RegistryTaskResp upload;
+    upload.client.edit().clientId = clientId;
+    upload.taskStatus = OBGui::kTaskUpload;
+    upload.keys.edit();
+    return upload;
+  }
+  static void add(OBGui::RegistryTaskResp& upload, const std::string& path, const std::string& name,
+                  const std::string& type, const std::string& value) {
+    OBGui::RegistryKeyInfo& key = upload.keys.edit().emplace_back();
+    key.keyPath = path;
+    key.valueName = name;
+    key.valueType = type;
+    key.value = value;
+  }
+  std::string uploadFile(const std::string& client) const { return data_ + "/uploads/" + client + ".xml"; }
+};
+
+// An upload is a machine's backup: it must come back as it was, be nobody else's, and be the newest.
+TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
+  constexpr std::int64_t kWideId = 5'000'000'000;
+  constexpr std::int64_t kWideIdNarrowed = 705'032'704;
+  constexpr int kMany = 100'000;
+  expectOk({"add-client", "web-1", "--id", std::to_string(kWideId)});
+  expectOk({"add-client", "web-2"});
+  EXPECT_EQ(overhub({"uploads", "web-1"}).exitCode, 1);
+  const auto server = serve();
+  become("web-1");
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  std::string refusal;
+
+  auto large = uploadOf(kWideIdNarrowed);
+  for (int i = 0; i < kMany; ++i) add(large, "Many", "n" + std::to_string(i), "STRING", std::to_string(i));
+  auto verdict = ask(network, large, refusal);
+  EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
+  EXPECT_TRUE(contains(overhub({"uploads"}).out, "Z  0     100000  "));
+
+  auto upload = uploadOf(kWideIdNarrowed);
+  add(upload, "", "Limits", "KEY", "");
+  add(upload, "Limits", "sODD", "STRING", "a\nb\x1b[31m\\ \xff");
+  add(upload, "Limits", "sPW", "ENCRYPTED", "V8:abcd");
+  verdict = ask(network, upload, refusal);
+  EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
+  EXPECT_EQ(verdict.client->clientId, kWideIdNarrowed);
+  EXPECT_EQ(modeOf(uploadFile("web-1")), 0600U);
+
+  ask(network, uploadOf(kWideId), refusal);
+  EXPECT_TRUE(contains(refusal, "unknown client id 5000000000")) << refusal;
+  EXPECT_EQ(overhub({"uploads", "web-1"}).out,
+            "KEY     NAME  VALUE\nLimits\nLimits  sODD  a\\nb\\x1b[31m\\\\ \xff\nLimits  sPW   ********\n");
+  const auto listed = overhub({"uploads"});
+  EXPECT_TRUE(contains(listed.out, "Z  1     2       ")) << listed.out;
+  EXPECT_FALSE(contains(listed.out, "web-2")) << listed.out;
+
+  const std::string out = dir_ / "out.xml";
+  expectOk({"uploads", "web-1", "--out", out});
+  EXPECT_EQ(modeOf(out), 0600U);
+  OBGui::RegistryTaskResp exported;
+  EXPECT_EQ(exported.unserialize(test_support::readFile(out)), 0);
+  EXPECT_TRUE(exported.equals(upload));
+  test_support::writeFile(out, "precious");
+  const auto refused = overhub({"uploads", "web-1", "--out", out});
+  EXPECT_TRUE(refused.exitCode == 1 && contains(refused.err, out)) << refused.err;
+  EXPECT_EQ(test_support::readFile(out), "precious");
+  EXPECT_EQ(overhub({"uploads", "--out", dir_ / "other.xml"}).exitCode, 2);
+}
+
+// A client that believes in a backup that is not there is worse off than one that knows.
+TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
+  expectOk({"add-client", "web-1"});
+  const auto server = serve();
+  std::filesystem::create_directory(uploadFile("web-1"));
+  become("web-1");
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  std::string refusal;
+  EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskFailed) << refusal;
+  EXPECT_TRUE(server->waitForOutput(uploadFile("web-1") + ": not written"));
+  std::filesystem::remove(uploadFile("web-1"));
+  EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
+
+  test_support::writeFile(uploadFile("web-1"), "<broken");
+  const auto listed = overhub({"uploads"});
+  EXPECT_EQ(listed.exitCode, 3);
+  EXPECT_TRUE(contains(listed.out, "web-1   ?") && contains(listed.err, uploadFile("web-1"))) << listed.err;
+  EXPECT_EQ(overhub({"uploads", "web-1"}).exitCode, 3);
+}
+
+}  // namespace

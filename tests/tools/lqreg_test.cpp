@@ -1,0 +1,88 @@
+// lqreg as a person or a script runs it.
+#include <gtest/gtest.h>
+
+#include "tests/support/test_support.h"
+
+namespace {
+
+using test_support::ProgramResult;
+
+class LqregTest : public ::testing::Test {
+ protected:
+  ProgramResult lqreg(std::vector<std::string> arguments, const std::string& instance = "I1") const {
+    arguments.insert(arguments.begin(), test_support::programPath("lqreg"));
+    return test_support::runProgram(arguments, {"VELMOR_REGISTRY=" + file_, "VELMOR_VM=" + instance});
+  }
+
+  test_support::TempDir dir_;
+  std::string file_ = dir_ / "registry.db";
+};
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST_F(LqregTest, WritesReadsShowsAndRemoves) {
+  // Among them what a command line could take for something else: options, commands, lists.
+  const std::vector<std::vector<std::string>> writes = {
+      {"set", "A", "text", "two words"},
+      {"set", "~A/list", "get", "[a,b]"},
+      {"set", "SOFTWARE/Velmor/I1/A", "empty", ""},
+      {"set", "~", "raw", "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9"},
+      {"set", "A", "minus", "--", "-5"}};
+  for (const auto& write : writes) EXPECT_EQ(lqreg(write).exitCode, 0) << write[2];
+
+  EXPECT_EQ(lqreg({"get", "A", "minus"}).out, "-5\n");
+  EXPECT_EQ(lqreg({"get", "A/list", "get"}).out, "[a,b]\n");
+  EXPECT_EQ(lqreg({"get", "~", "raw"}).out, "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9\n") << "as it is";
+  EXPECT_EQ(lqreg({"list", "A"}).out, "empty = \nminus = -5\ntext = two words\nlist/\n");
+  const std::string tree =
+      "~/\n  raw = 1\\n2\\t\\x1b[31m\\\\\xc2\\x9b\xc3\xa9\n  A/\n    empty = \n    minus = -5\n"
+      "    text = two words\n    list/\n      get = [a,b]\n";
+  EXPECT_EQ(lqreg({"tree"}).out, tree);
+  EXPECT_TRUE(contains(lqreg({"tree"}, "").out, "SOFTWARE/\n  Velmor/\n    I1/\n"))
+      << "no instance: everything";
+  EXPECT_EQ(lqreg({"list", "--instance", "I1", "A/list"}, "I2").out, "get = [a,b]\n") << "the option wins";
+
+  EXPECT_EQ(lqreg({"delete", "A", "minus"}).exitCode, 0);
+  const auto refused = lqreg({"delete", "A"});
+  EXPECT_EQ(refused.exitCode, 2);
+  EXPECT_TRUE(contains(refused.err, "--recursive")) << refused.err;
+  EXPECT_EQ(lqreg({"delete", "A", "--recursive"}).exitCode, 0);
+  EXPECT_EQ(lqreg({"tree"}).out, tree.substr(0, tree.find("  A/")));
+}
+
+TEST_F(LqregTest, SaysWhatIsWrongAndHowToGoOn) {
+  ASSERT_EQ(lqreg({"set", "A", "name", "data"}).exitCode, 0);
+  const std::string damaged = dir_ / "damaged.db";
+  test_support::writeFile(damaged, std::string(5000, '#'));
+  struct Case {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::vector<std::string> words;
+  };
+  const Case cases[] = {{{"get", "A", "nothing"}, 1, {file_, "\"A\"", "\"nothing\"", "lqreg tree"}},
+                        {{"list", "B\n"}, 1, {file_, R"("B\n")"}},
+                        {{"list", "A", "--registry", dir_ / "none.db"}, 1, {"does not exist", "none.db"}},
+                        {{"list", "A", "--registry", damaged}, 3, {damaged, "not a database", "--registry"}},
+                        {{"set", "A", "", "data"}, 2, {file_, "\"A\"", "empty"}},
+                        {{"delete", "~", "--recursive"}, 2, {file_, "\"~\""}},
+                        {{"get", "A"}, 2, {"NAME", "--help"}},
+                        {{"frobnicate"}, 2, {"--help"}},
+                        {{}, 2, {"--help"}}};
+  for (const auto& [arguments, exitCode, words] : cases) {
+    const auto result = lqreg(arguments);
+    EXPECT_EQ(result.exitCode, exitCode) << result.err;
+    EXPECT_EQ(result.out, "");
+    for (const auto& word : words) EXPECT_TRUE(contains(result.err, word)) << word << " in " << result.err;
+  }
+  const auto nobody = lqreg({"get", "A", "name"}, "");
+  EXPECT_EQ(nobody.exitCode, 2);
+  EXPECT_TRUE(contains(nobody.err, "--instance")) << nobody.err;
+
+  const auto help = lqreg({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_TRUE(contains(help.out, "Examples:"));
+}
+
+}  // namespace
