@@ -1,6 +1,9 @@
 // lqhost: the host service of a client machine. The command line is here; each command has a file of its own.
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -17,6 +20,9 @@
 #include "programs/log_options.h"
 
 namespace {
+
+// Whatever is created is for its owner only.
+constexpr mode_t kPrivate = 077;
 
 constexpr const char* kDefaultInstance = "Instance001";
 
@@ -140,7 +146,8 @@ int runJoin(const CommandLine& line) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
+  ::umask(kPrivate);
   CLI::App app(
       "The host service of a client machine: joins a management server and synchronises its registry.",
       "lqhost");
@@ -174,4 +181,7 @@ int main(int argc, char** argv) {
   if (!setUpLog(line.log, isResident ? kResidentLogFile : kCommandLogFile)) return host::kExitUsage;
   host::WireWatch::install();
   return command();
+} catch (const std::exception& failure) {  // out of memory, in all likelihood
+  std::fprintf(stderr, "lqhost: %s\n", failure.what());
+  return host::kExitFailed;
 }

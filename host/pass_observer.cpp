@@ -16,7 +16,8 @@ namespace {
 std::mutex factsMutex;
 PassFacts facts;  // guarded by factsMutex
 
-void reportCallback(OBGui::RegistryKeyInfo key) {
+void reportCallback(
+    OBGui::RegistryKeyInfo key) {  // NOLINT(performance-unnecessary-value-param): the type is given
   const std::lock_guard lock(factsMutex);
   facts.callbacks.push_back({key.keyPath, key.valueName});
 }
@@ -47,8 +48,8 @@ HeldValue heldValue(const OBGui::RegistryKeyInfo& key) {
   return info.getString(path, key.valueName, value) ? HeldValue(value) : std::nullopt;
 }
 
-PassObserver::PassObserver(const std::vector<std::pair<std::string, std::string>>& watched)
-    : watched_(watched), watch_(&observe) {
+PassObserver::PassObserver(std::vector<std::pair<std::string, std::string>> watched)
+    : watched_(std::move(watched)), watch_(&observe) {
   {
     const std::lock_guard lock(factsMutex);
     facts = {};

@@ -35,7 +35,7 @@ struct PassFacts {
 class PassObserver {
  public:
   // Registers a change callback for each pair of key path and value name.
-  explicit PassObserver(const std::vector<std::pair<std::string, std::string>>& watched);
+  explicit PassObserver(std::vector<std::pair<std::string, std::string>> watched);
   ~PassObserver();
   PassObserver(const PassObserver&) = delete;
   PassObserver& operator=(const PassObserver&) = delete;

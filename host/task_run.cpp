@@ -1,7 +1,6 @@
 #include "host/task_run.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
@@ -36,19 +35,38 @@ std::string noteFile(const Task& task) {
   return pathInBase(std::string("lqhost.") + task.name + ".note");
 }
 
-// A lock between the processes of this machine; invalid when the file cannot be had.
+// A lock between the processes of this machine, held while the object lives; not held when the file cannot be
+// had.
 class FileLock {
  public:
   explicit FileLock(const std::string& path)
-      : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)),
-        isHeldElsewhere_(handle_.isValid() && ::flock(handle_.get(), LOCK_EX | LOCK_NB) != 0) {}
+      : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)) {
+    struct flock whole = wholeFile();
+    isHeld_ = handle_.isValid() && ::fcntl(handle_.get(), F_OFD_SETLK, &whole) == 0;
+    isHeldElsewhere_ = handle_.isValid() && !isHeld_ && (errno == EAGAIN || errno == EACCES);
+  }
 
+  bool isHeld() const { return isHeld_; }
   bool isHeldElsewhere() const { return isHeldElsewhere_; }
-  bool isHeld() const { return handle_.isValid() && !isHeldElsewhere_; }
+
+  // Whether somebody holds the lock, without getting in the way of who is about to take it.
+  static bool isTaken(const std::string& path) {
+    const auto_handle handle(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock whole = wholeFile();
+    return handle.isValid() && ::fcntl(handle.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
+  }
 
  private:
+  static struct flock wholeFile() {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    return whole;
+  }
+
   auto_handle handle_;
-  bool isHeldElsewhere_;
+  bool isHeld_ = false;
+  bool isHeldElsewhere_ = false;
 };
 
 void writeNote(const Task& task, const TaskNote& note) {
@@ -159,8 +177,7 @@ int complainOfOtherRun(const Task& task) {
 }
 
 bool isHostResident() {
-  const std::string path = pathInBase(kResidentLock);
-  return ::access(path.c_str(), F_OK) == 0 && FileLock(path).isHeldElsewhere();
+  return FileLock::isTaken(pathInBase(kResidentLock));
 }
 
 bool becomeResident() {

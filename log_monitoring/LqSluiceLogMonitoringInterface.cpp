@@ -59,19 +59,21 @@ class Helper {
     const char* const home = base.getBaseHomeDirectory();
     path_ = std::string(home == nullptr ? "" : home) + "/" + kHelperLibrary;
     const CWmError error = library_.Load(path_, false);
-    if (error.IsError())
+    if (error.IsError()) {
       event_.DebugLvl(kAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
                       error.AsString());
+    }
     return !error.IsError();
   }
 
   void* procedure(const char* name) const {
     void* found = nullptr;
     const CWmError error = library_.GetProcedure(name, found);
-    if (error.IsError())
+    if (error.IsError()) {
       event_.DebugLvl(kAlways, kLogContext, tag_,
                       "Failed to load procedure [%s] from library [%s], error[%s].", name, path(),
                       error.AsString());
+    }
     return found;
   }
 

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 #include <limits>
 
 #include "overhub/command_line.h"
@@ -153,7 +155,7 @@ void describeLists(CLI::App& app, CommandLine& line) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   ::umask(kPrivate);
   CLI::App app("The management server: hands clients their settings and records what became of them.");
   CommandLine line;
@@ -176,4 +178,7 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? kExitOk : kExitUsage;
   }
   return line.command(DataStore(line.data));
+} catch (const std::exception& failure) {  // out of memory, in all likelihood
+  std::fprintf(stderr, "overhub: %s\n", failure.what());
+  return kExitRefused;
 }

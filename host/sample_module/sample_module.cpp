@@ -11,7 +11,8 @@ namespace {
 
 constexpr int kGreetingType = 7;
 
-void onTraceLevel(OBGui::RegistryKeyInfo key) {
+// By value, as callbacks are.
+void onTraceLevel(OBGui::RegistryKeyInfo key) {  // NOLINT(performance-unnecessary-value-param)
   ObEvent().Debug("SampleModule::onTraceLevel", "nTraceLevel is [%s] now", key.value->c_str());
 }
 

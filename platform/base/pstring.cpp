@@ -134,7 +134,15 @@ bool unseal(const Key& key, std::vector<unsigned char>& sealed, std::string& sec
                            sealed.data() + kTagBytes, static_cast<int>(size)) == 1;
 }
 
-// Accepts exactly what EVP_EncodeBlock writes.
+std::string encodeBase64(const std::vector<unsigned char>& bytes) {
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
+  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
+                                     static_cast<int>(bytes.size()));
+  text.resize(static_cast<std::size_t>(length));
+  return text;
+}
+
+// Accepts exactly what encodeBase64 gives.
 bool decodeBase64(std::string_view text, std::vector<unsigned char>& bytes) {
   if (text.empty() || text.size() % 4 != 0) return false;
   bytes.resize(text.size() / 4 * 3);
@@ -144,7 +152,7 @@ bool decodeBase64(std::string_view text, std::vector<unsigned char>& bytes) {
   std::size_t padding = 0;
   while (padding < 2 && text[text.size() - 1 - padding] == '=') ++padding;
   bytes.resize(static_cast<std::size_t>(length) - padding);
-  return true;
+  return encodeBase64(bytes) == text;  // the decoder overlooks blanks and spare bits
 }
 
 }  // namespace
@@ -188,12 +196,7 @@ std::string pstring::getV8Password() const {
     ObEvent().Error("pstring::getV8Password", "The cryptographic library cannot protect a value");
     return {};
   }
-  std::string text(kPrefixLength + (sealed.size() + 2) / 3 * 4 + 1, '\0');
-  text.replace(0, kPrefixLength, kPrefix);
-  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data() + kPrefixLength),
-                                     sealed.data(), static_cast<int>(sealed.size()));
-  text.resize(kPrefixLength + static_cast<std::size_t>(length));
-  return text;
+  return kPrefix + encodeBase64(sealed);
 }
 
 bool pstring::fromV8Password(std::string_view text, pstring& out) {
