@@ -75,11 +75,10 @@ class HostTest : public OverhubTest {
 
   // A session of the server with the client's host service.
   CWmError attachToHost(CLqNetwork& network, const std::string& keyHex,
-                        const char* library = programs::kHostLibraryName,
                         const char* entry = programs::kHostEntryName) const {
     network.UseCredentials("web-1", keyHex);
     lqsExecuteRemoteDllType remote;
-    remote.setNames(library, entry);
+    remote.setNames(programs::kHostLibraryName, entry);
     bool peerGone = false;
     return network.Attach_RemoteDLL(
         MangleHostName(listen_, "web-1", programs::kHostServicePort, programs::kHostServicePort), remote,

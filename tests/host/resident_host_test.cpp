@@ -3,6 +3,7 @@
 #include <semaphore>
 
 #include "tests/host/host_fixture.h"
+#include "tests/support/product_fixture.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ class ResidentHost : public HostTest {
 TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "5"});
   const auto server = serve();
-  auto host = runHost({"--module", kModule});
+  const auto host = runHost({"--module", kModule});
   ASSERT_TRUE(host->waitForOutput(kPassDone)) << host->output();
   EXPECT_EQ(valueOf("Machine/Settings", "nTraceLevel"), "5");
   EXPECT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << "the module's callback";
@@ -34,33 +35,20 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_EQ(second.exitCode, 1);
   EXPECT_TRUE(contains(second.err, "instance Instance001 has a resident host already")) << second.err;
 
-  OBGui::RegistryTaskResp batch;
-  OBGui::RegistryKeyInfo& key = batch.keys.edit().emplace_back();
-  key.keyPath = std::string("Pushed");
-  key.valueName = std::string("sVALUE");
-  key.valueType = std::string("STRING");
-  key.value = std::string("at once");
-  key.enabledFlag = 1;
-  const auto push = [&] {
-    std::string text;
-    EXPECT_EQ(batch.serialize(text, false), 0);
-    test_support::writeFile(dir_ / "batch.xml", text);
+  const auto push = [&](const OBGui::RegistryKeyInfo& key) {
+    test_support::writeFile(dir_ / "batch.xml", batchText({key}));
     return ask({"push", "web-1", dir_ / "batch.xml"});
   };
-  const auto pushed = push();
+  const auto pushed = push(record("Pushed", "sVALUE", "at once"));
   EXPECT_EQ(pushed.exitCode, 0) << pushed.err;
   EXPECT_EQ(pushed.out, "applied\n");
   EXPECT_EQ(valueOf("Pushed", "sVALUE"), "at once");
-  key.keyPath = std::string("Clients");
-  key.valueType = std::string("KEY");
-  EXPECT_EQ(push().out, "failed\n") << "a key that may not be created from afar";
+  EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n")
+      << "a key that may not be created from afar";
 
-  const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sVALUE"});
-  EXPECT_EQ(fetched.exitCode, 0) << fetched.err;
-  EXPECT_TRUE(contains(fetched.out, "sVALUE  at once")) << fetched.out;
-  const auto missing = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
-  EXPECT_EQ(missing.exitCode, 1);
-  EXPECT_TRUE(contains(missing.out, "sNONE   not found\nsVALUE  at once")) << missing.out;
+  const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
+  EXPECT_EQ(fetched.exitCode, 1) << fetched.err;
+  EXPECT_TRUE(contains(fetched.out, "sNONE   not found\nsVALUE  at once")) << fetched.out;
   const auto called = ask({"call", "web-1", "7", "world"});
   EXPECT_EQ(called.exitCode, 0) << called.err;
   EXPECT_EQ(called.out, "hello, world\n");
@@ -74,11 +62,6 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_TRUE(contains(overhub({"uploads", "web-1"}).out, "at once"));
   EXPECT_EQ(host->stop(), 0);
   EXPECT_TRUE(contains(lqhost({"status"}).out, "no resident host is running"));
-
-  host = runHost();
-  ASSERT_TRUE(host->waitForOutput(kPassDone)) << "a restart finds everything as it was";
-  EXPECT_EQ(ask({"call", "web-1", "7", "world"}).exitCode, 1) << "no module, no handler";
-  EXPECT_EQ(host->stop(), 0);
 }
 
 TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
@@ -92,9 +75,6 @@ TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
   EXPECT_EQ(lqhost({"status"}).exitCode, 0);
   EXPECT_EQ(server->stop(), 0);
   ASSERT_TRUE(host->waitForOutput(kPassFailed)) << host->output();
-  for (const char* line :
-       {"1-Failed to connect to the remote machine", "Failed to syncronize client Registry Keys"})
-    EXPECT_TRUE(contains(host->output(), line)) << line;
 
   // No pass repairs anything now, so drift stays until a refresh.
   setValue("Limits", "nMAX", "99");
@@ -129,31 +109,15 @@ TEST_F(ResidentHost, WhatItDoesNotServeIsDeclinedWithTheReason) {
     CLqNetwork stranger;
     EXPECT_EQ(attachToHost(stranger, std::string(64, 'a')).GetCode(), kLqErrHandshake);
   }
-  const char* const names[][2] = {{"sLNOTHER", programs::kHostEntryName},
-                                  {programs::kHostLibraryName, "sLPOTHER"}};
-  for (const auto& name : names) {
-    CLqNetwork session;
-    const CWmError refused = attachToHost(session, sessionKey(), name[0], name[1]);
-    EXPECT_EQ(refused.GetCode(), kLqErrAttachRefused);
-    EXPECT_TRUE(contains(refused.AsString(), name[0]) && contains(refused.AsString(), name[1]));
-  }
   CLqNetwork session;
+  const CWmError refused = attachToHost(session, sessionKey(), "sLPOTHER");
+  EXPECT_EQ(refused.GetCode(), kLqErrAttachRefused);
+  EXPECT_TRUE(contains(refused.AsString(), "sLPOTHER")) << refused.AsString();
   ASSERT_FALSE(attachToHost(session, sessionKey()).IsError());
   std::string refusal;
   OverhubTest::ask(session, OBGui::RegistryStaticKeyReq(), refusal);
   EXPECT_TRUE(contains(refusal, "this client answers no OBGui.RegistryStaticKeyReq")) << refusal;
   leave(session);
-
-  const auto caller = PeerSession::call(listen_, programs::kHostServicePort, "web-1", sessionKey());
-  ASSERT_NE(caller, nullptr);
-  caller->writeFrame(PeerSession::kAttach,
-                     std::string("<Session.AttachRequest version=\"1\" caller=\"hub\" library=\"") +
-                         programs::kHostLibraryName + "\" entry=\"" + programs::kHostEntryName + "\"/>");
-  ASSERT_EQ(caller->readFrame().kind, PeerSession::kConfirm);
-  caller->writeFrame(PeerSession::kMessage, "<App.NoSuchClass/>");
-  const auto declined = caller->readFrame();
-  EXPECT_EQ(declined.kind, PeerSession::kRefuseRequest);
-  EXPECT_TRUE(contains(declined.payload, "App.NoSuchClass")) << declined.payload;
 
   // A server that has attached and asks nothing holds up nobody.
   CLqNetwork silent;

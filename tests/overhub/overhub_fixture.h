@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <memory>
 #include <string>
@@ -15,9 +14,8 @@
 #include "records/OBGui.h"
 #include "tests/support/test_support.h"
 
-inline bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
+using test_support::contains;
+using test_support::modeOf;
 
 class OverhubTest : public testing::Test {
  protected:
@@ -43,12 +41,16 @@ class OverhubTest : public testing::Test {
     const auto result = overhub(arguments);
     EXPECT_EQ(result.exitCode, 0) << result.err;
   }
-  static unsigned modeOf(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0;
-  }
   std::string fileText(const std::string& name) const { return test_support::readFile(data_ + "/" + name); }
   std::string batchFile(const std::string& client) const { return data_ + "/clients/" + client + ".xml"; }
+  OBGui::RegistryTaskResp batchOf(const std::string& client) const {
+    OBGui::RegistryTaskResp batch;
+    EXPECT_EQ(batch.unserialize(test_support::readFile(batchFile(client))), 0);
+    return batch;
+  }
+  std::string keyOf(const std::string& client) const {
+    return fileText("keys/" + client + ".key").substr(0, 2 * kSessionKeyBytes);
+  }
 
   std::unique_ptr<test_support::BackgroundProgram> serve() const {
     auto server = std::make_unique<test_support::BackgroundProgram>(
@@ -62,7 +64,7 @@ class OverhubTest : public testing::Test {
 
   // Makes this process the client, with the key that the server made for it unless another is given.
   void become(const std::string& client, std::string keyHex = {}) const {
-    if (keyHex.empty()) keyHex = fileText("keys/" + client + ".key").substr(0, 2 * kSessionKeyBytes);
+    if (keyHex.empty()) keyHex = keyOf(client);
     LQPI_Focus::setFocus("Instance001");
     LQPlatformInfo info;
     info.setString("Overhub", "sSESSIONIDENTITY", client, 0);

@@ -2,66 +2,41 @@
 // behind by a process that was killed.
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <memory>
 #include <vector>
 
 #include "tests/platform/registry_fixture.h"
 
 namespace {
 
+using test_support::FullDisk;
+
 constexpr uid_t kNobody = 65534;
 // Places of two numbers in the header of a database file, big-endian.
 constexpr std::size_t kVersionPlace = 60;
 constexpr std::size_t kApplicationPlace = 68;
 
-struct Damage {
-  const char* name;
-  // Makes it out of the contents of a good registry file; the paths are that file's.
-  void (*inflict)(const std::string& file, const std::string& good);
-};
-
-void overwriteByte(const std::string& file, std::string good, std::size_t place, char byte) {
-  good.at(place) = byte;
-  test_support::writeFile(file, good);
+std::string withByte(std::string contents, std::size_t place, char byte) {
+  contents.at(place) = byte;
+  return contents;
 }
 
-const Damage kDamages[] = {
-    {"Garbage", [](const std::string& file,
-                   const std::string&) { test_support::writeFile(file, std::string(9000, '#')); }},
-    {"Truncated",
-     [](const std::string& file, const std::string& good) {
-       test_support::writeFile(file, good.substr(0, good.size() / 2));
-     }},
-    {"OtherApplication", [](const std::string& file,
-                            const std::string& good) { overwriteByte(file, good, kApplicationPlace, 'X'); }},
-    {"NewerFormat", [](const std::string& file,
-                       const std::string& good) { overwriteByte(file, good, kVersionPlace + 3, 2); }},
-    {"EmptyBesideALog",
-     [](const std::string& file, const std::string&) {
-       test_support::writeFile(file, "");
-       test_support::writeFile(file + "-wal", "precious");
-     }},
-    {"AFolder",
-     [](const std::string& file, const std::string&) {
-       std::filesystem::remove(file);
-       std::filesystem::create_directory(file);
-     }},
-};
-
-class RegistryDamage : public RegistryTest, public ::testing::WithParamInterface<Damage> {};
-
-TEST_P(RegistryDamage, FailsEveryCallSaysSoOnceAndLeavesTheFileAlone) {
+TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
   // Enough for several pages, so that half of them is not a registry.
   ASSERT_TRUE(info_.setString("A", "name", std::string(50000, 'd'), 0));
   lqregistry::UseFile(file_);
   const std::string good = test_support::readFile(file_);
-  GetParam().inflict(file_, good);
-  const std::string damaged = test_support::readFile(file_);
-
-  {
+  const std::pair<const char*, std::string> damages[] = {
+      {"garbage", std::string(9000, '#')},
+      {"truncated", good.substr(0, good.size() / 2)},
+      {"of another application", withByte(good, kApplicationPlace, 'X')},
+      {"of a newer format", withByte(good, kVersionPlace + 3, 2)},
+      {"empty beside a log", ""}};
+  for (const auto& [kind, damaged] : damages) {
+    SCOPED_TRACE(kind);
+    test_support::writeFile(file_, damaged);
+    if (damaged.empty()) test_support::writeFile(file_ + "-wal", "precious");
     const oblog::Capture log;
     std::string data;
     std::list<std::string> names;
@@ -76,39 +51,31 @@ TEST_P(RegistryDamage, FailsEveryCallSaysSoOnceAndLeavesTheFileAlone) {
     ASSERT_EQ(log.Lines().size(), 1U);
     EXPECT_EQ(log.Lines()[0].kind, oblog::Kind::kError);
     EXPECT_NE(log.Lines()[0].text.find(file_), std::string::npos) << log.Lines()[0].text;
+    EXPECT_EQ(test_support::readFile(file_), damaged);
+
+    // Repaired, the next call finds it.
+    std::filesystem::remove(file_ + "-wal");
+    test_support::writeFile(file_, good);
+    EXPECT_EQ(valueOf("A", "name"), std::string(50000, 'd'));
+    lqregistry::UseFile(file_);
   }
-  EXPECT_EQ(test_support::readFile(file_), damaged);
-
-  // Repaired, the next call finds it.
-  std::filesystem::remove_all(file_);
-  std::filesystem::remove(file_ + "-wal");
-  test_support::writeFile(file_, good);
-  EXPECT_EQ(valueOf("A", "name"), std::string(50000, 'd'));
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, RegistryDamage, ::testing::ValuesIn(kDamages),
-                         [](const auto& parameter) { return parameter.param.name; });
-
-TEST_F(RegistryTest, NeedsTheFoldersOfANewFile) {
-  lqregistry::UseFile(dir_ / "missing/registry.db");
-  EXPECT_FALSE(info_.createRegKey("A"));
-  EXPECT_EQ(info_.getRegError(), kRegUnavailable);
-  EXPECT_EQ(valueOf("A", "name"), std::nullopt);
 }
 
 TEST_F(RegistryTest, IsCreatedByOneOfManyProcessesThatComeAtOnce) {
-  constexpr int kProcesses = 8;
-  std::vector<std::unique_ptr<OtherProcess>> processes;
-  const auto write = [](const std::string& name) {
-    return LQPlatformInfo().setString("A", name, name, 0) != 0;
-  };
-  processes.reserve(kProcesses);
-  for (int i = 0; i < kProcesses; ++i) processes.push_back(std::make_unique<OtherProcess>(write));
-  for (int i = 0; i < kProcesses; ++i) processes[static_cast<std::size_t>(i)]->pose(std::to_string(i));
-  for (auto& process : processes) EXPECT_TRUE(process->answer());
+  constexpr std::size_t kProcesses = 8;
+  std::vector<pid_t> processes;
+  for (std::size_t i = 0; i < kProcesses; ++i) {
+    processes.push_back(fork());
+    if (processes.back() == 0) _exit(info_.setString("A", std::to_string(i), "data", 0) != 0 ? 0 : 1);
+  }
+  for (const pid_t process : processes) {
+    int status = -1;
+    waitpid(process, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
   std::map<std::string, std::string> values;
   EXPECT_TRUE(info_.getRegValues("A", values));
-  EXPECT_EQ(values.size(), static_cast<std::size_t>(kProcesses));
+  EXPECT_EQ(values.size(), kProcesses);
 }
 
 TEST_F(RegistryTest, WaitsOncePerBatchForAProcessThatKeepsTheFileLocked) {
@@ -178,27 +145,6 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
   EXPECT_TRUE(user.ask("write"));
 }
-
-// While it lives, no file of this process grows beyond `bytes`: what a full disk does, for one process.
-class FullDisk {
- public:
-  explicit FullDisk(std::uintmax_t bytes) {
-    handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{static_cast<rlim_t>(bytes), before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  rlimit before_{};
-  void (*handler_)(int) = nullptr;
-};
 
 TEST_F(RegistryTest, ReportsABatchThatADiskTooFullUndid) {
   ASSERT_TRUE(info_.setString("A", "name", "before", 0));

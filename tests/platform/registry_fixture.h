@@ -41,17 +41,10 @@ class OtherProcess {
   OtherProcess(const OtherProcess&) = delete;
   OtherProcess& operator=(const OtherProcess&) = delete;
 
-  // Poses a question; questions may be posed to several processes before their answers are read.
-  void pose(const std::string& question) {
-    if (write(ends_[0], question.data(), question.size()) < 0) throw std::runtime_error("no question");
-  }
-  bool answer() {
-    char verdict = 'n';
-    return read(ends_[0], &verdict, 1) == 1 && verdict == 'y';
-  }
   bool ask(const std::string& question) {
-    pose(question);
-    return answer();
+    char verdict = 'n';
+    return write(ends_[0], question.data(), question.size()) > 0 && read(ends_[0], &verdict, 1) == 1 &&
+           verdict == 'y';
   }
   void kill() {
     if (pid_ <= 0) return;

@@ -1,12 +1,9 @@
 // The download pass: what it does with a reply, what it tells the server, and every way in which it can fail.
-#include <algorithm>
-
 #include "registry_client/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {
 
-using test_support::PeerSession;
 using test_support::readFile;
 using test_support::writeFile;
 
@@ -56,11 +53,15 @@ TEST_F(Download, APassAppliesCachesAndAcknowledges) {
   setValue("EventManager", "sGONE", "1");
   OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
   disabled.enabledFlag = 0;
-  const auto acknowledgement = passWith({record("A", "sSET", "new"), removal("EventManager", "sGONE"),
-                                         disabled, record("A", "Trace", "1"), record("A", "Trace_UNTIL", "1"),
-                                         secretRecord("A", "sSECRET", "hunter2")});
+  std::string everyByte;
+  for (int byte = 1; byte < 256; ++byte) everyByte += static_cast<char>(byte);
+  const auto acknowledgement =
+      passWith({record("A", "sSET", "new"), record("A", everyByte, everyByte),
+                removal("EventManager", "sGONE"), disabled, record("A", "Trace", "1"),
+                record("A", "Trace_UNTIL", "1"), secretRecord("A", "sSECRET", "hunter2")});
   EXPECT_EQ(acknowledgement.taskStatus, OBGui::kTaskSuccess);
   EXPECT_EQ(valueOf("A", "sSET"), "new");
+  EXPECT_EQ(valueOf("A", everyByte), everyByte);
   EXPECT_EQ(valueOf("EventManager", "sGONE"), std::nullopt);
   EXPECT_EQ(valueOf("A", "Trace"), std::nullopt);
   pstring secret;
@@ -68,21 +69,13 @@ TEST_F(Download, APassAppliesCachesAndAcknowledges) {
   EXPECT_EQ(secret.reveal(), "hunter2");
 
   // What was removed, or has expired, is left out; what is merely disabled stays.
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sSET", "sDISABLED", "sSECRET"}));
+  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sSET", everyByte, "sDISABLED", "sSECRET"}));
   EXPECT_EQ(readFile(cacheFile()).find("hunter2"), std::string::npos);
-}
-
-TEST_F(Download, AFailedBatchIsAcknowledgedAsOneAndStillCached) {
-  const auto acknowledgement = passWith({record("Clients", "Other", "", "KEY"), record("A", "sSET", "1")});
-  EXPECT_EQ(acknowledgement.taskStatus, OBGui::kTaskFailed);
-  EXPECT_EQ(valueOf("A", "sSET"), "1");
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"Other", "sSET"}));
 }
 
 TEST_F(Download, AnEmptyReplyWritesAnEmptyCache) {
   EXPECT_EQ(passWith({}).taskStatus, OBGui::kTaskSuccess);
   EXPECT_TRUE(cachedNames().empty());
-  EXPECT_FALSE(readFile(cacheFile()).empty());
 }
 
 TEST_F(Download, ACacheWithMoreRecordsThanTheReplyIsKept) {
@@ -103,8 +96,7 @@ TEST_F(Download, ACacheWithMoreRecordsThanTheReplyIsKept) {
 }
 
 TEST_F(Download, ACacheThatCannotBeReadIsKept) {
-  for (const std::string& text : {std::string("<OBGui.RegistryTaskResp><keys>"),
-                                  std::string("<OBGui.RegistryTaskReq/>"), std::string(" ")}) {
+  for (const char* text : {"<OBGui.RegistryTaskResp><keys>", "<OBGui.RegistryTaskReq/>", " "}) {
     writeFile(cacheFile(), text);
     EXPECT_EQ(passWith({record("A", "sSET", text), removal("EventManager", "dOBLOGDIR")}).taskStatus,
               OBGui::kTaskSuccess);
@@ -144,10 +136,8 @@ TEST_F(Download, ARemovedLogDirectoryEndsAsTheDefaultOne) {
 TEST_F(Download, WithoutAHomeTheLogDirectoryStaysRemoved) {
   for (const bool isEmpty : {true, false}) {
     setValue("EventManager", "dOBLOGDIR", "/elsewhere");
-    if (isEmpty)
-      setValue("Base", "dVELMORHOME", "");
-    else
-      removeValue("Base", "dVELMORHOME");
+    setValue("Base", "dVELMORHOME", "");
+    if (!isEmpty) removeValue("Base", "dVELMORHOME");
     const oblog::Capture log;
     EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR")}).taskStatus, OBGui::kTaskSuccess);
     EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
@@ -175,32 +165,18 @@ TEST_F(Download, OnlyTheExactNameMarkedForRemovalIsRepaired) {
   passWith({removal("EventManager", "dobLOGDIR"), disabled, unmarked});
   EXPECT_TRUE(linesOf(log, kRepairTag).empty());
   EXPECT_EQ(valueOf("EventManager", "dobLOGDIR"), std::nullopt);
-  EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
-  EXPECT_EQ(valueOf("Other", "dOBLOGDIR"), "/elsewhere");
   EXPECT_EQ(cachedNames(), (std::vector<std::string>{"dOBLOGDIR", "dOBLOGDIR"}));
 }
 
 // --- failures ----------------------------------------------------------------------------------------------
 
 TEST_F(Download, WithoutAUsableReplyNothingChanges) {
-  const std::string otherClass = "<OBGui.RegistryTaskReq/>";
-  const auto closing = [](PlayedServer::Stage& stage) {
-    stage.acceptAttach();
-    stage.takeMessage();
-  };
-  const struct {
-    std::vector<PlayedServer::Script> scripts;
-    bool keepsMessage;
-  } cases[] = {{{refusing("not you")}, false},
-               {{closing}, false},
-               {{answering("<OBGui.RegistryTaskResp")}, false},
-               {{answering(otherClass)}, true}};
-  for (const auto& c : cases) {
-    auto server = serve(c.scripts);
+  for (const bool isAnotherClass : {false, true}) {
+    auto server = serve({isAnotherClass ? answering("<OBGui.RegistryTaskReq/>") : refusing("not you")});
     LqRegistryManagerClnt client("");
     const oblog::Capture log;
     EXPECT_EQ(client.downLoadAndUpdateClient(), 3U);
-    EXPECT_EQ(client.receivedMessage != nullptr, c.keepsMessage);
+    EXPECT_EQ(client.receivedMessage != nullptr, isAnotherClass);
     EXPECT_TRUE(linesOf(log, kPassTag).empty());
     EXPECT_EQ(server->sessions(), 1) << "nothing is acknowledged";
     EXPECT_FALSE(std::filesystem::exists(cacheFile()));
@@ -208,7 +184,7 @@ TEST_F(Download, WithoutAUsableReplyNothingChanges) {
 }
 
 TEST_F(Download, AnUnknownClientAsksForNothing) {
-  auto server = serve({answering(batchText({}))});
+  auto server = serve({});
   removeValue("Hosts/host42", "sCLIENTNAME");
   LqRegistryManagerClnt client("");
   const oblog::Capture log;
@@ -216,12 +192,6 @@ TEST_F(Download, AnUnknownClientAsksForNothing) {
   EXPECT_EQ(linesOf(log),
             std::vector<std::string>{"error|" + kPassTag + "|Failed to get client id for client[]"});
   EXPECT_EQ(server->sessions(), 0);
-
-  client.clientId = 7;  // an id that is known already is kept
-  client.setLocalPlatformType(4);
-  client.setRemotePlatformType(1);
-  client.downLoadAndUpdateClient();
-  EXPECT_EQ(server->message<OBGui::RegistryTaskReq>(0).client->clientId, 7);
 }
 
 TEST_F(Download, AnAcknowledgementThatCannotBeSentIsOnlyReported) {
@@ -240,39 +210,14 @@ TEST_F(Download, AnAcknowledgementThatCannotBeSentIsOnlyReported) {
 // --- the static list ---------------------------------------------------------------------------------------
 
 TEST_F(Download, TheStaticListReplacesWhatWasThere) {
-  auto server =
-      serve({answering(batchText(numbered(3))), answering("<OBGui.RegistryTaskReq/>"), refusing("no")});
+  auto server = serve({answering(batchText(numbered(3))), answering("<OBGui.RegistryTaskReq/>")});
   LqRegistryManagerClnt client("");
   OBGui::KeyList keys = numbered(5);
   EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 0);
-  EXPECT_EQ(keys.size(), 3U);
   server->message<OBGui::RegistryStaticKeyReq>(0);
   EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 3) << "another class";
-  EXPECT_EQ(client.downLoadRegKeysFromServer(keys, 0, "", ""), 3) << "refused";
   EXPECT_EQ(keys.size(), 3U);
   EXPECT_EQ(valueOf("Numbered", "sN0"), std::nullopt) << "nothing is applied";
-}
-
-// --- a hostile server --------------------------------------------------------------------------------------
-
-TEST_F(Download, AHostileBatchComesThroughTheWireAsItIs) {
-  std::string everyByte;
-  for (int byte = 1; byte < 256; ++byte) everyByte += static_cast<char>(byte);
-  OBGui::KeyList keys = numbered(5000);
-  keys.push_back(record("A", everyByte, everyByte));
-  keys.push_back(record("A", "", "no name"));
-  keys.push_back(record("A", std::string(100'000, 'n'), "long name"));
-  keys.push_back(removal("SOFTWARE", "Velmor", "KEY"));
-  keys.push_back(record("A", "sTWICE", "1"));
-  keys.push_back(record("A", "sTWICE", "2"));
-  EXPECT_EQ(passWith(keys).taskStatus, OBGui::kTaskFailed);
-  EXPECT_EQ(valueOf("Numbered", "sN4999"), "4999");
-  EXPECT_EQ(valueOf("A", everyByte), everyByte);
-  EXPECT_EQ(valueOf("A", "sTWICE"), "2");
-  EXPECT_EQ(valueOf("Hosts/host42", "sCLIENTNAME"), "client42") << "the instance is still there";
-  const auto names = cachedNames();
-  EXPECT_EQ(names.size(), 5005U);
-  EXPECT_NE(std::find(names.begin(), names.end(), everyByte), names.end());
 }
 
 }  // namespace

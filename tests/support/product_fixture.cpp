@@ -1,10 +1,5 @@
 #include "tests/support/product_fixture.h"
 
-#include <sys/resource.h>
-
-#include <algorithm>
-#include <csignal>
-
 #include "platform/CLqNetwork.h"
 #include "platform/LQClient.h"
 #include "platform/LqRegistryFile.h"
@@ -45,12 +40,16 @@ std::string batchText(const OBGui::KeyList& keys) {
   return text;
 }
 
+namespace {
+
 std::string asText(const oblog::Line& line) {
   const std::string kind = line.kind == oblog::Kind::kError   ? "error"
                            : line.kind == oblog::Kind::kPlain ? "plain"
                                                               : std::to_string(line.level);
   return kind + "|" + line.tag + "|" + line.text;
 }
+
+}  // namespace
 
 std::vector<std::string> linesOf(const oblog::Capture& log, const std::string& tagPrefix) {
   std::vector<std::string> lines;
@@ -118,22 +117,6 @@ void ProductTest::setValue(const std::string& key, const std::string& name, cons
 void ProductTest::removeValue(const std::string& key, const std::string& name) {
   LQPlatformInfo info;
   EXPECT_TRUE(info.delRegField(key, name)) << info.getRegErrorText();
-}
-
-FullDisk::FullDisk(std::uintmax_t bytes) : handlerBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
-  rlimit limit{};
-  getrlimit(RLIMIT_FSIZE, &limit);
-  limitBefore_ = limit.rlim_cur;
-  limit.rlim_cur = bytes;
-  setrlimit(RLIMIT_FSIZE, &limit);
-}
-
-FullDisk::~FullDisk() {
-  rlimit limit{};
-  getrlimit(RLIMIT_FSIZE, &limit);
-  limit.rlim_cur = limitBefore_;
-  setrlimit(RLIMIT_FSIZE, &limit);
-  std::signal(SIGXFSZ, handlerBefore_);
 }
 
 PlayedServer::PlayedServer(const std::string& address, const std::string& sessionKey,

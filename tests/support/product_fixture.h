@@ -16,6 +16,8 @@
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 
+using test_support::FullDisk;
+
 // --- records -----------------------------------------------------------------------------------------------
 
 // A record as the server sends it to have a value set.
@@ -30,9 +32,8 @@ std::string batchText(const OBGui::KeyList& keys);
 
 // --- log ---------------------------------------------------------------------------------------------------
 
-// "error|tag|text", "plain|tag|text" or "<level>|tag|text".
-std::string asText(const oblog::Line& line);
-// The lines whose tag begins with `tagPrefix`, in order.
+// The lines whose tag begins with `tagPrefix`, in order: "error|tag|text", "plain|tag|text" or
+// "<level>|tag|text".
 std::vector<std::string> linesOf(const oblog::Capture& log, const std::string& tagPrefix = "");
 // Whether a line that begins with `start` is among them.
 testing::AssertionResult hasLine(const oblog::Capture& log, const std::string& start);
@@ -59,19 +60,6 @@ class ProductTest : public testing::Test {
   std::string registryFile_ = dir_ / "registry.db";
   std::string address_ = test_support::uniqueLoopbackAddress();
   std::string sessionKey_;
-};
-
-// While it lives, no file of this process grows beyond `bytes`: what a full disk does, for one process.
-class FullDisk {
- public:
-  explicit FullDisk(std::uintmax_t bytes);
-  ~FullDisk();
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  std::uintmax_t limitBefore_;
-  void (*handlerBefore_)(int);
 };
 
 // --- the server --------------------------------------------------------------------------------------------

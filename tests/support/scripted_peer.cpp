@@ -96,19 +96,15 @@ void useSelfSignedCertificate(SSL_CTX* context) {
 }  // namespace
 
 struct PeerSession::Tls {
-  enum class Proof { kKey, kCertificate };
-
-  Tls(const SSL_METHOD* method, Proof proof, int descriptor, Secret ownSecret)
+  // Without a key, a certificate is all that it has to show.
+  Tls(const SSL_METHOD* method, int descriptor, Secret ownSecret)
       : secret(std::move(ownSecret)), context(SSL_CTX_new(method)) {
     SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION);
     SSL_CTX_set_app_data(context, &secret);
     SSL_CTX_set_num_tickets(context, 0);
-    if (proof == Proof::kKey) {
-      SSL_CTX_set_psk_server_callback(context, serverKey);
-      SSL_CTX_set_psk_client_callback(context, clientKey);
-    } else {
-      useSelfSignedCertificate(context);
-    }
+    SSL_CTX_set_psk_server_callback(context, serverKey);
+    SSL_CTX_set_psk_client_callback(context, clientKey);
+    if (secret.key.empty()) useSelfSignedCertificate(context);
     connection = SSL_new(context);
     SSL_set_fd(connection, descriptor);
   }
@@ -136,19 +132,18 @@ std::unique_ptr<PeerSession> PeerSession::call(const std::string& address, std::
   const int descriptor = connectPlain(address, port);
   if (descriptor < 0) return nullptr;
   auto session = std::make_unique<PeerSession>(descriptor, identity, keyHex);
-  session->tls_ = std::make_unique<Tls>(TLS_client_method(), Tls::Proof::kKey, descriptor,
-                                        Secret{identity, bytesOfHex(keyHex)});
+  session->tls_ =
+      std::make_unique<Tls>(TLS_client_method(), descriptor, Secret{identity, bytesOfHex(keyHex)});
   return SSL_connect(session->tls_->connection) == 1 ? std::move(session) : nullptr;
 }
 
 bool PeerSession::handshake() {
-  tls_ = std::make_unique<Tls>(TLS_server_method(), Tls::Proof::kKey, descriptor_,
-                               Secret{identity_, bytesOfHex(keyHex_)});
+  tls_ = std::make_unique<Tls>(TLS_server_method(), descriptor_, Secret{identity_, bytesOfHex(keyHex_)});
   return SSL_accept(tls_->connection) == 1;
 }
 
 bool PeerSession::handshakeWithCertificate() {
-  tls_ = std::make_unique<Tls>(TLS_server_method(), Tls::Proof::kCertificate, descriptor_, Secret());
+  tls_ = std::make_unique<Tls>(TLS_server_method(), descriptor_, Secret());
   return SSL_accept(tls_->connection) == 1;
 }
 
@@ -201,11 +196,6 @@ bool PeerSession::answerGoodbye() {
     writeFrame(kGoodbye);
     return true;
   }
-}
-
-void PeerSession::waitForBytes() {
-  char byte = 0;
-  recv(descriptor_, &byte, 1, MSG_PEEK);
 }
 
 void PeerSession::waitForClose() {

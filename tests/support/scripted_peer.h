@@ -52,8 +52,6 @@ class PeerSession {
   bool acceptAttach();
   // Reads on until the other end says goodbye, and answers it; false when it closes instead.
   bool answerGoodbye();
-  // Waits until the other end has sent something, and leaves it unread.
-  void waitForBytes();
   // Reads on until the other end closes.
   void waitForClose();
   // Closes so that the other end sees a reset.

@@ -1,13 +1,13 @@
 #include "tests/support/test_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -18,7 +18,16 @@ namespace test_support {
 
 namespace {
 
-int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+// Waits for the end of the process.
+int exitCodeOf(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int newFile(const std::string& path) {
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+}
 
 pid_t start(const std::vector<std::string>& command, const std::vector<std::string>& environment, int out,
             int err) {
@@ -72,44 +81,45 @@ void writeFile(const std::string& path, const std::string& contents) {
   if (!out.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-std::string programPath(const std::string& name) { return std::string(LQ_BIN_DIR) + "/" + name; }
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
 
-ProgramResult runProgram(const std::vector<std::string>& command, const std::vector<std::string>& environment) {
-  std::array<int, 2> out{};
-  std::array<int, 2> err{};
-  if (pipe2(out.data(), O_CLOEXEC) != 0 || pipe2(err.data(), O_CLOEXEC) != 0)
-    throw std::runtime_error("no pipe");
-  const pid_t pid = start(command, environment, out[1], err[1]);
-  close(out[1]);
-  close(err[1]);
+unsigned modeOf(const std::string& path) {
+  struct stat file {};
+  return stat(path.c_str(), &file) == 0 ? file.st_mode & 0777U : 0;
+}
 
-  ProgramResult result;
-  std::array<pollfd, 2> sources{{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}}};
-  std::array<std::string*, 2> texts{&result.out, &result.err};
-  for (int open = 2; open > 0;) {
-    poll(sources.data(), sources.size(), -1);
-    for (std::size_t i = 0; i < sources.size(); ++i) {
-      if (sources[i].fd < 0 || sources[i].revents == 0) continue;
-      std::array<char, 4096> buffer{};
-      const ssize_t got = read(sources[i].fd, buffer.data(), buffer.size());
-      if (got > 0) {
-        texts[i]->append(buffer.data(), static_cast<std::size_t>(got));
-      } else {
-        close(sources[i].fd);
-        sources[i].fd = -1;
-        --open;
-      }
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.exitCode = exitCodeOf(status);
-  return result;
+FullDisk::FullDisk(std::uintmax_t bytes) : handlerBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
+  getrlimit(RLIMIT_FSIZE, &before_);
+  const rlimit limit{static_cast<rlim_t>(bytes), before_.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FullDisk::~FullDisk() {
+  setrlimit(RLIMIT_FSIZE, &before_);
+  std::signal(SIGXFSZ, handlerBefore_);
+}
+
+std::string programPath(const std::string& name) {
+  return std::string(LQ_BIN_DIR) + "/" + name;
+}
+
+ProgramResult runProgram(const std::vector<std::string>& command,
+                         const std::vector<std::string>& environment) {
+  const TempDir texts;
+  const int out = newFile(texts / "out");
+  const int err = newFile(texts / "err");
+  const pid_t pid = start(command, environment, out, err);
+  close(out);
+  close(err);
+  const int exitCode = exitCodeOf(pid);
+  return {exitCode, readFile(texts / "out"), readFile(texts / "err")};
 }
 
 BackgroundProgram::BackgroundProgram(const std::vector<std::string>& command, const std::string& logFile)
     : logFile_(logFile) {
-  const int log = open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int log = newFile(logFile);
   pid_ = start(command, {}, log, log);
   close(log);
 }
@@ -132,14 +142,15 @@ bool BackgroundProgram::waitForOutput(const std::string& text) const {
   return false;
 }
 
-std::string BackgroundProgram::output() const { return readFile(logFile_); }
+std::string BackgroundProgram::output() const {
+  return readFile(logFile_);
+}
 
 int BackgroundProgram::stop() {
   kill(pid_, SIGTERM);
-  int status = 0;
-  waitpid(pid_, &status, 0);
+  const int exitCode = exitCodeOf(pid_);
   pid_ = -1;
-  return exitCodeOf(status);
+  return exitCode;
 }
 
 }  // namespace test_support

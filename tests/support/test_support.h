@@ -1,8 +1,11 @@
-// What every test needs: a folder of its own, a loopback address of its own, programs run as a user runs them.
+// What every test needs: a folder of its own, a loopback address of its own, programs run as a user runs
+// them.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -30,6 +33,23 @@ std::string uniqueLoopbackAddress();
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& contents);
 
+bool contains(const std::string& text, const std::string& part);
+// The permissions of a file; 0 when there is none.
+unsigned modeOf(const std::string& path);
+
+// While it lives, no file of this process grows beyond `bytes`: what a full disk does, for one process.
+class FullDisk {
+ public:
+  explicit FullDisk(std::uintmax_t bytes);
+  ~FullDisk();
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  rlimit before_{};
+  void (*handlerBefore_)(int);
+};
+
 struct ProgramResult {
   int exitCode = -1;  // 128 + signal number when a signal ended it
   std::string out;    // standard output and standard error, each in order
@@ -40,7 +60,8 @@ struct ProgramResult {
 std::string programPath(const std::string& name);
 
 // Runs a program to its end. `environment` entries ("NAME=value") are added to this process's own.
-ProgramResult runProgram(const std::vector<std::string>& command, const std::vector<std::string>& environment = {});
+ProgramResult runProgram(const std::vector<std::string>& command,
+                         const std::vector<std::string>& environment = {});
 
 // A program running in the background; killed at the end if it still runs. Its standard output and standard
 // error go to `logFile`.

@@ -1,6 +1,5 @@
 // lqreg export and import: what goes out comes back, and what is broken changes nothing.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <map>
@@ -14,10 +13,19 @@
 
 namespace {
 
+using test_support::contains;
 using test_support::ProgramResult;
 using test_support::writeFile;
 
-constexpr std::size_t kManyValues = 100'000;
+OBGui::RegistryKeyInfo record(const std::string& path, const std::string& name, const std::string& value,
+                              const std::string& type = "STRING") {
+  OBGui::RegistryKeyInfo key;
+  key.keyPath = path;
+  key.valueName = name;
+  key.valueType = type;
+  key.value = value;
+  return key;
+}
 
 class TransferTest : public ::testing::Test {
  protected:
@@ -51,15 +59,6 @@ class TransferTest : public ::testing::Test {
     EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
   }
 
-  static OBGui::RegistryKeyInfo record(const std::string& path, const std::string& name,
-                                       const std::string& value, const std::string& type = "STRING") {
-    OBGui::RegistryKeyInfo key;
-    key.keyPath = path;
-    key.valueName = name;
-    key.valueType = type;
-    key.value = value;
-    return key;
-  }
   static std::string batchOf(const OBGui::KeyList& keys) {
     OBGui::RegistryTaskResp batch;
     batch.taskStatus = OBGui::kTaskUpload;
@@ -74,10 +73,6 @@ class TransferTest : public ::testing::Test {
   std::string target_ = dir_ / "target.db";
   std::string file_ = dir_ / "batch.xml";
 };
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
   std::string bytes;
@@ -99,9 +94,7 @@ TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
 
   writeFile(file_, "an older export");
   EXPECT_EQ(lqreg(source_, "I1", {"export", file_}).exitCode, 0);
-  struct stat status {};
-  ASSERT_EQ(stat(file_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  EXPECT_EQ(test_support::modeOf(file_), 0600U);
   const std::string text = test_support::readFile(file_);
   EXPECT_EQ(lqreg(source_, "I1", {"export"}).out, text);
 
@@ -169,11 +162,8 @@ TEST_F(TransferTest, ABrokenFileChangesNothing) {
       {"<Other/>", "unknown message class Other"},
       {"<OBGui.RegistryTaskResp taskStatus=\"two\"/>", "is not a 64-bit number"},
       {batchOf({good, record("A", "", "2")}), "record 2: the name is empty"},
-      {batchOf({good, record("A", "", "", "KEY")}), "record 2: the name is empty"},
       {batchOf({good, record("A", std::string(2000, 'n'), "2")}), "record 2: the value name is longer than"},
-      {batchOf({good, record("A", std::string(1, '\0'), "", "KEY")}), "record 2: the key path holds a NUL"},
-      {batchOf({good, record(std::string(5000, 'p'), "name", "2")}),
-       "record 2: the key path is longer than"}};
+      {batchOf({good, record("A", std::string(1, '\0'), "", "KEY")}), "record 2: the key path holds a NUL"}};
   for (const auto& [text, reason] : cases) {
     const std::string said = import(text);
     EXPECT_TRUE(contains(said, reason) && contains(said, file_) && contains(said, "nothing was written"))
@@ -183,53 +173,21 @@ TEST_F(TransferTest, ABrokenFileChangesNothing) {
   }
 }
 
-TEST_F(TransferTest, SaysWhatElseCannotBeUsed) {
+TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
   set("A", "name", "1");
-  const std::string damaged = dir_ / "damaged.db";
-  writeFile(damaged, std::string(5000, '#'));
-  writeFile(file_, batchOf({record("A", "name", "1")}));
+  writeFile(file_, "mine");
   const std::string link = dir_ / "link";
   std::filesystem::create_symlink(file_, link);
-  const struct {
-    std::string registry;
-    std::string instance;
-    std::vector<std::string> arguments;
-    int exitCode;
-    std::string reason;
-  } cases[] = {{source_, "I1", {"import", dir_ / "none.xml"}, 4, "none.xml: No such file"},
-               {source_, "I1", {"import", dir_.path()}, 4, "Is a directory"},
-               {source_, "I1", {"export", dir_ / "none/file"}, 4, "No such file"},
-               {source_, "I1", {"export", link}, 4, "something else than a file"},
-               {source_, "I1", {"import"}, 2, "FILE"},
-               {source_, "", {"import", file_}, 2, "--instance"},
-               {source_, "", {"export"}, 2, "--instance"},
-               {source_, "I3", {"export"}, 1, "does not exist"},
-               {damaged, "I1", {"import", file_}, 3, "not a database"},
-               {damaged, "I1", {"export"}, 3, "not a database"}};
-  for (const auto& c : cases) {
-    const ProgramResult result = lqreg(c.registry, c.instance, c.arguments);
-    EXPECT_EQ(result.exitCode, c.exitCode) << result.err;
-    EXPECT_EQ(result.out, "");
-    EXPECT_TRUE(contains(result.err, c.reason)) << result.err;
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"import", dir_ / "none.xml"}, "none.xml: No such file"},
+      {{"import", dir_.path()}, "Is a directory"},
+      {{"export", link}, "something else than a file"}};
+  for (const auto& [arguments, reason] : cases) {
+    const ProgramResult result = lqreg(source_, "I1", arguments);
+    EXPECT_EQ(result.exitCode, 4) << result.err;
+    EXPECT_TRUE(result.out.empty() && contains(result.err, reason)) << result.err;
   }
-  std::size_t files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
-    files += entry.path().filename().string().starts_with("batch.xml") ? 1 : 0;
-  EXPECT_EQ(files, 1U) << "nothing half-written stays behind";
-}
-
-TEST_F(TransferTest, ALargeRegistryComesThroughWhole) {
-  OBGui::KeyList keys;
-  for (std::size_t i = 0; i < kManyValues; ++i)
-    keys.push_back(record("Many/" + std::to_string(i % 1000), "v" + std::to_string(i), std::to_string(i)));
-  EXPECT_EQ(import(batchOf(keys)), "0 keys and " + std::to_string(kManyValues) +
-                                       " values written, 0 unchanged, 0 marked for removal skipped\n");
-  OBGui::RegistryTaskResp batch;
-  ASSERT_EQ(batch.unserialize(imported()), 0);
-  std::size_t values = 0;
-  for (const OBGui::RegistryKeyInfo& key : batch.keys.get())
-    if (key.valueType.get() == "STRING" && key.valueName.get() == "v" + key.value.get()) ++values;
-  EXPECT_EQ(values, kManyValues);
+  EXPECT_EQ(test_support::readFile(file_), "mine");
 }
 
 }  // namespace
