@@ -1,9 +1,9 @@
 // LQClient: the identity of a client of the management server.
 //
 // Names and ids come from the local registry (key "SOFTWARE/Velmor/Clients/<name>", value "nCLIENTID"), where
-// `lqhost join` records them; they belong to the machine, not to an instance. The name of this machine stands for
-// the client that the current instance has joined as, where no client of that name is recorded. Used by one thread at a time. A
-// real platform library may ask the management server instead.
+// `lqhost join` records them; they belong to the machine, not to an instance. The name of this machine stands
+// for the client that the current instance has joined as, where no client of that name is recorded. Used by
+// one thread at a time. A real platform library may ask the management server instead.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Where a client's host service (lqhost run) listens for the server, and what the server asks it for. Both sides
-// use this.
+// Where a client's host service (lqhost run) listens for the server, and what the server asks it for. Both
+// sides use this.
 #pragma once
 
 #include <cstdint>

@@ -29,8 +29,8 @@ int LQClient::getClientId(std::uint64_t& id, const void* context) const {
   std::string client;
   const bool isRecorded = info.getString(kClientsKey + name_, kIdValue, text) ||
                           (info.getString("Machine", "sPHYSICALNAME", machine) && machine == name_ &&
-                           info.getString(kServerSection, "sSESSIONIDENTITY", client) && isClientName(client) &&
-                           info.getString(kClientsKey + client, kIdValue, text));
+                           info.getString(kServerSection, "sSESSIONIDENTITY", client) &&
+                           isClientName(client) && info.getString(kClientsKey + client, kIdValue, text));
   if (!isRecorded) return kUnknown;
   const char* end = text.data() + text.size();
   std::uint64_t parsed = 0;
