@@ -9,6 +9,7 @@
 
 #include "host/exit_codes.h"
 #include "host/join.h"
+#include "host/monitor.h"
 #include "host/refresh.h"
 #include "host/run.h"
 #include "host/status.h"
@@ -160,6 +161,12 @@ int main(int argc, char** argv) try {
       ->callback([&] { command = &host::refresh; });
   app.add_subcommand("upload", "Send the whole registry of the instance to the server")->callback([&] {
     command = &host::upload;
+  });
+  app.add_subcommand("monitor", "Run the log-space check once now")->callback([&] {
+    command = &host::monitor;
+  });
+  app.add_subcommand("alerts", "Run the log-monitoring alert rules once now")->callback([&] {
+    command = &host::alerts;
   });
   app.add_subcommand("status", "Show what this client is joined to, its last and next passes, and drift")
       ->callback([&] { command = &host::status; });

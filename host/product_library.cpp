@@ -23,11 +23,11 @@ ProductLibrary::~ProductLibrary() {
   if (handle_ != nullptr) dlclose(handle_);
 }
 
-TaskCallback ProductLibrary::findTask(const char* name) {
+void* ProductLibrary::find(const char* name) {
   if (handle_ == nullptr) return nullptr;
   void* const symbol = dlsym(handle_, name);
   if (symbol == nullptr) error_ = lastError();
-  return reinterpret_cast<TaskCallback>(symbol);
+  return symbol;
 }
 
 }  // namespace host

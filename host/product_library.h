@@ -20,8 +20,9 @@ class ProductLibrary {
   bool isLoaded() const { return handle_ != nullptr; }
   const std::string& error() const { return error_; }
 
-  // The callback of that name; null, with error() set, when the library has none.
-  TaskCallback findTask(const char* name);
+  // The function of that plain name; null, with error() set, when the library has none.
+  void* find(const char* name);
+  TaskCallback findTask(const char* name) { return reinterpret_cast<TaskCallback>(find(name)); }
 
  private:
   void* handle_ = nullptr;

@@ -1,5 +1,10 @@
 // The change-callback manager: registrations, and what happens to a change when the pool is full.
+#include <array>
+#include <atomic>
 #include <semaphore>
+#include <set>
+#include <thread>
+#include <vector>
 
 #include "registry_client/LqRegistryChangeMgr.h"
 #include "tests/support/product_fixture.h"
@@ -31,6 +36,18 @@ class ChangeManager : public ProductTest {
   }
   LqRegistryChangeMgr& manager_ = *LqRegistryChangeMgr::GetInstance();
 };
+
+TEST(ChangeManagerStart, ThreadsThatComeAtOnceGetOneManagerAndOnePool) {
+  std::array<LqRegistryChangeMgr*, 4> seen{};
+  {
+    std::vector<std::jthread> threads;
+    for (auto& manager : seen)
+      threads.emplace_back([&manager] { manager = LqRegistryChangeMgr::GetInstance(); });
+  }
+  EXPECT_EQ(std::set(seen.begin(), seen.end()).size(), 1U);
+  EXPECT_TRUE(LqRegistryChangeMgr::isThreadPoolInitialized);
+  EXPECT_EQ(LqRegistryChangeMgr::callBackThreadPool.threadCount(), 1U);
+}
 
 TEST_F(ChangeManager, TheLastRegistrationOfAPairWinsAndPairsAreExact) {
   const oblog::Capture log;
