@@ -54,6 +54,18 @@ class Helper {
 
   const char* path() const { return path_.c_str(); }
 
+  // Runs a procedure of the helper; false, with an error line, when it throws: that must not reach the host.
+  template <class Work>
+  bool call(const char* name, Work work) const {
+    try {
+      work();
+      return true;
+    } catch (...) {
+      event_.Error(tag_, "Procedure [%s] of library [%s] ended with an exception", name, path());
+      return false;
+    }
+  }
+
  private:
   bool load(LQPI_PlatformBase& base) {
     const char* const home = base.getBaseHomeDirectory();
@@ -94,7 +106,7 @@ int checkSpace(Helper& helper, LQPI_PlatformBase& base, const ObEvent& event, un
   event.DebugLvl(kVerbose, kLogContext, kCheckTag, "Analytics engine is enabled");
   const auto check = helper.find<SpaceCheck>(base, kSpaceCheck);
   if (check == nullptr) return kFailed;
-  check(clientId);
+  if (!helper.call(kSpaceCheck, [check, clientId] { check(clientId); })) return kFailed;
   event.DebugLvl(kAlways, kLogContext, kCheckTag,
                  "Call to procedure [%s] from library [%s] using Client Id = [%ld] Completed.", kSpaceCheck,
                  helper.path(), static_cast<long>(clientId));
@@ -103,7 +115,8 @@ int checkSpace(Helper& helper, LQPI_PlatformBase& base, const ObEvent& event, un
 
 int clearWorkDirectory(LQPlatformInfo& info, const ObEvent& event) {
   std::string home;
-  if (!info.getDirectory("Base", "dVELMORHOME", home)) {
+  // An empty home would make it the work directory of the file system's root.
+  if (!info.getDirectory("Base", "dVELMORHOME", home) || home.empty()) {
     event.Error(kCheckTag, "Failed to identify velmor home directory.");
     return kFailed;
   }
@@ -178,7 +191,7 @@ int LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule() {
   event.DebugLvl(kDetail, kLogContext, kAlertTag, "Index Server is installed");
   const auto process = helper.find<AlertRule>(base, kAlertRule);
   if (process == nullptr) return kFailed;
-  process();
+  if (!helper.call(kAlertRule, process)) return kFailed;
   event.DebugLvl(kAlways, kLogContext, kAlertTag, "Call to procedure [%s] from library [%s]", kAlertRule,
                  helper.path());
   return kDone;

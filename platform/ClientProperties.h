@@ -20,7 +20,8 @@ class LQ_EXPORT ApplNativeProperty {
  public:
   const std::string& getText() const { return text_; }
 
-  // True for "1", "true", "yes" and "on" in any letter case, and for any other number but zero.
+  // True for "1", "true", "yes" and "on" in any letter case, and for whole numbers of 64 bits other than
+  // zero.
   bool getBooleanValue() const;
 
  private:

@@ -114,7 +114,8 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
             "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
             "~/Gone    x           STRING              delete\n");
 
-  for (const auto& key : batchOf("web-1").keys.get())
+  const auto batch = batchOf("web-1");
+  for (const auto& key : batch.keys.get())
     EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
 
   expectOk({"unset", "web-1", "~/Limits", "nMAX"});
