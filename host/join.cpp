@@ -120,6 +120,9 @@ bool join(const JoinFile& file, JoinOptions options, std::string& error) {
   if (!makeDirectory(options.base, error) || !makeDirectory(options.home + "/" + kLogFolder, error))
     return false;
 
+  const std::string folder = std::filesystem::path(lqregistry::File()).parent_path().string();
+  if (!folder.empty() && !makeDirectory(folder, error)) return false;
+
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
   bool written = LQClient::recordClient(file.clientName, file.clientId);

@@ -42,7 +42,8 @@ Examples:
   lqhost run --sync-every 3600
   lqhost status
 
-Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the host could not start), 2 wrong usage
+Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the host could not start, a task runs
+in another process already), 2 wrong usage
 or join file, 3 not joined or the registry cannot be used, 4 not everything could be applied, 5 skipped
 (synchronisation is switched off, or joining not finished), 6 values differ from the cache.)";
 

@@ -9,6 +9,7 @@
 #include "host/exit_codes.h"
 #include "host/instance.h"
 #include "host/task_run.h"
+#include "platform/LQClient.h"
 #include "platform/LQPlatformInfo.h"
 #include "platform/LqRegistryFile.h"
 #include "programs/text_table.h"
@@ -82,11 +83,13 @@ std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
 
 int status() {
   if (!requireJoined()) return kExitNotJoined;
+  std::uint64_t clientId = 0;
+  LQClient(setting("Overhub", "sSESSIONIDENTITY"), false, 0).getClientId(clientId, nullptr);
   std::string text;
   addLine(text, "instance", instanceName() + " in " + lqregistry::File());
   addLine(text, "joined to",
           setting("Overhub", "sOHCLIENTNAME") + " at " + setting("Overhub", "sOHHOSTNAME") + " as client " +
-              setting("Overhub", "sSESSIONIDENTITY"));
+              setting("Overhub", "sSESSIONIDENTITY") + ", id " + std::to_string(clientId));
   std::int64_t enabled = 0;
   LQPlatformInfo().getNumber("EventManager", "bEnableRegistrySync", enabled);
   addLine(text, "sync", enabled != 0 ? "enabled" : "switched off (EventManager bEnableRegistrySync)");

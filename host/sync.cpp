@@ -77,6 +77,7 @@ int sync(const SyncOptions& options) {
   reportAcknowledgement(facts);
   const bool wasApplied = failed == 0 && facts.acknowledged != OBGui::kTaskFailed;
   if (wasApplied) return kExitOk;
+  std::fflush(stdout);
   std::fprintf(stderr, "lqhost: not everything could be applied. The client says:\n");
   repeatLog(log);
   return kExitPartly;

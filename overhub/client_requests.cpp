@@ -1,6 +1,5 @@
 #include "overhub/client_requests.h"
 
-#include <map>
 #include <utility>
 
 #include "overhub/acknowledgements.h"
@@ -9,6 +8,7 @@
 #include "overhub/join_file.h"
 #include "overhub/reporting.h"
 #include "platform/CLqNetwork.h"
+#include "programs/machine_identity.h"
 #include "programs/text_table.h"
 #include "records/App.h"
 
@@ -31,31 +31,30 @@ int readPushed(const DataStore& store, const std::string& client, const std::str
     if (given.unserialize(text, &reason) != 0)
       return complain(kExitRefused, file + " is not a batch such as \"overhub uploads " + client +
                                         " --out FILE\" writes: " + reason);
-    batch.keys = given.keys.get();
+    // An upload holds who its machine is to the server; another machine must not become that one.
+    OBGui::KeyList& keys = given.keys.edit();
+    const std::size_t left = std::erase_if(keys, [](const auto& key) {
+      return programs::isMachineIdentity(key.keyPath.get(), key.valueName.get());
+    });
+    if (left != 0)
+      complain(kExitOk, std::to_string(left) + " values that say which machine it is are not pushed");
+    batch.keys = std::move(keys);
   }
   batch.taskStatus = OBGui::kTaskSuccess;
   batch.keys.edit();
   return kExitOk;
 }
 
-App::FetchClientRegistry fetchOf(const std::string& path, const std::vector<std::string>& names) {
+// A fetch of one value. A client has room for a value only as far as the shorter ones before it in the same
+// fetch left some, so each is asked for on its own.
+App::FetchClientRegistry fetchOf(const std::string& path, const std::string& name) {
   App::FetchClientRegistry request;
-  for (const std::string& name : names) {
-    App::RegistryKeyInfo& key = request.keyInfo.edit().keys.edit().emplace_back();
-    // The client puts the mark of its root in front.
-    key.keyPath = path.substr(path.starts_with(kInstanceRoot) ? 1 : 0);
-    key.valueName = name;
-    key.valueType = std::string(kTypeString);
-  }
+  App::RegistryKeyInfo& key = request.keyInfo.edit().keys.edit().emplace_back();
+  // The client puts the mark of its root in front.
+  key.keyPath = path.substr(path.starts_with(kInstanceRoot) ? 1 : 0);
+  key.valueName = name;
+  key.valueType = std::string(kTypeString);
   return request;
-}
-
-// The values that there are, by their names.
-std::map<std::string, std::string> valuesOf(const App::FetchClientRegistry& answer) {
-  std::map<std::string, std::string> values;
-  for (const App::RegistryKeyInfo& key : answer.keyInfo->keys.get())
-    if (key.value.isSet()) values[key.valueName] = key.value;
-  return values;
 }
 
 int readPayload(std::string& payload) {
@@ -105,27 +104,19 @@ int fetchValues(const DataStore& store, const std::string& client, const std::st
                                     path + "\" is not");
   if (!store.hasClient(client)) return unknownClient(store, client);
   App::RegisterSubsystem();
-  App::FetchClientRegistry answer;
-  const int exitCode = ClientLink(store, client, options).ask(fetchOf(path, names), answer);
-  if (exitCode != kExitOk) return exitCode;
-
-  const std::map<std::string, std::string> values = valuesOf(answer);
   programs::TextTable table({"NAME", "VALUE"});
   bool isWhole = true;
   for (const std::string& name : names) {
-    const auto found = values.find(name);
-    isWhole = isWhole && found != values.end();
-    table.addRow({name, found != values.end() ? found->second : "not found"});
+    App::FetchClientRegistry answer;
+    const int exitCode = ClientLink(store, client, options).ask(fetchOf(path, name), answer);
+    if (exitCode != kExitOk) return exitCode;
+    const App::KeyList& found = answer.keyInfo->keys;
+    const bool isFound = !found.empty() && found[0].value.isSet();
+    isWhole = isWhole && isFound;
+    table.addRow({name, isFound ? found[0].value.get() : "not found"});
   }
   print(table.text());
-  if (isWhole) return kExitOk;
-  if (names.size() > 1) {
-    complain(
-        kExitRefused,
-        "a value that is longer than one asked for before it is left out by the client; ask on its own for "
-        "what should be there");
-  }
-  return kExitRefused;
+  return isWhole ? kExitOk : kExitRefused;
 }
 
 int callClient(const DataStore& store, const std::string& client, std::int64_t messageType,

@@ -12,7 +12,7 @@ constexpr int kMaxTimeoutSeconds = 86400;
 constexpr const char* kUploadsFooter = R"(Examples:
   overhub uploads
   overhub uploads web-1
-  overhub uploads web-1 --out web-1.xml    (for "lqreg import" on a machine, or "overhub push web-2 web-1.xml")
+  overhub uploads web-1 --out web-1.xml    (for "lqreg import" on a machine)
 Protected values are hidden in the table.)";
 
 constexpr const char* kHostFooter =

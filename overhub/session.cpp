@@ -82,7 +82,9 @@ void serveSession(CLqNetwork& network, const DataStore& store) {
       goesOn = refuseUnreadable(network, who, error);
     } else {
       goesOn = false;
-      ObEvent().Debug(kTag, "client %s: session over: %s", who.c_str(), error.AsString());
+      const bool tookLeave = error.GetCode() == kLqErrNotConnected;
+      ObEvent().Debug(kTag, "client %s: session over: %s", who.c_str(),
+                      tookLeave ? "goodbye" : error.AsString());
     }
   }
 }

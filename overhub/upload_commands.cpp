@@ -8,6 +8,7 @@
 #include "overhub/exit_codes.h"
 #include "overhub/reporting.h"
 #include "overhub/utc_text.h"
+#include "programs/machine_identity.h"
 #include "programs/text_table.h"
 
 namespace {
@@ -77,7 +78,9 @@ int showUpload(const DataStore& store, const std::string& client) {
   programs::TextTable table({"KEY", "NAME", "VALUE"});
   for (const OBGui::RegistryKeyInfo& record : upload.keys.get())
     table.addRow({keyOf(record), isKey(record) ? "" : record.valueName.get(),
-                  isSecret(record) ? kHiddenSecret : record.value.get()});
+                  isSecret(record) || programs::isSecretValue(record.valueName.get(), record.value.get())
+                      ? kHiddenSecret
+                      : record.value.get()});
   print(table.text());
   return kExitOk;
 }

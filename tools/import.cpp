@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "platform/LqRegistryFile.h"
+#include "programs/machine_identity.h"
 #include "programs/whole_file.h"
 #include "records/OBGui.h"
 #include "registry_client/key_records.h"
@@ -26,8 +27,11 @@ bool isKey(const OBGui::RegistryKeyInfo& record) {
   return record.valueType.get() == KEYTYPE;
 }
 
-// A record that does not say whether it is enabled is.
+// A record that does not say whether it is enabled is. What says which machine it is belongs to `lqhost
+// join`.
 bool isSkipped(const OBGui::RegistryKeyInfo& record) {
+  if (!isKey(record) && programs::isMachineIdentity(record.keyPath.get(), record.valueName.get()))
+    return true;
   return record.deleteFlag == 1 || (record.enabledFlag.isSet() && record.enabledFlag == 0);
 }
 
@@ -64,7 +68,7 @@ class Import {
   std::string summary() const {
     return std::to_string(keys_) + " keys and " + std::to_string(values_) + " values written, " +
            std::to_string(unchanged_) + " unchanged, " + std::to_string(skipped_) +
-           " marked for removal skipped";
+           " skipped (marked for removal, or saying which machine it is)";
   }
 
  private:

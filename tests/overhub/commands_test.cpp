@@ -115,8 +115,7 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
             "~/Gone    x           STRING              delete\n");
 
   const auto batch = batchOf("web-1");
-  for (const auto& key : batch.keys.get())
-    EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
+  for (const auto& key : batch.keys.get()) EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
 
   expectOk({"unset", "web-1", "~/Limits", "nMAX"});
   EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", "nMAX"}).exitCode, 1);

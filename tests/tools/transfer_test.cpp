@@ -99,9 +99,12 @@ TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
   EXPECT_EQ(lqreg(source_, "I1", {"export"}).out, text);
 
   EXPECT_EQ(lqreg(target_, "I2", {"import", file_}).out,
-            "6 keys and 9 values written, 0 unchanged, 0 marked for removal skipped\n");
+            "6 keys and 9 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
   EXPECT_EQ(imported(), text);
-  EXPECT_EQ(import(text), "0 keys and 0 values written, 15 unchanged, 0 marked for removal skipped\n");
+  EXPECT_EQ(import(text),
+            "0 keys and 0 values written, 15 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
   EXPECT_FALSE(contains(tree(), "elsewhere"));
 
   lqregistry::UseFile(target_);
@@ -120,7 +123,8 @@ TEST_F(TransferTest, AClientsUploadIsRestored) {
   LqRegistryManagerClnt client("I1");
   ASSERT_EQ(client.enumerateClientKeysInfo("", keys), 0U);
   EXPECT_EQ(import(batchOf(keys)),
-            "3 keys and 2 values written, 0 unchanged, 0 marked for removal skipped\n");
+            "3 keys and 2 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
   EXPECT_EQ(tree(),
             "SOFTWARE/\n  Velmor/\n    I2/\n      Machine/\n        Settings/\n"
             "          nTraceLevel = 5\n      SOFTWARE/\n        sValue = 1\n");
@@ -131,18 +135,22 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
   OBGui::KeyList keys = {record("A", "kept", "2"),
                          record("A", "disabled", "1"),
                          record("A", "removed key", "", "KEY"),
+                         record("Overhub", "sSESSIONKEY", "another machine's"),
+                         record("~/Machine", "sHOSTNAME", "another machine"),
                          record("~A", "secret", "", "ENCRYPTED"),
                          record("A", "twice", "changed"),
                          record("A", "twice", "as it is")};
   keys[0].deleteFlag = 1;
   keys[1].enabledFlag = 0;
   keys[2].deleteFlag = 1;
-  keys[3].encryptedValue = pstring("secret");
+  keys[5].encryptedValue = pstring("secret");
   const std::string batch = batchOf(keys);
   // Both machines have the same protection key here.
   std::filesystem::copy_file(source_ + ".key", target_ + ".key",
                              std::filesystem::copy_options::overwrite_existing);
-  EXPECT_EQ(import(batch), "0 keys and 3 values written, 0 unchanged, 3 marked for removal skipped\n");
+  EXPECT_EQ(import(batch),
+            "0 keys and 3 values written, 0 unchanged, 5 skipped (marked for removal, or saying which "
+            "machine it is)\n");
   EXPECT_EQ(tree(), "SOFTWARE/\n  Velmor/\n    I2/\n      A/\n        kept = 1\n        secret = " +
                         pstring("secret").getV8Password() + "\n        twice = as it is\n");
 
