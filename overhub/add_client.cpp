@@ -48,6 +48,26 @@ CWmError writeClient(const DataStore& store, ClientIds& ids, const JoinFile& joi
   return error;
 }
 
+// The join file's contents, except for id and key; checks what it is made of.
+int startJoin(const NewClient& wanted, JoinFile& join) {
+  join.clientName = wanted.name;
+  join.serverName = wanted.serverName;
+  join.serverHost = wanted.serverHost.empty() ? ownHostName() : wanted.serverHost;
+  if (!fitsJoinFile(join.serverHost) || !fitsJoinFile(join.serverName)) {
+    return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
+                                    "\" have to be a host name or address and a name; --server-host and "
+                                    "--server-name set them");
+  }
+  if (!wanted.joinFile.empty() && file_access::exists(wanted.joinFile))
+    return complain(kExitRefused, wanted.joinFile + " exists already; choose another --join-file");
+  join.sessionKeyHex = newSessionKeyHex();
+  return kExitOk;
+}
+
+std::string joinPathOf(const DataStore& store, const NewClient& wanted) {
+  return wanted.joinFile.empty() ? store.joinFile(wanted.name) : wanted.joinFile;
+}
+
 void printNextSteps(const JoinFile& join, const std::string& joinPath) {
   std::printf(
       "client %s has the id %lld; its join file is %s\n"
@@ -60,20 +80,14 @@ void printNextSteps(const JoinFile& join, const std::string& joinPath) {
 }  // namespace
 
 int addClient(const DataStore& store, const NewClient& wanted) {
-  JoinFile join;
-  join.clientName = wanted.name;
-  join.serverName = wanted.serverName;
-  join.serverHost = wanted.serverHost.empty() ? ownHostName() : wanted.serverHost;
   if (!DataStore::isClientName(wanted.name)) {
     return complain(kExitUsage, "\"" + wanted.name +
                                     "\" cannot be a client's name: 1 to 64 characters of A-Z a-z 0-9 . _ - "
                                     "without a dot at the start");
   }
-  if (!fitsJoinFile(join.serverHost) || !fitsJoinFile(join.serverName)) {
-    return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
-                                    "\" have to be a host name or address and a name; --server-host and "
-                                    "--server-name set them");
-  }
+  JoinFile join;
+  int exitCode = startJoin(wanted, join);
+  if (exitCode != kExitOk) return exitCode;
 
   CWmError error = store.prepare();
   file_access::Lock lock;
@@ -81,17 +95,31 @@ int addClient(const DataStore& store, const NewClient& wanted) {
   if (error.IsError()) return dataUnusable(error);
   if (store.hasClient(wanted.name))
     return complain(kExitRefused, "there is a client \"" + wanted.name + "\" in " + store.directory() +
-                                      " already; choose another name");
-  if (!wanted.joinFile.empty() && file_access::exists(wanted.joinFile))
-    return complain(kExitRefused, wanted.joinFile + " exists already; choose another --join-file");
+                                      " already; choose another name, or give this one a new key with "
+                                      "renew-client");
   ClientIds ids(store);
-  const int exitCode = chooseId(ids, wanted, join.clientId);
+  exitCode = chooseId(ids, wanted, join.clientId);
+  if (exitCode != kExitOk) return exitCode;
+  error = writeClient(store, ids, join, joinPathOf(store, wanted));
+  if (error.IsError()) return dataUnusable(error);
+  printNextSteps(join, joinPathOf(store, wanted));
+  return kExitOk;
+}
+
+int renewClient(const DataStore& store, const NewClient& wanted) {
+  if (!store.hasClient(wanted.name)) return unknownClient(store, wanted.name);
+  JoinFile join;
+  const int exitCode = startJoin(wanted, join);
   if (exitCode != kExitOk) return exitCode;
 
-  join.sessionKeyHex = newSessionKeyHex();
-  const std::string joinPath = wanted.joinFile.empty() ? store.joinFile(wanted.name) : wanted.joinFile;
-  error = writeClient(store, ids, join, joinPath);
+  file_access::Lock lock;
+  OBGui::RegistryTaskResp batch;
+  CWmError error = store.lockForChange(lock);
+  if (!error.IsError()) error = store.readBatch(wanted.name, batch);
+  join.clientId = batch.client->clientId;
+  if (!error.IsError()) error = file_access::replace(joinPathOf(store, wanted), joinFileText(join));
+  if (!error.IsError()) error = store.writeSessionKey(wanted.name, join.sessionKeyHex);
   if (error.IsError()) return dataUnusable(error);
-  printNextSteps(join, joinPath);
+  printNextSteps(join, joinPathOf(store, wanted));
   return kExitOk;
 }

@@ -19,6 +19,10 @@ struct NewClient {
 
 int addClient(const DataStore& store, const NewClient& wanted);
 
+// A new session key and join file for a client that is registered; its id and batch stay, its old key is
+// worth nothing from now on. The id of `wanted` is not used.
+int renewClient(const DataStore& store, const NewClient& wanted);
+
 // `client` is a client's name or DataStore::kStaticList, here and below.
 int changeRecord(const DataStore& store, const std::string& client, const RecordChange& change);
 int removeRecord(const DataStore& store, const std::string& client, const std::string& path,

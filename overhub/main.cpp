@@ -50,7 +50,7 @@ Examples:
   overhub set web-1 '~/Limits' nMAX 20
   overhub set web-1 '~/Limits' nMAX --delete            (the client removes the value)
   overhub set web-1 '~/Proxy' sPASSWORD --secret < password.txt
-  overhub set @static '~/Limits' nMAX 20                (the static list of all clients))";
+  overhub set @static '~/Limits' nMAX 20                (what clients get that ask for the static list))";
 
 constexpr const char* kServeFooter = R"(Example:
   overhub serve --listen 10.0.0.5 --listen ::1 --log-level 2
@@ -79,6 +79,20 @@ void describeServe(CLI::App& app, CommandLine& line) {
   serving->footer(kServeFooter);
 }
 
+void describeJoinFile(CLI::App& command, NewClient& wanted) {
+  command
+      .add_option("--server-host", wanted.serverHost,
+                  "Under which name or address the client reaches this server; otherwise its host name")
+      ->type_name("HOST");
+  command.add_option("--server-name", wanted.serverName, "The server's own client name")
+      ->type_name("NAME")
+      ->capture_default_str();
+  command
+      .add_option("--join-file", wanted.joinFile,
+                  "Where to write the join file; otherwise DIR/join/NAME.join")
+      ->type_name("FILE");
+}
+
 void describeAddClient(CLI::App& app, CommandLine& line) {
   NewClient& wanted = line.newClient;
   wanted.serverName = kDefaultServerName;
@@ -88,15 +102,13 @@ void describeAddClient(CLI::App& app, CommandLine& line) {
   add->add_option("--id", wanted.id, "Its id; otherwise the highest handed out plus 1")
       ->check(checkNumber(1))
       ->type_name("N");
-  add->add_option("--server-host", wanted.serverHost,
-                  "Under which name or address the client reaches this server; otherwise its host name")
-      ->type_name("HOST");
-  add->add_option("--server-name", wanted.serverName, "The server's own client name")
-      ->type_name("NAME")
-      ->capture_default_str();
-  add->add_option("--join-file", wanted.joinFile,
-                  "Where to write the join file; otherwise DIR/join/NAME.join")
-      ->type_name("FILE");
+  describeJoinFile(*add, wanted);
+
+  auto* renew =
+      addCommand(app, line, "renew-client", "Give a client a new session key and join file",
+                 onExisting([&wanted](const DataStore& store) { return renewClient(store, wanted); }));
+  renew->add_option("NAME", wanted.name, "The client's name; its id and its batch stay")->required();
+  describeJoinFile(*renew, wanted);
 }
 
 int runSet(const DataStore& store, const SetOptions& options) {

@@ -39,6 +39,15 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   for (const std::string& file : {data_ + "/keys/web-1.key", batchFile("web-1"), joinFile})
     EXPECT_EQ(modeOf(file), 0600U) << file;
 
+  // A new key for the same client: what it was and what it gets stay.
+  expectOk({"set", "web-1", "~/A", "nB", "1"});
+  expectOk({"renew-client", "web-1", "--server-host", "mgmt.example"});
+  EXPECT_NE(keyOf("web-1"), key);
+  const std::string renewed = test_support::readFile(data_ + "/join/web-1.join");
+  EXPECT_TRUE(contains(renewed, "client-id=3\nsession-key=\"" + keyOf("web-1") + "\"")) << renewed;
+  EXPECT_EQ(batchOf("web-1").keys->size(), 1U);
+  EXPECT_EQ(overhub({"renew-client", "web-2"}).exitCode, 1);
+
   expectOk({"add-client", "a", "--id", "9223372036854775806"});
   expectOk({"add-client", "b"});
   EXPECT_NE(keyOf("a"), keyOf("b"));
