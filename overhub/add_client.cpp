@@ -93,10 +93,11 @@ int addClient(const DataStore& store, const NewClient& wanted) {
   file_access::Lock lock;
   if (!error.IsError()) error = store.lockForChange(lock);
   if (error.IsError()) return dataUnusable(error);
-  if (store.hasClient(wanted.name))
+  if (store.hasClient(wanted.name)) {
     return complain(kExitRefused, "there is a client \"" + wanted.name + "\" in " + store.directory() +
                                       " already; choose another name, or give this one a new key with "
                                       "renew-client");
+  }
   ClientIds ids(store);
   exitCode = chooseId(ids, wanted, join.clientId);
   if (exitCode != kExitOk) return exitCode;
