@@ -76,11 +76,12 @@ int showUpload(const DataStore& store, const std::string& client) {
   CWmError error = store.readUpload(client, upload);
   if (error.IsError()) return dataUnusable(error);
   programs::TextTable table({"KEY", "NAME", "VALUE"});
-  for (const OBGui::RegistryKeyInfo& record : upload.keys.get())
+  for (const OBGui::RegistryKeyInfo& record : upload.keys.get()) {
     table.addRow({keyOf(record), isKey(record) ? "" : record.valueName.get(),
                   isSecret(record) || programs::isSecretValue(record.valueName.get(), record.value.get())
                       ? kHiddenSecret
                       : record.value.get()});
+  }
   print(table.text());
   return kExitOk;
 }
