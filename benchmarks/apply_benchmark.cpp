@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/LQPlatformInfo.h"
-#include "platform/LqRegistryFile.h"
-#include "platform/ObLog.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/ObLog.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "platform/ObDebug.h"
+#include "lqregistry/ObDebug.h"
 
 namespace {
 

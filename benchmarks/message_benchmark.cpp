@@ -4,7 +4,7 @@
 #include <pugixml.hpp>
 #include <sstream>
 
-#include "records/OBGui.h"
+#include "lqregistry/OBGui.h"
 
 namespace {
 

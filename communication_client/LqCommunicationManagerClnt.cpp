@@ -1,8 +1,8 @@
-#include "communication_client/LqCommunicationManagerClnt.h"
+#include "lqregistry/LqCommunicationManagerClnt.h"
 
-#include "platform/LQClient.h"
-#include "records/LqEntities.h"
-#include "registry_client/session_steps.h"
+#include "client_session/session_steps.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqEntities.h"
 
 namespace {
 

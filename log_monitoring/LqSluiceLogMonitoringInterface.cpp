@@ -1,16 +1,16 @@
 // The log-monitoring checks: what applies to this machine, which helper procedure does it, what is logged.
-#include "log_monitoring/LqSluiceLogMonitoringInterface.h"
+#include "lqregistry/LqSluiceLogMonitoringInterface.h"
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 
-#include "platform/CWmLibrary.h"
-#include "platform/ClientProperties.h"
-#include "platform/FXFile.h"
-#include "platform/LQClient.h"
-#include "platform/LQPlatformInfo.h"
-#include "platform/ObDebug.h"
+#include "lqregistry/CWmLibrary.h"
+#include "lqregistry/ClientProperties.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/ObDebug.h"
 
 LqCriticalSection criticalSecForClientId;
 

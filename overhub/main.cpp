@@ -9,10 +9,10 @@
 #include <exception>
 #include <limits>
 
-#include "overhub/command_line.h"
-#include "overhub/commands.h"
-#include "overhub/exit_codes.h"
-#include "overhub/reporting.h"
+#include "overhub/commands/command_line.h"
+#include "overhub/commands/commands.h"
+#include "overhub/commands/exit_codes.h"
+#include "overhub/commands/reporting.h"
 
 namespace {
 

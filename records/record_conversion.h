@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "platform/LqExport.h"
-#include "records/App.h"
-#include "records/OBGui.h"
+#include "lqregistry/App.h"
+#include "lqregistry/LqExport.h"
+#include "lqregistry/OBGui.h"
 
 // The registry's numeric value type for a type word: 0 for every word. The mapping is flat on purpose: every
 // value is stored with type 0, and its bytes are handed back unchanged.

@@ -1,8 +1,8 @@
 // Registers the message classes of each namespace with the message library, and takes them out again when the
 // library that holds them is unloaded.
-#include "records/App.h"
-#include "records/LqEntities.h"
-#include "records/OBGui.h"
+#include "lqregistry/App.h"
+#include "lqregistry/LqEntities.h"
+#include "lqregistry/OBGui.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "registry_client/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryChangeMgr.h"
 
 #include <memory>
 
-#include "platform/LqCriticalSection.h"
+#include "lqregistry/LqCriticalSection.h"
 
 namespace {
 

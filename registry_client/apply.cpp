@@ -6,11 +6,11 @@
 
 #include <array>
 
-#include "platform/LqRegistryFile.h"
+#include "lqregistry/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "records/key_records.h"
 #include "records/record_conversion.h"
-#include "registry_client/LqRegistryChangeMgr.h"
-#include "registry_client/LqRegistryManagerClnt.h"
-#include "registry_client/key_records.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The download pass: request the key batch, apply it, refresh the cache, acknowledge.
 #include <utility>
 
-#include "platform/LQClient.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 // each.
 #include <array>
 
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "records/key_records.h"
 #include "records/record_conversion.h"
-#include "registry_client/LqRegistryManagerClnt.h"
-#include "registry_client/key_records.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 // values.
 #include <array>
 
+#include "client_session/session_steps.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "records/record_conversion.h"
-#include "registry_client/LqRegistryManagerClnt.h"
-#include "registry_client/session_steps.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The client's construction and its session with the management server.
-#include "platform/LQClient.h"
-#include "records/LqEntities.h"
-#include "registry_client/LqRegistryManagerClnt.h"
-#include "registry_client/session_steps.h"
+#include "client_session/session_steps.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqEntities.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

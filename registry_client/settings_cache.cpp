@@ -2,9 +2,9 @@
 #include <array>
 #include <sstream>
 
-#include "platform/FXFile.h"
-#include "platform/LqCriticalSection.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/LqCriticalSection.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#include "registry_client/settings_refresh_task.h"
+#include "lqregistry/settings_refresh_task.h"
 
 #include <atomic>
 #include <string>
 #include <utility>
 
-#include "platform/LQClient.h"
-#include "platform/LqCriticalSection.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqCriticalSection.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

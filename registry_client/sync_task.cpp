@@ -1,4 +1,4 @@
-#include "registry_client/sync_task.h"
+#include "lqregistry/sync_task.h"
 
 #include <array>
 #include <cstdio>
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Sending the whole local registry to the server, and the server's verdict.
 #include <utility>
 
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // work of its own puts another library of this name in the base home directory.
 #include "log_monitoring/helper/LqLMHelper.h"
 
-#include "platform/ObDebug.h"
+#include "lqregistry/ObDebug.h"
 
 void LMSpaceCheck(std::uint64_t clientId) {
   const ObEvent event;

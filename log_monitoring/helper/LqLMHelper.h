@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/LqExport.h"
+#include "lqregistry/LqExport.h"
 
 // Checks the space that the logs of this client take; 0 stands for a client whose id is not known.
 extern "C" LQ_EXPORT void LMSpaceCheck(std::uint64_t clientId);

@@ -1,5 +1,5 @@
 // Run-time loading over the system's dynamic loader.
-#include "platform/CWmLibrary.h"
+#include "lqregistry/CWmLibrary.h"
 
 #include <dlfcn.h>
 

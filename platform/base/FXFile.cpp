@@ -1,5 +1,5 @@
 // The file layer over open, read, write and unlink.
-#include "platform/FXFile.h"
+#include "lqregistry/FXFile.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,7 +3,7 @@
 // All state is guarded by `mutex`. A thread above the minimum that was idle for long enough moves itself to
 // `finished`, from where the next starter or the stop joins it. Stopping drains the queue, because the
 // arguments of accepted items belong to the routines that free them.
-#include "platform/LqThreadPool.h"
+#include "lqregistry/LqThreadPool.h"
 
 #include <pthread.h>
 
@@ -16,7 +16,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/ObDebug.h"
+#include "lqregistry/ObDebug.h"
 
 namespace {
 // The kernel keeps this many characters of a thread's name.

@@ -1,5 +1,5 @@
 // The printf-style calls of the loggers: compare with the threshold, format, hand over.
-#include "platform/ObDebug.h"
+#include "lqregistry/ObDebug.h"
 
 #include <array>
 #include <cstdarg>

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "platform/ObLog.h"
+#include "lqregistry/ObLog.h"
 
 namespace oblog {
 

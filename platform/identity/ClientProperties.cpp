@@ -1,11 +1,11 @@
 // Client properties as this machine's registry knows them: one key per client id, one value per property.
-#include "platform/ClientProperties.h"
+#include "lqregistry/ClientProperties.h"
 
 #include <strings.h>
 
 #include <charconv>
 
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 namespace {
 

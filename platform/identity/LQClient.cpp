@@ -1,10 +1,10 @@
 // Clients as this machine's registry knows them: one key per name, holding the id.
-#include "platform/LQClient.h"
+#include "lqregistry/LQClient.h"
 
 #include <charconv>
 
-#include "platform/CLqNetwork.h"
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 namespace {
 

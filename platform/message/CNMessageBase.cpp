@@ -1,5 +1,5 @@
 // The text form of messages: writing and reading XML, driven by each class's list of fields.
-#include "platform/CNMessageBase.h"
+#include "lqregistry/CNMessageBase.h"
 
 #include <charconv>
 #include <map>

@@ -1,4 +1,4 @@
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 
 #include "platform/network/interruption.h"
 #include "platform/network/network_impl.h"

@@ -14,8 +14,8 @@
 #include <mutex>
 #include <system_error>
 
-#include "platform/CLqNetwork.h"
-#include "platform/ObDebug.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/ObDebug.h"
 #include "platform/network/network_impl.h"
 
 using asio::error_code;

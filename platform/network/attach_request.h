@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "platform/CNMessageBase.h"
+#include "lqregistry/CNMessageBase.h"
 
 inline constexpr std::int64_t kAttachProtocolVersion = 1;
 

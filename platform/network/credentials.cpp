@@ -2,8 +2,8 @@
 
 #include <openssl/crypto.h>
 
-#include "platform/CLqNetwork.h"
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/CWmError.h"
+#include "lqregistry/CWmError.h"
 
 struct Credentials {
   Credentials() = default;

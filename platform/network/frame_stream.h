@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 #include "platform/network/tls_connection.h"
 
 enum class FrameKind : std::uint8_t {

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/ObDebug.h"
+#include "lqregistry/ObDebug.h"
 
 namespace {
 

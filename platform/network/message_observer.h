@@ -1,6 +1,6 @@
 // The process's observer of messages, as set with CLqNetwork::SetObserver.
 #pragma once
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 
 void observeMessage(CLqNetwork::Direction direction, const CNMessageBase& message);

@@ -7,7 +7,7 @@
 #include <new>
 #include <string>
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 #include "platform/network/credentials.h"
 #include "platform/network/frame_stream.h"
 

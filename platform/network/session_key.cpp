@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 
 namespace {
 

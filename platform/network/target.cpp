@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/CWmError.h"
+#include "lqregistry/CWmError.h"
 
 struct Target {
   std::string host;

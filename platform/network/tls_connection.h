@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/CWmError.h"
+#include "lqregistry/CWmError.h"
 #include "platform/network/deadline.h"
 #include "platform/network/target.h"
 #include "platform/network/tls_psk.h"

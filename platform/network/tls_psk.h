@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/CLqNetwork.h"
+#include "lqregistry/CLqNetwork.h"
 #include "platform/network/credentials.h"
 
 struct ssl_ctx_st;

@@ -3,7 +3,7 @@
 #include <mutex>
 #include <set>
 
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // LQPlatformInfo: each call resolves its path, asks the store, and records the outcome on the object.
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <limits>
 
-#include "platform/LqRegistryFile.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "platform/registry/registry_path.h"
 #include "platform/registry/registry_store.h"
 

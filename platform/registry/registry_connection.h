@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/LQPlatformInfo.h"
+#include "lqregistry/LQPlatformInfo.h"
 
 namespace lqregistry {
 

@@ -1,5 +1,5 @@
 // The public face of the registry file: which one it is, and write batches.
-#include "platform/LqRegistryFile.h"
+#include "lqregistry/LqRegistryFile.h"
 
 #include "platform/registry/registry_store.h"
 

@@ -1,7 +1,7 @@
 // The rules for key paths: what "~" means, which paths are absolute, what is too long.
 #include "platform/registry/registry_path.h"
 
-#include "platform/LqRegistryFile.h"
+#include "lqregistry/LqRegistryFile.h"
 
 namespace lqregistry {
 

@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <vector>
 
-#include "platform/LqRegistryFile.h"
-#include "platform/ObDebug.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/ObDebug.h"
 
 namespace lqregistry {
 

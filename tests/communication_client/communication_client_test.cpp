@@ -1,6 +1,6 @@
 // The application-message client: which handler answers a request and with what, and one exchange with the
 // server in all its outcomes, with the texts that are this client's own.
-#include "communication_client/LqCommunicationManagerClnt.h"
+#include "lqregistry/LqCommunicationManagerClnt.h"
 
 #include "tests/support/product_fixture.h"
 

@@ -1,11 +1,11 @@
 // The log-monitoring checks on machines of every kind, with a helper library that records its calls.
-#include "log_monitoring/LqSluiceLogMonitoringInterface.h"
+#include "lqregistry/LqSluiceLogMonitoringInterface.h"
 
 #include <dlfcn.h>
 
 #include <filesystem>
 
-#include "platform/LQClient.h"
+#include "lqregistry/LQClient.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/CLqNetwork.h"
-#include "platform/LQPlatformInfo.h"
-#include "platform/LqRegistryFile.h"
-#include "records/OBGui.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/OBGui.h"
 #include "tests/support/test_support.h"
 
 using test_support::contains;

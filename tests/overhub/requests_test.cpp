@@ -1,8 +1,8 @@
 // Requests that the server makes of a client, with this process as the client's host service.
 #include <functional>
 
-#include "programs/host_service.h"
-#include "records/App.h"
+#include "common/host_service.h"
+#include "lqregistry/App.h"
 #include "tests/overhub/overhub_fixture.h"
 #include "tests/support/scripted_peer.h"
 

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/FXFile.h"
-#include "platform/LqThreadPool.h"
-#include "platform/ObLog.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/LqThreadPool.h"
+#include "lqregistry/ObLog.h"
 #include "tests/support/test_support.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <set>
 
-#include "platform/CNMessageBase.h"
-#include "platform/ObLog.h"
+#include "lqregistry/CNMessageBase.h"
+#include "lqregistry/ObLog.h"
 #include "tests/support/test_support.h"
 
 namespace {

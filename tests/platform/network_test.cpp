@@ -8,10 +8,10 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/CLqNetwork.h"
-#include "platform/LQPlatformInfo.h"
-#include "platform/LqRegistryFile.h"
-#include "platform/ObLog.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/ObLog.h"
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 

@@ -12,9 +12,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/LQPlatformInfo.h"
-#include "platform/LqRegistryFile.h"
-#include "platform/ObLog.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/ObLog.h"
 #include "tests/support/test_support.h"
 
 // A forked process that opens the registry for itself and answers questions about it until it is killed. To

@@ -1,7 +1,7 @@
 // Key records from the application namespace.
 #include "records/record_conversion.h"
 
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

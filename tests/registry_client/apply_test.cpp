@@ -4,8 +4,8 @@
 #include <ctime>
 #include <mutex>
 
-#include "registry_client/LqRegistryChangeMgr.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/platform/registry_fixture.h"
 #include "tests/support/product_fixture.h"
 

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "registry_client/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryChangeMgr.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

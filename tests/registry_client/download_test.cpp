@@ -1,5 +1,5 @@
 // The download pass: what it does with a reply, what it tells the server, and every way in which it can fail.
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Enumeration: which records come of a registry, in which order, and what is passed over.
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // One key record against the local registry: where it lies, what regStatus says, what is refused.
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

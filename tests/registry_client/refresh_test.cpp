@@ -2,9 +2,9 @@
 // of it; and the client id that is looked up once.
 #include <ctime>
 
-#include "platform/LQClient.h"
-#include "registry_client/LqRegistryManagerClnt.h"
-#include "registry_client/settings_refresh_task.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/settings_refresh_task.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // What the server asks of this client: a pushed batch and what is answered to it, a fetch of named values and
 // what goes back.
-#include "platform/LQClient.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

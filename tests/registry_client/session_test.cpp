@@ -1,6 +1,6 @@
 // The client object and one exchange with the server: the order of steps, what the log says of each, and the
 // state that every fault leaves behind.
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The Additional Settings cache: one file, read and written whole, and the log tells what went wrong.
 #include <sys/stat.h>
 
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

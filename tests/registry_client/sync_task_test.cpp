@@ -1,13 +1,13 @@
 // The entry points as a host calls them: found by their plain names in the built library, with the management
 // server's own program at the other end where it serves well.
-#include "registry_client/sync_task.h"
+#include "lqregistry/sync_task.h"
 
 #include <dlfcn.h>
 
 #include <array>
 #include <ctime>
 
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // Uploading the registry: the message on the wire, the server's verdicts, and what happens without an id, a
 // registry or a server.
-#include "platform/LQClient.h"
-#include "platform/LqRegistryFile.h"
-#include "registry_client/LqRegistryManagerClnt.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,8 +1,8 @@
 #include "tests/support/product_fixture.h"
 
-#include "platform/CLqNetwork.h"
-#include "platform/LQClient.h"
-#include "platform/LqRegistryFile.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryFile.h"
 
 using test_support::PeerSession;
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/LQPlatformInfo.h"
-#include "platform/ObLog.h"
-#include "records/OBGui.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/OBGui.h"
+#include "lqregistry/ObLog.h"
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 

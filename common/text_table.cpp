@@ -1,0 +1,72 @@
+#include "common/text_table.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace programs {
+
+namespace {
+
+constexpr std::size_t kGap = 2;
+
+// Characters of a text in UTF-8: every byte that does not continue one.
+std::size_t characters(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(
+      text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
+}
+
+}  // namespace
+
+std::string escapedForTerminal(std::string_view text) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string result;
+  unsigned char previous = 0;
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    const bool wideControl = previous == 0xC2 && byte >= 0x80 && byte < 0xA0;
+    previous = byte;
+    if (byte == '\\') {
+      result += "\\\\";
+    } else if (byte == '\n') {
+      result += "\\n";
+    } else if (byte == '\t') {
+      result += "\\t";
+    } else if (byte < 0x20 || byte == 0x7F || wideControl) {
+      result += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+    } else {
+      result += character;
+    }
+  }
+  return result;
+}
+
+TextTable::TextTable(std::vector<std::string> header) {
+  rows_.push_back(std::move(header));
+}
+
+void TextTable::addRow(const std::vector<std::string>& cells) {
+  std::vector<std::string> row;
+  row.reserve(cells.size());
+  for (const std::string& cell : cells) row.push_back(escapedForTerminal(cell));
+  rows_.push_back(std::move(row));
+}
+
+std::string TextTable::text() const {
+  std::vector<std::size_t> widths(rows_.front().size());
+  for (const auto& row : rows_)
+    for (std::size_t i = 0; i < widths.size() && i < row.size(); ++i)
+      widths[i] = std::max(widths[i], characters(row[i]));
+
+  std::string result;
+  for (const auto& row : rows_) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      result += row[i];
+      if (i + 1 < row.size()) result.append(widths[i] + kGap - characters(row[i]), ' ');
+    }
+    result.erase(result.find_last_not_of(' ') + 1);
+    result += '\n';
+  }
+  return result;
+}
+
+}  // namespace programs

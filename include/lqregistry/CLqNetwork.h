@@ -1,0 +1,163 @@
+// CLqNetwork: one network session with a remote library, and LqListener, the accepting side.
+//
+// A session is TCP with TLS 1.3, authenticated by a key that both sides share; over it go length-prefixed
+// frames, one message each (docs/wire.md). The caller attaches by naming a remote library and entry and
+// itself, and is told yes, or no with a reason. Both ends use this class: one is built empty and attached,
+// the other is built by LqListener from an accepted socket.
+//
+// A session is used by one thread at a time. Nothing is thrown: an operation gives a CWmError, which is also
+// kept as the session's last error. Time-outs are whole seconds, -1 means no limit; attach and disconnect
+// obey theirs in full, name resolution aside. A real platform library provides Attach_RemoteDLL to
+// ReplyDisconnect and MangleHostName; the accepting side and the observer are what this layer's own programs
+// need.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "lqregistry/CNMessageBase.h"
+#include "lqregistry/CWmError.h"
+#include "lqregistry/LqExport.h"
+
+// The remote-library record: which library and which entry of it the server is asked for.
+struct lqsExecuteRemoteDllType {
+  int number = 0;              // 0 is the only value in use
+  char libraryName[257] = {};  // NUL-terminated
+  char entryName[257] = {};
+
+  LQ_EXPORT void setNames(const std::string& library, const std::string& entry);  // cut at 256 characters
+};
+
+// The text that Attach_RemoteDLL takes as its target: a server's host name, its client name and its two
+// service ports, tried in that order.
+LQ_EXPORT std::string MangleHostName(const std::string& host, const std::string& client,
+                                     std::uint16_t firstPort, std::uint16_t secondPort);
+
+// The management server's service ports.
+inline constexpr std::uint16_t kFirstServicePort = 8400;
+inline constexpr std::uint16_t kSecondServicePort = 8402;
+
+// Bounds on a frame: before a caller is attached, and after.
+inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
+inline constexpr std::size_t kMaxMessageFrameBytes = 64U << 20;
+
+class LQ_EXPORT CLqNetwork {
+ public:
+  CLqNetwork();
+  ~CLqNetwork();  // closes without a goodbye
+  CLqNetwork(const CLqNetwork&) = delete;
+  CLqNetwork& operator=(const CLqNetwork&) = delete;
+
+  // --- the calling side ------------------------------------------------------------------------------------
+
+  // Connects to `target` (MangleHostName), proves this client's identity with the session key that
+  // `lqhost join` left in the registry ("Overhub"/"sSESSIONIDENTITY" and "sSESSIONKEY" of the current
+  // instance) and attaches to the remote library. `localName` tells the server which machine calls.
+  // `peerGone` is set to whether the connection was lost on the way.
+  CWmError Attach_RemoteDLL(const std::string& target, const lqsExecuteRemoteDllType& remoteLibrary,
+                            const std::string& localName, int timeoutSeconds, bool& peerGone);
+
+  // Attaches with this identity and key (64 hexadecimal digits) instead of those in the registry. For the
+  // server, which holds the keys of all its clients. An unusable key shows at Attach_RemoteDLL.
+  void UseCredentials(const std::string& identity, const std::string& keyHex);
+
+  // --- both sides, once attached ---------------------------------------------------------------------------
+
+  bool IsConnected() const;
+
+  // Sends one message, protected strings in clear inside the encrypted session. The number has no meaning
+  // here.
+  CWmError SendXMLMessage(const CNMessageBase& message, unsigned, int timeoutSeconds, bool& peerGone);
+
+  // Receives one message of any registered class into `message`. `rawText`, if not null, gets the text as it
+  // came. The protocol header must be null; the number has no meaning here. On any error `message` is empty.
+  // A peer that says goodbye instead is kLqErrNotConnected; a peer that declines the request,
+  // kLqErrRequestRefused with its reason.
+  CWmError ReceiveXMLMessage(std::string* rawText, std::unique_ptr<CNMessageBase>& message,
+                             const void* protocolHeader, unsigned, int timeoutSeconds, bool& peerGone);
+
+  // Ends the session in order: says goodbye, which the peer answers once it has dealt with everything sent
+  // before, and closes. With `peerGone` set, only closes.
+  void Disconnect(int timeoutSeconds, bool& peerGone);
+
+  // The same from the answering side: waits for the peer's goodbye, answers it, and closes.
+  void ReplyDisconnect(int timeoutSeconds, bool& peerGone);
+
+  // The peer: the server's host name on the calling side, the caller's identity on the accepting side.
+  // False and empty when there is no peer yet.
+  bool GetPeerName(std::string& name) const;
+
+  // The address, without the port, that an accepted caller came from; empty on the calling side.
+  std::string GetPeerAddress() const;
+
+  // Code and text of the last failed operation; 0 and empty when there is none. The number has no meaning
+  // here.
+  void GetLastErrorGenericText(std::uint32_t& code, std::string& text, int) const;
+
+  // --- the accepting side ----------------------------------------------------------------------------------
+
+  // Completes the handshake and receives the caller's attach request. On success the caller waits for
+  // ConfirmAttach or RefuseAttach; `remoteLibrary` and `callerName` are what it asked with.
+  CWmError AcceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName, int timeoutSeconds);
+  CWmError ConfirmAttach();
+  void RefuseAttach(const std::string& reason);  // and closes
+
+  // Declines a received request with a reason that the caller's ReceiveXMLMessage reports.
+  CWmError SendRefusal(const std::string& reason);
+
+  // --- for hosts that stop ---------------------------------------------------------------------------------
+
+  // Ends every wait of every session of this process, from any thread: what can be done without waiting is
+  // still done, everything else fails with kLqErrStopping. For good: it is for a process that stops. A name
+  // look-up under way is not ended.
+  static void InterruptAll();
+
+  // --- for hosts that report what went over the wire -------------------------------------------------------
+
+  enum class Direction { kSent, kReceived };
+  using Observer = std::function<void(Direction, const CNMessageBase&)>;
+
+  // Calls `observer` for every message that was sent or received successfully, on the thread that did so; an
+  // empty function takes it away. Set it while no session is in use.
+  static void SetObserver(Observer observer);
+
+ private:
+  friend class LqListener;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Accepts sessions on one address and port.
+class LQ_EXPORT LqListener {
+ public:
+  // Finds the session key of an identity: true with the key's bytes (32) in `key` when it is known. Called on
+  // the thread that runs AcceptAttach, from several at once.
+  using KeyLookup = std::function<bool(const std::string& identity, std::string& key)>;
+
+  explicit LqListener(KeyLookup lookup);
+  ~LqListener();
+  LqListener(const LqListener&) = delete;
+  LqListener& operator=(const LqListener&) = delete;
+
+  CWmError open(const std::string& address, std::uint16_t port);
+
+  // Waits for the next caller; null once stop() was called. The handshake is not done here, so that a slow
+  // caller holds up nobody: the session's first step is AcceptAttach, on whichever thread serves it.
+  std::unique_ptr<CLqNetwork> accept();
+
+  // Makes accept() return null, from any thread, and closes the socket to new callers.
+  void stop();
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+// A session key as stored and handed out: 64 hexadecimal digits for 32 bytes. A new one is empty, which no
+// side accepts as a key, when the system has no randomness.
+inline constexpr std::size_t kSessionKeyBytes = 32;
+LQ_EXPORT std::string newSessionKeyHex();
+LQ_EXPORT bool sessionKeyFromHex(const std::string& hex, std::string& key);

@@ -1,0 +1,56 @@
+// LqRegistryChangeMgr: tells other modules of the host process when a synchronisation changes a value.
+//
+// A module registers a plain function for a pair of key path and value name, before synchronisation runs;
+// both must be exactly as the server's records spell them. When a pass writes or removes that value, the
+// function runs on the manager's thread pool with a copy of the record, so the pass never waits for it; it
+// may still be running when the pass returns, and several may run at once.
+//
+// The map of registrations is not locked: registering while a pass runs is not supported, on purpose. The
+// manager is a process-wide singleton, created on first use and never destroyed; all its state is static. At
+// unload the pool runs what was queued and ends.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "lqregistry/LqExport.h"
+#include "lqregistry/LqThreadPool.h"
+#include "lqregistry/OBGui.h"
+#include "lqregistry/ObDebug.h"
+
+class LQ_EXPORT LqRegistryChangeMgr {
+ public:
+  using CallBack = void (*)(OBGui::RegistryKeyInfo);
+
+  // The singleton. Any thread.
+  static LqRegistryChangeMgr* GetInstance();
+
+  // Starts the thread pool unless it runs; a pool that cannot be started is tried again by the next
+  // construction.
+  LqRegistryChangeMgr();
+
+  // The last registration of a pair wins.
+  void Register(const std::string& keyPath, const std::string& valueName, CallBack callback);
+  void UnRegister(const std::string& keyPath, const std::string& valueName);
+  bool IsCallBackRegistered(const std::string& keyPath, const std::string& valueName) const;
+
+  // Queues the callback of the record's pair with a copy of the record. 0 when it was queued or there is
+  // none, 1 when it could not be queued.
+  int HandleCallbackForRegistry(const OBGui::RegistryKeyInfo& key) const;
+
+  // The pool's routine: runs the callback of an OnRegChangeThreadParams and frees it. Always null.
+  static void* OnRegistryChange(void* params);
+
+  static std::map<std::pair<std::string, std::string>, CallBack> callBackMaps;
+  static LqThreadPool callBackThreadPool;
+  static bool isThreadPoolInitialized;
+  static std::atomic<LqRegistryChangeMgr*> instance;
+  static ObEvent event;
+};
+
+// What a pool thread gets: the changed record and the callback to run with it.
+struct OnRegChangeThreadParams : OBGui::RegistryKeyInfo {
+  LqRegistryChangeMgr::CallBack callback = nullptr;
+};

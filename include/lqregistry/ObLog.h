@@ -1,0 +1,57 @@
+// Where the log goes: threshold, rotating file, standard error, and a capture that sees every line.
+//
+// Process-wide, callable from any thread. Without configuration, lines up to the default level go to standard
+// error. Control characters in a line are written escaped, so that a value from outside cannot forge a line.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lqregistry/CWmError.h"
+#include "lqregistry/LqExport.h"
+#include "lqregistry/ObDebug.h"
+
+namespace oblog {
+
+struct Settings {
+  int threshold = kLqLogDefaultLevel;  // highest level that is written; errors always are
+  bool toStandardError = true;
+  std::string file;  // empty: no file. Created with mode 0600; its folder must exist
+  std::size_t maxFileBytes = 5U << 20;
+  std::size_t maxFiles = 3;  // the current file and the rotated ones before it
+};
+
+// Replaces the settings. On an error (the file cannot be opened) the previous settings stay in force.
+LQ_EXPORT CWmError Configure(const Settings& settings);
+
+enum class Kind { kError, kPlain, kLevelled };
+
+struct Line {
+  Kind kind = Kind::kPlain;
+  int level = 0;             // 0 for errors
+  std::int64_t context = 0;  // 0 where the call gave none
+  std::uint32_t logId = 0;
+  std::string tag;
+  std::string text;  // as formatted, unescaped
+};
+
+// While it lives, collects every line of the process up to `level`, in order, whatever the threshold is; what
+// reaches file and standard error is unchanged. For tests and for programs that report what a pass said.
+class LQ_EXPORT Capture {
+ public:
+  explicit Capture(int level = 10);
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  std::vector<Line> Lines() const;
+  void Clear();
+
+ private:
+  struct Impl;
+  Impl* impl_;
+};
+
+}  // namespace oblog

@@ -1,0 +1,138 @@
+#include "lqhost/commands/join.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <charconv>
+#include <filesystem>
+#include <map>
+#include <vector>
+
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQClient.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+
+namespace host {
+
+namespace {
+
+constexpr const char* kBaseFolder = "Base";
+constexpr const char* kLogFolder = "Log_Files";
+
+std::string systemHostName() {
+  std::array<char, 256> name{};
+  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
+}
+
+bool makeDirectory(const std::string& path, std::string& error) {
+  std::error_code failure;
+  std::filesystem::create_directories(path, failure);
+  if (failure) error = "cannot create the directory " + path + ": " + failure.message();
+  return !failure;
+}
+
+// As it stands when the working directory is gone.
+std::string absolutePath(const std::string& path) {
+  std::error_code failure;
+  const auto absolute = std::filesystem::absolute(path, failure);
+  return failure ? path : absolute.lexically_normal().string();
+}
+
+void fillDefaults(JoinOptions& options) {
+  if (options.home.empty()) options.home = kDefaultHome;
+  options.home = absolutePath(options.home);
+  if (options.base.empty()) options.base = options.home + "/" + kBaseFolder;
+  options.base = absolutePath(options.base);
+  if (options.machine.empty()) options.machine = systemHostName();
+  if (options.host.empty()) options.host = options.machine;
+}
+
+// One value that joining writes.
+struct Setting {
+  std::string section;
+  const char* name;
+  std::string value;
+};
+
+std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options) {
+  return {
+      {"Overhub", "sOHHOSTNAME", file.serverHost},
+      {"Overhub", "sOHCLIENTNAME", file.serverName},
+      {"Overhub", "sSESSIONIDENTITY", file.clientName},
+      {"Overhub", "sSESSIONKEY", file.sessionKey},
+      {"Machine", "sPHYSICALNAME", options.machine},
+      {"Machine", "sHOSTNAME", options.host},
+      {"Machine", "nPLATFORMTYPE", std::to_string(kPlatformUnix)},
+      {"Hosts/" + options.host, "sCLIENTNAME", file.clientName},
+      {"Base", "dVELMORHOME", options.home},
+      {"Base", "dBASEHOME", options.base},
+      {"EventManager", "bEnableRegistrySync", "1"},
+      {"EventManager", "dOBLOGDIR", options.home + "/" + kLogFolder},
+      {"Session", "bANTICHATTER", "0"},  // joining ends here: the client may talk to the server from now on
+  };
+}
+
+}  // namespace
+
+bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
+  std::map<std::string, std::string> entries;
+  try {
+    for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
+      if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
+  } catch (const CLI::Error& failure) {
+    error = std::string(failure.what()) + ": cannot read the join file; `overhub add-client` writes one";
+    return false;
+  }
+  const auto take = [&](const char* name, std::string& into) {
+    into = entries[name];
+    if (!into.empty()) return true;
+    error = path + ": the join file lacks \"" + name + "\"; have `overhub add-client` write a new one";
+    return false;
+  };
+  std::string id;
+  if (!take("server-host", file.serverHost) || !take("server-name", file.serverName) ||
+      !take("client-name", file.clientName) || !take("client-id", id) ||
+      !take("session-key", file.sessionKey))
+    return false;
+  const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
+  std::string key;
+  // The largest is what a message can carry.
+  constexpr std::uint64_t kMaxClientId = 0x7fffffffffffffff;
+  if (failure != std::errc() || file.clientId > kMaxClientId || end != id.data() + id.size() ||
+      file.clientId == 0) {
+    error = path + ": client-id is not a positive number: " + id;
+  } else if (!sessionKeyFromHex(file.sessionKey, key)) {
+    error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
+            " hexadecimal digits";
+  }
+  return error.empty();
+}
+
+bool join(const JoinFile& file, JoinOptions options, std::string& error) {
+  fillDefaults(options);
+  for (const std::string& name : {options.host, options.machine, file.clientName}) {
+    if (name.find('/') == std::string::npos) continue;
+    error = "a host, machine or client name cannot hold a \"/\": " + name;
+    return false;
+  }
+  if (!makeDirectory(options.base, error) || !makeDirectory(options.home + "/" + kLogFolder, error))
+    return false;
+
+  const std::string folder = std::filesystem::path(lqregistry::File()).parent_path().string();
+  if (!folder.empty() && !makeDirectory(folder, error)) return false;
+
+  lqregistry::WriteBatch batch;
+  LQPlatformInfo info;
+  bool written = LQClient::recordClient(file.clientName, file.clientId);
+  for (const Setting& setting : settingsOf(file, options))
+    written = written && info.setString(setting.section, setting.name, setting.value, 0) != 0;
+  if (written && batch.commit()) return true;
+  batch.abandon();
+  error = info.getRegErrorText();
+  if (error.empty()) error = lqregistry::File() + ": the registry could not be written; the log tells why";
+  return false;
+}
+
+}  // namespace host

@@ -1,0 +1,32 @@
+#include "lqhost/pass/cached_settings.h"
+
+#include <sys/stat.h>
+
+#include "lqhost/instance.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/settings_refresh_task.h"
+
+namespace host {
+
+std::optional<CachedSettings> readCachedSettings(std::string& error) {
+  std::string path = baseDirectory();
+  FXPath::Append(path, kSettingsCacheFile);
+  struct stat file {};
+  if (stat(path.c_str(), &file) != 0) {
+    error = path + ": there is no cache yet; it is written by the first synchronisation";
+    return std::nullopt;
+  }
+  OBGui::RegisterSubsystem();
+  OBGui::RegistryTaskResp cache;
+  std::string reason;
+  if (cache.unserialize(LqRegistryManagerClnt::getAdditionalSettingsCache(), &reason) != 0) {
+    error = path + ": " + reason + "; remove the file, and the next synchronisation writes a new one";
+    return std::nullopt;
+  }
+  CachedSettings settings{std::move(cache.keys.edit()), file.st_mtime};
+  std::erase_if(settings.keys, [](const auto& key) { return key.valueName.get() == kExcludedSetting; });
+  return settings;
+}
+
+}  // namespace host

@@ -1,0 +1,22 @@
+// The Additional Settings cache as the host's reports see it: read and parsed, with the product's own rules
+// on which of its records are in force.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "lqregistry/OBGui.h"
+
+namespace host {
+
+struct CachedSettings {
+  OBGui::KeyList keys;       // without the setting that a refresh leaves alone
+  std::int64_t written = 0;  // when the file was written, seconds since the epoch
+};
+
+// The cache of the instance in focus; nothing, with the reason in `error`, when there is none that can be
+// read.
+std::optional<CachedSettings> readCachedSettings(std::string& error);
+
+}  // namespace host

@@ -1,0 +1,30 @@
+#include "lqhost/pass/wire_watch.h"
+
+#include <utility>
+
+namespace host {
+
+namespace {
+thread_local WireWatch* innermost = nullptr;
+}  // namespace
+
+WireWatch::WireWatch(Handler handler) : handler_(std::move(handler)), outer_(innermost) {
+  innermost = this;
+}
+
+WireWatch::~WireWatch() {
+  innermost = outer_;
+}
+
+void WireWatch::install() {
+  CLqNetwork::SetObserver(&dispatch);
+}
+
+void WireWatch::dispatch(CLqNetwork::Direction direction, const CNMessageBase& message) {
+  const auto* const batch = messageAs<OBGui::RegistryTaskResp>(&message);
+  if (batch == nullptr) return;
+  for (const WireWatch* watch = innermost; watch != nullptr; watch = watch->outer_)
+    watch->handler_(direction, *batch);
+}
+
+}  // namespace host

@@ -1,0 +1,25 @@
+#include "lqhost/service/host_module.h"
+
+#include <dlfcn.h>
+
+namespace host {
+
+bool loadModules(const std::vector<std::string>& paths, std::string& error) {
+  for (const std::string& path : paths) {
+    void* const handle = dlopen(path.c_str(), RTLD_NOW);
+    void* const entry = handle == nullptr ? nullptr : dlsym(handle, kModuleEntry);
+    if (entry == nullptr) {
+      const char* const reason = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this C library
+      error =
+          "the module " + path + " cannot be loaded: " + (reason == nullptr ? "it lacks its entry" : reason);
+      return false;
+    }
+    if (const int result = reinterpret_cast<int (*)()>(entry)(); result != 0) {
+      error = path + ": the module refused the start with result " + std::to_string(result);
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace host

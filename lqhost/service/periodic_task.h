@@ -1,0 +1,70 @@
+// A periodic task of the resident host: a thread that runs the task's callback again and again until it is
+// stopped.
+//
+// The first run comes after a random part of the spread, so that a fleet that starts together does not arrive
+// together. After a run that succeeded, the next one is due after the frequency in the task's status object,
+// which the callback may change at each run. After one that failed it is tried again soon, then less and less
+// often up to the frequency, each time with jitter. One thread a task means that a task never runs twice at
+// once.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "lqhost/service/task_run.h"
+
+namespace host {
+
+// Seconds between two runs: of a task whose status object says nothing, and the bounds that what it says is
+// held to.
+inline constexpr std::uint32_t kDefaultFrequency = 900;
+inline constexpr std::uint32_t kMinFrequency = 5;
+inline constexpr std::uint32_t kMaxFrequency = 7 * 24 * 3600;
+// The first retry after a failure comes after about this many seconds; each further failure doubles it.
+inline constexpr std::uint32_t kFirstRetry = 30;
+// Most seconds over which first runs are spread, unless the command line says otherwise.
+inline constexpr std::uint32_t kDefaultSpread = 300;
+
+// A frequency held to the bounds; 0 gives the default.
+std::uint32_t boundedFrequency(std::uint32_t seconds);
+
+// Seconds until the next run after `failures` failed ones in a row; `random` is from 0 to 1.
+double nextDelay(std::uint32_t frequency, unsigned failures, double random);
+
+class PeriodicTask {
+ public:
+  // `onStart` and `onTimer` are the task's callbacks; `onStart` may be null. `frequency` is what the status
+  // object says until the callback sets another.
+  PeriodicTask(const Task& task, TaskCallback onStart, TaskCallback onTimer, std::uint32_t frequency);
+  ~PeriodicTask();
+  PeriodicTask(const PeriodicTask&) = delete;
+  PeriodicTask& operator=(const PeriodicTask&) = delete;
+
+  // Calls the start callback and begins; first runs are spread over `spread` seconds.
+  void start(std::uint32_t spread);
+
+  // Begins no further run. The destructor waits for the one under way.
+  void requestStop();
+
+ private:
+  void run(double firstDelay);
+  // False when the task is to stop.
+  bool waitFor(double seconds);
+  double random();
+
+  const Task& task_;
+  TaskCallback onStart_;
+  TaskCallback onTimer_;
+  LqPeriodicTaskStatus status_;
+  std::mt19937 engine_{std::random_device{}()};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool stopping_ = false;  // guarded by mutex_
+  std::thread thread_;
+};
+
+}  // namespace host

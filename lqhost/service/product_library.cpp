@@ -1,0 +1,33 @@
+#include "lqhost/service/product_library.h"
+
+#include <dlfcn.h>
+
+namespace host {
+
+namespace {
+
+constexpr const char* kLibrary = "libLqRegistryClnt.so";
+
+std::string lastError() {
+  const char* const text = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this system's C library
+  return text == nullptr ? "unknown error" : text;
+}
+
+}  // namespace
+
+ProductLibrary::ProductLibrary() : handle_(dlopen(kLibrary, RTLD_NOW)) {
+  if (handle_ == nullptr) error_ = lastError();
+}
+
+ProductLibrary::~ProductLibrary() {
+  if (handle_ != nullptr) dlclose(handle_);
+}
+
+void* ProductLibrary::find(const char* name) {
+  if (handle_ == nullptr) return nullptr;
+  void* const symbol = dlsym(handle_, name);
+  if (symbol == nullptr) error_ = lastError();
+  return symbol;
+}
+
+}  // namespace host

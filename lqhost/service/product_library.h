@@ -1,0 +1,32 @@
+// The product library as a host sees it: loaded at run time, its task callbacks found by their plain names.
+#pragma once
+
+#include <string>
+
+#include "lqregistry/LqPeriodicTaskStatus.h"
+
+namespace host {
+
+using TaskCallback = int (*)(LqPeriodicTaskStatus*);
+
+class ProductLibrary {
+ public:
+  // Loads the library; isLoaded() tells the outcome and error() why not.
+  ProductLibrary();
+  ~ProductLibrary();
+  ProductLibrary(const ProductLibrary&) = delete;
+  ProductLibrary& operator=(const ProductLibrary&) = delete;
+
+  bool isLoaded() const { return handle_ != nullptr; }
+  const std::string& error() const { return error_; }
+
+  // The function of that plain name; null, with error() set, when the library has none.
+  void* find(const char* name);
+  TaskCallback findTask(const char* name) { return reinterpret_cast<TaskCallback>(find(name)); }
+
+ private:
+  void* handle_ = nullptr;
+  std::string error_;
+};
+
+}  // namespace host

@@ -1,0 +1,114 @@
+#include "overhub/commands/client_link.h"
+
+#include <cstring>
+
+#include "lqregistry/CLqNetwork.h"
+#include "overhub/commands/join_file.h"
+#include "overhub/commands/own_host.h"
+#include "overhub/commands/reporting.h"
+
+namespace {
+
+struct Advice {
+  int exitCode;
+  const char* wayOut;
+};
+
+Advice unreachable() {
+  return {kExitUnreachable,
+          "see that \"lqhost run\" runs there; --host and --port name another place for this once, \"overhub "
+          "client-host\" another host for good"};
+}
+
+// For a request that has not been sent.
+Advice adviceOnAttach(std::uint32_t code) {
+  switch (code) {
+    case kLqErrHandshake:
+      return {kExitRefused,
+              "either another machine answers there, which --host or \"overhub client-host\" mends, or the "
+              "client has joined with another join file and needs its own: \"lqhost join FILE\""};
+    case kLqErrAttachRefused:
+      return {kExitRefused, "its host service does not take requests of this server; its log tells why"};
+    default:
+      return unreachable();
+  }
+}
+
+// For one that may have been.
+Advice adviceOnExchange(std::uint32_t code) {
+  switch (code) {
+    case kLqErrTimeout:
+      return {kExitUnreachable, "the request may be carried out all the same; --timeout waits longer"};
+    case kLqErrConnectionLost:
+      return {kExitUnreachable, "the request may have been carried out all the same; the client's log tells"};
+    case kLqErrFrameTooLarge:
+      return {kExitRefused, "a message has at most 64 MiB; send less at a time"};
+    case kLqErrRequestRefused:
+      return {kExitRefused, "the client does not do this"};
+    case kLqErrNotConnected:
+      return {kExitRefused, "it has given no answer; its log tells why"};
+    default:
+      return {kExitRefused, "client and server are of different versions, or the client is at fault"};
+  }
+}
+
+}  // namespace
+
+std::string ClientLink::place() const {
+  return "client " + client_ + " at " + options_.host + " port " + std::to_string(options_.port);
+}
+
+int ClientLink::complainOfAnswer(const std::string& what) const {
+  return complain(kExitRefused, place() + " has answered with " + what +
+                                    ", which is no answer to this request; see that its host service is of "
+                                    "the same version as this server");
+}
+
+int ClientLink::findHost() {
+  if (options_.host.empty()) {
+    CWmError error = store_.findHost(client_, options_.host);
+    if (error.IsError()) return dataUnusable(error);
+  }
+  if (options_.host.empty()) {
+    return complain(kExitRefused, "where client " + client_ +
+                                      " is, is not known, since it has not attached yet; name its host with "
+                                      "--host HOST, or for good with \"overhub client-host " +
+                                      client_ + " HOST\"");
+  }
+  if (!fitsJoinFile(options_.host)) {
+    return complain(kExitRefused, "\"" + options_.host +
+                                      "\" is no host name or address; \"overhub client-host " + client_ +
+                                      " HOST\" sets the right one");
+  }
+  return kExitOk;
+}
+
+int ClientLink::explain(const CWmError& error, Step step) const {
+  const Advice advice =
+      step == Step::kAttach ? adviceOnAttach(error.GetCode()) : adviceOnExchange(error.GetCode());
+  return complain(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.wayOut);
+}
+
+int ClientLink::exchange(const CNMessageBase& request, std::unique_ptr<CNMessageBase>& answer) {
+  const int exitCode = findHost();
+  if (exitCode != kExitOk) return exitCode;
+  std::string key;
+  CWmError error = store_.readSessionKey(client_, key);
+  if (error.IsError()) return dataUnusable(error);
+  CLqNetwork network;
+  network.UseCredentials(client_, key);
+  explicit_bzero(key.data(), key.size());
+
+  lqsExecuteRemoteDllType remote;
+  remote.setNames(programs::kHostLibraryName, programs::kHostEntryName);
+  const int seconds = options_.timeoutSeconds;
+  bool peerGone = false;
+  error = network.Attach_RemoteDLL(MangleHostName(options_.host, client_, options_.port, options_.port),
+                                   remote, ownHostName(), seconds, peerGone);
+  if (error.IsError()) return explain(error, Step::kAttach);
+  error = network.SendXMLMessage(request, 0, seconds, peerGone);
+  if (!error.IsError()) error = network.ReceiveXMLMessage(nullptr, answer, nullptr, 0, seconds, peerGone);
+  // A client that has let one time-out pass would let a second one pass over the goodbye.
+  if (error.GetCode() != kLqErrTimeout) network.Disconnect(seconds, peerGone);
+  return error.IsError() ? explain(error, Step::kExchange) : kExitOk;
+}

@@ -1,9 +1,0 @@
-// The registry manager: hands clients their batch and the static key list, records how it went,
-// and keeps what they upload.
-#pragma once
-
-#include <span>
-
-#include "overhub/service.h"
-
-std::span<const MessageHandler> registryManagerHandlers();

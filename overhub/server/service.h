@@ -1,0 +1,43 @@
+// What the server offers: services, named by remote library and entry, each with a handler per message class.
+//
+// The session loop (session.h) knows none of them. A new message class is a line in its service's table; a
+// new service is a table of its own and a line in services.cpp.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string>
+
+#include "lqregistry/CNMessageBase.h"
+#include "overhub/store/data_store.h"
+
+// A handler's answer: a reply, a refusal with a reason, or neither. `summary` is for the log's line.
+struct Answer {
+  std::unique_ptr<CNMessageBase> reply;
+  std::string refusal;
+  std::string summary;
+
+  static Answer withReply(std::unique_ptr<CNMessageBase> message, std::string summary);
+  static Answer withoutReply(std::string summary);
+  static Answer refused(std::string reason);
+};
+
+// Answers a message of the client that has proven to be `client`. Several run at once.
+using Handler = Answer (*)(const DataStore& store, const std::string& client, const CNMessageBase& message);
+
+struct MessageHandler {
+  unsigned long tag;
+  Handler handler;
+};
+
+struct Service {
+  const char* library;
+  const char* entry;
+  std::span<const MessageHandler> handlers;
+
+  // The handler of a message class, or null.
+  Handler find(unsigned long tag) const;
+};
+
+// The service of that name, or null.
+const Service* findService(const std::string& library, const std::string& entry);

@@ -1,0 +1,40 @@
+// The table of services, and how the parts of one are found.
+#include <utility>
+
+#include "overhub/server/registry_manager.h"
+#include "overhub/server/service.h"
+
+namespace {
+
+constexpr const char* kRegistryManagerLibrary = "sLNREGKEYMANAGER";
+constexpr const char* kRegistryManagerEntry = "sLPREGKEYMANAGER";
+
+}  // namespace
+
+Answer Answer::withReply(std::unique_ptr<CNMessageBase> message, std::string summary) {
+  return {std::move(message), {}, std::move(summary)};
+}
+
+Answer Answer::withoutReply(std::string summary) {
+  return {nullptr, {}, std::move(summary)};
+}
+
+Answer Answer::refused(std::string reason) {
+  std::string summary = "refused: " + reason;
+  return {nullptr, std::move(reason), std::move(summary)};
+}
+
+Handler Service::find(unsigned long tag) const {
+  for (const MessageHandler& candidate : handlers)
+    if (candidate.tag == tag) return candidate.handler;
+  return nullptr;
+}
+
+const Service* findService(const std::string& library, const std::string& entry) {
+  static const Service kServices[] = {
+      {kRegistryManagerLibrary, kRegistryManagerEntry, registryManagerHandlers()},
+  };
+  for (const Service& service : kServices)
+    if (library == service.library && entry == service.entry) return &service;
+  return nullptr;
+}

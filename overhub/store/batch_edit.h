@@ -1,0 +1,38 @@
+// Changes of one record of a client's batch, as the commands `set` and `unset` make them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "lqregistry/OBGui.h"
+#include "lqregistry/pstring.h"
+
+inline constexpr const char* kTypeString = "STRING";
+inline constexpr const char* kTypeKey = "KEY";
+inline constexpr const char* kTypeEncrypted = "ENCRYPTED";
+
+// What stands in the place of a secret wherever a person looks. It also stands in a protected record's
+// `value`, because a client writes nothing for a record whose `value` is empty.
+inline constexpr const char* kHiddenSecret = "********";
+
+struct RecordChange {
+  std::string path;
+  std::string name;
+  std::string type = kTypeString;
+  std::optional<std::string> value;
+  std::optional<pstring> secret;  // makes the record a protected one
+  bool isRemoval = false;         // the client is to remove the value
+  bool isDisabled = false;
+  std::optional<std::int64_t> until;  // expiry, seconds since the epoch
+};
+
+// Adds the record, or puts it in the place of the one with its path and name; with an expiry, its companion
+// record likewise.
+void setRecord(OBGui::KeyList& keys, const RecordChange& change);
+
+// Takes the record out; false when there is none.
+bool unsetRecord(OBGui::KeyList& keys, const std::string& path, const std::string& name);
+
+// Whether the record's value is nobody's business.
+bool isSecret(const OBGui::RegistryKeyInfo& key);

@@ -1,0 +1,35 @@
+// The ids that clients have been given: ids/ID names the client that has ID, ids/highest is the highest one
+// handed out. So a new client costs the same however many there are.
+//
+// Used with the ChangeLock held. Where ids/highest is missing or no number, as in a directory from before
+// there was one, or after somebody removed it to have hand-made ids counted, it is all made anew from the
+// client files.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "lqregistry/CWmError.h"
+#include "overhub/store/data_store.h"
+
+class ClientIds {
+ public:
+  explicit ClientIds(const DataStore& store) : store_(store) {}
+
+  // Before anything else. Names in `skipped` the client files that could not be read when all was made anew.
+  CWmError load(std::string& skipped);
+
+  // The highest id handed out, the server's own included.
+  std::int64_t highest() const { return highest_; }
+  // The client that has the id; empty when none has.
+  std::string owner(std::int64_t id) const;
+
+  CWmError assign(std::int64_t id, const std::string& client);
+
+ private:
+  CWmError rebuild(std::string& skipped);
+  CWmError writeHighest() const;
+
+  const DataStore& store_;
+  std::int64_t highest_ = 0;
+};

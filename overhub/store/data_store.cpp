@@ -1,0 +1,196 @@
+#include "overhub/store/data_store.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/ObDebug.h"
+
+namespace {
+
+constexpr std::size_t kMaxClientName = 64;
+constexpr std::string_view kClientNameCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
+constexpr std::string_view kBatchSuffix = ".xml";
+constexpr const char* kDirectories[] = {"/clients", "/keys",    "/ids",   "/acks",
+                                        "/join",    "/uploads", "/hosts", "/addresses"};
+
+CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) {
+  std::string text;
+  CWmError error = file_access::readWhole(file, text);
+  if (error.IsError()) return error;
+  std::string reason;
+  if (message.unserialize(text, &reason) != 0) return {kLqErrFile, file + ": " + reason};
+  return {};
+}
+
+// A file that holds one word, as an editor leaves it.
+CWmError readWord(const std::string& file, std::string& word) {
+  CWmError error = file_access::readWhole(file, word);
+  while (!word.empty() && (word.back() == '\n' || word.back() == '\r' || word.back() == ' ')) word.pop_back();
+  return error;
+}
+
+}  // namespace
+
+CWmError DataStore::open() const {
+  std::error_code fault;
+  if (directory_.empty() || !std::filesystem::is_directory(directory_ + "/clients", fault)) {
+    return {kLqErrFile, directory_ +
+                            ": not a data directory; name the right one with --data or OVERHUB_DATA, or make "
+                            "one with \"overhub add-client NAME\""};
+  }
+  pstring::UseKeyFile(directory_ + "/secret.key");
+  OBGui::RegisterSubsystem();
+  return {};
+}
+
+CWmError DataStore::prepare() const {
+  CWmError error = file_access::makeDirectory(directory_);
+  for (const char* const name : kDirectories)
+    if (!error.IsError()) error = file_access::makeDirectory(directory_ + name);
+  return error.IsError() ? error : open();
+}
+
+std::string DataStore::acknowledgementsFile(const std::string& client) const {
+  return directory_ + "/acks/" + client + ".log";
+}
+
+std::string DataStore::joinFile(const std::string& client) const {
+  return directory_ + "/join/" + client + ".join";
+}
+
+std::string DataStore::uploadFile(const std::string& client) const {
+  return directory_ + "/uploads/" + client + std::string(kBatchSuffix);
+}
+
+std::string DataStore::idFile(const std::string& id) const {
+  return directory_ + "/ids/" + id;
+}
+
+std::string DataStore::serveLockFile() const {
+  return directory_ + "/serve.lock";
+}
+
+std::string DataStore::batchFile(const std::string& name) const {
+  if (name == kStaticList) return directory_ + "/static.xml";
+  return directory_ + "/clients/" + name + std::string(kBatchSuffix);
+}
+
+std::string DataStore::keyFile(const std::string& client) const {
+  return directory_ + "/keys/" + client + ".key";
+}
+
+std::string DataStore::hostFile(const std::string& client) const {
+  return directory_ + "/hosts/" + client;
+}
+
+std::string DataStore::addressFile(const std::string& client) const {
+  return directory_ + "/addresses/" + client;
+}
+
+bool DataStore::isClientName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxClientName && name[0] != '.' &&
+         name.find_first_not_of(kClientNameCharacters) == std::string::npos;
+}
+
+bool DataStore::hasClient(const std::string& name) const {
+  return isClientName(name) && file_access::exists(batchFile(name));
+}
+
+CWmError DataStore::clientNames(std::vector<std::string>& names) const {
+  names.clear();
+  std::error_code fault;
+  const std::string folder = directory_ + "/clients";
+  auto entry = std::filesystem::directory_iterator(folder, fault);
+  for (const std::filesystem::directory_iterator end; !fault && entry != end; entry.increment(fault)) {
+    const std::string file = entry->path().filename().string();
+    if (!file.ends_with(kBatchSuffix)) continue;
+    const std::string name = file.substr(0, file.size() - kBatchSuffix.size());
+    if (isClientName(name)) names.push_back(name);
+  }
+  if (fault) return {kLqErrFile, folder + ": " + fault.message()};
+  std::sort(names.begin(), names.end());
+  return {};
+}
+
+CWmError DataStore::readBatch(const std::string& name, OBGui::RegistryTaskResp& batch) const {
+  const std::string file = batchFile(name);
+  if (name == kStaticList && !file_access::exists(file)) {
+    batch = OBGui::RegistryTaskResp();
+    return {};
+  }
+  return readMessage(file, batch);
+}
+
+CWmError DataStore::writeBatch(const std::string& name, const OBGui::RegistryTaskResp& batch) const {
+  return writeMessage(batchFile(name), batch);
+}
+
+CWmError DataStore::readUpload(const std::string& client, OBGui::RegistryTaskResp& upload) const {
+  return readMessage(uploadFile(client), upload);
+}
+
+CWmError DataStore::writeUpload(const std::string& client, const OBGui::RegistryTaskResp& upload) const {
+  return writeMessage(uploadFile(client), upload);
+}
+
+CWmError DataStore::writeMessage(const std::string& file, const OBGui::RegistryTaskResp& message) const {
+  std::string text;
+  if (message.serializeForPeople(text) != 0)
+    return {kLqErrFile,
+            file + ": not written, since its secrets cannot be protected with " + directory_ + "/secret.key"};
+  return file_access::replace(file, text);
+}
+
+CWmError DataStore::findHost(const std::string& client, std::string& host) const {
+  host.clear();
+  for (const std::string& file : {hostFile(client), addressFile(client)})
+    if (file_access::exists(file)) return readWord(file, host);
+  return {};
+}
+
+CWmError DataStore::setHost(const std::string& client, const std::string& host) const {
+  return file_access::replace(hostFile(client), host + '\n');
+}
+
+CWmError DataStore::recordAddress(const std::string& client, const std::string& address) const {
+  const std::string file = addressFile(client);
+  std::string before;
+  if (file_access::exists(file) && !readWord(file, before).IsError() && before == address) return {};
+  return file_access::replace(file, address + '\n');
+}
+
+bool DataStore::findSessionKey(const std::string& client, std::string& key) const {
+  constexpr const char* kTag = "DataStore::findSessionKey";
+  if (!hasClient(client)) {
+    ObEvent().Debug(kTag, "a caller says that it is \"%s\", which is no client here", client.c_str());
+    return false;
+  }
+  std::string hex;
+  CWmError error = readSessionKey(client, hex);
+  const bool usable = !error.IsError() && sessionKeyFromHex(hex, key);
+  explicit_bzero(hex.data(), hex.size());
+  if (!usable) ObEvent().Error(kTag, "client %s cannot be let in: %s", client.c_str(), error.AsString());
+  return usable;
+}
+
+CWmError DataStore::readSessionKey(const std::string& client, std::string& hex) const {
+  CWmError error = readWord(keyFile(client), hex);
+  if (error.IsError()) return error;
+  std::string key;
+  const bool usable = sessionKeyFromHex(hex, key);
+  explicit_bzero(key.data(), key.size());
+  if (!usable) return {kLqErrFile, keyFile(client) + " does not hold 64 hexadecimal digits"};
+  return {};
+}
+
+CWmError DataStore::writeSessionKey(const std::string& client, const std::string& hex) const {
+  return file_access::replace(keyFile(client), hex + '\n');
+}
+
+CWmError DataStore::lockForChange(file_access::Lock& lock) const {
+  return lock.acquire(directory_ + "/change.lock");
+}

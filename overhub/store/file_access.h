@@ -1,0 +1,60 @@
+// Files of the data directory: read whole, replaced at once, appended to by lines, and locked.
+//
+// Stateless, any thread. Every fault is a CWmError that names the file.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+#include "lqregistry/CWmError.h"
+#include "lqregistry/FXFile.h"
+
+namespace file_access {
+
+bool exists(const std::string& path);
+
+CWmError readWhole(const std::string& path, std::string& text);
+
+// The file's last `bytes` bytes, or all of it when it is shorter.
+CWmError readEnd(const std::string& path, std::size_t bytes, std::string& text);
+
+// Makes `text` the file's contents, with mode 0600. Whoever reads meanwhile sees the old contents or the new,
+// never a part, and after a power cut it is either of them. A link, a device or a directory is left alone.
+CWmError replace(const std::string& path, const std::string& text);
+
+// The same for a file that must not be there yet.
+CWmError create(const std::string& path, const std::string& text);
+
+// Standard input up to its end; an error when it holds more than `limit` bytes.
+CWmError readInput(std::size_t limit, std::string& text);
+
+// How big a file is, and when it was last replaced, in seconds since the epoch.
+CWmError status(const std::string& path, std::uintmax_t& bytes, std::time_t& time);
+
+// Appends `line` and a newline in one write, so that lines of several writers do not mix.
+CWmError appendLine(const std::string& path, const std::string& line);
+
+// Makes a directory of mode 0700, and its parents, exist.
+CWmError makeDirectory(const std::string& path);
+
+// An exclusive lock on a file, created if need be, held as long as the object lives. It counts between
+// processes and goes with the process that held it.
+class Lock {
+ public:
+  // Waits for its turn.
+  CWmError acquire(const std::string& path);
+  // Does not wait: `acquired` tells whether the lock is held now.
+  CWmError tryAcquire(const std::string& path, bool& acquired);
+  // Makes `text` the lock file's contents, for whoever wants to know who holds it.
+  CWmError write(const std::string& text) const;
+
+ private:
+  CWmError open(const std::string& path);
+
+  std::string path_;
+  auto_handle handle_;
+};
+
+}  // namespace file_access

@@ -1,0 +1,49 @@
+#include "records/key_records.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <set>
+#include <string_view>
+
+namespace {
+
+constexpr const char* kAbsoluteRoot = "SOFTWARE";
+constexpr char kInstanceRoot = '~';
+constexpr const char* kPathSeparator = "/";
+
+// Suffix of the value that carries another value's expiry time.
+constexpr std::string_view _UNTIL = "_UNTIL";  // NOLINT(*-reserved-identifier,cert-dcl*): the name in use
+
+// Whether the record is an expiry time, and one that has passed. Read as atoi reads it: no digits are 0.
+bool isExpired(const OBGui::RegistryKeyInfo& key, std::time_t now) {
+  const std::string& name = key.valueName;
+  return name.size() > _UNTIL.size() && name.ends_with(_UNTIL) &&
+         std::strtoll(key.value->c_str(), nullptr, 10) < static_cast<long long>(now);
+}
+
+}  // namespace
+
+std::string normalisedKeyPath(const std::string& keyPath) {
+  if (keyPath.empty()) return {kInstanceRoot};
+  if (!keyPath.starts_with(kAbsoluteRoot) && keyPath[0] != kInstanceRoot) return kInstanceRoot + keyPath;
+  return keyPath;
+}
+
+std::string subKeyPath(const std::string& path, const std::string& name) {
+  return path + kPathSeparator + name;
+}
+
+void markExpired(OBGui::KeyList& keys) {
+  std::set<std::string, std::less<>> expiredNames;
+  const std::time_t now = std::time(nullptr);
+  for (OBGui::RegistryKeyInfo& key : keys) {
+    if (!isExpired(key, now)) continue;
+    key.deleteFlag = 1;
+    expiredNames.insert(key.valueName->substr(0, key.valueName->size() - _UNTIL.size()));
+  }
+  if (expiredNames.empty()) return;
+  // By name alone, on purpose: an expired X_UNTIL anywhere in the list ends X wherever the list sets it,
+  // whatever the key paths.
+  for (OBGui::RegistryKeyInfo& key : keys)
+    if (expiredNames.contains(key.valueName.get())) key.deleteFlag = 1;
+}

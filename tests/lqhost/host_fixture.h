@@ -1,0 +1,92 @@
+// What the host's tests share: a client machine beside the server of the server's tests, the host service as
+// a person runs it, and this process in the server's place.
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+#include "common/host_service.h"
+#include "lqregistry/App.h"
+#include "tests/overhub/overhub_fixture.h"
+#include "tests/support/scripted_peer.h"
+
+class HostTest : public OverhubTest {
+ protected:
+  HostTest() { App::RegisterSubsystem(); }
+
+  // The command as it is run on the client's machine.
+  std::vector<std::string> onClient(std::vector<std::string> arguments,
+                                    const char* program = "lqhost") const {
+    arguments.insert(arguments.begin(), {test_support::programPath(program), "--registry", clientRegistry_});
+    return arguments;
+  }
+  test_support::ProgramResult lqhost(const std::vector<std::string>& arguments) const {
+    return test_support::runProgram(onClient(arguments));
+  }
+  std::string valueOf(const std::string& key, const std::string& name) const {
+    const auto result =
+        test_support::runProgram(onClient({"get", "--instance", "Instance001", key, name}, "lqreg"));
+    return result.exitCode == 0 ? result.out.substr(0, result.out.size() - 1) : "(none)";
+  }
+  void setValue(const std::string& key, const std::string& name, const std::string& value) const {
+    const auto result =
+        test_support::runProgram(onClient({"set", "--instance", "Instance001", key, name, value}, "lqreg"));
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+  }
+
+  // Makes the client known to the server, and the machine the client.
+  void join() const {
+    expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+    const auto joined = lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1"});
+    EXPECT_EQ(joined.exitCode, 0) << joined.err;
+  }
+  std::string sessionKey() const { return fileText("keys/web-1.key").substr(0, 2 * kSessionKeyBytes); }
+
+  std::unique_ptr<test_support::BackgroundProgram> runHost(const std::vector<std::string>& more = {}) const {
+    std::vector<std::string> arguments{"--log-level", "2", "--log-file",   "-", "run", "--listen", listen_,
+                                       "--spread",    "0", "--sync-every", "5"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    auto host = std::make_unique<test_support::BackgroundProgram>(onClient(arguments), dir_ / "run.log");
+    EXPECT_TRUE(
+        host->waitForOutput("lqhost ready: instance Instance001, serving the server on " + listen_ + ":8404"))
+        << host->output();
+    return host;
+  }
+  // Polls for up to a minute.
+  template <class Condition>
+  static bool becomesTrue(const Condition& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+  // A run is noted a moment after it is logged.
+  bool statusSays(const std::string& text) const {
+    return becomesTrue([&] { return contains(lqhost({"status"}).out, text); });
+  }
+  static int countOf(const test_support::BackgroundProgram& program, const std::string& text) {
+    const std::string output = program.output();
+    int count = 0;
+    for (std::size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1)) ++count;
+    return count;
+  }
+
+  // A session of the server with the client's host service.
+  CWmError attachToHost(CLqNetwork& network, const std::string& keyHex,
+                        const char* entry = programs::kHostEntryName) const {
+    network.UseCredentials("web-1", keyHex);
+    lqsExecuteRemoteDllType remote;
+    remote.setNames(programs::kHostLibraryName, entry);
+    bool peerGone = false;
+    return network.Attach_RemoteDLL(
+        MangleHostName(listen_, "web-1", programs::kHostServicePort, programs::kHostServicePort), remote,
+        "hub", kPatience, peerGone);
+  }
+
+  std::string home_ = dir_ / "home";
+  std::string joinFile_ = dir_ / "web-1.join";
+  std::string clientRegistry_ = dir_ / "client.db";
+  std::string listen_ = test_support::uniqueLoopbackAddress();
+};

@@ -1,0 +1,157 @@
+// The resident host with the real server at the other end: its passes, what the server asks of it, faults on
+// both sides, and how it stops.
+#include <semaphore>
+
+#include "tests/lqhost/host_fixture.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+using test_support::PeerSession;
+
+const std::string kPassDone = "Task [RegistryDownload] ended with result 0";
+const std::string kPassFailed = "Task [RegistryDownload] ended with result -1";
+const std::string kModule = LQ_LIB_DIR "/lq_sample_module.so";
+
+class ResidentHost : public HostTest {
+ protected:
+  ResidentHost() { join(); }
+  test_support::ProgramResult ask(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.end(), {"--host", listen_});
+    return overhub(arguments);
+  }
+};
+
+TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
+  expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "5"});
+  const auto server = serve();
+  const auto host = runHost({"--module", kModule});
+  ASSERT_TRUE(host->waitForOutput(kPassDone)) << host->output();
+  EXPECT_EQ(valueOf("Machine/Settings", "nTraceLevel"), "5");
+  EXPECT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << "the module's callback";
+  EXPECT_TRUE(contains(overhub({"acks", "web-1"}).out, "id=42 taskStatus=3"));
+
+  const auto second = lqhost({"run", "--listen", test_support::uniqueLoopbackAddress()});
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_TRUE(contains(second.err, "instance Instance001 has a resident host already")) << second.err;
+
+  const auto push = [&](const OBGui::RegistryKeyInfo& key) {
+    test_support::writeFile(dir_ / "batch.xml", batchText({key}));
+    return ask({"push", "web-1", dir_ / "batch.xml"});
+  };
+  const auto pushed = push(record("Pushed", "sVALUE", "at once"));
+  EXPECT_EQ(pushed.exitCode, 0) << pushed.err;
+  EXPECT_EQ(pushed.out, "applied\n");
+  EXPECT_EQ(valueOf("Pushed", "sVALUE"), "at once");
+  EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n")
+      << "a key that may not be created from afar";
+
+  const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
+  EXPECT_EQ(fetched.exitCode, 1) << fetched.err;
+  EXPECT_TRUE(contains(fetched.out, "sNONE   not found\nsVALUE  at once")) << fetched.out;
+  const auto called = ask({"call", "web-1", "7", "world"});
+  EXPECT_EQ(called.exitCode, 0) << called.err;
+  EXPECT_EQ(called.out, "hello, world\n");
+  const auto unknown = ask({"call", "web-1", "8", "world"});
+  EXPECT_EQ(unknown.exitCode, 1);
+  EXPECT_TRUE(contains(unknown.err, "Callback function not implemented")) << unknown.err;
+
+  const auto uploaded = lqhost({"upload"});
+  EXPECT_EQ(uploaded.exitCode, 0) << uploaded.err;
+  EXPECT_TRUE(contains(uploaded.out, "records uploaded and kept by the server")) << uploaded.out;
+  EXPECT_TRUE(contains(overhub({"uploads", "web-1"}).out, "at once"));
+  EXPECT_EQ(host->stop(), 0);
+  EXPECT_TRUE(contains(lqhost({"status"}).out, "no resident host is running"));
+}
+
+TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
+  expectOk({"set", "web-1", "Limits", "nMAX", "10"});
+  expectOk({"set", "web-1", "Limits", "sGONE", "--delete"});
+  auto server = serve();
+  const auto host = runHost();
+  ASSERT_TRUE(host->waitForOutput(kPassDone)) << host->output();
+  ASSERT_TRUE(host->waitForOutput("Task [AdditionalSettingsRefresh] ended with result 0"));
+  EXPECT_TRUE(statusSays("applied and acknowledged"));
+  EXPECT_EQ(lqhost({"status"}).exitCode, 0);
+  EXPECT_EQ(server->stop(), 0);
+  ASSERT_TRUE(host->waitForOutput(kPassFailed)) << host->output();
+
+  // No pass repairs anything now, so drift stays until a refresh.
+  setValue("Limits", "nMAX", "99");
+  EXPECT_TRUE(statusSays(": failed"));
+  const auto drifted = lqhost({"status"});
+  EXPECT_EQ(drifted.exitCode, 6);
+  EXPECT_TRUE(contains(drifted.out, R"(~Limits nMAX is "99", should be "10")")) << drifted.out;
+  const auto refreshed = lqhost({"refresh"});
+  EXPECT_EQ(refreshed.exitCode, 0) << refreshed.err;
+  EXPECT_TRUE(contains(refreshed.out, "1 changed")) << refreshed.out;
+  const auto repaired = lqhost({"status"});
+  EXPECT_EQ(repaired.exitCode, 1) << "the last pass failed";
+  EXPECT_TRUE(contains(repaired.out, "0 of 1 values differ")) << repaired.out;
+  const auto notUploaded = lqhost({"upload"});
+  EXPECT_EQ(notUploaded.exitCode, 1);
+  EXPECT_TRUE(contains(notUploaded.err, "nothing was uploaded")) << notUploaded.err;
+
+  expectOk({"set", "web-1", "Limits", "nMAX", "11"});
+  const int passes = countOf(*host, kPassDone);
+  server = serve();
+  ASSERT_TRUE(becomesTrue([&] { return countOf(*host, kPassDone) > passes; })) << host->output();
+  EXPECT_EQ(valueOf("Limits", "nMAX"), "11");
+  EXPECT_TRUE(statusSays("applied and acknowledged"));
+  EXPECT_EQ(host->stop(), 0);
+}
+
+// Whoever lacks the client's key gets nowhere, and a server that asks for the wrong thing hears what is
+// wrong.
+TEST_F(ResidentHost, WhatItDoesNotServeIsDeclinedWithTheReason) {
+  const auto host = runHost({"--module", kModule});
+  {
+    CLqNetwork stranger;
+    EXPECT_EQ(attachToHost(stranger, std::string(64, 'a')).GetCode(), kLqErrHandshake);
+  }
+  CLqNetwork session;
+  const CWmError refused = attachToHost(session, sessionKey(), "sLPOTHER");
+  EXPECT_EQ(refused.GetCode(), kLqErrAttachRefused);
+  EXPECT_TRUE(contains(refused.AsString(), "sLPOTHER")) << refused.AsString();
+  ASSERT_FALSE(attachToHost(session, sessionKey()).IsError());
+  std::string refusal;
+  OverhubTest::ask(session, OBGui::RegistryStaticKeyReq(), refusal);
+  EXPECT_TRUE(contains(refusal, "this client answers no OBGui.RegistryStaticKeyReq")) << refusal;
+  leave(session);
+
+  // A server that has attached and asks nothing holds up nobody.
+  CLqNetwork silent;
+  ASSERT_FALSE(attachToHost(silent, sessionKey()).IsError());
+  EXPECT_EQ(ask({"call", "web-1", "7", "world"}).out, "hello, world\n");
+  EXPECT_EQ(host->stop(), 0) << "with sessions open";
+}
+
+TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {
+  std::binary_semaphore asked{0};
+  const test_support::ScriptedPeer silent(address_, 8400, "web-1", sessionKey(), [&](PeerSession& session) {
+    if (!session.acceptAttach() || session.readFrame().kind != PeerSession::kMessage) return;
+    asked.release();
+    session.waitForClose();
+  });
+  const auto host = runHost();
+  ASSERT_TRUE(asked.try_acquire_for(std::chrono::minutes(1))) << host->output();
+  EXPECT_EQ(host->stop(), 0);
+  EXPECT_TRUE(contains(host->output(), kPassFailed)) << "the pass ended in order";
+}
+
+TEST_F(ResidentHost, DoesNotStartOnWhatItCannotUse) {
+  const auto refuses = [&](const std::vector<std::string>& arguments, const std::string& reason) {
+    std::vector<std::string> all{"run", "--listen", listen_};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const auto result = lqhost(all);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(contains(result.err, reason)) << result.err;
+  };
+  refuses({"--module", dir_ / "none.so"}, "none.so");
+  refuses({"--module", LQ_LIB_DIR "/libLqPlatform.so"}, "LqHostModule_Register");
+  const test_support::ScriptedPeer other(listen_, programs::kHostServicePort, "", "", [](PeerSession&) {});
+  refuses({}, "--listen and --port name another place");
+  EXPECT_EQ(lqhost({"run", "--sync-every", "4"}).exitCode, 2);
+}
+
+}  // namespace

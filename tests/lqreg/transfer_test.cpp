@@ -1,0 +1,201 @@
+// lqreg export and import: what goes out comes back, and what is broken changes nothing.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/OBGui.h"
+#include "lqregistry/pstring.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using test_support::contains;
+using test_support::ProgramResult;
+using test_support::writeFile;
+
+OBGui::RegistryKeyInfo record(const std::string& path, const std::string& name, const std::string& value,
+                              const std::string& type = "STRING") {
+  OBGui::RegistryKeyInfo key;
+  key.keyPath = path;
+  key.valueName = name;
+  key.valueType = type;
+  key.value = value;
+  return key;
+}
+
+class TransferTest : public ::testing::Test {
+ protected:
+  TransferTest() {
+    OBGui::RegisterSubsystem();
+    lqregistry::UseFile(source_);
+    pstring::UseKeyFile(source_ + ".key");
+    LQPI_Focus::setFocus("I1");
+  }
+  ~TransferTest() override {
+    lqregistry::UseFile("/nowhere");  // closes this test's file
+    LQPI_Focus::setFocus(nullptr);
+  }
+
+  ProgramResult lqreg(const std::string& registry, const std::string& instance,
+                      std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), test_support::programPath("lqreg"));
+    return test_support::runProgram(arguments, {"VELMOR_REGISTRY=" + registry, "VELMOR_VM=" + instance});
+  }
+  // Into instance "I2" of another registry; what is said, whatever it is.
+  std::string import(const std::string& text) const {
+    writeFile(file_, text);
+    const ProgramResult result = lqreg(target_, "I2", {"import", file_});
+    return result.out + result.err;
+  }
+  std::string imported() const { return lqreg(target_, "I2", {"export"}).out; }
+  std::string tree() const { return lqreg(target_, "", {"tree"}).out; }
+
+  static void set(const std::string& key, const std::string& name, const std::string& value) {
+    LQPlatformInfo info;
+    EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
+  }
+
+  static std::string batchOf(const OBGui::KeyList& keys) {
+    OBGui::RegistryTaskResp batch;
+    batch.taskStatus = OBGui::kTaskUpload;
+    batch.keys = keys;
+    std::string text;
+    EXPECT_EQ(batch.serializeForPeople(text), 0);
+    return text;
+  }
+
+  test_support::TempDir dir_;
+  std::string source_ = dir_ / "source.db";
+  std::string target_ = dir_ / "target.db";
+  std::string file_ = dir_ / "batch.xml";
+};
+
+TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
+  std::string bytes;
+  for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+  const std::map<std::string, std::map<std::string, std::string>> keys = {
+      {"~", {{"root value", "1"}}},
+      {"~/A", {{"empty", ""}, {"blanks", "  \n\t "}, {"long", std::string(200'000, 'x')}}},
+      {"~/A/B", {{"bytes", bytes}, {bytes.substr(1), "a name of every byte"}}},
+      {"~/A/without values", {}},
+      {"~/SOFTWARE", {{"not", "the absolute one"}}},
+      {"~/SOFTWARE/X", {{"below", "it"}}},
+      {"~/~sign", {{"not", "the root"}}}};
+  LQPlatformInfo info;
+  for (const auto& [key, values] : keys) {
+    ASSERT_TRUE(info.createRegKey(key));
+    for (const auto& [name, value] : values) set(key, name, value);
+  }
+  set("SOFTWARE/Velmor/Clients", "elsewhere", "not the instance's");
+
+  writeFile(file_, "an older export");
+  EXPECT_EQ(lqreg(source_, "I1", {"export", file_}).exitCode, 0);
+  EXPECT_EQ(test_support::modeOf(file_), 0600U);
+  const std::string text = test_support::readFile(file_);
+  EXPECT_EQ(lqreg(source_, "I1", {"export"}).out, text);
+
+  EXPECT_EQ(lqreg(target_, "I2", {"import", file_}).out,
+            "6 keys and 9 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
+  EXPECT_EQ(imported(), text);
+  EXPECT_EQ(import(text),
+            "0 keys and 0 values written, 15 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
+  EXPECT_FALSE(contains(tree(), "elsewhere"));
+
+  lqregistry::UseFile(target_);
+  LQPlatformInfo other("I2");
+  for (const auto& [key, values] : keys) {
+    std::map<std::string, std::string> stored;
+    EXPECT_TRUE(other.getRegValues(key, stored));
+    EXPECT_EQ(stored, values) << key;
+  }
+}
+
+TEST_F(TransferTest, AClientsUploadIsRestored) {
+  set("Machine/Settings", "nTraceLevel", "5");
+  set("SOFTWARE/Velmor/I1/SOFTWARE", "sValue", "1");
+  OBGui::KeyList keys;
+  LqRegistryManagerClnt client("I1");
+  ASSERT_EQ(client.enumerateClientKeysInfo("", keys), 0U);
+  EXPECT_EQ(import(batchOf(keys)),
+            "3 keys and 2 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
+            "machine it is)\n");
+  EXPECT_EQ(tree(),
+            "SOFTWARE/\n  Velmor/\n    I2/\n      Machine/\n        Settings/\n"
+            "          nTraceLevel = 5\n      SOFTWARE/\n        sValue = 1\n");
+}
+
+TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
+  import(batchOf({record("A", "kept", "1"), record("A", "twice", "as it is")}));
+  OBGui::KeyList keys = {record("A", "kept", "2"),
+                         record("A", "disabled", "1"),
+                         record("A", "removed key", "", "KEY"),
+                         record("Overhub", "sSESSIONKEY", "another machine's"),
+                         record("~/Machine", "sHOSTNAME", "another machine"),
+                         record("~A", "secret", "", "ENCRYPTED"),
+                         record("A", "twice", "changed"),
+                         record("A", "twice", "as it is")};
+  keys[0].deleteFlag = 1;
+  keys[1].enabledFlag = 0;
+  keys[2].deleteFlag = 1;
+  keys[5].encryptedValue = pstring("secret");
+  const std::string batch = batchOf(keys);
+  // Both machines have the same protection key here.
+  std::filesystem::copy_file(source_ + ".key", target_ + ".key",
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_EQ(import(batch),
+            "0 keys and 3 values written, 0 unchanged, 5 skipped (marked for removal, or saying which "
+            "machine it is)\n");
+  EXPECT_EQ(tree(), "SOFTWARE/\n  Velmor/\n    I2/\n      A/\n        kept = 1\n        secret = " +
+                        pstring("secret").getV8Password() + "\n        twice = as it is\n");
+
+  writeFile(target_ + ".key", std::string(64, 'k'));
+  EXPECT_TRUE(contains(import(batch), "was not protected with this machine's key"));
+}
+
+TEST_F(TransferTest, ABrokenFileChangesNothing) {
+  import(batchOf({record("A", "name", "1")}));
+  const std::string before = tree();
+  const auto good = record("A", "name", "2");
+  const std::string batch = batchOf({good});
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "broken XML"},
+      {batch.substr(0, batch.size() / 2), "broken XML"},
+      {"<OBGui.RegistryTaskReq/>", "not a OBGui.RegistryTaskResp"},
+      {"<Other/>", "unknown message class Other"},
+      {"<OBGui.RegistryTaskResp taskStatus=\"two\"/>", "is not a 64-bit number"},
+      {batchOf({good, record("A", "", "2")}), "record 2: the name is empty"},
+      {batchOf({good, record("A", std::string(2000, 'n'), "2")}), "record 2: the value name is longer than"},
+      {batchOf({good, record("A", std::string(1, '\0'), "", "KEY")}), "record 2: the key path holds a NUL"}};
+  for (const auto& [text, reason] : cases) {
+    const std::string said = import(text);
+    EXPECT_TRUE(contains(said, reason) && contains(said, file_) && contains(said, "nothing was written"))
+        << said;
+    EXPECT_EQ(lqreg(target_, "I2", {"import", file_}).exitCode, 4);
+    EXPECT_EQ(tree(), before) << reason;
+  }
+}
+
+TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
+  set("A", "name", "1");
+  writeFile(file_, "mine");
+  const std::string link = dir_ / "link";
+  std::filesystem::create_symlink(file_, link);
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"import", dir_ / "none.xml"}, "none.xml: No such file"},
+      {{"import", dir_.path()}, "Is a directory"},
+      {{"export", link}, "something else than a file"}};
+  for (const auto& [arguments, reason] : cases) {
+    const ProgramResult result = lqreg(source_, "I1", arguments);
+    EXPECT_EQ(result.exitCode, 4) << result.err;
+    EXPECT_TRUE(result.out.empty() && contains(result.err, reason)) << result.err;
+  }
+  EXPECT_EQ(test_support::readFile(file_), "mine");
+}
+
+}  // namespace
