@@ -117,11 +117,21 @@ class LQ_EXPORT CLqNetwork {
 
   // --- for hosts that report what went over the wire -------------------------------------------------------
 
-  enum class Direction { kSent, kReceived };
-  using Observer = std::function<void(Direction, const CNMessageBase&)>;
+  struct WireEvent {
+    enum class Kind {
+      kSent,      // a message left this process; what the peer made of it shows in what follows
+      kReceived,  // a message came
+      kRefused,   // the peer declined what was sent before, be it that this is only heard at the goodbye
+      kEnded,     // the peer answered the goodbye: it has dealt with everything sent before
+    };
+    Kind kind;
+    const CNMessageBase* message = nullptr;  // what was sent or came; valid during the call
+    std::string reason;                      // of a refusal
+  };
+  using Observer = std::function<void(const WireEvent&)>;
 
-  // Calls `observer` for every message that was sent or received successfully, on the thread that did so; an
-  // empty function takes it away. Set it while no session is in use.
+  // Calls `observer` for every event of every session, on the thread that uses the session; an empty function
+  // takes it away. Set it while no session is in use.
   static void SetObserver(Observer observer);
 
  private:

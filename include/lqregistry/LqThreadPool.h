@@ -39,6 +39,9 @@ class LQ_EXPORT LqThreadPool {
   // Blocks until nothing waits and nothing runs. Not to be called from a work item.
   void waitIdle();
 
+  // Items that wait for a thread or run now.
+  std::size_t pendingCount() const;
+
   // Threads alive now, busy or idle.
   std::size_t threadCount() const;
 

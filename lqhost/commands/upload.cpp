@@ -70,8 +70,8 @@ class ProgressLine {
 int upload() {
   if (!requireJoined()) return kExitNotJoined;
   Progress progress;
-  const WireWatch watch([&progress](CLqNetwork::Direction direction, const OBGui::RegistryTaskResp& batch) {
-    if (direction == CLqNetwork::Direction::kReceived) {
+  const WireWatch watch([&progress](WireWatch::Kind kind, const OBGui::RegistryTaskResp& batch) {
+    if (kind == WireWatch::Kind::kReceived) {
       progress.verdict = batch.taskStatus;
     } else {
       progress.recordsSent = batch.keys->size();

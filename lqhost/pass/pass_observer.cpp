@@ -22,9 +22,9 @@ void reportCallback(
   facts.callbacks.push_back({key.keyPath, key.valueName});
 }
 
-void observe(CLqNetwork::Direction direction, const OBGui::RegistryTaskResp& batch) {
+void observe(WireWatch::Kind kind, const OBGui::RegistryTaskResp& batch) {
   const std::lock_guard lock(factsMutex);
-  if (direction == CLqNetwork::Direction::kSent) {
+  if (kind == WireWatch::Kind::kSent) {
     facts.acknowledged = batch.taskStatus;
     return;
   }

@@ -20,11 +20,11 @@ void WireWatch::install() {
   CLqNetwork::SetObserver(&dispatch);
 }
 
-void WireWatch::dispatch(CLqNetwork::Direction direction, const CNMessageBase& message) {
-  const auto* const batch = messageAs<OBGui::RegistryTaskResp>(&message);
+void WireWatch::dispatch(const CLqNetwork::WireEvent& event) {
+  const auto* const batch = messageAs<OBGui::RegistryTaskResp>(event.message);
   if (batch == nullptr) return;
   for (const WireWatch* watch = innermost; watch != nullptr; watch = watch->outer_)
-    watch->handler_(direction, *batch);
+    watch->handler_(event.kind, *batch);
 }
 
 }  // namespace host

@@ -16,7 +16,8 @@ namespace host {
 // Opened and closed on the same thread, the last opened first closed.
 class WireWatch {
  public:
-  using Handler = std::function<void(CLqNetwork::Direction, const OBGui::RegistryTaskResp&)>;
+  using Kind = CLqNetwork::WireEvent::Kind;
+  using Handler = std::function<void(Kind, const OBGui::RegistryTaskResp&)>;
 
   explicit WireWatch(Handler handler);
   ~WireWatch();
@@ -27,7 +28,7 @@ class WireWatch {
   static void install();
 
  private:
-  static void dispatch(CLqNetwork::Direction direction, const CNMessageBase& message);
+  static void dispatch(const CLqNetwork::WireEvent& event);
 
   Handler handler_;
   WireWatch* outer_;

@@ -103,8 +103,8 @@ class RunWatch {
  private:
   bool received_ = false;
   std::int64_t acknowledged_ = 0;  // the taskStatus sent; 0: none was
-  WireWatch watch_{[this](CLqNetwork::Direction direction, const OBGui::RegistryTaskResp& batch) {
-    if (direction == CLqNetwork::Direction::kReceived) {
+  WireWatch watch_{[this](WireWatch::Kind kind, const OBGui::RegistryTaskResp& batch) {
+    if (kind == WireWatch::Kind::kReceived) {
       received_ = true;
     } else {
       acknowledged_ = batch.taskStatus;

@@ -156,3 +156,8 @@ std::size_t LqThreadPool::threadCount() const {
   const std::lock_guard lock(impl_->mutex);
   return impl_->threads.size();
 }
+
+std::size_t LqThreadPool::pendingCount() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->queue.size() + impl_->running;
+}

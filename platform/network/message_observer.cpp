@@ -28,7 +28,7 @@ void CLqNetwork::SetObserver(Observer observer) {
   registered().observer.swap(shared);
 }
 
-void observeMessage(CLqNetwork::Direction direction, const CNMessageBase& message) {
+void observe(const CLqNetwork::WireEvent& event) {
   std::shared_ptr<const CLqNetwork::Observer> observer;
   {
     const std::lock_guard<std::mutex> lock(registered().mutex);
@@ -36,8 +36,8 @@ void observeMessage(CLqNetwork::Direction direction, const CNMessageBase& messag
   }
   if (observer == nullptr) return;
   try {
-    (*observer)(direction, message);
-  } catch (const std::exception& fault) {  // the message has gone its way; a reporter's fault is no session's
-    ObEvent().Error("observeMessage", "the message observer failed: %s", fault.what());
+    (*observer)(event);
+  } catch (const std::exception& fault) {  // what happened has happened; a reporter's fault is no session's
+    ObEvent().Error("CLqNetwork::Observer", "the message observer failed: %s", fault.what());
   }
 }

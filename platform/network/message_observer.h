@@ -1,6 +1,6 @@
-// The process's observer of messages, as set with CLqNetwork::SetObserver.
+// The process's observer of sessions, as set with CLqNetwork::SetObserver.
 #pragma once
 
 #include "lqregistry/CLqNetwork.h"
 
-void observeMessage(CLqNetwork::Direction direction, const CNMessageBase& message);
+void observe(const CLqNetwork::WireEvent& event);

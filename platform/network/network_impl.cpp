@@ -159,7 +159,7 @@ CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadl
   if (message.serialize(clear.text, true) != 0)
     return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
   CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
-  if (!error.IsError()) observeMessage(Direction::kSent, message);
+  if (!error.IsError()) observe({WireEvent::Kind::kSent, &message, {}});
   return error;
 }
 
@@ -173,6 +173,7 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
     case FrameKind::kMessage:
       break;
     case FrameKind::kRequestRefused:
+      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
       return {kLqErrRequestRefused, "request refused: " + shortened(frame.payload)};
     case FrameKind::kGoodbye:
       return answerGoodbye();
@@ -182,7 +183,7 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
   if (rawText != nullptr) *rawText = frame.payload;
   error = CNMessageBase::fromText(frame.payload, message);
   if (error.IsError()) return {kLqErrBadMessage, error.AsString()};
-  observeMessage(Direction::kReceived, *message);
+  observe({WireEvent::Kind::kReceived, message.get(), {}});
   return {};
 }
 
@@ -193,12 +194,17 @@ CWmError CLqNetwork::Impl::sendRefusal(const std::string& reason) {
 
 CWmError CLqNetwork::Impl::sayGoodbye(const Deadline& deadline) {
   CWmError error = frames->send(FrameKind::kGoodbye, {}, deadline);
-  // What the peer sent before its answer has nobody left to read it.
+  // What the peer sent before its answer has nobody left to read it, except a refusal of what it was sent
+  // last: whoever watches this session has to know that it came to nothing.
   while (!error.IsError()) {
     Frame frame;
     error = frames->receive(frame, deadline);
-    if (!error.IsError() && frame.kind == FrameKind::kGoodbye) {
+    if (error.IsError()) break;
+    if (frame.kind == FrameKind::kRequestRefused)
+      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
+    if (frame.kind == FrameKind::kGoodbye) {
       frames->connection().shutdown();
+      observe({WireEvent::Kind::kEnded, nullptr, {}});
       break;
     }
   }
