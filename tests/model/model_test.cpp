@@ -242,6 +242,11 @@ struct Order {
 
 // Runs one step of the machine in this process.
 int perform(const Order& order, const std::string& pushed) {
+  oblog::Settings quiet;
+  quiet.toStandardError = false;
+  oblog::Configure(quiet);
+  OBGui::RegisterSubsystem();
+  LQPI_Focus::setFocus("Instance001");
   lqregistry::UseFile(order.registry);
   pstring::UseKeyFile(std::string(order.registry) + ".key");
   frozenClock = order.now;
