@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "lqregistry/App.h"
+#include "lqregistry/LqEntities.h"
 #include "lqregistry/OBGui.h"
 
 namespace {
@@ -30,9 +31,27 @@ TEST(MessageIdentity, OfEveryClassIsFixed) {
   EXPECT_EQ(identityOf(OBGui::RegistryStaticKeyReq()), "OBGui.RegistryStaticKeyReq 13,46");
   EXPECT_EQ(identityOf(App::KeyInfoList()), "App.KeyInfoList 30,377 keys:1,1");
   EXPECT_EQ(identityOf(App::FetchClientRegistry()), "App.FetchClientRegistry 30,505 keyInfo:1,1");
+  EXPECT_EQ(identityOf(LqEntities::ClientEntity()), "LqEntities.Client 2,1 clientId:0,0");
   EXPECT_EQ(OBGui::kTaskSuccess, 3);
   EXPECT_EQ(OBGui::kTaskFailed, 1);
   EXPECT_EQ(OBGui::kTaskUpload, 2);
+}
+
+// A process in which nobody has built a message yet knows a class by its name once its namespace is
+// registered.
+TEST(MessageIdentity, AClassIsKnownOnceItsNamespaceIsRegistered) {
+  const struct {
+    void (*registerNamespace)();
+    const char* text;
+  } namespaces[] = {{LqEntities::RegisterSubsystem, "<LqEntities.Association id=\"1\"/>"},
+                    {OBGui::RegisterSubsystem, "<OBGui.RegistryStaticKeyReq/>"},
+                    {App::RegisterSubsystem, "<App.GenericResp/>"}};
+  for (const auto& n : namespaces) {
+    std::unique_ptr<CNMessageBase> message;
+    EXPECT_TRUE(CNMessageBase::fromText(n.text, message).IsError()) << n.text;
+    n.registerNamespace();
+    EXPECT_FALSE(CNMessageBase::fromText(n.text, message).IsError()) << n.text;
+  }
 }
 
 }  // namespace
