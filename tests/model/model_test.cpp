@@ -216,7 +216,7 @@ std::vector<Step> historyOf(unsigned seed, int steps) {
     step.record.name = names[static_cast<std::size_t>(below(8))];
     step.record.value = values[static_cast<std::size_t>(below(5))];
     if (step.kind == Step::kSet) {
-      step.step = below(4000) - 1000;
+      step.step = below(5) == 0 ? 0 : below(4000) - 1000;  // an expiry at this very second, too
       step.record.deleteFlag = below(6) == 0 ? 1 : 0;
       step.record.enabledFlag = below(9) == 0 ? 0 : 1;
       if (step.record.name == "sSECRET") step.record.type = "ENCRYPTED";
@@ -242,6 +242,11 @@ struct Order {
 
 // Runs one step of the machine in this process.
 int perform(const Order& order, const std::string& pushed) {
+  oblog::Settings quiet;
+  quiet.toStandardError = false;
+  oblog::Configure(quiet);
+  OBGui::RegisterSubsystem();
+  LQPI_Focus::setFocus("Instance001");
   lqregistry::UseFile(order.registry);
   pstring::UseKeyFile(std::string(order.registry) + ".key");
   frozenClock = order.now;
