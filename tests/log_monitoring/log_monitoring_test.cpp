@@ -38,7 +38,7 @@ class LogMonitoring : public ProductTest {
 
   void useHelper(const std::string& library) const {
     fs::remove(helper_);
-    fs::create_symlink(std::string(LQ_LIB_DIR) + "/" + library, helper_);
+    fs::copy_file(std::string(LQ_LIB_DIR) + "/" + library, helper_);
   }
 
   // What the helper was called with since it was last asked.
@@ -62,7 +62,10 @@ class LogMonitoring : public ProductTest {
     const std::string unloadable = "Failed to load library [" + helper_ + "] error [";
     return {{[this] { useHelper("libforeign_library.so"); },
              "Failed to load procedure [" + procedure + "] from library [" + helper_ + "], error[" + helper_},
+            {[this] { fs::permissions(helper_, fs::perms::group_write, fs::perm_options::add); },
+             unloadable + helper_ + ": not trusted"},
             {[this] { fs::remove(helper_); }, unloadable + helper_},
+            {[] { setValue("Base", "dBASEHOME", ""); }, "Failed to load library [/libLqLMHelper.so] error ["},
             {[] { removeValue("Base", "dBASEHOME"); }, "Failed to load library [/libLqLMHelper.so] error ["}};
   }
 
