@@ -1,13 +1,13 @@
 // lqhost: the host service of a client machine. The command line is here; each command has a file of its own.
-#include <sys/stat.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "common/log_options.h"
+#include "common/program_start.h"
 #include "lqhost/commands/join.h"
 #include "lqhost/commands/monitor.h"
 #include "lqhost/commands/refresh.h"
@@ -21,9 +21,6 @@
 #include "lqregistry/LqRegistryFile.h"
 
 namespace {
-
-// Whatever is created is for its owner only.
-constexpr mode_t kPrivate = 077;
 
 constexpr const char* kDefaultInstance = "Instance001";
 
@@ -129,13 +126,16 @@ CLI::App* describeRun(CLI::App& app, CommandLine& line) {
   return run;
 }
 
-int runJoin(const CommandLine& line) {
-  host::JoinFile file;
+// The join file is read as whoever started this, who may be the only one that it is for.
+bool readJoinFile(const CommandLine& line, host::JoinFile& file) {
   std::string error;
-  if (!host::readJoinFile(line.joinFile, file, error)) {
-    std::fprintf(stderr, "lqhost: %s\n", error.c_str());
-    return host::kExitUsage;
-  }
+  if (host::readJoinFile(line.joinFile, file, error)) return true;
+  std::fprintf(stderr, "lqhost: %s\n", error.c_str());
+  return false;
+}
+
+int runJoin(const CommandLine& line, const host::JoinFile& file) {
+  std::string error;
   if (!host::join(file, line.join, error)) {
     std::fprintf(stderr, "lqhost: %s\n", error.c_str());
     return host::kExitNotJoined;
@@ -149,14 +149,16 @@ int runJoin(const CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ::umask(kPrivate);
+  programs::beginProgram();
   CLI::App app(
       "The host service of a client machine: joins a management server and synchronises its registry.",
       "lqhost");
   CommandLine line;
   describe(app, line);
   std::function<int()> command;
-  describeJoin(app, line)->callback([&] { command = [&line] { return runJoin(line); }; });
+  host::JoinFile joinFile;
+  CLI::App* const join = describeJoin(app, line);
+  join->callback([&] { command = [&] { return runJoin(line, joinFile); }; });
   describeSync(app, line)->callback([&] { command = [&line] { return host::sync(line.sync); }; });
   app.add_subcommand("refresh", "Reapply the cached settings once now, and report what changed")
       ->callback([&] { command = &host::refresh; });
@@ -182,7 +184,14 @@ int main(int argc, char** argv) try {
     return app.exit(error) == 0 ? host::kExitOk : host::kExitUsage;
   }
 
+  if (join->parsed() && !readJoinFile(line, joinFile)) return host::kExitUsage;
   if (!line.registry.empty()) lqregistry::UseFile(line.registry);
+  std::vector<std::string> places{lqregistry::File()};
+  if (join->parsed()) places.push_back(host::baseDirectoryFor(line.join));
+  if (const CWmError error = programs::becomeServiceUser(places); error.IsError()) {
+    std::fprintf(stderr, "lqhost: %s\n", error.AsString());
+    return host::kExitNotJoined;
+  }
   // Both, because the product lets the variable override the focus; and before any thread runs.
   setenv(kInstanceVariable, line.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   LQPI_Focus::setFocus(line.instance.c_str());

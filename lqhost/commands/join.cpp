@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lqregistry/CLqNetwork.h"
+#include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -29,8 +30,13 @@ std::string systemHostName() {
 bool makeDirectory(const std::string& path, std::string& error) {
   std::error_code failure;
   std::filesystem::create_directories(path, failure);
-  if (failure) error = "cannot create the directory " + path + ": " + failure.message();
-  return !failure;
+  if (failure) {
+    error = "cannot create the directory " + path + ": " + failure.message();
+  } else {
+    // What lies there is loaded, applied and believed later on.
+    error = FXFile::CheckTrusted(path).AsString();
+  }
+  return error.empty();
 }
 
 // As it stands when the working directory is gone.
@@ -75,6 +81,11 @@ std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options
 }
 
 }  // namespace
+
+std::string baseDirectoryFor(JoinOptions options) {
+  fillDefaults(options);
+  return options.base;
+}
 
 bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
   std::map<std::string, std::string> entries;

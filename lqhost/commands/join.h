@@ -26,6 +26,9 @@ struct JoinOptions {
 
 inline constexpr const char* kDefaultHome = "/opt/velmor";
 
+// The base directory that joining with these options uses.
+std::string baseDirectoryFor(JoinOptions options);
+
 // Reads and checks a join file. False with the reason in `error`.
 bool readJoinFile(const std::string& path, JoinFile& file, std::string& error);
 
