@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 
+#include "common/text_table.h"
 #include "lqreg/registry_commands.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
@@ -137,7 +138,7 @@ int main(int argc, char** argv) {
   try {
     return run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "lqreg: %s\n", error.what());
+    std::fprintf(stderr, "lqreg: %s\n", programs::escapedForTerminal(error.what()).c_str());
     return kExitUnavailable;
   }
 }

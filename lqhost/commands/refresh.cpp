@@ -34,17 +34,16 @@ int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
 }  // namespace
 
 CommandResult refreshNow(Passes& passes) {
-  if (const auto reason = standingNote()) return synchroniseInstead(passes, *reason);
   std::string error;
   const std::optional<CachedSettings> cached = readCachedSettings(error);
-  if (!cached) return complaint(kExitFailed, "nothing to reapply: " + error);
+  if (!cached && !standingNote()) return complaint(kExitFailed, "nothing to reapply: " + error);
   PassDetails details;
-  details.batch = cached->keys;
+  if (cached) details.batch = cached->keys;
   for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(heldValue(key));
 
   LqPeriodicTaskStatus status;
   const RefreshResult refreshed = passes.refresh(status);
-  if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);  // noted meanwhile
+  if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
   const BatchReport report = reportOf(details);
   const std::optional<CachedSettings> kept = readCachedSettings(error);
   CommandResult result;

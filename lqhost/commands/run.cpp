@@ -1,6 +1,6 @@
 // `lqhost run`: the resident host service. Loads the product and the host's modules once, runs the periodic
 // tasks, serves the server's requests and this machine's commands, and stops in order when it is asked to.
-#include <cstdio>
+#include <chrono>
 #include <memory>
 
 #include "common/host_service.h"
@@ -12,6 +12,7 @@
 #include "lqhost/service/request_service.h"
 #include "lqhost/service/resident.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
 
 namespace host {
@@ -19,6 +20,8 @@ namespace host {
 namespace {
 
 constexpr const char* kTag = "host::run";
+// How long the end waits for callbacks; within what the unit allows for a stop, with the rest of it.
+constexpr std::chrono::seconds kCallbackWait{8};
 
 struct RunOptions {
   std::string address = "0.0.0.0";
@@ -76,9 +79,10 @@ class Schedule {
   PeriodicTask refresh_;
 };
 
-// Lets callbacks end that passes have queued, while the modules that they belong to are still whole.
+// Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
+// not run by then is logged.
 void awaitCallbacks() {
-  if (LqRegistryChangeMgr::instance != nullptr) LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+  if (LqRegistryChangeMgr::instance != nullptr) LqRegistryChangeMgr::callBackThreadPool.drain(kCallbackWait);
 }
 
 // Until a stop signal comes; everything under way has ended when it returns.
@@ -112,6 +116,7 @@ int run(const RunOptions& options) {
   const programs::StopSignals signals;
   if (const CWmError error = becomeResident(); error.IsError())
     return print(complaint(kExitFailed, error.AsString()));
+  if (std::string damage; !lqregistry::Check(damage)) return print(complaint(kExitNotJoined, damage));
   ProductLibrary product;
   Passes passes(product);
   if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));

@@ -101,6 +101,10 @@ int addTask(std::string& text, const std::string& label, const Task& task, bool 
 int addUnsettled(std::string& text) {
   const std::optional<UnsettledNote> note = standingNote();
   if (!note) return kExitOk;
+  if (isUnderWay(*note)) {
+    addLine(text, "unsettled", "a synchronisation is under way");
+    return kExitOk;
+  }
   addLine(text, "unsettled", unsettledText(*note) + "; no refresh before a synchronisation has stored it");
   return exitCodeOf(note->why);
 }
@@ -174,7 +178,11 @@ int status() {
   worst = worseOf(worst, addTask(result.out, "last refresh", kRefreshTask, isResident));
   worst = worseOf(worst, addUnsettled(result.out));
   worst = worseOf(worst, addResident(result.out));
-  result.exitCode = worseOf(worst, addCache(result.out));
+  worst = worseOf(worst, addCache(result.out));
+  std::string damage;
+  const bool isSound = lqregistry::Check(damage);
+  addLine(result.out, "registry", isSound ? "sound" : "damaged: " + programs::escapedForTerminal(damage));
+  result.exitCode = isSound ? worst : kExitNotJoined;
   return print(result);
 }
 

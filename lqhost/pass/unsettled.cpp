@@ -5,6 +5,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <sstream>
@@ -31,6 +33,7 @@ constexpr std::array<const char*, 5> kWords = {"synchronisation", "push", "cache
 std::mutex noteMutex;                       // the same within the process
 std::optional<UnsettledNote> onlyInMemory;  // a note that could not be written; guarded by noteMutex
 
+// Begins with the process, see isUnderWay.
 std::string newToken() {
   static std::atomic<unsigned> count{0};
   timespec now{};
@@ -87,6 +90,11 @@ FileLock lockNote() {
 std::optional<UnsettledNote> standingNote() {
   const std::lock_guard lock(noteMutex);
   return readNote();
+}
+
+bool isUnderWay(const UnsettledNote& note) {
+  const auto process = static_cast<pid_t>(std::strtol(note.token.c_str(), nullptr, 10));
+  return note.why == Unsettled::kPass && process > 0 && (::kill(process, 0) == 0 || errno == EPERM);
 }
 
 std::string unsettledText(const UnsettledNote& note) {

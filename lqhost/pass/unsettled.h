@@ -41,6 +41,9 @@ struct UnsettledNote {
 // The note that stands for the instance in focus; a file that cannot be understood counts as one.
 std::optional<UnsettledNote> standingNote();
 
+// Whether the process that wrote the note is still at it; otherwise it was killed.
+bool isUnderWay(const UnsettledNote& note);
+
 // What the note says, for people, in one line.
 std::string unsettledText(const UnsettledNote& note);
 

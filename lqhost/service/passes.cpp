@@ -63,6 +63,23 @@ void endPass(UnsettledWork& work, const PassResult& result) {
   }
 }
 
+// A refresh that ran has rewritten the cache. A write that failed leaves it empty: there is nothing to
+// reapply any more, until a synchronisation stores another.
+RunOutcome judgeRefresh(const CacheWatch& cache) {
+  switch (cache.fate(std::numeric_limits<std::size_t>::max())) {
+    case CacheFate::kStored:
+      return RunOutcome::kDone;
+    case CacheFate::kUnreadable:
+      return RunOutcome::kCacheUnreadable;
+    case CacheFate::kKept:
+    case CacheFate::kLost:
+      break;
+  }
+  if (CacheWatch().wasThere()) return RunOutcome::kFailed;  // it did not get to work; the log tells why
+  const UnsettledWork stays(Unsettled::kCacheLost);
+  return RunOutcome::kCacheLost;
+}
+
 }  // namespace
 
 Passes::Passes(ProductLibrary& product)
@@ -123,13 +140,7 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   const int taskResult = refreshTimer_(&status);
   RefreshResult result;
   if (taskResult != 0) result.outcome = RunOutcome::kFailed;
-  // It rewrites the cache, and a write that fails leaves an empty one: nothing to reapply any more.
-  if (cache.wasThere()) {
-    const CacheFate fate = cache.fate(std::numeric_limits<std::size_t>::max());
-    if (fate == CacheFate::kUnreadable) result.outcome = RunOutcome::kCacheUnreadable;
-    if (fate == CacheFate::kLost) result.outcome = RunOutcome::kCacheLost;
-    if (fate == CacheFate::kLost) const UnsettledWork stays(Unsettled::kCacheLost);
-  }
+  if (cache.wasThere() && taskResult == 0) result.outcome = judgeRefresh(cache);
   status.setLastRunTime(started);
   noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.outcome);
   return result;

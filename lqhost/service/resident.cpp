@@ -31,11 +31,13 @@ constexpr std::chrono::milliseconds kRetryEvery{50};
 constexpr int kForever = -1;
 constexpr std::size_t kMaxLine = 128;
 
-// Callers: waiting for a thread, seconds until a spare thread ends, threads at most, threads that stay.
-constexpr std::uint64_t kMaxWaiting = 32;
+// Commands: seconds until a spare thread ends, callers waiting until another thread joins, threads at most,
+// threads that stay; and how many may be answered or wait.
 constexpr std::uint64_t kIdleSeconds = 30;
+constexpr std::uint64_t kCallersPerThread = 1;
 constexpr std::uint32_t kMaxThreads = 4;
 constexpr std::uint32_t kMinThreads = 1;
+constexpr std::size_t kMaxCallers = 64;
 
 CWmError systemError(const std::string& what) {
   return {kLqErrFile, what + ": " + std::system_category().message(errno)};
@@ -205,7 +207,7 @@ struct ResidentSocket::Caller {
 
 CWmError ResidentSocket::serve(Commands commands) {
   commands_ = std::move(commands);
-  if (!pool_.initThreadPool("lqhost-commands", kMaxWaiting, kIdleSeconds, kMaxThreads, kMinThreads))
+  if (!pool_.initThreadPool("lqhost-commands", kIdleSeconds, kCallersPerThread, kMaxThreads, kMinThreads))
     return {kLqErrFile, "the system gives no thread to answer commands with"};
   acceptor_ = std::thread([this] { accept(); });
   return {};
@@ -216,7 +218,8 @@ void ResidentSocket::accept() {
     auto_handle connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     // Greeted here, so that a caller learns that somebody is at home however long the commands before it
     // take.
-    if (!connection.isValid() || !isPeerTrusted(connection.get()) || !sendAll(connection.get(), kGreeting))
+    if (!connection.isValid() || pool_.pendingCount() >= kMaxCallers || !isPeerTrusted(connection.get()) ||
+        !sendAll(connection.get(), kGreeting))
       continue;
     auto caller = std::make_unique<Caller>(Caller{this, std::move(connection)});
     if (pool_.doWork(&answerOnPool, caller.get()) == 0) static_cast<void>(caller.release());

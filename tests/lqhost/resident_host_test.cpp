@@ -86,7 +86,9 @@ TEST_F(ResidentHost, CommandsAreCarriedOutByTheResidentHost) {
   EXPECT_EQ(countOf(*host, "Task [AdditionalSettingsRefresh] ended"), refreshes + 1);
   EXPECT_EQ(lqhost({"upload"}).exitCode, 0);
   EXPECT_TRUE(contains(host->output(), "Received Success Response")) << host->output();
-  EXPECT_TRUE(contains(lqhost({"status"}).out, "callbacks     0 wait in the resident host"));
+  const std::string status = lqhost({"status"}).out;
+  EXPECT_TRUE(contains(status, "callbacks     0 wait in the resident host")) << status;
+  EXPECT_TRUE(contains(status, "registry      sound")) << status;
   const auto watching = lqhost({"sync", "--watch", "Machine/Settings", "nTraceLevel"});
   EXPECT_EQ(watching.exitCode, 1);
   EXPECT_TRUE(contains(watching.err, "--watch is for machines without a resident host")) << watching.err;
@@ -113,6 +115,7 @@ TEST_F(ResidentHost, APushHolds) {
   EXPECT_TRUE(becomesTrue([&] { return countOf(*host, kPassDone) > passes; })) << "a pass follows at once";
   EXPECT_EQ(lqhost({"refresh"}).exitCode, 0);
   EXPECT_EQ(valueOf("Limits", "nMAX"), "11");
+  EXPECT_EQ(countOf(*host, kPassDone), passes + 1) << "once";
 
   EXPECT_EQ(server->stop(), 0);
   expectOk({"set", "web-1", "Limits", "nMAX", "12"});

@@ -126,6 +126,7 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   {
     UnsettledWork pass(Unsettled::kPass);
     EXPECT_EQ(standing(), Unsettled::kPass);
+    expectStatus(1, "a synchronisation is under way");  // 1: there is no cache yet
     UnsettledWork push(Unsettled::kPush);
     pass.settle();
     EXPECT_EQ(standing(), Unsettled::kPush) << "the pass began before the push";
@@ -148,6 +149,7 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
       << "since the first";
   test_support::writeFile(noteFile(), "");
   EXPECT_EQ(standing(), Unsettled::kPass) << "a note that cannot be understood is one";
+  expectStatus(1, "has not stored the settings cache");
 
   // Where it cannot be written it stands in memory, for this process.
   std::filesystem::remove(noteFile());
