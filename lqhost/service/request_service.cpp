@@ -4,6 +4,7 @@
 
 #include "common/host_service.h"
 #include "lqhost/instance.h"
+#include "lqhost/service/passes.h"
 #include "lqregistry/App.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqCommunicationManagerClnt.h"
@@ -53,14 +54,24 @@ void decline(CLqNetwork& session, const std::string& reason) {
   session.ReplyDisconnect(kGoodbyeSeconds, peerGone);
 }
 
+// Applies a pushed batch. False when this client does not know its own id; nothing was applied then.
+bool applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+  PushScope push;
+  const bool isKnown = client.serverRequestHandler(batch) != 0;
+  if (!isKnown) push.withdraw();
+  return isKnown;
+}
+
 void answerPush(CLqNetwork& session, OBGui::RegistryTaskResp& batch) {
   LqRegistryManagerClnt client(instanceName());
   ObEvent().Debug(kTag, "The server pushes %zu records", batch.keys->size());
-  if (client.serverRequestHandler(batch) == 0) {
+  if (!applyPush(client, batch)) {
     decline(session, "this client does not know its own id");
-  } else {
-    send(session, *client.sendMessage);
+    return;
   }
+  send(session, *client.sendMessage);
+  // What was pushed is not in the settings cache; the download that follows puts it there.
+  wantDownload();
 }
 
 void answerFetch(CLqNetwork& session, App::FetchClientRegistry& fetch) {

@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* kAbsolutePath = "SOFTWARE/";
 constexpr char kInstanceRoot = '~';
+// A client cannot tell the server which of the two it is.
+constexpr const char* kNotFetched = "not there, or 1,024 bytes or more";
 
 // The batch to push. The client is told its own id, whoever's batch the file holds.
 int readPushed(const DataStore& store, const std::string& client, const std::string& file,
@@ -113,9 +115,13 @@ int fetchValues(const DataStore& store, const std::string& client, const std::st
     const App::KeyList& found = answer.keyInfo->keys;
     const bool isFound = !found.empty() && found[0].value.isSet();
     isWhole = isWhole && isFound;
-    table.addRow({name, isFound ? found[0].value.get() : "not found"});
+    table.addRow({name, isFound ? found[0].value.get() : kNotFetched});
   }
   print(table.text());
+  if (!isWhole)
+    complain(kExitRefused,
+             "a fetch has no room for longer values; `lqhost upload` on the client brings those "
+             "of up to 10,239 bytes");
   return isWhole ? kExitOk : kExitRefused;
 }
 
