@@ -1,5 +1,6 @@
 #include "overhub/commands/client_requests.h"
 
+#include <string_view>
 #include <utility>
 
 #include "common/machine_identity.h"
@@ -57,6 +58,19 @@ App::FetchClientRegistry fetchOf(const std::string& path, const std::string& nam
   key.valueName = name;
   key.valueType = std::string(kTypeString);
   return request;
+}
+
+// A payload for people, as the client's lines: the breaks between them are all that a terminal gets to act
+// on.
+std::string linesForTerminal(std::string_view payload) {
+  std::string lines;
+  for (;;) {
+    const std::size_t end = payload.find('\n');
+    lines += programs::escapedForTerminal(payload.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    lines += '\n';
+    payload.remove_prefix(end + 1);
+  }
 }
 
 int readPayload(std::string& payload) {
@@ -142,6 +156,6 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  print(answer.payload.get() + '\n');
+  print(linesForTerminal(answer.payload.get()) + '\n');
   return kExitOk;
 }
