@@ -248,7 +248,6 @@ int perform(const Order& order, const std::string& pushed) {
   OBGui::RegisterSubsystem();
   LQPI_Focus::setFocus("Instance001");
   lqregistry::UseFile(order.registry);
-  pstring::UseKeyFile(std::string(order.registry) + ".key");
   frozenClock = order.now;
   callsUntilDeath = order.callsUntilDeath;
   LqRegistryManagerClnt client("Instance001");
