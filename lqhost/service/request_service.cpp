@@ -23,11 +23,13 @@ constexpr int kRequestSeconds = 60;
 constexpr int kAnswerSeconds = 60;
 constexpr int kGoodbyeSeconds = 10;
 
-// Sessions: waiting for a thread, seconds until a spare thread ends, threads at most, threads that stay.
-constexpr std::uint64_t kMaxWaiting = 32;
+// Sessions: seconds until a spare thread ends, sessions waiting until another thread joins, threads at most,
+// threads that stay; and how many may be served or wait, because the pool itself refuses none.
 constexpr std::uint64_t kIdleSeconds = 30;
+constexpr std::uint64_t kSessionsPerThread = 1;
 constexpr std::uint32_t kMaxThreads = 16;
 constexpr std::uint32_t kMinThreads = 1;
+constexpr std::size_t kMaxWaiting = 32;
 
 // The server proves itself with the key that this client and the server share.
 bool findKey(const std::string& identity, std::string& key) {
@@ -138,7 +140,7 @@ CWmError RequestService::start(const std::string& address, std::uint16_t port) {
   LqEntities::RegisterSubsystem();
   CWmError error = listener_.open(address, port);
   if (error.IsError()) return error;
-  if (!pool_.initThreadPool("lqhost-requests", kMaxWaiting, kIdleSeconds, kMaxThreads, kMinThreads))
+  if (!pool_.initThreadPool("lqhost-requests", kIdleSeconds, kSessionsPerThread, kMaxThreads, kMinThreads))
     return {kLqErrConnect, "the system gives no thread to serve requests with"};
   acceptor_ = std::thread([this] { acceptSessions(); });
   return {};
@@ -147,9 +149,9 @@ CWmError RequestService::start(const std::string& address, std::uint16_t port) {
 void RequestService::acceptSessions() {
   while (std::unique_ptr<CLqNetwork> session = listener_.accept()) {
     CLqNetwork* const handedOver = session.release();
-    if (pool_.doWork(&serveOnPool, handedOver) == 0) continue;
-    ObEvent().Error(kTag, "A session was dropped: %llu wait already",
-                    static_cast<unsigned long long>(kMaxWaiting));
+    if (pool_.pendingCount() < kMaxThreads + kMaxWaiting && pool_.doWork(&serveOnPool, handedOver) == 0)
+      continue;
+    ObEvent().Error(kTag, "A session was dropped: %zu wait already", kMaxWaiting);
     delete handedOver;
   }
 }
