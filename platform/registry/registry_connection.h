@@ -109,7 +109,6 @@ class Connection {
   int firstRow(const char* sql, std::string& text);
   int execute(const char* sql);
 
-  std::string path_;
   sqlite3* database_ = nullptr;
   std::string path_;
   std::chrono::milliseconds wait_{0};

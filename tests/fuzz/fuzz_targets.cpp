@@ -18,6 +18,8 @@
 #include "lqhost/commands/join.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
 #include "overhub/commands/join_file.h"
@@ -79,6 +81,21 @@ void recordRoundTrip(const std::string& bytes) {
 constexpr const char* kIdentity = "fuzz";
 constexpr std::uint16_t kPort = 8400;
 
+constexpr int kSeconds = 10;  // for the callee to see the end; the caller closes at once
+
+// The callee's part of attaching, for listeners that take the attach request themselves and for those that do
+// not.
+template <class Session>
+CWmError takeAttach(Session& session) {
+  lqsExecuteRemoteDllType library{};
+  std::string name;
+  if constexpr (requires { session.AcceptAttach(library, name, kSeconds); }) {
+    return session.AcceptAttach(library, name, kSeconds);
+  } else {
+    return session.AcceptAttach(library, name);
+  }
+}
+
 // A caller who holds the key and then sends these bytes inside the session.
 void caller(const std::string& bytes, bool isAttached) {
   static const std::string address = test_support::uniqueLoopbackAddress();
@@ -103,10 +120,7 @@ void caller(const std::string& bytes, bool isAttached) {
   });
   const auto session = listener.accept();
   demand(session != nullptr, "the caller is accepted");
-  lqsExecuteRemoteDllType library{};
-  std::string callerName;
-  constexpr int kSeconds = 10;  // for the callee to see the end; the caller closes at once
-  if (session->AcceptAttach(library, callerName, kSeconds).IsError()) return;
+  if (takeAttach(*session).IsError()) return;
   session->ConfirmAttach();
   bool peerGone = false;
   std::unique_ptr<CNMessageBase> message;
@@ -223,7 +237,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     oblog::Settings quiet;
     quiet.toStandardError = false;
     oblog::Configure(quiet);
-    pstring::UseKeyFile(folder / "key");
+    lqregistry::UseFile(folder / "registry.db");
+    LQPI_Focus::setFocus("Instance001");
+    LQPlatformInfo registry;  // the protection key belongs to a registry that is there
+    demand(registry.setString("Fuzz", "sMADE", "1", 0) != 0, "a registry can be made");
     OBGui::RegisterSubsystem();
     App::RegisterSubsystem();
     return chosenTarget();

@@ -248,7 +248,6 @@ int perform(const Order& order, const std::string& pushed) {
   OBGui::RegisterSubsystem();
   LQPI_Focus::setFocus("Instance001");
   lqregistry::UseFile(order.registry);
-  pstring::UseKeyFile(std::string(order.registry) + ".key");
   frozenClock = order.now;
   callsUntilDeath = order.callsUntilDeath;
   LqRegistryManagerClnt client("Instance001");
@@ -364,6 +363,7 @@ class Machine : public ProductTest {
     if (acknowledgement.unserialize(request) == 0) {
       acknowledged_ = acknowledgement.taskStatus;
     } else {
+      const std::lock_guard lock(mutex_);
       peer.writeFrame(PeerSession::kMessage, replyText_);
     }
     peer.answerGoodbye();
@@ -414,7 +414,10 @@ class Machine : public ProductTest {
     }
     isReachable_ = step.kind == Step::kPass;
     acknowledged_ = 0;
-    replyText_ = batchText(keysOf(model_.server));
+    {
+      const std::lock_guard lock(mutex_);
+      replyText_ = batchText(keysOf(model_.server));
+    }
     const std::string push = batchText(keysOf(pushed));
     Order order{};
     std::strncpy(order.registry, registryFile_.c_str(), sizeof order.registry - 1);
@@ -460,6 +463,7 @@ class Machine : public ProductTest {
 
   const Starter& starter_;
   Model model_;
+  std::mutex mutex_;  // guards the text, which the server's thread sends
   std::string replyText_;
   std::atomic<bool> isReachable_{false};
   std::atomic<std::int64_t> acknowledged_{0};
