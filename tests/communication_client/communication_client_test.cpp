@@ -81,6 +81,7 @@ TEST_F(CommunicationClient, TheHandlerOfTheTypeMakesTheAnswer) {
 
 TEST_F(CommunicationClient, ARequestThatNoHandlerAnswersIsAnsweredWithTheReason) {
   LqCommunicationManagerClnt client("");
+  LqCommunicationManagerClnt::registerCallBackFunction(7, &greet);
   LqCommunicationManagerClnt::registerCallBackFunction(8, &throwInTheMiddle);
   LqCommunicationManagerClnt::registerCallBackFunction(9, &throwANumber);
   LqCommunicationManagerClnt::registerCallBackFunction(10, nullptr);
@@ -92,7 +93,7 @@ TEST_F(CommunicationClient, ARequestThatNoHandlerAnswersIsAnsweredWithTheReason)
     const char* text;
     const char* line;
   } cases[] = {
-      {4294967303, 1, missing, "not implemented for [4294967303]"},
+      {4295032839, 1, missing, "not implemented for [4295032839]"},  // 7 by its low 16 bits only
       {4294967304, 2, threw, "for [4294967304] ended with an exception: no such door"},
       {9, 2, threw, "for [9] ended with an exception"},
       {10, 1, missing, "not implemented for [10]"},
@@ -186,6 +187,15 @@ TEST_F(CommunicationClient, AFailedExchangeLeavesAClientThatConnectsAgain) {
                        },
                        answering("<App.NoSuchClass/>"), answering(kReply)});
   LqCommunicationManagerClnt client("");
+  {
+    client.setXMLSendObj(&message_);
+    const oblog::Capture log(2);
+    EXPECT_FALSE(client.messageOperationsRequest()) << "there is no connection yet";
+    EXPECT_TRUE(hasLine(log, "plain|" + kPrefix + "sendXMLMessage|Failed to send message [" +
+                                 std::to_string(App::AppCommunicationMessageReq::kTag) + "], Error ["));
+    EXPECT_EQ(linesOf(log).back(), kSendFailed);
+    client.setXMLSendObj(nullptr);
+  }
   {
     const oblog::Capture log(2);
     EXPECT_FALSE(client.networkOperationsRequest()) << "there is no message yet";

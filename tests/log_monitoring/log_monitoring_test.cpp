@@ -5,7 +5,9 @@
 
 #include <filesystem>
 
+#include "lqregistry/ClientProperties.h"
 #include "lqregistry/LQClient.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "tests/support/product_fixture.h"
 
 namespace {
@@ -139,6 +141,19 @@ TEST_F(LogMonitoring, ThePropertyIsReadAsYesOrNo) {
     EXPECT_EQ(checkLogs(), 0);
     EXPECT_EQ(calls(), isEnabled ? "space 4294967338\n" : "") << text;
   }
+  removeValue(kProperties, "AnalyticSearchEngineEnabled");
+  EXPECT_EQ(checkLogs(), 0);
+  EXPECT_EQ(calls(), "");
+
+  const ClientProperties properties(kId);
+  ApplNativeProperty property;
+  const auto read = [&](int type, int flag) {
+    return properties.getNativeProperty("sABSENT", type, "yes", flag, property) == 0;
+  };
+  EXPECT_TRUE(read(kPropertyBoolean, 0) && property.getBooleanValue()) << "the default's text";
+  EXPECT_FALSE(read(kPropertyBoolean + 1, 0) || read(kPropertyBoolean, 1));
+  lqregistry::UseFile(dir_.path().string());  // a directory is no registry
+  EXPECT_FALSE(read(kPropertyBoolean, 0)) << "what cannot be read is not absent";
 }
 
 TEST_F(LogMonitoring, AFailedCheckLeavesTheWorkDirectoryAlone) {
@@ -167,7 +182,8 @@ TEST_F(LogMonitoring, AFailedCheckLeavesTheWorkDirectoryAlone) {
 TEST_F(LogMonitoring, OnlyTheFilesOfThatNameAreCleared) {
   setValue("Machine", "nPLATFORMTYPE", kServer);
   const std::string folder = dir_ / "home/LM/";
-  const Lines kept = {dir_ / "LMoutside", folder + "lm1", folder + "XLM1", folder + "LMfolder/LM1"};
+  const Lines kept = {dir_ / "LMoutside", folder + "lm1", folder + "L1", folder + "XLM1",
+                      folder + "LMfolder/LM1"};
   const Lines gone = {workFile_, folder + "LM", folder + "LM two\nlines.log"};
   fs::create_directories(folder + "LMfolder");
   for (const Lines& files : {kept, gone})
@@ -205,6 +221,7 @@ TEST_F(LogMonitoring, TheAlertRuleNeedsTheIndexServer) {
     log_.Clear();
   }
   removeValue("Base", "dVELMORHOME");
+  setValue("Packages", "nPACKAGE_1306", "0");  // the directory is asked for first
   EXPECT_EQ(processAlerts(), 1);
   EXPECT_EQ(lines(), Lines{"0|" + kAlert + "Failed to get the velmor directory path"});
 }

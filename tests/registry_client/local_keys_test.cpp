@@ -76,12 +76,12 @@ TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
 }
 
 TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
-  for (const char* name : {"Local", "local", "LOCAL"}) {
+  const std::pair<const char*, std::int32_t> accepted[] = {
+      {"Local", kRegStatusKeyMissing}, {"local", kRegStatusValueMissing}, {"LOCAL", kRegStatusValueMissing}};
+  for (const auto& [name, status] : accepted) {
     const OBGui::RegistryKeyInfo key = record("Clients", name, "", "KEY");
     EXPECT_EQ(client_.createRegistryKey(&key), 0);
-    EXPECT_EQ(client_.regStatus,
-              name[1] == 'o' && name[0] == 'L' ? kRegStatusKeyMissing : kRegStatusValueMissing)
-        << "as the look at a value of that name left it";
+    EXPECT_EQ(client_.regStatus, status) << "as the look at a value of that name left it";
     EXPECT_EQ(valueOf(std::string("Clients/") + name, ".internal.unique_id"), "0");
   }
   const OBGui::RegistryKeyInfo absolute = record("SOFTWARE/Clients", "Local", "", "KEY");
@@ -112,8 +112,10 @@ TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
   for (int i = 0; i < 30; ++i) path += "/" + std::string(100, static_cast<char>('a' + i % 26));
   const oblog::Capture log;
   const OBGui::RegistryKeyInfo key = record("~" + path, "sVALUE", "2");
+  const OBGui::RegistryKeyInfo ofTheRoot = record("", "Local", "", "KEY");  // has no path to tell
   {
     const FullDisk full(0);
+    EXPECT_EQ(client_.createRegistryKey(&ofTheRoot), 3);
     EXPECT_EQ(client_.createRegistryKey(&key), 3);
   }
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);

@@ -51,7 +51,7 @@ TEST_F(ServerRequests, APushedBatchIsAppliedAndTheOutcomeAnswered) {
 }
 
 TEST_F(ServerRequests, WithoutAnIdAPushIsNeitherAppliedNorAnswered) {
-  removeValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID");
+  setValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID", "0");  // which is none
   LqRegistryManagerClnt client("");
   OBGui::RegistryTaskResp request;
   request.keys.edit().push_back(record("A", "sVALUE", "1"));

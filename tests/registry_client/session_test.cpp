@@ -97,7 +97,38 @@ TEST_F(Session, WithoutAnIdTheClientIsUnsetAndConnectsToNobody) {
   setValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID", "0");
   EXPECT_FALSE(client.initialize()) << "0 is no id";
   setValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID", "42");
+  client.setLocalHostName("");
+  client.setRemoteHostName("");
   EXPECT_TRUE(client.initialize());
+  EXPECT_EQ(client.getLocalHostName() + " " + client.getRemoteHostName(), "host42 " + address_);
+  removeValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID");
+  EXPECT_FALSE(client.initialize());
+  EXPECT_EQ(client.clientId, 0U) << "an id that is no longer known is forgotten";
+}
+
+TEST_F(Session, AClientIsKnownByItsOwnNameOrAsTheOneThatThisMachineJoinedAs) {
+  const auto idOf = [](const std::string& name, const void* context = nullptr) {
+    std::uint64_t id = 99;  // stays when the client is not known
+    const bool isKnown = LQClient(name, false, 0).getClientId(id, context) == 0;
+    EXPECT_EQ(id == 99, !isKnown);
+    return isKnown ? id : 0;
+  };
+  setValue("SOFTWARE/Velmor/Clients/client42/below", "nCLIENTID", "7");
+  EXPECT_FALSE(LQClient::recordClient("client42/other", 7));
+  EXPECT_EQ(idOf("client42"), 42U);
+  EXPECT_EQ(idOf("machine42"), 42U);
+  for (const char* unknown : {"machine43", "client42/below", "client42/other", ""})
+    EXPECT_EQ(idOf(unknown), 0U) << unknown;
+  EXPECT_EQ(idOf("client42", this), 0U);
+  setValue("Overhub", "sSESSIONIDENTITY", "client42/below");
+  EXPECT_EQ(idOf("machine42"), 0U);
+  for (const char* text : {"", "42x", " 42", "-1"}) {
+    setValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID", text);
+    EXPECT_EQ(idOf("client42"), 0U) << text;
+  }
+  std::string target = "as it was";
+  EXPECT_NE(LQClient(kServerClientId + 1).getNetworkHostnameMangled(target), 0);
+  EXPECT_EQ(target, "as it was");
 }
 
 // --- a good exchange ---------------------------------------------------------------------------------------
