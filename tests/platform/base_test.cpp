@@ -200,7 +200,7 @@ TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
   EXPECT_EQ(never.entered, 0);
 
   // In a forked child the threads are missing, and nothing waits for them.
-  LqThreadPool* pool = new LqThreadPool;
+  auto* const pool = new LqThreadPool;
   ASSERT_TRUE(pool->initThreadPool("Pool", 300, 1, 1, 1));
   const pid_t child = fork();
   if (child == 0) {
