@@ -185,7 +185,7 @@ TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
     EXPECT_FALSE(pool.drain(std::chrono::milliseconds(0)));
     ASSERT_EQ(log.Lines().size(), 1U) << "what was logged once is known";
     EXPECT_EQ(log.Lines()[0].kind, oblog::Kind::kError);
-    const std::string& text = log.Lines()[0].text;
+    const std::string text = log.Lines()[0].text;
     EXPECT_TRUE(contains(text, "1 of its items run and 2 have not begun")) << text;
     EXPECT_TRUE(contains(text, "[lane 0] (2)") && contains(text, "[lane 1]")) << text;
 
