@@ -95,8 +95,9 @@ class LQ_EXPORT LqRegistryManagerClnt {
 
   // --- applying key lists (apply.cpp) ----------------------------------------------------------------------
 
-  // Makes the local registry agree with `keys` and queues the change callbacks; 0, or 3 when any record
-  // failed. Every record is tried. Sets deleteFlag to 1 on records that have expired.
+  // Makes the local registry agree with `keys` in one transaction, and queues the change callbacks once it is
+  // on disk; 0, or 3 when any record failed. Every record is tried. Sets deleteFlag to 1 on records that have
+  // expired. Not within a WriteBatch of the caller's, before whose end nothing would be on disk.
   int updateRegistryKeysForClient(OBGui::KeyList& keys);
   // The same, and sends `response` with the outcome as its taskStatus; true when the keys were applied.
   bool updateRegistryAndSendResponse(OBGui::KeyList& keys, OBGui::RegistryTaskResp& response);
@@ -108,7 +109,8 @@ class LQ_EXPORT LqRegistryManagerClnt {
   // --- download (download.cpp) -----------------------------------------------------------------------------
 
   // One synchronisation: requests the key batch, applies it, refreshes the cache, acknowledges. 0 when a
-  // batch was received and handled, whatever the outcome of applying it; 3 when none was.
+  // batch was received and handled, whatever the outcome of applying it; 3 when none was. Holds the
+  // LqPassLock to its end; 3, with an error line and nothing sent, when another pass keeps it.
   unsigned downLoadAndUpdateClient();
   // Fetches the static key list into `keys`; 0, or 3 with `keys` unchanged. The other arguments are not used.
   int downLoadRegKeysFromServer(OBGui::KeyList& keys, std::uint64_t, const std::string&, const std::string&);
