@@ -46,7 +46,7 @@ class Walk {
     if (name == ".." || name == ".") {
       if (name == "..") at_.resize(at_.empty() ? 0 : at_.rfind('/'));
       rest_.pop_back();
-      return {};
+      return rest_.empty() ? check(at_.empty() ? "/" : at_, Place::kOwn) : CWmError();
     }
     const std::string next = at_ + '/' + name;
     struct stat status {};
