@@ -132,7 +132,8 @@ int clearWorkDirectory(LQPlatformInfo& info, const ObEvent& event) {
 unsigned long LqSluiceLogMonitoringInterface_getClientId() {
   static std::atomic<std::uint64_t> l_clientId{0};  // 0: not known yet
   if (const std::uint64_t known = l_clientId) return known;
-  // Not tested again under the lock, on purpose: whoever waited looks the id up too, and stores the same.
+  // Not tested again under the lock: whoever waited looks the id up too, and stores the same, which spares
+  // the first call a second test and harms nobody.
   const LqCriticalSectionLock lock(criticalSecForClientId);
   const ObEvent event;
   LQPlatformInfo info(LQPI_Focus::getFocus());

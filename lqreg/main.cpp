@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "common/program_start.h"
+#include "common/text_table.h"
 #include "lqreg/registry_commands.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
@@ -143,7 +144,7 @@ int main(int argc, char** argv) {
   try {
     return run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "lqreg: %s\n", error.what());
+    std::fprintf(stderr, "lqreg: %s\n", programs::escapedForTerminal(error.what()).c_str());
     return kExitUnavailable;
   }
 }

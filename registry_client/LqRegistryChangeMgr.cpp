@@ -13,11 +13,11 @@ LqCriticalSection tpInitCS;
 [[maybe_unused]] LqCriticalSection cbInstanceCS;
 [[maybe_unused]] LqCriticalSection regCS;
 
-// The pool: its name, and at most 300 changes waiting, a spare thread gone after 1 idle second, at most 3
-// threads, 1 that stays.
+// The pool: its name; a spare thread ends after 300 idle seconds, one change that waits lets another thread
+// join, at most 3 threads, 1 that stays.
 constexpr const char* kPoolName = "RegistryManagerClient";
-constexpr std::uint64_t kMaxQueued = 300;
-constexpr std::uint64_t kIdleSeconds = 1;
+constexpr std::uint64_t kIdleSeconds = 300;
+constexpr std::uint64_t kItemsPerThread = 1;
 constexpr std::uint32_t kMaxThreads = 3;
 constexpr std::uint32_t kMinThreads = 1;
 
@@ -44,7 +44,7 @@ LqRegistryChangeMgr::LqRegistryChangeMgr() {
   const LqCriticalSectionLock lock(tpInitCS);
   if (!isThreadPoolInitialized)
     isThreadPoolInitialized =
-        callBackThreadPool.initThreadPool(kPoolName, kMaxQueued, kIdleSeconds, kMaxThreads, kMinThreads);
+        callBackThreadPool.initThreadPool(kPoolName, kIdleSeconds, kItemsPerThread, kMaxThreads, kMinThreads);
 }
 
 void LqRegistryChangeMgr::Register(const std::string& keyPath, const std::string& valueName,
@@ -79,8 +79,10 @@ int LqRegistryChangeMgr::HandleCallbackForRegistry(const OBGui::RegistryKeyInfo&
   static_cast<OBGui::RegistryKeyInfo&>(*params) = key;
   params->callback = found->second;
   event.DebugLvl(kDetail, kTag, "Found call back registered for [%s\\%s]", path, name);
-  // Asked of the pool as untyped address, so it is the parcel's own address that goes in and comes out.
-  if (callBackThreadPool.doWork(&OnRegistryChange, params.get()) == -1) {
+  // The address goes in and comes out untyped, so it has to be the parcel's own. A lane for each pair: a
+  // module hears of one value's changes in their order, and the last call brings the value that holds.
+  const std::string lane = key.keyPath.get() + "\\" + key.valueName.get();
+  if (callBackThreadPool.doWork(&OnRegistryChange, params.get(), lane) == -1) {
     event.DebugLvl(kDetail, kTag, "Failed to call callback function for [%s\\%s]", path, name);
     return 1;
   }

@@ -1,10 +1,13 @@
 // Applying a key list: expiry, writing and removing each record, and handing changes to their callbacks.
 //
-// The writes of a pass are one batch. Where a change has a callback, the batch is put on disk before the
-// callback is queued, so that no module is told of a change that a power cut could take back.
+// A pass is one transaction, from its first comparison to its last write. Callbacks are handed over once it
+// is on disk, in the order of the records, so that no module is told of a change that a power cut could take
+// back.
 #include <strings.h>
 
 #include <array>
+#include <mutex>
+#include <vector>
 
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -20,11 +23,15 @@ constexpr int kMilestone = 2;
 constexpr int kDetail = 10;
 constexpr const char* kApplyTag = "LqRegistryManager::updateRegistryKeysForClient";
 
-// One pass over a key list. Every record is tried; once one has failed, no further callback is queued,
-// because callbacks run only for a pass that is clean so far.
+// Held from a commit until its callbacks are handed over: of two passes at once, the one that wrote last also
+// tells last. Taken with the registry's write lock held; handing over takes no lock of the registry.
+std::mutex commitAndTell;
+
+// One pass over a key list, which must outlive it. Every record is tried; changes after the first failed one
+// are not told, because callbacks run only for a pass that is clean so far.
 class ApplyPass {
  public:
-  explicit ApplyPass(LqRegistryManagerClnt& client) : client_(client) {}
+  explicit ApplyPass(LqRegistryManagerClnt& client) : client_(client) { batch_.lock(); }
 
   void apply(const OBGui::RegistryKeyInfo& key) {
     const bool hasCallback = changes_.IsCallBackRegistered(key.keyPath, key.valueName);
@@ -35,9 +42,14 @@ class ApplyPass {
     }
   }
 
-  // Puts the pass on disk; the pass's result.
+  // Puts the pass on disk and tells of its changes; the pass's result.
   int finish() {
-    if (!batch_.commit()) failToWrite();
+    const std::lock_guard lock(commitAndTell);
+    if (!batch_.commit()) {
+      client_.regStatus = kRegStatusWriteFailed;
+      return kResultFailed;
+    }
+    for (const OBGui::RegistryKeyInfo* key : changed_) changes_.HandleCallbackForRegistry(*key);
     return failed_ ? kResultFailed : kResultOk;
   }
 
@@ -51,7 +63,7 @@ class ApplyPass {
     // In any letter case here, exactly in createRegistryKey: on purpose.
     const bool isProtected = strcasecmp(key.valueType->c_str(), ENCRYPTEDTYPE) == 0;
     const std::string newValue = isProtected ? key.encryptedValue->getV8Password() : key.value.get();
-    if (readFailed || newValue != oldValue) notify(key);
+    if (readFailed || newValue != oldValue) changed_.push_back(&key);
   }
 
   void remove(const OBGui::RegistryKeyInfo& key, bool hasCallback) {
@@ -62,15 +74,7 @@ class ApplyPass {
       changed = client_.isRegistryKeyExists(&key);
     }
     if (client_.deleteRegistryKey(&key) == kResultFailed) failed_ = true;
-    if (!failed_ && changed) notify(key);
-  }
-
-  void notify(const OBGui::RegistryKeyInfo& key) {
-    if (!batch_.flush()) {
-      failToWrite();
-      return;
-    }
-    changes_.HandleCallbackForRegistry(key);
+    if (!failed_ && changed) changed_.push_back(&key);
   }
 
   bool readCurrentValue(const OBGui::RegistryKeyInfo& key, std::string& value) {
@@ -87,14 +91,10 @@ class ApplyPass {
     return true;
   }
 
-  void failToWrite() {
-    client_.regStatus = kRegStatusWriteFailed;
-    failed_ = true;
-  }
-
   LqRegistryManagerClnt& client_;
   const LqRegistryChangeMgr& changes_ = *LqRegistryChangeMgr::GetInstance();
   lqregistry::WriteBatch batch_;
+  std::vector<const OBGui::RegistryKeyInfo*> changed_;  // to be told, once on disk
   bool failed_ = false;
 };
 

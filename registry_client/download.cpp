@@ -2,11 +2,13 @@
 #include <utility>
 
 #include "lqregistry/LQClient.h"
+#include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 
 constexpr const char* kPassTag = "LqRegistryManagerClnt::downLoadAndUpdateClient";
+constexpr const char* kTask = "download";
 constexpr const char* kRepairTag = "downLoadAndUpdateClient";
 
 constexpr const char* kLogDirectoryValue = "dOBLOGDIR";
@@ -75,6 +77,15 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
   const std::string name = clientName();
   if (!findClientId(name)) {
     logger.Error(kPassTag, "Failed to get client id for client[%s]", name.c_str());
+    return kResultFailed;
+  }
+
+  // From the request on: a batch that was asked for later must not be overtaken by an older one. And to the
+  // end of the pass, so that the server gets the acknowledgements in the order in which the batches were
+  // applied.
+  const LqPassLock lock(kTask);
+  if (!lock.isHeld()) {
+    logger.Error(kPassTag, "The download was not begun: %s", lock.reason().c_str());
     return kResultFailed;
   }
 

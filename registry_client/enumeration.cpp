@@ -33,6 +33,19 @@ OBGui::RegistryKeyInfo keyRecord(const std::string& keyPath) {
   return recordOf(keyPath.substr(0, separator), keyPath.substr(separator + 1), KEYTYPE, "");
 }
 
+// Appends all that is below `listed`, with paths that begin with `shown`; false when it cannot be listed.
+bool appendSubKeys(LQPlatformInfo& info, const std::string& listed, const std::string& shown,
+                   std::list<std::string>& keys) {
+  std::list<std::string> children;
+  if (!info.getSubKeys(listed, children)) return false;
+  for (const std::string& child : children) {
+    const std::string path = subKeyPath(shown, child);
+    keys.push_back(path);
+    appendSubKeys(info, subKeyPath(listed, child), path, keys);
+  }
+  return true;
+}
+
 }  // namespace
 
 unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui::KeyList& records) {
@@ -41,7 +54,8 @@ unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui:
   std::list<std::string> keys;
   for (const std::string& key : topLevel) {
     keys.push_back(key);
-    getAllClientKeys(key.c_str(), keys);
+    // Not through getAllClientKeys: this name is a key's own, also where it begins with the root's sign.
+    appendSubKeys(platformInfo, kBelowRoot + key, key, keys);
   }
   for (const std::string& key : keys) {
     std::map<std::string, std::string> values;
@@ -51,13 +65,10 @@ unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui:
 }
 
 unsigned LqRegistryManagerClnt::getAllClientKeys(const char* parent, std::list<std::string>& keys) {
-  std::list<std::string> children;
-  if (!platformInfo.getSubKeys(std::string(kBelowRoot) + parent, children)) return kResultFailed;
-  for (const std::string& child : children) {
-    keys.push_back(subKeyPath(parent, child));
-    getAllClientKeys(std::string(keys.back()).c_str(), keys);
-  }
-  return kResultOk;
+  const std::string shown = parent;
+  const bool isBelowRoot = shown.starts_with(kBelowRoot);
+  return appendSubKeys(platformInfo, isBelowRoot ? shown : kBelowRoot + shown, shown, keys) ? kResultOk
+                                                                                            : kResultFailed;
 }
 
 unsigned LqRegistryManagerClnt::fillKeyFieldInformation(const std::string& keyPath,
@@ -66,10 +77,13 @@ unsigned LqRegistryManagerClnt::fillKeyFieldInformation(const std::string& keyPa
   if (keyPath.empty()) return kResultFailed;
   records.push_back(keyRecord(keyPath));
   const std::string path = kBelowRoot + keyPath;
-  std::array<char, kValueBuffer> value;  // a read that succeeds leaves a NUL after the data
+  // Cleared for each value, so that one which a platform stores without a NUL does not end in the rest of
+  // another.
+  std::array<char, kValueBuffer> value;
   for (const auto& [name, data] : values) {
     unsigned type = 0;
     int size = kValueBuffer;
+    value.fill('\0');
     if (platformInfo.getRegValue(path, name, type, value.data(), size))
       records.push_back(recordOf(keyPath, name, getKeyString(type), value.data()));
   }

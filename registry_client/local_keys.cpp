@@ -42,7 +42,8 @@ bool LqRegistryManagerClnt::isRegistryKeyExists(const OBGui::RegistryKeyInfo* ke
 }
 
 int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) {
-  // Nothing to create is a success here, while deleteRegistryKey refuses the same record; both on purpose.
+  // Nothing to create is a success: a batch is not to fail for a record that asks for nothing. To delete
+  // without a name is refused by deleteRegistryKey, because it could take away more than was meant.
   if (key == nullptr || key->valueName->empty()) return kResultOk;
 
   const auto failed = [this](const std::string& path) {

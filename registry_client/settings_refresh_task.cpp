@@ -6,11 +6,13 @@
 
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqCriticalSection.h"
+#include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace {
 
 constexpr const char* kTag = "additionalSettingsRefresh";
+constexpr const char* kTask = "refresh";
 constexpr const char* kTimerTag = "int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus*)";
 constexpr const char* kClientIdTag = "long unsigned int getClientId()";
 constexpr std::int64_t kLogContext = -123456;
@@ -42,6 +44,13 @@ unsigned additionalSettingsRefresh() {
   ObDebug logger;
   OBGui::RegistryTaskResp message;
   logger.DebugLvl(0, kLogContext, kTag, "Cleaning temporary key.");
+  // Until the cache is stored: what a download stores meanwhile would be overwritten with what was read
+  // before it.
+  const LqPassLock lock(kTask);
+  if (!lock.isHeld()) {
+    logger.Error(kTag, "The refresh was not begun: %s", lock.reason().c_str());
+    return kPassDone;
+  }
   const std::string xml = LqRegistryManagerClnt::getAdditionalSettingsCache();
   if (xml.empty()) {
     // From the cache file, really; administrators know the line as it stands.

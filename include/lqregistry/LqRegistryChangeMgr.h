@@ -1,13 +1,16 @@
 // LqRegistryChangeMgr: tells other modules of the host process when a synchronisation changes a value.
 //
 // A module registers a plain function for a pair of key path and value name, before synchronisation runs;
-// both must be exactly as the server's records spell them. When a pass writes or removes that value, the
-// function runs on the manager's thread pool with a copy of the record, so the pass never waits for it; it
-// may still be running when the pass returns, and several may run at once.
+// both must be exactly as the server's records spell them. When a pass has written or removed that value, and
+// the change is on disk, the function runs on the manager's thread pool with a copy of the record, so the
+// pass never waits for it; it may still be running when the pass returns. Calls for one pair come one after
+// the other, in the order of the changes; calls for different pairs may run at once. A function may take its
+// time, write to the registry and throw: no call is refused because others wait.
 //
 // The map of registrations is not locked: registering while a pass runs is not supported, on purpose. The
 // manager is a process-wide singleton, created on first use and never destroyed; all its state is static. At
-// unload the pool runs what was queued and ends.
+// unload the pool runs what was queued, for as long as LqThreadPool's exit wait. A host that unloads its
+// modules first lets them end with callBackThreadPool.drain().
 #pragma once
 
 #include <atomic>
@@ -37,7 +40,7 @@ class LQ_EXPORT LqRegistryChangeMgr {
   bool IsCallBackRegistered(const std::string& keyPath, const std::string& valueName) const;
 
   // Queues the callback of the record's pair with a copy of the record. 0 when it was queued or there is
-  // none, 1 when it could not be queued.
+  // none, 1 when it could not be queued because the pool could not be started or is ending.
   int HandleCallbackForRegistry(const OBGui::RegistryKeyInfo& key) const;
 
   // The pool's routine: runs the callback of an OnRegChangeThreadParams and frees it. Always null.

@@ -1,15 +1,19 @@
-// The process's view of the machine's registry file: which file it is, and write batches.
+// The process's view of the machine's registry file: which file it is, whether it is sound, and write
+// batches.
 //
-// The registry is one SQLite file per machine. This process holds one connection to it, opened at the first
-// use and shared by every LQPlatformInfo of every thread; a write is seen at once by every thread. A real
-// platform library keeps its own store and needs nothing of this header except the write batch, which a store
-// without transactions may implement with a commit() that always succeeds.
+// The registry is one SQLite file per machine. This process holds two connections to it, opened at the first
+// use and shared by every LQPlatformInfo of every thread: one that writes, and one through which every thread
+// without a batch of its own reads what is committed. A real platform library keeps its own store and needs
+// nothing of this header except the write batch, which a store without transactions may implement with a
+// commit() that always succeeds, and the check, which may always find the store sound.
 //
 // A file that cannot be used makes calls fail with LQPlatformInfo's kRegUnavailable and is logged once; the
 // next call tries again. It is never replaced or emptied. When somebody puts another file in its place, the
-// process must be restarted.
+// process must be restarted. A file that lies where nothing can be written is read all the same, through a
+// private copy if need be.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "lqregistry/LqExport.h"
@@ -31,11 +35,32 @@ LQ_EXPORT void UseFile(const std::string& path);
 // The path in force.
 LQ_EXPORT std::string File();
 
+// How long a write waits for another process's transaction before it fails with kRegUnavailable. Longer than
+// the largest batch takes to apply, so that a pass makes others wait and not fail. For another thread of this
+// process a write waits without a limit.
+inline constexpr std::chrono::milliseconds kDefaultWriteWait{60'000};
+
+// Sets that wait for this process, from the next write on. Any thread.
+LQ_EXPORT void UseWriteWait(std::chrono::milliseconds wait);
+
+// Whether the registry file is sound: its trees agree with each other, and every key with its path. Reads the
+// whole file, so for a start or a person who asks, not for each pass. A registry that does not exist yet is
+// sound. False with a `reason` that names the file when it is damaged or cannot be read. Values carry no
+// checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
+LQ_EXPORT bool Check(std::string& reason);
+
 // A scope whose writes become one transaction: they reach the disk together, or not at all.
 //
-// While it lives, other threads and processes that want to write wait; readers of this process see the writes
-// at once. Batches of one thread nest: the outermost one commits. Leaving the scope without commit() commits
-// too, but nobody learns of a failure then.
+// While it lives, other threads and processes that want to write wait; whoever reads from another thread or
+// process sees what was there before. The thread of the batch sees what it has written. Batches of one thread
+// nest: the outermost one commits. Leaving the scope without commit() commits too, but nobody learns of a
+// failure then. A batch belongs to the thread that made it.
+//
+//   lqregistry::WriteBatch batch;
+//   batch.lock();                      // only if what is written depends on what is read
+//   info.getNumber("A", "nCOUNT", count);
+//   info.setNumber("A", "nCOUNT", count + 1);
+//   if (!batch.commit()) ...           // the registry is as it was
 class LQ_EXPORT WriteBatch {
  public:
   WriteBatch();
@@ -43,16 +68,17 @@ class LQ_EXPORT WriteBatch {
   WriteBatch(const WriteBatch&) = delete;
   WriteBatch& operator=(const WriteBatch&) = delete;
 
-  // Puts what was written so far on disk and goes on with a new transaction. False when that failed, or when
-  // an earlier write of this batch was already lost (the disk was full, say); those writes are undone.
-  bool flush();
+  // Takes the registry's write lock now instead of with the first change, so that nothing which this thread
+  // reads from here on is changed by others before the batch ends; a registry that does not exist is created.
+  // One that may only be read is read as it stands at this moment. When another process keeps the lock for
+  // longer than the wait, reads show what is committed, and every write tries again without waiting.
+  void lock();
 
   // Puts everything on disk and ends the batch. The result covers the whole batch: false when any of its
-  // writes that were reported as successful did not survive.
+  // writes that were reported as successful did not survive (the disk was full, say).
   bool commit();
 
-  // Ends the batch and undoes what was written since its last flush. Within another batch, that one's
-  // commit() gives false then.
+  // Ends the batch and undoes what was written. Within another batch, that one's commit() gives false then.
   void abandon();
 
  private:

@@ -1,15 +1,22 @@
-// LqThreadPool: a named pool of worker threads with a bounded queue.
+// LqThreadPool: a named pool of a few worker threads.
 //
-// Constructed without threads; initThreadPool starts it. Work items run in the order they were queued,
-// several at a time. The destructor stops it in order: nothing new is accepted, everything accepted is run,
-// the threads are joined. Any thread may queue work. A real platform library provides initThreadPool and
-// doWork with these arguments; what its four numbers bound is for it to say, here they bound what is written
-// below.
+// Constructed without threads; initThreadPool starts it. No work item is refused because many wait: who hands
+// over more than can be run in time bounds that itself, with pendingCount(). Items run in the order they were
+// queued, several at a time; items of one lane run one after the other. Any thread may queue work. A real
+// platform library provides initThreadPool and doWork with these arguments; what its four numbers mean is for
+// it to say, here they mean what is written below.
+//
+// The destructor ends the pool in order: nothing new is accepted, everything accepted is run, the threads are
+// joined. It waits for that no longer than the exit wait; then it logs what has not run and leaves the
+// threads that still run an item to themselves, so that a process ends in spite of an item that does not.
+// What such an item would use must not be torn down before it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "lqregistry/LqExport.h"
 
@@ -17,27 +24,43 @@ class LQ_EXPORT LqThreadPool {
  public:
   using Routine = void* (*)(void*);
 
+  // How long the destructor waits for the items that were accepted.
+  static constexpr std::chrono::milliseconds kDefaultExitWait{10'000};
+  // Most lanes that a log line about items which have not run names.
+  static constexpr std::size_t kMaxNamedLanes = 20;
+
   LqThreadPool();
   ~LqThreadPool();
   LqThreadPool(const LqThreadPool&) = delete;
   LqThreadPool& operator=(const LqThreadPool&) = delete;
 
   // Starts the pool; true on success, false when it is already started, a number makes no sense or no thread
-  // can be had.
-  //   name         carried by every thread (the kernel keeps the first 15 characters)
-  //   maxQueued    most items that may wait for a thread; beyond it doWork refuses
-  //   idleSeconds  a thread above minThreads ends after it had nothing to do for this long
-  //   maxThreads   most threads at any time
-  //   minThreads   threads that are started at once and stay
-  bool initThreadPool(const char* name, std::uint64_t maxQueued, std::uint64_t idleSeconds,
+  // can be had. A pool that could not be started may be started again.
+  //   name            carried by every thread (the kernel keeps the first 15 characters)
+  //   idleSeconds     how long a thread above minThreads waits for work before it ends
+  //   itemsPerThread  so many items that wait for a thread let another one join; at least 1
+  //   maxThreads      most threads at any time; at least 1
+  //   minThreads      fewest threads: started at once, and they stay
+  bool initThreadPool(const char* name, std::uint64_t idleSeconds, std::uint64_t itemsPerThread,
                       std::uint32_t maxThreads, std::uint32_t minThreads);
 
-  // Queues routine(argument). 0 when it was accepted: it will run exactly once, and its result is dropped.
-  // -1 when it was not: the pool is not started, is stopping, or maxQueued items wait already.
+  // Queues routine(argument). 0 when it was accepted: it will run exactly once, and its result is dropped; an
+  // exception that it throws is logged. -1 when it was not, and the argument is still the caller's: the pool
+  // is not started, or is ending, or has no thread and gets none.
   int doWork(Routine routine, void* argument);
+  // The same; items that name the same lane run one at a time, in the order they were queued.
+  int doWork(Routine routine, void* argument, const std::string& lane);
 
   // Blocks until nothing waits and nothing runs. Not to be called from a work item.
   void waitIdle();
+
+  // The same for a process that is about to end, at most for `limit`. False when something has not run by
+  // then, which is logged as an error with the lanes' names; unless more is queued, the destructor does not
+  // wait for it a second time.
+  bool drain(std::chrono::milliseconds limit);
+
+  // What the destructor is to wait instead of kDefaultExitWait.
+  void setExitWait(std::chrono::milliseconds wait);
 
   // Items that wait for a thread or run now.
   std::size_t pendingCount() const;
@@ -47,5 +70,5 @@ class LQ_EXPORT LqThreadPool {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // shared with the threads, which may have to be left behind
 };

@@ -1,13 +1,14 @@
-// The pool: one queue, one mutex, threads that are started on demand up to the bound and leave when idle.
+// The pool: one queue of items that may run, and behind each lane whose item waits there or runs, the lane's
+// other items. Threads are started on demand up to the bound and leave when idle.
 //
 // All state is guarded by `mutex`. A thread above the minimum that was idle for long enough moves itself to
-// `finished`, from where the next starter or the stop joins it. Stopping drains the queue, because the
+// `finished`, from where the next starter or the end joins it. The end drains the queue, because the
 // arguments of accepted items belong to the routines that free them.
 #include "lqregistry/LqThreadPool.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -15,12 +16,17 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 
 #include "lqregistry/ObDebug.h"
 
 namespace {
+
 // The kernel keeps this many characters of a thread's name.
 constexpr std::size_t kThreadNameLength = 15;
+
+using std::chrono::milliseconds;
+
 }  // namespace
 
 struct LqThreadPool::Impl {
@@ -28,22 +34,36 @@ struct LqThreadPool::Impl {
     Routine routine;
     void* argument;
   };
+  // A lane exists while one of its items waits in `ready` or runs; `behind` are those that come after it.
+  struct Lane {
+    std::deque<Item> behind;
+  };
+  using Lanes = std::unordered_map<std::string, Lane>;  // its elements stay where they are
+  struct Ready {
+    Item item;
+    Lanes::value_type* lane;  // null: of no lane
+  };
 
   std::mutex mutex;
   std::condition_variable workArrived;
   std::condition_variable becameIdle;
-  std::deque<Item> queue;
+  std::deque<Ready> ready;
+  Lanes lanes;
+  std::size_t pending = 0;  // items accepted that have not ended
+  std::size_t running = 0;  // of these, the ones that run
   std::list<std::thread> threads;
   std::list<std::thread> finished;
   std::string name;
-  std::uint64_t maxQueued = 0;
   std::chrono::seconds idleTime{0};
+  std::size_t itemsPerThread = 1;
   std::size_t maxThreads = 0;
   std::size_t minThreads = 0;
-  std::size_t waiting = 0;  // threads that wait for an item
-  std::size_t running = 0;  // items that run
+  milliseconds exitWait = kDefaultExitWait;
+  pid_t startedBy = 0;
   bool started = false;
   bool stopping = false;
+  bool gaveUp = false;     // what is pending was waited for in vain, and logged
+  bool abandoned = false;  // the pool has ended without its threads, which leave everything as it is
 
   // A routine of another module must not take the process down with it.
   static void runItem(const Item& item) {
@@ -55,16 +75,16 @@ struct LqThreadPool::Impl {
   }
 
   // With the mutex held; false when the system has no thread to give.
-  bool startThread() {
-    for (auto& thread : finished) thread.join();
-    finished.clear();
-    const std::size_t before = threads.size();
+  static bool startThread(const std::shared_ptr<Impl>& pool) {
+    for (auto& thread : pool->finished) thread.join();
+    pool->finished.clear();
+    const std::size_t before = pool->threads.size();
     try {
-      const auto self = threads.emplace(threads.end());
-      *self = std::thread([this, self] { run(self); });
+      const auto self = pool->threads.emplace(pool->threads.end());
+      *self = std::thread([pool, self] { pool->run(self); });
       return true;
     } catch (const std::exception&) {
-      threads.resize(before);
+      pool->threads.resize(before);
       return false;
     }
   }
@@ -72,40 +92,117 @@ struct LqThreadPool::Impl {
   void run(std::list<std::thread>::iterator self) {
     pthread_setname_np(pthread_self(), name.substr(0, kThreadNameLength).c_str());
     std::unique_lock lock(mutex);
-    for (;;) {
-      if (queue.empty()) {
-        if (stopping) return;
-        ++waiting;
-        const auto worthWaking = [this] { return stopping || !queue.empty(); };
-        if (threads.size() <= minThreads) {
-          workArrived.wait(lock, worthWaking);
-        } else if (!workArrived.wait_for(lock, idleTime, worthWaking) && threads.size() > minThreads) {
-          --waiting;
-          finished.splice(finished.end(), threads, self);
-          return;
-        }
-        --waiting;
-        continue;
+    while (!abandoned) {
+      if (!ready.empty()) {
+        runNext(lock);
+      } else if (stopping) {
+        return;
+      } else if (!waitForWork(lock)) {
+        finished.splice(finished.end(), threads, self);
+        return;
       }
-      const Item item = queue.front();
-      queue.pop_front();
-      ++running;
-      lock.unlock();
-      runItem(item);
-      lock.lock();
-      --running;
-      if (running == 0 && queue.empty()) becameIdle.notify_all();
     }
+  }
+
+  // False when this thread waited long enough and is not needed.
+  bool waitForWork(std::unique_lock<std::mutex>& lock) {
+    const auto isWorthWaking = [this] { return stopping || !ready.empty(); };
+    if (threads.size() > minThreads)
+      return workArrived.wait_for(lock, idleTime, isWorthWaking) || threads.size() <= minThreads;
+    workArrived.wait(lock, isWorthWaking);
+    return true;
+  }
+
+  void runNext(std::unique_lock<std::mutex>& lock) {
+    const Ready next = ready.front();
+    ready.pop_front();
+    ++running;
+    lock.unlock();
+    runItem(next.item);
+    lock.lock();
+    if (abandoned) return;
+    --running;
+    if (next.lane != nullptr) advance(*next.lane);
+    if (--pending == 0) becameIdle.notify_all();
+  }
+
+  // The lane's item has ended: the next one may run.
+  void advance(Lanes::value_type& lane) {
+    if (lane.second.behind.empty()) {
+      lanes.erase(lanes.find(lane.first));
+      return;
+    }
+    ready.push_back({lane.second.behind.front(), &lane});
+    lane.second.behind.pop_front();  // nobody is woken: this thread looks for work next
+  }
+
+  // Whether another thread is to join before an item more waits in `ready`. A thread that runs nothing will
+  // take one of those that wait.
+  bool needsThread() const {
+    const std::size_t unoccupied = threads.size() - running;
+    return threads.empty() ||
+           (threads.size() < maxThreads && ready.size() + 1 >= unoccupied + itemsPerThread);
+  }
+
+  // With the mutex held.
+  static int accept(const std::shared_ptr<Impl>& pool, const Item& item, const std::string* laneName) {
+    if (!pool->started || pool->stopping) return -1;
+    Lanes::value_type* lane = nullptr;
+    if (laneName != nullptr) {
+      const auto [place, isNew] = pool->lanes.try_emplace(*laneName);
+      lane = &*place;
+      if (!isNew) {
+        lane->second.behind.push_back(item);
+        ++pool->pending;
+        pool->gaveUp = false;
+        return 0;
+      }
+    }
+    if (pool->needsThread() && !startThread(pool) && pool->threads.empty()) {
+      if (laneName != nullptr) pool->lanes.erase(*laneName);
+      return -1;
+    }
+    pool->ready.push_back({item, lane});
+    ++pool->pending;
+    pool->gaveUp = false;
+    pool->workArrived.notify_one();
+    return 0;
+  }
+
+  // With the mutex held; false when something is left, which is logged.
+  bool waitUntilDone(std::unique_lock<std::mutex>& lock, milliseconds limit) {
+    if (becameIdle.wait_for(lock, limit, [this] { return pending == 0; })) return true;
+    if (!gaveUp) logLeft();
+    gaveUp = true;
+    return false;
+  }
+
+  void logLeft() const {
+    std::string names;
+    std::size_t named = 0;
+    for (const auto& [laneName, lane] : lanes) {
+      if (named == kMaxNamedLanes) break;
+      names += (named++ == 0 ? ": [" : ", [") + laneName + "]";
+      if (!lane.behind.empty()) names += " (" + std::to_string(lane.behind.size() + 1) + ")";
+    }
+    if (named < lanes.size()) names += " and " + std::to_string(lanes.size() - named) + " more";
+    ObEvent().Error("LqThreadPool", "Pool %s ends while %zu of its items run and %zu have not begun%s",
+                    name.c_str(), running, pending - running, names.c_str());
   }
 
   void stop() {
     std::unique_lock lock(mutex);
     stopping = true;
     workArrived.notify_all();
+    abandoned = !waitUntilDone(lock, gaveUp ? milliseconds::zero() : exitWait);
     while (!threads.empty() || !finished.empty()) {
       auto& from = threads.empty() ? finished : threads;
       std::list<std::thread> leaving;
       leaving.splice(leaving.end(), from, from.begin());
+      if (abandoned) {
+        leaving.front().detach();
+        continue;
+      }
       lock.unlock();
       leaving.front().join();
       lock.lock();
@@ -113,43 +210,58 @@ struct LqThreadPool::Impl {
   }
 };
 
-LqThreadPool::LqThreadPool() : impl_(std::make_unique<Impl>()) {}
+LqThreadPool::LqThreadPool() : impl_(std::make_shared<Impl>()) {}
 
 LqThreadPool::~LqThreadPool() {
-  impl_->stop();
+  // The threads of a parent are not in a forked child, and its mutex may be locked for ever there.
+  const bool isForked = impl_->startedBy != 0 && impl_->startedBy != getpid();
+  if (isForked) {
+    new std::shared_ptr<Impl>(impl_);
+  } else {
+    impl_->stop();
+  }
 }
 
-bool LqThreadPool::initThreadPool(const char* name, std::uint64_t maxQueued, std::uint64_t idleSeconds,
+bool LqThreadPool::initThreadPool(const char* name, std::uint64_t idleSeconds, std::uint64_t itemsPerThread,
                                   std::uint32_t maxThreads, std::uint32_t minThreads) {
-  if (name == nullptr || maxQueued == 0 || maxThreads == 0 || minThreads > maxThreads) return false;
+  if (name == nullptr || itemsPerThread == 0 || maxThreads == 0 || minThreads > maxThreads) return false;
   const std::lock_guard lock(impl_->mutex);
   if (impl_->started || impl_->stopping) return false;
   impl_->name = name;
-  impl_->maxQueued = maxQueued;
   impl_->idleTime = std::chrono::seconds(idleSeconds);
+  impl_->itemsPerThread = itemsPerThread;
   impl_->maxThreads = maxThreads;
   impl_->minThreads = minThreads;
+  impl_->startedBy = getpid();
   while (impl_->threads.size() < minThreads)
-    if (!impl_->startThread()) return false;
+    if (!Impl::startThread(impl_)) return false;
   impl_->started = true;
   return true;
 }
 
 int LqThreadPool::doWork(Routine routine, void* argument) {
   const std::lock_guard lock(impl_->mutex);
-  if (!impl_->started || impl_->stopping || impl_->queue.size() >= impl_->maxQueued) return -1;
-  // A waiting thread may already be spoken for by an item that is still in the queue.
-  if (impl_->queue.size() >= impl_->waiting && impl_->threads.size() < impl_->maxThreads &&
-      !impl_->startThread() && impl_->threads.empty())
-    return -1;
-  impl_->queue.push_back({routine, argument});
-  impl_->workArrived.notify_one();
-  return 0;
+  return Impl::accept(impl_, {routine, argument}, nullptr);
+}
+
+int LqThreadPool::doWork(Routine routine, void* argument, const std::string& lane) {
+  const std::lock_guard lock(impl_->mutex);
+  return Impl::accept(impl_, {routine, argument}, &lane);
 }
 
 void LqThreadPool::waitIdle() {
   std::unique_lock lock(impl_->mutex);
-  impl_->becameIdle.wait(lock, [this] { return impl_->running == 0 && impl_->queue.empty(); });
+  impl_->becameIdle.wait(lock, [this] { return impl_->pending == 0; });
+}
+
+bool LqThreadPool::drain(milliseconds limit) {
+  std::unique_lock lock(impl_->mutex);
+  return impl_->waitUntilDone(lock, limit);
+}
+
+void LqThreadPool::setExitWait(milliseconds wait) {
+  const std::lock_guard lock(impl_->mutex);
+  impl_->exitWait = wait;
 }
 
 std::size_t LqThreadPool::threadCount() const {
@@ -159,5 +271,5 @@ std::size_t LqThreadPool::threadCount() const {
 
 std::size_t LqThreadPool::pendingCount() const {
   const std::lock_guard lock(impl_->mutex);
-  return impl_->queue.size() + impl_->running;
+  return impl_->pending;
 }

@@ -264,6 +264,11 @@ bool CNMessageBase::equals(const CNMessageBase& other) const {
 }
 
 CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message) {
+  std::string copy = text;
+  return fromBuffer(copy, message);
+}
+
+CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message) {
   message.reset();
   try {
     pugi::xml_document document;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <system_error>
 
 #include "lqregistry/FXFile.h"
@@ -65,6 +66,7 @@ constexpr const char* kCountProtected =
 
 constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatements = {
     "BEGIN IMMEDIATE",
+    "BEGIN",
     "COMMIT",
     "ROLLBACK",
     "SELECT id FROM keys WHERE path = ?1",
@@ -78,6 +80,14 @@ constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatem
     "DELETE FROM key_values WHERE key_id = ?1 AND name = ?2",
     "SELECT name, data FROM key_values WHERE key_id = ?1 ORDER BY name",
 };
+
+// A key's path is its parent's and its name; a value belongs to a key.
+constexpr const char* kIntegrityCheck = "PRAGMA integrity_check(1)";
+constexpr const char* kOrphanCheck = "PRAGMA foreign_key_check";
+constexpr const char* kPathCheck =
+    "SELECT k.id FROM keys k LEFT JOIN keys p ON p.id = k.parent WHERE k.path IS NOT "
+    "CAST(CASE k.parent WHEN 0 THEN k.name ELSE p.path || '/' || k.name END AS BLOB) LIMIT 1";
+constexpr const char* kSound = "ok";
 
 std::string systemText(int error) {
   return std::generic_category().message(error);
@@ -141,11 +151,20 @@ void alignCompanions(const std::string& path) {
   }
 }
 
+// SQLite refuses to read even an idle registry where it can neither find nor make the index of the log.
+bool needsCopy(int result, const std::string& path) {
+  const int kind = result & kPrimaryCode;
+  return (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY) && ::access(path.c_str(), R_OK) == 0 &&
+         ::access((path + kIndexSuffix).c_str(), W_OK) != 0 &&
+         ::access(std::filesystem::path(path).parent_path().c_str(), W_OK) != 0;
+}
+
 }  // namespace
 
 Outcome Connection::open(const std::string& path, Access access, std::chrono::milliseconds wait) {
   close();
   path_ = path;
+  wait_ = wait;
   const CWmError trust = FXFile::CheckTrusted(path);
   if (trust.IsError()) return unavailable(trust.AsString());
   // Asked for first: who is just making the registry makes the key last.
@@ -174,6 +193,11 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
 
   Identity identity;
   result = identify(identity);
+  if (needsCopy(result, path)) {
+    const Outcome outcome = openCopy(path);
+    if (!outcome.ok()) return outcome;
+    result = identify(identity);
+  }
   if (result != SQLITE_OK) return failure(result);
   if (identity.blank()) {
     if (access == Access::kReading) return {kRegKeyMissing, "nothing was written to the registry file yet"};
@@ -188,6 +212,40 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
   result = configure(identity.blank());
   if (result != SQLITE_OK) return failure(result);
   return identity.blank() ? createSchema() : settleKey(identity.version, wait);
+}
+
+Outcome Connection::openCopy(const std::string& path) {
+  close();
+  std::string reason;
+  if (!copyIntoMemory(path, database_, stamp_, reason))
+    return unavailable("it lies where nothing can be written, and a copy to read failed: " + reason);
+  isCopy_ = true;
+  return {};
+}
+
+Outcome Connection::check() {
+  std::string found;
+  int result = firstRow(kIntegrityCheck, found);
+  if (result == SQLITE_OK && found != kSound) return unavailable("it is damaged: " + found);
+  found.clear();
+  if (result == SQLITE_OK) result = firstRow(kOrphanCheck, found);
+  if (result == SQLITE_OK && !found.empty())
+    return unavailable("it is damaged: it holds values without a key");
+  if (result == SQLITE_OK) result = firstRow(kPathCheck, found);
+  if (result == SQLITE_OK && !found.empty())
+    return unavailable("it is damaged: key " + found + " has another path than its parent and name say");
+  return result == SQLITE_OK ? Outcome{} : failure(result);
+}
+
+int Connection::firstRow(const char* sql, std::string& text) {
+  sqlite3_stmt* statement = nullptr;
+  const int result = sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr);
+  if (result != SQLITE_OK) return result;
+  if (sqlite3_step(statement) == SQLITE_ROW) {
+    const unsigned char* const column = sqlite3_column_text(statement, 0);
+    text = column == nullptr ? "" : reinterpret_cast<const char*>(column);
+  }
+  return sqlite3_finalize(statement);
 }
 
 int Connection::identify(Identity& identity) {
@@ -301,10 +359,11 @@ void Connection::close() {
   }
   sqlite3_close(database_);
   database_ = nullptr;
+  isCopy_ = false;
 }
 
 bool Connection::isReadOnly() const {
-  return sqlite3_db_readonly(database_, "main") == 1;
+  return isCopy_ || sqlite3_db_readonly(database_, "main") == 1;
 }
 
 void Connection::setWait(std::chrono::milliseconds wait) {
@@ -314,6 +373,13 @@ void Connection::setWait(std::chrono::milliseconds wait) {
 int Connection::run(Sql statement) {
   const int result = Query(*this, statement).step();
   return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+int Connection::runWithoutWaiting(Sql statement) {
+  setWait(std::chrono::milliseconds::zero());
+  const int result = run(statement);
+  setWait(wait_);
+  return result;
 }
 
 int Connection::execute(const char* sql) {

@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "lqregistry/LQPlatformInfo.h"
+#include "platform/registry/registry_copy.h"
 
 namespace lqregistry {
 
@@ -31,6 +32,7 @@ enum class Access { kReading, kWriting };
 
 enum class Sql {
   kBegin,
+  kBeginReading,
   kCommit,
   kRollback,
   kFindKey,
@@ -53,17 +55,25 @@ class Connection {
 
   // Opens the registry at `path`, waiting up to `wait` for other processes now and in later statements.
   // Reading a file that does not exist, or to which nothing was written yet, is kRegKeyMissing; writing
-  // creates the registry in it. A file that may only be read is opened for that, whatever was asked for.
+  // creates the registry in it. A file that may only be read is opened for that, whatever was asked for;
+  // where not even the log's index can be made beside it, a private copy is read (see registry_copy.h).
   Outcome open(const std::string& path, Access access, std::chrono::milliseconds wait);
   void close();
 
   bool isOpen() const { return database_ != nullptr; }
   bool isReadOnly() const;
+  // False when this reads a copy of a file that has changed since.
+  bool isCurrent() const { return !isCopy_ || stamp_ == stampOf(path_); }
   bool inTransaction() const { return isOpen() && sqlite3_get_autocommit(database_) == 0; }
-  void setWait(std::chrono::milliseconds wait);
+
+  // Reads the whole file and compares its trees with each other and keys with their paths. The contents of a
+  // value carry no checksum: a byte that changed within them is not noticed.
+  Outcome check();
 
   // Runs a statement without parameters or results; an SQLite result code.
   int run(Sql statement);
+  // The same, without waiting for other processes.
+  int runWithoutWaiting(Sql statement);
   std::int64_t lastKeyId() const { return sqlite3_last_insert_rowid(database_); }
 
   // The fingerprint of the protection key that belongs to this registry; empty when it is not known. An
@@ -84,6 +94,8 @@ class Connection {
   };
 
   Outcome openChecked(const std::string& path, Access access, std::chrono::milliseconds wait);
+  Outcome openCopy(const std::string& path);
+  void setWait(std::chrono::milliseconds wait);
   int identify(Identity& identity);
   int configure(bool blank);
   Outcome createSchema();
@@ -94,10 +106,14 @@ class Connection {
   Outcome ended(int result);
   int addKeyFingerprint(const std::string& fingerprint);
   int readNumber(const char* sql, std::int64_t& number);
+  int firstRow(const char* sql, std::string& text);
   int execute(const char* sql);
 
-  std::string path_;
   sqlite3* database_ = nullptr;
+  std::string path_;
+  std::chrono::milliseconds wait_{0};
+  bool isCopy_ = false;
+  FileStamp stamp_;  // of the file when it was copied
   std::array<sqlite3_stmt*, static_cast<std::size_t>(Sql::kCount)> statements_{};
 };
 

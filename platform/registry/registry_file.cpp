@@ -1,4 +1,4 @@
-// The public face of the registry file: which one it is, and write batches.
+// The public face of the registry file: which one it is, whether it is sound, and write batches.
 #include "lqregistry/LqRegistryFile.h"
 
 #include "platform/registry/registry_store.h"
@@ -13,6 +13,16 @@ std::string File() {
   return RegistryStore::get().file();
 }
 
+void UseWriteWait(std::chrono::milliseconds wait) {
+  RegistryStore::get().useWriteWait(wait);
+}
+
+bool Check(std::string& reason) {
+  Outcome outcome = RegistryStore::get().check();
+  if (!outcome.ok()) reason = File() + ": " + outcome.reason;
+  return outcome.ok();
+}
+
 WriteBatch::WriteBatch() {
   RegistryStore::get().beginBatch();
 }
@@ -21,8 +31,8 @@ WriteBatch::~WriteBatch() {
   commit();
 }
 
-bool WriteBatch::flush() {
-  return open_ && RegistryStore::get().flushBatch();
+void WriteBatch::lock() {
+  if (open_) RegistryStore::get().lockBatch();
 }
 
 bool WriteBatch::commit() {

@@ -19,6 +19,9 @@ namespace {
 
 constexpr const char* kFileVariable = "VELMOR_REGISTRY";
 constexpr std::int64_t kNoParent = 0;
+// How long a statement that only reads waits for another process, which the log mode makes rare: while a
+// registry is being created, or recovered after a crash.
+constexpr std::chrono::milliseconds kReadWait{5000};
 
 Outcome keyMissing() {
   return {kRegKeyMissing, "the key does not exist"};
@@ -48,15 +51,19 @@ RegistryStore& RegistryStore::get() {
 void RegistryStore::closeAtExit() {
   const std::unique_lock writer(writerLock_, std::try_to_lock);
   if (!writer.owns_lock()) return;
-  const std::lock_guard connection(connectionLock_);
+  const std::lock_guard reader(readerLock_);
   // A forked child must not close what its parent uses.
-  if (openedBy_ == getpid()) connection_.close();
+  if (openedBy_ != getpid()) return;
+  reader_.close();
+  writer_.close();
 }
 
 void RegistryStore::useFile(const std::string& path) {
   const std::lock_guard writer(writerLock_);
-  const std::lock_guard connection(connectionLock_);
-  connection_.close();
+  const std::lock_guard reader(readerLock_);
+  const std::lock_guard state(stateLock_);
+  reader_.close();
+  writer_.close();
   path_ = path.empty() ? path : absolutePath(path);
   readFault_.clear();
   writeFault_.clear();
@@ -64,7 +71,7 @@ void RegistryStore::useFile(const std::string& path) {
 }
 
 std::string RegistryStore::file() {
-  const std::lock_guard connection(connectionLock_);
+  const std::lock_guard state(stateLock_);
   return pathInForce();
 }
 
@@ -76,25 +83,44 @@ const std::string& RegistryStore::pathInForce() {
   return path_;
 }
 
-Outcome RegistryStore::openFor(Access access) {
-  const std::string& path = pathInForce();
-  if (connection_.isOpen()) {
-    if (access == Access::kReading || !connection_.isReadOnly()) return {};
-    // The file may have become writable since it was opened.
-    if (::access(path.c_str(), W_OK) != 0) return {kRegUnavailable, "the file is read-only"};
-  }
-  Outcome outcome = connection_.open(path, access, wait_);
+Outcome RegistryStore::check() {
+  // Through a connection of its own: the check reads the whole file, which nobody else has to wait for.
+  Connection connection;
+  const Outcome outcome = connection.open(file(), Access::kReading, kReadWait);
+  if (outcome.code == kRegKeyMissing) return {};
+  return outcome.ok() ? connection.check() : outcome;
+}
+
+Outcome RegistryStore::openFor(Connection& connection, Access access) {
+  if (connection.isOpen() && access == Access::kReading &&
+      (connection.inTransaction() || connection.isCurrent()))
+    return {};
+  if (connection.isOpen() && !connection.isReadOnly()) return {};
+  const std::string path = file();
+  // The file may have become writable since it was opened.
+  if (connection.isOpen() && access == Access::kWriting &&
+      (connection.inTransaction() || ::access(path.c_str(), W_OK) != 0))
+    return {kRegUnavailable, "the file is read-only"};
+  Outcome outcome = connection.open(path, access, kReadWait);
   if (!outcome.ok()) return outcome;
   openedBy_ = getpid();
-  if (access == Access::kWriting && connection_.isReadOnly())
+  if (access == Access::kWriting && connection.isReadOnly())
     return {kRegUnavailable, "the file is read-only"};
   return {};
 }
 
-Outcome RegistryStore::read(const std::function<Outcome()>& look) {
-  const std::lock_guard connection(connectionLock_);
-  Outcome outcome = openFor(Access::kReading);
-  if (outcome.ok()) outcome = look();
+Outcome RegistryStore::read(const std::function<Outcome(Connection&)>& look) {
+  if (isBatchHere()) {
+    holdStill();
+    return readFrom(writer_, look);
+  }
+  const std::lock_guard reader(readerLock_);
+  return readFrom(reader_, look);
+}
+
+Outcome RegistryStore::readFrom(Connection& connection, const std::function<Outcome(Connection&)>& look) {
+  Outcome outcome = openFor(connection, Access::kReading);
+  if (outcome.ok()) outcome = look(connection);
   if (outcome.code == kRegUnavailable)
     reportFailure(Access::kReading, outcome);
   else
@@ -103,9 +129,9 @@ Outcome RegistryStore::read(const std::function<Outcome()>& look) {
 }
 
 Outcome RegistryStore::readValue(const std::string& key, const std::string& name, StoredValue& value) {
-  return read([&] {
+  return read([&](Connection& connection) {
     Slot slot;
-    Outcome outcome = findSlot(key, name, slot);
+    Outcome outcome = findSlot(connection, key, name, slot);
     if (!outcome.ok()) return outcome;
     if (!slot.keyExists) return keyMissing();
     if (!slot.valueExists) return valueMissing();
@@ -115,31 +141,31 @@ Outcome RegistryStore::readValue(const std::string& key, const std::string& name
 }
 
 Outcome RegistryStore::readValues(const std::string& key, std::map<std::string, std::string>& values) {
-  return read([&] {
+  return read([&](Connection& connection) {
     std::int64_t id = 0;
-    Outcome outcome = findKey(key, id);
+    Outcome outcome = findKey(connection, key, id);
     if (!outcome.ok()) return outcome;
     std::map<std::string, std::string> found;
-    Query query(connection_, Sql::kValues);
+    Query query(connection, Sql::kValues);
     int result = query.bind(id).step();
     for (; result == SQLITE_ROW; result = query.step())
       found.emplace_hint(found.end(), query.bytes(0), query.bytes(1));
-    if (result != SQLITE_DONE) return connection_.failure(result);
+    if (result != SQLITE_DONE) return connection.failure(result);
     values.swap(found);
     return Outcome{};
   });
 }
 
 Outcome RegistryStore::listSubKeys(const std::string& key, std::list<std::string>& names) {
-  return read([&] {
+  return read([&](Connection& connection) {
     std::int64_t id = 0;
-    Outcome outcome = findKey(key, id);
+    Outcome outcome = findKey(connection, key, id);
     if (!outcome.ok()) return outcome;
     std::list<std::string> found;
-    Query query(connection_, Sql::kSubKeys);
+    Query query(connection, Sql::kSubKeys);
     int result = query.bind(id).step();
     for (; result == SQLITE_ROW; result = query.step()) found.emplace_back(query.bytes(0));
-    if (result != SQLITE_DONE) return connection_.failure(result);
+    if (result != SQLITE_DONE) return connection.failure(result);
     names.splice(names.end(), found);
     return Outcome{};
   });
@@ -148,7 +174,7 @@ Outcome RegistryStore::listSubKeys(const std::string& key, std::list<std::string
 Outcome RegistryStore::createKey(const std::string& key) {
   std::int64_t id = 0;
   const auto look = [&](bool& needed) {
-    Outcome outcome = findKey(key, id);
+    Outcome outcome = findKey(writer_, key, id);
     needed = outcome.code == kRegKeyMissing;
     return needed ? Outcome{} : outcome;
   };
@@ -159,7 +185,7 @@ Outcome RegistryStore::writeValue(const std::string& key, const std::string& nam
                                   std::string_view data) {
   Slot slot;
   const auto look = [&](bool& needed) {
-    Outcome outcome = findSlot(key, name, slot);
+    Outcome outcome = findSlot(writer_, key, name, slot);
     if (outcome.ok() && !slot.keyExists) return keyMissing();
     needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
     return outcome;
@@ -171,7 +197,7 @@ Outcome RegistryStore::writeValueCreatingKey(const std::string& key, const std::
                                              std::string_view data) {
   Slot slot;
   const auto look = [&](bool& needed) {
-    Outcome outcome = findSlot(key, name, slot);
+    Outcome outcome = findSlot(writer_, key, name, slot);
     needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
     return outcome;
   };
@@ -186,12 +212,12 @@ Outcome RegistryStore::removeKey(const std::string& key) {
   const auto look = [&](bool& needed) {
     std::int64_t id = 0;
     needed = true;
-    return findKey(key, id);
+    return findKey(writer_, key, id);
   };
   const auto act = [&] {
     const std::string afterKey = key + '/';
     const std::string afterSubtree = key + static_cast<char>('/' + 1);
-    return Query(connection_, Sql::kRemoveSubtree).bind(key).bind(afterKey).bind(afterSubtree).step();
+    return Query(writer_, Sql::kRemoveSubtree).bind(key).bind(afterKey).bind(afterSubtree).step();
   };
   return change({false, look, act});
 }
@@ -199,38 +225,48 @@ Outcome RegistryStore::removeKey(const std::string& key) {
 Outcome RegistryStore::removeValue(const std::string& key, const std::string& name) {
   Slot slot;
   const auto look = [&](bool& needed) {
-    Outcome outcome = findSlot(key, name, slot);
+    Outcome outcome = findSlot(writer_, key, name, slot);
     if (!outcome.ok()) return outcome;
     if (!slot.keyExists) return keyMissing();
     if (!slot.valueExists) return valueMissing();
     needed = true;
     return Outcome{};
   };
-  return change({false, look,
-                 [&] { return Query(connection_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step(); }});
+  return change(
+      {false, look, [&] { return Query(writer_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step(); }});
 }
 
-Outcome RegistryStore::findSlot(const std::string& key, const std::string& name, Slot& slot) {
+Outcome RegistryStore::findSlot(Connection& connection, const std::string& key, const std::string& name,
+                                Slot& slot) {
+  // What the write lock protects stays as it was seen, so a record that is compared, tested and then written
+  // is looked up once.
+  const bool isProtected = &connection == &writer_ && isWriting();
+  if (isProtected && last_.isValid && last_.key == key && last_.name == name) {
+    slot = last_.slot;
+    return {};
+  }
   slot = {};
-  Query query(connection_, Sql::kFindValue);
+  Query query(connection, Sql::kFindValue);
   const int result = query.bind(key).bind(name).step();
-  if (result == SQLITE_DONE) return {};
-  if (result != SQLITE_ROW) return connection_.failure(result);
-  slot.keyExists = true;
-  slot.keyId = query.number(0);
-  slot.valueExists = !query.isNull(1);
+  if (result != SQLITE_DONE && result != SQLITE_ROW) return connection.failure(result);
+  slot.keyExists = result == SQLITE_ROW;
+  if (slot.keyExists) {
+    slot.keyId = query.number(0);
+    slot.valueExists = !query.isNull(1);
+  }
   if (slot.valueExists) slot.value = {static_cast<unsigned>(query.number(1)), std::string(query.bytes(2))};
+  if (isProtected) last_ = {true, key, name, slot};
   return {};
 }
 
-Outcome RegistryStore::findKey(std::string_view key, std::int64_t& id) {
-  const int result = lookUpKey(key, id);
+Outcome RegistryStore::findKey(Connection& connection, std::string_view key, std::int64_t& id) {
+  const int result = lookUpKey(connection, key, id);
   if (result == SQLITE_ROW) return {};
-  return result == SQLITE_DONE ? keyMissing() : connection_.failure(result);
+  return result == SQLITE_DONE ? keyMissing() : connection.failure(result);
 }
 
-int RegistryStore::lookUpKey(std::string_view key, std::int64_t& id) {
-  Query query(connection_, Sql::kFindKey);
+int RegistryStore::lookUpKey(Connection& connection, std::string_view key, std::int64_t& id) {
+  Query query(connection, Sql::kFindKey);
   const int result = query.bind(key).step();
   if (result == SQLITE_ROW) id = query.number(0);
   return result;
@@ -242,7 +278,7 @@ int RegistryStore::ensureKey(const std::string& key, std::int64_t& id) {
   std::string_view path = key;
   id = kNoParent;
   while (!path.empty()) {
-    const int result = lookUpKey(path, id);
+    const int result = lookUpKey(writer_, path, id);
     if (result == SQLITE_ROW) break;
     if (result != SQLITE_DONE) return result;
     missing.push_back(path);
@@ -252,31 +288,37 @@ int RegistryStore::ensureKey(const std::string& key, std::int64_t& id) {
   std::reverse(missing.begin(), missing.end());
   for (const auto next : missing) {
     const auto name = next.substr(next.rfind('/') + 1);  // npos + 1 is the start
-    const int result = Query(connection_, Sql::kAddKey).bind(next).bind(id).bind(name).step();
+    const int result = Query(writer_, Sql::kAddKey).bind(next).bind(id).bind(name).step();
     if (result != SQLITE_DONE) return result;
-    id = connection_.lastKeyId();
+    id = writer_.lastKeyId();
   }
   return SQLITE_OK;
 }
 
 int RegistryStore::putValue(std::int64_t keyId, const std::string& name, unsigned type,
                             std::string_view data) {
-  Query query(connection_, Sql::kPutValue);
+  Query query(writer_, Sql::kPutValue);
   return query.bind(keyId).bind(name).bind(std::int64_t{type}).bind(data).step();
 }
 
 void RegistryStore::reportSuccess(Access access) {
+  const std::lock_guard state(stateLock_);
   readFault_.clear();
   if (access == Access::kWriting) writeFault_.clear();
 }
 
 void RegistryStore::reportFailure(Access access, const Outcome& outcome) {
-  // Ten thousand records against a full disk are one line, not ten thousand.
-  std::string& fault = access == Access::kReading ? readFault_ : writeFault_;
-  const bool known = outcome.reason == readFault_ || outcome.reason == writeFault_;
-  fault = outcome.reason;
-  if (known) return;
-  ObEvent().Error("lqregistry::RegistryStore", "The registry file %s cannot be %s: %s", pathInForce().c_str(),
+  std::string path;
+  {
+    // Ten thousand records against a full disk are one line, not ten thousand.
+    const std::lock_guard state(stateLock_);
+    std::string& fault = access == Access::kReading ? readFault_ : writeFault_;
+    const bool known = outcome.reason == readFault_ || outcome.reason == writeFault_;
+    fault = outcome.reason;
+    if (known) return;
+    path = pathInForce();
+  }
+  ObEvent().Error("lqregistry::RegistryStore", "The registry file %s cannot be %s: %s", path.c_str(),
                   access == Access::kReading ? "read" : "written", outcome.reason.c_str());
 }
 

@@ -1,15 +1,20 @@
 // The process's registry store: the operations behind LQPlatformInfo, and write batches.
 //
-// One connection per process, and two locks that are always taken in this order:
-//   the writer lock      recursive; held for each write and for the whole life of a write batch, so that no
-//                        other thread's write joins a transaction that is not its own
-//   the connection lock  held for one look-up or one change at a time; readers take only this one, so they
-//                        see the writes of an open batch and wait for none
+// Two connections per process. All writes go through one of them, and so do the reads of the thread that has
+// a batch open, which therefore sees what it has written; every other thread reads through the second one,
+// which shows what is committed. Three locks, always taken in this order:
+//   the writer lock  recursive; guards the writing connection; held for each write and for the whole life of
+//   a
+//                    batch, so that no other thread's write joins a transaction that is not its own
+//   the reader lock  guards the reading connection; held for one look-up at a time, so readers wait for no
+//                    writer
+//   the state lock   guards the path and the reasons that were logged; held for a moment
 // Paths and names that come here are resolved and checked (registry_path.h).
 #pragma once
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -18,7 +23,9 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
+#include "lqregistry/LqRegistryFile.h"
 #include "platform/registry/registry_connection.h"
 
 namespace lqregistry {
@@ -34,6 +41,8 @@ class RegistryStore {
 
   void useFile(const std::string& path);
   std::string file();
+  void useWriteWait(std::chrono::milliseconds wait) { writeWait_ = wait; }
+  Outcome check();
 
   Outcome readValue(const std::string& key, const std::string& name, StoredValue& value);
   Outcome readValues(const std::string& key, std::map<std::string, std::string>& values);
@@ -49,7 +58,7 @@ class RegistryStore {
 
   // Batches; see WriteBatch. Begin and end on the same thread.
   void beginBatch();
-  bool flushBatch();
+  void lockBatch();
   bool endBatch();
   void abandonBatch();
 
@@ -62,6 +71,14 @@ class RegistryStore {
     StoredValue value;
   };
 
+  // The slot that was looked up last, while nothing can have changed it.
+  struct LastSlot {
+    bool isValid = false;
+    std::string key;
+    std::string name;
+    Slot slot;
+  };
+
   // A write: `look` finds out, without changing anything, whether there is something to do; `act` does it.
   struct Change {
     bool createsFile = false;
@@ -69,11 +86,12 @@ class RegistryStore {
     std::function<int()> act;
   };
 
-  RegistryStore();
+  RegistryStore() = default;
   void closeAtExit();
 
-  Outcome openFor(Access access);
-  Outcome read(const std::function<Outcome()>& look);
+  Outcome openFor(Connection& connection, Access access);
+  Outcome read(const std::function<Outcome(Connection&)>& look);
+  Outcome readFrom(Connection& connection, const std::function<Outcome(Connection&)>& look);
   Outcome change(const Change& change);
   Outcome attempt(const Change& change);
   Outcome lookFor(const Change& change, bool& needed);
@@ -82,13 +100,15 @@ class RegistryStore {
   Outcome act(const Change& change);
   Outcome commitTransaction();
   void rollBack();
+  void holdStill();
   void noteLock(const Outcome& outcome);
-  void setWait(std::chrono::milliseconds wait);
-  bool inTransaction();
+  bool isBatchHere() const { return batchOwner_ == std::this_thread::get_id(); }
+  bool isWriting() const { return writer_.inTransaction() && !isSnapshot_; }
+  void leaveBatch();
 
-  Outcome findSlot(const std::string& key, const std::string& name, Slot& slot);
-  Outcome findKey(std::string_view key, std::int64_t& id);
-  int lookUpKey(std::string_view key, std::int64_t& id);
+  Outcome findSlot(Connection& connection, const std::string& key, const std::string& name, Slot& slot);
+  static Outcome findKey(Connection& connection, std::string_view key, std::int64_t& id);
+  static int lookUpKey(Connection& connection, std::string_view key, std::int64_t& id);
   int ensureKey(const std::string& key, std::int64_t& id);
   int putValue(std::int64_t keyId, const std::string& name, unsigned type, std::string_view data);
 
@@ -97,20 +117,30 @@ class RegistryStore {
   const std::string& pathInForce();
 
   std::recursive_mutex writerLock_;
-  std::mutex connectionLock_;
+  std::mutex readerLock_;
+  std::mutex stateLock_;
 
-  // Guarded by the connection lock.
-  Connection connection_;
+  // Guarded by the writer lock.
+  Connection writer_;
+  int batchDepth_ = 0;
+  bool locksAtOnce_ = false;    // the batch compares nothing outside a transaction
+  bool isSnapshot_ = false;     // the open transaction may only read
+  bool hasWaited_ = false;      // the batch waited for another process in vain, and does so only once
+  bool pendingWrites_ = false;  // the open transaction holds changes
+  bool lostWrites_ = false;     // changes of this batch, reported as successful, were rolled back
+  LastSlot last_;
+
+  // Guarded by the reader lock.
+  Connection reader_;
+
+  // Guarded by the state lock.
   std::string path_;
-  std::chrono::milliseconds wait_;
-  pid_t openedBy_ = 0;
   std::string readFault_;  // the reasons that were logged and have not gone away yet
   std::string writeFault_;
 
-  // Guarded by the writer lock.
-  int batchDepth_ = 0;
-  bool pendingWrites_ = false;  // the open transaction holds changes
-  bool lostWrites_ = false;     // changes of this batch, reported as successful, were rolled back
+  std::atomic<std::thread::id> batchOwner_;
+  std::atomic<std::chrono::milliseconds> writeWait_{kDefaultWriteWait};
+  std::atomic<pid_t> openedBy_{0};
 };
 
 }  // namespace lqregistry

@@ -1,8 +1,9 @@
 // How the store's writes become transactions, alone or in batches, and what happens when one fails.
 //
-// A transaction begins with the first write that has something to change, so a batch without changes touches
-// nothing on disk. It takes the file's write lock at once: waiting for other processes happens here, outside
-// the connection lock, and never in the middle of a transaction.
+// A transaction begins with the first write that has something to change, so that writing what is there
+// already touches nothing on disk; or, in a batch that locks at once, before the first comparison. It takes
+// the file's write lock as it begins: waiting for other processes happens here, never in the middle of a
+// transaction. All of this runs with the writer lock held.
 #include <thread>
 
 #include "platform/registry/registry_store.h"
@@ -14,20 +15,17 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// How long a write waits for another process's transaction, and how often it looks.
-constexpr milliseconds kWriteLockWait{5000};
+// How often a write that waits for another process's transaction looks.
 constexpr milliseconds kWriteLockPoll{10};
 
 }  // namespace
 
-RegistryStore::RegistryStore() : wait_(kWriteLockWait) {}
-
 Outcome RegistryStore::change(const Change& change) {
   const std::lock_guard writer(writerLock_);
+  holdStill();
   Outcome outcome = attempt(change);
   if (outcome.code == kRegUnavailable) {
     noteLock(outcome);
-    const std::lock_guard connection(connectionLock_);
     reportFailure(Access::kWriting, outcome);
   }
   return outcome;
@@ -37,7 +35,7 @@ Outcome RegistryStore::attempt(const Change& change) {
   bool needed = false;
   Outcome outcome = lookFor(change, needed);
   if (!outcome.ok() || !needed) return outcome;
-  if (!inTransaction()) {
+  if (!isWriting()) {
     outcome = beginTransaction();
     if (!outcome.ok()) return outcome;
     // Until now another process could have changed what was seen.
@@ -54,8 +52,7 @@ Outcome RegistryStore::attempt(const Change& change) {
 }
 
 Outcome RegistryStore::lookFor(const Change& change, bool& needed) {
-  const std::lock_guard connection(connectionLock_);
-  Outcome outcome = openFor(Access::kReading);
+  Outcome outcome = openFor(writer_, Access::kReading);
   if (outcome.ok()) return change.look(needed);
   if (outcome.code == kRegKeyMissing && change.createsFile) {
     needed = true;
@@ -65,15 +62,15 @@ Outcome RegistryStore::lookFor(const Change& change, bool& needed) {
 }
 
 Outcome RegistryStore::act(const Change& change) {
-  const std::lock_guard connection(connectionLock_);
+  last_.isValid = false;
   const int result = change.act();
   if (result == SQLITE_OK || result == SQLITE_DONE) {
     pendingWrites_ = true;
     return {};
   }
-  Outcome outcome = connection_.failure(result);
+  Outcome outcome = writer_.failure(result);
   // Some errors, a full disk among them, make SQLite give up the whole transaction.
-  if (!connection_.inTransaction()) {
+  if (!writer_.inTransaction()) {
     lostWrites_ = lostWrites_ || pendingWrites_;
     pendingWrites_ = false;
   }
@@ -81,7 +78,7 @@ Outcome RegistryStore::act(const Change& change) {
 }
 
 Outcome RegistryStore::beginTransaction() {
-  const auto deadline = steady_clock::now() + wait_;
+  const auto deadline = steady_clock::now() + (hasWaited_ ? milliseconds::zero() : writeWait_.load());
   for (;;) {
     Outcome outcome = tryBegin();
     if (!outcome.locked || steady_clock::now() >= deadline) return outcome;
@@ -90,85 +87,85 @@ Outcome RegistryStore::beginTransaction() {
 }
 
 Outcome RegistryStore::tryBegin() {
-  const std::lock_guard connection(connectionLock_);
-  Outcome outcome = openFor(Access::kWriting);
+  last_.isValid = false;
+  Outcome outcome = openFor(writer_, Access::kWriting);
   if (!outcome.ok()) return outcome;
-  connection_.setWait(milliseconds::zero());
-  const int result = connection_.run(Sql::kBegin);
-  if (result != SQLITE_OK) outcome = connection_.failure(result);
-  connection_.setWait(wait_);
-  return outcome;
+  const int result = writer_.runWithoutWaiting(Sql::kBegin);
+  return result == SQLITE_OK ? outcome : writer_.failure(result);
 }
 
 Outcome RegistryStore::commitTransaction() {
-  const std::lock_guard connection(connectionLock_);
-  const int result = connection_.run(Sql::kCommit);
+  const int result = writer_.run(Sql::kCommit);
+  isSnapshot_ = false;
   if (result == SQLITE_OK) {
     if (pendingWrites_) reportSuccess(Access::kWriting);
     pendingWrites_ = false;
     return {};
   }
-  Outcome outcome = connection_.failure(result);
-  if (connection_.inTransaction()) connection_.run(Sql::kRollback);
+  Outcome outcome = writer_.failure(result);
+  if (writer_.inTransaction()) writer_.run(Sql::kRollback);
   lostWrites_ = lostWrites_ || pendingWrites_;
   pendingWrites_ = false;
   return outcome;
 }
 
 void RegistryStore::rollBack() {
-  const std::lock_guard connection(connectionLock_);
-  if (connection_.inTransaction()) connection_.run(Sql::kRollback);
+  if (writer_.inTransaction()) writer_.run(Sql::kRollback);
+  isSnapshot_ = false;
   pendingWrites_ = false;
 }
 
-bool RegistryStore::inTransaction() {
-  const std::lock_guard connection(connectionLock_);
-  return connection_.inTransaction();
+// A batch that locks at once compares nothing before it has the write lock, also after a transaction was
+// lost. Where nothing may be written, one snapshot takes the lock's place. When another process keeps the
+// lock, the comparisons go on without it: what is there already needs no write, and a write takes the lock or
+// fails.
+void RegistryStore::holdStill() {
+  if (!locksAtOnce_ || writer_.inTransaction()) return;
+  const Outcome outcome = beginTransaction();
+  noteLock(outcome);
+  if (!outcome.ok() && writer_.isOpen() && writer_.isReadOnly())
+    isSnapshot_ = writer_.run(Sql::kBeginReading) == SQLITE_OK;
 }
 
 void RegistryStore::noteLock(const Outcome& outcome) {
   // A batch of thousands of records waits once for a process that does not let go, not once for each record.
-  if (outcome.locked && batchDepth_ > 0) setWait(milliseconds::zero());
-}
-
-void RegistryStore::setWait(milliseconds wait) {
-  const std::lock_guard connection(connectionLock_);
-  wait_ = wait;
-  if (connection_.isOpen()) connection_.setWait(wait);
+  if (outcome.locked && batchDepth_ > 0) hasWaited_ = true;
 }
 
 void RegistryStore::beginBatch() {
   writerLock_.lock();
-  if (batchDepth_++ == 0) lostWrites_ = false;
+  if (batchDepth_++ != 0) return;
+  lostWrites_ = false;
+  batchOwner_ = std::this_thread::get_id();
 }
 
-bool RegistryStore::flushBatch() {
-  if (inTransaction()) {
-    const Outcome outcome = commitTransaction();
-    if (!outcome.ok()) {
-      const std::lock_guard connection(connectionLock_);
-      reportFailure(Access::kWriting, outcome);
-    }
-  }
-  return !lostWrites_;
+void RegistryStore::lockBatch() {
+  locksAtOnce_ = true;
+  holdStill();
 }
 
 bool RegistryStore::endBatch() {
-  bool survived = !lostWrites_;
-  if (batchDepth_ == 1) {
-    survived = flushBatch();
-    setWait(kWriteLockWait);
+  if (batchDepth_ == 1 && writer_.inTransaction()) {
+    const Outcome outcome = commitTransaction();
+    if (!outcome.ok()) reportFailure(Access::kWriting, outcome);
   }
-  --batchDepth_;
-  writerLock_.unlock();
+  const bool survived = !lostWrites_;
+  leaveBatch();
   return survived;
 }
 
 void RegistryStore::abandonBatch() {
   rollBack();
   lostWrites_ = true;
-  if (batchDepth_ == 1) setWait(kWriteLockWait);
-  --batchDepth_;
+  leaveBatch();
+}
+
+void RegistryStore::leaveBatch() {
+  if (--batchDepth_ == 0) {
+    batchOwner_ = std::thread::id();
+    locksAtOnce_ = false;
+    hasWaited_ = false;
+  }
   writerLock_.unlock();
 }
 

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <thread>
 
 #include "lqregistry/CWmLibrary.h"
@@ -127,30 +129,107 @@ class Gate {
   std::atomic<bool> isOpen_{false};
 };
 
-TEST(ThreadPool, KeepsItsBoundsUnderLoadShrinksAfterItAndEndsWhenEverythingAcceptedHasRun) {
+TEST(ThreadPool, GrowsWithWhatWaitsShrinksAfterItAndRefusesNothingUntilItEnds) {
   Gate gate;
   Gate last;
   std::thread opener;
   {
     LqThreadPool pool;
     EXPECT_EQ(pool.doWork(&Gate::pass, &gate), -1) << "not started";
-    ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 3, 1));
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.doWork(&Gate::pass, &gate), 0);
-    while (gate.entered < 3) std::this_thread::yield();  // all three at once
-    for (int i = 0; i < 300; ++i) EXPECT_EQ(pool.doWork(&Gate::pass, &gate), 0) << i;
-    EXPECT_EQ(pool.doWork(&Gate::pass, &gate), -1);
+    EXPECT_FALSE(pool.initThreadPool("Pool", 0, 0, 3, 1));
+    ASSERT_TRUE(pool.initThreadPool("Pool", 0, 2, 3, 1));
+    // One runs; then each second one that waits brings a thread, until there are three.
+    const std::size_t threads[] = {1, 1, 2, 3, 3};
+    const int running[] = {1, 1, 2, 3, 3};
+    for (std::size_t i = 0; i < std::size(threads); ++i) {
+      EXPECT_EQ(pool.doWork(&Gate::pass, &gate), 0);
+      EXPECT_EQ(pool.threadCount(), threads[i]) << i;
+      while (gate.entered < running[i]) std::this_thread::yield();
+    }
+    for (int i = 0; i < 10'000; ++i) ASSERT_EQ(pool.doWork(&Gate::pass, &gate), 0) << i;
     EXPECT_EQ(pool.threadCount(), 3U);
     EXPECT_EQ(gate.entered, 3);
+    EXPECT_EQ(pool.pendingCount(), 10'005U);
 
     gate.open();
     pool.waitIdle();
-    EXPECT_EQ(gate.passed, 303);
+    EXPECT_EQ(gate.passed, 10'005);
     while (pool.threadCount() > 1) std::this_thread::yield();
     for (int i = 0; i < 50; ++i) EXPECT_EQ(pool.doWork(&Gate::pass, &last), 0) << i;
     opener = std::thread([&] { last.open(); });
   }
-  EXPECT_EQ(last.passed, 50);
+  EXPECT_EQ(last.passed, 50) << "the end waits for what was accepted";
   opener.join();
+}
+
+TEST(ThreadPool, RunsTheItemsOfALaneInTurnAndOtherLanesBesideThem) {
+  Gate gate;
+  LqThreadPool pool;
+  ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 3, 1));
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(pool.doWork(&Gate::pass, &gate, "held"), 0);
+  while (gate.entered < 1) std::this_thread::yield();
+  // What is in another lane, or in none, does not wait for the gate.
+  static std::string order;
+  const auto note = [](void* letter) -> void* {
+    order += static_cast<char>(reinterpret_cast<std::intptr_t>(letter));
+    return nullptr;
+  };
+  std::string expected;
+  for (int i = 0; i < 1000; ++i) {
+    expected += static_cast<char>('a' + i % 26);
+    EXPECT_EQ(pool.doWork(note, reinterpret_cast<void*>(std::intptr_t{'a'} + i % 26), "letters"), 0);
+  }
+  while (pool.pendingCount() > 4) std::this_thread::yield();
+  EXPECT_EQ(order, expected);
+  EXPECT_EQ(gate.entered, 1);
+  EXPECT_EQ(pool.threadCount(), 2U) << "what waits for its turn needs no thread";
+  gate.open();
+  pool.waitIdle();
+  EXPECT_EQ(gate.passed, 4);
+}
+
+TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
+  // Left to a thread that outlives the pool, hence never freed before it has ended.
+  static Gate hanging;
+  static Gate never;
+  const oblog::Capture log;
+  {
+    LqThreadPool pool;
+    ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 1, 1));
+    EXPECT_TRUE(pool.drain(std::chrono::milliseconds(0))) << "nothing was queued";
+    EXPECT_EQ(pool.doWork(&Gate::pass, &hanging, "lane 0"), 0);
+    while (hanging.entered < 1) std::this_thread::yield();
+    EXPECT_EQ(pool.doWork(&Gate::pass, &never, "lane 0"), 0);
+    EXPECT_EQ(pool.doWork(&Gate::pass, &never, "lane 1"), 0);
+    EXPECT_FALSE(pool.drain(std::chrono::milliseconds(20)));
+    ASSERT_EQ(log.Lines().size(), 1U);
+    EXPECT_EQ(log.Lines()[0].kind, oblog::Kind::kError);
+    const std::string& text = log.Lines()[0].text;
+    EXPECT_TRUE(contains(text, "1 of its items run and 2 have not begun")) << text;
+    EXPECT_TRUE(contains(text, "[lane 0] (2)") && contains(text, "[lane 1]")) << text;
+
+    for (std::size_t i = 2; i < LqThreadPool::kMaxNamedLanes + 5; ++i)
+      EXPECT_EQ(pool.doWork(&Gate::pass, &never, "lane " + std::to_string(i)), 0);
+    pool.setExitWait(std::chrono::milliseconds(20));
+  }
+  ASSERT_EQ(log.Lines().size(), 2U);
+  EXPECT_TRUE(contains(log.Lines()[1].text, "and 5 more")) << log.Lines()[1].text;
+  hanging.open();
+  while (hanging.passed < 1) std::this_thread::yield();
+  EXPECT_EQ(never.entered, 0);
+
+  // In a forked child the threads are missing, and nothing waits for them.
+  LqThreadPool* pool = new LqThreadPool;
+  ASSERT_TRUE(pool->initThreadPool("Pool", 300, 1, 1, 1));
+  const pid_t child = fork();
+  if (child == 0) {
+    delete pool;
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  delete pool;
 }
 
 // --- files -------------------------------------------------------------------------------------------------

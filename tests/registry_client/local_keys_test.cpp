@@ -64,16 +64,24 @@ TEST_F(LocalKeys, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
 
 TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
   const OBGui::RegistryKeyInfo unnamed = record("Path", "", "value");
-  EXPECT_EQ(client_.createRegistryKey(&unnamed), 0);
-  EXPECT_EQ(client_.deleteRegistryKey(&unnamed), 3);
+  client_.regStatus = 99;
+  for (const OBGui::RegistryKeyInfo* key : {&unnamed, static_cast<const OBGui::RegistryKeyInfo*>(nullptr)}) {
+    EXPECT_EQ(client_.createRegistryKey(key), 0);
+    EXPECT_EQ(client_.deleteRegistryKey(key), 3);
+  }
+  EXPECT_FALSE(client_.isRegistryKeyExists(nullptr));
+  EXPECT_EQ(client_.regStatus, 99) << "nothing was looked at";
   std::map<std::string, std::string> values;
   EXPECT_FALSE(LQPlatformInfo().getRegValues("~Path", values)) << "the key was created";
 }
 
 TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
-  for (const char* name : {"Local", "local", "LOCAL"}) {
+  const std::pair<const char*, std::int32_t> accepted[] = {
+      {"Local", kRegStatusKeyMissing}, {"local", kRegStatusValueMissing}, {"LOCAL", kRegStatusValueMissing}};
+  for (const auto& [name, status] : accepted) {
     const OBGui::RegistryKeyInfo key = record("Clients", name, "", "KEY");
     EXPECT_EQ(client_.createRegistryKey(&key), 0);
+    EXPECT_EQ(client_.regStatus, status) << "as the look at a value of that name left it";
     EXPECT_EQ(valueOf(std::string("Clients/") + name, ".internal.unique_id"), "0");
   }
   const OBGui::RegistryKeyInfo absolute = record("SOFTWARE/Clients", "Local", "", "KEY");
@@ -104,8 +112,10 @@ TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
   for (int i = 0; i < 30; ++i) path += "/" + std::string(100, static_cast<char>('a' + i % 26));
   const oblog::Capture log;
   const OBGui::RegistryKeyInfo key = record("~" + path, "sVALUE", "2");
+  const OBGui::RegistryKeyInfo ofTheRoot = record("", "Local", "", "KEY");  // has no path to tell
   {
     const FullDisk full(0);
+    EXPECT_EQ(client_.createRegistryKey(&ofTheRoot), 3);
     EXPECT_EQ(client_.createRegistryKey(&key), 3);
   }
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
@@ -176,6 +186,7 @@ TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
                {record("Delete", "Absent", "", "KEY"), 0},
                {record("Delete", "Sub", "", "key"), 0},  // a value of that name, which is not there
                {record(std::string(5000, 'p'), "Sub", "", "KEY"), 3}};
+  client_.regStatus = 99;
   for (const auto& c : cases)
     EXPECT_EQ(client_.deleteRegistryKey(&c.key), c.result)
         << c.key.keyPath.get() << " " << c.key.valueName.get();
@@ -184,6 +195,7 @@ TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
   const OBGui::RegistryKeyInfo subKey = record("Delete", "Sub", "", "KEY");  // any name, everything below it
   EXPECT_EQ(client_.deleteRegistryKey(&subKey), 0);
   EXPECT_EQ(valueOf("Delete/Sub/Deeper", "sVALUE"), std::nullopt);
+  EXPECT_EQ(client_.regStatus, 99) << "a deletion leaves no status, failed or not";
 }
 
 TEST(HexToNum, SkipsWhatIsNoDigit) {
