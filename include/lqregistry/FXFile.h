@@ -106,7 +106,8 @@ LQ_EXPORT CWmError AppendContents(const std::string& path, std::string_view text
 // An error when anybody but root and this process's effective user could write `path`, or put something else
 // in its place: looked at are the file, every link on the way, its directory and all directories above. One
 // that others may write is borne only above the file's own directory, and only if it is sticky, as /tmp is.
-// The error says which one it is and what to do. A file that is not there is judged by its directories.
+// The error says which one it is and what to do. A directory is judged like the directory of a file, and what
+// is not there by its directories.
 LQ_EXPORT CWmError CheckTrusted(const std::string& path);
 
 // Deletes the files directly in `directory` whose names match the shell pattern `pattern`. Regular files

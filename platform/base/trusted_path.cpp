@@ -20,7 +20,7 @@ class Walk {
   explicit Walk(const std::string& path) { push(path); }
 
   CWmError run() {
-    CWmError error = check("/", isLast() ? Place::kOwn : Place::kAbove);
+    CWmError error = check("/", rest_.empty() ? Place::kOwn : Place::kAbove);
     while (!error.IsError() && !rest_.empty()) error = step();
     return error;
   }
@@ -46,15 +46,15 @@ class Walk {
     if (name == ".." || name == ".") {
       if (name == "..") at_.resize(at_.empty() ? 0 : at_.rfind('/'));
       rest_.pop_back();
-      return {};
-    }
-    // The directory of the file itself; also that of a link in the file's place.
-    if (isLast()) {
-      CWmError error = check(at_.empty() ? "/" : at_, Place::kOwn);
-      if (error.IsError()) return error;
+      return rest_.empty() ? check(at_.empty() ? "/" : at_, Place::kOwn) : CWmError();
     }
     const std::string next = at_ + '/' + name;
     struct stat status {};
+    // The directory of the file itself; also that of a link in the file's place. A directory is its own.
+    if (isLast() && !(::stat(next.c_str(), &status) == 0 && S_ISDIR(status.st_mode))) {
+      CWmError error = check(at_.empty() ? "/" : at_, Place::kOwn);
+      if (error.IsError()) return error;
+    }
     if (::lstat(next.c_str(), &status) != 0) {
       rest_.clear();
       return errno == ENOENT || errno == ENOTDIR ? CWmError() : lqfile::errorOf(next);

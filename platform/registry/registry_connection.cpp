@@ -120,6 +120,13 @@ Outcome inspect(const std::string& path, FileState& state) {
   return {};
 }
 
+// A new registry would get a new key, and the values that this one protects would be lost with it.
+Outcome orphanedKey(const std::string& path) {
+  return unavailable(
+      "there is no registry in it, but a protection key that belongs to one: " + keyFileOf(path) +
+      "; put the registry back from a backup, or move the key away to begin a new one");
+}
+
 Outcome createFile(const std::string& path) {
   const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode);
   if (file >= 0) {
@@ -160,9 +167,12 @@ Outcome Connection::open(const std::string& path, Access access, std::chrono::mi
   wait_ = wait;
   const CWmError trust = FXFile::CheckTrusted(path);
   if (trust.IsError()) return unavailable(trust.AsString());
+  // Asked for first: who is just making the registry makes the key last.
+  const bool hasKey = lqsecret::keyFileExists(keyFileOf(path));
   FileState state;
   Outcome outcome = inspect(path, state);
   if (!outcome.ok()) return outcome;
+  if (state.empty && hasKey && access == Access::kWriting) return orphanedKey(path);
   if (!state.exists) {
     if (access == Access::kReading) return {kRegKeyMissing, "the registry file does not exist"};
     outcome = createFile(path);
@@ -265,11 +275,9 @@ Outcome Connection::createSchema() {
   result = identify(identity);
   if (result == SQLITE_OK && !identity.blank()) result = execute("COMMIT");
   if (result != SQLITE_OK || !identity.blank()) return ended(result);
-  const std::string keyFile = keyFileOf(path_);
-  if (lqsecret::keyFileExists(keyFile)) {
+  if (lqsecret::keyFileExists(keyFileOf(path_))) {
     execute("ROLLBACK");
-    return unavailable("there is no registry in it, but a protection key that belongs to one: " + keyFile +
-                       "; put the registry back from a backup, or move the key away to begin a new one");
+    return orphanedKey(path_);
   }
   result = execute(kSchema);
   if (result == SQLITE_OK) result = execute(kFactsSchema);

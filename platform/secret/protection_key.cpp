@@ -85,9 +85,9 @@ void placeStagedKey(const KeyFacts& facts) {
 }
 
 CWmError missingKey(const KeyFacts& facts) {
+  const std::string whose = facts.store.empty() ? "" : " (it belongs to " + facts.store + ")";
   return keyError(facts.path,
-                  "the protection key is missing" +
-                      (facts.store.empty() ? "" : " that belongs to " + facts.store) +
+                  "the protection key is missing" + whose +
                       ", and what it protects cannot be read without it; put it back from a backup");
 }
 

@@ -53,7 +53,7 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   ask(network, uploadOf(kWideId), refusal);
   EXPECT_TRUE(contains(refusal, "unknown client id 5000000000")) << refusal;
   EXPECT_EQ(overhub({"uploads", "web-1"}).out,
-            "KEY     NAME  VALUE\nLimits\nLimits  sODD  a\\nb\\x1b[31m\\\\ \xff\nLimits  sPW   ********\n");
+            "KEY     NAME  VALUE\nLimits\nLimits  sODD  a\\nb\\x1b[31m\\\\ \\xff\nLimits  sPW   ********\n");
   const auto listed = overhub({"uploads"});
   EXPECT_TRUE(contains(listed.out, "Z  1     2       ")) << listed.out;
   EXPECT_FALSE(contains(listed.out, "web-2")) << listed.out;
@@ -80,7 +80,7 @@ TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
   ASSERT_FALSE(attach(network).IsError());
   std::string refusal;
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskFailed) << refusal;
-  EXPECT_TRUE(server->waitForOutput(uploadFile("web-1") + ": not written"));
+  EXPECT_TRUE(server->waitForOutput(uploadFile("web-1") + ": not a regular file"));
   std::filesystem::remove(uploadFile("web-1"));
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
 

@@ -443,6 +443,10 @@ TEST_F(Files, AreTrustedWhenNobodyElseCouldWriteThemOrPutOthersInTheirPlace) {
   EXPECT_TRUE(FXFile::CheckTrusted("folder/file").IsError());
   EXPECT_TRUE(contains(FXFile::CheckTrusted(folder).AsString(), "chmod go-w")) << "a folder for itself";
   ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(above.c_str(), 01777), 0);
+  EXPECT_FALSE(FXFile::CheckTrusted(folder).IsError()) << "what is above it may be sticky";
+  for (const std::string& itself : {above, above + "/.", folder + "/.."})
+    EXPECT_TRUE(FXFile::CheckTrusted(itself).IsError()) << itself << " itself may not";
   fs::current_path(here);
   fs::create_symlink("loop", dir_ / "loop");
   EXPECT_TRUE(FXFile::CheckTrusted(dir_ / "loop").IsError());
