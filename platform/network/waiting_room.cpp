@@ -156,14 +156,22 @@ std::unique_ptr<CLqNetwork> WaitingRoom::take() {
 void WaitingRoom::leave(const std::string& identity) {
   const std::lock_guard lock(mutex_);
   if (--served_[identity] == 0) served_.erase(identity);
-  changed_.notify_all();
+  tell();
+}
+
+void WaitingRoom::tell() {
+  // One session is for one thread; but when the last has gone, every thread has to hear of it.
+  if (turnsAway_) {
+    changed_.notify_all();
+  } else {
+    changed_.notify_one();
+  }
 }
 
 void WaitingRoom::await(std::unique_ptr<CLqNetwork> session) {
   if (session == nullptr || session->impl_->state != CLqNetwork::Impl::State::kAttached) return;
   session->impl_->held.reset();
   const std::shared_ptr<void> seat = std::move(session->impl_->seat);  // left when the session is back
-  session->impl_->seat.reset();
   {
     const std::lock_guard lock(mutex_);
     if (isStopped_) return;
@@ -424,7 +432,7 @@ void WaitingRoom::putIntoReady(std::unique_ptr<CLqNetwork> session, bool wasAtta
   const bool hasEnded = session != nullptr && session->impl_->givenUp.IsError();
   if (session != nullptr && !isStopped_ && !(hasEnded && ready_.size() >= kMaxEndedReady))
     ready_.push_back(std::move(session));
-  changed_.notify_all();
+  tell();
 }
 
 // --- who has to go -----------------------------------------------------------------------------------------
@@ -433,14 +441,13 @@ void WaitingRoom::sweep() {
   const auto now = Clock::now();
   if (now - lastSweep_ < kSweepPause) return;
   lastSweep_ = now;
-  const bool isContested = FrameBudget::ofAccepted().isContested();
   for (auto caller = callers_.begin(); caller != callers_.end();) {
     const auto next = std::next(caller);
     const Caller& what = caller->second;
     const milliseconds time = what.isAttached ? limits_.requestTime : limits_.attachTime;
     if (now - what.since > time) {
       letGo(caller, tooLate());
-    } else if (isContested && isBehind(what)) {
+    } else if (isBehind(what) && FrameBudget::ofAccepted().isContested()) {
       letGo(caller, tooSlow());
     } else if (what.waiting == Waiting::kTurn && now - what.turnSince > limits_.turnTime) {
       caller->second.session->impl_->frames->dropPayload();
