@@ -214,11 +214,15 @@ void WaitingRoom::run() {
   std::array<epoll_event, kEventsAtOnce> events{};
   while (!isStopped()) {
     const int count = ::epoll_wait(epoll_.get(), events.data(), kEventsAtOnce, sleepTime());
-    for (int i = 0; i < count; ++i) take(events[static_cast<std::size_t>(i)]);
-    std::set<CallerNumber> more;
-    more.swap(unfinished_);
-    for (const CallerNumber number : more) serve(number);
-    sweep();
+    try {
+      for (int i = 0; i < count; ++i) take(events[static_cast<std::size_t>(i)]);
+      std::set<CallerNumber> more;
+      more.swap(unfinished_);
+      for (const CallerNumber number : more) serve(number);
+      sweep();
+    } catch (const std::exception& shortage) {  // costs one caller; the room stays for the others
+      ObEvent().Error(kTag, "the callers on %s cannot be watched well: %s", place_.c_str(), shortage.what());
+    }
   }
   listener_.close();
   callers_.clear();
