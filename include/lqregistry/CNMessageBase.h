@@ -86,6 +86,14 @@ class LQ_EXPORT CNMessageBase {
 // Bound on how deep sub-records and lists may nest in a text.
 inline constexpr int kMaxMessageDepth = 16;
 
+// Bounds on what a text is read into. A machine has some thousands of settings; five times the largest batch
+// that was ever thought of is no batch. And reading takes, the text included, at most so many times the
+// text's size beyond an allowance for small ones: a text of many records with hardly anything in them is
+// refused.
+inline constexpr std::size_t kMaxMessageRecords = 500'000;
+inline constexpr std::size_t kMaxReadFactor = 6;
+inline constexpr std::size_t kReadAllowanceBytes = 16U << 20;
+
 template <class T, int Number, int Slot>
 class Field {
  public:
@@ -136,6 +144,8 @@ struct FieldInfo {
   const CNMessageBase& (*at)(const CNMessageBase& owner, std::size_t index);
   CNMessageBase& (*append)(CNMessageBase& owner);
   void (*setEmpty)(CNMessageBase& owner);
+  void (*reserve)(CNMessageBase& owner, std::size_t count);
+  std::size_t elementBytes;  // what an empty element takes
 };
 
 namespace message_detail {
@@ -185,6 +195,8 @@ constexpr FieldInfo field(const char* name) {
       return Access::of(owner).edit().emplace_back();
     };
     info.setEmpty = [](CNMessageBase& owner) { Access::of(owner).edit().clear(); };
+    info.reserve = [](CNMessageBase& owner, std::size_t count) { Access::of(owner).edit().reserve(count); };
+    info.elementBytes = sizeof(typename T::value_type);
   } else if constexpr (message_detail::kindOf<T>() == FieldInfo::Kind::kRecord) {
     info.edit = [](CNMessageBase& owner) -> void* {
       return static_cast<CNMessageBase*>(&Access::of(owner).edit());

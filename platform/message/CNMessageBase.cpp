@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <new>
@@ -109,8 +110,36 @@ int writeText(const CNMessageBase& message, std::string& text, bool revealProtec
 
 // --- reading -----------------------------------------------------------------------------------------------
 
+// What the XML library takes for an element and for an attribute of it.
+constexpr std::size_t kNodeBytes = 8 * sizeof(void*);
+constexpr std::size_t kAttributeBytes = 5 * sizeof(void*);
+
+// What the text's tree will take. Counts generously: what looks like an attribute inside a value is one.
+std::size_t treeBytes(std::string_view text) {
+  std::size_t bytes = 0;
+  for (std::size_t i = 0; i + 1 < text.size(); ++i) {
+    const char next = text[i + 1];
+    if (text[i] == '<' && next != '/') bytes += kNodeBytes;
+    if (text[i] == '=' && (next == '"' || next == '\'')) bytes += kAttributeBytes;
+  }
+  return bytes;
+}
+
 class Reader {
  public:
+  explicit Reader(std::string_view text)
+      : left_(kMaxReadFactor * text.size() + kReadAllowanceBytes - text.size()) {}
+
+  bool take(std::size_t bytes, const char* what) {
+    if (bytes > left_) {
+      error_ = std::string(what) + " would take more than " + std::to_string(kMaxReadFactor) +
+               " times the memory of the text";
+      return false;
+    }
+    left_ -= bytes;
+    return true;
+  }
+
   bool readFields(CNMessageBase& message, pugi::xml_node node, int depth) {
     if (depth > kMaxMessageDepth) return fail(message, node.name(), "nested too deep");
     for (const FieldInfo& info : message.fieldList())
@@ -130,21 +159,38 @@ class Reader {
     return !attribute || readScalar(owner, info, attribute.value());
   }
 
+  // Records get their memory at once, when their number is known and found bearable.
+  bool prepareList(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node list) {
+    const auto count = static_cast<std::size_t>(std::distance(list.begin(), list.end()));
+    records_ += count;
+    if (records_ > kMaxMessageRecords)
+      return fail(owner, info.name,
+                  ("makes it more than " + std::to_string(kMaxMessageRecords) + " records").c_str());
+    if (!take(count * info.elementBytes, info.name)) return false;
+    info.setEmpty(owner);
+    info.reserve(owner, count);
+    return true;
+  }
+
   bool readList(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node list, int depth) {
     if (!list) return true;
-    info.setEmpty(owner);
-    for (const pugi::xml_node child : list.children()) {
-      if (child.type() != pugi::node_element) continue;
-      CNMessageBase& element = info.append(owner);
-      if (std::string_view(child.name()) != element.className())
-        return fail(owner, info.name, "holds an element of another class");
-      if (!readFields(element, child, depth + 1)) return false;
+    if (!prepareList(owner, info, list)) return false;
+    while (const pugi::xml_node child = list.first_child()) {
+      if (child.type() == pugi::node_element) {
+        CNMessageBase& element = info.append(owner);
+        if (std::string_view(child.name()) != element.className())
+          return fail(owner, info.name, "holds an element of another class");
+        if (!readFields(element, child, depth + 1)) return false;
+      }
+      list.remove_child(child);  // the tree gives way to the records
     }
     return true;
   }
 
   bool readScalar(CNMessageBase& owner, const FieldInfo& info, std::string_view text) {
     void* const value = info.edit(owner);
+    // A short text lies in the record itself.
+    if (text.size() >= sizeof(std::string) / 2 && !take(text.size(), info.name)) return false;
     switch (info.kind) {
       case FieldInfo::Kind::kText:
         return lqmessage::unescape(text, *static_cast<std::string*>(value)) ||
@@ -176,14 +222,16 @@ class Reader {
     return false;
   }
 
+  std::size_t left_;  // of the memory that reading may take
+  std::size_t records_ = 0;
   std::string error_;
 };
 
-// The document's one element, or an empty node with the reason.
-pugi::xml_node parseRoot(const std::string& text, pugi::xml_document& document, std::string& error) {
-  const pugi::xml_parse_result parsed =
-      document.load_buffer(text.data(), text.size(),
-                           pugi::parse_escapes | pugi::parse_eol | pugi::parse_doctype, pugi::encoding_utf8);
+// The document's one element, or an empty node with the reason. The document lies in the text from now on.
+pugi::xml_node parseRoot(std::string& text, pugi::xml_document& document, std::string& error) {
+  const pugi::xml_parse_result parsed = document.load_buffer_inplace(
+      text.data(), text.size(), pugi::parse_escapes | pugi::parse_eol | pugi::parse_doctype,
+      pugi::encoding_utf8);
   if (!parsed) {
     error = std::string("broken XML at byte ") + std::to_string(parsed.offset) + ": " + parsed.description();
     return {};
@@ -271,6 +319,8 @@ CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMess
 CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message) {
   message.reset();
   try {
+    Reader reader(text);
+    if (!reader.take(treeBytes(text), "its elements")) return badMessage(reader.error());
     pugi::xml_document document;
     std::string error;
     const pugi::xml_node root = parseRoot(text, document, error);
@@ -284,7 +334,6 @@ CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageB
     }
     if (factory == nullptr) return badMessage(std::string("unknown message class ") + root.name());
     std::unique_ptr<CNMessageBase> built = factory();
-    Reader reader;
     if (!reader.readFields(*built, root, 1)) return badMessage(reader.error());
     message = std::move(built);
     return {};

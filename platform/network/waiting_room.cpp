@@ -156,14 +156,22 @@ std::unique_ptr<CLqNetwork> WaitingRoom::take() {
 void WaitingRoom::leave(const std::string& identity) {
   const std::lock_guard lock(mutex_);
   if (--served_[identity] == 0) served_.erase(identity);
-  changed_.notify_all();
+  tell();
+}
+
+void WaitingRoom::tell() {
+  // One session is for one thread; but when the last has gone, every thread has to hear of it.
+  if (turnsAway_) {
+    changed_.notify_all();
+  } else {
+    changed_.notify_one();
+  }
 }
 
 void WaitingRoom::await(std::unique_ptr<CLqNetwork> session) {
   if (session == nullptr || session->impl_->state != CLqNetwork::Impl::State::kAttached) return;
   session->impl_->held.reset();
   const std::shared_ptr<void> seat = std::move(session->impl_->seat);  // left when the session is back
-  session->impl_->seat.reset();
   {
     const std::lock_guard lock(mutex_);
     if (isStopped_) return;
@@ -206,11 +214,15 @@ void WaitingRoom::run() {
   std::array<epoll_event, kEventsAtOnce> events{};
   while (!isStopped()) {
     const int count = ::epoll_wait(epoll_.get(), events.data(), kEventsAtOnce, sleepTime());
-    for (int i = 0; i < count; ++i) take(events[static_cast<std::size_t>(i)]);
-    std::set<CallerNumber> more;
-    more.swap(unfinished_);
-    for (const CallerNumber number : more) serve(number);
-    sweep();
+    try {
+      for (int i = 0; i < count; ++i) take(events[static_cast<std::size_t>(i)]);
+      std::set<CallerNumber> more;
+      more.swap(unfinished_);
+      for (const CallerNumber number : more) serve(number);
+      sweep();
+    } catch (const std::exception& shortage) {  // costs one caller; the room stays for the others
+      ObEvent().Error(kTag, "the callers on %s cannot be watched well: %s", place_.c_str(), shortage.what());
+    }
   }
   listener_.close();
   callers_.clear();
@@ -424,7 +436,7 @@ void WaitingRoom::putIntoReady(std::unique_ptr<CLqNetwork> session, bool wasAtta
   const bool hasEnded = session != nullptr && session->impl_->givenUp.IsError();
   if (session != nullptr && !isStopped_ && !(hasEnded && ready_.size() >= kMaxEndedReady))
     ready_.push_back(std::move(session));
-  changed_.notify_all();
+  tell();
 }
 
 // --- who has to go -----------------------------------------------------------------------------------------
@@ -433,14 +445,13 @@ void WaitingRoom::sweep() {
   const auto now = Clock::now();
   if (now - lastSweep_ < kSweepPause) return;
   lastSweep_ = now;
-  const bool isContested = FrameBudget::ofAccepted().isContested();
   for (auto caller = callers_.begin(); caller != callers_.end();) {
     const auto next = std::next(caller);
     const Caller& what = caller->second;
     const milliseconds time = what.isAttached ? limits_.requestTime : limits_.attachTime;
     if (now - what.since > time) {
       letGo(caller, tooLate());
-    } else if (isContested && isBehind(what)) {
+    } else if (isBehind(what) && FrameBudget::ofAccepted().isContested()) {
       letGo(caller, tooSlow());
     } else if (what.waiting == Waiting::kTurn && now - what.turnSince > limits_.turnTime) {
       caller->second.session->impl_->frames->dropPayload();

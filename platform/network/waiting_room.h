@@ -99,7 +99,9 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   void wake() const;
   void leave(const std::string& identity);
   bool isStopped() const;
-  bool isDrained() const;  // with the mutex held
+  // With the mutex held.
+  bool isDrained() const;
+  void tell();
 
   const std::shared_ptr<const TlsPsk> psk_;
   const LqListener::Limits limits_;

@@ -1,6 +1,9 @@
 // The text form of messages and protected strings: whatever a field holds comes back, whatever cannot be read
 // is refused with a reason, and a secret never stands in clear where it is stored.
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
@@ -188,6 +191,81 @@ TEST_F(MessageTest, RefusesWhatItCannotReadAndStaysAsItWas) {
     }
   }
   EXPECT_EQ(tree.unserialize(nested(kMaxMessageDepth)), 0);
+}
+
+// --- what reading takes ------------------------------------------------------------------------------------
+
+std::size_t memoryInUse() {
+  const struct mallinfo2 heap = mallinfo2();
+  return heap.uordblks + heap.hblkhd;
+}
+
+// Notes, whenever one is made, what the process uses.
+struct Probe : MessageClass<Probe, 90, 3> {
+  static constexpr const char* kClassName = "Test.Probe";
+  Field<std::string, 1, 1> name;
+  Field<std::string, 2, 2> value;
+  Field<std::int64_t, 3, 3> flag;
+  static std::span<const FieldInfo> fields() {
+    static constexpr FieldInfo list[] = {field<&Probe::name>("name"), field<&Probe::value>("value"),
+                                         field<&Probe::flag>("flag")};
+    return list;
+  }
+  Probe() {
+    if (seen.size() < 2) seen.resize(2, memoryInUse());
+    if (++made % 1000 == 0) seen.back() = memoryInUse();
+    most = std::max(most, std::max(seen.front(), seen.back()));
+  }
+  static inline std::vector<std::size_t> seen;  // at the first, and at the last thousandth
+  static inline std::size_t made = 0;
+  static inline std::size_t most = 0;
+};
+struct Probes : MessageClass<Probes, 90, 4> {
+  static constexpr const char* kClassName = "Test.Probes";
+  Field<std::vector<Probe>, 1, 1> list;
+  static std::span<const FieldInfo> fields() {
+    static constexpr FieldInfo all[] = {field<&Probes::list>("list")};
+    return all;
+  }
+};
+
+std::string probes(std::size_t count, const std::string& record) {
+  std::string text = "<Test.Probes><list>";
+  for (std::size_t i = 0; i < count; ++i) text += record;
+  return text + "</list></Test.Probes>";
+}
+
+TEST_F(MessageTest, ReadingTakesBoundedMemory) {
+  registerMessageClasses<Probe, Probes>();
+  const std::string empty = "<Test.Probe/>";
+  const std::string shortest = R"(<Test.Probe name="a" value="1" flag="0"/>)";
+  const std::string ordinary =
+      "<Test.Probe name=\"sValueOfSomeKind\" value=\"" + std::string(80, 'v') + "\" flag=\"1\"/>";
+  const struct {
+    std::string text;
+    const char* reason;  // empty: it is read
+  } cases[] = {{probes(400'000, ordinary), ""},
+               {probes(100'000, shortest), ""},
+               {probes(50'000, empty), ""},
+               {probes(kMaxMessageRecords, empty), "times the memory"},
+               {probes(kMaxMessageRecords + 1, ordinary), "more than 500000 records"},
+               {"<Test.Probes>" + probes(3'000'000, "<a/>") + "</Test.Probes>", "times the memory"}};
+  for (const auto& [text, reason] : cases) {
+    Probe::seen.clear();
+    Probe::most = 0;
+    std::string buffer = text;
+    std::unique_ptr<CNMessageBase> message;
+    const std::size_t before = memoryInUse();
+    const CWmError error = CNMessageBase::fromBuffer(buffer, message);
+    EXPECT_NE(std::string(error.AsString()).find(reason), std::string::npos) << error.AsString();
+    ASSERT_EQ(error.IsError(), *reason != '\0') << text.substr(0, 80) << error.AsString();
+    if (error.IsError()) continue;
+    const std::size_t taken = Probe::most > before ? Probe::most - before : 0;
+    EXPECT_LE(taken, (kMaxReadFactor - 1) * text.size() + kReadAllowanceBytes) << text.substr(0, 80);
+    EXPECT_LE(Probe::seen.back(), Probe::seen.front()) << "the tree is still there";
+    std::printf("%zu bytes of text, %.2f times as much taken with it\n", text.size(),
+                1 + static_cast<double>(taken) / static_cast<double>(text.size()));
+  }
 }
 
 // --- protected strings -------------------------------------------------------------------------------------

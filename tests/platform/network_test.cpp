@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <list>
 #include <mutex>
 #include <thread>
@@ -15,7 +16,7 @@
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 
-using test_support::connectPlain;
+using test_support::PeerFrame;
 using test_support::PeerSession;
 using test_support::ScriptedPeer;
 
@@ -48,41 +49,56 @@ bool findKey(const std::string& identity, std::string& key) {
   return identity == kIdentity && sessionKeyFromHex(kKey, key);
 }
 
-// The accepting side as a program would use it: one thread accepts, each session has one of its own. Entry
-// "refuse" is refused; a note with the text "decline" is declined, any other sent back.
+// The accepting side as a program would use it: a few threads serve whichever session has something to do.
+// Entry "refuse" is refused; a note with the text "decline" is declined, any other sent back.
 class EchoServer {
  public:
-  EchoServer(const std::string& address, std::uint16_t port) : listener_(findKey) {
-    const CWmError error = listener_.open(address, port);
+  EchoServer(const std::string& address, std::uint16_t port, const LqListener::Limits& limits = {})
+      : listener(findKey, limits) {
+    const CWmError error = listener.open(address, port);
     EXPECT_FALSE(error.IsError()) << error.AsString();
-    acceptor_ = std::thread([this] {
-      while (std::shared_ptr<CLqNetwork> session = listener_.accept())
-        servers_.emplace_back([this, session] { serve(*session); });
-    });
+    for (int i = 0; i < 2; ++i) {
+      threads_.emplace_back([this] {
+        while (auto session = listener.accept()) serve(std::move(session));
+      });
+    }
   }
   ~EchoServer() { stop(); }
 
   void stop() {
-    listener_.stop();
-    if (acceptor_.joinable()) acceptor_.join();
-    for (std::thread& server : servers_) server.join();
-    servers_.clear();
+    listener.stop();
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
   }
 
-  // Outcomes of the attaches and ends of the sessions so far, in order; complete after stop().
+  // How callers were turned away and sessions ended so far, in order; complete after stop().
   std::vector<CWmError> outcomes() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return outcomes_;
   }
 
+  void awaitOutcomes(std::size_t count) {
+    while (outcomes().size() < count) std::this_thread::yield();
+  }
+
+  // Waits until so many wait before and after their attach.
+  void awaitCensus(std::size_t callers, std::size_t attached) const {
+    for (auto now = listener.census(); now.callers != callers || now.attached != attached;
+         now = listener.census())
+      std::this_thread::yield();
+  }
+
+  LqListener listener;
+
  private:
-  void serve(CLqNetwork& session) {
-    const CWmError outcome = exchange(session);
+  void serve(std::unique_ptr<CLqNetwork> session) {
+    const CWmError outcome = step(*session);
+    if (!outcome.IsError()) return listener.await(std::move(session));
     const std::lock_guard<std::mutex> lock(mutex_);
     outcomes_.push_back(outcome);
   }
 
-  static CWmError exchange(CLqNetwork& session) {
+  static CWmError step(CLqNetwork& session) {
     lqsExecuteRemoteDllType remote;
     std::string caller;
     CWmError error = session.AcceptAttach(remote, caller);
@@ -90,26 +106,21 @@ class EchoServer {
     std::string identity;
     EXPECT_TRUE(session.GetPeerName(identity));
     EXPECT_EQ(identity + "/" + caller + "/" + remote.libraryName, "client1/machine1/sLNTEST");
-    EXPECT_FALSE(session.IsConnected());
-    if (std::string(remote.entryName) == "refuse") {
+    if (session.IsAsking() && std::string(remote.entryName) == "refuse") {
       session.RefuseAttach("no such entry here");
-      return error;
+      return {};
     }
-    error = session.ConfirmAttach();
+    if (session.IsAsking()) return session.ConfirmAttach();
     bool gone = false;
-    while (!error.IsError()) {
-      std::unique_ptr<CNMessageBase> message;
-      error = session.ReceiveXMLMessage(nullptr, message, nullptr, 0, -1, gone);
-      if (error.IsError()) break;
-      const bool decline = messageAs<Note>(message.get())->text.get() == "decline";
-      error = decline ? session.SendRefusal("not today") : session.SendXMLMessage(*message, 0, -1, gone);
-    }
-    return error;
+    std::unique_ptr<CNMessageBase> message;
+    error = session.ReceiveXMLMessage(nullptr, message, nullptr, 0, 0, gone);
+    if (error.GetCode() == kLqErrBadMessage) return session.SendRefusal(error.AsString());
+    if (error.IsError()) return error;
+    const bool decline = messageAs<Note>(message.get())->text.get() == "decline";
+    return decline ? session.SendRefusal("not today") : session.SendXMLMessage(*message, 0, -1, gone);
   }
 
-  LqListener listener_;
-  std::thread acceptor_;
-  std::list<std::thread> servers_;
+  std::vector<std::thread> threads_;
   std::mutex mutex_;
   std::vector<CWmError> outcomes_;
 };
@@ -254,6 +265,7 @@ TEST_F(NetworkTest, OnlyAServerWithTheSameKeyIsTrustedAndUnknownCallersLookLikeW
     join("nobody", kKey);
     EXPECT_STREQ(attach(network).AsString(), wrongKey.AsString());
     join(kIdentity, kKey);
+    server.awaitOutcomes(2);
     server.stop();
     ASSERT_EQ(server.outcomes().size(), 2U);
     expectError(server.outcomes()[0], kLqErrHandshake, kIdentity);
@@ -406,6 +418,7 @@ TEST_P(BrokenCallerTest, IsTurnedAwayAndDisturbsNobody) {
   expectGoodExchange();
   caller->waitForClose();
   caller.reset();
+  server.awaitOutcomes(2);
   server.stop();
   std::vector<CWmError> outcomes = server.outcomes();
   ASSERT_EQ(outcomes.size(), 2U);
@@ -466,28 +479,229 @@ TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
 }
 
 TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
-  LqListener listener(findKey);
-  ASSERT_FALSE(listener.open(address, kFirstPort).IsError());
-  close(connectPlain(address, kFirstPort));
-  ASSERT_NE(listener.accept(), nullptr);
-
+  EchoServer server(address, kFirstPort);
+  const test_support::PlainSocket caller;
   const oblog::Capture log;
   rlimit whole{};
   getrlimit(RLIMIT_NOFILE, &whole);
   const int lowest = dup(0);
   close(lowest);
-  // Three are enough for a session, but not for its socket.
-  const rlimit few{static_cast<rlim_t>(lowest) + 3, whole.rlim_max};
+  const rlimit few{static_cast<rlim_t>(lowest) + 1, whole.rlim_max};  // but a part of them is kept for others
   setrlimit(RLIMIT_NOFILE, &few);
-  std::unique_ptr<CLqNetwork> session;
-  std::thread acceptor([&] { session = listener.accept(); });
+  ASSERT_TRUE(caller.connectTo(address, kFirstPort));
   while (log.Lines().empty()) std::this_thread::yield();
+  EXPECT_EQ(server.listener.census().callers, 0U);
   setrlimit(RLIMIT_NOFILE, &whole);
-  close(connectPlain(address, kFirstPort));
-  acceptor.join();
-  EXPECT_NE(session, nullptr);
+  server.awaitCensus(1, 0);
   ASSERT_EQ(log.Lines().size(), 1U);
   EXPECT_NE(log.Lines()[0].text.find("cannot take callers on " + address), std::string::npos);
+}
+
+// --- who waits, and who has to go --------------------------------------------------------------------------
+
+class RoomTest : public NetworkTest {
+ protected:
+  // Attached by hand, so that it can be silent, slow or rude.
+  std::unique_ptr<PeerSession> attachedPeer() {
+    auto peer = PeerSession::call(address, kFirstPort, kIdentity, kKey);
+    if (peer == nullptr) return nullptr;
+    peer->writeFrame(PeerSession::kAttach,
+                     R"(<Session.AttachRequest version="1" library="sLNTEST" entry="e" caller="machine1"/>)");
+    return peer->readFrame().kind == PeerSession::kConfirm ? std::move(peer) : nullptr;
+  }
+  // The beginning of a frame: as much as it takes to need memory for all of it.
+  static void beginLarge(PeerSession& peer, std::size_t payload) {
+    peer.writeInTls(header(payload) + std::string(kBegun, '<'));
+  }
+  static std::string header(std::size_t payload) {
+    std::string bytes;
+    for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>((payload + 1) >> shift & 0xFF);
+    return bytes + static_cast<char>(PeerSession::kMessage);
+  }
+
+  static constexpr std::size_t kBegun = (64U << 10) + 1;
+  static constexpr std::chrono::milliseconds kForever = std::chrono::hours(1);
+};
+
+// Two threads, and limits that are passed by far: as long as nobody may be put out, nobody is, the newest
+// caller is served all the same, and at the end everybody is still there.
+TEST_F(RoomTest, WhoeverIsSilentCostsNobodyAnything) {
+  LqListener::Limits limits;
+  limits.callers = limits.callersPerAddress = limits.waitingPerIdentity = 5;
+  limits.patience = limits.attachTime = limits.requestTime = kForever;
+  EchoServer server(address, kFirstPort, limits);
+  std::list<test_support::PlainSocket> strangers(300);
+  std::size_t number = 0;
+  for (const auto& stranger : strangers) {
+    ASSERT_TRUE(stranger.connectTo(address, kFirstPort));
+    stranger.send(
+        std::string("\x16\x03\x01\x02\x00\x01", number++ % 3 * 3));  // nothing, half or more of a header
+  }
+  std::vector<std::unique_ptr<PeerSession>> sleepers;
+  for (int i = 0; i < 20; ++i) sleepers.push_back(attachedPeer());
+  sleepers[0]->writeInTls(std::string(1, '\0'));  // a byte of a frame
+  server.awaitCensus(300, 20);
+  expectGoodExchange();
+  for (const auto& stranger : strangers) stranger.send("\x03");  // and one more byte each
+  expectGoodExchange();
+  server.awaitCensus(300, 20);
+  for (const auto& stranger : strangers) EXPECT_TRUE(stranger.isOpen());
+  for (auto sleeper = std::next(sleepers.begin()); sleeper != sleepers.end(); ++sleeper) {
+    (*sleeper)->writeFrame(PeerSession::kMessage, "<Test.Note/>");
+    EXPECT_EQ((*sleeper)->readFrame().kind, PeerSession::kMessage);
+  }
+}
+
+// With no patience left, the oldest goes: of an address with too many, of the largest address when there are
+// too many in all, of an identity.
+TEST_F(RoomTest, TheOldestOfItsKindMakesRoom) {
+  LqListener::Limits limits;
+  limits.callers = 4;
+  limits.callersPerAddress = limits.waitingPerIdentity = 2;
+  limits.patience = std::chrono::milliseconds(0);
+  EchoServer server(address, kFirstPort, limits);
+  const struct {
+    const char* from;
+    int goes;  // who makes room for it, by number; -1 for nobody
+  } steps[] = {{"127.0.9.1", -1}, {"127.0.9.1", -1},
+               {"127.0.9.1", 0},  // too many of an address
+               {"127.0.9.2", -1}, {"127.0.9.2", -1},
+               {"127.0.9.3", 3},   // too many in all, and of the largest addresses it is the last one's turn
+               {"127.0.9.4", 1}};  // now the first is the only one with two
+  std::vector<test_support::PlainSocket> callers(std::size(steps));
+  std::size_t present = 0;
+  for (std::size_t i = 0; i < callers.size(); ++i) {
+    ASSERT_TRUE(callers[i].connectTo(address, kFirstPort, steps[i].from));
+    if (steps[i].goes >= 0) {
+      callers[static_cast<std::size_t>(steps[i].goes)].awaitClose();
+    } else {
+      ++present;
+    }
+    server.awaitCensus(present, 0);
+  }
+  std::string open;
+  for (const auto& caller : callers) open += caller.isOpen() ? 'o' : '-';
+  EXPECT_EQ(open, "--o-ooo");
+  callers.clear();
+  server.awaitCensus(0, 0);
+
+  std::vector<std::unique_ptr<PeerSession>> sleepers;
+  for (int i = 0; i < 3; ++i) {
+    sleepers.push_back(attachedPeer());
+    ASSERT_NE(sleepers.back(), nullptr);
+    server.awaitCensus(0, std::min<std::size_t>(sleepers.size(), 2));
+  }
+  EXPECT_EQ(sleepers[0]->readFrame().kind, 0) << "is still there";
+  sleepers[1]->writeFrame(PeerSession::kMessage, "<Test.Note/>");
+  EXPECT_EQ(sleepers[1]->readFrame().kind, PeerSession::kMessage);
+  server.awaitOutcomes(1);
+  server.stop();
+  ASSERT_EQ(server.outcomes().size(), 1U);
+  expectError(server.outcomes()[0], kLqErrTimeout, "while others needed its place");
+}
+
+// Whose time has passed goes without anybody needing the place.
+TEST_F(RoomTest, CallersAndSessionsHaveTheirTime) {
+  LqListener::Limits limits;
+  limits.attachTime = limits.requestTime = std::chrono::milliseconds(1);
+  {
+    EchoServer server(address, kFirstPort, limits);
+    const test_support::PlainSocket caller;
+    ASSERT_TRUE(caller.connectTo(address, kFirstPort));
+    caller.awaitClose();
+  }
+  limits.attachTime = kForever;
+  EchoServer server(address, kFirstPort, limits);
+  const auto sleeper = attachedPeer();
+  sleeper->waitForClose();
+  server.awaitOutcomes(1);
+  server.stop();
+  ASSERT_EQ(server.outcomes().size(), 1U);
+  expectError(server.outcomes()[0], kLqErrTimeout, "the time given has passed");
+}
+
+// Two large frames that do not get on hold all the memory there is for such. A third, which has come whole,
+// is declined when its time to wait is over, and its session goes on; and it is read once there is memory
+// again.
+TEST_F(RoomTest, LargeMessagesWaitForMemoryAndHearWhenThereIsNone) {
+  LqListener::Limits limits;
+  limits.patience = limits.requestTime = kForever;
+  limits.turnTime = std::chrono::milliseconds(1);
+  EchoServer server(address, kFirstPort, limits);
+  auto first = attachedPeer();
+  const auto second = attachedPeer();
+  const auto third = attachedPeer();
+  beginLarge(*first, kMaxMessageFrameBytes - 1);
+  beginLarge(*second, kMaxMessageFrameBytes - 1);
+  const std::string text = "<Test.Note text=\"" + std::string(3 * kBegun, 'x') + "\"/>";
+  // Whether the others have their memory yet shows in what the third one hears.
+  PeerFrame heard;
+  do {
+    third->writeFrame(PeerSession::kMessage, text);
+    heard = third->readFrame();
+  } while (heard.kind == PeerSession::kMessage);
+  EXPECT_EQ(heard.kind, PeerSession::kRefuseRequest);
+  EXPECT_NE(heard.payload.find("no memory for so large a message"), std::string::npos) << heard.payload;
+  third->writeFrame(PeerSession::kMessage, "<Test.Note text=\"small\"/>");
+  EXPECT_EQ(third->readFrame().payload, "<Test.Note text=\"small\"/>");
+  first.reset();
+  do {
+    third->writeFrame(PeerSession::kMessage, text);
+    heard = third->readFrame();
+  } while (heard.kind == PeerSession::kRefuseRequest);
+  EXPECT_EQ(heard.payload, text);
+}
+
+TEST_F(RoomTest, WhoIsTooSlowWithALargeMessageGivesItsMemoryToOthers) {
+  LqListener::Limits limits;
+  limits.patience = std::chrono::milliseconds(0);
+  limits.waitingPerIdentity = 8;
+  EchoServer server(address, kFirstPort, limits);
+  const auto first = attachedPeer();
+  const auto second = attachedPeer();
+  beginLarge(*first, kMaxMessageFrameBytes - 1);
+  beginLarge(*second, kMaxMessageFrameBytes - 1);
+  const auto third = attachedPeer();
+  beginLarge(*third, kMaxMessageFrameBytes - 1);
+  first->waitForClose();
+  server.awaitOutcomes(1);
+  expectError(server.outcomes()[0], kLqErrTimeout, "slow to send a large message");
+}
+
+// --- what ends a wait without limit ------------------------------------------------------------------------
+
+TEST_F(NetworkTest, APeerThatStaysSilentIsLostAlsoWithoutALimit) {
+  ScriptedPeer mute(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    if (s.acceptAttach()) s.waitForClose();
+  });
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  CLqNetwork::SetSilenceLimit(std::chrono::milliseconds(20));
+  std::unique_ptr<CNMessageBase> message;
+  expectError(network.ReceiveXMLMessage(nullptr, message, nullptr, 0, -1, gone), kLqErrConnectionLost,
+              "not a byte");
+  EXPECT_TRUE(gone);
+  EXPECT_FALSE(network.IsConnected());
+}
+
+TEST_F(NetworkTest, ARefusalHeardAtTheGoodbyeIsToldAndSoIsTheEnd) {
+  ScriptedPeer peer(address, kFirstPort, kIdentity, kKey, [](PeerSession& s) {
+    if (!s.acceptAttach()) return;
+    s.readFrame();
+    s.writeFrame(PeerSession::kRefuseRequest, "not recorded");
+    s.answerGoodbye();
+  });
+  std::string story;
+  CLqNetwork::SetObserver([&](const CLqNetwork::WireEvent& event) {
+    const char* const names[] = {"sent", "received", "refused", "ended"};
+    story += std::string(names[static_cast<int>(event.kind)]) + " " + event.reason + "; ";
+  });
+  CLqNetwork network;
+  ASSERT_FALSE(attach(network).IsError());
+  ASSERT_FALSE(network.SendXMLMessage(noteOf("acknowledged"), 0, kPatience, gone).IsError());
+  network.Disconnect(kPatience, gone);
+  CLqNetwork::SetObserver({});
+  EXPECT_EQ(story, "sent ; refused not recorded; ended ; ");
 }
 
 }  // namespace

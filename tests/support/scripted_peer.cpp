@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <stdexcept>
 #include <utility>
@@ -257,6 +258,38 @@ void ScriptedPeer::serve() {
     script_(session);
     const std::lock_guard<std::mutex> lock(mutex_);
     current_ = -1;
+  }
+}
+
+PlainSocket::PlainSocket() : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sendAtOnce(descriptor_);
+}
+
+PlainSocket::~PlainSocket() {
+  close(descriptor_);
+}
+
+bool PlainSocket::connectTo(const std::string& address, std::uint16_t port, const std::string& from) const {
+  const sockaddr_in place = addressOf(address, port);
+  if (!from.empty()) {
+    const sockaddr_in own = addressOf(from, 0);
+    if (bind(descriptor_, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) return false;
+  }
+  return connect(descriptor_, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
+}
+
+void PlainSocket::send(const std::string& bytes) const {
+  ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+bool PlainSocket::isOpen() const {
+  char byte = 0;
+  return recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+}
+
+void PlainSocket::awaitClose() const {
+  char byte = 0;
+  while (recv(descriptor_, &byte, 1, 0) > 0) {
   }
 }
 

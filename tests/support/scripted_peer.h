@@ -98,4 +98,23 @@ class ScriptedPeer {
 // A bare TCP connection; -1 when nobody listens.
 int connectPlain(const std::string& address, std::uint16_t port);
 
+// A socket that is no more than that, for callers that never get as far as TLS.
+class PlainSocket {
+ public:
+  PlainSocket();
+  ~PlainSocket();
+  PlainSocket(const PlainSocket&) = delete;
+  PlainSocket& operator=(const PlainSocket&) = delete;
+
+  // Connects, from an address of this machine unless it is empty.
+  bool connectTo(const std::string& address, std::uint16_t port, const std::string& from = {}) const;
+  void send(const std::string& bytes) const;
+  // Whether the other end has not closed yet, as far as can be seen without waiting.
+  bool isOpen() const;
+  void awaitClose() const;
+
+ private:
+  int descriptor_;
+};
+
 }  // namespace test_support
