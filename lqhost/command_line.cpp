@@ -82,14 +82,4 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
   return std::nullopt;
 }
 
-bool readEntries(const std::string& path, std::map<std::string, std::string>& entries, std::string& error) {
-  try {
-    for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
-      if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
-  } catch (const CLI::Error& failure) {
-    error = failure.what();
-  }
-  return error.empty();
-}
-
 }  // namespace host

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,8 +61,5 @@ class CommandLine {
   std::string chosen_;
   Action action_;
 };
-
-// Reads a file of `name = "value"` lines, such as a join file. False with the reason.
-bool readEntries(const std::string& path, std::map<std::string, std::string>& entries, std::string& error);
 
 }  // namespace host

@@ -3,15 +3,14 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <vector>
 
 #include "common/text_table.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
+#include "lqhost/join_file.h"
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQClient.h"
@@ -21,15 +20,6 @@
 namespace host {
 
 namespace {
-
-// What the join file says. The session key is a secret.
-struct JoinFile {
-  std::string serverHost;
-  std::string serverName;
-  std::string clientName;
-  std::uint64_t clientId = 0;
-  std::string sessionKey;  // hexadecimal
-};
 
 // Where the installation lies and what the machine is called; empty texts stand for the defaults.
 struct JoinOptions {
@@ -95,38 +85,6 @@ std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options
       {"EventManager", "dOBLOGDIR", options.home + "/" + kLogFolder},
       {"Session", "bANTICHATTER", "0"},  // joining ends here: the client may talk to the server from now on
   };
-}
-
-// False with the reason in `error`.
-bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
-  std::map<std::string, std::string> entries;
-  if (!readEntries(path, entries, error)) {
-    error += ": cannot read the join file; `overhub add-client` writes one";
-    return false;
-  }
-  const auto take = [&](const char* name, std::string& into) {
-    into = entries[name];
-    if (!into.empty()) return true;
-    error = path + ": the join file lacks \"" + name + "\"; have `overhub add-client` write a new one";
-    return false;
-  };
-  std::string id;
-  if (!take("server-host", file.serverHost) || !take("server-name", file.serverName) ||
-      !take("client-name", file.clientName) || !take("client-id", id) ||
-      !take("session-key", file.sessionKey))
-    return false;
-  const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
-  std::string key;
-  // The largest is what a message can carry.
-  constexpr std::uint64_t kMaxClientId = 0x7fffffffffffffff;
-  if (failure != std::errc() || file.clientId > kMaxClientId || end != id.data() + id.size() ||
-      file.clientId == 0) {
-    error = path + ": client-id is not a positive number: " + id;
-  } else if (!sessionKeyFromHex(file.sessionKey, key)) {
-    error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
-            " hexadecimal digits";
-  }
-  return error.empty();
 }
 
 // Writes everything as one change, for the instance in focus, creating the directories. False with the
