@@ -77,7 +77,7 @@ void setPlatformTypesAndHosts(Client& client, const std::string& serverHost, con
 }
 
 // The constructor's defaults, once initialize() has run. The server's host name that initialize() stored is
-// dropped on purpose: every connection looks it up afresh.
+// dropped, because it may be another one by the time of a connection: each looks it up afresh.
 template <class Client>
 void setDefaults(Client& client) {
   client.sendMessage = nullptr;

@@ -1,5 +1,7 @@
 #include "lqregistry/LqCommunicationManagerClnt.h"
 
+#include <exception>
+
 #include "client_session/session_steps.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqEntities.h"
@@ -19,8 +21,19 @@ constexpr session_steps::Style kStyle{
 
 constexpr const char* kDispatchTag = "LqCommunicationManagerClnt::serverRequestHandler";
 
-constexpr std::int64_t kNotImplementedCode = 1;
 constexpr const char* kNotImplementedText = "Callback function not implemented";
+// What the exception says stays in this machine's log: its text may name what the server need not know.
+constexpr const char* kHandlerThrewText = "Callback function ended with an exception";
+
+// An error as the payload of an answer.
+std::string errorPayload(std::int64_t code, const char* text) {
+  App::GenericResp refusal;
+  refusal.errorCode = code;
+  refusal.errorText = std::string(text);
+  std::string payload;
+  refusal.serialize(payload, false);
+  return payload;
+}
 
 }  // namespace
 
@@ -83,22 +96,31 @@ void LqCommunicationManagerClnt::disconnect() {
 }
 
 int LqCommunicationManagerClnt::serverRequestHandler(App::AppCommunicationMessageReq& request) {
+  const auto type = static_cast<long>(request.messageType.get());
   // By its low 32 bits: that is what handlers are registered under.
-  const auto found = callBackFunctionMap.find(static_cast<int>(request.messageType.get()));
-  std::string payload;
+  const auto found = callBackFunctionMap.find(static_cast<int>(type));
   if (found != callBackFunctionMap.end() && found->second != nullptr) {
-    payload = request.payload;
-    if (found->second(payload) != 0)
-      logger.DebugLvl(0, kDispatchTag, "Call Back function returned some error");
+    serverRequest.payload = answerOf(found->second, request.payload, type);
   } else {
-    App::GenericResp refusal;
-    refusal.errorCode = kNotImplementedCode;
-    refusal.errorText = std::string(kNotImplementedText);
-    refusal.serialize(payload, false);
-    logger.DebugLvl(0, kDispatchTag, "Call Back function not implemented for [%ld]",
-                    static_cast<long>(request.messageType.get()));
+    serverRequest.payload = errorPayload(App::kErrorNotImplemented, kNotImplementedText);
+    logger.DebugLvl(0, kDispatchTag, "Call Back function not implemented for [%ld]", type);
   }
-  serverRequest.payload = payload;
   sendMessage = &serverRequest;
   return 0;
+}
+
+std::string LqCommunicationManagerClnt::answerOf(CallBackFunction handler, std::string payload,
+                                                 long type) const {
+  // A handler is another module's code: what it throws must not reach the host's threads, and what it has
+  // written by then is no answer.
+  try {
+    if (handler(payload) != 0) logger.DebugLvl(0, kDispatchTag, "Call Back function returned some error");
+    return payload;
+  } catch (const std::exception& exception) {
+    logger.DebugLvl(0, kDispatchTag, "Call Back function for [%ld] ended with an exception: %s", type,
+                    exception.what());
+  } catch (...) {
+    logger.DebugLvl(0, kDispatchTag, "Call Back function for [%ld] ended with an exception", type);
+  }
+  return errorPayload(App::kErrorHandlerThrew, kHandlerThrewText);
 }

@@ -70,7 +70,9 @@ class Helper {
   bool load(LQPI_PlatformBase& base) {
     const char* const home = base.getBaseHomeDirectory();
     path_ = std::string(home == nullptr ? "" : home) + "/" + kHelperLibrary;
-    const CWmError error = library_.Load(path_, false);
+    // Without a base directory there is no library; what lies in the file system's root is nobody's helper.
+    const CWmError error =
+        home == nullptr ? CWmError(kLqErrLibrary, "no base directory is known") : library_.Load(path_, false);
     if (error.IsError()) {
       event_.DebugLvl(kAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
                       error.AsString());
@@ -130,7 +132,8 @@ int clearWorkDirectory(LQPlatformInfo& info, const ObEvent& event) {
 unsigned long LqSluiceLogMonitoringInterface_getClientId() {
   static std::atomic<std::uint64_t> l_clientId{0};  // 0: not known yet
   if (const std::uint64_t known = l_clientId) return known;
-  // Not tested again under the lock, on purpose: whoever waited looks the id up too, and stores the same.
+  // Not tested again under the lock: whoever waited looks the id up too, and stores the same, which spares
+  // the first call a second test and harms nobody.
   const LqCriticalSectionLock lock(criticalSecForClientId);
   const ObEvent event;
   LQPlatformInfo info(LQPI_Focus::getFocus());

@@ -64,11 +64,13 @@ Options CommandLine::options() {
   return Options(*app_);
 }
 
-Options CommandLine::add(const char* command, const char* description, Action action) {
+Options CommandLine::add(const char* command, const char* description, Action action,
+                         Preparation preparation) {
   CLI::App* const app = app_->add_subcommand(command, description);
-  app->callback([this, command, does = std::move(action)] {
+  app->callback([this, command, does = std::move(action), before = std::move(preparation)] {
     chosen_ = command;
     action_ = does;
+    preparation_ = before;
   });
   return Options(*app);
 }

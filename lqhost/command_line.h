@@ -20,6 +20,9 @@ class CommandLine {
  public:
   // What a command does, once the process is set up; the program's exit code.
   using Action = std::function<int()>;
+  // What a command does before that, as whoever started the program: it reads what only that user may read,
+  // and adds the places that it will use. An exit code other than 0 ends the program.
+  using Preparation = std::function<int(std::vector<std::string>& places)>;
   using Pairs = std::vector<std::pair<std::string, std::string>>;
 
   // The arguments of the program, or of one command. What they are read into must outlive the line; what it
@@ -49,17 +52,19 @@ class CommandLine {
   CommandLine& operator=(const CommandLine&) = delete;
 
   Options options();  // those of every command
-  Options add(const char* command, const char* description, Action action);
+  Options add(const char* command, const char* description, Action action, Preparation preparation = {});
 
   // Nothing when a command was chosen; otherwise help or the mistake was printed, and this is the exit code.
   std::optional<int> parse(int argc, char** argv);
   const std::string& chosen() const { return chosen_; }
+  int prepare(std::vector<std::string>& places) const { return preparation_ ? preparation_(places) : 0; }
   int run() const { return action_(); }
 
  private:
   std::unique_ptr<CLI::App> app_;
   std::string chosen_;
   Action action_;
+  Preparation preparation_;
 };
 
 }  // namespace host

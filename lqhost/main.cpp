@@ -1,13 +1,13 @@
 // lqhost: the host service of a client machine. The process is set up here; each command has a file of its
 // own.
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "common/log_options.h"
+#include "common/program_start.h"
 #include "common/text_table.h"
 #include "lqhost/command_line.h"
 #include "lqhost/commands/commands.h"
@@ -17,9 +17,6 @@
 #include "lqregistry/LqRegistryFile.h"
 
 namespace {
-
-// Whatever is created is for its owner only.
-constexpr mode_t kPrivate = 077;
 
 constexpr const char* kDefaultInstance = "Instance001";
 
@@ -94,7 +91,7 @@ bool setUpLog(programs::LogOptions log, const char* defaultName) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ::umask(kPrivate);
+  programs::beginProgram();
   host::CommandLine line(
       "lqhost",
       "The host service of a client machine: joins a management server and synchronises its registry.",
@@ -104,6 +101,10 @@ int main(int argc, char** argv) try {
   if (const auto exitCode = line.parse(argc, argv)) return *exitCode;
 
   if (!settings.registry.empty()) lqregistry::UseFile(settings.registry);
+  std::vector<std::string> places{lqregistry::File()};
+  if (const int exitCode = line.prepare(places); exitCode != host::kExitOk) return exitCode;
+  if (const CWmError error = programs::becomeServiceUser(places); error.IsError())
+    return host::print(host::complaint(host::kExitNotJoined, error.AsString()));
   // Both, because the product lets the variable override the focus; and before any thread runs.
   setenv(kInstanceVariable, settings.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   LQPI_Focus::setFocus(settings.instance.c_str());

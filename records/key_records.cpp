@@ -1,7 +1,6 @@
 #include "records/key_records.h"
 
 #include <cstdlib>
-#include <ctime>
 #include <set>
 #include <string_view>
 
@@ -33,17 +32,16 @@ std::string subKeyPath(const std::string& path, const std::string& name) {
   return path + kPathSeparator + name;
 }
 
-void markExpired(OBGui::KeyList& keys) {
+void markExpired(OBGui::KeyList& keys, std::time_t now) {
   std::set<std::string, std::less<>> expiredNames;
-  const std::time_t now = std::time(nullptr);
   for (OBGui::RegistryKeyInfo& key : keys) {
     if (!isExpired(key, now)) continue;
     key.deleteFlag = 1;
     expiredNames.insert(key.valueName->substr(0, key.valueName->size() - _UNTIL.size()));
   }
   if (expiredNames.empty()) return;
-  // By name alone, on purpose: an expired X_UNTIL anywhere in the list ends X wherever the list sets it,
-  // whatever the key paths.
+  // By name alone: a setting on trial may be spread over several keys, and one expiry time is to end all of
+  // it. So an expired X_UNTIL anywhere in the list ends X wherever the list sets it.
   for (OBGui::RegistryKeyInfo& key : keys)
     if (expiredNames.contains(key.valueName.get())) key.deleteFlag = 1;
 }

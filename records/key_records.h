@@ -3,6 +3,7 @@
 // did.
 #pragma once
 
+#include <ctime>
 #include <string>
 
 #include "lqregistry/LqExport.h"
@@ -19,9 +20,9 @@ LQ_EXPORT std::string normalisedKeyPath(const std::string& keyPath);
 // The path of a sub-key.
 LQ_EXPORT std::string subKeyPath(const std::string& path, const std::string& name);
 
-// Sets deleteFlag to 1 on every record of the list whose expiry time has passed: an expired X_UNTIL, and
-// every record named X.
-LQ_EXPORT void markExpired(OBGui::KeyList& keys);
+// Sets deleteFlag to 1 on every record of the list whose expiry time has passed at `now`: an expired X_UNTIL,
+// and every record named X. A time that is just `now` has not passed.
+LQ_EXPORT void markExpired(OBGui::KeyList& keys, std::time_t now = std::time(nullptr));
 
 // Whether the record is to be removed from the client; otherwise it is to be written.
 inline bool isToBeRemoved(const OBGui::RegistryKeyInfo& key) {

@@ -7,8 +7,8 @@
 #include "lqregistry/LqExport.h"
 #include "lqregistry/OBGui.h"
 
-// The registry's numeric value type for a type word: 0 for every word. The mapping is flat on purpose: every
-// value is stored with type 0, and its bytes are handed back unchanged.
+// The registry's numeric value type for a type word: 0 for every word. The registry does not interpret what
+// it stores, so there is nothing to tell apart: each value's bytes are handed back unchanged.
 LQ_EXPORT unsigned getKeyType(const std::string& typeWord);
 
 // The type word for a numeric value type: "STRING" for every number, the counterpart of getKeyType.

@@ -39,8 +39,9 @@ void LqRegistryManagerClnt::getRequestedKeys(App::KeyList* keys) {
     logger.DebugLvl(kDetail, kFetchTag, "Requested key list not set");
     return;
   }
-  // Neither the length nor the buffer is reset between records, on purpose: a value has room for no more than
-  // the shortest one before it. A read that succeeds leaves a NUL after the data.
+  // The length is handed from read to read and never reset, which is part of what a fetch answers: a value
+  // has room for no more than the shortest one before it. Nor is the buffer, because a read that succeeds
+  // leaves a NUL after the data: nothing of an earlier value shows in a later one.
   int length = kFetchBuffer;
   std::array<char, kFetchBuffer> value;
   for (App::RegistryKeyInfo& key : *keys) {

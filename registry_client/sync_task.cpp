@@ -27,7 +27,8 @@ using InstanceName = std::array<char, kInstanceNameBuffer>;
 }  // namespace
 
 int RegistryDownload_OnStart(LqPeriodicTaskStatus* status) {
-  // An error line on purpose, so that it stands in every log: the first pass waits for the timer.
+  // An error line, because those stand in every log whatever its level: who wonders why nothing was
+  // synchronised at start finds here that the first pass waits for the timer.
   ObEvent().Error(kOnStartTag, "Skipping registry syncronize from space check on service start");
   status->setLastRunTime(std::time(nullptr));
   return kTaskOk;

@@ -36,7 +36,8 @@ unsigned LqRegistryManagerClnt::uploadRegistryKeysToServer(OBGui::RegistryTaskRe
   OBGui::RegisterSubsystem();
   exchange(message);  // the reply decides, not this result
   const auto* const reply = messageAs<OBGui::RegistryTaskResp>(receivedMessage.get());
-  // A lost reply is not a failure, on purpose: the next upload starts from scratch anyway.
+  // A lost reply is not a failure: the server may well have stored the upload, and the next one starts from
+  // scratch anyway.
   if (reply == nullptr) return kResultOk;
   if (reply->taskStatus == OBGui::kTaskFailed) {
     logger.Error(kSendTag, "Uploading Registry Keys for client [%s]. Received failed Response from Server.",

@@ -89,6 +89,10 @@ struct AppCommunicationMessageResp : MessageClass<AppCommunicationMessageResp, k
   }
 };
 
+// GenericResp::errorCode.
+inline constexpr std::int64_t kErrorNotImplemented = 1;  // no handler is registered for the type
+inline constexpr std::int64_t kErrorHandlerThrew = 2;    // the handler ended with an exception
+
 // An error as an answer: carried, as text, in the payload of an AppCommunicationMessageResp.
 struct GenericResp : MessageClass<GenericResp, kNamespace, 1595> {
   static constexpr const char* kClassName = "App.GenericResp";

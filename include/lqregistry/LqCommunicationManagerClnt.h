@@ -21,7 +21,7 @@
 class LQ_EXPORT LqCommunicationManagerClnt {
  public:
   // Turns the payload of a request into that of the reply, in place; 0 on success. What it leaves there is
-  // sent either way.
+  // sent either way. A handler that throws is answered for: App::kErrorHandlerThrew goes out in its place.
   using CallBackFunction = int (*)(std::string& payload);
 
   // The handlers by message type.
@@ -64,7 +64,7 @@ class LQ_EXPORT LqCommunicationManagerClnt {
   void disconnect();
 
   // Answers a message of the server: the reply is left as the message to send. Every request is answered, one
-  // of an unknown type with a GenericResp as its payload. Always 0.
+  // of an unknown type, or whose handler throws, with an App::GenericResp as text for its payload. Always 0.
   int serverRequestHandler(App::AppCommunicationMessageReq& request);
 
   CLqNetwork network;
@@ -80,4 +80,8 @@ class LQ_EXPORT LqCommunicationManagerClnt {
   std::string localHostName;
   bool sendOnly = false;
   App::AppCommunicationMessageResp serverRequest;
+
+ private:
+  // The payload that the handler makes of a request's, or the error that answers for it.
+  std::string answerOf(CallBackFunction handler, std::string payload, long type) const;
 };

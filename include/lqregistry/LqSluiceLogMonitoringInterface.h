@@ -17,7 +17,7 @@
 extern "C" LQ_EXPORT int LqSluiceLogMonitoringInterface_CheckLogMonitoringData();
 
 // Runs the helper's "processLogMonitoringAlertRule". A machine without the Index Server package is a failure
-// here, on purpose, and not merely a machine that this does not apply to.
+// here, not merely a machine that this does not apply to: alert rules are only set up where there is one.
 extern "C" LQ_EXPORT int LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule();
 
 // This machine's client id, looked up once for the life of the process; 0 on failure, which the next call

@@ -13,6 +13,7 @@
 #include "lqhost/join_file.h"
 
 #include "lqregistry/CLqNetwork.h"
+#include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -42,8 +43,13 @@ std::string systemHostName() {
 bool makeDirectory(const std::string& path, std::string& error) {
   std::error_code failure;
   std::filesystem::create_directories(path, failure);
-  if (failure) error = "cannot create the directory " + path + ": " + failure.message();
-  return !failure;
+  if (failure) {
+    error = "cannot create the directory " + path + ": " + failure.message();
+  } else {
+    // What lies there is loaded, applied and believed later on.
+    error = FXFile::CheckTrusted(path).AsString();
+  }
+  return error.empty();
 }
 
 // As it stands when the working directory is gone.
@@ -114,10 +120,8 @@ bool record(const JoinFile& file, JoinOptions options, std::string& error) {
   return false;
 }
 
-int join(const JoinOptions& options) {
-  JoinFile file;
+int join(const JoinFile& file, const JoinOptions& options) {
   std::string error;
-  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
   if (!record(file, options, error)) return print(complaint(kExitNotJoined, error));
   const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
                            " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
@@ -125,12 +129,24 @@ int join(const JoinOptions& options) {
   return print({kExitOk, programs::escapedForTerminal(said) + "\n", ""});
 }
 
+// The join file is read as whoever started this, who may be the only one that it is for.
+int prepare(JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
+  std::string error;
+  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
+  fillDefaults(options);
+  places.push_back(options.base);
+  return kExitOk;
+}
+
 }  // namespace
 
 void addJoin(CommandLine& line) {
   const auto options = std::make_shared<JoinOptions>();
-  line.add("join", "Join a management server: record what this client needs to know",
-           [options] { return join(*options); })
+  const auto file = std::make_shared<JoinFile>();
+  line.add(
+          "join", "Join a management server: record what this client needs to know",
+          [options, file] { return join(*file, *options); },
+          [options, file](std::vector<std::string>& places) { return prepare(*file, *options, places); })
       .required("FILE", options->file, "The join file that `overhub add-client` wrote")
       .option("--home", options->home, "Installation home; otherwise " + std::string(kDefaultHome))
       .option("--base", options->base, "Base directory; otherwise the folder Base of the home")

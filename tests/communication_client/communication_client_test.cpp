@@ -25,6 +25,14 @@ int fail(std::string& payload) {
   return 5;
 }
 
+int throwInTheMiddle(std::string& payload) {
+  payload = "half an answer";
+  throw std::runtime_error("no such door");
+}
+int throwANumber(std::string&) {
+  throw 5;
+}
+
 class CommunicationClient : public ProductTest {
  protected:
   CommunicationClient() { join(); }
@@ -71,16 +79,33 @@ TEST_F(CommunicationClient, TheHandlerOfTheTypeMakesTheAnswer) {
   EXPECT_EQ(dispatch(client, 7), "world could not be greeted") << "the last handler of a type counts";
 }
 
-TEST_F(CommunicationClient, ARequestWithoutAHandlerIsAnsweredWithTheReason) {
+TEST_F(CommunicationClient, ARequestThatNoHandlerAnswersIsAnsweredWithTheReason) {
   LqCommunicationManagerClnt client("");
-  const oblog::Capture log;
-  App::GenericResp refusal;
-  EXPECT_EQ(refusal.unserialize(dispatch(client, 4294967303)), 0);
-  EXPECT_EQ(refusal.errorCode, 1);
-  EXPECT_EQ(refusal.errorText.get(), "Callback function not implemented");
-  EXPECT_EQ(linesOf(log), std::vector<std::string>{"0|" + kPrefix +
-                                                   "serverRequestHandler|"
-                                                   "Call Back function not implemented for [4294967303]"});
+  LqCommunicationManagerClnt::registerCallBackFunction(8, &throwInTheMiddle);
+  LqCommunicationManagerClnt::registerCallBackFunction(9, &throwANumber);
+  LqCommunicationManagerClnt::registerCallBackFunction(10, nullptr);
+  const char* const missing = "Callback function not implemented";
+  const char* const threw = "Callback function ended with an exception";
+  const struct {
+    std::int64_t type;
+    std::int64_t code;
+    const char* text;
+    const char* line;
+  } cases[] = {
+      {4294967303, 1, missing, "not implemented for [4294967303]"},
+      {4294967304, 2, threw, "for [4294967304] ended with an exception: no such door"},
+      {9, 2, threw, "for [9] ended with an exception"},
+      {10, 1, missing, "not implemented for [10]"},
+  };
+  for (const auto& c : cases) {
+    const oblog::Capture log;
+    App::GenericResp refusal;
+    EXPECT_EQ(refusal.unserialize(dispatch(client, c.type)), 0);
+    EXPECT_EQ(refusal.errorCode, c.code);
+    EXPECT_EQ(refusal.errorText.get(), c.text);
+    EXPECT_EQ(linesOf(log),
+              std::vector<std::string>{"0|" + kPrefix + "serverRequestHandler|Call Back function " + c.line});
+  }
 }
 
 // --- a good exchange ---------------------------------------------------------------------------------------
@@ -109,6 +134,29 @@ TEST_F(CommunicationClient, AnExchangeAttachesSendsReceivesAndTakesLeaveAndNeeds
   for (const char* part :
        {"library=\"sLNREGKEYMANAGER\"", "entry=\"sLPREGKEYMANAGER\"", "caller=\"machine42\""})
     EXPECT_NE(server->attachments().at(0).find(part), std::string::npos) << part;
+}
+
+TEST_F(CommunicationClient, EveryConnectionGoesToTheServerThatTheRegistryNamesByThen) {
+  setValue("Machine", "nPLATFORMTYPE", "3");
+  setValue("SOFTWARE/Velmor/Instance002/Machine", "sPHYSICALNAME", "another");
+  EXPECT_EQ(LqCommunicationManagerClnt("Instance002").getLocalHostName(), "another");
+  auto first = serve({answering(kReply)});
+  LqCommunicationManagerClnt client("");
+  EXPECT_EQ(client.getRemoteHostName(), "");
+  EXPECT_EQ(client.getLocalPlatformType(), 2U);
+  EXPECT_EQ(client.getRemotePlatformType(), 1U);
+  client.setRemoteHostName("elsewhere");
+  EXPECT_TRUE(exchange(client));
+  EXPECT_NE(first->attachments().at(0).find("caller=\"overhub\""), std::string::npos);
+  address_ = test_support::uniqueLoopbackAddress();
+  setValue("Overhub", "sOHHOSTNAME", address_);
+  auto second = serve({taking()});
+  client.setSendOnly(true);
+  EXPECT_TRUE(exchange(client));
+  EXPECT_EQ(client.receivedMessage, nullptr);
+  EXPECT_EQ(client.getRemoteHostName(), address_);
+  EXPECT_EQ(second->messages().size(), 1U);
+  EXPECT_FALSE(client.network.IsConnected());
 }
 
 // --- faults ------------------------------------------------------------------------------------------------

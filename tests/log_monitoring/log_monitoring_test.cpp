@@ -20,15 +20,16 @@ constexpr auto clientId = LqSluiceLogMonitoringInterface_getClientId;
 const std::string kCheck = "LqSluiceLogMonitoringInterface_CheckLogMonitoringData|";
 const std::string kAlert = "LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule|";
 const std::string kIdOf = "LqSluiceLogMonitoringInterface_getClientId|";
-constexpr const char* kProperties = "SOFTWARE/Velmor/ClientProperties/42";
-constexpr const char* kServer = "5";
+constexpr const char* kProperties = "SOFTWARE/Velmor/ClientProperties/4294967338";
+constexpr std::uint64_t kId = 4294967338;  // what is beyond 32 bits counts
+constexpr const char* kServer = "7";       // a bit among others
 constexpr const char* kClient = "4";
 
 class LogMonitoring : public ProductTest {
  protected:
   LogMonitoring() {
     join();
-    LQClient::recordClient("machine42", kClientId);
+    LQClient::recordClient("machine42", kId);
     setValue("Base", "dVELMORHOME", dir_ / "home/");
     fs::create_directories(dir_ / "home/LM");
     test_support::writeFile(workFile_, "");
@@ -38,7 +39,7 @@ class LogMonitoring : public ProductTest {
 
   void useHelper(const std::string& library) const {
     fs::remove(helper_);
-    fs::create_symlink(std::string(LQ_LIB_DIR) + "/" + library, helper_);
+    fs::copy_file(std::string(LQ_LIB_DIR) + "/" + library, helper_);
   }
 
   // What the helper was called with since it was last asked.
@@ -62,8 +63,21 @@ class LogMonitoring : public ProductTest {
     const std::string unloadable = "Failed to load library [" + helper_ + "] error [";
     return {{[this] { useHelper("libforeign_library.so"); },
              "Failed to load procedure [" + procedure + "] from library [" + helper_ + "], error[" + helper_},
+            {[this] {
+               useHelper("librecording_helper.so");
+               setenv("LQ_HELPER_RECORD", "/", 1);  // where it cannot record, it throws
+             },
+             "Procedure [" + procedure + "] of library [" + helper_ + "] ended with an exception"},
+            {[this] { fs::permissions(helper_, fs::perms::group_write, fs::perm_options::add); },
+             unloadable + helper_ + ": not trusted"},
             {[this] { fs::remove(helper_); }, unloadable + helper_},
+            {[] { setValue("Base", "dBASEHOME", ""); }, "Failed to load library [/libLqLMHelper.so] error ["},
             {[] { removeValue("Base", "dBASEHOME"); }, "Failed to load library [/libLqLMHelper.so] error ["}};
+  }
+
+  // An exception is nothing that an installation can bring about: it is an error line.
+  static std::string levelOf(const std::string& line) {
+    return line.starts_with("Procedure") ? "error|" : "0|";
   }
 
   std::string helper_ = dir_ / "libLqLMHelper.so";
@@ -78,7 +92,7 @@ TEST_F(LogMonitoring, TheKindOfMachineDecidesWhatTheCheckDoes) {
   const auto completed = [this](Lines start) {
     start.push_back("4|" + kCheck + "Analytics engine is enabled");
     start.push_back("0|" + kCheck + "Call to procedure [LMSpaceCheck] from library [" + helper_ +
-                    "] using Client Id = [42] Completed.");
+                    "] using Client Id = [4294967338] Completed.");
     return start;
   };
   const auto disabled = [](Lines start) {
@@ -110,7 +124,7 @@ TEST_F(LogMonitoring, TheKindOfMachineDecidesWhatTheCheckDoes) {
     test_support::writeFile(workFile_, "");
     EXPECT_EQ(checkLogs(), 0);
     EXPECT_EQ(lines(), c.lines);
-    EXPECT_EQ(calls(), c.isChecked ? "space 42\n" : "");
+    EXPECT_EQ(calls(), c.isChecked ? "space 4294967338\n" : "");
     EXPECT_EQ(fs::exists(workFile_), !c.isCleared);
     EXPECT_EQ(dlopen(helper_.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "released after each call";
   }
@@ -123,7 +137,7 @@ TEST_F(LogMonitoring, ThePropertyIsReadAsYesOrNo) {
   for (const auto& [text, isEnabled] : cases) {
     setValue(kProperties, "AnalyticSearchEngineEnabled", text);
     EXPECT_EQ(checkLogs(), 0);
-    EXPECT_EQ(calls(), isEnabled ? "space 42\n" : "") << text;
+    EXPECT_EQ(calls(), isEnabled ? "space 4294967338\n" : "") << text;
   }
 }
 
@@ -132,16 +146,22 @@ TEST_F(LogMonitoring, AFailedCheckLeavesTheWorkDirectoryAlone) {
   for (const auto& [arrange, start] : helperFaults("LMSpaceCheck")) {
     arrange();
     EXPECT_EQ(checkLogs(), 1);
-    EXPECT_TRUE(hasLine(log_, "0|" + kCheck + start));
+    EXPECT_TRUE(hasLine(log_, levelOf(start) + kCheck + start));
+    EXPECT_FALSE(hasLine(log_, "0|" + kCheck + "Call to procedure"));
     log_.Clear();
     EXPECT_TRUE(fs::exists(workFile_));
   }
   setValue("Base", "dBASEHOME", dir_.path().string());
   useHelper("librecording_helper.so");
-  removeValue("Base", "dVELMORHOME");
-  EXPECT_EQ(checkLogs(), 1);
-  EXPECT_EQ(calls(), "space 42\n");
-  EXPECT_EQ(lines().back(), "error|" + kCheck + "Failed to identify velmor home directory.");
+  setenv("LQ_HELPER_RECORD", record_.c_str(), 1);
+  setValue("Base", "dVELMORHOME",
+           "");  // below it, the work directory would be that of the file system's root
+  for (const bool isEmpty : {true, false}) {
+    if (!isEmpty) removeValue("Base", "dVELMORHOME");
+    EXPECT_EQ(checkLogs(), 1);
+    EXPECT_EQ(calls(), "space 4294967338\n");
+    EXPECT_EQ(lines().back(), "error|" + kCheck + "Failed to identify velmor home directory.");
+  }
 }
 
 TEST_F(LogMonitoring, OnlyTheFilesOfThatNameAreCleared) {
@@ -180,7 +200,8 @@ TEST_F(LogMonitoring, TheAlertRuleNeedsTheIndexServer) {
   for (const auto& [arrange, start] : helperFaults("processLogMonitoringAlertRule")) {
     arrange();
     EXPECT_EQ(processAlerts(), 1);
-    EXPECT_TRUE(hasLine(log_, "0|" + kAlert + start));
+    EXPECT_TRUE(hasLine(log_, levelOf(start) + kAlert + start));
+    EXPECT_FALSE(hasLine(log_, "0|" + kAlert + "Call to procedure"));
     log_.Clear();
   }
   removeValue("Base", "dVELMORHOME");
@@ -208,9 +229,9 @@ TEST_F(LogMonitoring, TheClientIdIsLookedUpUntilItIsKnownAndTheChecksGoOn) {
   EXPECT_TRUE(hasLine(log_, "plain|processLogMonitoringAlertRule|Log-monitoring alert rules were processed"));
 
   setValue("Machine", "sPHYSICALNAME", "machine42");
-  EXPECT_EQ(clientId(), 42U);
+  EXPECT_EQ(clientId(), kId);
   removeValue("Machine", "sPHYSICALNAME");
-  EXPECT_EQ(clientId(), 42U) << "known now";
+  EXPECT_EQ(clientId(), kId) << "known now";
 }
 
 }  // namespace

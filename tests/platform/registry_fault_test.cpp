@@ -2,8 +2,12 @@
 // behind by a process that was killed.
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "tests/platform/registry_fixture.h"
@@ -31,7 +35,7 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
       {"garbage", std::string(9000, '#')},
       {"truncated", good.substr(0, good.size() / 2)},
       {"of another application", withByte(good, kApplicationPlace, 'X')},
-      {"of a newer format", withByte(good, kVersionPlace + 3, 2)},
+      {"of a newer format", withByte(good, kVersionPlace + 3, 3)},
       {"empty beside a log", ""}};
   for (const auto& [kind, damaged] : damages) {
     SCOPED_TRACE(kind);
@@ -78,43 +82,189 @@ TEST_F(RegistryTest, IsCreatedByOneOfManyProcessesThatComeAtOnce) {
   EXPECT_EQ(values.size(), kProcesses);
 }
 
-TEST_F(RegistryTest, WaitsOncePerBatchForAProcessThatKeepsTheFileLocked) {
+TEST_F(RegistryTest, OfWhichOthersCouldHaveMadeOneIsRefused) {
+  ASSERT_TRUE(info_.setString("A", "name", "data", 0));
+  for (const std::string& open : {file_, dir_.path().string()}) {
+    lqregistry::UseFile(file_);
+    const unsigned before = test_support::modeOf(open);
+    ASSERT_EQ(chmod(open.c_str(), before | 020), 0);
+    EXPECT_EQ(valueOf("A", "name"), std::nullopt);
+    EXPECT_FALSE(info_.setString("A", "name", "data", 0));
+    EXPECT_EQ(info_.getRegError(), kRegUnavailable);
+    EXPECT_TRUE(test_support::contains(info_.getRegErrorText(), "\"chmod go-w " + open + "\""));
+    ASSERT_EQ(chmod(open.c_str(), before), 0);
+    EXPECT_EQ(valueOf("A", "name"), "data");
+  }
+}
+
+TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) {
   ASSERT_TRUE(info_.setString("A", "name", "before", 0));
   lqregistry::UseFile(file_);
-  OtherProcess holder([](const std::string&) {
-    new lqregistry::WriteBatch;  // until the process is killed
-    return LQPlatformInfo().setString("A", "name", "of the holder", 0) != 0;
+  OtherProcess holder([](const std::string& step) {
+    static lqregistry::WriteBatch* batch = nullptr;
+    if (step == "release") return batch->commit();
+    batch = new lqregistry::WriteBatch;  // until the process lets go of it, or is killed
+    return LQPlatformInfo().setString("A", "name", step, 0) != 0;
   });
-  ASSERT_TRUE(holder.ask("lock"));
+  // Long enough for whoever lets go in the end.
+  ASSERT_TRUE(holder.ask("of the holder"));
+  std::thread writer([this] { EXPECT_TRUE(LQPlatformInfo("I1").setString("B", "name", "waited", 0)); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ASSERT_TRUE(holder.ask("release"));
+  writer.join();
+  EXPECT_EQ(valueOf("A", "name"), "of the holder");
 
-  const oblog::Capture log;
-  // If each of these waited on its own, the test would last for an hour.
-  lqregistry::WriteBatch batch;
-  for (int i = 0; i < 1000; ++i) {
-    EXPECT_FALSE(info_.setNumber("A", std::to_string(i), i));
-    EXPECT_EQ(info_.getRegError(), kRegUnavailable);
-    EXPECT_EQ(valueOf("A", "name"), "before") << "readers wait for nobody";
+  ASSERT_TRUE(holder.ask("not let go"));
+  // If each of these waited on its own, the test would last for minutes.
+  lqregistry::UseWriteWait(std::chrono::milliseconds(300));
+  for (const bool locksFirst : {false, true}) {
+    const oblog::Capture log;
+    lqregistry::WriteBatch batch;
+    if (locksFirst) batch.lock();
+    for (int i = 0; i < 1000; ++i) {
+      EXPECT_FALSE(info_.setNumber("A", std::to_string(i), i));
+      EXPECT_EQ(info_.getRegError(), kRegUnavailable);
+      EXPECT_EQ(valueOf("A", "name"), "of the holder") << "readers wait for nobody";
+    }
+    EXPECT_EQ(log.Lines().size(), locksFirst ? 0U : 1U) << "one trouble is one line";
+    if (!locksFirst) continue;
+    holder.kill();
+    EXPECT_TRUE(info_.setString("A", "name", "after", 0));
+    EXPECT_TRUE(batch.commit()) << "what was reported as written is there";
   }
-  EXPECT_EQ(log.Lines().size(), 1U);
-  holder.kill();
-  EXPECT_TRUE(info_.setString("A", "name", "after", 0));
-  EXPECT_TRUE(batch.commit()) << "what was reported as written is there";
   lqregistry::UseFile(file_);
   EXPECT_EQ(valueOf("A", "name"), "after");
 }
 
-TEST_F(RegistryTest, LosesOnlyWhatWasNotFlushedWhenTheProcessIsKilled) {
+TEST_F(RegistryTest, LosesABatchWholeWhenTheProcessIsKilledBeforeItsCommit) {
   OtherProcess victim([](const std::string&) {
     LQPlatformInfo info;
-    auto* batch = new lqregistry::WriteBatch;  // still open at the end
-    return info.setString("A", "flushed", "1", 0) != 0 && batch->flush() &&
-           info.setString("A", "unflushed", "1", 0) != 0 && info.delRegField("A", "flushed");
+    bool ok = info.setString("A", "before", "1", 0) != 0;
+    new lqregistry::WriteBatch;  // still open at the end
+    for (int i = 0; i < 500; ++i) ok = ok && info.setString("A", std::to_string(i), "1", 0) != 0;
+    return ok && info.delRegField("A", "before");
   });
   ASSERT_TRUE(victim.ask("write"));
   victim.kill();
-  EXPECT_EQ(valueOf("A", "flushed"), "1");
-  EXPECT_EQ(valueOf("A", "unflushed"), std::nullopt);
-  EXPECT_TRUE(info_.setString("A", "unflushed", "2", 0)) << "no lock is left behind";
+  EXPECT_EQ(valueOf("A", "before"), "1");
+  std::map<std::string, std::string> values;
+  EXPECT_TRUE(info_.getRegValues("A", values));
+  EXPECT_EQ(values.size(), 1U);
+  EXPECT_TRUE(info_.setString("A", "0", "2", 0)) << "no lock is left behind";
+}
+
+TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
+  std::string reason;
+  EXPECT_TRUE(lqregistry::Check(reason)) << "a registry that does not exist yet is sound";
+  lqregistry::WriteBatch batch;
+  for (int i = 0; i < 200; ++i)
+    ASSERT_TRUE(info_.setString("Key" + std::to_string(i) + "/Leaf", "name", std::string(200, 'd'), 0));
+  ASSERT_TRUE(info_.setString("A", "long", std::string(20000, 'd'), 0));
+  ASSERT_TRUE(info_.setString("Last", "orphan", "data", 0));
+  ASSERT_TRUE(batch.commit());
+  EXPECT_TRUE(lqregistry::Check(reason)) << reason;
+  lqregistry::UseFile(file_);
+  const std::string good = test_support::readFile(file_);
+  const auto isNoticed = [&](const std::string& damaged) {
+    test_support::writeFile(file_, damaged);
+    reason.clear();
+    return !lqregistry::Check(reason) && test_support::contains(reason, file_);
+  };
+  constexpr std::size_t kPage = 4096;
+  ASSERT_GT(good.size(), 20 * kPage);
+  for (std::size_t page = 0; page < good.size(); page += kPage)
+    EXPECT_TRUE(isNoticed(std::string(good).replace(page, 16, 16, '\xff'))) << "page " << page / kPage;
+  EXPECT_TRUE(isNoticed(good.substr(0, good.size() - kPage)));
+
+  // Consistent in every tree, and wrong all the same: a path in another place than its name, a value of no
+  // key.
+  std::string moved = good;
+  for (std::size_t at = moved.find("Key7/Leaf"); at != std::string::npos; at = moved.find("Key7/Leaf", at))
+    moved.replace(at, 9, "Key7/Leae");
+  EXPECT_TRUE(isNoticed(moved));
+  std::string orphaned = good;
+  ASSERT_NE(orphaned.find("orphan"), std::string::npos);
+  std::size_t keyNumber = orphaned.find("orphan") - 2;  // two bytes, the name follows
+  orphaned[keyNumber] = 0x7f;
+  EXPECT_TRUE(isNoticed(orphaned));
+  EXPECT_FALSE(isNoticed(good)) << reason;
+}
+
+// Goes where the folder can be read and not written: onto a read-only view of it, or, where no file system
+// may be mounted, into the place of somebody who has no right to write there.
+bool becomeReaderOf(const std::string& folder) {
+  if (unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+      mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+      mount(nullptr, folder.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0)
+    return true;
+  return geteuid() != 0 || (setgroups(0, nullptr) == 0 && setuid(kNobody) == 0);
+}
+
+TEST_F(RegistryTest, IsReadWhereNothingCanBeWrittenAndNeverWithOldValues) {
+  const test_support::TempDir copies;
+  setenv("TMPDIR", copies.path().c_str(), 1);
+  ASSERT_EQ(chmod(copies.path().c_str(), 0777), 0);
+  const auto closeFolder = [this](bool close) {  // for a reader who is not kept out by the mount
+    chmod(dir_.path().c_str(), close ? 0555 : 0755);
+    for (const auto& file : std::filesystem::directory_iterator(dir_.path()))
+      chmod(file.path().c_str(), 0644);
+  };
+  const auto put = [&](const std::string& value) {
+    closeFolder(false);
+    EXPECT_TRUE(info_.setString("A", "name", value, 0));
+    closeFolder(true);
+  };
+  put("idle");
+  lqregistry::UseFile(file_);
+  OtherProcess reader([this](const std::string& step) {
+    LQPlatformInfo info;
+    if (step == "enter") return becomeReaderOf(dir_.path());
+    if (step == "reopen") lqregistry::UseFile(file_);
+    if (step == "write")
+      return info.setString("A", "name", "new", 0) == 0 && info.getRegError() == kRegUnavailable &&
+             test_support::contains(info.getRegErrorText(), "read-only");
+    if (step == "compare") {
+      lqregistry::WriteBatch batch;
+      batch.lock();
+      return info.setString("A", "name", *valueOf("A", "name"), 0) != 0 && batch.commit();
+    }
+    if (step == "check") {
+      std::string reason;
+      return lqregistry::Check(reason);
+    }
+    return step == "reopen" || valueOf("A", "name") == step;
+  });
+  ASSERT_TRUE(reader.ask("enter"));
+  EXPECT_TRUE(reader.ask("idle")) << "neither log nor index is there";
+  EXPECT_TRUE(reader.ask("write"));
+  EXPECT_TRUE(reader.ask("compare"));
+  EXPECT_TRUE(reader.ask("check"));
+
+  // What a machine that lost its power leaves: the newest values are in the log alone, and there is no index.
+  put("in the log");
+  const std::string file = test_support::readFile(file_);
+  const std::string log = test_support::readFile(file_ + "-wal");
+  closeFolder(false);
+  lqregistry::UseFile(file_);
+  ASSERT_FALSE(test_support::contains(file, "in the log"));
+  test_support::writeFile(file_, file);
+  test_support::writeFile(file_ + "-wal", log);
+  closeFolder(true);
+  EXPECT_TRUE(reader.ask("in the log")) << "also by a connection that was open";
+  EXPECT_TRUE(reader.ask("reopen"));
+  EXPECT_TRUE(reader.ask("in the log"));
+  EXPECT_EQ(test_support::readFile(file_ + "-wal"), log);
+
+  // Somebody else, who may, writes on.
+  for (const char* value : {"written on", "and on"}) {
+    put(value);
+    EXPECT_TRUE(reader.ask(value));
+    EXPECT_TRUE(reader.ask("reopen"));
+    EXPECT_TRUE(reader.ask(value));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(copies.path()));
+  closeFolder(false);
+  unsetenv("TMPDIR");
 }
 
 TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
@@ -131,17 +281,27 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
     if (step == "become") return !superuser || (setgroups(0, nullptr) == 0 && setuid(kNobody) == 0);
     if (step == "read") return valueOf("A", "name") == "data";
     if (step == "write") return info.setString("A", "name", "new", 0) != 0;
+    static lqregistry::WriteBatch* batch = nullptr;
+    if (step == "begin") (batch = new lqregistry::WriteBatch)->lock();
+    if (step == "end") return batch->commit() && valueOf("A", "name") == "newer";
+    if (step == "begin" || step == "read on")
+      return valueOf("A", "name") == "data" && info.setString("A", "name", "data", 0) != 0;
     if (step == "fail to read")
       return !valueOf("A", "name") && !info.createRegKey("B") && info.getRegError() == kRegUnavailable;
     return !info.setString("A", "name", "new", 0) && info.getRegError() == kRegUnavailable &&
            info.getRegErrorText().find("read-only") != std::string::npos;
   });
   ASSERT_TRUE(user.ask("become"));
+  ASSERT_TRUE(info_.setString("A", "name", "data", 0));  // opened here while it may be written
   ASSERT_EQ(chmod(file_.c_str(), 0), 0);
   EXPECT_TRUE(user.ask("fail to read"));
   ASSERT_EQ(chmod(file_.c_str(), 0400), 0);
   EXPECT_TRUE(user.ask("read"));
   EXPECT_TRUE(user.ask("fail to write"));
+  EXPECT_TRUE(user.ask("begin"));
+  EXPECT_TRUE(info_.setString("A", "name", "newer", 0));
+  EXPECT_TRUE(user.ask("read on")) << "a batch that cannot write is of one moment as well";
+  EXPECT_TRUE(user.ask("end"));
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
   EXPECT_TRUE(user.ask("write"));
 }
@@ -154,9 +314,8 @@ TEST_F(RegistryTest, ReportsABatchThatADiskTooFullUndid) {
     const FullDisk disk(logSize());
     lqregistry::WriteBatch batch;
     EXPECT_TRUE(info_.setString("A", "name", "lost", 0));
-    EXPECT_FALSE(batch.flush());
-    EXPECT_EQ(valueOf("A", "name"), "before");
     EXPECT_FALSE(batch.commit());
+    EXPECT_EQ(valueOf("A", "name"), "before");
     EXPECT_FALSE(info_.setString("A", "name", "lost", 0)) << "without a batch as well";
     EXPECT_EQ(info_.getRegError(), kRegUnavailable);
   }

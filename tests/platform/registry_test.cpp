@@ -189,6 +189,7 @@ TEST_F(RegistryTest, WritesNothingForAValueThatIsThereAlready) {
   const auto before = fingerprint();
   {
     lqregistry::WriteBatch batch;
+    batch.lock();
     EXPECT_TRUE(info_.setString("A", "name", "data", 0));
     EXPECT_TRUE(info_.setRegValue("A", "name", 0, "data", 4));
     EXPECT_TRUE(info_.createRegKey("A"));
@@ -199,25 +200,37 @@ TEST_F(RegistryTest, WritesNothingForAValueThatIsThereAlready) {
   EXPECT_NE(fingerprint(), before);
 }
 
-TEST_F(RegistryTest, ShowsABatchToItsProcessAtOnceAndToOthersWhenTheOutermostEnds) {
+TEST_F(RegistryTest, ShowsABatchToItsThreadAtOnceAndToEverybodyElseWhenTheOutermostEnds) {
   ASSERT_TRUE(info_.setString("A", "name", "old", 0));
   // Another process, which compares what it sees with each line it is told.
   lqregistry::UseFile(file_);
   OtherProcess other([](const std::string& expected) { return valueOf("A", "name") == expected; });
-  lqregistry::WriteBatch outer;
-  {
-    lqregistry::WriteBatch inner;
-    ASSERT_TRUE(info_.setString("A", "name", "new", 0));
-    EXPECT_TRUE(inner.commit());
+  const auto inAnotherThread = [] {
+    std::optional<std::string> seen;
+    std::thread([&seen] { seen = valueOf("A", "name"); }).join();
+    return seen;
+  };
+  for (const bool locksFirst : {false, true}) {
+    lqregistry::WriteBatch outer;
+    if (locksFirst) outer.lock();
+    {
+      lqregistry::WriteBatch inner;
+      ASSERT_TRUE(info_.setString("A", "name", "new", 0));
+      EXPECT_TRUE(inner.commit());
+    }
+    EXPECT_EQ(valueOf("A", "name"), "new");
+    EXPECT_EQ(inAnotherThread(), "old");
+    EXPECT_TRUE(other.ask("old"));
+    EXPECT_TRUE(outer.commit());
+    EXPECT_EQ(inAnotherThread(), "new");
+    EXPECT_TRUE(other.ask("new"));
+    ASSERT_TRUE(info_.setString("A", "name", "undone", 0));
+    lqregistry::WriteBatch abandoned;
+    ASSERT_TRUE(info_.setString("A", "name", "not kept", 0));
+    abandoned.abandon();
+    EXPECT_EQ(valueOf("A", "name"), "undone");
+    ASSERT_TRUE(info_.setString("A", "name", "old", 0));
   }
-  std::thread([] { EXPECT_EQ(valueOf("A", "name"), "new"); }).join();
-  EXPECT_TRUE(other.ask("old"));
-  EXPECT_TRUE(outer.flush());
-  EXPECT_TRUE(other.ask("new"));
-  ASSERT_TRUE(info_.setString("A", "name", "newer", 0));
-  EXPECT_TRUE(other.ask("new"));
-  EXPECT_TRUE(outer.commit());
-  EXPECT_TRUE(other.ask("newer"));
 }
 
 TEST_F(RegistryTest, KeepsOtherThreadsWritesOutOfABatch) {

@@ -31,14 +31,16 @@ TEST_F(RecordConversion, WhatIsSetIsTakenOver) {
   source.deleteFlag = 1;
   source.enabledFlag = -7;
   source.encryptedValue = pstring();
-  source.association.edit().id = 9;
+  source.association.edit().id = -9;
   OBGui::RegistryKeyInfo expected = record("Machine/Settings", "sNAME", "text");
   expected.deleteFlag = 1;
   expected.enabledFlag = -7;
   expected.encryptedValue = pstring();  // empty is not absent
-  expected.association.edit().id = 9;
+  expected.association.edit().id = -9;
   EXPECT_TRUE(converted(source).equals(expected));
 
+  source.encryptedValue = pstring("sesame");
+  EXPECT_EQ(converted(source).encryptedValue->reveal(), "sesame");
   source.association.edit().id = 0;
   EXPECT_FALSE(converted(source).association.isSet()) << "0 stands for no entity";
   source.association.edit().id.clear();
@@ -46,7 +48,9 @@ TEST_F(RecordConversion, WhatIsSetIsTakenOver) {
   for (const char* word : {"value", "STRING", "ENCRYPTED", "VALUES"}) {
     source.valueType = word;
     EXPECT_EQ(converted(source).valueType.get(), word);
+    EXPECT_EQ(getKeyType(word), 0U);
   }
+  for (const unsigned type : {0U, 7U}) EXPECT_EQ(getKeyString(type), "STRING");
 }
 
 TEST_F(RecordConversion, AppendsAndTellsWhetherThereIsAnything) {

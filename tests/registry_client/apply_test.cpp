@@ -128,12 +128,15 @@ TEST_F(Apply, ExpiredValuesGoWithTheirCompanionsWhateverTheirPath) {
 }
 
 TEST_F(Apply, TheLaterOfTwoRecordsWins) {
-  setValue("A", "sGONE", "1");
+  for (const char* name : {"sGONE", "sBACK"}) setValue("A", name, "1");
   EXPECT_EQ(apply({record("A", "sVALUE", "1"), record("A", "sVALUE", "2"), record("A", "sGONE", "2"),
-                   removal("A", "sGONE")}),
+                   removal("A", "sGONE"), record("A", "sBRIEF", "1"), removal("A", "sBRIEF"),
+                   record("A", "sBACK", "2"), record("A", "sBACK", "1")}),
             0);
   EXPECT_EQ(valueOf("A", "sVALUE"), "2");
   EXPECT_EQ(valueOf("A", "sGONE"), std::nullopt);
+  EXPECT_EQ(valueOf("A", "sBRIEF"), std::nullopt);
+  EXPECT_EQ(valueOf("A", "sBACK"), "1");
 }
 
 // --- callbacks ---------------------------------------------------------------------------------------------
@@ -190,6 +193,39 @@ TEST_F(Apply, CallbacksSeeEveryChangeOnDiskAndNothingElse) {
       hasLine(log, "10|LqRegistryManager::updateRegistryKeysForClient|set value = old for key = b_changed"));
 }
 
+// Each writes one value itself, for which the pass must have let go of the registry.
+void writeBack(OBGui::RegistryKeyInfo key) {
+  const bool isWritten = LQPlatformInfo().setString("Told", key.valueName, key.value, 0) != 0;
+  const std::lock_guard lock(changesMutex);
+  changes.push_back({key.valueName, isWritten ? "written" : "refused"});
+}
+
+TEST_F(Apply, AThousandChangesTellModulesThatWriteThemselves) {
+  OBGui::KeyList keys;
+  for (int i = 0; i < 1000; ++i) {
+    keys.push_back(record("Watched", std::to_string(i), "1"));
+    LqRegistryChangeMgr::GetInstance()->Register("Watched", keys.back().valueName, &writeBack);
+  }
+  const oblog::Capture log;
+  EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 0);
+  const auto changesTold = told();
+  EXPECT_EQ(changesTold.size(), 1000U);
+  for (const Change& change : changesTold) EXPECT_EQ(change.onDisk, "written") << change.valueName;
+  std::map<std::string, std::string> values;
+  EXPECT_TRUE(LQPlatformInfo().getRegValues("Told", values));
+  EXPECT_EQ(values.size(), 1000U);
+  // Handed over in the order of the records.
+  std::vector<std::string> expected;
+  for (const auto& key : keys)
+    expected.push_back(
+        "10|LqRegistryChangeMgr::HandleCallbackForRegistry|Successfully started callback function for "
+        "[Watched\\" +
+        key.valueName.get() + "]");
+  auto lines = linesOf(log, "LqRegistryChangeMgr::HandleCallbackForRegistry");
+  std::erase_if(lines, [](const std::string& line) { return !test_support::contains(line, "Successfully"); });
+  EXPECT_EQ(lines, expected);
+}
+
 TEST_F(Apply, ProtectedValuesAreComparedAsStored) {
   watch("Secrets", "sPASSWORD");
   EXPECT_EQ(apply({secretRecord("Secrets", "sPASSWORD", "hunter2")}), 0);
@@ -237,6 +273,7 @@ TEST_F(Apply, ALockedRegistryFailsThePassAndLosesNothing) {
     return LQPlatformInfo("Instance001").setString("A", "sHELD", "1", 0) != 0;
   });
   ASSERT_TRUE(holder.ask("hold"));
+  lqregistry::UseWriteWait(std::chrono::milliseconds(50));
   watch("A", "sVALUE");
   EXPECT_EQ(apply({record("A", "sVALUE", "after"), record("B", "sNEW", "1"), removal("A", "sABSENT")}), 3);
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
@@ -245,6 +282,41 @@ TEST_F(Apply, ALockedRegistryFailsThePassAndLosesNothing) {
   EXPECT_TRUE(told().empty());
   EXPECT_EQ(apply({record("A", "sVALUE", "after")}), 0);
   EXPECT_EQ(told().size(), 1U);
+}
+
+TEST_F(Apply, ComparesWithNothingThatAnotherProcessIsAboutToChange) {
+  setValue("A", "sVALUE", "before");
+  lqregistry::UseFile(registryFile_);
+  OtherProcess holder([](const std::string& question) {
+    static auto* const batch = new lqregistry::WriteBatch;
+    if (question == "release") return batch->commit();
+    return LQPlatformInfo("Instance001").setString("A", "sVALUE", "after", 0) != 0;
+  });
+  ASSERT_TRUE(holder.ask("hold"));
+  watch("A", "sVALUE");
+  std::thread pass([this] { EXPECT_EQ(apply({record("A", "sVALUE", "after")}), 0); });
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(200));  // in which a pass that did not wait would read
+  ASSERT_TRUE(holder.ask("release"));
+  pass.join();
+  EXPECT_TRUE(told().empty()) << "the value was there already when the pass had the registry to itself";
+}
+
+TEST_F(Apply, WhereNothingCanBeWrittenAnUnchangedPassSucceeds) {
+  setValue("A", "sVALUE", "as it was");
+  lqregistry::UseFile(registryFile_);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0555), 0);
+  ASSERT_EQ(chmod(registryFile_.c_str(), 0444), 0);
+  OtherProcess reader([this](const std::string& value) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 && setuid(kNobody) != 0) return false;
+    LqRegistryManagerClnt client("Instance001");
+    OBGui::KeyList keys{record("A", "sVALUE", value), removal("A", "sABSENT")};
+    return client.updateRegistryKeysForClient(keys) == kResultOk;
+  });
+  EXPECT_TRUE(reader.ask("as it was"));
+  EXPECT_FALSE(reader.ask("changed"));
+  chmod(dir_.path().c_str(), 0755);
 }
 
 TEST_F(Apply, AFullDiskFailsThePassAndLosesNothing) {
@@ -256,13 +328,20 @@ TEST_F(Apply, AFullDiskFailsThePassAndLosesNothing) {
   }
   EXPECT_EQ(valueOf("A", "sVALUE"), "before");
 
-  watch("A", "sVALUE");
-  OBGui::KeyList keys{record("A", "sVALUE", std::string(300'000, 'a'))};
+  // More than fits: the whole transaction is lost in the middle of the pass, what was written before
+  // included.
+  for (const char* name : {"sFIRST", "sVALUE", "sLAST"}) watch("A", name);
+  OBGui::KeyList keys{record("A", "sFIRST", "1")};
+  for (int i = 0; i < 8; ++i)
+    keys.push_back(record("A", "sHUGE" + std::to_string(i), std::string(1 << 20, 'a')));
+  keys.push_back(record("A", "sLAST", "1"));
   {
-    const FullDisk full(100'000);
+    const FullDisk full(200'000);
     EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 3);
-    EXPECT_EQ(valueOf("A", "sVALUE"), "before");
+    EXPECT_EQ(valueOf("A", "sFIRST"), std::nullopt);
+    EXPECT_EQ(valueOf("A", "sLAST"), "1") << "later records are still tried";
   }
+  keys = {record("A", "sVALUE", std::string(300'000, 'a'))};
   EXPECT_TRUE(told().empty());
   EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 0);
   EXPECT_EQ(valueOf("A", "sVALUE")->size(), 300'000U);

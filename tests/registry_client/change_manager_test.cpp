@@ -1,8 +1,10 @@
-// The change-callback manager: registrations, and what happens to a change when the pool is full.
+// The change-callback manager: registrations, a pool that cannot be started, and changes in great number.
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
-#include <semaphore>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -12,8 +14,6 @@
 namespace {
 
 std::atomic<int> calls{0};
-std::counting_semaphore<1000> started{0};
-std::counting_semaphore<1000> mayGoOn{0};
 
 void replaced(OBGui::RegistryKeyInfo) {
   ADD_FAILURE() << "another callback took its place";
@@ -21,10 +21,31 @@ void replaced(OBGui::RegistryKeyInfo) {
 void counting(OBGui::RegistryKeyInfo) {
   ++calls;
 }
-void blocking(OBGui::RegistryKeyInfo) {
-  started.release();
-  mayGoOn.acquire();
-  ++calls;
+
+// A hundred pairs, of which each is told of its changes one after the other.
+constexpr int kPairs = 100;
+constexpr int kChanges = 1000;
+struct PairSeen {
+  std::atomic<int> next{0};
+  std::atomic<bool> isBusy{false};
+};
+std::array<PairSeen, kPairs> pairsSeen;
+std::atomic<int> outOfTurn{0};
+std::atomic<int> written{0};
+
+void demanding(OBGui::RegistryKeyInfo key) {
+  PairSeen& pair = pairsSeen.at(static_cast<std::size_t>(std::stoi(key.valueName)));
+  const int change = std::stoi(key.value);
+  if (pair.isBusy.exchange(true) || pair.next++ != change) ++outOfTurn;
+  if (change % 100 == 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (change % 200 == 2 && LQPlatformInfo().setNumber("Seen", key.valueName, change)) ++written;
+  pair.isBusy = false;
+  if (change % 100 == 3) throw std::runtime_error("a callback of somebody else's");
+}
+
+OBGui::RegistryKeyInfo received;
+void receiving(OBGui::RegistryKeyInfo key) {
+  received = std::move(key);
 }
 
 class ChangeManager : public ProductTest {
@@ -47,6 +68,31 @@ TEST(ChangeManagerStart, ThreadsThatComeAtOnceGetOneManagerAndOnePool) {
   EXPECT_EQ(std::set(seen.begin(), seen.end()).size(), 1U);
   EXPECT_TRUE(LqRegistryChangeMgr::isThreadPoolInitialized);
   EXPECT_EQ(LqRegistryChangeMgr::callBackThreadPool.threadCount(), 1U);
+}
+
+TEST(ChangeManagerStart, APoolThatCouldNotBeStartedIsTriedAgain) {
+  pthread_attr_t before;
+  pthread_attr_t impossible;
+  ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+  ASSERT_EQ(pthread_attr_init(&impossible), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&impossible, std::size_t{1} << 50), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&impossible), 0);
+  LqRegistryChangeMgr& manager = *LqRegistryChangeMgr::GetInstance();
+  manager.Register("Path", "sNAME", &counting);
+  const OBGui::RegistryKeyInfo key = record("Path", "sNAME", std::string(1000, 'v'));
+  const oblog::Capture log;
+  EXPECT_FALSE(LqRegistryChangeMgr::isThreadPoolInitialized);
+  EXPECT_EQ(manager.HandleCallbackForRegistry(key), 1);
+  EXPECT_TRUE(hasLine(
+      log,
+      R"(10|LqRegistryChangeMgr::HandleCallbackForRegistry|Failed to call callback function for [Path\sNAME])"));
+  EXPECT_EQ(key.value->size(), 1000U);
+  ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+  const LqRegistryChangeMgr again;
+  EXPECT_TRUE(LqRegistryChangeMgr::isThreadPoolInitialized);
+  EXPECT_EQ(manager.HandleCallbackForRegistry(key), 0);
+  LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+  EXPECT_EQ(calls, 1);
 }
 
 TEST_F(ChangeManager, TheLastRegistrationOfAPairWinsAndPairsAreExact) {
@@ -77,21 +123,33 @@ TEST_F(ChangeManager, TheLastRegistrationOfAPairWinsAndPairsAreExact) {
           "10|LqRegistryChangeMgr::UnRegister|Call back un-registered for key " + pair}));
 }
 
-TEST_F(ChangeManager, AFullQueueRefusesAndEveryAcceptedChangeStillRuns) {
-  manager_.Register("Path", "sNAME", &blocking);
-  const OBGui::RegistryKeyInfo key = record("Path", "sNAME", std::string(1000, 'v'));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(manager_.HandleCallbackForRegistry(key), 0);
-  for (int i = 0; i < 3; ++i) started.acquire();  // every thread of the pool is busy
-  for (int i = 0; i < 300; ++i) EXPECT_EQ(manager_.HandleCallbackForRegistry(key), 0) << i;
-  const oblog::Capture log;
-  EXPECT_EQ(manager_.HandleCallbackForRegistry(key), 1);
-  EXPECT_TRUE(hasLine(
-      log,
-      R"(10|LqRegistryChangeMgr::HandleCallbackForRegistry|Failed to call callback function for [Path\sNAME])"));
-  EXPECT_EQ(key.value->size(), 1000U);
-  mayGoOn.release(400);  // enough for a queue that took too many
+TEST_F(ChangeManager, ACallbackGetsTheWholeRecord) {
+  manager_.Register("Path", "sNAME", &receiving);
+  OBGui::RegistryKeyInfo key = secretRecord("Path", "sNAME", "hunter2");
+  key.association.edit().id = 77;
+  EXPECT_EQ(manager_.HandleCallbackForRegistry(key), 0);
   LqRegistryChangeMgr::callBackThreadPool.waitIdle();
-  EXPECT_EQ(calls, 303);
+  EXPECT_EQ(received.encryptedValue->getV8Password(), key.encryptedValue->getV8Password());
+  EXPECT_EQ(received.association->id, 77);
+  EXPECT_EQ(received.valueType.get(), "ENCRYPTED");
+  EXPECT_EQ(received.enabledFlag, 1);
+  EXPECT_TRUE(received.deleteFlag.isSet());
+  EXPECT_EQ(batchText({received}), batchText({key}));
+}
+
+TEST_F(ChangeManager, AHundredThousandChangesAreToldOnceEachAndInTheOrderOfTheirPair) {
+  setValue("Seen", "any", "1");  // the key is there
+  for (int pair = 0; pair < kPairs; ++pair) manager_.Register("Path", std::to_string(pair), &demanding);
+  for (int change = 0; change < kChanges; ++change)
+    for (int pair = 0; pair < kPairs; ++pair)
+      ASSERT_EQ(
+          manager_.HandleCallbackForRegistry(record("Path", std::to_string(pair), std::to_string(change))),
+          0);
+  EXPECT_LE(LqRegistryChangeMgr::callBackThreadPool.threadCount(), 3U);
+  LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+  for (const PairSeen& pair : pairsSeen) EXPECT_EQ(pair.next, kChanges);
+  EXPECT_EQ(outOfTurn, 0);
+  EXPECT_EQ(written, kPairs * kChanges / 200);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // The download pass: what it does with a reply, what it tells the server, and every way in which it can fail.
+#include "lqregistry/LQClient.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
@@ -12,31 +13,39 @@ const std::string kRepairTag = "downLoadAndUpdateClient";
 
 class Download : public ProductTest {
  protected:
-  Download() { join(); }
+  Download() {
+    join();
+    EXPECT_TRUE(LQClient::recordClient("client42", kWideId));
+  }
   std::unique_ptr<PlayedServer> serve(std::vector<PlayedServer::Script> scripts) {
     return std::make_unique<PlayedServer>(address_, sessionKey_, std::move(scripts));
   }
   // One pass against a server that answers with these keys; gives the acknowledgement that it got.
-  OBGui::RegistryTaskResp passWith(const OBGui::KeyList& keys) {
-    auto server = serve({answering(batchText(keys)), taking()});
+  OBGui::RegistryTaskResp passWith(const OBGui::KeyList& keys) { return passWith(batchText(keys)); }
+  OBGui::RegistryTaskResp passWith(const std::string& reply) {
+    auto server = serve({answering(reply), taking()});
     LqRegistryManagerClnt client("");
     EXPECT_EQ(client.downLoadAndUpdateClient(), 0U);
     EXPECT_EQ(client.receivedMessage, nullptr);
     EXPECT_FALSE(client.sendOnly);
     EXPECT_EQ(server->sessions(), 2);
-    EXPECT_EQ(server->message<OBGui::RegistryTaskReq>(0).client->clientId, kClientId);
+    EXPECT_EQ(server->message<OBGui::RegistryTaskReq>(0).client->clientId, kWideId);
     auto acknowledgement = server->message<OBGui::RegistryTaskResp>(1);
-    EXPECT_EQ(acknowledgement.client->clientId, kClientId);
+    EXPECT_EQ(acknowledgement.client->clientId, kWideId);
     EXPECT_FALSE(acknowledgement.keys.isSet());
     return acknowledgement;
   }
+  OBGui::RegistryTaskResp cached() {
+    OBGui::RegistryTaskResp batch;
+    std::string error;
+    EXPECT_EQ(batch.unserialize(readFile(cacheFile()), &error), 0) << error;
+    return batch;
+  }
   // The names of the records in the cache file.
   std::vector<std::string> cachedNames() {
-    OBGui::RegistryTaskResp cached;
-    std::string error;
-    EXPECT_EQ(cached.unserialize(readFile(cacheFile()), &error), 0) << error;
+    const OBGui::RegistryTaskResp batch = cached();
     std::vector<std::string> names;
-    for (const auto& key : cached.keys.get()) names.push_back(key.valueName);
+    for (const auto& key : batch.keys.get()) names.push_back(key.valueName);
     return names;
   }
   static OBGui::KeyList numbered(int count) {
@@ -45,6 +54,7 @@ class Download : public ProductTest {
       keys.push_back(record("Numbered", "sN" + std::to_string(i), std::to_string(i)));
     return keys;
   }
+  static constexpr std::int64_t kWideId = 4294967338;  // both messages carry all of it
 };
 
 // --- what a pass does --------------------------------------------------------------------------------------
@@ -73,9 +83,27 @@ TEST_F(Download, APassAppliesCachesAndAcknowledges) {
   EXPECT_EQ(readFile(cacheFile()).find("hunter2"), std::string::npos);
 }
 
-TEST_F(Download, AnEmptyReplyWritesAnEmptyCache) {
-  EXPECT_EQ(passWith({}).taskStatus, OBGui::kTaskSuccess);
-  EXPECT_TRUE(cachedNames().empty());
+TEST_F(Download, TheCacheIsAlwaysWrittenAndHoldsAllOfTheReplyButWhatItRemoves) {
+  EXPECT_EQ(passWith(OBGui::KeyList()).taskStatus, OBGui::kTaskSuccess);
+  EXPECT_TRUE(cached().keys.isSet() && cached().keys->empty());
+
+  OBGui::RegistryTaskResp reply;
+  reply.taskStatus = 9;
+  reply.client.edit().clientId = 7;
+  OBGui::RegistryKeyInfo odd = record("EventManager", "dOBLOGDIR", "/elsewhere");
+  odd.deleteFlag = 2;  // only 1 removes: no repair
+  odd.association.edit().id = 5;
+  reply.keys = OBGui::KeyList{odd, secretRecord("A", "sSECRET", "hunter2")};
+  const OBGui::RegistryTaskResp expected = reply;
+  reply.keys.edit().push_back(removal("A", "sGONE"));
+  std::string text;
+  ASSERT_EQ(reply.serialize(text, true), 0);
+  for (int pass = 1; pass <= 2; ++pass) {  // the second one changes nothing
+    writeFile(cacheFile(), "<OBGui.RegistryTaskResp/>");
+    passWith(text);
+    EXPECT_TRUE(cached().equals(expected)) << pass << readFile(cacheFile());
+    EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), "/elsewhere");
+  }
 }
 
 TEST_F(Download, ACacheWithMoreRecordsThanTheReplyIsKept) {
@@ -192,6 +220,9 @@ TEST_F(Download, AnUnknownClientAsksForNothing) {
   EXPECT_EQ(linesOf(log),
             std::vector<std::string>{"error|" + kPassTag + "|Failed to get client id for client[]"});
   EXPECT_EQ(server->sessions(), 0);
+  setValue("Hosts/host42", "sCLIENTNAME", "client42");
+  EXPECT_EQ(client.downLoadAndUpdateClient(), 3U) << "the platform types are not known yet";
+  EXPECT_EQ(client.clientId, static_cast<std::uint64_t>(kWideId)) << "but the id is, from now on";
 }
 
 TEST_F(Download, AnAcknowledgementThatCannotBeSentIsOnlyReported) {

@@ -1,6 +1,28 @@
 // Enumeration: which records come of a registry, in which order, and what is passed over.
+#include <dlfcn.h>
+
+#include <cstring>
+
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
+
+namespace {
+bool storesNoNul = false;
+}  // namespace
+
+// In front of the platform's own: a platform may hand out the bytes alone, without the NUL that ours adds.
+bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name, unsigned& type,
+                                 void* buffer, int& size) {
+  using Read = bool (*)(LQPlatformInfo*, const std::string&, const std::string&, unsigned&, void*, int&);
+  static const auto platformsOwn = reinterpret_cast<Read>(dlsym(
+      RTLD_NEXT,
+      "_ZN14LQPlatformInfo11getRegValueERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_RjPvRi"));
+  if (!storesNoNul) return platformsOwn(this, key, name, type, buffer, size);
+  std::string own(static_cast<std::size_t>(size), '\0');
+  const bool isRead = platformsOwn(this, key, name, type, own.data(), size);
+  if (isRead) std::memcpy(buffer, own.data(), static_cast<std::size_t>(size) - 1);
+  return isRead;
+}
 
 namespace {
 
@@ -59,6 +81,33 @@ TEST_F(Enumeration, ValuesAreTakenAsTextAndThoseTooLongForTheBufferPassedOver) {
   EXPECT_EQ(client_.fillKeyFieldInformation("A", {{"gone meanwhile", ""}, {"d", ""}}, records), 0U);
   ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[2].valueName.get(), "d");
+}
+
+TEST_F(Enumeration, NoValueEndsInTheRestOfAnother) {
+  write("~A", "a", std::string(5000, 'x'));
+  write("~A", "b", "short");
+  write("~A", "c", "");
+  storesNoNul = true;
+  EXPECT_EQ(enumerated(), (std::vector<std::string>{"|A|KEY|", "A|a|STRING|" + std::string(5000, 'x'),
+                                                    "A|b|STRING|short", "A|c|STRING|"}));
+  storesNoNul = false;
+}
+
+TEST_F(Enumeration, AParentIsListedWithTheRootsSignAndWithoutIt) {
+  write("~A/B/D", "x", "deep");
+  write("~A/C", "x", "1");
+  write("~~A/E", "x", "a key whose name begins with the sign");
+  const std::pair<const char*, std::list<std::string>> parents[] = {
+      {"A", {"A/B", "A/B/D", "A/C"}}, {"~A", {"~A/B", "~A/B/D", "~A/C"}}, {"~~A", {"~~A/E"}}};
+  for (const auto& [parent, below] : parents) {
+    std::list<std::string> keys;
+    EXPECT_EQ(client_.getAllClientKeys(parent, keys), 0U) << parent;
+    EXPECT_EQ(keys, below);
+  }
+  std::list<std::string> none;
+  EXPECT_EQ(client_.getAllClientKeys("~Absent", none), 3U);
+  const auto all = enumerated();
+  EXPECT_NE(std::find(all.begin(), all.end(), "~A|E|KEY|"), all.end()) << "a name is not taken for a path";
 }
 
 TEST_F(Enumeration, WithoutARootThereIsNothingToEnumerate) {

@@ -64,8 +64,13 @@ TEST_F(LocalKeys, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
 
 TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
   const OBGui::RegistryKeyInfo unnamed = record("Path", "", "value");
-  EXPECT_EQ(client_.createRegistryKey(&unnamed), 0);
-  EXPECT_EQ(client_.deleteRegistryKey(&unnamed), 3);
+  client_.regStatus = 99;
+  for (const OBGui::RegistryKeyInfo* key : {&unnamed, static_cast<const OBGui::RegistryKeyInfo*>(nullptr)}) {
+    EXPECT_EQ(client_.createRegistryKey(key), 0);
+    EXPECT_EQ(client_.deleteRegistryKey(key), 3);
+  }
+  EXPECT_FALSE(client_.isRegistryKeyExists(nullptr));
+  EXPECT_EQ(client_.regStatus, 99) << "nothing was looked at";
   std::map<std::string, std::string> values;
   EXPECT_FALSE(LQPlatformInfo().getRegValues("~Path", values)) << "the key was created";
 }
@@ -74,6 +79,9 @@ TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
   for (const char* name : {"Local", "local", "LOCAL"}) {
     const OBGui::RegistryKeyInfo key = record("Clients", name, "", "KEY");
     EXPECT_EQ(client_.createRegistryKey(&key), 0);
+    EXPECT_EQ(client_.regStatus,
+              name[1] == 'o' && name[0] == 'L' ? kRegStatusKeyMissing : kRegStatusValueMissing)
+        << "as the look at a value of that name left it";
     EXPECT_EQ(valueOf(std::string("Clients/") + name, ".internal.unique_id"), "0");
   }
   const OBGui::RegistryKeyInfo absolute = record("SOFTWARE/Clients", "Local", "", "KEY");
@@ -141,6 +149,30 @@ TEST_F(LocalKeys, ASecretThatCannotBeProtectedLeavesTheOldValue) {
   EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
 }
 
+TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
+  setValue("Secrets", "sPASSWORD", "V8:old");
+  const std::string foreign = "V8:" + std::string(40, 'A');
+  OBGui::KeyList keys{record("Secrets", "sBEFORE", "1"), secretRecord("Secrets", "sPASSWORD", "hunter2"),
+                      secretRecord("Secrets", "sOTHER", "readable"), record("Secrets", "sAFTER", "1"),
+                      secretRecord("Secrets", "sGONE", "")};
+  ASSERT_TRUE(pstring::fromStoredText(foreign, keys[1].encryptedValue.edit()));
+  ASSERT_TRUE(pstring::fromStoredText(foreign, keys[4].encryptedValue.edit()));
+  keys[4].deleteFlag = 1;
+  setValue("Secrets", "sGONE", "V8:old");
+  const oblog::Capture log;
+  EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 3);
+  EXPECT_TRUE(hasLine(log,
+                      "error|LqRegistryManager::createRegistryKey|The protected value [sPASSWORD] of key "
+                      "[Secrets] was protected with another key"));
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
+  EXPECT_EQ(valueOf("Secrets", "sBEFORE"), "1");
+  EXPECT_EQ(valueOf("Secrets", "sOTHER"), pstring("readable").getV8Password());
+  EXPECT_EQ(valueOf("Secrets", "sAFTER"), "1");
+  EXPECT_EQ(valueOf("Secrets", "sGONE"), std::nullopt) << "to remove it, nobody has to read it";
+  EXPECT_EQ(client_.createRegistryKey(&keys[1]), 3);
+  EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
+}
+
 TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
   setValue("Delete/Sub/Deeper", "sVALUE", "1");
   const struct {
@@ -152,6 +184,7 @@ TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
                {record("Delete", "Absent", "", "KEY"), 0},
                {record("Delete", "Sub", "", "key"), 0},  // a value of that name, which is not there
                {record(std::string(5000, 'p'), "Sub", "", "KEY"), 3}};
+  client_.regStatus = 99;
   for (const auto& c : cases)
     EXPECT_EQ(client_.deleteRegistryKey(&c.key), c.result)
         << c.key.keyPath.get() << " " << c.key.valueName.get();
@@ -160,6 +193,7 @@ TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
   const OBGui::RegistryKeyInfo subKey = record("Delete", "Sub", "", "KEY");  // any name, everything below it
   EXPECT_EQ(client_.deleteRegistryKey(&subKey), 0);
   EXPECT_EQ(valueOf("Delete/Sub/Deeper", "sVALUE"), std::nullopt);
+  EXPECT_EQ(client_.regStatus, 99) << "a deletion leaves no status, failed or not";
 }
 
 TEST(HexToNum, SkipsWhatIsNoDigit) {

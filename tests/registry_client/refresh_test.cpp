@@ -87,11 +87,13 @@ TEST_F(Refresh, ACacheThatCannotBeReadStaysAsItWas) {
 TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
   OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
   disabled.enabledFlag = 0;
+  OBGui::RegistryKeyInfo odd = record("A", "sODD", "1");
+  odd.deleteFlag = 2;  // written and kept: only 1 removes
   const std::string later = std::to_string(std::time(nullptr) + 3600);
   cache({record("A", "sCOHDbStatus", "up"), record("A", "sKEPT", "new"), removal("A", "sTEMPORARY"),
          record("B", "nTRIAL", "1"), disabled, record("A", "nTRIAL_UNTIL", "1"), record("A", "sOFFER", "1"),
          record("A", "sOFFER_UNTIL", later), record("A", "sCOHDBSTATUS", "other"),
-         secretRecord("A", "sPASSWORD", "sesame")});
+         secretRecord("A", "sPASSWORD", "sesame"), odd});
   for (const char* name : {"sCOHDbStatus", "sKEPT", "sTEMPORARY", "sDISABLED"}) setValue("A", name, "old");
   setValue("B", "nTRIAL", "1");
   const oblog::Capture log(2);
@@ -109,11 +111,12 @@ TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
               {"A", "nTRIAL_UNTIL", std::nullopt},
               {"A", "sOFFER", "1"},
               {"A", "sOFFER_UNTIL", later},
-              {"A", "sCOHDBSTATUS", "other"}};
+              {"A", "sCOHDBSTATUS", "other"},
+              {"A", "sODD", "1"}};
   for (const auto& h : held) EXPECT_EQ(valueOf(h.key, h.name), h.value) << h.name;
   EXPECT_EQ(valueOf("A", "sPASSWORD"), pstring("sesame").getV8Password());
   EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sKEPT", "sDISABLED", "sOFFER", "sOFFER_UNTIL",
-                                                     "sCOHDBSTATUS", "sPASSWORD"}));
+                                                     "sCOHDBSTATUS", "sPASSWORD", "sODD"}));
   EXPECT_EQ(cached().taskStatus, OBGui::kTaskSuccess);
   EXPECT_EQ(cached().client->clientId, kClientId);
   EXPECT_EQ(readFile(cacheFile()).find("sesame"), std::string::npos);
@@ -125,7 +128,9 @@ TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
   EXPECT_EQ(valueOf("A", "sTEMPORARY"), "mine");
   EXPECT_EQ(valueOf("A", "sKEPT"), "new");
-  EXPECT_EQ(readFile(cacheFile()), kept);
+  writeFile(cacheFile(), kept + "\n");
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(readFile(cacheFile()), kept) << "written again even when nothing changed";
 }
 
 TEST_F(Refresh, AFailedApplyStillCleansTheCache) {
@@ -135,6 +140,20 @@ TEST_F(Refresh, AFailedApplyStillCleansTheCache) {
   EXPECT_TRUE(hasLine(log, "plain|" + kTag + "|Failed to update registry keys."));
   EXPECT_EQ(cachedNames(), (std::vector<std::string>{"Other", "sKEPT"}));
   EXPECT_EQ(valueOf("A", "sKEPT"), "1");
+}
+
+TEST_F(Refresh, OneSecretThatCannotBeReadCostsTheOthersNothing) {
+  cache({record("A", "sFIRST", "1"), secretRecord("A", "sPASSWORD", "sesame"), record("A", "sLAST", "1")});
+  const std::string sealed = pstring("sesame").getV8Password();
+  const std::string foreign = "V8:" + std::string(sealed.size() - 3, 'A');
+  std::string text = readFile(cacheFile());
+  text.replace(text.find(sealed), sealed.size(), foreign);
+  test_support::writeFile(cacheFile(), text);
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(valueOf("A", "sFIRST"), "1");
+  EXPECT_EQ(valueOf("A", "sLAST"), "1");
+  EXPECT_EQ(valueOf("A", "sPASSWORD"), std::nullopt);
+  EXPECT_EQ(readFile(cacheFile()), text) << "with the right key it can be read again";
 }
 
 // --- the client id -----------------------------------------------------------------------------------------
@@ -150,9 +169,10 @@ TEST_F(Refresh, TheClientIdIsLookedUpUntilItIsKnownAndThenNeverAgain) {
   setValue("Machine", "sPHYSICALNAME", std::string(300, 'm'));
   expectUnknown("Failed to get the local client Id for client: [" + std::string(256, 'm') + "]");
   setValue("Machine", "sPHYSICALNAME", "machine42");
-  EXPECT_EQ(getClientId(), 42U);
+  ASSERT_TRUE(LQClient::recordClient("client42", 4294967338));
+  EXPECT_EQ(getClientId(), 4294967338U);
   ASSERT_TRUE(LQClient::recordClient("client42", 1));
-  EXPECT_EQ(getClientId(), 42U);
+  EXPECT_EQ(getClientId(), 4294967338U);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 namespace {
 
+using test_support::PeerSession;
+
 const std::string kFetch = "LqRegistryManager::getRequestedKeys|";
 const std::string kSend = "LqRegistryManager::sendRequestedKeys|";
 const std::string kSomeFailed = "plain|" + kFetch + "Unable to fetch one or more keys in the list";
@@ -26,8 +28,9 @@ class ServerRequests : public ProductTest {
 // --- a pushed batch ----------------------------------------------------------------------------------------
 
 TEST_F(ServerRequests, APushedBatchIsAppliedAndTheOutcomeAnswered) {
-  ASSERT_TRUE(LQClient::recordClient("client42", 0x80000000));
+  ASSERT_TRUE(LQClient::recordClient("client42", 0x380000000));
   LqRegistryManagerClnt client("");
+  client.clientId = 0;  // looked up when it is needed
   setValue("A", "sGONE", "1");
   const auto push = [&](const OBGui::KeyList& keys) {
     OBGui::RegistryTaskResp request;
@@ -118,12 +121,16 @@ TEST_F(ServerRequests, TheFetchStatusIsThatOfTheLastFailureAndStartsAnew) {
 TEST_F(ServerRequests, AValueHasOnlyAsMuchRoomAsTheOnesBeforeItLeft) {
   const std::string longest(1023, 'v');
   setValue("A", "sLONGEST", longest);
+  setValue("A", "sTOOLONG", longest + "v");
   setValue("A", "sNUL", std::string("x\0y", 3));
   setValue("A", "sTHREE", "abc");
   setValue("A", "sFOUR", "abcd");
   App::KeyList keys{wanted("A", "sLONGEST"), wanted("A", "sNUL"), wanted("A", "sFOUR"),
                     wanted("A", "sTHREE")};
   LqRegistryManagerClnt client("");
+  App::KeyList tooLong{wanted("A", "sTOOLONG")};
+  client.getRequestedKeys(&tooLong);
+  EXPECT_FALSE(tooLong[0].value.isSet());
   client.getRequestedKeys(&keys);
   EXPECT_EQ(keys[0].value.get(), longest);
   EXPECT_EQ(keys[1].value.get(), "x");
@@ -133,18 +140,40 @@ TEST_F(ServerRequests, AValueHasOnlyAsMuchRoomAsTheOnesBeforeItLeft) {
 
 // --- sending it back ---------------------------------------------------------------------------------------
 
-TEST_F(ServerRequests, AnAnswerThatCannotBeSentIsLogged) {
+TEST_F(ServerRequests, AnAnswerEndsTheSessionWhetherItCouldBeSentOrNot) {
+  const PlayedServer::Script fetcher = [](PlayedServer::Stage& stage) {
+    if (!stage.acceptAttach()) return;
+    stage.peer.writeFrame(PeerSession::kGoodbye);  // is read once the answer has been sent
+    stage.takeMessage();
+    stage.peer.waitForClose();
+  };
+  App::RegisterSubsystem();
+  PlayedServer server(address_, sessionKey_, {fetcher, fetcher});
   LqRegistryManagerClnt client("");
   App::KeyList keys{wanted("A", "sVALUE")};
-  CLqNetwork closed;
-  const oblog::Capture log;
-  client.sendRequestedKeys(nullptr, &keys);
-  client.sendRequestedKeys(&closed, nullptr);
+  keys[0].value = "found";
   const std::string notSet = "error|" + kSend + "Session or keys to send not set. Failed to send.";
-  EXPECT_EQ(linesOf(log), (std::vector<std::string>{notSet, notSet}));
-  client.sendRequestedKeys(&closed, &keys);
-  EXPECT_TRUE(hasLine(log, "plain|" + kSend + "Failed to send message [" +
-                               std::to_string(App::FetchClientRegistry::kTag) + "], Error ["));
+  const std::string tooLong = "plain|" + kSend + "Failed to send message [" +
+                              std::to_string(App::FetchClientRegistry::kTag) + "], Error [";
+  for (const bool fits : {true, false}) {
+    if (!fits) keys[0].value = std::string(kMaxMessageFrameBytes / 4, '\1');  // four bytes each in the text
+    ASSERT_TRUE(client.dllConnect());
+    const oblog::Capture log;
+    client.sendRequestedKeys(nullptr, &keys);
+    client.sendRequestedKeys(client.network.get(), nullptr);
+    EXPECT_EQ(linesOf(log), (std::vector<std::string>{notSet, notSet}));
+    EXPECT_TRUE(client.network->IsConnected());
+    client.sendRequestedKeys(client.network.get(), &keys);
+    EXPECT_EQ(linesOf(log).size(), fits ? 2U : 3U);
+    EXPECT_EQ(hasLine(log, tooLong), !fits);
+    EXPECT_FALSE(client.network->IsConnected());
+    EXPECT_EQ(client.sendMessage, nullptr);
+  }
+  ASSERT_EQ(server.messages().size(), 1U);
+  const auto sent = server.message<App::FetchClientRegistry>(0);
+  ASSERT_EQ(sent.keyInfo->keys->size(), 1U);
+  EXPECT_EQ(sent.keyInfo->keys->at(0).value.get(), "found");
+  EXPECT_EQ(sent.keyInfo->keys->at(0).valueName.get(), "sVALUE");
 }
 
 }  // namespace

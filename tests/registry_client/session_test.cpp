@@ -1,5 +1,6 @@
 // The client object and one exchange with the server: the order of steps, what the log says of each, and the
 // state that every fault leaves behind.
+#include "lqregistry/LQClient.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
@@ -42,7 +43,39 @@ TEST_F(Session, ThePlatformTypeIsWhatSessionsKnowOfTheMachines) {
   } cases[] = {{"1", 0}, {"2", 2}, {"4", 4}, {"5", 4}, {"6", 2}, {"7", 2}, {"8", 0}};
   for (const auto& c : cases) {
     setValue("Machine", "nPLATFORMTYPE", c.bits);
-    EXPECT_EQ(LqRegistryManagerClnt("").getLocalPlatformType(), c.type) << c.bits;
+    const LqRegistryManagerClnt client("");
+    EXPECT_EQ(client.getLocalPlatformType(), c.type) << c.bits;
+    EXPECT_EQ(client.getRemotePlatformType(), 1U);
+  }
+}
+
+TEST_F(Session, NamesKeepTheirLastByteAndLoseWhatTheirBuffersCannotHold) {
+  setValue("Machine", "sHOSTNAME", std::string(1024, 'l'));
+  setValue("Hosts/" + std::string(1023, 'l'), "sCLIENTNAME", std::string(1025, 'c'));
+  ASSERT_TRUE(LQClient::recordClient(std::string(1024, 'c'), 7));
+  LqRegistryManagerClnt client("");
+  EXPECT_EQ(client.getLocalHostName(), std::string(1023, 'l'));
+  EXPECT_EQ(client.clientId, 7U);
+
+  // The names that a machine attaches under, and the server's: one that does not fit whole is none.
+  auto server = serve({taking(), taking(), taking()});
+  client.sendOnly = true;
+  setValue("Machine", "sPHYSICALNAME", std::string(300, 'm'));
+  EXPECT_TRUE(exchange(client));
+  setValue("Machine", "nPLATFORMTYPE", "7");
+  for (const std::size_t length : {255U, 256U}) {
+    setValue("Overhub", "sOHCLIENTNAME", std::string(length, 'o'));
+    EXPECT_TRUE(exchange(client));
+  }
+  const std::string callers[] = {std::string(255, 'm'), std::string(255, 'o'), ""};
+  for (std::size_t i = 0; i < 3; ++i)
+    EXPECT_NE(server->attachments().at(i).find("caller=\"" + callers[i] + "\""), std::string::npos) << i;
+
+  client.setLocalHostName("");  // so that nobody is looked for under these names
+  for (const std::size_t length : {1023U, 1024U}) {
+    setValue("Overhub", "sOHHOSTNAME", std::string(length, 'h'));
+    EXPECT_FALSE(client.dllConnect());
+    EXPECT_EQ(client.getRemoteHostName(), length == 1023 ? std::string(length, 'h') : "");
   }
 }
 
@@ -52,6 +85,8 @@ TEST_F(Session, WithoutAnIdTheClientIsUnsetAndConnectsToNobody) {
   const oblog::Capture log;
   LqRegistryManagerClnt client("");
   EXPECT_EQ(client.clientId, 0U);
+  EXPECT_EQ(client.getLocalPlatformType(), 4294967295U);
+  EXPECT_EQ(client.getRemotePlatformType(), 4294967295U);
   EXPECT_FALSE(exchange(client));
   EXPECT_EQ(linesOf(log),
             (std::vector<std::string>{
@@ -103,12 +138,22 @@ TEST_F(Session, AnExchangeAttachesSendsReceivesAndTakesLeave) {
   EXPECT_TRUE(tookLeave);
 }
 
-TEST_F(Session, OnTheServersOwnMachineTheCallerIsTheServersClient) {
-  setValue("Machine", "nPLATFORMTYPE", "5");
-  auto server = serve({answering(batchText({}))});
+TEST_F(Session, EveryConnectionGoesToTheServerThatTheRegistryNamesByThen) {
+  auto first = serve({answering(batchText({}))});
   LqRegistryManagerClnt client("");
+  EXPECT_EQ(client.getRemoteHostName(), "");
+  client.setRemoteHostName("elsewhere");
   EXPECT_TRUE(exchange(client));
-  EXPECT_NE(server->attachments().at(0).find("caller=\"overhub\""), std::string::npos);
+  EXPECT_EQ(client.getRemoteHostName(), address_);
+
+  address_ = test_support::uniqueLoopbackAddress();
+  setValue("Overhub", "sOHHOSTNAME", address_);
+  auto second = serve({taking()});
+  client.sendOnly = true;
+  EXPECT_TRUE(exchange(client));
+  EXPECT_EQ(client.receivedMessage, nullptr);
+  EXPECT_EQ(client.getRemoteHostName(), address_);
+  EXPECT_EQ(second->messages().size(), 1U);
 }
 
 // --- before the connection ---------------------------------------------------------------------------------
@@ -121,10 +166,25 @@ TEST_F(Session, WithoutTheServersNamesThereIsNoConnection) {
       {"sOHCLIENTNAME", tag + "Failed to get the OH Client name from regsitry"}};
   for (const auto& [missing, line] : cases) {
     LqRegistryManagerClnt client("");
+    client.network = std::make_unique<CLqNetwork>();
+    const CLqNetwork* const stale = client.network.get();
     removeValue("Overhub", missing);
     const oblog::Capture log;
     EXPECT_FALSE(exchange(client));
     EXPECT_EQ(linesOf(log), (std::vector<std::string>{line, kConnectFailed}));
+    EXPECT_EQ(client.network.get(), stale) << "what was there is not touched";
+    setValue("Overhub", missing, address_);
+  }
+  const std::function<void(LqRegistryManagerClnt&)> spoils[] = {
+      [](LqRegistryManagerClnt& client) { client.setLocalHostName(""); },
+      [](LqRegistryManagerClnt& client) { client.setLocalPlatformType(4294967295); },
+      [](LqRegistryManagerClnt& client) { client.setRemotePlatformType(4294967295); }};
+  for (const auto& spoil : spoils) {
+    LqRegistryManagerClnt client("");
+    spoil(client);
+    const oblog::Capture log;
+    EXPECT_FALSE(exchange(client));
+    EXPECT_EQ(linesOf(log), std::vector<std::string>{kConnectFailed});
   }
   EXPECT_EQ(server->sessions(), 0);
 }

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/settings_refresh_task.h"
 #include "tests/support/product_fixture.h"
 
 namespace {
@@ -51,6 +52,7 @@ TEST_F(EntryPoints, StartingOnlyRecordsTheTime) {
   const std::time_t before = std::time(nullptr);
   EXPECT_EQ(onStart_(&status_), 0);
   EXPECT_GE(status_.getLastRunTime(), before);
+  EXPECT_LE(status_.getLastRunTime(), std::time(nullptr));
   EXPECT_EQ(linesOf(log),
             std::vector<std::string>{"error|int RegistryDownload_OnStart(LqPeriodicTaskStatus*)|"
                                      "Skipping registry syncronize from space check on service start"});
@@ -150,9 +152,42 @@ TEST_F(EntryPoints, AHandedListIsAppliedAndAnswered) {
   EXPECT_TRUE(update_(&keys, 7)) << "what counts is that it was applied";
   EXPECT_TRUE(hasLine(log, "error|updateRegistryAndSendResponse|Failed to send the response to the server"));
   EXPECT_EQ(server.sessions(), 4);
+  EXPECT_FALSE(update_(nullptr, 7));
+  EXPECT_TRUE(hasLine(log, "error|updateRegistryKeys|No key list given"));
   LQPI_Focus::setFocus(nullptr);
   EXPECT_FALSE(update_(&keys, 7));
   EXPECT_TRUE(hasLine(log, "error|updateRegistryKeys|Failed to get VM name"));
+  EXPECT_EQ(server.sessions(), 4);
+}
+
+TEST_F(EntryPoints, TheEnvironmentChoosesTheInstanceThatPassesAndListsWorkOnAndNothingElse) {
+  LQPI_Focus::setFocus("Instance002");
+  join();
+  setValue("Base", "dVELMORHOME", "/opt/other");
+  setValue("EventManager", "bEnableRegistrySync", "0");
+  setValue("Session", "bANTICHATTER", "1");
+  LQPI_Focus::setFocus("Instance001");
+  join();
+  setenv("VELMOR_VM", "Instance002", 1);
+  PlayedServer server(
+      address_, sessionKey_,
+      {answering(batchText({record("A", "sVALUE", "1"), removal("EventManager", "dOBLOGDIR")})), taking(),
+       taking()});
+  EXPECT_EQ(onTimer_(&status_), 0) << "enabled and joined are what the instance in focus is";
+  OBGui::KeyList keys{record("A", "sHANDED", "2")};
+  EXPECT_TRUE(update_(&keys, 7));
+  EXPECT_EQ(server.sessions(), 3);
+  const std::string chosen = "SOFTWARE/Velmor/Instance002/";
+  EXPECT_EQ(valueOf(chosen + "A", "sVALUE"), "1");
+  EXPECT_EQ(valueOf(chosen + "A", "sHANDED"), "2");
+  EXPECT_EQ(valueOf(chosen + "EventManager", "dOBLOGDIR"), "/opt/x/Log_Files") << "its home is in focus, too";
+  EXPECT_EQ(valueOf("A", "sVALUE"), std::nullopt);
+  EXPECT_EQ(valueOf("A", "sHANDED"), std::nullopt);
+
+  removeValue(chosen + "A", "sVALUE");
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(valueOf("A", "sVALUE"), "1") << "the refresh works on the instance in focus";
+  EXPECT_EQ(valueOf(chosen + "A", "sVALUE"), std::nullopt);
 }
 
 // --- names -------------------------------------------------------------------------------------------------
@@ -178,7 +213,9 @@ TEST_F(EntryPoints, TheInstanceNameComesFromTheEnvironmentFirst) {
   unsetenv("VELMOR_VM");
   LQPI_Focus::setFocus(nullptr);
   EXPECT_EQ(found(), 5U);
+  const oblog::Capture log;
   EXPECT_FALSE(sync_());
+  EXPECT_TRUE(linesOf(log).empty()) << "whoever called says so";
 }
 
 TEST_F(EntryPoints, TheCommandLogLiesInTheLogDirectory) {

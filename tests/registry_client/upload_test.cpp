@@ -26,9 +26,12 @@ class Upload : public ProductTest {
 
 TEST_F(Upload, TheWholeRegistryGoesToTheServerInOneMessage) {
   setValue("A/B", "sVALUE", "line\none");
-  PlayedServer server(address_, sessionKey_, {answering(verdict(OBGui::kTaskSuccess))});
-  ASSERT_TRUE(LQClient::recordClient("client42", 0x80000001));
+  PlayedServer server(address_, sessionKey_,
+                      {answering(verdict(OBGui::kTaskSuccess)), answering(verdict(OBGui::kTaskSuccess))});
+  ASSERT_TRUE(LQClient::recordClient("client42", 0x380000001));
   LqRegistryManagerClnt client("");
+  client.clientId = 0;
+  EXPECT_TRUE(client.uploadKeys() == 0U && client.clientId == 0x380000001) << "looked up, and kept";
   forgetClientId();  // a client that knows its id asks no more
   const oblog::Capture log;
   EXPECT_EQ(client.uploadKeys(), 0U);
@@ -39,8 +42,8 @@ TEST_F(Upload, TheWholeRegistryGoesToTheServerInOneMessage) {
   expected.client.edit().clientId = -2147483647;  // narrowed to 32 bits
   EXPECT_EQ(client.enumerateClientKeysInfo("", expected.keys.edit()), 0U);
   EXPECT_GT(expected.keys->size(), 10U);
-  EXPECT_TRUE(server.message<OBGui::RegistryTaskResp>(0).equals(expected)) << server.messages()[0];
-  EXPECT_EQ(server.sessions(), 1);
+  EXPECT_TRUE(server.message<OBGui::RegistryTaskResp>(1).equals(expected)) << server.messages()[1];
+  EXPECT_EQ(server.sessions(), 2);
 }
 
 TEST_F(Upload, OnlyAFailureTheServerReportsIsOne) {

@@ -1,0 +1,79 @@
+// Downloads and refreshes one at a time: each refuses to begin beside another pass, says who is in its way,
+// and leaves cache and registry alone.
+#include <chrono>
+#include <thread>
+
+#include "lqregistry/LqPassLock.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/settings_refresh_task.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+class OnePass : public ProductTest {
+ protected:
+  OnePass() {
+    join();
+    LqPassLock::useWait(std::chrono::milliseconds(20));
+  }
+  void cache(const OBGui::KeyList& keys) const { test_support::writeFile(cacheFile(), batchText(keys)); }
+  // The error lines of a refresh on a thread of its own.
+  static std::vector<std::string> refreshErrors() {
+    const oblog::Capture log;
+    std::thread([] { EXPECT_EQ(additionalSettingsRefresh(), 1U); }).join();
+    return linesOf(log, "additionalSettingsRefresh");
+  }
+  static testing::AssertionResult isRefusedFor(const std::vector<std::string>& lines,
+                                               const std::string& holder) {
+    for (const std::string& line : lines)
+      if (line.starts_with("error|additionalSettingsRefresh|The refresh was not begun: ") &&
+          test_support::contains(line, holder))
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << testing::PrintToString(lines);
+  }
+};
+
+TEST_F(OnePass, BesideAnotherPassNeitherBegins) {
+  cache({record("A", "sCACHED", "1"), removal("A", "sREMOVED")});
+  const std::string before = test_support::readFile(cacheFile());
+  {
+    const LqPassLock held("somebody");
+    EXPECT_TRUE(isRefusedFor(refreshErrors(), "(somebody, since"));
+    EXPECT_EQ(valueOf("A", "sCACHED"), std::nullopt);
+    EXPECT_EQ(test_support::readFile(cacheFile()), before);
+
+    PlayedServer server(address_, sessionKey_, {answering(batchText({record("A", "sDOWNLOADED", "1")}))});
+    const oblog::Capture log;
+    std::thread([] { EXPECT_EQ(LqRegistryManagerClnt("").downLoadAndUpdateClient(), 3U); }).join();
+    EXPECT_TRUE(
+        hasLine(log, "error|LqRegistryManagerClnt::downLoadAndUpdateClient|The download was not begun: "));
+    EXPECT_EQ(server.sessions(), 0);
+
+    // A push takes the registry's own lock only.
+    OBGui::RegistryTaskResp push;
+    push.keys.edit().push_back(record("A", "sPUSHED", "1"));
+    EXPECT_EQ(LqRegistryManagerClnt("").serverRequestHandler(push), 1U);
+    EXPECT_EQ(valueOf("A", "sPUSHED"), "1");
+  }
+  EXPECT_EQ(refreshErrors().size(), 1U) << "only the line of every refresh";
+  EXPECT_EQ(valueOf("A", "sCACHED"), "1");
+}
+
+TEST_F(OnePass, ADownloadExcludesTheRefreshFromItsRequestToItsAcknowledgement) {
+  std::vector<std::vector<std::string>> refused;
+  const auto refreshBefore = [&refused](const PlayedServer::Script& answer) {
+    return [&refused, answer](PlayedServer::Stage& stage) {
+      refused.push_back(refreshErrors());
+      answer(stage);
+    };
+  };
+  PlayedServer server(
+      address_, sessionKey_,
+      {refreshBefore(answering(batchText({record("A", "sNEW", "1")}))), refreshBefore(taking())});
+  EXPECT_EQ(LqRegistryManagerClnt("").downLoadAndUpdateClient(), 0U);
+  ASSERT_EQ(refused.size(), 2U);
+  for (const auto& lines : refused) EXPECT_TRUE(isRefusedFor(lines, "(download, since"));
+  EXPECT_EQ(refreshErrors().size(), 1U) << "over when the download is";
+}
+
+}  // namespace
