@@ -67,10 +67,10 @@ Options CommandLine::options() {
 Options CommandLine::add(const char* command, const char* description, Action action,
                          Preparation preparation) {
   CLI::App* const app = app_->add_subcommand(command, description);
-  app->callback([this, command, does = std::move(action), prepares = std::move(preparation)] {
+  app->callback([this, command, does = std::move(action), before = std::move(preparation)] {
     chosen_ = command;
-    preparation_ = prepares;
     action_ = does;
+    preparation_ = before;
   });
   return Options(*app);
 }
@@ -82,16 +82,6 @@ std::optional<int> CommandLine::parse(int argc, char** argv) {
     return app_->exit(error) == 0 ? kExitOk : kExitUsage;
   }
   return std::nullopt;
-}
-
-bool readEntries(const std::string& path, std::map<std::string, std::string>& entries, std::string& error) {
-  try {
-    for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
-      if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
-  } catch (const CLI::Error& failure) {
-    error = failure.what();
-  }
-  return error.empty();
 }
 
 }  // namespace host

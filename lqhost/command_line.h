@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,8 +20,8 @@ class CommandLine {
  public:
   // What a command does, once the process is set up; the program's exit code.
   using Action = std::function<int()>;
-  // What a command reads as whoever started it, before the process becomes the service user; adds the places
-  // whose owner that may be. An exit code other than 0 ends the program.
+  // What a command does before that, as whoever started the program: it reads what only that user may read,
+  // and adds the places that it will use. An exit code other than 0 ends the program.
   using Preparation = std::function<int(std::vector<std::string>& places)>;
   using Pairs = std::vector<std::pair<std::string, std::string>>;
 
@@ -64,11 +63,8 @@ class CommandLine {
  private:
   std::unique_ptr<CLI::App> app_;
   std::string chosen_;
-  Preparation preparation_;
   Action action_;
+  Preparation preparation_;
 };
-
-// Reads a file of `name = "value"` lines, such as a join file. False with the reason.
-bool readEntries(const std::string& path, std::map<std::string, std::string>& entries, std::string& error);
 
 }  // namespace host

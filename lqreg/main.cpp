@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "common/program_start.h"
-#include "common/text_table.h"
 #include "lqreg/registry_commands.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
@@ -144,7 +143,7 @@ int main(int argc, char** argv) {
   try {
     return run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "lqreg: %s\n", programs::escapedForTerminal(error.what()).c_str());
+    complainAbout(error.what());
     return kExitUnavailable;
   }
 }

@@ -3,15 +3,14 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <vector>
 
 #include "common/text_table.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
+#include "lqhost/join_file.h"
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
@@ -22,15 +21,6 @@
 namespace host {
 
 namespace {
-
-// What the join file says. The session key is a secret.
-struct JoinFile {
-  std::string serverHost;
-  std::string serverName;
-  std::string clientName;
-  std::uint64_t clientId = 0;
-  std::string sessionKey;  // hexadecimal
-};
 
 // Where the installation lies and what the machine is called; empty texts stand for the defaults.
 struct JoinOptions {
@@ -103,38 +93,6 @@ std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options
   };
 }
 
-// False with the reason in `error`.
-bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
-  std::map<std::string, std::string> entries;
-  if (!readEntries(path, entries, error)) {
-    error += ": cannot read the join file; `overhub add-client` writes one";
-    return false;
-  }
-  const auto take = [&](const char* name, std::string& into) {
-    into = entries[name];
-    if (!into.empty()) return true;
-    error = path + ": the join file lacks \"" + name + "\"; have `overhub add-client` write a new one";
-    return false;
-  };
-  std::string id;
-  if (!take("server-host", file.serverHost) || !take("server-name", file.serverName) ||
-      !take("client-name", file.clientName) || !take("client-id", id) ||
-      !take("session-key", file.sessionKey))
-    return false;
-  const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
-  std::string key;
-  // The largest is what a message can carry.
-  constexpr std::uint64_t kMaxClientId = 0x7fffffffffffffff;
-  if (failure != std::errc() || file.clientId > kMaxClientId || end != id.data() + id.size() ||
-      file.clientId == 0) {
-    error = path + ": client-id is not a positive number: " + id;
-  } else if (!sessionKeyFromHex(file.sessionKey, key)) {
-    error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
-            " hexadecimal digits";
-  }
-  return error.empty();
-}
-
 // Writes everything as one change, for the instance in focus, creating the directories. False with the
 // reason; the registry is then as it was.
 bool record(const JoinFile& file, JoinOptions options, std::string& error) {
@@ -162,22 +120,22 @@ bool record(const JoinFile& file, JoinOptions options, std::string& error) {
   return false;
 }
 
-// The join file is read as whoever started this, who may be the only one that it is for.
-int prepare(JoinOptions options, JoinFile& file, std::vector<std::string>& places) {
-  std::string error;
-  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
-  fillDefaults(options);
-  places.push_back(options.base);
-  return kExitOk;
-}
-
-int join(const JoinOptions& options, const JoinFile& file) {
+int join(const JoinFile& file, const JoinOptions& options) {
   std::string error;
   if (!record(file, options, error)) return print(complaint(kExitNotJoined, error));
   const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
                            " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
                            "; the registry is " + lqregistry::File();
   return print({kExitOk, programs::escapedForTerminal(said) + "\n", ""});
+}
+
+// The join file is read as whoever started this, who may be the only one that it is for.
+int prepare(JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
+  std::string error;
+  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
+  fillDefaults(options);
+  places.push_back(options.base);
+  return kExitOk;
 }
 
 }  // namespace
@@ -187,8 +145,8 @@ void addJoin(CommandLine& line) {
   const auto file = std::make_shared<JoinFile>();
   line.add(
           "join", "Join a management server: record what this client needs to know",
-          [options, file] { return join(*options, *file); },
-          [options, file](std::vector<std::string>& places) { return prepare(*options, *file, places); })
+          [options, file] { return join(*file, *options); },
+          [options, file](std::vector<std::string>& places) { return prepare(*file, *options, places); })
       .required("FILE", options->file, "The join file that `overhub add-client` wrote")
       .option("--home", options->home, "Installation home; otherwise " + std::string(kDefaultHome))
       .option("--base", options->base, "Base directory; otherwise the folder Base of the home")

@@ -17,6 +17,7 @@
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/pstring.h"
 #include "records/key_records.h"
 
 namespace host {
@@ -179,9 +180,13 @@ int status() {
   worst = worseOf(worst, addUnsettled(result.out));
   worst = worseOf(worst, addResident(result.out));
   worst = worseOf(worst, addCache(result.out));
-  std::string damage;
-  const bool isSound = lqregistry::Check(damage);
-  addLine(result.out, "registry", isSound ? "sound" : "damaged: " + programs::escapedForTerminal(damage));
+  std::string reason;
+  if (!pstring::CheckKey(reason)) {
+    addLine(result.out, "protection", programs::escapedForTerminal(reason));
+    worst = worseOf(worst, kExitFailed);
+  }
+  const bool isSound = lqregistry::Check(reason);
+  addLine(result.out, "registry", isSound ? "sound" : "damaged: " + programs::escapedForTerminal(reason));
   result.exitCode = isSound ? worst : kExitNotJoined;
   return print(result);
 }

@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "common/text_table.h"
-#include "lqhost/commands/join.h"
+#include "lqhost/join_file.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
