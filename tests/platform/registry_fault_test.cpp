@@ -272,10 +272,6 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   lqregistry::UseFile(file_);
   // Rights mean nothing to the superuser, so the calls are made as somebody else.
   const bool superuser = geteuid() == 0;
-  if (superuser) {
-    ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(chown(file_.c_str(), kNobody, kNobody), 0);
-  }
   OtherProcess user([superuser](const std::string& step) {
     LQPlatformInfo info;
     if (step == "become") return !superuser || (setgroups(0, nullptr) == 0 && setuid(kNobody) == 0);
@@ -291,8 +287,13 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
     return !info.setString("A", "name", "new", 0) && info.getRegError() == kRegUnavailable &&
            info.getRegErrorText().find("read-only") != std::string::npos;
   });
+  ASSERT_TRUE(info_.setString("A", "name", "data", 0));  // opened here while it is this process's own
+  if (superuser) {
+    ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
+    for (const char* part : {"", "-wal", "-shm"})
+      ASSERT_EQ(chown((file_ + part).c_str(), kNobody, kNobody), 0) << part;
+  }
   ASSERT_TRUE(user.ask("become"));
-  ASSERT_TRUE(info_.setString("A", "name", "data", 0));  // opened here while it may be written
   ASSERT_EQ(chmod(file_.c_str(), 0), 0);
   EXPECT_TRUE(user.ask("fail to read"));
   ASSERT_EQ(chmod(file_.c_str(), 0400), 0);
