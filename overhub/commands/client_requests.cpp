@@ -1,6 +1,8 @@
 #include "overhub/commands/client_requests.h"
 
+#include <unistd.h>
 #include <string_view>
+
 #include <utility>
 
 #include "common/machine_identity.h"
@@ -156,6 +158,8 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  print(linesForTerminal(answer.payload.get()) + '\n');
+  // Whoever reads a pipe wants the payload as it is; a terminal would obey it.
+  const std::string& shown = answer.payload;
+  print((::isatty(STDOUT_FILENO) != 0 ? linesForTerminal(shown) : shown) + '\n');
   return kExitOk;
 }
