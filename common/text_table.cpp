@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "lqregistry/PrintableText.h"
+
 namespace programs {
 
 namespace {
@@ -18,24 +20,19 @@ std::size_t characters(const std::string& text) {
 }  // namespace
 
 std::string escapedForTerminal(std::string_view text) {
-  constexpr char kDigits[] = "0123456789abcdef";
   std::string result;
-  unsigned char previous = 0;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    const bool wideControl = previous == 0xC2 && byte >= 0x80 && byte < 0xA0;
-    previous = byte;
-    if (byte == '\\') {
+  while (!text.empty()) {
+    std::size_t length = 1;
+    if (text[0] == '\\') {
       result += "\\\\";
-    } else if (byte == '\n') {
+    } else if (text[0] == '\n') {
       result += "\\n";
-    } else if (byte == '\t') {
+    } else if (text[0] == '\t') {
       result += "\\t";
-    } else if (byte < 0x20 || byte == 0x7F || wideControl) {
-      result += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
     } else {
-      result += character;
+      length = lqtext::appendPrintable(result, text);
     }
+    text.remove_prefix(length);
   }
   return result;
 }

@@ -7,8 +7,8 @@
 
 namespace programs {
 
-// Printable on a terminal: control characters, the two-byte ones of UTF-8 included, become \n, \t or \xHH,
-// and a backslash \\. Other bytes stay as they are.
+// Printable on a terminal: control characters, the two-byte ones of UTF-8 included, and bytes that are no
+// text in UTF-8 become \n, \t or \xHH, and a backslash \\.
 std::string escapedForTerminal(std::string_view text);
 
 // Collects rows and lays them out. Cells are escaped; the last column is not padded.

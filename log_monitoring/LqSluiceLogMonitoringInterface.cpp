@@ -70,7 +70,9 @@ class Helper {
   bool load(LQPI_PlatformBase& base) {
     const char* const home = base.getBaseHomeDirectory();
     path_ = std::string(home == nullptr ? "" : home) + "/" + kHelperLibrary;
-    const CWmError error = library_.Load(path_, false);
+    // Without a base directory there is no library; what lies in the file system's root is nobody's helper.
+    const CWmError error =
+        home == nullptr ? CWmError(kLqErrLibrary, "no base directory is known") : library_.Load(path_, false);
     if (error.IsError()) {
       event_.DebugLvl(kAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
                       error.AsString());

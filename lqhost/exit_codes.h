@@ -1,4 +1,7 @@
 // What lqhost's exit codes mean, for scripts; the help text lists them.
+//
+// A pass can deserve several; it ends with the one that stands first in: 1, 5, 4, 7, 10, 8, 9. `lqhost
+// status` goes by 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
 #pragma once
 
 namespace host {
@@ -7,8 +10,12 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;     // no batch was received
 inline constexpr int kExitUsage = 2;      // wrong command line, or an unusable join file
 inline constexpr int kExitNotJoined = 3;  // this instance has not joined, or the registry cannot be used
-inline constexpr int kExitPartly = 4;     // a batch was received, but not all of it could be applied
+inline constexpr int kExitPartly = 4;     // not everything could be applied, or uploaded
 inline constexpr int kExitSkipped = 5;    // synchronisation is switched off, or joining is not finished
 inline constexpr int kExitDrift = 6;      // values differ from what the cache says they should be
+inline constexpr int kExitCacheLost = 7;  // applied, but the settings cache could not be written
+inline constexpr int kExitCacheKept = 8;  // applied, but the reply was shorter than the cache, which stays
+inline constexpr int kExitUnacknowledged = 9;    // applied, but the server has not recorded that
+inline constexpr int kExitCacheUnreadable = 10;  // applied, but a cache that cannot be read is not replaced
 
 }  // namespace host

@@ -1,7 +1,6 @@
 #include "lqhost/instance.h"
 
-#include <cstdio>
-
+#include "lqregistry/FXFile.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 
@@ -12,26 +11,27 @@ std::string instanceName() {
   return focus == nullptr ? "" : focus;
 }
 
-bool requireJoined() {
+std::optional<CommandResult> whyNotJoined() {
   LQPlatformInfo info;
   std::string server;
-  if (info.getString("Overhub", "sOHHOSTNAME", server)) return true;
-  if (info.getRegError() == kRegUnavailable) {
-    std::fprintf(stderr, "lqhost: %s\n", info.getRegErrorText().c_str());
-  } else {
-    std::fprintf(
-        stderr,
-        "lqhost: instance %s in %s has not joined a server; run `lqhost join FILE` with the file that "
-        "`overhub add-client` wrote\n",
-        instanceName().c_str(), lqregistry::File().c_str());
-  }
-  return false;
+  if (info.getString("Overhub", "sOHHOSTNAME", server)) return std::nullopt;
+  if (info.getRegError() == kRegUnavailable) return complaint(kExitNotJoined, info.getRegErrorText());
+  return complaint(kExitNotJoined,
+                   "instance " + instanceName() + " in " + lqregistry::File() +
+                       " has not joined a server; run `lqhost join FILE` with the file that `overhub "
+                       "add-client` wrote");
 }
 
 std::string baseDirectory() {
   LQPI_PlatformBase base;
   const char* const directory = base.getBaseHomeDirectory();
   return directory == nullptr ? "" : directory;
+}
+
+std::string pathInBase(const std::string& name) {
+  std::string path = baseDirectory();
+  FXPath::Append(path, name);
+  return path;
 }
 
 }  // namespace host

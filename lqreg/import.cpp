@@ -100,8 +100,11 @@ class Import {
     const std::string data = dataOf(record);
     if (record.valueName->empty()) {
       reason = "the name is empty";
+    } else if (isProtected && record.encryptedValue->isUnreadable()) {
+      reason = "the value was not protected with this machine's key";
     } else if (isProtected && data.empty() && !record.encryptedValue->empty()) {
-      reason = "the value cannot be protected";
+      pstring::CheckKey(reason);
+      reason = "the value cannot be protected: " + reason;
     } else if (find(record, data) == Found::kRefused) {
       reason = registry_.getRegErrorText();
     } else {

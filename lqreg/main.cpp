@@ -7,6 +7,8 @@
 #include <functional>
 #include <optional>
 
+#include "common/program_start.h"
+#include "common/text_table.h"
 #include "lqreg/registry_commands.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
@@ -122,11 +124,15 @@ int run(int argc, char** argv) {
     return app.exit(error) == 0 ? kExitDone : kExitUsage;
   }
 
+  if (!line.file.empty()) lqregistry::UseFile(line.file);
+  if (const CWmError error = programs::becomeServiceUser({lqregistry::File()}); error.IsError()) {
+    complainAbout(error.AsString());
+    return kExitUnavailable;
+  }
   // What the library logs comes back as the reason of the failed call, which is printed once.
   oblog::Settings quiet;
   quiet.toStandardError = false;
   oblog::Configure(quiet);
-  if (!line.file.empty()) lqregistry::UseFile(line.file);
   RegistryCommands registry(line.instance);
   return line.command(registry);
 }
@@ -134,10 +140,11 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  programs::beginProgram();
   try {
     return run(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "lqreg: %s\n", error.what());
+    std::fprintf(stderr, "lqreg: %s\n", programs::escapedForTerminal(error.what()).c_str());
     return kExitUnavailable;
   }
 }

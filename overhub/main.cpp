@@ -2,13 +2,12 @@
 //
 // The command line is here and in command_line.h; what each command does is in commands.h, serve_command.h,
 // upload_commands.h and client_requests.h.
-#include <sys/stat.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <limits>
 
+#include "common/program_start.h"
 #include "overhub/commands/command_line.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/exit_codes.h"
@@ -18,8 +17,6 @@ namespace {
 
 constexpr const char* kDataVariable = "OVERHUB_DATA";
 constexpr const char* kDefaultServerName = "overhub";
-// What the data directory holds is for its owner only.
-constexpr mode_t kPrivate = 077;
 
 constexpr const char* kFooter =
     R"(The data directory is plain files; clients/NAME.xml may be edited by hand and counts from the next request.
@@ -168,7 +165,7 @@ void describeLists(CLI::App& app, CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ::umask(kPrivate);
+  programs::beginProgram();
   CLI::App app("The management server: hands clients their settings and records what became of them.");
   CommandLine line;
   app.footer(kFooter);

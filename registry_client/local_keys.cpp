@@ -57,6 +57,15 @@ int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) 
   int length = 0;
   if (!key->value->empty()) {
     const bool isProtected = key->valueType.get() == ENCRYPTEDTYPE;
+    // Written all the same, it would take the place of a value that can perhaps be read.
+    if (isProtected && key->encryptedValue->isUnreadable()) {
+      logger.Error(kCreateTag,
+                   "The protected value [%s] of key [%s] was protected with another key than this machine's, "
+                   "or altered; what the registry holds stays",
+                   key->valueName->c_str(), key->keyPath->c_str());
+      regStatus = kRegStatusWriteFailed;
+      return kResultFailed;
+    }
     if (isProtected) protectedText = key->encryptedValue->getV8Password();
     // A secret that could not be protected must not end as an empty value in the place of the old one.
     if (isProtected && protectedText.empty() && !key->encryptedValue->empty()) {

@@ -1,4 +1,4 @@
-// The Additional Settings cache: one file, read and written whole.
+// The Additional Settings cache: one file, read whole and replaced whole.
 #include <array>
 #include <sstream>
 
@@ -27,6 +27,9 @@ std::string cachePath() {
 
 CWmError openCache(const std::string& path, std::uint32_t access, std::uint32_t disposition,
                    auto_handle& handle) {
+  // What it says is applied to the registry, so it has to be this service's own.
+  CWmError error = FXFile::CheckTrusted(path);
+  if (error.IsError()) return error;
   return FXFile::LQCreateFile(path, access, FXFile::kShareRead, nullptr, disposition,
                               FXFile::kAttributeNormal, nullptr, handle);
 }

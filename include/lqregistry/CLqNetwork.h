@@ -5,13 +5,14 @@
 // itself, and is told yes, or no with a reason. Both ends use this class: one is built empty and attached,
 // the other is built by LqListener from an accepted socket.
 //
-// A session is used by one thread at a time. Nothing is thrown: an operation gives a CWmError, which is also
-// kept as the session's last error. Time-outs are whole seconds, -1 means no limit; attach and disconnect
-// obey theirs in full, name resolution aside. A real platform library provides Attach_RemoteDLL to
-// ReplyDisconnect and MangleHostName; the accepting side and the observer are what this layer's own programs
-// need.
+// A session is used by one thread at a time, and may move from one to another. Nothing is thrown: an
+// operation gives a CWmError, which is also kept as the session's last error. Time-outs are whole seconds, -1
+// means no limit; attach and disconnect obey theirs in full, name resolution aside. No wait outlasts
+// kSilenceLimitSeconds without a byte. A real platform library provides Attach_RemoteDLL to ReplyDisconnect
+// and MangleHostName; the accepting side and the observer are what this layer's own programs need.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -43,6 +44,14 @@ inline constexpr std::uint16_t kSecondServicePort = 8402;
 // Bounds on a frame: before a caller is attached, and after.
 inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
 inline constexpr std::size_t kMaxMessageFrameBytes = 64U << 20;
+
+// What large frames may hold of a process's memory together, on the accepting and on the calling side each:
+// two of the largest, so that one that is slow to arrive does not stop everybody. Who finds it spent waits.
+inline constexpr std::size_t kFrameBudgetBytes = 2 * kMaxMessageFrameBytes;
+
+// After so long without a byte a connection counts as lost, also where a call sets no limit: no server works
+// on an answer for ten minutes.
+inline constexpr int kSilenceLimitSeconds = 600;
 
 class LQ_EXPORT CLqNetwork {
  public:
@@ -99,9 +108,12 @@ class LQ_EXPORT CLqNetwork {
 
   // --- the accepting side ----------------------------------------------------------------------------------
 
-  // Completes the handshake and receives the caller's attach request. On success the caller waits for
-  // ConfirmAttach or RefuseAttach; `remoteLibrary` and `callerName` are what it asked with.
-  CWmError AcceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName, int timeoutSeconds);
+  // Whether the caller waits for ConfirmAttach or RefuseAttach.
+  bool IsAsking() const;
+
+  // What the caller asks for, or, once it is attached, has asked for; never waits. When the caller has not
+  // come so far, why it was turned away.
+  CWmError AcceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName);
   CWmError ConfirmAttach();
   void RefuseAttach(const std::string& reason);  // and closes
 
@@ -114,6 +126,10 @@ class LQ_EXPORT CLqNetwork {
   // still done, everything else fails with kLqErrStopping. For good: it is for a process that stops. A name
   // look-up under way is not ended.
   static void InterruptAll();
+
+  // Replaces kSilenceLimitSeconds for this process, from the next wait on; for tests that cannot wait as
+  // long.
+  static void SetSilenceLimit(std::chrono::milliseconds limit);
 
   // --- for hosts that report what went over the wire -------------------------------------------------------
 
@@ -136,34 +152,82 @@ class LQ_EXPORT CLqNetwork {
 
  private:
   friend class LqListener;
+  friend class WaitingRoom;
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
 
-// Accepts sessions on one address and port.
+// Accepts sessions on one address and port, and keeps them while there is nothing to do for them.
+//
+// Callers prove themselves and ask, and attached ones think of their next request, in a room that costs no
+// thread each: one thread watches them all. accept() hands a session out when there is something to do:
+//
+//   while (auto session = listener.accept()) {            // from any number of threads
+//     if (session->IsAsking()) {
+//       session->AcceptAttach(remoteLibrary, callerName);  // and ConfirmAttach, or RefuseAttach
+//     } else if (!session->AcceptAttach(...).IsError()) {  // else it was turned away: the error tells why
+//       session->ReceiveXMLMessage(...);                   // does not wait; and answer
+//     }
+//     if (it goes on) listener.await(std::move(session));  // comes out again with its next request, or its
+//     end
+//   }
+//
+// Who takes room without need is put out when others need it: only a caller that we have waited for longer
+// than `patience`, the oldest of its address or identity first. The newest is never turned away; until
+// somebody may be put out, the room grows, as far as the process's descriptors go.
 class LQ_EXPORT LqListener {
  public:
   // Finds the session key of an identity: true with the key's bytes (32) in `key` when it is known. Called on
-  // the thread that runs AcceptAttach, from several at once.
+  // the room's thread, one at a time; everybody waits for it, so it may read a small file, but not ask far
+  // away.
   using KeyLookup = std::function<bool(const std::string& identity, std::string& key)>;
 
-  explicit LqListener(KeyLookup lookup);
-  ~LqListener();
+  struct Limits {
+    std::size_t callers = 2048;           // that have not attached yet, in all
+    std::size_t callersPerAddress = 512;  // and from one address: as many machines may share one
+    std::size_t waitingPerIdentity = 8;   // attached, without a request
+    std::size_t servedPerIdentity =
+        4;  // handed out at a time; a client has one or two pieces of work at once
+    // How long a caller may leave us waiting before it can be put out: much longer than the way of a packet.
+    std::chrono::milliseconds patience{1000};
+    std::chrono::milliseconds attachTime{10'000};   // from the connection to the attach request
+    std::chrono::milliseconds requestTime{60'000};  // from one answer to the whole of the next request
+    std::chrono::milliseconds turnTime{20'000};     // for memory to read a large request with
+  };
+
+  explicit LqListener(KeyLookup lookup) : LqListener(std::move(lookup), Limits()) {}
+  LqListener(KeyLookup lookup, const Limits& limits);
+  ~LqListener();  // stops
   LqListener(const LqListener&) = delete;
   LqListener& operator=(const LqListener&) = delete;
 
   CWmError open(const std::string& address, std::uint16_t port);
 
-  // Waits for the next caller; null once stop() was called. The handshake is not done here, so that a slow
-  // caller holds up nobody: the session's first step is AcceptAttach, on whichever thread serves it.
+  // Waits for the next session that has something to do. Null once stop() was called, or turnAway() and the
+  // last session has ended. Any thread, several at once.
   std::unique_ptr<CLqNetwork> accept();
 
-  // Makes accept() return null, from any thread, and closes the socket to new callers.
+  // Takes a session back until its next request comes. One that is not attached any more ends here.
+  void await(std::unique_ptr<CLqNetwork> session);
+
+  // Closes the port and drops who has not attached; attached sessions go on to their end. Any thread.
+  void turnAway();
+
+  // The same, and drops every session that waits; accept() returns null from now on. Any thread. Sessions
+  // that are handed out stay with those who have them.
   void stop();
 
+  // How many callers and sessions wait now, before and after their attach.
+  struct Census {
+    std::size_t callers = 0;
+    std::size_t attached = 0;
+  };
+  Census census() const;
+
  private:
-  struct Impl;
-  std::shared_ptr<Impl> impl_;
+  std::shared_ptr<class WaitingRoom> room_;
+  KeyLookup lookup_;
+  Limits limits_;
 };
 
 // A session key as stored and handed out: 64 hexadecimal digits for 32 bytes. A new one is empty, which no

@@ -75,6 +75,8 @@ class LQ_EXPORT CNMessageBase {
 
   // Builds the message that `text` holds, of whichever registered class (registerMessageClass).
   static CWmError fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message);
+  // The same without a copy of the text, whose bytes are used up: only their wiping is left to do.
+  static CWmError fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message);
 
  private:
   // Takes over the fields of a message of the same class.

@@ -2,8 +2,8 @@
 //
 // One object holds at most one library and releases it when it is destroyed; procedures found in it are not
 // to be called after that. Used by one thread at a time, any number of objects at once. Nothing is thrown;
-// every fault is kLqErrLibrary with the system loader's text, which names the file. A real platform library
-// provides the same three calls over its own loader.
+// every fault is kLqErrLibrary with a text that names the file, the system loader's own in most cases. A real
+// platform library provides the same three calls over its own loader.
 #pragma once
 
 #include <string>
@@ -20,7 +20,10 @@ class LQ_EXPORT CWmLibrary {
   CWmLibrary& operator=(const CWmLibrary&) = delete;
 
   // Loads the library at `path`, in the place of one that was loaded before; on an error there is none. The
-  // library's symbols stay its own: they are found through this object only. The flag has no meaning here.
+  // path must hold a "/", and nobody but root and the effective user may be able to write the file or to put
+  // another one in its place (FXFile::CheckTrusted), since its code runs with all that this process may do.
+  // The library's symbols stay its own: they are found through this object only. The flag has no meaning
+  // here.
   CWmError Load(const std::string& path, bool);
 
   // The address of the procedure `name` into `procedure`, null on an error. The caller knows its type.

@@ -1,7 +1,8 @@
 // Where the log goes: threshold, rotating file, standard error, and a capture that sees every line.
 //
 // Process-wide, callable from any thread. Without configuration, lines up to the default level go to standard
-// error. Control characters in a line are written escaped, so that a value from outside cannot forge a line.
+// error. Control characters in a line, and bytes that are no text in UTF-8, are written escaped (\xHH), so
+// that a value from outside can neither forge a line nor drive the terminal of who reads the log.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +19,7 @@ namespace oblog {
 struct Settings {
   int threshold = kLqLogDefaultLevel;  // highest level that is written; errors always are
   bool toStandardError = true;
-  std::string file;  // empty: no file. Created with mode 0600; its folder must exist
+  std::string file;  // empty: no file. Created with mode 0600; its folder must exist. No link, pipe or device
   std::size_t maxFileBytes = 5U << 20;
   std::size_t maxFiles = 3;  // the current file and the rotated ones before it
 };

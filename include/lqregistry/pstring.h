@@ -5,14 +5,22 @@
 // machine's protection key. The encryption is deterministic, so the same secret gives the same text on this
 // machine each time, which is what lets a synchronisation see that a protected value did not change.
 //
-// The protection key is 64 random bytes in a file of mode 0600, created at its first use; UseKeyFile names
-// it. Objects are values, used by one thread at a time. A real platform library provides a password class
-// with getV8Password; which text it gives is its own business.
+// The protection key is 64 random bytes in a file of mode 0600 beside the registry file, whose name it has
+// with
+// ".key" appended. It is made together with the registry and never again: a key that is missing, that belongs
+// to another registry, or that others may read is an error, and nothing is protected or revealed until the
+// right one is back. The registry keeps a fingerprint of its key. UseKeyFile names another file, for programs
+// that keep their own store.
+//
+// Objects are values, used by one thread at a time; the static functions may be called from any thread. A
+// real platform library provides a password class with getV8Password; which text it gives is its own
+// business.
 #pragma once
 
 #include <string>
 #include <string_view>
 
+#include "lqregistry/CWmError.h"
 #include "lqregistry/LqExport.h"
 
 class LQ_EXPORT pstring {
@@ -25,26 +33,43 @@ class LQ_EXPORT pstring {
   pstring& operator=(const pstring& other);
   pstring& operator=(pstring&& other) noexcept;
 
-  bool empty() const { return secret_.empty(); }
-  bool operator==(const pstring& other) const { return secret_ == other.secret_; }
+  bool empty() const { return secret_.empty() && sealed_.empty(); }
+  bool operator==(const pstring& other) const { return secret_ == other.secret_ && sealed_ == other.sealed_; }
 
-  // The text that is stored for this secret; empty for an empty secret, and, with an error line, when the
-  // protection key cannot be had.
+  // Whether this is a stored text that could not be opened. It is kept as it came, so that it is not lost
+  // where it is only passed on, and comes to light again when the right key is back.
+  bool isUnreadable() const { return !sealed_.empty(); }
+
+  // The text that is stored for this secret: that of an unreadable one unchanged; empty for an empty secret,
+  // and, with an error line, when the protection key cannot be had.
   std::string getV8Password() const;
 
   // The secret from its V8 text. False, with `out` unchanged, when the text was not made with this machine's
   // protection key or was altered.
   static bool fromV8Password(std::string_view text, pstring& out);
 
-  // The secret itself, for the encrypted session and for the module that needs it in clear. The view is valid
-  // as long as this object is unchanged; what is copied from it is the caller's to wipe.
+  // The same for a text from a file: one that looks like a V8 text and cannot be opened becomes an unreadable
+  // secret. False, with `out` unchanged, for a text that is none.
+  static bool fromStoredText(std::string_view text, pstring& out);
+
+  // The secret itself, for the encrypted session and for the module that needs it in clear; empty when it is
+  // unreadable. The view is valid as long as this object is unchanged; what is copied from it is the caller's
+  // to wipe.
   std::string_view reveal() const { return secret_; }
 
-  // Names the key file of this process, before its first use; without it, it is the registry file's path with
-  // ".key" appended.
+  // Names the key file of this process from now on; an empty path is the registry's again.
   static void UseKeyFile(const std::string& path);
+
+  // Makes a key file for a store that is just being made; an error, with nothing changed, when there is a
+  // file already. By one process at a time for each path.
+  static CWmError CreateKeyFile(const std::string& path);
+
+  // Whether the key can be used, looked up anew; otherwise the reason, which names the file and the way out.
+  static bool CheckKey(std::string& reason);
 
  private:
   void wipe();
+
   std::string secret_;
+  std::string sealed_;  // the text that could not be opened; then there is no secret
 };

@@ -1,15 +1,20 @@
-#include "lqhost/commands/join.h"
-
+// `lqhost join`: reads the join file that the server's administrator handed over, and writes what a client
+// needs to know into the registry.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <charconv>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <vector>
 
+#include "common/text_table.h"
+#include "lqhost/commands/commands.h"
+#include "lqhost/instance.h"
+
 #include "lqregistry/CLqNetwork.h"
+#include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -18,6 +23,25 @@ namespace host {
 
 namespace {
 
+// What the join file says. The session key is a secret.
+struct JoinFile {
+  std::string serverHost;
+  std::string serverName;
+  std::string clientName;
+  std::uint64_t clientId = 0;
+  std::string sessionKey;  // hexadecimal
+};
+
+// Where the installation lies and what the machine is called; empty texts stand for the defaults.
+struct JoinOptions {
+  std::string file;
+  std::string home;     // installation home; default kDefaultHome
+  std::string base;     // base directory; default the folder "Base" of the home
+  std::string machine;  // physical machine name; default the system's host name
+  std::string host;     // client host name; default the machine name
+};
+
+constexpr const char* kDefaultHome = "/opt/velmor";
 constexpr const char* kBaseFolder = "Base";
 constexpr const char* kLogFolder = "Log_Files";
 
@@ -29,8 +53,13 @@ std::string systemHostName() {
 bool makeDirectory(const std::string& path, std::string& error) {
   std::error_code failure;
   std::filesystem::create_directories(path, failure);
-  if (failure) error = "cannot create the directory " + path + ": " + failure.message();
-  return !failure;
+  if (failure) {
+    error = "cannot create the directory " + path + ": " + failure.message();
+  } else {
+    // What lies there is loaded, applied and believed later on.
+    error = FXFile::CheckTrusted(path).AsString();
+  }
+  return error.empty();
 }
 
 // As it stands when the working directory is gone.
@@ -74,15 +103,11 @@ std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options
   };
 }
 
-}  // namespace
-
+// False with the reason in `error`.
 bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
   std::map<std::string, std::string> entries;
-  try {
-    for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
-      if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
-  } catch (const CLI::Error& failure) {
-    error = std::string(failure.what()) + ": cannot read the join file; `overhub add-client` writes one";
+  if (!readEntries(path, entries, error)) {
+    error += ": cannot read the join file; `overhub add-client` writes one";
     return false;
   }
   const auto take = [&](const char* name, std::string& into) {
@@ -110,7 +135,9 @@ bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
   return error.empty();
 }
 
-bool join(const JoinFile& file, JoinOptions options, std::string& error) {
+// Writes everything as one change, for the instance in focus, creating the directories. False with the
+// reason; the registry is then as it was.
+bool record(const JoinFile& file, JoinOptions options, std::string& error) {
   fillDefaults(options);
   for (const std::string& name : {options.host, options.machine, file.clientName}) {
     if (name.find('/') == std::string::npos) continue;
@@ -133,6 +160,40 @@ bool join(const JoinFile& file, JoinOptions options, std::string& error) {
   error = info.getRegErrorText();
   if (error.empty()) error = lqregistry::File() + ": the registry could not be written; the log tells why";
   return false;
+}
+
+// The join file is read as whoever started this, who may be the only one that it is for.
+int prepare(JoinOptions options, JoinFile& file, std::vector<std::string>& places) {
+  std::string error;
+  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
+  fillDefaults(options);
+  places.push_back(options.base);
+  return kExitOk;
+}
+
+int join(const JoinOptions& options, const JoinFile& file) {
+  std::string error;
+  if (!record(file, options, error)) return print(complaint(kExitNotJoined, error));
+  const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
+                           " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
+                           "; the registry is " + lqregistry::File();
+  return print({kExitOk, programs::escapedForTerminal(said) + "\n", ""});
+}
+
+}  // namespace
+
+void addJoin(CommandLine& line) {
+  const auto options = std::make_shared<JoinOptions>();
+  const auto file = std::make_shared<JoinFile>();
+  line.add(
+          "join", "Join a management server: record what this client needs to know",
+          [options, file] { return join(*options, *file); },
+          [options, file](std::vector<std::string>& places) { return prepare(*options, *file, places); })
+      .required("FILE", options->file, "The join file that `overhub add-client` wrote")
+      .option("--home", options->home, "Installation home; otherwise " + std::string(kDefaultHome))
+      .option("--base", options->base, "Base directory; otherwise the folder Base of the home")
+      .option("--machine", options->machine, "Physical machine name; otherwise the system's host name")
+      .option("--host", options->host, "Client host name; otherwise the machine name");
 }
 
 }  // namespace host

@@ -1,11 +1,7 @@
-#include "lqhost/commands/monitor.h"
-
-#include <cstdio>
-
+// `lqhost monitor` and `lqhost alerts`: the two log-monitoring checks, once now.
 #include "common/text_table.h"
-#include "lqhost/exit_codes.h"
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
-#include "lqhost/service/product_library.h"
 #include "lqregistry/ObLog.h"
 
 namespace host {
@@ -16,29 +12,25 @@ namespace {
 constexpr int kShownLevel = 10;
 
 int runCheck(const char* function) {
-  if (!requireJoined()) return kExitNotJoined;
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
   ProductLibrary product;
   auto* const check = reinterpret_cast<int (*)()>(product.find(function));
-  if (check == nullptr) {
-    std::fprintf(stderr, "lqhost: %s\n", product.error().c_str());
-    return kExitFailed;
-  }
+  if (check == nullptr) return print(complaint(kExitFailed, product.error()));
   const oblog::Capture log(kShownLevel);
-  const int result = check();
-  for (const oblog::Line& line : log.Lines())
-    std::printf("%s\n", programs::escapedForTerminal(line.text).c_str());
-  std::printf("%s\n", result == 0 ? "done, or nothing to do on this machine" : "failed");
-  return result == 0 ? kExitOk : kExitFailed;
+  CommandResult result;
+  result.exitCode = check() == 0 ? kExitOk : kExitFailed;
+  for (const oblog::Line& line : log.Lines()) result.out += programs::escapedForTerminal(line.text) + "\n";
+  result.out += result.exitCode == kExitOk ? "done, or nothing to do on this machine\n" : "failed\n";
+  return print(result);
 }
 
 }  // namespace
 
-int monitor() {
-  return runCheck("LqSluiceLogMonitoringInterface_CheckLogMonitoringData");
-}
-
-int alerts() {
-  return runCheck("LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule");
+void addLogMonitoring(CommandLine& line) {
+  line.add("monitor", "Run the log-space check once now",
+           [] { return runCheck("LqSluiceLogMonitoringInterface_CheckLogMonitoringData"); });
+  line.add("alerts", "Run the log-monitoring alert rules once now",
+           [] { return runCheck("LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule"); });
 }
 
 }  // namespace host

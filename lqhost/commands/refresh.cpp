@@ -1,43 +1,62 @@
-#include "lqhost/commands/refresh.h"
-
-#include <cstdio>
-
-#include "lqhost/exit_codes.h"
+// `lqhost refresh`: reapplies the cached settings once now, and reports what that did. While a note says that
+// the cache is behind the registry, it synchronises instead.
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cached_settings.h"
-#include "lqhost/pass/pass_observer.h"
 #include "lqhost/pass/pass_report.h"
-#include "lqhost/service/product_library.h"
-#include "lqhost/service/task_run.h"
+#include "lqhost/service/resident.h"
 
 namespace host {
 
+namespace {
+
 int refresh() {
-  if (!requireJoined()) return kExitNotJoined;
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  if (const auto answered = askResident(kAskRefresh)) return print(*answered);
   ProductLibrary product;
-  const TaskCallback callback = product.findTask(kRefreshTask.timerCallback);
-  if (callback == nullptr) {
-    std::fprintf(stderr, "lqhost: %s\n", product.error().c_str());
-    return kExitFailed;
-  }
+  Passes passes(product);
+  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  return print(refreshNow(passes));
+}
+
+CommandResult synchroniseInstead(Passes& passes, const UnsettledNote& reason) {
+  CommandResult result = synchroniseNow(passes);
+  result.err = complaint(0, unsettledText(reason) + "; synchronising instead of refreshing").err + result.err;
+  return result;
+}
+
+int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
+  if (outcome == RunOutcome::kFailed) return kExitFailed;
+  if (failedRecords != 0) return kExitPartly;
+  return outcome == RunOutcome::kCacheLost ? kExitCacheLost : kExitOk;
+}
+
+}  // namespace
+
+CommandResult refreshNow(Passes& passes) {
   std::string error;
   const std::optional<CachedSettings> cached = readCachedSettings(error);
-  if (!cached) {
-    std::fprintf(stderr, "lqhost: nothing to reapply: %s\n", error.c_str());
-    return kExitFailed;
-  }
-  PassFacts facts;
-  facts.batch = cached->keys;
-  for (const OBGui::RegistryKeyInfo& key : facts.batch) facts.before.push_back(heldValue(key));
+  if (!cached && !standingNote()) return complaint(kExitFailed, "nothing to reapply: " + error);
+  PassDetails details;
+  if (cached) details.batch = cached->keys;
+  for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(heldValue(key));
 
   LqPeriodicTaskStatus status;
-  if (!runTask(kRefreshTask, callback, status)) return complainOfOtherRun(kRefreshTask);
-
-  const std::size_t failed = reportBatch(facts);
+  const RefreshResult refreshed = passes.refresh(status);
+  if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
+  const BatchReport report = reportOf(details);
   const std::optional<CachedSettings> kept = readCachedSettings(error);
-  std::printf("the cache holds %zu records now, %zu before; the next refresh is due in %u s\n",
-              kept ? kept->keys.size() : 0, cached->keys.size(), status.getFrequency());
-  return failed == 0 ? kExitOk : kExitPartly;
+  CommandResult result;
+  result.exitCode = exitCodeOf(refreshed.outcome, report.failed);
+  result.out = report.text + "the cache holds " + std::to_string(kept ? kept->keys.size() : 0) +
+               " records now, " + std::to_string(cached->keys.size()) +
+               " before; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
+  if (!kept) result.err = complaint(0, error).err;
+  return result;
+}
+
+void addRefresh(CommandLine& line) {
+  line.add("refresh", "Reapply the cached settings once now, and report what changed", &refresh);
 }
 
 }  // namespace host

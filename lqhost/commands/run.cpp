@@ -1,15 +1,18 @@
-#include "lqhost/commands/run.h"
+// `lqhost run`: the resident host service. Loads the product and the host's modules once, runs the periodic
+// tasks, serves the server's requests and this machine's commands, and stops in order when it is asked to.
+#include <chrono>
+#include <memory>
 
-#include <cstdio>
-
+#include "common/host_service.h"
 #include "common/stop_signals.h"
-#include "lqhost/exit_codes.h"
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/host_module.h"
-#include "lqhost/service/product_library.h"
+#include "lqhost/service/periodic_task.h"
 #include "lqhost/service/request_service.h"
-#include "lqhost/service/task_run.h"
+#include "lqhost/service/resident.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
 
 namespace host {
@@ -17,60 +20,131 @@ namespace host {
 namespace {
 
 constexpr const char* kTag = "host::run";
+// How long the end waits for callbacks; within what the unit allows for a stop, with the rest of it.
+constexpr std::chrono::seconds kCallbackWait{8};
 
-int complain(const std::string& what) {
-  std::fprintf(stderr, "lqhost: %s\n", what.c_str());
-  return kExitFailed;
+struct RunOptions {
+  std::string address = "0.0.0.0";
+  std::uint16_t port = programs::kHostServicePort;
+  std::uint32_t syncEvery = kDefaultFrequency;  // seconds
+  std::uint32_t spread = kDefaultSpread;        // seconds
+  std::vector<std::string> modules;
+};
+
+// Whether the schedule can leave it at that for a whole period.
+bool endedWell(RunOutcome outcome) {
+  return outcome == RunOutcome::kApplied || outcome == RunOutcome::kPartly || outcome == RunOutcome::kSkipped;
 }
 
-// Runs tasks and service until a stop signal comes; everything under way has ended when it returns.
-void serveUntilStopped(const programs::StopSignals& signals, PeriodicTask& download, PeriodicTask& refresh,
-                       std::uint32_t spread) {
-  download.start(spread);
-  refresh.start(spread);
+bool refreshOnTime(Passes& passes, LqPeriodicTaskStatus& status) {
+  const RefreshResult result = passes.refresh(status);
+  if (result.reason || result.outcome == RunOutcome::kCacheLost) wantDownload();
+  return result.outcome != RunOutcome::kFailed;
+}
+
+CommandResult countCallbacks() {
+  const bool isUsed = LqRegistryChangeMgr::instance != nullptr;
+  return {kExitOk, std::to_string(isUsed ? LqRegistryChangeMgr::callBackThreadPool.pendingCount() : 0), ""};
+}
+
+// The periodic tasks, from the start to the end of the last run.
+class Schedule {
+ public:
+  Schedule(Passes& passes, const RunOptions& options)
+      : download_(
+            kDownloadTask, passes.downloadStart(),
+            [&passes](LqPeriodicTaskStatus& status) { return endedWell(passes.download(status).outcome()); },
+            options.syncEvery),
+        refresh_(
+            kRefreshTask, nullptr,
+            [&passes](LqPeriodicTaskStatus& status) { return refreshOnTime(passes, status); },
+            kDefaultFrequency) {
+    onDownloadWanted([this] { download_.runSoon(); });
+    // Left by a host that was killed, or by a pass that did not store the cache.
+    if (standingNote()) download_.runSoon();
+    download_.start(options.spread);
+    refresh_.start(options.spread);
+  }
+  ~Schedule() { onDownloadWanted({}); }
+  Schedule(const Schedule&) = delete;
+  Schedule& operator=(const Schedule&) = delete;
+
+  void requestStop() {
+    download_.requestStop();
+    refresh_.requestStop();
+  }
+
+ private:
+  PeriodicTask download_;
+  PeriodicTask refresh_;
+};
+
+// Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
+// not run by then is logged.
+void awaitCallbacks() {
+  if (LqRegistryChangeMgr::instance != nullptr) LqRegistryChangeMgr::callBackThreadPool.drain(kCallbackWait);
+}
+
+// Until a stop signal comes; everything under way has ended when it returns.
+CommandResult serveUntilStopped(const RunOptions& options, const programs::StopSignals& signals,
+                                Passes& passes, ResidentSocket& socket) {
+  RequestService requests;
+  if (const CWmError failure = requests.start(options.address, options.port); failure.IsError())
+    return complaint(kExitFailed,
+                     std::string(failure.AsString()) + "; --listen and --port name another place");
+  Schedule schedule(passes, options);
+  if (const CWmError failure = socket.serve({{kAskSync, [&passes] { return synchroniseNow(passes); }},
+                                             {kAskRefresh, [&passes] { return refreshNow(passes); }},
+                                             {kAskUpload, &uploadNow},
+                                             {kAskCallbacks, &countCallbacks}});
+      failure.IsError())
+    return complaint(kExitFailed, failure.AsString());
+  print({kExitOk,
+         "lqhost ready: instance " + instanceName() + ", serving the server on " + options.address + ":" +
+             std::to_string(options.port) + "\n",
+         ""});
   signals.wait();
   ObEvent().Debug(kTag, "Stopping");
-  download.requestStop();
-  refresh.requestStop();
+  schedule.requestStop();
   // A task that waits for the server would wait on; one that writes to the registry ends its work.
   CLqNetwork::InterruptAll();
+  return {};
 }
 
-// Lets callbacks end that passes have queued, while the modules that they belong to are still whole.
-void awaitCallbacks() {
-  if (LqRegistryChangeMgr::instance != nullptr) LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+int run(const RunOptions& options) {
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  const programs::StopSignals signals;
+  if (const CWmError error = becomeResident(); error.IsError())
+    return print(complaint(kExitFailed, error.AsString()));
+  if (std::string damage; !lqregistry::Check(damage)) return print(complaint(kExitNotJoined, damage));
+  ProductLibrary product;
+  Passes passes(product);
+  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  CommandResult result;
+  {
+    ResidentSocket socket;
+    if (const CWmError error = socket.open(); error.IsError())
+      return print(complaint(kExitFailed, error.AsString()));
+    std::string error;
+    if (!loadModules(options.modules, error)) return print(complaint(kExitFailed, error));
+    result = serveUntilStopped(options, signals, passes, socket);
+  }
+  awaitCallbacks();
+  return print(result);
 }
 
 }  // namespace
 
-int run(const RunOptions& options) {
-  if (!requireJoined()) return kExitNotJoined;
-  const programs::StopSignals signals;
-  if (!becomeResident())
-    return complain("instance " + instanceName() + " has a resident host already, or " + baseDirectory() +
-                    " cannot be written");
-  ProductLibrary product;
-  const TaskCallback downloadStart = product.findTask(kDownloadTask.startCallback);
-  const TaskCallback downloadTimer = product.findTask(kDownloadTask.timerCallback);
-  const TaskCallback refreshTimer = product.findTask(kRefreshTask.timerCallback);
-  if (downloadStart == nullptr || downloadTimer == nullptr || refreshTimer == nullptr)
-    return complain(product.error());
-  std::string error;
-  if (!loadModules(options.modules, error)) return complain(error);
-
-  {
-    RequestService requests;
-    if (const CWmError failure = requests.start(options.address, options.port); failure.IsError())
-      return complain(std::string(failure.AsString()) + "; --listen and --port name another place");
-    PeriodicTask download(kDownloadTask, downloadStart, downloadTimer, options.syncEvery);
-    PeriodicTask refresh(kRefreshTask, nullptr, refreshTimer, kDefaultFrequency);
-    std::printf("lqhost ready: instance %s, serving the server on %s:%u\n", instanceName().c_str(),
-                options.address.c_str(), static_cast<unsigned>(options.port));
-    std::fflush(stdout);
-    serveUntilStopped(signals, download, refresh, options.spread);
-  }
-  awaitCallbacks();
-  return kExitOk;
+void addRun(CommandLine& line) {
+  const auto options = std::make_shared<RunOptions>();
+  line.add(kRunCommand, "Stay: run the periodic tasks and serve the server's requests",
+           [options] { return run(*options); })
+      .option("--listen", options->address, "Address to serve the server's requests on")
+      .option("--port", options->port, "Port to serve them on")
+      .bounded("--sync-every", options->syncEvery, kMinFrequency, kMaxFrequency,
+               "Seconds between two synchronisations")
+      .bounded("--spread", options->spread, 0, kMaxFrequency, "Spread first runs over this many seconds")
+      .repeated("--module", options->modules, "Load this host module; may be repeated");
 }
 
 }  // namespace host

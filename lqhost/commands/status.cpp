@@ -1,15 +1,19 @@
-#include "lqhost/commands/status.h"
-
+// `lqhost status`: what a person wants to know of a client: joined to what, how the last passes went, when
+// the next are due, and which values differ from what the cache says they should be.
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include "common/text_table.h"
-#include "lqhost/exit_codes.h"
+#include "common/utc_text.h"
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
-#include "lqhost/service/task_run.h"
+#include "lqhost/service/resident.h"
+#include "lqhost/service/task_note.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -18,15 +22,6 @@
 namespace host {
 
 namespace {
-
-std::string timeText(std::int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  gmtime_r(&time, &parts);
-  std::array<char, 32> text{};
-  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text.data();
-}
 
 std::string setting(const char* section, const char* name) {
   LQPlatformInfo info;
@@ -41,20 +36,89 @@ void addLine(std::string& text, const std::string& label, const std::string& con
   text += content + "\n";
 }
 
-// Adds last and next run; whether the last one went well, or there was none.
-bool addTask(std::string& text, const std::string& label, const Task& task) {
+// What is wrong, the worst first: what the cache lacks explains why values differ from it.
+constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitCacheKept,
+                                    kExitDrift,     kExitUnacknowledged,  kExitFailed};
+
+int worseOf(int one, int other) {
+  const auto rank = [](int exitCode) { return std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode); };
+  return rank(one) <= rank(other) ? one : other;
+}
+
+int exitCodeOf(RunOutcome outcome) {
+  switch (outcome) {
+    case RunOutcome::kCacheLost:
+      return kExitCacheLost;
+    case RunOutcome::kCacheKept:
+      return kExitCacheKept;
+    case RunOutcome::kCacheUnreadable:
+      return kExitCacheUnreadable;
+    case RunOutcome::kUnacknowledged:
+      return kExitUnacknowledged;
+    case RunOutcome::kFailed:
+    case RunOutcome::kPartly:
+      return kExitFailed;
+    case RunOutcome::kDone:
+    case RunOutcome::kApplied:
+    case RunOutcome::kSkipped:
+    case RunOutcome::kPutOff:
+      break;
+  }
+  return kExitOk;
+}
+
+int exitCodeOf(Unsettled why) {
+  switch (why) {
+    case Unsettled::kCacheLost:
+      return kExitCacheLost;
+    case Unsettled::kCacheKept:
+      return kExitCacheKept;
+    case Unsettled::kCacheUnreadable:
+      return kExitCacheUnreadable;
+    case Unsettled::kPass:
+    case Unsettled::kPush:
+      break;
+  }
+  return kExitFailed;
+}
+
+// Adds last and next run; what the last one deserves.
+int addTask(std::string& text, const std::string& label, const Task& task, bool isResident) {
   const std::optional<TaskNote> note = readNote(task);
   const bool hasRun = note && note->lastRun != 0;
   std::string last = "never";
   if (hasRun) {
     std::array<char, 64> duration{};
     std::snprintf(duration.data(), duration.size(), ", took %.3f s: ", note->seconds);
-    last = timeText(note->lastRun) + duration.data() + outcomeText(note->outcome);
+    last = utcText(note->lastRun) + duration.data() + outcomeText(note->outcome);
   }
   addLine(text, label, last);
-  const bool isScheduled = note && note->nextRun != 0 && isHostResident();
-  addLine(text, "  next", isScheduled ? timeText(note->nextRun) : "no resident host is running");
-  return !hasRun || (note->outcome != RunOutcome::kFailed && note->outcome != RunOutcome::kPartly);
+  const bool isScheduled = note && note->nextRun != 0 && isResident;
+  addLine(text, "  next", isScheduled ? utcText(note->nextRun) : "no resident host is running");
+  return hasRun ? exitCodeOf(note->outcome) : kExitOk;
+}
+
+int addUnsettled(std::string& text) {
+  const std::optional<UnsettledNote> note = standingNote();
+  if (!note) return kExitOk;
+  if (isUnderWay(*note)) {
+    addLine(text, "unsettled", "a synchronisation is under way");
+    return kExitOk;
+  }
+  addLine(text, "unsettled", unsettledText(*note) + "; no refresh before a synchronisation has stored it");
+  return exitCodeOf(note->why);
+}
+
+// What the resident host, if there is one, says of itself.
+int addResident(std::string& text) {
+  const std::optional<CommandResult> answer = askResident(kAskCallbacks);
+  if (!answer) return kExitOk;
+  if (answer->exitCode == kExitOk) {
+    addLine(text, "callbacks", waitingCallbacksText(std::strtoull(answer->out.c_str(), nullptr, 10)));
+  } else {
+    text += answer->err;
+  }
+  return answer->exitCode;
 }
 
 // The values that differ, one line each; their number.
@@ -79,36 +143,58 @@ std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
   return drifted;
 }
 
-}  // namespace
+// Adds the cache and what differs from it.
+int addCache(std::string& text) {
+  std::string error;
+  const std::optional<CachedSettings> cached = readCachedSettings(error);
+  if (!cached) {
+    addLine(text, "cache", programs::escapedForTerminal(error));
+    return kExitFailed;
+  }
+  addLine(text, "cache",
+          std::to_string(cached->keys.size()) + " records, written " + utcText(cached->written) + ", " +
+              std::to_string(std::time(nullptr) - cached->written) + " s ago");
+  return addDrift(text, cached->keys) == 0 ? kExitOk : kExitDrift;
+}
 
-int status() {
-  if (!requireJoined()) return kExitNotJoined;
+void addIdentity(std::string& text) {
   std::uint64_t clientId = 0;
   LQClient(setting("Overhub", "sSESSIONIDENTITY"), false, 0).getClientId(clientId, nullptr);
-  std::string text;
-  addLine(text, "instance", instanceName() + " in " + lqregistry::File());
+  addLine(text, "instance", programs::escapedForTerminal(instanceName() + " in " + lqregistry::File()));
   addLine(text, "joined to",
           setting("Overhub", "sOHCLIENTNAME") + " at " + setting("Overhub", "sOHHOSTNAME") + " as client " +
               setting("Overhub", "sSESSIONIDENTITY") + ", id " + std::to_string(clientId));
   std::int64_t enabled = 0;
   LQPlatformInfo().getNumber("EventManager", "bEnableRegistrySync", enabled);
   addLine(text, "sync", enabled != 0 ? "enabled" : "switched off (EventManager bEnableRegistrySync)");
-  bool isWell = addTask(text, "last sync", kDownloadTask);
-  isWell = addTask(text, "last refresh", kRefreshTask) && isWell;
-  std::string error;
-  std::size_t drifted = 0;
-  if (const std::optional<CachedSettings> cached = readCachedSettings(error)) {
-    addLine(text, "cache",
-            std::to_string(cached->keys.size()) + " records, written " + timeText(cached->written) + ", " +
-                std::to_string(std::time(nullptr) - cached->written) + " s ago");
-    drifted = addDrift(text, cached->keys);
-  } else {
-    addLine(text, "cache", error);
-    isWell = false;
-  }
-  std::fputs(text.c_str(), stdout);
-  if (drifted != 0) return kExitDrift;
-  return isWell ? kExitOk : kExitFailed;
+}
+
+int status() {
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  CommandResult result;
+  const bool isResident = isHostResident();
+  addIdentity(result.out);
+  int worst = addTask(result.out, "last sync", kDownloadTask, isResident);
+  worst = worseOf(worst, addTask(result.out, "last refresh", kRefreshTask, isResident));
+  worst = worseOf(worst, addUnsettled(result.out));
+  worst = worseOf(worst, addResident(result.out));
+  worst = worseOf(worst, addCache(result.out));
+  std::string damage;
+  const bool isSound = lqregistry::Check(damage);
+  addLine(result.out, "registry", isSound ? "sound" : "damaged: " + programs::escapedForTerminal(damage));
+  result.exitCode = isSound ? worst : kExitNotJoined;
+  return print(result);
+}
+
+}  // namespace
+
+std::string waitingCallbacksText(std::size_t waiting) {
+  const std::string text = std::to_string(waiting) + " wait in the resident host";
+  return waiting < kManyCallbacks ? text : text + "; WARNING: a module does not keep up, see its log";
+}
+
+void addStatus(CommandLine& line) {
+  line.add("status", "Show what this client is joined to, its last and next passes, and drift", &status);
 }
 
 }  // namespace host

@@ -1,14 +1,14 @@
-#include "lqhost/commands/sync.h"
-
-#include <cstdio>
+// `lqhost sync`: one synchronisation now, and a report of what it did.
+#include <list>
+#include <memory>
+#include <mutex>
 
 #include "common/text_table.h"
-#include "lqhost/exit_codes.h"
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
-#include "lqhost/pass/pass_observer.h"
-#include "lqhost/pass/pass_report.h"
-#include "lqhost/service/product_library.h"
-#include "lqhost/service/task_run.h"
+#include "lqhost/service/resident.h"
+#include "lqregistry/LqRegistryChangeMgr.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
 
@@ -19,68 +19,156 @@ namespace {
 // Of the log, the report repeats what says why something failed.
 constexpr int kRepeatedLevel = kLqLogDefaultLevel;
 
-void reportCallbacks(const PassFacts& facts) {
-  for (const CallbackRun& run : facts.callbacks)
-    std::printf("callback ran: %s %s\n", programs::escapedForTerminal(run.keyPath).c_str(),
-                programs::escapedForTerminal(run.valueName).c_str());
-}
-
-void reportAcknowledgement(const PassFacts& facts) {
-  if (!facts.acknowledged) {
-    std::printf("not acknowledged: the server could not be told of the outcome\n");
-  } else {
-    const bool applied = *facts.acknowledged == OBGui::kTaskSuccess;
-    std::printf("acknowledged: taskStatus %lld (%s)\n", static_cast<long long>(*facts.acknowledged),
-                applied ? "applied" : "failed");
+// Registers change callbacks while it lives, and keeps a line of each that ran. One at a time in a process.
+class CallbackWatch {
+ public:
+  explicit CallbackWatch(const CommandLine::Pairs& watched) : watched_(watched) {
+    for (const auto& [path, name] : watched_) LqRegistryChangeMgr::GetInstance()->Register(path, name, &note);
   }
-}
-
-// The log lines that tell why, on standard error, whatever the log's own threshold and place are.
-void repeatLog(const oblog::Capture& log) {
-  for (const oblog::Line& line : log.Lines())
-    std::fprintf(stderr, "  %s\n", programs::escapedForTerminal(line.text).c_str());
-}
-
-int outcomeWithoutBatch(int result, const oblog::Capture& log) {
-  if (result == 0) {
-    std::printf(
-        "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "
-        "finished (Session bANTICHATTER)\n");
-    return kExitSkipped;
+  ~CallbackWatch() {
+    for (const auto& [path, name] : watched_) LqRegistryChangeMgr::GetInstance()->UnRegister(path, name);
   }
-  std::fprintf(stderr, "lqhost: no batch was received; the registry is as it was. The client says:\n");
-  repeatLog(log);
+  CallbackWatch(const CallbackWatch&) = delete;
+  CallbackWatch& operator=(const CallbackWatch&) = delete;
+
+  // Waits for those that are queued.
+  static std::string text() {
+    LqRegistryChangeMgr::callBackThreadPool.waitIdle();
+    const std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  // Callbacks are plain functions with a record by value.
+  static void note(OBGui::RegistryKeyInfo key) {  // NOLINT(performance-unnecessary-value-param)
+    const std::lock_guard lock(mutex_);
+    lines_ +=
+        "callback ran: " + programs::escapedForTerminal(key.keyPath.get() + " " + key.valueName.get()) + "\n";
+  }
+
+  static std::mutex mutex_;
+  static std::string lines_;  // guarded by mutex_
+  const CommandLine::Pairs& watched_;
+};
+std::mutex CallbackWatch::mutex_;
+std::string CallbackWatch::lines_;
+
+std::string acknowledgementText(const PassResult& pass) {
+  if (!pass.acknowledgedAs) return "not acknowledged: the server could not be told of the outcome\n";
+  if (!pass.refusal.empty())
+    return "not acknowledged: the server could not record the outcome: " +
+           programs::escapedForTerminal(pass.refusal) + "\n";
+  if (!pass.isGoodbyeAnswered)
+    return "not acknowledged: the server was told of the outcome, and did not say whether it recorded that\n";
+  return "acknowledged: taskStatus " + std::to_string(*pass.acknowledgedAs) +
+         (*pass.acknowledgedAs == OBGui::kTaskSuccess ? " (applied)\n" : " (failed)\n");
+}
+
+// What stands in the way of the next refresh, and the way out; empty when nothing does.
+std::string cacheText(CacheFate fate) {
+  const std::string path = programs::escapedForTerminal(pathInBase(kSettingsCacheFile));
+  switch (fate) {
+    case CacheFate::kStored:
+      break;
+    case CacheFate::kLost:
+      return "cache lost: " + path + " could not be written; free the disk or mend the directory\n";
+    case CacheFate::kKept:
+      return "cache kept: " + path +
+             " holds more records than the server's reply, so it was not replaced and works against the "
+             "server; "
+             "have the server send removals for what it no longer sets, or remove the file and synchronise "
+             "again\n";
+    case CacheFate::kUnreadable:
+      return "cache not replaced: " + path + " cannot be read; remove the file and synchronise again\n";
+  }
+  return {};
+}
+
+// The log lines that tell why, whatever the log's own threshold and place are.
+std::string repeated(const oblog::Capture& log) {
+  std::string text;
+  for (const oblog::Line& line : log.Lines()) text += "  " + programs::escapedForTerminal(line.text) + "\n";
+  return text;
+}
+
+int exitCodeOf(RunOutcome outcome) {
+  switch (outcome) {
+    case RunOutcome::kDone:
+    case RunOutcome::kApplied:
+      return kExitOk;
+    case RunOutcome::kPartly:
+      return kExitPartly;
+    case RunOutcome::kUnacknowledged:
+      return kExitUnacknowledged;
+    case RunOutcome::kSkipped:
+      return kExitSkipped;
+    case RunOutcome::kCacheLost:
+      return kExitCacheLost;
+    case RunOutcome::kCacheKept:
+      return kExitCacheKept;
+    case RunOutcome::kCacheUnreadable:
+      return kExitCacheUnreadable;
+    case RunOutcome::kFailed:
+    case RunOutcome::kPutOff:
+      break;
+  }
   return kExitFailed;
+}
+
+int syncHere(const CommandLine::Pairs& watched) {
+  ProductLibrary product;
+  Passes passes(product);
+  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  const CallbackWatch callbacks(watched);
+  CommandResult result = synchroniseNow(passes);
+  result.out += CallbackWatch::text();
+  return print(result);
+}
+
+int sync(const CommandLine::Pairs& watched) {
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  if (!watched.empty() && isHostResident())
+    return print(
+        complaint(kExitFailed,
+                  "--watch is for machines without a resident host: callbacks run in the process that "
+                  "synchronises, which is the resident host here; its log shows what they did"));
+  if (const auto answered = askResident(kAskSync)) return print(*answered);
+  return syncHere(watched);
 }
 
 }  // namespace
 
-int sync(const SyncOptions& options) {
-  if (!requireJoined()) return kExitNotJoined;
-  ProductLibrary product;
-  const TaskCallback callback = product.findTask(kDownloadTask.timerCallback);
-  if (callback == nullptr) {
-    std::fprintf(stderr, "lqhost: %s\n", product.error().c_str());
-    return kExitFailed;
-  }
-
+CommandResult synchroniseNow(Passes& passes) {
   const oblog::Capture log(kRepeatedLevel);
-  PassObserver observer(options.watched);
   LqPeriodicTaskStatus status;
-  const std::optional<TaskRun> run = runTask(kDownloadTask, callback, status);
-  if (!run) return complainOfOtherRun(kDownloadTask);
-  const PassFacts facts = observer.finish();
-  if (!facts.batchReceived) return outcomeWithoutBatch(run->result, log);
+  CommandResult result;
+  const PassResult pass = passes.downloadWithReport(status, result.out);
+  const RunOutcome outcome = pass.outcome();
+  result.exitCode = exitCodeOf(outcome);
+  if (!pass.noteError.empty())
+    result.err += complaint(0, "what is under way could not be noted on disk: " + pass.noteError).err;
+  if (outcome == RunOutcome::kSkipped) {
+    result.out +=
+        "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "
+        "finished (Session bANTICHATTER)\n";
+  } else if (!pass.batchReceived) {
+    result.err +=
+        "lqhost: no batch was received; the registry is as it was. The client says:\n" + repeated(log);
+  } else {
+    result.out += acknowledgementText(pass) + cacheText(pass.cache);
+    if (result.exitCode != kExitOk)
+      result.err += "lqhost: " + std::string(outcomeText(outcome)) + ". The client says:\n" + repeated(log);
+  }
+  return result;
+}
 
-  const std::size_t failed = reportBatch(facts);
-  reportCallbacks(facts);
-  reportAcknowledgement(facts);
-  const bool wasApplied = failed == 0 && facts.acknowledged != OBGui::kTaskFailed;
-  if (wasApplied) return kExitOk;
-  std::fflush(stdout);
-  std::fprintf(stderr, "lqhost: not everything could be applied. The client says:\n");
-  repeatLog(log);
-  return kExitPartly;
+void addSync(CommandLine& line) {
+  const auto watched = std::make_shared<CommandLine::Pairs>();
+  line.add("sync", "Synchronise once now, and report what changed", [watched] { return sync(*watched); })
+      .repeated(
+          "--watch", *watched, "PATH NAME",
+          "Register a change callback for a key path and a value name, spelled as the server spells them; "
+          "may be repeated. Not while a resident host runs");
 }
 
 }  // namespace host

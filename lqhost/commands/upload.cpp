@@ -1,5 +1,4 @@
-#include "lqhost/commands/upload.h"
-
+// `lqhost upload`: sends the whole registry of the instance to the server, and says what of it was not sent.
 #include <unistd.h>
 
 #include <atomic>
@@ -7,11 +6,14 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <thread>
 
-#include "lqhost/exit_codes.h"
+#include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/left_out.h"
 #include "lqhost/pass/wire_watch.h"
+#include "lqhost/service/resident.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace host {
@@ -22,14 +24,13 @@ namespace {
 struct Progress {
   std::atomic<std::size_t> recordsSent{0};
   std::atomic<bool> sent{false};
-  std::atomic<std::int64_t> verdict{0};  // the taskStatus of the reply; 0: none came
 };
 
-// Shows phase and seconds on standard error once a second, if that is a terminal.
+// Shows phase and seconds on standard error once a second.
 class ProgressLine {
  public:
   explicit ProgressLine(const Progress& progress) : progress_(progress) {
-    if (isatty(STDERR_FILENO) != 0) thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] { run(); });
   }
   ~ProgressLine() {
     {
@@ -37,7 +38,7 @@ class ProgressLine {
       ended_ = true;
     }
     changed_.notify_all();
-    if (thread_.joinable()) thread_.join();
+    thread_.join();
   }
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
@@ -65,37 +66,53 @@ class ProgressLine {
   std::thread thread_;
 };
 
+int upload() {
+  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  if (const auto answered = askResident(kAskUpload)) return print(*answered);
+  return print(uploadNow());
+}
+
 }  // namespace
 
-int upload() {
-  if (!requireJoined()) return kExitNotJoined;
+CommandResult uploadNow() {
   Progress progress;
-  const WireWatch watch([&progress](WireWatch::Kind kind, const OBGui::RegistryTaskResp& batch) {
-    if (kind == WireWatch::Kind::kReceived) {
-      progress.verdict = batch.taskStatus;
+  std::int64_t verdict = 0;  // the taskStatus of the reply; 0: none came
+  LeftOut left;
+  const WireWatch watch([&](const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
+    if (batch == nullptr) return;
+    if (event.kind == WireWatch::Event::Kind::kReceived) {
+      verdict = batch->taskStatus;
     } else {
-      progress.recordsSent = batch.keys->size();
+      progress.recordsSent = batch->keys->size();
       progress.sent = true;
+      left = leftOutOf(batch->keys);
     }
   });
   unsigned result = kResultFailed;
   {
-    const ProgressLine line(progress);
+    // A resident host has nobody to show it to.
+    std::optional<ProgressLine> line;
+    if (isatty(STDERR_FILENO) != 0) line.emplace(progress);
     LqRegistryManagerClnt client(instanceName());
     result = client.uploadKeys();
   }
 
-  if (!progress.sent) {
-    std::fprintf(stderr, "lqhost: nothing was uploaded; the log tells why\n");
-    return kExitFailed;
+  const std::string records = std::to_string(progress.recordsSent) + " records ";
+  if (!progress.sent) return complaint(kExitFailed, "nothing was uploaded; the log tells why");
+  if (result != kResultOk || verdict == 0)
+    return complaint(kExitFailed, records + "were sent, but the server " +
+                                      (verdict == 0 ? "gave no verdict" : "could not keep them"));
+  CommandResult uploaded;
+  uploaded.out = records + "uploaded and kept by the server\n";
+  if (left.count != 0) {
+    uploaded.exitCode = kExitPartly;
+    uploaded.err = "lqhost: " + std::to_string(left.count) + " were left out:\n" + left.lines;
   }
-  if (result != kResultOk || progress.verdict == 0) {
-    std::fprintf(stderr, "lqhost: %zu records were sent, but the server %s\n", progress.recordsSent.load(),
-                 progress.verdict == 0 ? "gave no verdict" : "could not keep them");
-    return kExitFailed;
-  }
-  std::printf("%zu records uploaded and kept by the server\n", progress.recordsSent.load());
-  return kExitOk;
+  return uploaded;
+}
+
+void addUpload(CommandLine& line) {
+  line.add("upload", "Send the whole registry of the instance to the server", &upload);
 }
 
 }  // namespace host

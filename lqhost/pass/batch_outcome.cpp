@@ -91,8 +91,8 @@ const char* outcomeWord(Outcome outcome) {
   return "failed";
 }
 
-std::vector<RecordOutcome> judgeBatch(const PassFacts& facts) {
-  OBGui::KeyList marked = facts.batch;
+std::vector<RecordOutcome> judgeBatch(const PassDetails& details) {
+  OBGui::KeyList marked = details.batch;
   markExpired(marked);
   std::vector<RecordOutcome> outcomes;
   for (const std::size_t i : effectiveRecords(marked)) {
@@ -101,9 +101,9 @@ std::vector<RecordOutcome> judgeBatch(const PassFacts& facts) {
     RecordOutcome outcome;
     outcome.keyPath = normalisedKeyPath(key.keyPath);
     outcome.valueName = key.valueName;
-    outcome.outcome = judge(key, facts.before[i], now);
+    outcome.outcome = judge(key, details.before[i], now);
     outcome.value = now ? shownValue(key, *now) : "";
-    outcome.note = noteOf(facts.batch[i], key, outcome.outcome);
+    outcome.note = noteOf(details.batch[i], key, outcome.outcome);
     outcomes.push_back(std::move(outcome));
   }
   return outcomes;

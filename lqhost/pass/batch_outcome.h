@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lqhost/pass/pass_observer.h"
+#include "lqhost/pass/pass_watch.h"
 
 namespace host {
 
@@ -33,6 +33,6 @@ struct RecordOutcome {
 };
 
 // One line for each value that the batch names, in order; where it names one twice, the last record counts.
-std::vector<RecordOutcome> judgeBatch(const PassFacts& facts);
+std::vector<RecordOutcome> judgeBatch(const PassDetails& details);
 
 }  // namespace host

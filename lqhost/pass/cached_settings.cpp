@@ -3,18 +3,21 @@
 #include <sys/stat.h>
 
 #include "lqhost/instance.h"
-#include "lqregistry/FXFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/settings_refresh_task.h"
 
 namespace host {
 
 std::optional<CachedSettings> readCachedSettings(std::string& error) {
-  std::string path = baseDirectory();
-  FXPath::Append(path, kSettingsCacheFile);
+  const std::string path = pathInBase(kSettingsCacheFile);
   struct stat file {};
   if (stat(path.c_str(), &file) != 0) {
     error = path + ": there is no cache yet; it is written by the first synchronisation";
+    return std::nullopt;
+  }
+  if (file.st_size == 0) {
+    error =
+        path + ": the cache is empty, because it could not be written; the next synchronisation tries again";
     return std::nullopt;
   }
   OBGui::RegisterSubsystem();
@@ -24,7 +27,8 @@ std::optional<CachedSettings> readCachedSettings(std::string& error) {
     error = path + ": " + reason + "; remove the file, and the next synchronisation writes a new one";
     return std::nullopt;
   }
-  CachedSettings settings{std::move(cache.keys.edit()), file.st_mtime};
+  CachedSettings settings{std::move(cache.keys.edit()), 0, file.st_mtime};
+  settings.records = settings.keys.size();
   std::erase_if(settings.keys, [](const auto& key) { return key.valueName.get() == kExcludedSetting; });
   return settings;
 }

@@ -12,6 +12,7 @@ namespace host {
 
 struct CachedSettings {
   OBGui::KeyList keys;       // without the setting that a refresh leaves alone
+  std::size_t records = 0;   // in the file
   std::int64_t written = 0;  // when the file was written, seconds since the epoch
 };
 

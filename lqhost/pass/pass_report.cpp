@@ -1,6 +1,5 @@
 #include "lqhost/pass/pass_report.h"
 
-#include <cstdio>
 #include <map>
 
 #include "common/text_table.h"
@@ -8,8 +7,8 @@
 
 namespace host {
 
-std::size_t reportBatch(const PassFacts& facts) {
-  const std::vector<RecordOutcome> outcomes = judgeBatch(facts);
+BatchReport reportOf(const PassDetails& details) {
+  const std::vector<RecordOutcome> outcomes = judgeBatch(details);
   programs::TextTable table({"OUTCOME", "KEY", "VALUE", "NOW", "NOTE"});
   std::map<Outcome, std::size_t> totals;
   for (const RecordOutcome& outcome : outcomes) {
@@ -17,12 +16,15 @@ std::size_t reportBatch(const PassFacts& facts) {
         {outcomeWord(outcome.outcome), outcome.keyPath, outcome.valueName, outcome.value, outcome.note});
     ++totals[outcome.outcome];
   }
-  std::printf("%s\n", outcomes.empty() ? "There are no records.\n" : table.text().c_str());
-  std::printf(
-      "%zu records: %zu added, %zu changed, %zu removed, %zu reset, %zu left as they were, %zu failed\n",
-      facts.batch.size(), totals[Outcome::kAdded], totals[Outcome::kChanged], totals[Outcome::kRemoved],
-      totals[Outcome::kReset], totals[Outcome::kLeft], totals[Outcome::kFailed]);
-  return totals[Outcome::kFailed];
+  const auto total = [&totals](Outcome outcome, const char* label) {
+    return std::to_string(totals[outcome]) + " " + label;
+  };
+  return {(outcomes.empty() ? "There are no records.\n" : table.text()) + "\n" +
+              std::to_string(details.batch.size()) + " records: " + total(Outcome::kAdded, "added, ") +
+              total(Outcome::kChanged, "changed, ") + total(Outcome::kRemoved, "removed, ") +
+              total(Outcome::kReset, "reset, ") + total(Outcome::kLeft, "left as they were, ") +
+              total(Outcome::kFailed, "failed\n"),
+          totals[Outcome::kFailed]};
 }
 
 }  // namespace host

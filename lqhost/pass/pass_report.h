@@ -2,12 +2,18 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
-#include "lqhost/pass/pass_observer.h"
+#include "lqhost/pass/pass_watch.h"
 
 namespace host {
 
-// Prints what became of the batch, judged by what the registry holds now; the number of records that failed.
-std::size_t reportBatch(const PassFacts& facts);
+struct BatchReport {
+  std::string text;
+  std::size_t failed = 0;  // records
+};
+
+// What became of the batch, judged by what the registry holds now.
+BatchReport reportOf(const PassDetails& details);
 
 }  // namespace host

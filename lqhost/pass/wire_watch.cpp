@@ -20,11 +20,10 @@ void WireWatch::install() {
   CLqNetwork::SetObserver(&dispatch);
 }
 
-void WireWatch::dispatch(const CLqNetwork::WireEvent& event) {
+void WireWatch::dispatch(const Event& event) {
   const auto* const batch = messageAs<OBGui::RegistryTaskResp>(event.message);
-  if (batch == nullptr) return;
   for (const WireWatch* watch = innermost; watch != nullptr; watch = watch->outer_)
-    watch->handler_(event.kind, *batch);
+    watch->handler_(event, batch);
 }
 
 }  // namespace host

@@ -1,7 +1,6 @@
-// Watching the registry-task messages that the current thread sends and receives, to tell what a pass really
-// did.
+// Watching what the current thread sends to the server and hears from it, to tell what a pass really did.
 //
-// The platform has one observer for the process; here it is given to whichever watch the message's thread has
+// The platform has one observer for the process; here it is given to whichever watch the session's thread has
 // opened last, and from there to the ones opened before it. So a pass can be watched while other threads
 // serve requests.
 #pragma once
@@ -16,8 +15,9 @@ namespace host {
 // Opened and closed on the same thread, the last opened first closed.
 class WireWatch {
  public:
-  using Kind = CLqNetwork::WireEvent::Kind;
-  using Handler = std::function<void(Kind, const OBGui::RegistryTaskResp&)>;
+  using Event = CLqNetwork::WireEvent;
+  // `batch` is what was sent or came, null when that was something else or nothing.
+  using Handler = std::function<void(const Event&, const OBGui::RegistryTaskResp* batch)>;
 
   explicit WireWatch(Handler handler);
   ~WireWatch();
@@ -28,7 +28,7 @@ class WireWatch {
   static void install();
 
  private:
-  static void dispatch(const CLqNetwork::WireEvent& event);
+  static void dispatch(const Event& event);
 
   Handler handler_;
   WireWatch* outer_;

@@ -2,10 +2,19 @@
 
 #include <dlfcn.h>
 
+#include "lqregistry/FXFile.h"
+
 namespace host {
 
 bool loadModules(const std::vector<std::string>& paths, std::string& error) {
   for (const std::string& path : paths) {
+    // Its code runs with all that the host may do.
+    const CWmError trust = FXFile::CheckTrusted(path);
+    if (trust.IsError() || path.find('/') == std::string::npos) {
+      error = "the module " + path + " cannot be loaded: " +
+              (trust.IsError() ? trust.AsString() : "name it with its directory, as in ./" + path);
+      return false;
+    }
     void* const handle = dlopen(path.c_str(), RTLD_NOW);
     void* const entry = handle == nullptr ? nullptr : dlsym(handle, kModuleEntry);
     if (entry == nullptr) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <utility>
 
 #include "lqregistry/ObDebug.h"
 
@@ -28,9 +29,8 @@ double nextDelay(std::uint32_t frequency, unsigned failures, double random) {
   return std::min(backedOff, regular) * (kJitterFloor + (1 - kJitterFloor) * random);
 }
 
-PeriodicTask::PeriodicTask(const Task& task, TaskCallback onStart, TaskCallback onTimer,
-                           std::uint32_t frequency)
-    : task_(task), onStart_(onStart), onTimer_(onTimer) {
+PeriodicTask::PeriodicTask(const Task& task, TaskCallback onStart, Run run, std::uint32_t frequency)
+    : task_(task), onStart_(onStart), run_(std::move(run)) {
   status_.setFrequency(frequency);
 }
 
@@ -42,7 +42,15 @@ PeriodicTask::~PeriodicTask() {
 void PeriodicTask::start(std::uint32_t spread) {
   if (onStart_ != nullptr) onStart_(&status_);
   const double firstDelay = std::min(spread, boundedFrequency(status_.getFrequency())) * random();
-  thread_ = std::thread([this, firstDelay] { run(firstDelay); });
+  thread_ = std::thread([this, firstDelay] { runAgainAndAgain(firstDelay); });
+}
+
+void PeriodicTask::runSoon() {
+  {
+    const std::lock_guard lock(mutex_);
+    soon_ = true;
+  }
+  changed_.notify_all();
 }
 
 void PeriodicTask::requestStop() {
@@ -53,14 +61,12 @@ void PeriodicTask::requestStop() {
   changed_.notify_all();
 }
 
-void PeriodicTask::run(double firstDelay) {
+void PeriodicTask::runAgainAndAgain(double firstDelay) {
   unsigned failures = 0;
   for (double delay = firstDelay;;) {
     noteNextRun(task_, std::time(nullptr) + std::lround(delay));
     if (!waitFor(delay)) break;
-    // A run that another process makes at this moment is as good as one of our own.
-    const std::optional<TaskRun> run = runTask(task_, onTimer_, status_);
-    failures = run && run->result != 0 ? failures + 1 : 0;
+    failures = run_(status_) ? 0 : failures + 1;
     delay = nextDelay(status_.getFrequency(), failures, random());
   }
   noteNextRun(task_, 0);
@@ -68,7 +74,9 @@ void PeriodicTask::run(double firstDelay) {
 
 bool PeriodicTask::waitFor(double seconds) {
   std::unique_lock lock(mutex_);
-  return !changed_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_; });
+  changed_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopping_ || soon_; });
+  soon_ = false;
+  return !stopping_;
 }
 
 double PeriodicTask::random() {

@@ -1,21 +1,22 @@
-// A periodic task of the resident host: a thread that runs the task's callback again and again until it is
-// stopped.
+// A periodic task of the resident host: a thread that runs the task again and again until it is stopped.
 //
 // The first run comes after a random part of the spread, so that a fleet that starts together does not arrive
 // together. After a run that succeeded, the next one is due after the frequency in the task's status object,
 // which the callback may change at each run. After one that failed it is tried again soon, then less and less
 // often up to the frequency, each time with jitter. One thread a task means that a task never runs twice at
-// once.
+// once. Somebody who knows that a run is needed sooner says so with runSoon().
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <thread>
 
-#include "lqhost/service/task_run.h"
+#include "lqhost/service/product_library.h"
+#include "lqhost/service/task_note.h"
 
 namespace host {
 
@@ -37,9 +38,12 @@ double nextDelay(std::uint32_t frequency, unsigned failures, double random);
 
 class PeriodicTask {
  public:
-  // `onStart` and `onTimer` are the task's callbacks; `onStart` may be null. `frequency` is what the status
-  // object says until the callback sets another.
-  PeriodicTask(const Task& task, TaskCallback onStart, TaskCallback onTimer, std::uint32_t frequency);
+  // One run; false when it should be tried again soon.
+  using Run = std::function<bool(LqPeriodicTaskStatus&)>;
+
+  // `onStart` is the task's start callback and may be null. `frequency` is what the status object says until
+  // a run sets another.
+  PeriodicTask(const Task& task, TaskCallback onStart, Run run, std::uint32_t frequency);
   ~PeriodicTask();
   PeriodicTask(const PeriodicTask&) = delete;
   PeriodicTask& operator=(const PeriodicTask&) = delete;
@@ -47,23 +51,27 @@ class PeriodicTask {
   // Calls the start callback and begins; first runs are spread over `spread` seconds.
   void start(std::uint32_t spread);
 
+  // The next run comes at once: now, or after the one under way. Any thread.
+  void runSoon();
+
   // Begins no further run. The destructor waits for the one under way.
   void requestStop();
 
  private:
-  void run(double firstDelay);
-  // False when the task is to stop.
+  void runAgainAndAgain(double firstDelay);
+  // Until the time has passed or a run is wanted. False when the task is to stop.
   bool waitFor(double seconds);
   double random();
 
   const Task& task_;
   TaskCallback onStart_;
-  TaskCallback onTimer_;
+  Run run_;
   LqPeriodicTaskStatus status_;
   std::mt19937 engine_{std::random_device{}()};
   std::mutex mutex_;
   std::condition_variable changed_;
   bool stopping_ = false;  // guarded by mutex_
+  bool soon_ = false;      // likewise
   std::thread thread_;
 };
 

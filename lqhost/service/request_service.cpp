@@ -1,9 +1,14 @@
 #include "lqhost/service/request_service.h"
 
+#include <exception>
 #include <memory>
+#include <system_error>
+#include <utility>
 
+#include "common/descriptor_limit.h"
 #include "common/host_service.h"
 #include "lqhost/instance.h"
+#include "lqhost/service/passes.h"
 #include "lqregistry/App.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqCommunicationManagerClnt.h"
@@ -17,19 +22,16 @@ namespace host {
 namespace {
 
 constexpr const char* kTag = "host::RequestService";
-// The server is near and has its request at hand; one that dawdles is dropped.
-constexpr int kAttachSeconds = 5;
-constexpr int kRequestSeconds = 60;
 constexpr int kAnswerSeconds = 60;
-constexpr int kGoodbyeSeconds = 10;
 
-// Sessions: seconds until a spare thread ends, sessions waiting until another thread joins, threads at most,
-// threads that stay; and how many may be served or wait, because the pool itself refuses none.
-constexpr std::uint64_t kIdleSeconds = 30;
-constexpr std::uint64_t kSessionsPerThread = 1;
-constexpr std::uint32_t kMaxThreads = 16;
-constexpr std::uint32_t kMinThreads = 1;
-constexpr std::size_t kMaxWaiting = 32;
+// Requests that are worked on at a time: one server asks, and the registry takes one writer.
+constexpr std::size_t kThreads = 8;
+
+LqListener::Limits limits() {
+  LqListener::Limits some;
+  some.servedPerIdentity = kThreads;  // there is one identity, the server's
+  return some;
+}
 
 // The server proves itself with the key that this client and the server share.
 bool findKey(const std::string& identity, std::string& key) {
@@ -44,23 +46,31 @@ void send(CLqNetwork& session, const CNMessageBase& answer) {
   bool peerGone = false;
   const CWmError error = session.SendXMLMessage(answer, 0, kAnswerSeconds, peerGone);
   if (error.IsError()) ObEvent().Error(kTag, "The answer could not be sent: %s", error.AsString());
-  session.ReplyDisconnect(kGoodbyeSeconds, peerGone);
 }
 
 void decline(CLqNetwork& session, const std::string& reason) {
   ObEvent().Error(kTag, "Request declined: %s", reason.c_str());
-  bool peerGone = session.SendRefusal(reason).IsError();
-  session.ReplyDisconnect(kGoodbyeSeconds, peerGone);
+  session.SendRefusal(reason);
+}
+
+// Applies a pushed batch. False when this client does not know its own id; nothing was applied then.
+bool applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+  PushScope push;
+  const bool isKnown = client.serverRequestHandler(batch) != 0;
+  if (!isKnown) push.withdraw();
+  return isKnown;
 }
 
 void answerPush(CLqNetwork& session, OBGui::RegistryTaskResp& batch) {
   LqRegistryManagerClnt client(instanceName());
   ObEvent().Debug(kTag, "The server pushes %zu records", batch.keys->size());
-  if (client.serverRequestHandler(batch) == 0) {
+  if (!applyPush(client, batch)) {
     decline(session, "this client does not know its own id");
-  } else {
-    send(session, *client.sendMessage);
+    return;
   }
+  send(session, *client.sendMessage);
+  // What was pushed is not in the settings cache; the download that follows puts it there.
+  wantDownload();
 }
 
 void answerFetch(CLqNetwork& session, App::FetchClientRegistry& fetch) {
@@ -91,68 +101,71 @@ void answer(CLqNetwork& session, CNMessageBase& request) {
   }
 }
 
-void serve(CLqNetwork& session) {
+// True when the caller is in.
+bool attach(CLqNetwork& session, const std::string& library, const std::string& entry) {
+  if (library == programs::kHostLibraryName && entry == programs::kHostEntryName)
+    return !session.ConfirmAttach().IsError();
+  ObEvent().Error(kTag, "Attach refused: no entry %s in library %s", entry.c_str(), library.c_str());
+  session.RefuseAttach("this client has no entry " + entry + " in a library " + library);
+  return false;
+}
+
+// One step of a session: its attach, a request and the answer to it, or its end. True when it goes on.
+bool serveStep(CLqNetwork& session) {
   lqsExecuteRemoteDllType remoteLibrary;
   std::string caller;
-  CWmError error = session.AcceptAttach(remoteLibrary, caller, kAttachSeconds);
+  CWmError error = session.AcceptAttach(remoteLibrary, caller);
   if (error.IsError()) {
     ObEvent().Error(kTag, "%s", error.AsString());
-    return;
+    return false;
   }
-  const std::string library = remoteLibrary.libraryName;
-  const std::string entry = remoteLibrary.entryName;
-  if (library != programs::kHostLibraryName || entry != programs::kHostEntryName) {
-    ObEvent().Error(kTag, "Attach refused: no entry %s in library %s", entry.c_str(), library.c_str());
-    session.RefuseAttach("this client has no entry " + entry + " in a library " + library);
-    return;
-  }
-  if (session.ConfirmAttach().IsError()) return;
+  if (session.IsAsking()) return attach(session, remoteLibrary.libraryName, remoteLibrary.entryName);
+
   std::unique_ptr<CNMessageBase> request;
   bool peerGone = false;
-  error = session.ReceiveXMLMessage(nullptr, request, nullptr, 0, kRequestSeconds, peerGone);
+  error = session.ReceiveXMLMessage(nullptr, request, nullptr, 0, 0, peerGone);
   if (!error.IsError()) {
     answer(session, *request);
   } else if (error.GetCode() == kLqErrBadMessage) {
     decline(session, error.AsString());
   } else {
-    ObEvent().Error(kTag, "No request came: %s", error.AsString());
+    if (error.GetCode() != kLqErrNotConnected) ObEvent().Error(kTag, "No request came: %s", error.AsString());
+    return false;
   }
-}
-
-void* serveOnPool(void* session) {
-  const std::unique_ptr<CLqNetwork> owned(static_cast<CLqNetwork*>(session));
-  serve(*owned);
-  return nullptr;
+  return true;  // until the server's goodbye
 }
 
 }  // namespace
 
-RequestService::RequestService() : listener_(&findKey) {}
+RequestService::RequestService() : listener_(&findKey, limits()) {}
 
 RequestService::~RequestService() {
   listener_.stop();
-  if (acceptor_.joinable()) acceptor_.join();
+  for (std::thread& thread : threads_) thread.join();
 }
 
 CWmError RequestService::start(const std::string& address, std::uint16_t port) {
   OBGui::RegisterSubsystem();
   App::RegisterSubsystem();
   LqEntities::RegisterSubsystem();
+  programs::raiseDescriptorLimit();
   CWmError error = listener_.open(address, port);
   if (error.IsError()) return error;
-  if (!pool_.initThreadPool("lqhost-requests", kIdleSeconds, kSessionsPerThread, kMaxThreads, kMinThreads))
+  try {
+    while (threads_.size() < kThreads) threads_.emplace_back([this] { serveSessions(); });
+  } catch (const std::system_error&) {
     return {kLqErrConnect, "the system gives no thread to serve requests with"};
-  acceptor_ = std::thread([this] { acceptSessions(); });
+  }
   return {};
 }
 
-void RequestService::acceptSessions() {
+void RequestService::serveSessions() {
   while (std::unique_ptr<CLqNetwork> session = listener_.accept()) {
-    CLqNetwork* const handedOver = session.release();
-    if (pool_.pendingCount() < kMaxThreads + kMaxWaiting && pool_.doWork(&serveOnPool, handedOver) == 0)
-      continue;
-    ObEvent().Error(kTag, "A session was dropped: %zu wait already", kMaxWaiting);
-    delete handedOver;
+    try {
+      if (serveStep(*session)) listener_.await(std::move(session));
+    } catch (const std::exception& fault) {
+      ObEvent().Error(kTag, "A session was dropped: %s", fault.what());
+    }
   }
 }
 

@@ -1,18 +1,18 @@
 // Serves the management server's requests to this client: pushed batches, fetches of named values and
 // application messages, each on a session of its own.
 //
-// Sessions are served by a small pool, so that one slow session holds up nobody; only the server, which
-// shares this client's session key, gets past the handshake. What a request asks for is done by the product;
-// here it is only received, handed over and answered. A request that cannot be understood is declined with
-// the reason.
+// Sessions wait in the listener without a thread each, and a few threads serve those that have a request, so
+// that one slow session holds up nobody; only the server, which shares this client's session key, gets past
+// the handshake. What a request asks for is done by the product; here it is only received, handed over and
+// answered. A request that cannot be understood is declined with the reason.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "lqregistry/CLqNetwork.h"
-#include "lqregistry/LqThreadPool.h"
 
 namespace host {
 
@@ -27,11 +27,10 @@ class RequestService {
   CWmError start(const std::string& address, std::uint16_t port);
 
  private:
-  void acceptSessions();
+  void serveSessions();
 
   LqListener listener_;
-  LqThreadPool pool_;
-  std::thread acceptor_;
+  std::vector<std::thread> threads_;
 };
 
 }  // namespace host

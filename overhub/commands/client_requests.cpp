@@ -1,5 +1,6 @@
 #include "overhub/commands/client_requests.h"
 
+#include <string_view>
 #include <utility>
 
 #include "common/machine_identity.h"
@@ -16,6 +17,8 @@ namespace {
 
 constexpr const char* kAbsolutePath = "SOFTWARE/";
 constexpr char kInstanceRoot = '~';
+// A client cannot tell the server which of the two it is.
+constexpr const char* kNotFetched = "not there, or 1,024 bytes or more";
 
 // The batch to push. The client is told its own id, whoever's batch the file holds.
 int readPushed(const DataStore& store, const std::string& client, const std::string& file,
@@ -55,6 +58,19 @@ App::FetchClientRegistry fetchOf(const std::string& path, const std::string& nam
   key.valueName = name;
   key.valueType = std::string(kTypeString);
   return request;
+}
+
+// A payload for people, as the client's lines: the breaks between them are all that a terminal gets to act
+// on.
+std::string linesForTerminal(std::string_view payload) {
+  std::string lines;
+  for (;;) {
+    const std::size_t end = payload.find('\n');
+    lines += programs::escapedForTerminal(payload.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    lines += '\n';
+    payload.remove_prefix(end + 1);
+  }
 }
 
 int readPayload(std::string& payload) {
@@ -113,9 +129,13 @@ int fetchValues(const DataStore& store, const std::string& client, const std::st
     const App::KeyList& found = answer.keyInfo->keys;
     const bool isFound = !found.empty() && found[0].value.isSet();
     isWhole = isWhole && isFound;
-    table.addRow({name, isFound ? found[0].value.get() : "not found"});
+    table.addRow({name, isFound ? found[0].value.get() : kNotFetched});
   }
   print(table.text());
+  if (!isWhole)
+    complain(kExitRefused,
+             "a fetch has no room for longer values; `lqhost upload` on the client brings those "
+             "of up to 10,239 bytes");
   return isWhole ? kExitOk : kExitRefused;
 }
 
@@ -136,6 +156,6 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  print(answer.payload.get() + '\n');
+  print(linesForTerminal(answer.payload.get()) + '\n');
   return kExitOk;
 }

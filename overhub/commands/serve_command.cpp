@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/descriptor_limit.h"
 #include "common/stop_signals.h"
+#include "common/text_table.h"
 #include "lqregistry/ObDebug.h"
 #include "overhub/commands/exit_codes.h"
 #include "overhub/commands/reporting.h"
@@ -55,20 +57,21 @@ void announce(const DataStore& store, const std::string& places) {
   store.clientNames(clients);
   const std::string text = "overhub ready on " + places + ", data in " + store.directory() + ", " +
                            std::to_string(clients.size()) + " clients";
-  std::printf("%s\n", text.c_str());
+  print(programs::escapedForTerminal(text) + '\n');
   std::fflush(stdout);
   ObEvent().DebugLvl(0, kTag, "%s", text.c_str());
 }
 
-// Ends the process when sessions outlast the time they have: they still use the server.
+// Ends the process when requests outlast the time they have: they still use the server.
 void stop(Server& server) {
-  const std::size_t left = server.stop();
-  if (left == 0) {
+  std::size_t cutOff = 0;
+  const std::size_t left = server.stop(cutOff);
+  if (cutOff + left == 0) {
     ObEvent().DebugLvl(0, kTag, "stopped");
-    return;
+  } else {
+    ObEvent().DebugLvl(0, kTag, "stopped; %zu sessions were cut off", cutOff + left);
   }
-  ObEvent().DebugLvl(0, kTag, "stopped; %zu sessions were cut off", left);
-  std::_Exit(kExitOk);
+  if (left != 0) std::_Exit(kExitOk);
 }
 
 }  // namespace
@@ -77,6 +80,7 @@ int serve(const DataStore& store, const ServeOptions& options) {
   CWmError error = programs::configureLog(options.log);
   if (error.IsError()) return complain(kExitUsage, error.AsString());
   const programs::StopSignals stopSignals;
+  programs::raiseDescriptorLimit();
 
   file_access::Lock lock;
   const int exitCode = takeDirectory(store, lock);

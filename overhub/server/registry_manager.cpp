@@ -22,11 +22,23 @@ Answer unknownId(std::int64_t claimed, const std::string& client, std::int64_t i
                          std::to_string(idOnFile));
 }
 
+// A secret that the server's key does not open cannot be handed out, and a batch without it would be another
+// one.
+CWmError requireReadable(const std::string& list, const OBGui::KeyList& keys) {
+  for (const OBGui::RegistryKeyInfo& key : keys) {
+    if (!key.encryptedValue->isUnreadable()) continue;
+    return {kLqErrFile, "the batch of " + list + " cannot be handed out: its secret " + key.keyPath.get() +
+                            " " + key.valueName.get() + " was protected with another key; set it anew"};
+  }
+  return {};
+}
+
 // The reply to a request for `list`, which is a client's name or the static list. `expectedId`, if not null,
 // must be the id on file.
 Answer replyWithBatch(const DataStore& store, const std::string& list, const std::int64_t* expectedId) {
   auto batch = std::make_unique<OBGui::RegistryTaskResp>();
-  const CWmError error = store.readBatch(list, *batch);
+  CWmError error = store.readBatch(list, *batch);
+  if (!error.IsError()) error = requireReadable(list, batch->keys);
   if (error.IsError()) {
     ObEvent().Error("registryManager", "%s", error.AsString());
     return Answer::refused("the server cannot read the batch of " + list +

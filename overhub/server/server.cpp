@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <exception>
-#include <iterator>
 #include <utility>
 
 #include "lqregistry/ObDebug.h"
@@ -23,83 +22,51 @@ CWmError Server::listen(const std::string& address, std::uint16_t port) {
 }
 
 void Server::start() {
-  for (const auto& listener : listeners_)
-    acceptors_.emplace_back([this, &accepting = *listener] { acceptCallers(accepting); });
-}
-
-std::size_t Server::stop() {
-  {
-    const std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  changed_.notify_all();
-  for (const auto& listener : listeners_) listener->stop();
-  for (auto& acceptor : acceptors_) acceptor.join();
-
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, std::chrono::seconds(kStopSeconds), [this] { return running_ == 0; });
-  joinFinished();
-  return running_;
-}
-
-void Server::acceptCallers(LqListener& listener) {
-  while (auto network = listener.accept()) {
-    if (!takeRoom()) return;
-    try {
-      startSession(std::move(network));
-    } catch (const std::exception& fault) {
-      giveRoomBack();
-      ObEvent().Error(kTag, "a caller was dropped: no thread for it: %s", fault.what());
+  for (const auto& listener : listeners_) {
+    for (std::size_t i = 0; i < kThreadsPerPort; ++i) {
+      {
+        const std::lock_guard lock(mutex_);
+        ++running_;
+      }
+      threads_.emplace_back([this, &accepting = *listener] { work(accepting); });
     }
   }
 }
 
-bool Server::takeRoom() {
+bool Server::awaitThreads(int seconds) {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return stopping_ || running_ < kMaxSessions; });
-  joinFinished();
-  if (!stopping_) ++running_;
-  return !stopping_;
+  return changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return running_ == 0; });
 }
 
-void Server::giveRoomBack() {
+std::size_t Server::stop(std::size_t& cutOff) {
+  cutOff = 0;
+  for (const auto& listener : listeners_) listener->turnAway();
+  if (!awaitThreads(kStopSeconds)) {
+    for (const auto& listener : listeners_) {
+      cutOff += listener->census().attached;
+      listener->stop();
+    }
+    CLqNetwork::InterruptAll();
+    if (!awaitThreads(kLastSeconds)) {
+      const std::lock_guard lock(mutex_);
+      return running_;
+    }
+  }
+  for (auto& thread : threads_) thread.join();
+  return 0;
+}
+
+void Server::work(LqListener& listener) {
+  while (auto session = listener.accept()) serveOne(listener, std::move(session));
   const std::lock_guard lock(mutex_);
   --running_;
   changed_.notify_all();
 }
 
-void Server::startSession(std::unique_ptr<CLqNetwork> network) {
-  const std::lock_guard lock(mutex_);
-  Worker& worker = workers_.emplace_back();
+void Server::serveOne(LqListener& listener, std::unique_ptr<CLqNetwork> session) {
   try {
-    worker.thread = std::thread(
-        [this, &worker, network = std::move(network)]() mutable { runSession(worker, std::move(network)); });
-  } catch (...) {
-    workers_.pop_back();
-    throw;
-  }
-}
-
-void Server::runSession(Worker& worker, std::unique_ptr<CLqNetwork> network) {
-  try {
-    serveSession(*network, store_);
+    if (serveStep(*session, store_)) listener.await(std::move(session));
   } catch (const std::exception& fault) {
     ObEvent().Error(kTag, "a session was dropped: %s", fault.what());
-  }
-  network.reset();
-  const std::lock_guard lock(mutex_);
-  worker.isDone = true;
-  --running_;
-  changed_.notify_all();
-}
-
-void Server::joinFinished() {
-  for (auto worker = workers_.begin(); worker != workers_.end();) {
-    const auto next = std::next(worker);
-    if (worker->isDone) {
-      worker->thread.join();
-      workers_.erase(worker);
-    }
-    worker = next;
   }
 }

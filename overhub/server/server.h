@@ -1,14 +1,13 @@
-// The server: listens, gives each caller a thread, and stops in order.
+// The server: listens, serves what is asked of it, and stops in order.
 //
-// A caller that is accepted while kMaxSessions others are served waits, and behind it the rest wait in the
-// system's accept queue, so that a flood costs other clients time and nothing else. One thread per listener
-// accepts; the sessions' threads share nothing but the count of them.
+// Sessions wait in their listener and cost no thread there; a thread takes one only when it has something to
+// do, and hands it back. So kThreadsPerPort bounds the requests that are worked on at a time, not the
+// clients.
 #pragma once
 
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,9 +17,13 @@
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/store/data_store.h"
 
-inline constexpr std::size_t kMaxSessions = 64;
-// How long running sessions may go on once the server is asked to stop.
+// A client that leaves its reply unread holds one for as long as kReplySeconds; hence more than there are
+// processors.
+inline constexpr std::size_t kThreadsPerPort = 32;
+// How long sessions may go on once the server is asked to stop.
 inline constexpr int kStopSeconds = 5;
+// And how long what is under way then has to end, without its network.
+inline constexpr int kLastSeconds = 1;
 
 class Server {
  public:
@@ -31,35 +34,25 @@ class Server {
   // Opens one more address and port; before start().
   CWmError listen(const std::string& address, std::uint16_t port);
 
+  // Throws when the system gives no threads.
   void start();
 
-  // Turns new callers away and waits for the sessions, at most kStopSeconds. Gives the number of sessions
-  // that still run then; unless it is 0 the object must not be destroyed, only the process ended.
-  std::size_t stop();
+  // Turns new callers away and waits for the sessions, at most kStopSeconds; then ends every wait of the
+  // process for the network. Gives the number of requests that are still worked on; unless it is 0 the object
+  // must not be destroyed, only the process ended. In `cutOff` how many attached sessions were not waited
+  // for.
+  std::size_t stop(std::size_t& cutOff);
 
  private:
-  struct Worker {
-    std::thread thread;
-    bool isDone = false;
-  };
-
-  void acceptCallers(LqListener& listener);
-  // Blocks until there is room for one more session and takes it; false when the server stops instead.
-  bool takeRoom();
-  void giveRoomBack();
-  // Throws when no thread can be had.
-  void startSession(std::unique_ptr<CLqNetwork> network);
-  void runSession(Worker& worker, std::unique_ptr<CLqNetwork> network);
-  // Forgets sessions that are over. With the mutex held.
-  void joinFinished();
+  void work(LqListener& listener);
+  void serveOne(LqListener& listener, std::unique_ptr<CLqNetwork> session);
+  bool awaitThreads(int seconds);
 
   const DataStore& store_;
   std::vector<std::unique_ptr<LqListener>> listeners_;
-  std::vector<std::thread> acceptors_;
+  std::vector<std::thread> threads_;
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
-  std::list<Worker> workers_;
-  std::size_t running_ = 0;  // sessions that have room, started or about to be
-  bool stopping_ = false;
+  std::size_t running_ = 0;  // threads that have not come to their end
 };

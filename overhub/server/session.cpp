@@ -1,5 +1,6 @@
 #include "overhub/server/session.h"
 
+#include <memory>
 #include <string>
 
 #include "lqregistry/ObDebug.h"
@@ -15,46 +16,58 @@ void noteAddress(const CLqNetwork& network, const DataStore& store, const std::s
   if (error.IsError()) ObEvent().Error(kTag, "client %s: %s", client.c_str(), error.AsString());
 }
 
-// Lets the caller in, if it asks for a service that there is; null otherwise. `who` names it for the log.
-const Service* attach(CLqNetwork& network, std::string& client, std::string& who) {
-  lqsExecuteRemoteDllType wanted;
+// Who calls, and what it asked for when it attached.
+struct Client {
+  std::string name;
+  std::string who;  // for the log
+  std::string wanted;
+  const Service* service = nullptr;
+};
+
+CWmError identify(CLqNetwork& network, Client& client) {
+  lqsExecuteRemoteDllType remote;
   std::string machine;
-  CWmError error = network.AcceptAttach(wanted, machine, kHandshakeSeconds);
+  CWmError error = network.AcceptAttach(remote, machine);
+  if (error.IsError()) return error;
+  network.GetPeerName(client.name);
+  client.who = client.name + " on " + (machine.empty() ? "an unnamed machine" : machine);
+  client.wanted = std::string(remote.libraryName) + "/" + remote.entryName;
+  client.service = findService(remote.libraryName, remote.entryName);
+  return error;
+}
+
+// Lets the caller in, if it asks for a service that there is.
+bool attach(CLqNetwork& network, const DataStore& store, const Client& client) {
+  if (client.service == nullptr) {
+    ObEvent().Debug(kTag, "client %s refused: it asks for %s", client.who.c_str(), client.wanted.c_str());
+    network.RefuseAttach("this server does not offer " + client.wanted);
+    return false;
+  }
+  const CWmError error = network.ConfirmAttach();
   if (error.IsError()) {
     ObEvent().Debug(kTag, "%s", error.AsString());
-    return nullptr;
+    return false;
   }
-  network.GetPeerName(client);
-  who = client + " on " + (machine.empty() ? "an unnamed machine" : machine);
-  const Service* const service = findService(wanted.libraryName, wanted.entryName);
-  if (service == nullptr) {
-    const std::string asked = std::string(wanted.libraryName) + "/" + wanted.entryName;
-    ObEvent().Debug(kTag, "client %s refused: it asks for %s", who.c_str(), asked.c_str());
-    network.RefuseAttach("this server does not offer " + asked);
-    return nullptr;
-  }
-  error = network.ConfirmAttach();
-  if (!error.IsError()) return service;
-  ObEvent().Debug(kTag, "%s", error.AsString());
-  return nullptr;
+  noteAddress(network, store, client.name);
+  return true;
 }
 
 // False when the answer could not be sent, which ends the session.
-bool answerRequest(CLqNetwork& network, const DataStore& store, const Service& service,
-                   const std::string& client, const std::string& who, const CNMessageBase& message) {
-  const Handler handler = service.find(message.getTagID());
+bool answerRequest(CLqNetwork& network, const DataStore& store, const Client& client,
+                   const CNMessageBase& message) {
+  const Handler handler = client.service->find(message.getTagID());
   const Answer answer = handler != nullptr
-                            ? handler(store, client, message)
+                            ? handler(store, client.name, message)
                             : Answer::refused(std::string(message.className()) + " is not handled here");
   CWmError error;
   bool peerGone = false;
   if (!answer.refusal.empty()) {
     error = network.SendRefusal(answer.refusal);
   } else if (answer.reply) {
-    error = network.SendXMLMessage(*answer.reply, 0, kIdleSeconds, peerGone);
+    error = network.SendXMLMessage(*answer.reply, 0, kReplySeconds, peerGone);
   }
-  ObEvent().Debug(kTag, "client %s: %s: %s%s%s", who.c_str(), message.className(), answer.summary.c_str(),
-                  error.IsError() ? ", but " : "", error.AsString());
+  ObEvent().Debug(kTag, "client %s: %s: %s%s%s", client.who.c_str(), message.className(),
+                  answer.summary.c_str(), error.IsError() ? ", but " : "", error.AsString());
   return !error.IsError();
 }
 
@@ -66,25 +79,22 @@ bool refuseUnreadable(CLqNetwork& network, const std::string& who, const CWmErro
 
 }  // namespace
 
-void serveSession(CLqNetwork& network, const DataStore& store) {
-  std::string client;
-  std::string who;
-  const Service* const service = attach(network, client, who);
-  if (service == nullptr) return;
-  noteAddress(network, store, client);
-  for (bool goesOn = true; goesOn;) {
-    std::unique_ptr<CNMessageBase> message;
-    bool peerGone = false;
-    const CWmError error = network.ReceiveXMLMessage(nullptr, message, nullptr, 0, kIdleSeconds, peerGone);
-    if (!error.IsError()) {
-      goesOn = answerRequest(network, store, *service, client, who, *message);
-    } else if (error.GetCode() == kLqErrBadMessage) {
-      goesOn = refuseUnreadable(network, who, error);
-    } else {
-      goesOn = false;
-      const bool tookLeave = error.GetCode() == kLqErrNotConnected;
-      ObEvent().Debug(kTag, "client %s: session over: %s", who.c_str(),
-                      tookLeave ? "goodbye" : error.AsString());
-    }
+bool serveStep(CLqNetwork& network, const DataStore& store) {
+  Client client;
+  CWmError error = identify(network, client);
+  if (error.IsError()) {
+    ObEvent().Debug(kTag, "%s", error.AsString());
+    return false;
   }
+  if (network.IsAsking()) return attach(network, store, client);
+
+  std::unique_ptr<CNMessageBase> message;
+  bool peerGone = false;
+  error = network.ReceiveXMLMessage(nullptr, message, nullptr, 0, 0, peerGone);
+  if (!error.IsError()) return answerRequest(network, store, client, *message);
+  if (error.GetCode() == kLqErrBadMessage) return refuseUnreadable(network, client.who, error);
+  const bool tookLeave = error.GetCode() == kLqErrNotConnected;
+  ObEvent().Debug(kTag, "client %s: session over: %s", client.who.c_str(),
+                  tookLeave ? "goodbye" : error.AsString());
+  return false;
 }

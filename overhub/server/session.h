@@ -1,15 +1,12 @@
-// One client's session, from the handshake to the goodbye.
+// One step of a client's session: its attach, a request and the answer to it, or its end.
 #pragma once
-
-#include <memory>
 
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/store/data_store.h"
 
-// How long a caller may take to prove itself and say what it wants, and how long an attached client may stay
-// silent or leave a reply unread, in seconds; then it is dropped.
-inline constexpr int kHandshakeSeconds = 10;
-inline constexpr int kIdleSeconds = 60;
+// How long an attached client may leave a reply unread, in seconds; then it is dropped.
+inline constexpr int kReplySeconds = 60;
 
-// Serves an accepted caller to the end of its session, and logs who it was, each request and its result.
-void serveSession(CLqNetwork& network, const DataStore& store);
+// Does what a session that the listener handed out is waiting for, and logs who it was and how it went. True
+// when the session goes on and is to be handed back until its next request.
+bool serveStep(CLqNetwork& network, const DataStore& store);

@@ -14,8 +14,10 @@ constexpr std::size_t kMaxClientName = 64;
 constexpr std::string_view kClientNameCharacters =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
 constexpr std::string_view kBatchSuffix = ".xml";
-constexpr const char* kDirectories[] = {"/clients", "/keys",    "/ids",   "/acks",
-                                        "/join",    "/uploads", "/hosts", "/addresses"};
+// What makes a directory a store.
+constexpr const char* kClients = "/clients";
+constexpr const char* kDirectories[] = {kClients, "/keys",    "/ids",   "/acks",
+                                        "/join",  "/uploads", "/hosts", "/addresses"};
 
 CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) {
   std::string text;
@@ -36,22 +38,38 @@ CWmError readWord(const std::string& file, std::string& word) {
 }  // namespace
 
 CWmError DataStore::open() const {
-  std::error_code fault;
-  if (directory_.empty() || !std::filesystem::is_directory(directory_ + "/clients", fault)) {
+  if (!isStore()) {
     return {kLqErrFile, directory_ +
                             ": not a data directory; name the right one with --data or OVERHUB_DATA, or make "
                             "one with \"overhub add-client NAME\""};
   }
-  pstring::UseKeyFile(directory_ + "/secret.key");
+  pstring::UseKeyFile(secretKeyFile());
   OBGui::RegisterSubsystem();
   return {};
 }
 
 CWmError DataStore::prepare() const {
   CWmError error = file_access::makeDirectory(directory_);
+  if (!error.IsError()) error = makeKey();
   for (const char* const name : kDirectories)
     if (!error.IsError()) error = file_access::makeDirectory(directory_ + name);
   return error.IsError() ? error : open();
+}
+
+CWmError DataStore::makeKey() const {
+  file_access::Lock lock;
+  CWmError error = lockForChange(lock);
+  if (error.IsError() || isStore() || file_access::exists(secretKeyFile())) return error;
+  return pstring::CreateKeyFile(secretKeyFile());
+}
+
+bool DataStore::isStore() const {
+  std::error_code fault;
+  return !directory_.empty() && std::filesystem::is_directory(directory_ + kClients, fault);
+}
+
+std::string DataStore::secretKeyFile() const {
+  return directory_ + "/secret.key";
 }
 
 std::string DataStore::acknowledgementsFile(const std::string& client) const {
@@ -141,7 +159,7 @@ CWmError DataStore::writeMessage(const std::string& file, const OBGui::RegistryT
   std::string text;
   if (message.serializeForPeople(text) != 0)
     return {kLqErrFile,
-            file + ": not written, since its secrets cannot be protected with " + directory_ + "/secret.key"};
+            file + ": not written, since its secrets cannot be protected with " + secretKeyFile()};
   return file_access::replace(file, text);
 }
 

@@ -9,8 +9,8 @@
 //   uploads/NAME.xml   what a client last uploaded of its registry
 //   hosts/NAME         where a client is to be called, when a person has said so
 //   addresses/NAME     the address that a client last came from
-//   secret.key         the key that protects secrets in the other files
-//   change.lock, serve.lock   held while files are changed, and by the server
+//   secret.key         the key that protects secrets in the other files; made with the directory, never
+//   replaced change.lock, serve.lock   held while files are changed, and by the server
 //
 // Files are read anew each time, so that an edit counts from the next request on, and replaced at once.
 // Whoever reads a file to write it back holds the ChangeLock meanwhile. An object is the directory's path and
@@ -77,6 +77,10 @@ class DataStore {
   CWmError lockForChange(file_access::Lock& lock) const;
 
  private:
+  bool isStore() const;
+  std::string secretKeyFile() const;
+  // The key comes before the first directory that makes the store, so that no store is ever without one.
+  CWmError makeKey() const;
   std::string batchFile(const std::string& name) const;
   std::string keyFile(const std::string& client) const;
   std::string hostFile(const std::string& client) const;

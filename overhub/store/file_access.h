@@ -15,16 +15,19 @@ namespace file_access {
 
 bool exists(const std::string& path);
 
-CWmError readWhole(const std::string& path, std::string& text);
+inline CWmError readWhole(const std::string& path, std::string& text) {
+  return FXFile::ReadContents(path, text);
+}
 
 // The file's last `bytes` bytes, or all of it when it is shorter.
 CWmError readEnd(const std::string& path, std::size_t bytes, std::string& text);
 
-// Makes `text` the file's contents, with mode 0600. Whoever reads meanwhile sees the old contents or the new,
-// never a part, and after a power cut it is either of them. A link, a device or a directory is left alone.
-CWmError replace(const std::string& path, const std::string& text);
+// Makes `text` the file's contents at once (FXFile::ReplaceContents); on an error the old contents stay.
+inline CWmError replace(const std::string& path, const std::string& text) {
+  return FXFile::ReplaceContents(path, text);
+}
 
-// The same for a file that must not be there yet.
+// For a file that must not be there yet. It is on disk then, with mode 0600.
 CWmError create(const std::string& path, const std::string& text);
 
 // Standard input up to its end; an error when it holds more than `limit` bytes.
@@ -33,7 +36,8 @@ CWmError readInput(std::size_t limit, std::string& text);
 // How big a file is, and when it was last replaced, in seconds since the epoch.
 CWmError status(const std::string& path, std::uintmax_t& bytes, std::time_t& time);
 
-// Appends `line` and a newline in one write, so that lines of several writers do not mix.
+// Appends `line` and a newline. Lines of several writers do not mix, and a line that cannot be written whole
+// leaves the file as it was.
 CWmError appendLine(const std::string& path, const std::string& line);
 
 // Makes a directory of mode 0700, and its parents, exist.

@@ -3,6 +3,8 @@
 
 #include <dlfcn.h>
 
+#include "lqregistry/FXFile.h"
+
 namespace {
 
 CWmError loaderError() {
@@ -18,8 +20,12 @@ CWmLibrary::~CWmLibrary() {
 
 CWmError CWmLibrary::Load(const std::string& path, bool) {
   release();
-  // The loader takes an empty name for the program itself.
-  if (path.empty()) return {kLqErrLibrary, "no library is named"};
+  // The loader takes an empty name for the program itself, and looks for one without a directory in places
+  // that nothing here has checked.
+  if (path.find('/') == std::string::npos)
+    return {kLqErrLibrary, "\"" + path + "\" names no library by its path"};
+  const CWmError trust = FXFile::CheckTrusted(path);
+  if (trust.IsError()) return {kLqErrLibrary, trust.AsString()};
   handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   return handle_ == nullptr ? loaderError() : CWmError();
 }

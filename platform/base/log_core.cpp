@@ -6,12 +6,15 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <string_view>
+
+#include "lqregistry/PrintableText.h"
+#include "platform/base/file_replacement.h"
 
 namespace oblog {
 
@@ -19,18 +22,21 @@ std::atomic<int> effectiveLevel{kLqLogDefaultLevel};
 
 namespace {
 
-// The log holds whatever the product logs of the registry, so it is readable for its owner only.
-constexpr mode_t kLogFileMode = 0600;
+// Runs before each opening of the file, also when the log turns over. The log holds whatever the product logs
+// of the registry, so the file is made here, for its owner only; and a link or a pipe that somebody put in
+// its place is neither written to nor waited for.
+void prepareLogFile(const std::string& name) {
+  auto_handle handle;
+  const CWmError error = lqfile::openRegular(name, O_WRONLY | O_CREAT | O_NOFOLLOW, handle);
+  if (error.IsError()) throw spdlog::spdlog_ex(error.AsString());
+}
 
 std::shared_ptr<spdlog::logger> makeLogger(const Settings& settings) {
   std::vector<spdlog::sink_ptr> sinks;
   if (settings.toStandardError) sinks.push_back(std::make_shared<spdlog::sinks::stderr_sink_mt>());
   if (!settings.file.empty()) {
     spdlog::file_event_handlers handlers;
-    handlers.before_open = [](const spdlog::filename_t& name) {
-      const int descriptor = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kLogFileMode);
-      if (descriptor >= 0) ::close(descriptor);
-    };
+    handlers.before_open = &prepareLogFile;
     sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
         settings.file, settings.maxFileBytes, std::max<std::size_t>(settings.maxFiles, 1) - 1, false,
         handlers));
@@ -60,18 +66,8 @@ State& state() {
   return *theState;
 }
 
-void appendEscaped(std::string& out, const std::string& text) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      out += c;
-    } else {
-      out += "\\x";
-      out += kDigits[byte >> 4];
-      out += kDigits[byte & 15];
-    }
-  }
+void appendEscaped(std::string& out, std::string_view text) {
+  while (!text.empty()) text.remove_prefix(lqtext::appendPrintable(out, text));
 }
 
 std::string render(const Line& line) {
@@ -106,7 +102,7 @@ CWmError Configure(const Settings& settings) {
     s.updateEffectiveLevel();
     return {};
   } catch (const std::exception& failure) {
-    return {kLqErrFile, "cannot open the log file " + settings.file + ": " + failure.what()};
+    return {kLqErrFile, std::string("cannot open the log file ") + failure.what()};
   }
 }
 

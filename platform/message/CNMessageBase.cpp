@@ -2,6 +2,7 @@
 #include "lqregistry/CNMessageBase.h"
 
 #include <charconv>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <new>
@@ -34,9 +35,12 @@ bool writeFields(const CNMessageBase& message, pugi::xml_node node, bool revealP
 
 bool writeProtected(const pstring& value, pugi::xml_attribute attribute, bool revealProtected) {
   if (revealProtected) {
+    // What cannot be read cannot be told, and nothing must not be taken for the secret.
+    if (value.isUnreadable()) return false;
     std::string clear(kClearPrefix);
     clear += lqmessage::escaped(value.reveal());
     attribute.set_value(clear.c_str());
+    explicit_bzero(clear.data(), clear.size());
     return true;
   }
   const std::string text = value.getV8Password();
@@ -153,16 +157,17 @@ class Reader {
       }
       default:
         return readProtected(text, *static_cast<pstring*>(value)) ||
-               fail(owner, info.name, "was not protected with this machine's key");
+               fail(owner, info.name, "is not a protected value");
     }
   }
 
   static bool readProtected(std::string_view text, pstring& value) {
-    if (!text.starts_with(kClearPrefix)) return pstring::fromV8Password(text, value);
+    // One value that cannot be opened must not cost all the others of the message.
+    if (!text.starts_with(kClearPrefix)) return pstring::fromStoredText(text, value);
     std::string secret;
     const bool readable = lqmessage::unescape(text.substr(kClearPrefix.size()), secret);
     value = pstring(secret);
-    pstring wiped(std::move(secret));
+    explicit_bzero(secret.data(), secret.size());
     return readable;
   }
 
@@ -259,6 +264,11 @@ bool CNMessageBase::equals(const CNMessageBase& other) const {
 }
 
 CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message) {
+  std::string copy = text;
+  return fromBuffer(copy, message);
+}
+
+CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message) {
   message.reset();
   try {
     pugi::xml_document document;

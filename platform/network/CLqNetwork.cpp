@@ -27,6 +27,10 @@ void CLqNetwork::InterruptAll() {
   interruptAll();
 }
 
+void CLqNetwork::SetSilenceLimit(std::chrono::milliseconds limit) {
+  TlsConnection::setSilenceLimit(limit);
+}
+
 bool CLqNetwork::IsConnected() const {
   return impl_->state == Impl::State::kAttached && !impl_->frames->connection().closedByPeer();
 }
@@ -78,14 +82,14 @@ void CLqNetwork::GetLastErrorGenericText(std::uint32_t& code, std::string& text,
   text = impl_->lastError.AsString();
 }
 
-CWmError CLqNetwork::AcceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
-                                  int timeoutSeconds) {
+bool CLqNetwork::IsAsking() const {
+  return impl_->state == Impl::State::kAsked;
+}
+
+CWmError CLqNetwork::AcceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName) {
   bool peerGone = false;
-  CWmError error = impl_->run("no session with ", peerGone, [&] {
-    return impl_->acceptAttach(remoteLibrary, callerName, Deadline::in(timeoutSeconds));
-  });
-  if (error.IsError()) impl_->close();
-  return error;
+  return impl_->run("no session with ", peerGone,
+                    [&] { return impl_->acceptAttach(remoteLibrary, callerName); });
 }
 
 CWmError CLqNetwork::ConfirmAttach() {

@@ -18,6 +18,11 @@ Credentials::~Credentials() {
   OPENSSL_cleanse(key.data(), key.size());
 }
 
+bool Credentials::equals(const Credentials& other) const {
+  return identity == other.identity && key.size() == other.key.size() &&
+         CRYPTO_memcmp(key.data(), other.key.data(), key.size()) == 0;
+}
+
 CWmError readCredentials(Credentials& credentials) {
   LQPlatformInfo info(LQPI_Focus::getFocus());
   std::string hex;

@@ -11,6 +11,9 @@ struct Credentials {
   Credentials(const Credentials&) = delete;
   Credentials& operator=(const Credentials&) = delete;
 
+  // In a time that does not tell how much of the keys is alike.
+  bool equals(const Credentials& other) const;
+
   std::string identity;
   std::string key;  // kSessionKeyBytes bytes
 };

@@ -3,16 +3,19 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
-#include <array>
+#include <utility>
 
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kKindBytes = 1;
-constexpr std::size_t kHeaderBytes = kLengthBytes + kKindBytes;
 
-// A payload gets memory as it arrives, at first this much, so that a header alone costs nobody anything.
-constexpr std::size_t kFirstPieceBytes = 64U << 10;
+// What is read at a time, at least; a payload gets memory as it arrives, so that a header alone costs
+// nothing.
+constexpr std::size_t kPieceBytes = 16U << 10;
+
+// What is taken in before others have their turn.
+constexpr std::size_t kBytesAtOnce = 1U << 20;
 
 void wipe(std::string& text) {
   OPENSSL_cleanse(text.data(), text.size());
@@ -39,6 +42,13 @@ Frame::~Frame() {
   wipe(payload);
 }
 
+void Frame::swap(Frame& other) noexcept {
+  std::swap(kind, other.kind);
+  payload.swap(other.payload);
+  claim.swap(other.claim);
+  std::swap(isDropped, other.isDropped);
+}
+
 CWmError FrameStream::send(FrameKind kind, std::string_view payload, const Deadline& deadline) {
   const std::size_t length = kKindBytes + payload.size();
   if (length > bound_) return tooLarge(length, bound_);
@@ -53,37 +63,111 @@ CWmError FrameStream::send(FrameKind kind, std::string_view payload, const Deadl
   return error;
 }
 
-CWmError FrameStream::receiveHeader(FrameKind& kind, std::size_t& payloadBytes, const Deadline& deadline) {
-  std::array<char, kHeaderBytes> header{};
-  std::size_t got = 0;
-  CWmError error = connection_.read(header.data(), header.size(), got, deadline);
-  if (error.IsError()) {
-    usable_ = error.GetCode() == kLqErrTimeout && got == 0;
-    return error;
+CWmError FrameStream::readHeader(Waiting& waiting) {
+  while (headerHave_ < header_.size()) {
+    std::size_t got = 0;
+    CWmError error =
+        connection_.tryRead(header_.data() + headerHave_, header_.size() - headerHave_, got, waiting);
+    headerHave_ += got;
+    if (error.IsError() || waiting != Waiting::kNothing) return error;
   }
+  if (frame_.kind != FrameKind{}) return {};  // taken apart before
   std::size_t length = 0;
-  for (std::size_t i = 0; i < kLengthBytes; ++i) length = length << 8 | static_cast<unsigned char>(header[i]);
+  for (std::size_t i = 0; i < kLengthBytes; ++i)
+    length = length << 8 | static_cast<unsigned char>(header_[i]);
   if (length > bound_) return tooLarge(length, bound_);
   if (length < kKindBytes) return {kLqErrProtocol, "a frame without a kind"};
-  kind = static_cast<FrameKind>(header[kLengthBytes]);
-  payloadBytes = length - kKindBytes;
+  frame_.kind = static_cast<FrameKind>(header_[kLengthBytes]);
+  size_ = length - kKindBytes;
   return {};
 }
 
-CWmError FrameStream::receive(Frame& frame, const Deadline& deadline) {
-  usable_ = false;
-  std::size_t size = 0;
-  CWmError error = receiveHeader(frame.kind, size, deadline);
-  if (error.IsError()) return error;
+bool FrameStream::hasTurn() {
+  if (size_ <= kUnclaimedBytes || have_ < kUnclaimedBytes) return true;
+  if (frame_.claim == nullptr) frame_.claim = budget_.claim(size_, turnCame_);
+  return frame_.claim->isGranted();
+}
 
-  for (std::size_t have = 0; have < size;) {
-    const std::size_t piece = std::min(size - have, std::max(have, kFirstPieceBytes));
-    grow(frame.payload, have + piece);
+CWmError FrameStream::readPayload(Waiting& waiting) {
+  for (const std::size_t before = have_; have_ < size_;) {
+    if (have_ - before >= kBytesAtOnce) {
+      waiting = Waiting::kMore;
+      return {};
+    }
+    if (!hasTurn()) {
+      waiting = Waiting::kTurn;
+      return {};
+    }
+    if (have_ == frame_.payload.size())
+      grow(frame_.payload, std::min(size_, have_ + std::max(have_, kPieceBytes)));
     std::size_t got = 0;
-    error = connection_.read(frame.payload.data() + have, piece, got, deadline);
-    if (error.IsError()) return error;
-    have += piece;
+    CWmError error =
+        connection_.tryRead(frame_.payload.data() + have_, frame_.payload.size() - have_, got, waiting);
+    have_ += got;
+    if (error.IsError() || waiting != Waiting::kNothing) return error;
   }
-  usable_ = true;
   return {};
+}
+
+CWmError FrameStream::dropOn(Waiting& waiting) {
+  std::array<char, kPieceBytes> thrownAway;
+  CWmError error;
+  for (const std::size_t before = have_; have_ < size_;) {
+    if (have_ - before >= kBytesAtOnce) {
+      waiting = Waiting::kMore;
+      break;
+    }
+    std::size_t got = 0;
+    error = connection_.tryRead(thrownAway.data(), std::min(thrownAway.size(), size_ - have_), got, waiting);
+    have_ += got;
+    if (error.IsError() || waiting != Waiting::kNothing) break;
+  }
+  OPENSSL_cleanse(thrownAway.data(), thrownAway.size());
+  return error;
+}
+
+void FrameStream::dropPayload() {
+  frame_.isDropped = true;
+  frame_.claim.reset();
+  wipe(frame_.payload);
+  std::string().swap(frame_.payload);
+}
+
+FrameStream::Claimed FrameStream::claimed() const {
+  if (frame_.claim == nullptr || !frame_.claim->isGranted()) return {};
+  return {Deadline::Clock::now() - frame_.claim->grantedAt(),
+          static_cast<double>(have_) / static_cast<double>(size_)};
+}
+
+CWmError FrameStream::tryReceive(Frame& frame, Waiting& waiting) {
+  waiting = Waiting::kNothing;
+  CWmError error = readHeader(waiting);
+  if (!error.IsError() && waiting == Waiting::kNothing)
+    error = frame_.isDropped ? dropOn(waiting) : readPayload(waiting);
+  usable_ = !error.IsError();
+  if (error.IsError() || waiting != Waiting::kNothing) return error;
+  Frame whole;
+  whole.swap(frame_);
+  whole.swap(frame);
+  headerHave_ = have_ = size_ = 0;
+  return {};
+}
+
+CWmError FrameStream::awaitStep(Waiting waiting, const Deadline& deadline) {
+  if (waiting != Waiting::kTurn) return connection_.await(waiting, deadline);
+  if (frame_.claim->await(deadline)) return {};
+  return {kLqErrTimeout, "there was no memory for a message of " + std::to_string(size_) + " bytes in time"};
+}
+
+CWmError FrameStream::receive(Frame& frame, const Deadline& deadline) {
+  for (;;) {
+    Waiting waiting{};
+    CWmError error = tryReceive(frame, waiting);
+    if (error.IsError() || waiting == Waiting::kNothing) return error;
+    error = awaitStep(waiting, deadline);
+    if (!error.IsError()) continue;
+    // As long as nothing of a frame has come, nothing has happened to the stream.
+    usable_ = error.GetCode() == kLqErrTimeout && headerHave_ == 0;
+    return error;
+  }
 }

@@ -1,43 +1,30 @@
 #include "platform/network/interruption.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <atomic>
-#include <mutex>
-#include <set>
-#include <utility>
+#include <cstdint>
 
 namespace {
 
 std::atomic<bool> interrupted{false};
 
-struct Waits {
-  std::mutex mutex;
-  std::set<Interruptible*> all;
-};
-
-// Never destroyed: sessions may still end while the process's statics are torn down.
-Waits& waits() {
-  static auto* const theWaits = new Waits;
-  return *theWaits;
-}
-
 }  // namespace
-
-Interruptible::Interruptible(std::function<void()> wake) : wake_(std::move(wake)) {
-  const std::lock_guard lock(waits().mutex);
-  waits().all.insert(this);
-}
-
-Interruptible::~Interruptible() {
-  const std::lock_guard lock(waits().mutex);
-  waits().all.erase(this);
-}
 
 void interruptAll() {
   interrupted = true;
-  const std::lock_guard lock(waits().mutex);
-  for (Interruptible* const wait : waits().all) wait->wake_();
+  const std::uint64_t one = 1;
+  // It can only fail when the descriptor is missing or has been written before; the flag stands either way.
+  [[maybe_unused]] const ssize_t written = ::write(interruptionDescriptor(), &one, sizeof one);
 }
 
 bool isInterrupted() {
   return interrupted;
+}
+
+int interruptionDescriptor() {
+  // Never closed: sessions may still end while the process's statics are torn down.
+  static const int descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return descriptor;
 }

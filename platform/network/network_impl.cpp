@@ -65,7 +65,7 @@ CWmError CLqNetwork::Impl::attach(const std::string& targetText, const lqsExecut
   if (credentials.key.size() != kSessionKeyBytes)
     return {kLqErrNoCredentials, "the session key is not usable"};
 
-  frames = std::make_unique<FrameStream>(std::make_shared<TlsPsk>(credentials));
+  frames = std::make_unique<FrameStream>(TlsPsk::ofCaller(credentials), FrameBudget::ofCalling());
   error = frames->connection().connect(target, deadline);
   if (error.IsError()) return error;
   peerText = target.host + " (" + frames->connection().address() + ")";
@@ -98,25 +98,22 @@ CWmError CLqNetwork::Impl::awaitAttachReply(const Deadline& deadline) {
   }
 }
 
-CWmError CLqNetwork::Impl::acceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
-                                        const Deadline& deadline) {
-  if (state != State::kAccepted) return {kLqErrNotConnected, "no caller waits here"};
-  CWmError error = frames->connection().handshake(deadline);
-  const std::string& identity = frames->connection().identity();
-  if (!identity.empty()) peerText = identity.substr(0, kMaxIdentityBytes) + " (" + peerText + ")";
-  if (error.IsError()) return error;
-  error = readAttachRequest(remoteLibrary, callerName, deadline);
-  if (error.IsError()) return error;
-  peerName = identity;
-  state = State::kAsked;
-  return {};
+CWmError CLqNetwork::Impl::tryAccept(Waiting& waiting) {
+  if (state == State::kAccepted) {
+    CWmError error = frames->connection().tryHandshake(waiting);
+    const bool isOver = error.IsError() || waiting == Waiting::kNothing;
+    const std::string& identity = frames->connection().identity();
+    if (isOver && !identity.empty()) peerText = identity.substr(0, kMaxIdentityBytes) + " (" + peerText + ")";
+    if (error.IsError() || !isOver) return error;
+    peerName = identity;
+    state = State::kProven;
+  }
+  Frame frame;
+  CWmError error = frames->tryReceive(frame, waiting);
+  return error.IsError() || waiting != Waiting::kNothing ? error : readAttachRequest(frame);
 }
 
-CWmError CLqNetwork::Impl::readAttachRequest(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
-                                             const Deadline& deadline) {
-  Frame frame;
-  CWmError error = frames->receive(frame, deadline);
-  if (error.IsError()) return error;
+CWmError CLqNetwork::Impl::readAttachRequest(const Frame& frame) {
   if (frame.kind != FrameKind::kAttachRequest) return unexpected(frame);
   registerMessageClasses<AttachRequest>();
   AttachRequest request;
@@ -127,13 +124,33 @@ CWmError CLqNetwork::Impl::readAttachRequest(lqsExecuteRemoteDllType& remoteLibr
     const std::string text = "version " + std::to_string(request.version.get()) +
                              " of the protocol is not spoken here, only version " +
                              std::to_string(kAttachProtocolVersion);
-    frames->send(FrameKind::kAttachRefused, text, deadline);
+    // Nobody may wait here; but so short a text always fits into a socket that nothing was written to.
+    frames->send(FrameKind::kAttachRefused, text, Deadline::in(0));
     frames->connection().shutdown();
     return {kLqErrProtocol, text};
   }
-  remoteLibrary = lqsExecuteRemoteDllType();
-  remoteLibrary.setNames(request.library, request.entry);
-  callerName = request.caller.get();
+  asked.setNames(request.library, request.entry);
+  askedBy = request.caller.get();
+  hasAsked = true;
+  state = State::kAsked;
+  return {};
+}
+
+CWmError CLqNetwork::Impl::tryRequest(Waiting& waiting) {
+  CWmError error = frames->tryReceive(received, waiting);
+  hasReceived = !error.IsError() && waiting == Waiting::kNothing;
+  return error;
+}
+
+void CLqNetwork::Impl::giveUp(const CWmError& reason) {
+  close();
+  givenUp = reason;
+}
+
+CWmError CLqNetwork::Impl::acceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName) {
+  if (!hasAsked) return givenUp.IsError() ? givenUp : CWmError(kLqErrNotConnected, "no caller waits here");
+  remoteLibrary = asked;
+  callerName = askedBy;
   return {};
 }
 
@@ -160,14 +177,24 @@ CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadl
     return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
   CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
   if (!error.IsError()) observe({WireEvent::Kind::kSent, &message, {}});
+  held.reset();
   return error;
+}
+
+CWmError CLqNetwork::Impl::nextFrame(Frame& frame, const Deadline& deadline) {
+  if (!hasReceived) return frames->receive(frame, deadline);
+  hasReceived = false;
+  frame.swap(received);
+  return {};
 }
 
 CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<CNMessageBase>& message,
                                           const Deadline& deadline) {
+  if (givenUp.IsError()) return givenUp;
   if (state != State::kAttached) return notAttached();
+  held.reset();
   Frame frame;
-  CWmError error = frames->receive(frame, deadline);
+  CWmError error = nextFrame(frame, deadline);
   if (error.IsError()) return error;
   switch (frame.kind) {
     case FrameKind::kMessage:
@@ -180,15 +207,19 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
     default:
       return unexpected(frame);
   }
+  if (frame.isDropped)
+    return {kLqErrBadMessage, "there was no memory for so large a message in time; send it again later"};
   if (rawText != nullptr) *rawText = frame.payload;
-  error = CNMessageBase::fromText(frame.payload, message);
+  error = CNMessageBase::fromBuffer(frame.payload, message);
   if (error.IsError()) return {kLqErrBadMessage, error.AsString()};
+  if (seat != nullptr) held = std::move(frame.claim);
   observe({WireEvent::Kind::kReceived, message.get(), {}});
   return {};
 }
 
 CWmError CLqNetwork::Impl::sendRefusal(const std::string& reason) {
   if (state != State::kAttached) return notAttached();
+  held.reset();
   return frames->send(FrameKind::kRequestRefused, shortened(reason), shortFrameDeadline());
 }
 
@@ -198,7 +229,7 @@ CWmError CLqNetwork::Impl::sayGoodbye(const Deadline& deadline) {
   // last: whoever watches this session has to know that it came to nothing.
   while (!error.IsError()) {
     Frame frame;
-    error = frames->receive(frame, deadline);
+    error = nextFrame(frame, deadline);
     if (error.IsError()) break;
     if (frame.kind == FrameKind::kRequestRefused)
       observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
@@ -215,7 +246,7 @@ CWmError CLqNetwork::Impl::awaitGoodbye(const Deadline& deadline) {
   CWmError error;
   while (!error.IsError()) {
     Frame frame;
-    error = frames->receive(frame, deadline);
+    error = nextFrame(frame, deadline);
     if (!error.IsError() && frame.kind == FrameKind::kGoodbye) {
       answerGoodbye();
       break;

@@ -15,14 +15,14 @@ struct CLqNetwork::Impl {
   enum class State {
     kClosed,    // nothing, or not any more
     kAccepted,  // a caller's socket, before the handshake
-    kAsked,     // the caller has asked and waits for yes or no
+    kProven,    // the caller has proven who it is, and has not asked yet
+    kAsked,     // it has asked and waits for yes or no
     kAttached,
   };
 
   CWmError attach(const std::string& targetText, const lqsExecuteRemoteDllType& remoteLibrary,
                   const std::string& localName, const Deadline& deadline);
-  CWmError acceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
-                        const Deadline& deadline);
+  CWmError acceptAttach(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName);
   CWmError confirmAttach();
   CWmError refuseAttach(const std::string& reason);
   CWmError sendMessage(const CNMessageBase& message, const Deadline& deadline);
@@ -32,9 +32,17 @@ struct CLqNetwork::Impl {
   CWmError sayGoodbye(const Deadline& deadline);
   CWmError awaitGoodbye(const Deadline& deadline);
 
+  // For the room where an accepted session waits: goes on with handshake and attach request, or with the next
+  // frame, as far as that is possible without waiting.
+  CWmError tryAccept(Waiting& waiting);
+  CWmError tryRequest(Waiting& waiting);
+  // Closes; the session's next step on the thread that gets it fails with this.
+  void giveUp(const CWmError& reason);
+
   // Drops the connection, without a word to the peer.
   void close() {
     state = State::kClosed;
+    held.reset();
     frames.reset();
   }
 
@@ -66,10 +74,22 @@ struct CLqNetwork::Impl {
   CWmError lastError;
   std::unique_ptr<Credentials> ownCredentials;  // instead of the registry's
 
+  // Of an accepted session: what it asked for; the request that the room has read, if it has; why the room
+  // gave it up, if it did; and its place among those of its identity that are served.
+  lqsExecuteRemoteDllType asked;
+  std::string askedBy;
+  bool hasAsked = false;
+  Frame received;
+  bool hasReceived = false;
+  CWmError givenUp;
+  std::shared_ptr<void> seat;
+  // The memory that the request takes is given back when it has been answered: until then its records live.
+  std::unique_ptr<FrameBudget::Claim> held;
+
  private:
   CWmError awaitAttachReply(const Deadline& deadline);
-  CWmError readAttachRequest(lqsExecuteRemoteDllType& remoteLibrary, std::string& callerName,
-                             const Deadline& deadline);
+  CWmError readAttachRequest(const Frame& frame);
+  CWmError nextFrame(Frame& frame, const Deadline& deadline);
   CWmError unexpected(const Frame& frame);
   CWmError answerGoodbye();
 };

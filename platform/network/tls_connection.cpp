@@ -1,28 +1,24 @@
 #include "platform/network/tls_connection.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "platform/network/asio_config.h"
-
-#include <array>
-#include <asio/connect.hpp>
-#include <asio/io_context.hpp>
-#include <asio/ip/tcp.hpp>
-#include <asio/read.hpp>
-#include <asio/ssl/error.hpp>
-#include <asio/ssl/stream.hpp>
-#include <asio/write.hpp>
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <limits>
 #include <system_error>
 #include <vector>
 
 #include "platform/network/interruption.h"
-
-using asio::error_code;
-using asio::ip::tcp;
+#include "platform/network/socket_address.h"
+#include "platform/network/socket_bio.h"
 
 namespace {
 
@@ -31,12 +27,15 @@ constexpr int kKeepAliveIdleSeconds = 60;
 constexpr int kKeepAliveIntervalSeconds = 10;
 constexpr int kKeepAliveProbes = 6;
 
+constexpr int kNoSocket = -1;
+
+std::atomic<std::chrono::milliseconds> silenceLimit{std::chrono::seconds(kSilenceLimitSeconds)};
+
 void setOption(int descriptor, int level, int name, int value) {
   ::setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
 void prepareSocket(int descriptor) {
-  ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
   setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
   setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdleSeconds);
   setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
@@ -44,185 +43,235 @@ void prepareSocket(int descriptor) {
   setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
 }
 
-std::string textOf(const tcp::endpoint& endpoint) {
-  return endpoint.address().to_string() + " port " + std::to_string(endpoint.port());
+std::string systemText(int fault) {
+  return std::generic_category().message(fault);
 }
 
-bool isTlsFault(const error_code& fault) {
-  return fault.category() == asio::error::get_ssl_category();
+CWmError stopping() {
+  return {kLqErrStopping, "this process is stopping"};
 }
 
-// A fault of an established connection.
-CWmError connectionFault(const error_code& fault) {
-  if (isTlsFault(fault)) return {kLqErrProtocol, "TLS fault: " + fault.message()};
-  if (fault == asio::error::eof || fault == asio::ssl::error::stream_truncated)
-    return {kLqErrConnectionLost, "the peer closed the connection"};
-  return {kLqErrConnectionLost, fault.message()};
+enum class Wait { kReady, kTimedOut, kSilent, kInterrupted };
+
+// Milliseconds for poll(2), rounded up so that a wait never ends early and spins.
+int pollTime(std::chrono::nanoseconds time) {
+  const auto whole = std::chrono::ceil<std::chrono::milliseconds>(time).count();
+  return static_cast<int>(std::clamp<decltype(whole)>(whole, 0, std::numeric_limits<int>::max()));
 }
 
-// A wait that ended before what it waited for came.
-CWmError endedWait(const char* text = "the time given has passed") {
-  if (isInterrupted()) return {kLqErrStopping, "this process is stopping"};
-  return {kLqErrTimeout, text};
+Wait waitFor(int descriptor, short events, const Deadline& deadline) {
+  const auto begin = Deadline::Clock::now();
+  for (;;) {
+    const auto silence = begin + silenceLimit.load() - Deadline::Clock::now();
+    const bool isDeadlineFirst = deadline.limited() && deadline.remaining() <= silence;
+    const auto time = isDeadlineFirst ? deadline.remaining() : silence;
+    pollfd watched[] = {{descriptor, events, 0}, {interruptionDescriptor(), POLLIN, 0}};
+    const int ready = ::poll(watched, std::size(watched), isInterrupted() ? 0 : pollTime(time));
+    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category());
+    // What can be done without waiting is done even when the process stops.
+    if (ready > 0 && watched[0].revents != 0) return Wait::kReady;
+    if (isInterrupted()) return Wait::kInterrupted;
+    if (ready == 0) return isDeadlineFirst ? Wait::kTimedOut : Wait::kSilent;
+  }
 }
 
 // The addresses to try, in order: every address of the host on the first port, then on the second.
-std::vector<tcp::endpoint> candidates(const tcp::resolver::results_type& found, const Target& target) {
-  std::vector<tcp::endpoint> list;
+std::vector<SocketAddress> candidates(const std::vector<SocketAddress>& found, const Target& target) {
+  std::vector<SocketAddress> list;
   for (const std::uint16_t port : target.ports) {
-    for (const auto& entry : found) list.emplace_back(entry.endpoint().address(), port);
+    for (SocketAddress address : found) {
+      address.setPort(port);
+      list.push_back(address);
+    }
     if (target.ports[0] == target.ports[1]) break;
   }
   return list;
 }
 
+// Connects within the deadline: the fault's number, ETIMEDOUT when it passed without an answer.
+int connectWithin(int descriptor, const SocketAddress& place, const Deadline& deadline) {
+  if (::connect(descriptor, place.get(), place.size) == 0) return 0;
+  if (errno != EINPROGRESS && errno != EINTR) return errno;
+  if (waitFor(descriptor, POLLOUT, deadline) != Wait::kReady) return ETIMEDOUT;
+  int fault = 0;
+  socklen_t size = sizeof fault;
+  return ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &fault, &size) == 0 ? fault : errno;
+}
+
 }  // namespace
 
-struct TlsConnection::Impl {
-  enum class Outcome { kDone, kTimedOut };
+void TlsConnection::FreeTls::operator()(ssl_st* tls) const {
+  SSL_free(tls);
+}
 
-  explicit Impl(std::shared_ptr<const TlsPsk> configuration)
-      : psk(std::move(configuration)), stream(socket, psk->newConnection(identity)) {}
+TlsConnection::~TlsConnection() {
+  closeSocket();
+}
 
-  // Starts an operation, runs it to its end and gives its result; past the deadline it is cancelled. What it
-  // did reaches the caller through `fault` and whatever else its handler stores.
-  template <class Start>
-  Outcome run(const Deadline& deadline, error_code& fault, Start start) {
-    bool done = false;
-    io.restart();
-    start([&done, &fault](const error_code& result, auto&&...) {
-      fault = result;
-      done = true;
-    });
-    if (isInterrupted()) {
-      io.poll();  // what can be done without waiting is done all the same
-    } else if (deadline.limited()) {
-      io.run_for(deadline.remaining());
-    } else {
-      io.run();
-    }
-    if (done) return Outcome::kDone;
-    // An operation of several parts may begin its next part after one cancel, hence the loop.
-    while (!done) {
-      error_code ignored;
-      socket.cancel(ignored);
-      io.restart();
-      io.poll();
-    }
-    return fault == asio::error::operation_aborted ? Outcome::kTimedOut : Outcome::kDone;
-  }
+void TlsConnection::closeSocket() {
+  if (descriptor_ != kNoSocket) ::close(descriptor_);
+  descriptor_ = kNoSocket;
+}
 
-  asio::io_context io{1};
-  tcp::socket socket{io};
-  std::shared_ptr<const TlsPsk> psk;
-  std::string identity;
-  std::string address;
-  bool accepted = false;
-  asio::ssl::stream<tcp::socket&> stream;
-  Interruptible interruptible{[this] { io.stop(); }};
-};
-
-TlsConnection::TlsConnection(std::shared_ptr<const TlsPsk> psk)
-    : impl_(std::make_unique<Impl>(std::move(psk))) {}
-
-TlsConnection::~TlsConnection() = default;
+void TlsConnection::setSilenceLimit(std::chrono::milliseconds limit) {
+  silenceLimit = limit;
+}
 
 CWmError TlsConnection::connect(const Target& target, const Deadline& deadline) {
-  error_code fault;
-  const auto found = tcp::resolver(impl_->io).resolve(target.host, "", fault);
-  if (fault) return {kLqErrConnect, fault.message()};
+  std::string fault;
+  const std::vector<SocketAddress> found = resolveHost(target.host, fault);
+  if (found.empty()) return {kLqErrConnect, fault};
 
-  const std::vector<tcp::endpoint> endpoints = candidates(found, target);
+  const std::vector<SocketAddress> places = candidates(found, target);
   std::string reasons;
-  bool timedOut = true;
-  for (std::size_t i = 0; i < endpoints.size(); ++i) {
-    const auto outcome = impl_->run(deadline.share(endpoints.size() - i), fault, [&](auto handler) {
-      error_code problem;
-      impl_->socket.close(problem);
-      impl_->socket.open(endpoints[i].protocol(), problem);
-      if (problem) return handler(problem);
-      prepareSocket(impl_->socket.native_handle());
-      impl_->socket.async_connect(endpoints[i], handler);
-    });
-    if (outcome == Impl::Outcome::kDone && !fault) {
-      impl_->address = textOf(endpoints[i]);
+  bool isSilent = true;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const int descriptor =
+        ::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0) throw std::system_error(errno, std::generic_category());
+    closeSocket();
+    descriptor_ = descriptor;
+    prepareSocket(descriptor_);
+    const int problem = connectWithin(descriptor_, places[i], deadline.share(places.size() - i));
+    if (problem == 0) {
+      address_ = places[i].text();
       return {};
     }
-    timedOut = timedOut && outcome == Impl::Outcome::kTimedOut;
-    reasons += (reasons.empty() ? "" : "; ") + textOf(endpoints[i]) + ": " +
-               (outcome == Impl::Outcome::kTimedOut ? "no answer" : fault.message());
+    if (isInterrupted()) return stopping();
+    isSilent = isSilent && problem == ETIMEDOUT;
+    reasons += (reasons.empty() ? "" : "; ") + places[i].text() + ": " +
+               (problem == ETIMEDOUT ? "no answer" : systemText(problem));
   }
-  return timedOut ? endedWait(reasons.c_str()) : CWmError(kLqErrConnect, reasons);
+  return {isSilent ? kLqErrTimeout : kLqErrConnect, reasons};
 }
 
 void TlsConnection::adopt(int descriptor) {
-  sockaddr_storage local{};
-  socklen_t size = sizeof local;
-  ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &size);
-  error_code fault;
-  impl_->socket.assign(local.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), descriptor, fault);
-  if (fault) {
-    ::close(descriptor);
-    throw std::system_error(fault);
-  }
-  prepareSocket(descriptor);
-  impl_->accepted = true;
-  impl_->address = textOf(impl_->socket.remote_endpoint(fault));
+  closeSocket();
+  descriptor_ = descriptor;
+  prepareSocket(descriptor_);
+  accepted_ = true;
+  SocketAddress peer;
+  ::getpeername(descriptor_, peer.edit(), &peer.size);
+  address_ = peer.text();
 }
 
-CWmError TlsConnection::handshake(const Deadline& deadline) {
-  const auto side = impl_->accepted ? asio::ssl::stream_base::server : asio::ssl::stream_base::client;
-  error_code fault;
-  const auto outcome =
-      impl_->run(deadline, fault, [&](auto handler) { impl_->stream.async_handshake(side, handler); });
-  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
-  if (isTlsFault(fault))
-    return {kLqErrHandshake, handshakeFault(static_cast<unsigned long>(fault.value()), !impl_->accepted)};
-  if (fault) return connectionFault(fault);
-  if (!usedSharedKey(impl_->stream.native_handle()))
+ssl_st& TlsConnection::tls() {
+  if (tls_ != nullptr) return *tls_;
+  tls_.reset(psk_->newConnection(identity_));
+  BIO* const socket = newSocketBio(descriptor_);
+  SSL_set_bio(tls_.get(), socket, socket);
+  if (accepted_) {
+    SSL_set_accept_state(tls_.get());
+  } else {
+    SSL_set_connect_state(tls_.get());
+  }
+  return *tls_;
+}
+
+CWmError TlsConnection::outcome(int result, Waiting& waiting) {
+  const int fault = errno;
+  switch (SSL_get_error(tls_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+      waiting = Waiting::kReadable;
+      return {};
+    case SSL_ERROR_WANT_WRITE:
+      waiting = Waiting::kWritable;
+      return {};
+    case SSL_ERROR_ZERO_RETURN:
+      return {kLqErrConnectionLost, "the peer closed the connection"};
+    case SSL_ERROR_SYSCALL:
+      return {kLqErrConnectionLost, fault == 0 ? "the peer closed the connection" : systemText(fault)};
+    default:
+      break;
+  }
+  const unsigned long error = ERR_peek_error();
+  if (ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING)
+    return {kLqErrConnectionLost, "the peer closed the connection"};
+  if (!established_) return {kLqErrHandshake, handshakeFault(error, !accepted_)};
+  const char* const detail = ERR_reason_error_string(error);
+  return {kLqErrProtocol, std::string("TLS fault: ") + (detail != nullptr ? detail : "unknown")};
+}
+
+CWmError TlsConnection::tryHandshake(Waiting& waiting) {
+  waiting = Waiting::kNothing;
+  ssl_st& connection = tls();
+  ERR_clear_error();
+  errno = 0;
+  const int result = SSL_do_handshake(&connection);
+  if (result != 1) return outcome(result, waiting);
+  if (!usedSharedKey(&connection))
     return {kLqErrHandshake, "the other end did not prove that it holds the session key"};
+  established_ = true;
   return {};
 }
 
-CWmError TlsConnection::read(char* data, std::size_t size, std::size_t& got, const Deadline& deadline) {
+CWmError TlsConnection::handshake(const Deadline& deadline) {
+  for (;;) {
+    Waiting waiting{};
+    CWmError error = tryHandshake(waiting);
+    if (error.IsError() || waiting == Waiting::kNothing) return error;
+    error = await(waiting, deadline);
+    if (error.IsError()) return error;
+  }
+}
+
+CWmError TlsConnection::tryRead(char* data, std::size_t size, std::size_t& got, Waiting& waiting) {
   got = 0;
-  error_code fault;
-  const auto outcome = impl_->run(deadline, fault, [&](auto handler) {
-    asio::async_read(impl_->stream, asio::buffer(data, size),
-                     [&got, handler](const error_code& result, std::size_t bytes) mutable {
-                       got = bytes;
-                       handler(result);
-                     });
-  });
-  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
-  return fault ? connectionFault(fault) : CWmError();
+  waiting = Waiting::kNothing;
+  ERR_clear_error();
+  errno = 0;
+  const int result = SSL_read_ex(&tls(), data, size, &got);
+  return result == 1 ? CWmError() : outcome(result, waiting);
+}
+
+CWmError TlsConnection::writeAll(std::string_view bytes, const Deadline& deadline) {
+  while (!bytes.empty()) {
+    std::size_t written = 0;
+    ERR_clear_error();
+    errno = 0;
+    const int result = SSL_write_ex(&tls(), bytes.data(), bytes.size(), &written);
+    if (result == 1) {
+      bytes.remove_prefix(written);
+      continue;
+    }
+    Waiting waiting{};
+    CWmError error = outcome(result, waiting);
+    if (!error.IsError()) error = await(waiting, deadline);
+    if (error.IsError()) return error;
+  }
+  return {};
 }
 
 CWmError TlsConnection::write(std::string_view first, std::string_view second, const Deadline& deadline) {
-  const std::array<asio::const_buffer, 2> parts{asio::buffer(first), asio::buffer(second)};
-  error_code fault;
-  const auto outcome =
-      impl_->run(deadline, fault, [&](auto handler) { asio::async_write(impl_->stream, parts, handler); });
-  if (outcome == Impl::Outcome::kTimedOut) return endedWait();
-  return fault ? connectionFault(fault) : CWmError();
+  CWmError error = writeAll(first, deadline);
+  return error.IsError() ? error : writeAll(second, deadline);
+}
+
+CWmError TlsConnection::await(Waiting waiting, const Deadline& deadline) const {
+  if (waiting == Waiting::kMore) return {};
+  switch (waitFor(descriptor_, waiting == Waiting::kWritable ? POLLOUT : POLLIN, deadline)) {
+    case Wait::kReady:
+      return {};
+    case Wait::kInterrupted:
+      return stopping();
+    case Wait::kSilent:
+      return {kLqErrConnectionLost, "not a byte has moved for as long as a session may be silent"};
+    case Wait::kTimedOut:
+      break;
+  }
+  return {kLqErrTimeout, "the time given has passed"};
 }
 
 void TlsConnection::shutdown() {
-  error_code ignored;
-  impl_->run(Deadline::in(0), ignored, [&](auto handler) { impl_->stream.async_shutdown(handler); });
-  impl_->socket.close(ignored);
+  if (established_) {
+    ERR_clear_error();
+    SSL_shutdown(tls_.get());
+  }
+  closeSocket();
 }
 
 bool TlsConnection::closedByPeer() const {
   char byte = 0;
-  const ssize_t peeked = ::recv(impl_->socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  const ssize_t peeked = ::recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   return peeked == 0 || (peeked < 0 && errno != EAGAIN && errno != EINTR);
-}
-
-const std::string& TlsConnection::identity() const {
-  return impl_->identity;
-}
-
-const std::string& TlsConnection::address() const {
-  return impl_->address;
 }

@@ -1,10 +1,14 @@
-// One TCP connection with TLS on it: connect or adopt, handshake, exact reads and writes against a deadline.
+// One TCP connection with TLS on it: connect or adopt, handshake, exact reads and writes.
 //
-// The only place that knows how asynchronous operations are run and timed out. Used by one thread at a time.
-// Steps give kLqErrTimeout, kLqErrConnectionLost or a code of their own, with the bare reason as text; memory
-// and descriptor shortage are thrown as std::exception for the session to catch.
+// It is a non-blocking socket and a TLS state, bound to no thread: whoever holds it may go on with it, one
+// thread at a time. Each step comes in two forms: one that does what it can without waiting and says what it
+// waits for, and one that waits against a deadline. No wait outlasts the silence limit
+// (CLqNetwork::SetSilenceLimit) without a byte, or interruptAll(). Steps give kLqErrTimeout,
+// kLqErrConnectionLost or a code of their own, with the bare reason as text; memory and descriptor shortage
+// are thrown as std::exception for the session to catch.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -15,26 +19,40 @@
 #include "platform/network/target.h"
 #include "platform/network/tls_psk.h"
 
+// What a step that was begun waits for.
+enum class Waiting {
+  kNothing,   // it is done, or has failed
+  kReadable,  // bytes from the peer
+  kWritable,  // room in the socket
+  kMore,      // nothing: it only lets others have their turn
+  kTurn,      // memory for a frame (frame_budget.h)
+};
+
 class TlsConnection {
  public:
-  explicit TlsConnection(std::shared_ptr<const TlsPsk> psk);
-  ~TlsConnection();
+  explicit TlsConnection(std::shared_ptr<const TlsPsk> psk) : psk_(std::move(psk)) {}
+  ~TlsConnection();  // closes, without a word to the peer
   TlsConnection(const TlsConnection&) = delete;
   TlsConnection& operator=(const TlsConnection&) = delete;
 
   // Connects to the target's first port or, when nobody can be reached there, its second.
   CWmError connect(const Target& target, const Deadline& deadline);
 
-  // Takes over an accepted socket; it is closed when that fails.
+  // Takes over an accepted, non-blocking socket. Until the first byte comes, it costs no TLS state.
   void adopt(int descriptor);
 
   CWmError handshake(const Deadline& deadline);
+  CWmError tryHandshake(Waiting& waiting);
 
-  // Reads exactly `size` bytes; `got` tells how many came before an error.
-  CWmError read(char* data, std::size_t size, std::size_t& got, const Deadline& deadline);
+  // Reads some of `size` bytes; `got` tells how many came, which is 0 only when there is something to wait
+  // for.
+  CWmError tryRead(char* data, std::size_t size, std::size_t& got, Waiting& waiting);
 
   // Writes both parts, one after the other.
   CWmError write(std::string_view first, std::string_view second, const Deadline& deadline);
+
+  // Waits until a step that said `waiting` can go on.
+  CWmError await(Waiting waiting, const Deadline& deadline) const;
 
   // Tells the peer that nothing more comes, as far as that is possible without waiting, and closes.
   void shutdown();
@@ -42,12 +60,31 @@ class TlsConnection {
   // Looks, without waiting, whether the peer has closed the connection.
   bool closedByPeer() const;
 
+  int descriptor() const { return descriptor_; }
   // The caller's identity, after the handshake of the accepting side.
-  const std::string& identity() const;
+  const std::string& identity() const { return identity_; }
   // Address and port of the peer, for texts.
-  const std::string& address() const;
+  const std::string& address() const { return address_; }
+
+  // How long a wait may go without a byte, whatever its deadline. For the whole process.
+  static void setSilenceLimit(std::chrono::milliseconds limit);
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  struct FreeTls {
+    void operator()(ssl_st* tls) const;
+  };
+
+  ssl_st& tls();
+  void closeSocket();
+  // What a TLS operation that did not succeed has come to.
+  CWmError outcome(int result, Waiting& waiting);
+  CWmError writeAll(std::string_view bytes, const Deadline& deadline);
+
+  std::shared_ptr<const TlsPsk> psk_;
+  std::string identity_;
+  std::string address_;
+  int descriptor_ = -1;
+  bool accepted_ = false;
+  bool established_ = false;
+  std::unique_ptr<ssl_st, FreeTls> tls_;
 };

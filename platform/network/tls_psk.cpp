@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 
@@ -15,8 +16,7 @@ namespace {
 constexpr char kCipherSuite[] = "TLS_AES_128_GCM_SHA256";
 constexpr unsigned char kCipherSuiteId[] = {0x13, 0x01};
 
-// Where a context keeps its TlsPsk, and a connection the text that gets the caller's identity. Slot 0 of both
-// belongs to Asio.
+// Where a context keeps its TlsPsk, and a connection the text that gets the caller's identity.
 int configurationSlot() {
   static const int slot = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
   return slot;
@@ -78,6 +78,15 @@ TlsPsk::TlsPsk(Credentials& credentials) : context_(SSL_CTX_new(TLS_client_metho
   SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
 }
 
+std::shared_ptr<const TlsPsk> TlsPsk::ofCaller(Credentials& credentials) {
+  static std::mutex mutex;
+  static std::shared_ptr<const TlsPsk> last;
+  const std::lock_guard lock(mutex);
+  if (last == nullptr || !last->credentials_.equals(credentials))
+    last = std::make_shared<TlsPsk>(credentials);
+  return last;
+}
+
 TlsPsk::TlsPsk(LqListener::KeyLookup lookup)
     : lookup_(std::move(lookup)), context_(SSL_CTX_new(TLS_server_method())) {
   configure();
@@ -96,6 +105,8 @@ void TlsPsk::configure() {
   SSL_CTX_set_ciphersuites(context_, kCipherSuite);
   SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_num_tickets(context_, 0);
+  // A long text goes out record by record, each against the deadline; and a silent session holds no buffers.
+  SSL_CTX_set_mode(context_, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_RELEASE_BUFFERS);
 }
 
 ssl_st* TlsPsk::newConnection(std::string& identity) const {

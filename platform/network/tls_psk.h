@@ -17,6 +17,9 @@ class TlsPsk {
  public:
   // The calling side. Takes the identity and key out of `credentials`.
   explicit TlsPsk(Credentials& credentials);
+  // The same, made once for as long as the process calls with the same credentials. The last one is kept; one
+  // whose key was replaced goes, and is wiped, with its last connection.
+  static std::shared_ptr<const TlsPsk> ofCaller(Credentials& credentials);
   // The accepting side.
   explicit TlsPsk(LqListener::KeyLookup lookup);
   ~TlsPsk();

@@ -17,9 +17,10 @@ const char* intern(const char* text) {
   return texts->emplace(text).first->c_str();
 }
 
+// An empty directory is none: joined with a name it would be the file system's root.
 const char* directoryOrNull(LQPlatformInfo& info, const char* section, const char* name,
                             std::string& directory) {
-  return info.getDirectory(section, name, directory) ? directory.c_str() : nullptr;
+  return info.getDirectory(section, name, directory) && !directory.empty() ? directory.c_str() : nullptr;
 }
 
 bool isInstalled(LQPlatformInfo& info, const std::string& name) {

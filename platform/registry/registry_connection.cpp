@@ -13,12 +13,17 @@
 #include <filesystem>
 #include <system_error>
 
+#include "lqregistry/FXFile.h"
+#include "platform/registry/registry_key.h"
+#include "platform/secret/protection_key.h"
+
 namespace lqregistry {
 
 namespace {
 
 constexpr std::int64_t kApplicationId = 0x4C515247;  // "LQRG", at a fixed place in the file's header
-constexpr std::int64_t kSchemaVersion = 1;
+constexpr std::int64_t kSchemaVersion = 2;
+constexpr std::int64_t kVersionWithoutFacts = 1;
 constexpr mode_t kFileMode = 0600;  // SQLite gives its companion files the mode of the main one
 constexpr int kPrimaryCode = 0xFF;  // of an SQLite result; the bits above tell more
 constexpr mode_t kPermissionBits = 0777;
@@ -30,7 +35,7 @@ constexpr const char* kSettings =
     "PRAGMA synchronous = FULL;"
     "PRAGMA foreign_keys = ON;";
 
-// The two numbers are those of kApplicationId and kSchemaVersion.
+// The number is that of kApplicationId; that of kSchemaVersion comes with kFactsSchema.
 constexpr const char* kSchema =
     "CREATE TABLE keys ("
     "  id INTEGER PRIMARY KEY,"
@@ -44,8 +49,20 @@ constexpr const char* kSchema =
     "  type INTEGER NOT NULL,"
     "  data BLOB NOT NULL,"
     "  PRIMARY KEY (key_id, name)) WITHOUT ROWID;"
-    "PRAGMA application_id = 0x4C515247;"
-    "PRAGMA user_version = 1;";
+    "PRAGMA application_id = 0x4C515247;";
+
+// Format 2 adds what the file knows of itself.
+constexpr const char* kFactsSchema =
+    "CREATE TABLE facts ("
+    "  name TEXT PRIMARY KEY,"
+    "  value TEXT NOT NULL) WITHOUT ROWID;"
+    "PRAGMA user_version = 2;";
+
+constexpr const char* kKeyFact = "protection key";
+constexpr const char* kReadFact = "SELECT value FROM facts WHERE name = ?1";
+constexpr const char* kAddFact = "INSERT INTO facts (name, value) VALUES (?1, ?2)";
+constexpr const char* kCountProtected =
+    "SELECT count(*) FROM key_values WHERE substr(data, 1, 3) = CAST('V8:' AS BLOB)";
 
 constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatements = {
     "BEGIN IMMEDIATE",
@@ -141,6 +158,8 @@ Outcome Connection::open(const std::string& path, Access access, std::chrono::mi
   close();
   path_ = path;
   wait_ = wait;
+  const CWmError trust = FXFile::CheckTrusted(path);
+  if (trust.IsError()) return unavailable(trust.AsString());
   FileState state;
   Outcome outcome = inspect(path, state);
   if (!outcome.ok()) return outcome;
@@ -174,13 +193,15 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
     if (access == Access::kReading) return {kRegKeyMissing, "nothing was written to the registry file yet"};
   } else if (identity.applicationId != kApplicationId) {
     return unavailable("it is a database of another application");
-  } else if (identity.version != kSchemaVersion) {
-    return unavailable("it has format " + std::to_string(identity.version) + ", this program knows format " +
-                       std::to_string(kSchemaVersion));
+  } else if (identity.version < kVersionWithoutFacts || identity.version > kSchemaVersion) {
+    return unavailable("it has format " + std::to_string(identity.version) + ", this program knows formats " +
+                       std::to_string(kVersionWithoutFacts) + " to " + std::to_string(kSchemaVersion));
   }
 
-  if (!isReadOnly()) result = configure(identity.blank());
-  return result == SQLITE_OK ? Outcome{} : failure(result);
+  if (isReadOnly()) return {};
+  result = configure(identity.blank());
+  if (result != SQLITE_OK) return failure(result);
+  return identity.blank() ? createSchema() : settleKey(identity.version, wait);
 }
 
 Outcome Connection::openCopy(const std::string& path) {
@@ -233,19 +254,94 @@ int Connection::configure(bool blank) {
   // waiting, until it is opened at a moment when nobody uses it.
   if ((result & kPrimaryCode) == SQLITE_BUSY && !blank) result = SQLITE_OK;
   if (result == SQLITE_OK) result = execute(kSettings);
-  if (result == SQLITE_OK && blank) result = createSchema();
   return result;
 }
 
-int Connection::createSchema() {
+Outcome Connection::createSchema() {
   int result = execute("BEGIN IMMEDIATE");
-  if (result != SQLITE_OK) return result;
+  if (result != SQLITE_OK) return failure(result);
   // Another process may have been first.
   Identity identity;
   result = identify(identity);
-  if (result == SQLITE_OK && identity.blank()) result = execute(kSchema);
+  if (result == SQLITE_OK && !identity.blank()) result = execute("COMMIT");
+  if (result != SQLITE_OK || !identity.blank()) return ended(result);
+  const std::string keyFile = keyFileOf(path_);
+  if (lqsecret::keyFileExists(keyFile)) {
+    execute("ROLLBACK");
+    return unavailable("there is no registry in it, but a protection key that belongs to one: " + keyFile +
+                       "; put the registry back from a backup, or move the key away to begin a new one");
+  }
+  result = execute(kSchema);
+  if (result == SQLITE_OK) result = execute(kFactsSchema);
+  return result == SQLITE_OK ? commitWithNewKey() : ended(result);
+}
+
+Outcome Connection::settleKey(std::int64_t version, std::chrono::milliseconds wait) {
+  std::string fingerprint;
+  if (version == kSchemaVersion && readKeyFingerprint(fingerprint) == SQLITE_OK && !fingerprint.empty())
+    return {};
+  // Whoever writes at this moment is not waited for: another opening comes.
+  setWait(std::chrono::milliseconds::zero());
+  int result = execute("BEGIN IMMEDIATE");
+  setWait(wait);
+  if (result != SQLITE_OK) return (result & kPrimaryCode) == SQLITE_BUSY ? Outcome{} : failure(result);
+  Identity identity;
+  result = identify(identity);
+  if (result == SQLITE_OK && identity.version < kSchemaVersion) result = execute(kFactsSchema);
+  if (result == SQLITE_OK) result = readKeyFingerprint(fingerprint);
+  std::int64_t isProtecting = 0;
+  if (result == SQLITE_OK) result = readNumber(kCountProtected, isProtecting);
+  if (result != SQLITE_OK) return ended(result);
+  const std::string keyFile = keyFileOf(path_);
+  const bool hasKey = lqsecret::keyFileExists(keyFile);
+  if (fingerprint.empty() && !hasKey && isProtecting == 0) return commitWithNewKey();
+  // A key that cannot be used now is adopted by a later opening, when somebody has seen to it.
+  if (fingerprint.empty() && hasKey && !lqsecret::fingerprintOf(keyFile, fingerprint).IsError())
+    result = addKeyFingerprint(fingerprint);
+  return ended(result == SQLITE_OK ? execute("COMMIT") : result);
+}
+
+Outcome Connection::commitWithNewKey() {
+  const std::string keyFile = keyFileOf(path_);
+  std::string fingerprint;
+  const CWmError error = lqsecret::stageKey(keyFile, fingerprint);
+  if (error.IsError()) {
+    execute("ROLLBACK");
+    return unavailable(error.AsString());
+  }
+  int result = addKeyFingerprint(fingerprint);
   if (result == SQLITE_OK) result = execute("COMMIT");
-  return result;
+  // A key that stays behind is found and put in place by who needs it first.
+  if (result == SQLITE_OK) lqsecret::placeKey(keyFile);
+  return ended(result);
+}
+
+Outcome Connection::ended(int result) {
+  if (result == SQLITE_OK) return {};
+  Outcome outcome = failure(result);
+  if (inTransaction()) execute("ROLLBACK");
+  return outcome;
+}
+
+int Connection::readKeyFingerprint(std::string& fingerprint) {
+  fingerprint.clear();
+  sqlite3_stmt* statement = nullptr;
+  int result = sqlite3_prepare_v2(database_, kReadFact, -1, &statement, nullptr);
+  if (result != SQLITE_OK) return result;
+  result = sqlite3_bind_text(statement, 1, kKeyFact, -1, SQLITE_STATIC);
+  if (result == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
+    fingerprint = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+  return sqlite3_finalize(statement);
+}
+
+int Connection::addKeyFingerprint(const std::string& fingerprint) {
+  sqlite3_stmt* statement = nullptr;
+  int result = sqlite3_prepare_v2(database_, kAddFact, -1, &statement, nullptr);
+  if (result == SQLITE_OK) result = sqlite3_bind_text(statement, 1, kKeyFact, -1, SQLITE_STATIC);
+  if (result == SQLITE_OK) result = sqlite3_bind_text(statement, 2, fingerprint.c_str(), -1, SQLITE_STATIC);
+  if (result == SQLITE_OK) sqlite3_step(statement);
+  const int ending = sqlite3_finalize(statement);
+  return result == SQLITE_OK ? ending : result;
 }
 
 void Connection::close() {

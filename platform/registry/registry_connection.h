@@ -1,7 +1,8 @@
 // One SQLite connection to a registry file: opening it safely, and the prepared statements on it.
 //
 // Opening checks that the file is a registry before anything is written to it, and creates it only when the
-// caller means to write. A connection has no lock of its own; its owner lets one thread in at a time.
+// caller means to write, together with the protection key of its values. A connection has no lock of its own;
+// its owner lets one thread in at a time.
 #pragma once
 
 #include <sqlite3.h>
@@ -75,6 +76,10 @@ class Connection {
   int runWithoutWaiting(Sql statement);
   std::int64_t lastKeyId() const { return sqlite3_last_insert_rowid(database_); }
 
+  // The fingerprint of the protection key that belongs to this registry; empty when it is not known. An
+  // SQLite result code; a file of format 1 has none to read.
+  int readKeyFingerprint(std::string& fingerprint);
+
   // The outcome for an SQLite result code that the last call on this connection gave.
   Outcome failure(int result) const;
 
@@ -93,11 +98,18 @@ class Connection {
   void setWait(std::chrono::milliseconds wait);
   int identify(Identity& identity);
   int configure(bool blank);
-  int createSchema();
+  Outcome createSchema();
+  // Brings a file of an older format up to date, and records the key of one that does not know it yet.
+  Outcome settleKey(std::int64_t version, std::chrono::milliseconds wait);
+  Outcome commitWithNewKey();
+  // The outcome of a transaction that came to `result`; undoes it when it failed.
+  Outcome ended(int result);
+  int addKeyFingerprint(const std::string& fingerprint);
   int readNumber(const char* sql, std::int64_t& number);
   int firstRow(const char* sql, std::string& text);
   int execute(const char* sql);
 
+  std::string path_;
   sqlite3* database_ = nullptr;
   std::string path_;
   std::chrono::milliseconds wait_{0};

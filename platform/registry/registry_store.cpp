@@ -11,6 +11,7 @@
 
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
+#include "platform/secret/protection_key.h"
 
 namespace lqregistry {
 
@@ -66,6 +67,7 @@ void RegistryStore::useFile(const std::string& path) {
   path_ = path.empty() ? path : absolutePath(path);
   readFault_.clear();
   writeFault_.clear();
+  lqsecret::forgetKey();
 }
 
 std::string RegistryStore::file() {

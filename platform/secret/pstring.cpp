@@ -1,102 +1,20 @@
-// The protected string over OpenSSL's AES-256-SIV, and the protection key's file.
+// The protected string over OpenSSL's AES-256-SIV.
 #include "lqregistry/pstring.h"
 
-#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/rand.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <cstring>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <vector>
 
-#include "lqregistry/FXFile.h"
-#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
+#include "platform/secret/protection_key.h"
 
 namespace {
 
 constexpr const char* kPrefix = "V8:";
 constexpr std::size_t kPrefixLength = 3;
-constexpr std::size_t kKeyBytes = 64;  // AES-256-SIV takes two keys of 32 bytes
 constexpr std::size_t kTagBytes = 16;  // the synthetic initialisation vector, put before the encrypted bytes
-
-using Key = std::array<unsigned char, kKeyBytes>;
-
-std::mutex keyMutex;
-std::string keyFile;          // guarded by keyMutex
-std::optional<Key> keyInUse;  // guarded by keyMutex
-
-bool readKey(const std::string& path, Key& key, std::string& reason) {
-  auto_handle handle;
-  CWmError error = FXFile::LQCreateFile(path, FXFile::kGenericRead, FXFile::kShareRead, nullptr,
-                                        FXFile::kOpenExisting, FXFile::kAttributeNormal, nullptr, handle);
-  std::uint32_t got = 0;
-  if (!error.IsError()) error = FXFile::LQReadFile(handle, key.data(), kKeyBytes, got);
-  if (error.IsError()) {
-    reason = error.AsString();
-    return false;
-  }
-  if (got == kKeyBytes) return true;
-  reason = path + ": not a key file (" + std::to_string(got) + " bytes instead of " +
-           std::to_string(kKeyBytes) + ")";
-  return false;
-}
-
-// Puts the folder's entry for a new file on disk: a key that a power cut takes back takes its values along.
-bool syncFolderOf(const std::string& path) {
-  const std::size_t separator = path.rfind('/');
-  const std::string folder = separator == std::string::npos ? "." : path.substr(0, separator + 1);
-  const auto_handle handle(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return handle.isValid() && ::fsync(handle.get()) == 0;
-}
-
-// Writes a fresh key beside its final name and links it there, so that of several processes that start at
-// once one key wins and none is ever seen half written.
-bool createKey(const std::string& path, std::string& reason) {
-  Key key;
-  std::string temporary = path + ".XXXXXX";
-  const auto_handle handle(::mkostemp(temporary.data(), O_CLOEXEC));
-  bool written = handle.isValid() && RAND_bytes(key.data(), kKeyBytes) == 1;
-  std::uint64_t put = 0;
-  written = written && !FXFile::LQWriteFile(handle, key.data(), kKeyBytes, put).IsError() &&
-            ::fsync(handle.get()) == 0;
-  OPENSSL_cleanse(key.data(), kKeyBytes);
-  written =
-      written && (::link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST) && syncFolderOf(path);
-  if (!written)
-    reason = path + ": " + std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): glibc's is safe
-  if (handle.isValid()) ::unlink(temporary.c_str());
-  return written;
-}
-
-// The protection key; nothing, with an error line, when it cannot be had. Only who is about to protect
-// something may create it: what a lost key has protected must not look as if another key had been meant.
-enum class KeyUse { kProtect, kReveal };
-
-std::optional<Key> protectionKey(KeyUse use, const char* caller) {
-  const std::lock_guard lock(keyMutex);
-  if (keyInUse) return keyInUse;
-  const std::string path = keyFile.empty() ? lqregistry::File() + ".key" : keyFile;
-  Key key;
-  std::string reason;
-  const bool mustCreate = use == KeyUse::kProtect && ::access(path.c_str(), F_OK) != 0;
-  bool known = !mustCreate || createKey(path, reason);
-  known = known && readKey(path, key, reason);
-  if (!known) {
-    ObEvent().Error(caller, "No protection key for protected values: %s", reason.c_str());
-    return std::nullopt;
-  }
-  keyInUse = key;
-  OPENSSL_cleanse(key.data(), kKeyBytes);
-  return keyInUse;
-}
 
 struct SivCipher {
   SivCipher() : cipher(EVP_CIPHER_fetch(nullptr, "AES-256-SIV", nullptr), &EVP_CIPHER_free) {}
@@ -106,13 +24,13 @@ struct SivCipher {
 };
 
 // Tag and encrypted bytes; empty when the cryptographic library fails.
-std::vector<unsigned char> seal(const Key& key, std::string_view secret) {
+std::vector<unsigned char> seal(const lqsecret::Key& key, std::string_view secret) {
   const SivCipher siv;
   std::vector<unsigned char> sealed(kTagBytes + secret.size());
   int length = 0;
   const bool done =
       siv.cipher &&
-      EVP_EncryptInit_ex2(siv.context.get(), siv.cipher.get(), key.data(), nullptr, nullptr) == 1 &&
+      EVP_EncryptInit_ex2(siv.context.get(), siv.cipher.get(), key.bytes.data(), nullptr, nullptr) == 1 &&
       EVP_EncryptUpdate(siv.context.get(), sealed.data() + kTagBytes, &length,
                         reinterpret_cast<const unsigned char*>(secret.data()),
                         static_cast<int>(secret.size())) == 1 &&
@@ -122,13 +40,13 @@ std::vector<unsigned char> seal(const Key& key, std::string_view secret) {
   return sealed;
 }
 
-bool unseal(const Key& key, std::vector<unsigned char>& sealed, std::string& secret) {
+bool unseal(const lqsecret::Key& key, std::vector<unsigned char>& sealed, std::string& secret) {
   const SivCipher siv;
   const std::size_t size = sealed.size() - kTagBytes;
   secret.resize(size);
   int length = 0;
   return siv.cipher &&
-         EVP_DecryptInit_ex2(siv.context.get(), siv.cipher.get(), key.data(), nullptr, nullptr) == 1 &&
+         EVP_DecryptInit_ex2(siv.context.get(), siv.cipher.get(), key.bytes.data(), nullptr, nullptr) == 1 &&
          EVP_CIPHER_CTX_ctrl(siv.context.get(), EVP_CTRL_AEAD_SET_TAG, kTagBytes, sealed.data()) == 1 &&
          EVP_DecryptUpdate(siv.context.get(), reinterpret_cast<unsigned char*>(secret.data()), &length,
                            sealed.data() + kTagBytes, static_cast<int>(size)) == 1;
@@ -162,13 +80,15 @@ pstring::~pstring() {
   wipe();
 }
 pstring::pstring(const pstring& other) = default;
-pstring::pstring(pstring&& other) noexcept : secret_(std::move(other.secret_)) {
+pstring::pstring(pstring&& other) noexcept
+    : secret_(std::move(other.secret_)), sealed_(std::move(other.sealed_)) {
   other.wipe();
 }
 pstring& pstring::operator=(const pstring& other) {
   if (this != &other) {
     wipe();
     secret_ = other.secret_;
+    sealed_ = other.sealed_;
   }
   return *this;
 }
@@ -176,6 +96,7 @@ pstring& pstring::operator=(pstring&& other) noexcept {
   if (this != &other) {
     wipe();
     secret_ = std::move(other.secret_);
+    sealed_ = std::move(other.sealed_);
     other.wipe();
   }
   return *this;
@@ -185,11 +106,13 @@ void pstring::wipe() {
   secret_.resize(secret_.capacity());  // a short string moved from keeps its bytes behind its length
   OPENSSL_cleanse(secret_.data(), secret_.size());
   secret_.clear();
+  sealed_.clear();
 }
 
 std::string pstring::getV8Password() const {
+  if (isUnreadable()) return sealed_;
   if (secret_.empty()) return {};
-  const auto key = protectionKey(KeyUse::kProtect, "pstring::getV8Password");
+  const auto key = lqsecret::keyInForce(lqsecret::KeyUse::kProtect, "pstring::getV8Password");
   if (!key) return {};
   const std::vector<unsigned char> sealed = seal(*key, secret_);
   if (sealed.empty()) {
@@ -208,15 +131,33 @@ bool pstring::fromV8Password(std::string_view text, pstring& out) {
   if (!text.starts_with(kPrefix) || !decodeBase64(text.substr(kPrefixLength), sealed) ||
       sealed.size() <= kTagBytes)
     return false;
-  const auto key = protectionKey(KeyUse::kReveal, "pstring::fromV8Password");
+  const auto key = lqsecret::keyInForce(lqsecret::KeyUse::kReveal, "pstring::fromV8Password");
   pstring opened;
   if (!key || !unseal(*key, sealed, opened.secret_)) return false;
   out = std::move(opened);
   return true;
 }
 
+bool pstring::fromStoredText(std::string_view text, pstring& out) {
+  if (fromV8Password(text, out)) return true;
+  if (!text.starts_with(kPrefix)) return false;
+  out = pstring();
+  out.sealed_ = text;
+  return true;
+}
+
 void pstring::UseKeyFile(const std::string& path) {
-  const std::lock_guard lock(keyMutex);
-  keyFile = path;
-  keyInUse.reset();
+  lqsecret::useKeyFile(path);
+}
+
+CWmError pstring::CreateKeyFile(const std::string& path) {
+  std::string fingerprint;
+  CWmError error = lqsecret::stageKey(path, fingerprint);
+  return error.IsError() ? error : lqsecret::placeKey(path);
+}
+
+bool pstring::CheckKey(std::string& reason) {
+  const CWmError error = lqsecret::checkKey();
+  reason = error.AsString();
+  return !error.IsError();
 }

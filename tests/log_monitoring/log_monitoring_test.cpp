@@ -39,7 +39,7 @@ class LogMonitoring : public ProductTest {
 
   void useHelper(const std::string& library) const {
     fs::remove(helper_);
-    fs::create_symlink(std::string(LQ_LIB_DIR) + "/" + library, helper_);
+    fs::copy_file(std::string(LQ_LIB_DIR) + "/" + library, helper_);
   }
 
   // What the helper was called with since it was last asked.
@@ -68,7 +68,10 @@ class LogMonitoring : public ProductTest {
                setenv("LQ_HELPER_RECORD", "/", 1);  // where it cannot record, it throws
              },
              "Procedure [" + procedure + "] of library [" + helper_ + "] ended with an exception"},
+            {[this] { fs::permissions(helper_, fs::perms::group_write, fs::perm_options::add); },
+             unloadable + helper_ + ": not trusted"},
             {[this] { fs::remove(helper_); }, unloadable + helper_},
+            {[] { setValue("Base", "dBASEHOME", ""); }, "Failed to load library [/libLqLMHelper.so] error ["},
             {[] { removeValue("Base", "dBASEHOME"); }, "Failed to load library [/libLqLMHelper.so] error ["}};
   }
 

@@ -33,6 +33,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
   } files[] = {{"", "lacks \"server-host\""},
                {good.substr(0, good.size() / 2), "bad.join"},
                {damaged("client-id=42", "client-id=0"), "client-id is not a positive number: 0"},
+               {damaged("client-id=42", "client-id=\"4\x1b]2\""), "not a positive number: 4\\x1b]2"},
                {damaged("client-id=42", "client-id=9223372036854775808"), "client-id is not"},
                {damaged(sessionKey(), sessionKey().substr(1)), "session-key is not a key of 64"},
                {damaged("\"web-1\"", "\"web/1\""), "cannot hold a \"/\": web/1"}};
@@ -101,6 +102,17 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   EXPECT_TRUE(contains(partly.out, "acknowledged: taskStatus 1 (failed)")) << partly.out;
   EXPECT_EQ(lqhost({"refresh"}).exitCode, 4);
   EXPECT_EQ(lqhost({"status"}).exitCode, 6);
+
+  // One line each for what is too long to be uploaded, as far as a person wants to read.
+  for (int i = 0; i < 22; ++i)
+    setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
+  const auto uploaded = lqhost({"upload"});
+  EXPECT_EQ(uploaded.exitCode, 4);
+  EXPECT_TRUE(contains(uploaded.out, "uploaded and kept")) << uploaded.out;
+  EXPECT_TRUE(contains(uploaded.err, "21 were left out") && contains(uploaded.err, "~Long s1: 10240 bytes") &&
+              contains(uploaded.err, "and 1 more"))
+      << uploaded.err;
+  EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   setValue("EventManager", "bEnableRegistrySync", "0");
   const auto skipped = lqhost({"sync"});

@@ -2,6 +2,7 @@
 // a person runs it, and this process in the server's place.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -42,9 +43,15 @@ class HostTest : public OverhubTest {
   }
   std::string sessionKey() const { return fileText("keys/web-1.key").substr(0, 2 * kSessionKeyBytes); }
 
+  // Its first runs come at once, and a pass every five seconds, unless `more` says otherwise.
   std::unique_ptr<test_support::BackgroundProgram> runHost(const std::vector<std::string>& more = {}) const {
-    std::vector<std::string> arguments{"--log-level", "2", "--log-file",   "-", "run", "--listen", listen_,
-                                       "--spread",    "0", "--sync-every", "5"};
+    std::vector<std::string> arguments{"--log-level", "2", "--log-file", "-", "run", "--listen", listen_};
+    const auto unlessGiven = [&](const char* option, const char* value) {
+      if (std::find(more.begin(), more.end(), option) == more.end())
+        arguments.insert(arguments.end(), {option, value});
+    };
+    unlessGiven("--spread", "0");
+    unlessGiven("--sync-every", "5");
     arguments.insert(arguments.end(), more.begin(), more.end());
     auto host = std::make_unique<test_support::BackgroundProgram>(onClient(arguments), dir_ / "run.log");
     EXPECT_TRUE(
@@ -85,7 +92,8 @@ class HostTest : public OverhubTest {
         "hub", kPatience, peerGone);
   }
 
-  std::string home_ = dir_ / "home";
+  std::string home_ = dir_ / ("home-" + std::string(100, 'x'));
+  std::string base_ = home_ + "/Base";
   std::string joinFile_ = dir_ / "web-1.join";
   std::string clientRegistry_ = dir_ / "client.db";
   std::string listen_ = test_support::uniqueLoopbackAddress();

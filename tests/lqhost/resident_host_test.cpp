@@ -1,5 +1,6 @@
 // The resident host with the real server at the other end: its passes, what the server asks of it, faults on
 // both sides, and how it stops.
+#include <filesystem>
 #include <semaphore>
 
 #include "tests/lqhost/host_fixture.h"
@@ -48,7 +49,9 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
 
   const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
   EXPECT_EQ(fetched.exitCode, 1) << fetched.err;
-  EXPECT_TRUE(contains(fetched.out, "sNONE   not found\nsVALUE  at once")) << fetched.out;
+  EXPECT_TRUE(contains(fetched.out, "sNONE   not there, or 1,024 bytes or more\nsVALUE  at once"))
+      << fetched.out;
+  EXPECT_TRUE(contains(fetched.err, "lqhost upload")) << fetched.err;
   const auto called = ask({"call", "web-1", "7", "world"});
   EXPECT_EQ(called.exitCode, 0) << called.err;
   EXPECT_EQ(called.out, "hello, world\n");
@@ -62,6 +65,75 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_TRUE(contains(overhub({"uploads", "web-1"}).out, "at once"));
   EXPECT_EQ(host->stop(), 0);
   EXPECT_TRUE(contains(lqhost({"status"}).out, "no resident host is running"));
+}
+
+// Modules and callbacks live in the resident host, so what a person asks for is done there.
+TEST_F(ResidentHost, CommandsAreCarriedOutByTheResidentHost) {
+  expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "5"});
+  const auto server = serve();
+  auto host = runHost({"--module", kModule, "--sync-every", "3600"});
+  ASSERT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << host->output();
+  EXPECT_EQ(modeOf(base_ + "/lqhost.sock"), 0600U);
+  EXPECT_GT(base_.size(), 108U) << "longer than a socket's path may be";
+
+  expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "6"});
+  const auto synced = lqhost({"sync"});
+  EXPECT_EQ(synced.exitCode, 0) << synced.err;
+  EXPECT_TRUE(contains(synced.out, "1 changed") && contains(synced.out, "(applied)")) << synced.out;
+  EXPECT_TRUE(host->waitForOutput("nTraceLevel is [6] now")) << "the module's callback";
+  const int refreshes = countOf(*host, "Task [AdditionalSettingsRefresh] ended");
+  EXPECT_EQ(lqhost({"refresh"}).exitCode, 0);
+  EXPECT_EQ(countOf(*host, "Task [AdditionalSettingsRefresh] ended"), refreshes + 1);
+  EXPECT_EQ(lqhost({"upload"}).exitCode, 0);
+  EXPECT_TRUE(contains(host->output(), "Received Success Response")) << host->output();
+  const std::string status = lqhost({"status"}).out;
+  EXPECT_TRUE(contains(status, "callbacks     0 wait in the resident host")) << status;
+  EXPECT_TRUE(contains(status, "registry      sound")) << status;
+  const auto watching = lqhost({"sync", "--watch", "Machine/Settings", "nTraceLevel"});
+  EXPECT_EQ(watching.exitCode, 1);
+  EXPECT_TRUE(contains(watching.err, "--watch is for machines without a resident host")) << watching.err;
+
+  // A host that was killed leaves its socket; nobody waits for it, and the next one takes its place.
+  host.reset();
+  EXPECT_TRUE(std::filesystem::exists(base_ + "/lqhost.sock"));
+  EXPECT_EQ(lqhost({"sync"}).exitCode, 0);
+  host = runHost({"--sync-every", "3600"});
+  EXPECT_EQ(lqhost({"sync"}).exitCode, 0);
+  EXPECT_EQ(host->stop(), 0);
+  EXPECT_FALSE(std::filesystem::exists(base_ + "/lqhost.sock"));
+}
+
+// What was pushed is not in the cache until a pass has followed, and a refresh must not undo it.
+TEST_F(ResidentHost, APushHolds) {
+  expectOk({"set", "web-1", "Limits", "nMAX", "10"});
+  auto server = serve();
+  auto host = runHost({"--sync-every", "3600"});
+  ASSERT_TRUE(host->waitForOutput(kPassDone)) << host->output();
+  const int passes = countOf(*host, kPassDone);
+  expectOk({"set", "web-1", "Limits", "nMAX", "11"});
+  EXPECT_EQ(ask({"push", "web-1"}).out, "applied\n");
+  EXPECT_TRUE(becomesTrue([&] { return countOf(*host, kPassDone) > passes; })) << "a pass follows at once";
+  EXPECT_EQ(lqhost({"refresh"}).exitCode, 0);
+  EXPECT_EQ(valueOf("Limits", "nMAX"), "11");
+  EXPECT_EQ(countOf(*host, kPassDone), passes + 1) << "once";
+
+  EXPECT_EQ(server->stop(), 0);
+  expectOk({"set", "web-1", "Limits", "nMAX", "12"});
+  EXPECT_EQ(ask({"push", "web-1"}).out, "applied\n");
+  EXPECT_TRUE(host->waitForOutput(kPassFailed));
+  const auto refreshed = lqhost({"refresh"});
+  EXPECT_EQ(refreshed.exitCode, 1) << refreshed.out;
+  EXPECT_TRUE(contains(refreshed.err, "the server pushed a batch")) << refreshed.err;
+  EXPECT_EQ(valueOf("Limits", "nMAX"), "12");
+  EXPECT_TRUE(contains(lqhost({"status"}).out, "unsettled     the server pushed a batch"));
+
+  // Killed now, it begins with the pass that is owed, whatever the spread says.
+  host.reset();
+  server = serve();
+  host = runHost({"--sync-every", "3600", "--spread", "3600"});
+  EXPECT_TRUE(host->waitForOutput(kPassDone)) << host->output();
+  EXPECT_EQ(host->stop(), 0);
+  EXPECT_FALSE(contains(lqhost({"status"}).out, "unsettled"));
 }
 
 TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {

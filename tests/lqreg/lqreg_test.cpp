@@ -34,7 +34,7 @@ TEST_F(LqregTest, WritesReadsShowsAndRemoves) {
   EXPECT_EQ(lqreg({"get", "~", "raw"}).out, "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9\n") << "as it is";
   EXPECT_EQ(lqreg({"list", "A"}).out, "empty = \nminus = -5\ntext = two words\nlist/\n");
   const std::string tree =
-      "~/\n  raw = 1\\n2\\t\\x1b[31m\\\\\xc2\\x9b\xc3\xa9\n  A/\n    empty = \n    minus = -5\n"
+      "~/\n  raw = 1\\n2\\t\\x1b[31m\\\\\\xc2\\x9b\xc3\xa9\n  A/\n    empty = \n    minus = -5\n"
       "    text = two words\n    list/\n      get = [a,b]\n";
   EXPECT_EQ(lqreg({"tree"}).out, tree);
   EXPECT_TRUE(contains(lqreg({"tree"}, "").out, "SOFTWARE/\n  Velmor/\n    I1/\n"))

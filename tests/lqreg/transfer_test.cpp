@@ -32,7 +32,7 @@ class TransferTest : public ::testing::Test {
   TransferTest() {
     OBGui::RegisterSubsystem();
     lqregistry::UseFile(source_);
-    pstring::UseKeyFile(source_ + ".key");
+    pstring::UseKeyFile("");  // the registry's own
     LQPI_Focus::setFocus("I1");
   }
   ~TransferTest() override {
@@ -131,6 +131,10 @@ TEST_F(TransferTest, AClientsUploadIsRestored) {
 }
 
 TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
+  // Both machines have the same protection key here.
+  const std::string sealed = pstring("secret").getV8Password();
+  lqregistry::UseFile(source_);
+  for (const char* const part : {"", ".key"}) std::filesystem::copy_file(source_ + part, target_ + part);
   import(batchOf({record("A", "kept", "1"), record("A", "twice", "as it is")}));
   OBGui::KeyList keys = {record("A", "kept", "2"),
                          record("A", "disabled", "1"),
@@ -145,17 +149,16 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
   keys[2].deleteFlag = 1;
   keys[5].encryptedValue = pstring("secret");
   const std::string batch = batchOf(keys);
-  // Both machines have the same protection key here.
-  std::filesystem::copy_file(source_ + ".key", target_ + ".key",
-                             std::filesystem::copy_options::overwrite_existing);
   EXPECT_EQ(import(batch),
             "0 keys and 3 values written, 0 unchanged, 5 skipped (marked for removal, or saying which "
             "machine it is)\n");
-  EXPECT_EQ(tree(), "SOFTWARE/\n  Velmor/\n    I2/\n      A/\n        kept = 1\n        secret = " +
-                        pstring("secret").getV8Password() + "\n        twice = as it is\n");
+  EXPECT_EQ(tree(), "SOFTWARE/\n  Velmor/\n    I2/\n      A/\n        kept = 1\n        secret = " + sealed +
+                        "\n        twice = as it is\n");
 
-  writeFile(target_ + ".key", std::string(64, 'k'));
-  EXPECT_TRUE(contains(import(batch), "was not protected with this machine's key"));
+  // A machine with another key takes nothing of it.
+  target_ = dir_ / "stranger.db";
+  EXPECT_TRUE(contains(import(batch), "record 6: the value was not protected with this machine's key"));
+  EXPECT_FALSE(contains(tree(), "twice"));
 }
 
 TEST_F(TransferTest, ABrokenFileChangesNothing) {
@@ -188,8 +191,8 @@ TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
   std::filesystem::create_symlink(file_, link);
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"import", dir_ / "none.xml"}, "none.xml: No such file"},
-      {{"import", dir_.path()}, "Is a directory"},
-      {{"export", link}, "something else than a file"}};
+      {{"import", dir_.path()}, "not a regular file"},
+      {{"export", link}, "not a regular file"}};
   for (const auto& [arguments, reason] : cases) {
     const ProgramResult result = lqreg(source_, "I1", arguments);
     EXPECT_EQ(result.exitCode, 4) << result.err;

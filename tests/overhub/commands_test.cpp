@@ -159,6 +159,20 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
   EXPECT_EQ(batch.keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>");
   EXPECT_EQ(batch.keys.get()[0].value.get(), "********") << "clients write nothing for an empty value";
 
+  // The key is made with the directory only: another one would hide that this one was lost.
+  const std::string key = data_ + "/secret.key";
+  std::filesystem::rename(key, dir_ / "away");
+  const auto lost = shell("echo new | \"$OVERHUB\" set web-1 '~/Proxy' sOTHER --secret");
+  EXPECT_EQ(lost.exitCode, 3);
+  EXPECT_TRUE(contains(lost.err, key + ": the protection key is missing")) << lost.err;
+  expectOk({"add-client", "web-2"});
+  expectOk({"set", "web-1", "p", "n", "v"});
+  EXPECT_FALSE(std::filesystem::exists(key));
+  std::filesystem::rename(dir_ / "away", key);
+  pstring::UseKeyFile(key);
+  EXPECT_EQ(batchOf("web-1").keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>")
+      << "passed on as it was";
+
   EXPECT_EQ(shell("\"$OVERHUB\" set web-1 p n --secret < /dev/null").exitCode, 2);
   EXPECT_EQ(shell("echo x | \"$OVERHUB\" set web-1 p n value --secret").exitCode, 2);
 }

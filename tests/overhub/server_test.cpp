@@ -102,6 +102,13 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
     EXPECT_TRUE(server->waitForOutput(reason)) << "not in the log";
   }
 
+  test_support::writeFile(
+      batchFile("web-1"),
+      "<OBGui.RegistryTaskResp><client clientId=\"3\"/><keys><OBGui.RegistryKeyInfo "
+      "valueName=\"sPW\" encryptedValue=\"V8:another key's\"/></keys></OBGui.RegistryTaskResp>");
+  ask(network, requestOf(3), refusal);
+  EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;
+  EXPECT_TRUE(server->waitForOutput("sPW was protected with another key")) << server->output();
   test_support::writeFile(batchFile("web-1"), "<broken");
   ask(network, requestOf(3), refusal);
   EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;

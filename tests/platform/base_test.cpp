@@ -1,14 +1,17 @@
-// The small services: the log, the thread pool and files.
+// The small services: the log, the thread pool, and files: replaced, appended to, trusted.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <thread>
 
+#include "lqregistry/CWmLibrary.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LqThreadPool.h"
 #include "lqregistry/ObLog.h"
@@ -59,11 +62,14 @@ TEST_F(Log, TheThresholdDecidesWhatReachesTheFileAndErrorsAlwaysDo) {
 TEST_F(Log, AValueCannotForgeALine) {
   ASSERT_FALSE(oblog::Configure(toFile(1)).IsError());
   const oblog::Capture capture;
-  const std::string hostile = "a\nE [forged] b\r\x1b[2J\x7f" + std::string(5000, 'x');
+  // The last ones are controls to a terminal as well: in UTF-8, and raw.
+  const std::string hostile =
+      "a\nE [forged] b\r\x1b[2J\x7f" + std::string(5000, 'x') + "\xc2\x9b\x9b\xc3\xa9\\";
   ObEvent().Debug("tag\n", "value [%s]", hostile.c_str());
   const std::string text = readFile(dir_ / "host.log");
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   EXPECT_NE(text.find("a\\x0aE [forged] b\\x0d\\x1b[2J\\x7fxxx"), std::string::npos) << text;
+  EXPECT_NE(text.find("x\\xc2\\x9b\\x9b\xc3\xa9\\]"), std::string::npos) << text;
   EXPECT_NE(text.find("[tag\\x0a]"), std::string::npos) << text;
   EXPECT_EQ(capture.Lines().at(0).text, "value [" + hostile + "]") << "captured as formatted, and whole";
 }
@@ -84,6 +90,20 @@ TEST_F(Log, TheFileIsTheOwnersSaysWhoWroteAndRotates) {
   }
   EXPECT_EQ(files, 3U);
   EXPECT_NE(readFile(dir_ / "host.log").find("line 99 "), std::string::npos);
+}
+
+TEST_F(Log, WhatIsNoFileOfItsOwnIsRefusedAtOnce) {
+  test_support::writeFile(dir_ / "victim", "precious\n");
+  std::filesystem::create_symlink(dir_ / "victim", dir_ / "link");
+  ASSERT_EQ(mkfifo((dir_ / "pipe").c_str(), 0600), 0);
+  for (const char* name : {"link", "pipe"}) {
+    oblog::Settings settings = toFile(1);
+    settings.file = dir_ / name;
+    const CWmError error = oblog::Configure(settings);
+    EXPECT_TRUE(contains(error.AsString(), dir_ / name + ": not a regular file")) << error.AsString();
+    ObEvent().Error("tag", "goes to where the log was before");
+  }
+  EXPECT_EQ(readFile(dir_ / "victim"), "precious\n");
 }
 
 // --- thread pool -------------------------------------------------------------------------------------------
@@ -214,22 +234,254 @@ TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
 
 // --- files -------------------------------------------------------------------------------------------------
 
-TEST(Files, AreTheOwnersAndReplacedOrWrittenInto) {
-  const TempDir dir;
-  const std::string path = dir / "file";
-  const auto write = [&path](std::uint32_t disposition, const std::string& text) {
+class Files : public testing::Test {
+ protected:
+  CWmError open(std::uint32_t access, std::uint32_t disposition, auto_handle& handle) const {
+    return FXFile::LQCreateFile(path_, access, FXFile::kShareRead, nullptr, disposition,
+                                FXFile::kAttributeNormal, nullptr, handle);
+  }
+  CWmError write(const std::string& text, std::uint32_t disposition = FXFile::kCreateAlways) const {
     auto_handle handle;
     std::uint64_t written = 0;
-    EXPECT_FALSE(FXFile::LQCreateFile(path, FXFile::kGenericWrite, FXFile::kShareRead, nullptr, disposition,
-                                      FXFile::kAttributeNormal, nullptr, handle)
-                     .IsError());
-    EXPECT_FALSE(FXFile::LQWriteFile(handle, text.data(), text.size(), written).IsError());
-    return readFile(path);
+    CWmError error = open(FXFile::kGenericWrite, disposition, handle);
+    if (!error.IsError()) error = FXFile::LQWriteFile(handle, text.data(), text.size(), written);
+    EXPECT_EQ(written, error.IsError() ? 0 : text.size()) << error.AsString();
+    return error;
+  }
+  // How many files lie in the folder; the file alone unless something was left behind.
+  std::ptrdiff_t fileCount() const {
+    return std::distance(std::filesystem::directory_iterator(dir_.path()), {});
+  }
+  // Runs in a process of its own; its exit code, or minus the signal that ended it.
+  template <class Work>
+  static int inChild(const Work& work) {
+    return ended(start(work));
+  }
+  template <class Work>
+  static pid_t start(const Work& work) {
+    const pid_t child = fork();
+    if (child != 0) return child;
+    _exit(work());
+  }
+  static int ended(pid_t child) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+  TempDir dir_;
+  std::string path_ = dir_ / "file";
+};
+
+TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
+  EXPECT_FALSE(write("longer than what follows").IsError());
+  EXPECT_FALSE(write("a new one").IsError());
+  EXPECT_EQ(readFile(path_), "a new one");
+  EXPECT_FALSE(write("A", FXFile::kOpenExisting).IsError());
+  EXPECT_EQ(readFile(path_), "A new one");
+  EXPECT_EQ(modeOf(path_), 0600U);
+  {
+    auto_handle unused;
+    ASSERT_FALSE(open(FXFile::kGenericWrite, FXFile::kCreateAlways, unused).IsError());
+    EXPECT_EQ(readFile(path_), "A new one") << "until the new text is there";
+  }
+  EXPECT_FALSE(FXFile::AppendContents(path_, "!").IsError());
+  EXPECT_EQ(readFile(path_), "A new one!");
+  std::string text;
+  EXPECT_FALSE(FXFile::ReadContents(path_, text, 10).IsError());
+  EXPECT_EQ(text, "A new one!");
+  EXPECT_TRUE(FXFile::ReadContents(path_, text, 9).IsError()) << "more than that";
+  EXPECT_FALSE(FXFile::ReplaceContents(path_, "").IsError());
+  EXPECT_EQ(readFile(path_), "");
+  EXPECT_EQ(fileCount(), 1);
+}
+
+TEST_F(Files, AProcessThatIsKilledLeavesTheOldTextAndTheNextOneTidiesUp) {
+  ASSERT_FALSE(write("old").IsError());
+  // The system kills who writes beyond this size, in the middle of the text.
+  const int end = inChild([this] {
+    const test_support::FullDisk disk(1000);
+    signal(SIGXFSZ, SIG_DFL);
+    write(std::string(5000, 'n'));
+    return 0;
+  });
+  EXPECT_EQ(end, -SIGXFSZ);
+  EXPECT_EQ(readFile(path_), "old");
+  EXPECT_EQ(fileCount(), 2) << "what this test is about was left behind";
+
+  // A file that is being written is nobody's left-over.
+  auto_handle slow;
+  ASSERT_FALSE(open(FXFile::kGenericWrite, FXFile::kCreateAlways, slow).IsError());
+  EXPECT_EQ(fileCount(), 2);
+  EXPECT_FALSE(write("quick").IsError());
+  std::uint64_t written = 0;
+  EXPECT_FALSE(FXFile::LQWriteFile(slow, "slow", 4, written).IsError());
+  EXPECT_EQ(readFile(path_), "slow");
+  EXPECT_EQ(fileCount(), 1);
+}
+
+TEST_F(Files, ManyWhoReplaceAtOnceNeverShowAPart) {
+  constexpr int kRounds = 60;
+  const auto texts = [](char letter) { return std::string(40'000, letter); };
+  ASSERT_FALSE(write(texts('z')).IsError());
+  std::vector<pid_t> writers;
+  for (const char letter : {'a', 'b', 'c'})
+    writers.push_back(start([&, letter] {
+      for (int i = 0; i < kRounds; ++i)
+        if (write(texts(letter)).IsError()) return 1;
+      return 0;
+    }));
+  for (int i = 0; i < 500; ++i) {
+    const std::string seen = readFile(path_);
+    ASSERT_EQ(seen, texts(seen.empty() ? '?' : seen[0])) << "at reading " << i;
+  }
+  for (const pid_t writer : writers) EXPECT_EQ(ended(writer), 0);
+  EXPECT_EQ(fileCount(), 1);
+}
+
+TEST_F(Files, AFullDiskLeavesAnEmptyNewFileTheOldContentsOrTheOldEnd) {
+  const std::string tooMuch(5000, 'n');
+  const test_support::FullDisk disk(1000);
+  ASSERT_FALSE(FXFile::ReplaceContents(path_, "old\n").IsError());
+  EXPECT_TRUE(contains(FXFile::ReplaceContents(path_, tooMuch).AsString(), "File too large"));
+  EXPECT_EQ(readFile(path_), "old\n");
+  EXPECT_TRUE(FXFile::AppendContents(path_, tooMuch).IsError());
+  EXPECT_EQ(readFile(path_), "old\n");
+  EXPECT_TRUE(write(tooMuch).IsError());
+  EXPECT_EQ(readFile(path_), "");
+  EXPECT_TRUE(std::filesystem::exists(path_));
+  EXPECT_EQ(fileCount(), 1);
+}
+
+TEST_F(Files, AFailedAppendTakesNothingAwayFromOthers) {
+  constexpr int kLines = 400;
+  const pid_t unlucky = start([this] {
+    const test_support::FullDisk disk(2000);
+    for (int i = 0; i < kLines; ++i)
+      if (!FXFile::AppendContents(path_, std::string(3000, 'n')).IsError()) return 1;
+    return 0;
+  });
+  std::string all;
+  for (int i = 0; i < kLines; ++i) {
+    const std::string line = "line " + std::to_string(i) + "\n";
+    EXPECT_FALSE(FXFile::AppendContents(path_, line).IsError());
+    all += line;
+  }
+  EXPECT_EQ(ended(unlucky), 0);
+  EXPECT_EQ(readFile(path_), all);
+}
+
+TEST_F(Files, WhatIsNoRegularFileIsRefusedAtOnceAndLeftAlone) {
+  const std::pair<const char*, std::function<void()>> kinds[] = {
+      {"pipe", [this] { ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0); }},
+      {"folder", [this] { std::filesystem::create_directory(path_); }},
+      {"device", [this] { std::filesystem::create_symlink("/dev/full", path_); }}};
+  for (const auto& [kind, make] : kinds) {
+    SCOPED_TRACE(kind);
+    make();
+    std::string text;
+    auto_handle handle;
+    for (const CWmError& error :
+         {write("text"), write("text", FXFile::kOpenExisting), FXFile::ReadContents(path_, text),
+          FXFile::ReplaceContents(path_, "text"), FXFile::AppendContents(path_, "text"),
+          open(FXFile::kGenericRead, FXFile::kOpenExisting, handle)})
+      EXPECT_EQ(std::string(error.AsString()), path_ + ": not a regular file");
+    EXPECT_FALSE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path_)));
+    std::filesystem::remove(path_);
+  }
+  // A link is not replaced, and what it leads to not either.
+  test_support::writeFile(dir_ / "target", "kept");
+  std::filesystem::create_symlink(dir_ / "target", path_);
+  EXPECT_TRUE(write("text").IsError());
+  EXPECT_TRUE(FXFile::AppendContents(path_, "text").IsError());
+  EXPECT_EQ(readFile(path_), "kept");
+}
+
+// --- trust -------------------------------------------------------------------------------------------------
+
+TEST_F(Files, AreTrustedWhenNobodyElseCouldWriteThemOrPutOthersInTheirPlace) {
+  namespace fs = std::filesystem;
+  const std::string above = dir_ / "above";
+  const std::string folder = above + "/folder";
+  const std::string file = folder + "/file";
+  fs::create_directories(folder);
+  test_support::writeFile(file, "");
+  fs::create_symlink(file, dir_ / "link");
+  fs::create_symlink("above/../above/folder", dir_ / "folder-link");
+  const struct {
+    const char* what;
+    std::string path;  // what gets the mode
+    mode_t mode;
+    bool isTrusted;
+  } cases[] = {{"as usual", file, 0644, true},
+               {"the group writes the file", file, 0620, false},
+               {"all write the file", file, 0602, false},
+               {"the group writes its folder", folder, 0770, false},
+               {"its folder is sticky", folder, 01777, false},
+               {"all write the folder above", above, 0777, false},
+               {"the group writes the folder above", above, 0770, false},
+               {"the folder above is sticky", above, 01777, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto before = fs::status(c.path).permissions();
+    ASSERT_EQ(chmod(c.path.c_str(), c.mode), 0);
+    for (const std::string& path :
+         {file, above + "/./folder//file", dir_ / "link", dir_ / "folder-link/file"}) {
+      const std::string error = FXFile::CheckTrusted(path).AsString();
+      EXPECT_EQ(error.empty(), c.isTrusted) << path << ": " << error;
+      EXPECT_TRUE(error.empty() || contains(error, "\"chmod go-w " + c.path + "\"")) << error;
+    }
+    // A file that is not there can be put there by who may write the folder.
+    EXPECT_EQ(FXFile::CheckTrusted(folder + "/none").IsError(), !c.isTrusted && c.path != file);
+    fs::permissions(c.path, before);
+  }
+  const fs::path here = fs::current_path();
+  fs::current_path(above);
+  EXPECT_FALSE(FXFile::CheckTrusted("folder/file").IsError());
+  ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
+  EXPECT_TRUE(FXFile::CheckTrusted("folder/file").IsError());
+  EXPECT_TRUE(contains(FXFile::CheckTrusted(folder).AsString(), "chmod go-w")) << "a folder for itself";
+  ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
+  fs::current_path(here);
+  fs::create_symlink("loop", dir_ / "loop");
+  EXPECT_TRUE(FXFile::CheckTrusted(dir_ / "loop").IsError());
+}
+
+TEST_F(Files, OfSomebodyElseAreNotTrusted) {
+  constexpr uid_t kNobody = 65534;
+  test_support::writeFile(path_, "");
+  if (geteuid() != 0) {
+    EXPECT_FALSE(FXFile::CheckTrusted("/etc/passwd").IsError()) << "root's are";
+    return;
+  }
+  std::filesystem::create_symlink("/etc/passwd", dir_ / "link");
+  const std::pair<std::string, std::string> cases[] = {
+      {path_, path_}, {dir_.path(), path_}, {dir_ / "link", dir_ / "link"}};
+  for (const auto& [others, path] : cases) {
+    ASSERT_EQ(lchown(others.c_str(), kNobody, kNobody), 0);
+    const std::string error = FXFile::CheckTrusted(path).AsString();
+    EXPECT_TRUE(contains(error, others + ": not trusted, since it belongs to user 65534")) << error;
+    EXPECT_TRUE(contains(error, "\"chown 0 " + others + "\"")) << error;
+    ASSERT_EQ(lchown(others.c_str(), 0, 0), 0);
+  }
+  // Who it belongs to may trust it, and root as well.
+  ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
+  EXPECT_EQ(inChild([&] { return setuid(kNobody) == 0 && !FXFile::CheckTrusted(path_).IsError() ? 0 : 1; }),
+            0);
+}
+
+TEST_F(Files, ALibraryIsLoadedFromAPlaceThatIsTrustedOnly) {
+  test_support::writeFile(path_, "no library");
+  CWmLibrary loader(true);
+  const auto expectRefusal = [&](const std::string& library, const std::string& reason) {
+    const CWmError error = loader.Load(library, false);
+    EXPECT_EQ(error.GetCode(), kLqErrLibrary);
+    EXPECT_TRUE(contains(error.AsString(), reason)) << error.AsString();
   };
-  EXPECT_EQ(write(FXFile::kCreateAlways, "longer than what follows"), "longer than what follows");
-  EXPECT_EQ(write(FXFile::kCreateAlways, "a new one"), "a new one");
-  EXPECT_EQ(write(FXFile::kOpenExisting, "A"), "A new one");
-  EXPECT_EQ(modeOf(path), 0600U);
+  expectRefusal(path_, "file too short");  // the loader has looked at it
+  ASSERT_EQ(chmod(path_.c_str(), 0606), 0);
+  expectRefusal(path_, "\"chmod go-w " + path_ + "\"");
+  for (const char* name : {"libLqPlatform.so", ""}) expectRefusal(name, "names no library by its path");
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // The text form of messages and protected strings: whatever a field holds comes back, whatever cannot be read
 // is refused with a reason, and a secret never stands in clear where it is stored.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
 #include <cstdlib>
-#include <set>
+#include <filesystem>
 
 #include "lqregistry/CNMessageBase.h"
 #include "lqregistry/ObLog.h"
@@ -15,9 +13,8 @@
 
 namespace {
 
-using test_support::readFile;
+using test_support::contains;
 using test_support::TempDir;
-using test_support::writeFile;
 
 struct Point : MessageClass<Point, 90, 1> {
   static constexpr const char* kClassName = "Test.Point";
@@ -49,6 +46,7 @@ class MessageTest : public testing::Test {
  protected:
   MessageTest() {
     registerMessageClasses<Point, Tree>();
+    EXPECT_FALSE(pstring::CreateKeyFile(dir_ / "protection.key").IsError());
     pstring::UseKeyFile(dir_ / "protection.key");
   }
 
@@ -206,75 +204,40 @@ TEST_F(MessageTest, AStoredTextNeverHoldsTheSecret) {
 
   ASSERT_EQ(tree.serialize(text, true), 0);
   EXPECT_NE(text.find("clear:hunter2-hunter2"), std::string::npos);
+
+  pstring::UseKeyFile(dir_ / "lost.key");
+  std::string kept = "unchanged";
+  EXPECT_NE(tree.serialize(kept, false), 0);
+  EXPECT_EQ(kept, "unchanged");
+  EXPECT_EQ(tree.serialize(kept, true), 0) << "needs no key";
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "lost.key"));
 }
 
-TEST_F(MessageTest, V8TextIsDeterministicPerKeyAndCannotBeAltered) {
-  const std::string text = pstring("correct horse").getV8Password();
-  EXPECT_EQ(text, pstring("correct horse").getV8Password());
-  EXPECT_NE(text, pstring("correct house").getV8Password());
+TEST_F(MessageTest, OneThatCannotBeOpenedIsKeptAsItStandsAndNeverTold) {
+  Tree tree;
+  for (const std::string& text : {"V8:" + std::string(40, 'A'), std::string("V8:not base64")}) {
+    ASSERT_EQ(tree.unserialize("<Test.Tree secret=\"" + text + "\"/>"), 0) << text;
+    const pstring& secret = tree.secret.get();
+    EXPECT_TRUE(secret.isUnreadable());
+    EXPECT_FALSE(secret.empty());
+    EXPECT_EQ(secret.reveal(), "");
+    EXPECT_EQ(secret.getV8Password(), text);
+    EXPECT_FALSE(secret == pstring());
 
-  pstring out("kept");
-  // Everything but the last character, whose low bits may carry nothing.
-  for (std::size_t i = 0; i + 4 < text.size(); ++i) {
-    std::string altered = text;
-    altered[i] = altered[i] == 'A' ? 'B' : 'A';
-    EXPECT_FALSE(pstring::fromV8Password(altered, out)) << "at " << i;
+    pstring copied("another");
+    copied = secret;
+    pstring moved(std::move(copied));
+    EXPECT_EQ(moved.getV8Password(), text);
+    copied = std::move(moved);
+    EXPECT_EQ(copied.getV8Password(), text);
+    copied = pstring("readable");
+    EXPECT_FALSE(copied.isUnreadable());
+
+    std::string xml;
+    ASSERT_EQ(tree.serialize(xml, false), 0);
+    EXPECT_TRUE(contains(xml, text));
+    EXPECT_NE(tree.serialize(xml, true), 0) << "it would be told as empty";
   }
-  for (const std::string& other : {text.substr(0, text.size() - 4), text.substr(3), std::string("V8:"),
-                                   std::string("V8:AAAA"), text + "\n", "V8:" + text})
-    EXPECT_FALSE(pstring::fromV8Password(other, out)) << other;
-  EXPECT_EQ(out.reveal(), "kept");
-
-  pstring::UseKeyFile(dir_ / "another.key");
-  EXPECT_FALSE(pstring::fromV8Password(text, out));
-  EXPECT_NE(text, pstring("correct horse").getV8Password());
-  pstring::UseKeyFile(dir_ / "protection.key");
-  ASSERT_TRUE(pstring::fromV8Password(text, out));
-  EXPECT_EQ(out.reveal(), "correct horse");
-  ASSERT_TRUE(pstring::fromV8Password("", out));
-  EXPECT_TRUE(out.empty());
-}
-
-TEST_F(MessageTest, TheKeyFileIsForItsOwnerAndOneForAllWhoCreateItAtOnce) {
-  const std::string path = dir_ / "made-at-once.key";
-  pstring::UseKeyFile(path);
-  std::vector<pid_t> children;
-  for (int i = 0; i < 6; ++i) {
-    children.push_back(fork());
-    if (children.back() == 0) {
-      writeFile(dir_ / ("text." + std::to_string(i)), pstring("secret").getV8Password());
-      _exit(0);
-    }
-  }
-  for (const pid_t child : children) waitpid(child, nullptr, 0);
-
-  std::set<std::string> texts;
-  for (std::size_t i = 0; i < children.size(); ++i)
-    texts.insert(readFile(dir_ / ("text." + std::to_string(i))));
-  EXPECT_EQ(texts, std::set<std::string>{pstring("secret").getV8Password()});
-
-  EXPECT_EQ(test_support::modeOf(path), 0600U);
-  for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
-    EXPECT_FALSE(entry.path().string().starts_with(path + ".")) << entry.path() << " was left behind";
-}
-
-TEST_F(MessageTest, WithoutAUsableKeyNothingIsStored) {
-  const std::string shortKey = dir_ / "short.key";
-  writeFile(shortKey, std::string(63, 'k'));
-  for (const std::string& path : {shortKey, dir_ / "no/such/folder/key"}) {
-    pstring::UseKeyFile(path);
-    oblog::Capture log;
-    EXPECT_EQ(pstring("secret").getV8Password(), "");
-    Tree tree;
-    tree.secret = pstring("secret");
-    std::string text = "unchanged";
-    EXPECT_NE(tree.serialize(text, false), 0);
-    EXPECT_EQ(tree.serialize(text, true), 0) << "needs no key";
-    ASSERT_FALSE(log.Lines().empty());
-    EXPECT_EQ(log.Lines()[0].kind, oblog::Kind::kError);
-    EXPECT_NE(log.Lines()[0].text.find(path), std::string::npos) << log.Lines()[0].text;
-  }
-  EXPECT_EQ(readFile(shortKey), std::string(63, 'k')) << "a key that cannot be read is never replaced";
 }
 
 }  // namespace

@@ -85,7 +85,7 @@ class EchoServer {
   static CWmError exchange(CLqNetwork& session) {
     lqsExecuteRemoteDllType remote;
     std::string caller;
-    CWmError error = session.AcceptAttach(remote, caller, kPatience);
+    CWmError error = session.AcceptAttach(remote, caller);
     if (error.IsError()) return error;
     std::string identity;
     EXPECT_TRUE(session.GetPeerName(identity));

@@ -35,7 +35,7 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
       {"garbage", std::string(9000, '#')},
       {"truncated", good.substr(0, good.size() / 2)},
       {"of another application", withByte(good, kApplicationPlace, 'X')},
-      {"of a newer format", withByte(good, kVersionPlace + 3, 2)},
+      {"of a newer format", withByte(good, kVersionPlace + 3, 3)},
       {"empty beside a log", ""}};
   for (const auto& [kind, damaged] : damages) {
     SCOPED_TRACE(kind);
@@ -80,6 +80,21 @@ TEST_F(RegistryTest, IsCreatedByOneOfManyProcessesThatComeAtOnce) {
   std::map<std::string, std::string> values;
   EXPECT_TRUE(info_.getRegValues("A", values));
   EXPECT_EQ(values.size(), kProcesses);
+}
+
+TEST_F(RegistryTest, OfWhichOthersCouldHaveMadeOneIsRefused) {
+  ASSERT_TRUE(info_.setString("A", "name", "data", 0));
+  for (const std::string& open : {file_, dir_.path().string()}) {
+    lqregistry::UseFile(file_);
+    const unsigned before = test_support::modeOf(open);
+    ASSERT_EQ(chmod(open.c_str(), before | 020), 0);
+    EXPECT_EQ(valueOf("A", "name"), std::nullopt);
+    EXPECT_FALSE(info_.setString("A", "name", "data", 0));
+    EXPECT_EQ(info_.getRegError(), kRegUnavailable);
+    EXPECT_TRUE(test_support::contains(info_.getRegErrorText(), "\"chmod go-w " + open + "\""));
+    ASSERT_EQ(chmod(open.c_str(), before), 0);
+    EXPECT_EQ(valueOf("A", "name"), "data");
+  }
 }
 
 TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) {

@@ -149,6 +149,30 @@ TEST_F(LocalKeys, ASecretThatCannotBeProtectedLeavesTheOldValue) {
   EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
 }
 
+TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
+  setValue("Secrets", "sPASSWORD", "V8:old");
+  const std::string foreign = "V8:" + std::string(40, 'A');
+  OBGui::KeyList keys{record("Secrets", "sBEFORE", "1"), secretRecord("Secrets", "sPASSWORD", "hunter2"),
+                      secretRecord("Secrets", "sOTHER", "readable"), record("Secrets", "sAFTER", "1"),
+                      secretRecord("Secrets", "sGONE", "")};
+  ASSERT_TRUE(pstring::fromStoredText(foreign, keys[1].encryptedValue.edit()));
+  ASSERT_TRUE(pstring::fromStoredText(foreign, keys[4].encryptedValue.edit()));
+  keys[4].deleteFlag = 1;
+  setValue("Secrets", "sGONE", "V8:old");
+  const oblog::Capture log;
+  EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 3);
+  EXPECT_TRUE(hasLine(log,
+                      "error|LqRegistryManager::createRegistryKey|The protected value [sPASSWORD] of key "
+                      "[Secrets] was protected with another key"));
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
+  EXPECT_EQ(valueOf("Secrets", "sBEFORE"), "1");
+  EXPECT_EQ(valueOf("Secrets", "sOTHER"), pstring("readable").getV8Password());
+  EXPECT_EQ(valueOf("Secrets", "sAFTER"), "1");
+  EXPECT_EQ(valueOf("Secrets", "sGONE"), std::nullopt) << "to remove it, nobody has to read it";
+  EXPECT_EQ(client_.createRegistryKey(&keys[1]), 3);
+  EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
+}
+
 TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
   setValue("Delete/Sub/Deeper", "sVALUE", "1");
   const struct {

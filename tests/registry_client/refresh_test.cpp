@@ -142,6 +142,20 @@ TEST_F(Refresh, AFailedApplyStillCleansTheCache) {
   EXPECT_EQ(valueOf("A", "sKEPT"), "1");
 }
 
+TEST_F(Refresh, OneSecretThatCannotBeReadCostsTheOthersNothing) {
+  cache({record("A", "sFIRST", "1"), secretRecord("A", "sPASSWORD", "sesame"), record("A", "sLAST", "1")});
+  const std::string sealed = pstring("sesame").getV8Password();
+  const std::string foreign = "V8:" + std::string(sealed.size() - 3, 'A');
+  std::string text = readFile(cacheFile());
+  text.replace(text.find(sealed), sealed.size(), foreign);
+  test_support::writeFile(cacheFile(), text);
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_EQ(valueOf("A", "sFIRST"), "1");
+  EXPECT_EQ(valueOf("A", "sLAST"), "1");
+  EXPECT_EQ(valueOf("A", "sPASSWORD"), std::nullopt);
+  EXPECT_EQ(readFile(cacheFile()), text) << "with the right key it can be read again";
+}
+
 // --- the client id -----------------------------------------------------------------------------------------
 
 TEST_F(Refresh, TheClientIdIsLookedUpUntilItIsKnownAndThenNeverAgain) {

@@ -1,5 +1,10 @@
 // The Additional Settings cache: one file, read and written whole, and the log tells what went wrong.
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
@@ -49,21 +54,70 @@ TEST_F(SettingsCache, ANulEndsItsPieceOnly) {
   EXPECT_EQ(read(), "seennext piece");
 }
 
-TEST_F(SettingsCache, NoFileOrAFolderInItsPlaceIsReported) {
+TEST_F(SettingsCache, NoFileOrSomethingElseInItsPlaceIsReported) {
+  const std::string unread = "0|getAdditionalSettingsCache|Failed to open Additional Settings cache.[";
   EXPECT_EQ(read(), "");
-  EXPECT_TRUE(hasLine(log_, "0|getAdditionalSettingsCache|Failed to open Additional Settings cache.["));
-  std::filesystem::create_directory(cacheFile());
-  EXPECT_EQ(read(), "");
-  // "write" is how administrators know this line, though it is a read that failed.
-  EXPECT_TRUE(hasLine(log_, "0|getAdditionalSettingsCache|Failed to write Additional Settings cache.["));
-  write("text");
-  EXPECT_TRUE(hasLine(log_, "0|setAdditionalSettingsCache|Failed to open Additional Settings cache.["));
+  EXPECT_TRUE(hasLine(log_, unread + cacheFile() + ": No such file"));
+  const std::function<void()> kinds[] = {[this] { std::filesystem::create_directory(cacheFile()); },
+                                         [this] { ASSERT_EQ(mkfifo(cacheFile().c_str(), 0600), 0); }};
+  for (const auto& make : kinds) {
+    make();
+    log_.Clear();
+    EXPECT_EQ(read(), "");
+    EXPECT_TRUE(hasLine(log_, unread + cacheFile() + ": not a regular file"));
+    write("text");
+    EXPECT_TRUE(hasLine(log_, "0|setAdditionalSettingsCache|Failed to open Additional Settings cache.["));
+    std::filesystem::remove(cacheFile());
+  }
 }
 
-TEST_F(SettingsCache, AFullDiskIsReported) {
-  std::filesystem::create_symlink("/dev/full", cacheFile());
-  write("text");
+TEST_F(SettingsCache, AFullDiskIsReportedAndLeavesNoCache) {
+  write("old");
+  log_.Clear();
+  {
+    const FullDisk full(1000);
+    write(std::string(5000, 'n'));
+  }
   EXPECT_TRUE(hasLine(log_, "0|setAdditionalSettingsCache|Failed to write Additional Settings cache.["));
+  EXPECT_EQ(read(), "");
+  EXPECT_TRUE(hasLine(log_, "4|getAdditionalSettingsCache|Additional Settings Cache XML []"));
+}
+
+TEST_F(SettingsCache, AKilledWriterLeavesTheOldText) {
+  write("<old/>");
+  const pid_t writer = fork();
+  if (writer == 0) {
+    const FullDisk end(1000);
+    signal(SIGXFSZ, SIG_DFL);
+    write("<new>" + std::string(5000, 'n'));
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(writer, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(read(), "<old/>");
+}
+
+TEST_F(SettingsCache, OneThatOthersCouldHaveWrittenIsNeitherReadNorReplaced) {
+  const std::string base = dir_ / "base";
+  const std::string cache = base + "/AdditionalSettingsCache.xml";
+  std::filesystem::create_directory(base);
+  setValue("Base", "dBASEHOME", base);
+  write("<ours/>");
+  for (const std::string& open : {base, cache}) {
+    log_.Clear();
+    const unsigned before = test_support::modeOf(open);
+    ASSERT_EQ(chmod(open.c_str(), before | 02), 0);
+    EXPECT_EQ(read(), "");
+    write("<other/>");
+    for (const char* tag : {"get", "set"})
+      EXPECT_TRUE(hasLine(log_, std::string("0|") + tag +
+                                    "AdditionalSettingsCache|Failed to open Additional Settings cache.[" +
+                                    open + ": not trusted"));
+    EXPECT_EQ(readFile(cache), "<ours/>");
+    ASSERT_EQ(chmod(open.c_str(), before), 0);
+  }
+  EXPECT_EQ(read(), "<ours/>");
 }
 
 TEST_F(SettingsCache, WithoutABaseDirectoryTheFileIsRelativeToTheWorkingDirectory) {

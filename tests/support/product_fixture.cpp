@@ -74,7 +74,7 @@ ProductTest::ProductTest() {
   OBGui::RegisterSubsystem();
   unsetenv("VELMOR_VM");
   lqregistry::UseFile(registryFile_);
-  pstring::UseKeyFile(registryFile_ + ".key");
+  pstring::UseKeyFile("");  // the registry's own
   LQPI_Focus::setFocus("Instance001");
 }
 

@@ -1,0 +1,20 @@
+#include "lqhost/command_result.h"
+
+#include <cstdio>
+
+#include "common/text_table.h"
+
+namespace host {
+
+CommandResult complaint(int exitCode, const std::string& what) {
+  return {exitCode, "", "lqhost: " + programs::escapedForTerminal(what) + "\n"};
+}
+
+int print(const CommandResult& result) {
+  std::fputs(result.out.c_str(), stdout);
+  std::fflush(stdout);  // before the complaints, where both go to one place
+  std::fputs(result.err.c_str(), stderr);
+  return result.exitCode;
+}
+
+}  // namespace host

@@ -1,0 +1,23 @@
+// What a command came to, as texts and an exit code. The commands that a resident host carries out for others
+// build it there; it is printed where the person sits.
+#pragma once
+
+#include <string>
+
+#include "lqhost/exit_codes.h"
+
+namespace host {
+
+struct CommandResult {
+  int exitCode = kExitOk;
+  std::string out;  // for standard output, whole lines; texts from outside are escaped already
+  std::string err;  // for standard error, likewise
+};
+
+// A failure in one line. `what` may hold anything; it is escaped here.
+CommandResult complaint(int exitCode, const std::string& what);
+
+// Prints both texts; the exit code.
+int print(const CommandResult& result);
+
+}  // namespace host

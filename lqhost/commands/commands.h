@@ -1,0 +1,32 @@
+// The commands of lqhost. Each adds its description and its options to the command line, with what it does;
+// see the file of the same name.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "lqhost/command_line.h"
+#include "lqhost/command_result.h"
+#include "lqhost/service/passes.h"
+
+namespace host {
+
+void addJoin(CommandLine& line);
+void addSync(CommandLine& line);
+void addRefresh(CommandLine& line);
+void addUpload(CommandLine& line);
+void addLogMonitoring(CommandLine& line);  // monitor and alerts
+void addStatus(CommandLine& line);
+inline constexpr const char* kRunCommand = "run";
+void addRun(CommandLine& line);
+
+// What the resident host does for those who ask it, and what the commands do themselves when there is none.
+CommandResult synchroniseNow(Passes& passes);
+CommandResult refreshNow(Passes& passes);
+CommandResult uploadNow();
+
+// The line of `lqhost status` on change callbacks that wait in the resident host.
+inline constexpr std::size_t kManyCallbacks = 10000;
+std::string waitingCallbacksText(std::size_t waiting);
+
+}  // namespace host

@@ -1,0 +1,53 @@
+#include "lqhost/file_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace host {
+
+namespace {
+
+constexpr mode_t kFileMode = 0600;
+
+struct flock wholeFile() {
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  return whole;
+}
+
+}  // namespace
+
+FileLock::FileLock(const std::string& path, int command)
+    : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)) {
+  struct flock whole = wholeFile();
+  if (!handle_.isValid()) return;
+  int result = 0;
+  do {
+    result = ::fcntl(handle_.get(), command, &whole);
+  } while (result != 0 && errno == EINTR);
+  if (result == 0) {
+    state_ = State::kHeld;
+  } else if (errno == EAGAIN || errno == EACCES) {
+    state_ = State::kHeldElsewhere;
+  }
+}
+
+FileLock FileLock::tryFor(const std::string& path) {
+  return {path, F_OFD_SETLK};
+}
+
+FileLock FileLock::waitFor(const std::string& path) {
+  return {path, F_OFD_SETLKW};
+}
+
+bool FileLock::isTaken(const std::string& path) {
+  const auto_handle handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!handle.isValid()) return errno != ENOENT;
+  struct flock whole = wholeFile();
+  return ::fcntl(handle.get(), F_OFD_GETLK, &whole) != 0 || whole.l_type != F_UNLCK;
+}
+
+}  // namespace host

@@ -1,0 +1,82 @@
+#include "lqhost/pass/pass_watch.h"
+
+namespace host {
+
+const char* outcomeText(RunOutcome outcome) {
+  switch (outcome) {
+    case RunOutcome::kDone:
+      return "done";
+    case RunOutcome::kApplied:
+      return "applied and acknowledged";
+    case RunOutcome::kPartly:
+      return "not everything could be applied";
+    case RunOutcome::kUnacknowledged:
+      return "applied, but the server has not recorded the acknowledgement";
+    case RunOutcome::kSkipped:
+      return "skipped: switched off, or not joined fully";
+    case RunOutcome::kFailed:
+      return "failed";
+    case RunOutcome::kCacheLost:
+      return "applied, but the settings cache could not be written";
+    case RunOutcome::kCacheKept:
+      return "applied, but the settings cache was kept, since the reply has fewer records";
+    case RunOutcome::kCacheUnreadable:
+      return "applied, but the settings cache cannot be read and was not replaced";
+    case RunOutcome::kPutOff:
+      break;
+  }
+  return "put off: a synchronisation has to come first";
+}
+
+RunOutcome PassResult::outcome() const {
+  if (taskResult != 0) return RunOutcome::kFailed;
+  if (!batchReceived) return RunOutcome::kSkipped;
+  if (failedRecords != 0 || acknowledgedAs == OBGui::kTaskFailed) return RunOutcome::kPartly;
+  switch (cache) {
+    case CacheFate::kLost:
+      return RunOutcome::kCacheLost;
+    case CacheFate::kUnreadable:
+      return RunOutcome::kCacheUnreadable;
+    case CacheFate::kKept:
+      return RunOutcome::kCacheKept;
+    case CacheFate::kStored:
+      break;
+  }
+  return isAcknowledged() ? RunOutcome::kApplied : RunOutcome::kUnacknowledged;
+}
+
+PassWatch::PassWatch(PassDetails* details)
+    : details_(details), watch_([this](const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
+        onEvent(event, batch);
+      }) {}
+
+void PassWatch::onEvent(const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
+  using Kind = WireWatch::Event::Kind;
+  switch (event.kind) {
+    case Kind::kReceived:
+      if (batch != nullptr) onBatch(*batch);
+      break;
+    case Kind::kSent:
+      if (batch != nullptr) result_.acknowledgedAs = batch->taskStatus;
+      break;
+    case Kind::kRefused:
+      if (result_.acknowledgedAs) result_.refusal = event.reason.empty() ? "no reason given" : event.reason;
+      break;
+    case Kind::kEnded:
+      // The session that brought the batch ends in the same way, before anything is acknowledged.
+      result_.isGoodbyeAnswered = result_.acknowledgedAs.has_value();
+      break;
+  }
+}
+
+void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
+  result_.batchReceived = true;
+  result_.records = batch.keys->size();
+  if (details_ == nullptr) return;
+  details_->batch = batch.keys;
+  details_->before.clear();
+  details_->before.reserve(details_->batch.size());
+  for (const OBGui::RegistryKeyInfo& key : details_->batch) details_->before.push_back(heldValue(key));
+}
+
+}  // namespace host

@@ -1,0 +1,161 @@
+#include "lqhost/service/passes.h"
+
+#include <chrono>
+#include <ctime>
+#include <limits>
+
+#include "lqhost/pass/cache_watch.h"
+#include "lqhost/pass/pass_report.h"
+#include "lqregistry/ObDebug.h"
+
+namespace host {
+
+namespace {
+
+constexpr const char* kTag = "host::Passes";
+
+// Taken in this order. A download holds the first for its length and the second while it begins; a refresh
+// holds both; a push holds the second.
+std::mutex passMutex;
+std::mutex applyMutex;
+
+std::mutex wantedMutex;
+std::function<void()> wanted;  // guarded by wantedMutex
+
+class Stopwatch {
+ public:
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  }
+
+ private:
+  std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+};
+
+UnsettledWork beginPass() {
+  const std::lock_guard lock(applyMutex);
+  return UnsettledWork(Unsettled::kPass);
+}
+
+// Ends the note of a pass by what became of it.
+void endPass(UnsettledWork& work, const PassResult& result) {
+  if (!result.batchReceived) {
+    work.restore();
+    return;
+  }
+  switch (result.cache) {
+    case CacheFate::kStored:
+      if (CacheWatch::sync()) {
+        work.settle();
+      } else {
+        work.leave(Unsettled::kCacheLost);
+      }
+      break;
+    case CacheFate::kLost:
+      work.leave(Unsettled::kCacheLost);
+      break;
+    case CacheFate::kKept:
+      work.leave(Unsettled::kCacheKept);
+      break;
+    case CacheFate::kUnreadable:
+      work.leave(Unsettled::kCacheUnreadable);
+      break;
+  }
+}
+
+// A refresh that ran has rewritten the cache. A write that failed leaves it empty: there is nothing to
+// reapply any more, until a synchronisation stores another.
+RunOutcome judgeRefresh(const CacheWatch& cache) {
+  switch (cache.fate(std::numeric_limits<std::size_t>::max())) {
+    case CacheFate::kStored:
+      return RunOutcome::kDone;
+    case CacheFate::kUnreadable:
+      return RunOutcome::kCacheUnreadable;
+    case CacheFate::kKept:
+    case CacheFate::kLost:
+      break;
+  }
+  if (CacheWatch().wasThere()) return RunOutcome::kFailed;  // it did not get to work; the log tells why
+  const UnsettledWork stays(Unsettled::kCacheLost);
+  return RunOutcome::kCacheLost;
+}
+
+}  // namespace
+
+Passes::Passes(ProductLibrary& product)
+    : downloadStart_(product.findTask(kDownloadTask.startCallback)),
+      downloadTimer_(product.findTask(kDownloadTask.timerCallback)),
+      refreshTimer_(product.findTask(kRefreshTask.timerCallback)) {
+  if (downloadStart_ == nullptr || downloadTimer_ == nullptr || refreshTimer_ == nullptr)
+    error_ = product.error();
+}
+
+PassResult Passes::download(LqPeriodicTaskStatus& status) {
+  return runDownload(status, nullptr);
+}
+
+PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string& report) {
+  return runDownload(status, &report);
+}
+
+PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report) {
+  const std::lock_guard lock(passMutex);
+  UnsettledWork work = beginPass();
+  const std::time_t started = std::time(nullptr);
+  const Stopwatch watch;
+  const CacheWatch cache;
+  PassDetails details;
+  PassWatch pass(report == nullptr ? nullptr : &details);
+  const int taskResult = downloadTimer_(&status);
+  PassResult result = pass.result();
+  result.taskResult = taskResult;
+  result.noteError = work.error().AsString();
+  if (result.batchReceived) {
+    result.cache = cache.fate(result.records);
+    if (report != nullptr) {
+      BatchReport batch = reportOf(details);
+      *report = std::move(batch.text);
+      result.failedRecords = batch.failed;
+    }
+  }
+  endPass(work, result);
+  status.setLastRunTime(started);
+  noteRun(kDownloadTask, started, watch.seconds(), taskResult, result.outcome());
+  if (!result.refusal.empty())
+    ObEvent().Error(kTag, "The server could not record the acknowledgement: %s", result.refusal.c_str());
+  return result;
+}
+
+RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
+  const std::lock_guard passLock(passMutex);
+  const std::lock_guard applyLock(applyMutex);
+  const std::time_t started = std::time(nullptr);
+  if (std::optional<UnsettledNote> note = standingNote()) {
+    ObEvent().Error(kTag, "No refresh before the next synchronisation: %s", unsettledText(*note).c_str());
+    noteRun(kRefreshTask, started, 0, 0, RunOutcome::kPutOff);
+    return {RunOutcome::kPutOff, note};
+  }
+  const Stopwatch watch;
+  const CacheWatch cache;
+  const int taskResult = refreshTimer_(&status);
+  RefreshResult result;
+  if (taskResult != 0) result.outcome = RunOutcome::kFailed;
+  if (cache.wasThere() && taskResult == 0) result.outcome = judgeRefresh(cache);
+  status.setLastRunTime(started);
+  noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.outcome);
+  return result;
+}
+
+PushScope::PushScope() : lock_(applyMutex), work_(Unsettled::kPush) {}
+
+void onDownloadWanted(std::function<void()> action) {
+  const std::lock_guard lock(wantedMutex);
+  wanted = std::move(action);
+}
+
+void wantDownload() {
+  const std::lock_guard lock(wantedMutex);
+  if (wanted) wanted();
+}
+
+}  // namespace host

@@ -1,0 +1,76 @@
+// Runs the product's two periodic tasks, for the schedule and for the commands, so that registry and settings
+// cache stay together: each run under the note of pass/unsettled.h, watched, logged, and noted for
+// `lqhost status`.
+//
+//   under way        a download            a refresh                     a push
+//   a download       waits                 waits                         goes on; its note outlives the
+//   download a refresh        waits                 waits                         waits (a refresh is short)
+//   a push           begins after it       is put off                    waits
+//
+// A download begins only after a push under way has been applied: its reply was asked for after that, so its
+// cache can hold what was pushed.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/unsettled.h"
+#include "lqhost/service/product_library.h"
+#include "lqhost/service/task_note.h"
+
+namespace host {
+
+// What a refresh came to.
+struct RefreshResult {
+  RunOutcome outcome = RunOutcome::kDone;
+  std::optional<UnsettledNote> reason;  // why it was put off
+};
+
+class Passes {
+ public:
+  // Finds the callbacks in the product, which must outlive this.
+  explicit Passes(ProductLibrary& product);
+
+  // Why it cannot be used; empty when it can.
+  const std::string& error() const { return error_; }
+  TaskCallback downloadStart() const { return downloadStart_; }
+
+  // Runs a synchronisation on this thread. With `details`, each value is looked at before and after, and the
+  // outcome goes by what is found; see pass_report.h. `report` gets the text then.
+  PassResult download(LqPeriodicTaskStatus& status);
+  PassResult downloadWithReport(LqPeriodicTaskStatus& status, std::string& report);
+
+  // Runs a refresh on this thread, unless a note stands.
+  RefreshResult refresh(LqPeriodicTaskStatus& status);
+
+ private:
+  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report);
+
+  std::string error_;
+  TaskCallback downloadStart_ = nullptr;
+  TaskCallback downloadTimer_ = nullptr;
+  TaskCallback refreshTimer_ = nullptr;
+};
+
+// A batch that the server pushes, around the moment in which it is applied.
+class PushScope {
+ public:
+  PushScope();  // waits for a refresh under way; notes the push
+
+  // Nothing was applied: no synchronisation has to follow.
+  void withdraw() { work_.restore(); }
+
+ private:
+  std::unique_lock<std::mutex> lock_;
+  UnsettledWork work_;
+};
+
+// What to do when a synchronisation should come soon: set by the resident host while it runs tasks, empty
+// otherwise. Any thread.
+void onDownloadWanted(std::function<void()> action);
+void wantDownload();
+
+}  // namespace host

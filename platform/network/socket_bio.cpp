@@ -1,0 +1,60 @@
+#include "platform/network/socket_bio.h"
+
+#include <openssl/bio.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <new>
+
+namespace {
+
+int descriptorOf(BIO* bio) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(BIO_get_data(bio)));
+}
+
+bool isPassing(int fault) {
+  return fault == EAGAIN || fault == EWOULDBLOCK || fault == EINTR;
+}
+
+int writeSome(BIO* bio, const char* data, int size) {
+  BIO_clear_retry_flags(bio);
+  const ssize_t sent = ::send(descriptorOf(bio), data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+  if (sent < 0 && isPassing(errno)) BIO_set_retry_write(bio);
+  return static_cast<int>(sent);
+}
+
+int readSome(BIO* bio, char* data, int size) {
+  BIO_clear_retry_flags(bio);
+  const ssize_t got = ::recv(descriptorOf(bio), data, static_cast<std::size_t>(size), 0);
+  if (got < 0 && isPassing(errno)) BIO_set_retry_read(bio);
+  if (got == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+  return static_cast<int>(got);
+}
+
+long control(BIO* bio, int command, long, void*) {
+  if (command == BIO_CTRL_EOF) return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
+  return command == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+const BIO_METHOD* socketMethod() {
+  static const BIO_METHOD* const method = [] {
+    BIO_METHOD* const made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "socket");
+    if (made == nullptr) throw std::bad_alloc();
+    BIO_meth_set_write(made, writeSome);
+    BIO_meth_set_read(made, readSome);
+    BIO_meth_set_ctrl(made, control);
+    return made;
+  }();
+  return method;
+}
+
+}  // namespace
+
+bio_st* newSocketBio(int descriptor) {
+  BIO* const bio = BIO_new(socketMethod());
+  if (bio == nullptr) throw std::bad_alloc();
+  BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)));
+  BIO_set_init(bio, 1);
+  return bio;
+}

@@ -1,0 +1,116 @@
+// How the programs begin: as the user that the registry belongs to, for that user only, and with a disk that
+// is full an error like any other.
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "common/program_start.h"
+#include "tests/lqhost/host_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uid_t kNobody = 65534;
+
+class ProgramStart : public HostTest {
+ protected:
+  static uid_t ownerOf(const std::string& path) {
+    struct stat file {};
+    EXPECT_EQ(stat(path.c_str(), &file), 0) << path;
+    return file.st_uid;
+  }
+  // The user that a command is expected to run as where `path` belongs to nobody: nobody if root starts it.
+  // The ordinary user can give nothing away, and stays.
+  uid_t giveAway(const std::string& path) const {
+    if (geteuid() != 0) return geteuid();
+    EXPECT_EQ(chown(path.c_str(), kNobody, kNobody), 0);
+    return kNobody;
+  }
+};
+
+TEST_F(ProgramStart, ACommandOfRootRunsAsTheUserThatTheRegistryBelongsTo) {
+  const uid_t user = giveAway(dir_.path());
+  setValue("A", "name", "data");
+  for (const char* const suffix : {"", ".key"}) EXPECT_EQ(ownerOf(clientRegistry_ + suffix), user);
+  EXPECT_EQ(valueOf("A", "name"), "data");
+
+  // The file counts before its folder; what it belongs to is nobody else's to write.
+  ASSERT_EQ(chown(dir_.path().c_str(), geteuid(), getegid()), 0);
+  const auto refused =
+      test_support::runProgram(onClient({"set", "--instance", "I1", "A", "name", "new"}, "lqreg"));
+  EXPECT_EQ(refused.exitCode, geteuid() == 0 ? 3 : 0) << refused.err;
+}
+
+TEST_F(ProgramStart, JoiningAsRootIsForTheUserThatTheInstallationBelongsTo) {
+  expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+  fs::create_directory(home_);
+  fs::permissions(home_, fs::perms::owner_all);
+  const uid_t user = giveAway(home_);
+  clientRegistry_ = home_ + "/registry.db";
+  fs::permissions(dir_.path(), fs::perms::others_exec,
+                  fs::perm_options::add);  // so that nobody can get there
+  const auto joined = lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1"});
+  EXPECT_EQ(joined.exitCode, 0) << joined.err;
+  for (const char* const made : {"/registry.db", "/registry.db.key", "/Base", "/Log_Files"})
+    EXPECT_EQ(ownerOf(home_ + made), user) << made;
+
+  // No command leaves behind what the service user could not write.
+  lqhost({"refresh"});
+  lqhost({"status"});
+  for (const auto& entry : fs::recursive_directory_iterator(home_))
+    EXPECT_EQ(ownerOf(entry.path()), user) << entry.path();
+}
+
+TEST_F(ProgramStart, AJoinIntoAPlaceThatOthersMayWriteIsRefused) {
+  expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+  fs::create_directories(home_ + "/Base");
+  ASSERT_EQ(chmod((home_ + "/Base").c_str(), 0777), 0);
+  const auto refused = lqhost({"join", joinFile_, "--home", home_});
+  EXPECT_EQ(refused.exitCode, 3);
+  EXPECT_TRUE(contains(refused.err, "chmod go-w " + home_ + "/Base")) << refused.err;
+  EXPECT_FALSE(fs::exists(clientRegistry_));
+}
+
+TEST_F(ProgramStart, GivesUpEveryRightOfRootForGood) {
+  if (geteuid() != 0) {
+    EXPECT_FALSE(programs::becomeServiceUser({"/etc/passwd", dir_.path()}).IsError()) << "nothing to do";
+    return;
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    giveAway(dir_.path());
+    // What root's is passed over, and what is not there counts as its folder.
+    const CWmError error = programs::becomeServiceUser({"/etc/passwd", dir_ / "none"});
+    gid_t groups[64];
+    const int count = getgroups(64, groups);
+    bool isClean = !error.IsError() && count >= 0 && setuid(0) != 0 && setgid(0) != 0;
+    for (int i = 0; i < count; ++i) isClean = isClean && groups[i] != 0;
+    uid_t ids[3];
+    gid_t groupIds[3];
+    isClean = isClean && getresuid(&ids[0], &ids[1], &ids[2]) == 0 &&
+              getresgid(&groupIds[0], &groupIds[1], &groupIds[2]) == 0;
+    for (int i = 0; i < 3; ++i) isClean = isClean && ids[i] == kNobody && groupIds[i] == kNobody;
+    _exit(isClean ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(ProgramStart, AFileThatMayGrowNoFurtherIsAnErrorThatIsTold) {
+  expectOk({"add-client", "web-1", "--server-host", address_, "--join-file", joinFile_});
+  const std::vector<std::string> commands[] = {
+      onClient({"set", "--instance", "I1", "A", "name", "data"}, "lqreg"),
+      onClient({"join", joinFile_, "--home", home_}),
+      {test_support::programPath("overhub"), "--data", data_, "set", "web-1", "p", "n",
+       std::string(2000, 'v')}};
+  for (std::vector<std::string> command : commands) {
+    command.insert(command.begin(), {"sh", "-c", "ulimit -f 1; exec \"$0\" \"$@\""});
+    const auto result = test_support::runProgram(command);
+    EXPECT_EQ(result.exitCode, 3) << command[3] << ": " << result.err;
+    EXPECT_NE(result.err, "") << command[3];
+  }
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+// Registry and settings cache stay together: what a pass came to by the word of the server and the fate of
+// the cache, and the note that stands between a pass or a push and the next refresh.
+#include <filesystem>
+
+#include "lqhost/commands/commands.h"
+#include "lqhost/instance.h"
+#include "lqhost/pass/cache_watch.h"
+#include "lqhost/pass/unsettled.h"
+#include "lqhost/service/resident.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
+#include "tests/support/product_fixture.h"
+
+namespace {
+
+using host::CacheFate;
+using host::Unsettled;
+using host::UnsettledWork;
+using test_support::contains;
+using test_support::PeerSession;
+
+// A joined machine whose server is played; the commands run as a person runs them.
+class Settled : public ProductTest {
+ protected:
+  Settled() { join(); }
+
+  test_support::ProgramResult lqhost(const std::string& command) const {
+    return test_support::runProgram({test_support::programPath("lqhost"), "--registry", registryFile_,
+                                     "--log-file", dir_ / "lqhost.log", command});
+  }
+  // A synchronisation in which the server sends these records and takes the acknowledgement like that.
+  test_support::ProgramResult pass(const OBGui::KeyList& keys, const PlayedServer::Script& taker = taking(),
+                                   const std::string& command = "sync") const {
+    const PlayedServer server(address_, sessionKey_, {answering(batchText(keys)), taker});
+    return lqhost(command);
+  }
+  void expectStatus(int exitCode, const std::string& text) const {
+    const auto status = lqhost("status");
+    EXPECT_EQ(status.exitCode, exitCode) << status.out;
+    EXPECT_TRUE(contains(status.out, text)) << status.out;
+  }
+  std::string noteFile() const { return dir_ / "lqhost.unsettled"; }
+
+  const OBGui::KeyList one_{record("Limits", "nMAX", "1")};
+  const OBGui::KeyList two_{record("Limits", "nMAX", "2"), record("Limits", "nMIN", "2")};
+};
+
+TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
+  const auto refusing = [](PlayedServer::Stage& stage) {
+    if (!stage.acceptAttach()) return;
+    stage.takeMessage();
+    stage.peer.writeFrame(PeerSession::kRefuseRequest, "no \x1b[31mroom");
+    stage.peer.answerGoodbye();
+  };
+  const auto leaving = [](PlayedServer::Stage& stage) {
+    if (stage.acceptAttach()) stage.takeMessage();
+  };
+  const struct {
+    PlayedServer::Script taker;
+    int exitCode;
+    const char* text;
+  } cases[] = {{refusing, 9, "not acknowledged: the server could not record the outcome: no \\x1b[31mroom"},
+               {leaving, 9, "did not say whether it recorded that"},
+               {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
+               {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
+  for (const auto& c : cases) {
+    const auto result = pass(one_, c.taker);
+    EXPECT_EQ(result.exitCode, c.exitCode) << c.text;
+    EXPECT_TRUE(contains(result.out, c.text)) << result.out << result.err;
+    expectStatus(c.exitCode, c.exitCode == 0 ? "applied and acknowledged" : "has not recorded");
+    EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << c.text;
+  }
+}
+
+// Each way in which the cache can be left behind has its words and its exit code, and no refresh works with
+// it.
+TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
+  const auto expectUnsettled = [&](const OBGui::KeyList& keys, int exitCode, const std::string& text,
+                                   const std::string& why) {
+    const auto synced = pass(keys);
+    EXPECT_EQ(synced.exitCode, exitCode);
+    EXPECT_TRUE(contains(synced.out, text)) << synced.out;
+    expectStatus(exitCode, why);
+    const auto refreshed = pass(keys, taking(), "refresh");
+    EXPECT_EQ(refreshed.exitCode, exitCode);
+    EXPECT_TRUE(contains(refreshed.err, "synchronising instead of refreshing")) << refreshed.err;
+    EXPECT_EQ(valueOf("Limits", "nMAX"), keys[0].value.get()) << "not what the cache says";
+    EXPECT_EQ(lqhost("sync").exitCode, 1);
+    expectStatus(exitCode, why);  // a pass without a batch changes nothing about it
+  };
+  EXPECT_EQ(pass(two_).exitCode, 0);
+  expectUnsettled(one_, 8, "cache kept: ", "the settings cache was kept");
+  test_support::writeFile(cacheFile(), "<damaged");
+  expectUnsettled(two_, 10, "cache not replaced: ", "the settings cache cannot be read");
+  std::filesystem::remove(cacheFile());
+  std::filesystem::create_symlink(dir_ / "none/none", cacheFile());
+  expectUnsettled(one_, 7, "cache lost: ", "the settings cache could not be written");
+
+  std::filesystem::remove(cacheFile());
+  EXPECT_EQ(pass(one_).exitCode, 0);
+  expectStatus(0, "0 of 1 values differ");
+  setValue("Limits", "nMAX", "99");
+  EXPECT_EQ(lqhost("refresh").exitCode, 0) << "nothing stands in its way any more";
+  EXPECT_EQ(valueOf("Limits", "nMAX"), "1");
+}
+
+TEST_F(Settled, TheFateOfACacheIsReadFromItsFile) {
+  LqRegistryManagerClnt::setAdditionalSettingsCache(batchText(two_));
+  const host::CacheWatch watch;
+  EXPECT_TRUE(watch.wasThere());
+  EXPECT_EQ(watch.fate(1), CacheFate::kKept);
+  EXPECT_EQ(watch.fate(2), CacheFate::kLost) << "it would have been replaced";
+  test_support::writeFile(cacheFile() + ".new", batchText(two_));
+  std::filesystem::rename(cacheFile() + ".new", cacheFile());
+  EXPECT_EQ(watch.fate(2), CacheFate::kStored);
+  test_support::writeFile(cacheFile(), "");
+  EXPECT_EQ(watch.fate(2), CacheFate::kLost);
+  EXPECT_FALSE(host::CacheWatch().wasThere());
+}
+
+// Of two that overlap the last to begin decides; every doubt leaves the note standing.
+TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
+  const auto standing = [] {
+    const auto note = host::standingNote();
+    return note ? std::optional(note->why) : std::nullopt;
+  };
+  {
+    UnsettledWork pass(Unsettled::kPass);
+    EXPECT_EQ(standing(), Unsettled::kPass);
+    expectStatus(1, "a synchronisation is under way");  // 1: there is no cache yet
+    UnsettledWork push(Unsettled::kPush);
+    pass.settle();
+    EXPECT_EQ(standing(), Unsettled::kPush) << "the pass began before the push";
+    pass.restore();
+    EXPECT_EQ(standing(), Unsettled::kPush);
+  }
+  UnsettledWork failing(Unsettled::kPass);
+  failing.restore();
+  EXPECT_EQ(standing(), Unsettled::kPush);
+  UnsettledWork following(Unsettled::kPass);
+  following.settle();
+  EXPECT_EQ(standing(), std::nullopt);
+  following.leave(Unsettled::kCacheLost);
+  EXPECT_EQ(standing(), std::nullopt) << "its note is gone already";
+
+  test_support::writeFile(noteFile(), "cache-kept 86400 token\n");
+  UnsettledWork again(Unsettled::kPass);
+  again.leave(Unsettled::kCacheKept);
+  EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"))
+      << "since the first";
+  test_support::writeFile(noteFile(), "");
+  EXPECT_EQ(standing(), Unsettled::kPass) << "a note that cannot be understood is one";
+  expectStatus(1, "has not stored the settings cache");
+
+  // Where it cannot be written it stands in memory, for this process.
+  std::filesystem::remove(noteFile());
+  std::filesystem::create_directory(noteFile());
+  UnsettledWork unwritten(Unsettled::kPush);
+  EXPECT_TRUE(contains(unwritten.error().AsString(), "lqhost.unsettled")) << unwritten.error().AsString();
+  EXPECT_EQ(standing(), Unsettled::kPush);
+  const auto synced = pass(one_);
+  EXPECT_EQ(synced.exitCode, 0) << "it is done all the same";
+  EXPECT_TRUE(contains(synced.err, "could not be noted on disk")) << synced.err;
+}
+
+// A host that holds the lock and does not answer is not worked beside, whoever asks.
+TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
+  ASSERT_FALSE(host::becomeResident().IsError());
+  const auto result = lqhost("sync");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_TRUE(contains(result.err, "has a resident host, which does not answer")) << result.err;
+  EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+
+  host::ResidentSocket socket;
+  ASSERT_FALSE(socket.open().IsError());
+  ASSERT_FALSE(socket.serve({{host::kAskSync,
+                              [] {
+                                return host::CommandResult{4, "out\n", "err\n"};
+                              }}})
+                   .IsError());
+  const auto answered = lqhost("sync");
+  EXPECT_EQ(answered.exitCode, 4);
+  EXPECT_EQ(answered.out + answered.err, "out\nerr\n");
+  EXPECT_EQ(lqhost("refresh").exitCode, 2) << "a question that this host does not know";
+  EXPECT_TRUE(host::mayAsk(0, 7) && host::mayAsk(7, 7));
+  EXPECT_FALSE(host::mayAsk(7, 0) || host::mayAsk(8, 7));
+  EXPECT_EQ(host::waitingCallbacksText(9999), "9999 wait in the resident host");
+  EXPECT_TRUE(contains(host::waitingCallbacksText(10000), "WARNING"));
+}
+
+}  // namespace
