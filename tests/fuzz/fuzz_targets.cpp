@@ -15,14 +15,12 @@
 #include <thread>
 
 #include "common/text_table.h"
-#include "lqhost/commands/join.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
-#include "overhub/commands/join_file.h"
 #include "platform/message/text_escape.h"
 #include "platform/network/attach_request.h"
 #include "platform/network/target.h"
@@ -180,29 +178,6 @@ void protectedText(const std::string& bytes) {
   demand(bytes.size() < 4 || text.find(bytes) == std::string::npos, "the secret does not show");
 }
 
-void joinFile(const std::string& bytes) {
-  static const test_support::TempDir folder;
-  static const std::string path = folder / "fuzz.join";
-  test_support::writeFile(path, bytes);
-  host::JoinFile read;
-  std::string error;
-  if (!host::readJoinFile(path, read, error)) {
-    demand(!error.empty(), "a refused join file has a reason");
-    return;
-  }
-  std::string key;
-  demand(read.clientId != 0 && sessionKeyFromHex(read.sessionKey, key), "an accepted join file is usable");
-  if (!fitsJoinFile(read.serverHost) || !fitsJoinFile(read.serverName) || !fitsJoinFile(read.clientName))
-    return;
-  test_support::writeFile(path, joinFileText({read.serverHost, read.serverName, read.clientName,
-                                              static_cast<std::int64_t>(read.clientId), read.sessionKey}));
-  host::JoinFile again;
-  demand(host::readJoinFile(path, again, error) && again.serverHost == read.serverHost &&
-             again.serverName == read.serverName && again.clientName == read.clientName &&
-             again.clientId == read.clientId && again.sessionKey == read.sessionKey,
-         "a join file that is written anew says the same");
-}
-
 using FuzzTarget = std::function<void(const std::string&)>;
 
 const std::map<std::string, FuzzTarget>& targets() {
@@ -214,8 +189,7 @@ const std::map<std::string, FuzzTarget>& targets() {
       {"path", keyPath},
       {"target", target},
       {"escape", escapes},
-      {"protected", protectedText},
-      {"join", joinFile}};
+      {"protected", protectedText}};
   return all;
 }
 
