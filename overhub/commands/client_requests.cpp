@@ -5,12 +5,12 @@
 
 #include <utility>
 
+#include "common/join_file.h"
 #include "common/machine_identity.h"
 #include "common/text_table.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/exit_codes.h"
-#include "overhub/commands/join_file.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/store/acknowledgements.h"
 #include "overhub/store/batch_edit.h"
@@ -88,7 +88,8 @@ int readPayload(std::string& payload) {
 }  // namespace
 
 int setClientHost(const DataStore& store, const std::string& client, const std::string& host) {
-  if (!fitsJoinFile(host)) return complain(kExitUsage, "\"" + host + "\" is no host name or address");
+  if (!programs::fitsJoinFile(host))
+    return complain(kExitUsage, "\"" + host + "\" is no host name or address");
   if (!store.hasClient(client)) return unknownClient(store, client);
   CWmError error = store.prepare();
   if (!error.IsError()) error = store.setHost(client, host);
