@@ -7,10 +7,10 @@
 #include <memory>
 #include <vector>
 
+#include "common/join_file.h"
 #include "common/text_table.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
-#include "lqhost/join_file.h"
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
@@ -75,12 +75,12 @@ struct Setting {
   std::string value;
 };
 
-std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options) {
+std::vector<Setting> settingsOf(const programs::JoinFile& file, const JoinOptions& options) {
   return {
       {"Overhub", "sOHHOSTNAME", file.serverHost},
       {"Overhub", "sOHCLIENTNAME", file.serverName},
       {"Overhub", "sSESSIONIDENTITY", file.clientName},
-      {"Overhub", "sSESSIONKEY", file.sessionKey},
+      {"Overhub", "sSESSIONKEY", file.sessionKeyHex},
       {"Machine", "sPHYSICALNAME", options.machine},
       {"Machine", "sHOSTNAME", options.host},
       {"Machine", "nPLATFORMTYPE", std::to_string(kPlatformUnix)},
@@ -95,7 +95,7 @@ std::vector<Setting> settingsOf(const JoinFile& file, const JoinOptions& options
 
 // Writes everything as one change, for the instance in focus, creating the directories. False with the
 // reason; the registry is then as it was.
-bool record(const JoinFile& file, JoinOptions options, std::string& error) {
+bool record(const programs::JoinFile& file, JoinOptions options, std::string& error) {
   fillDefaults(options);
   for (const std::string& name : {options.host, options.machine, file.clientName}) {
     if (name.find('/') == std::string::npos) continue;
@@ -110,7 +110,7 @@ bool record(const JoinFile& file, JoinOptions options, std::string& error) {
 
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
-  bool written = LQClient::recordClient(file.clientName, file.clientId);
+  bool written = LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
   for (const Setting& setting : settingsOf(file, options))
     written = written && info.setString(setting.section, setting.name, setting.value, 0) != 0;
   if (written && batch.commit()) return true;
@@ -120,7 +120,7 @@ bool record(const JoinFile& file, JoinOptions options, std::string& error) {
   return false;
 }
 
-int join(const JoinFile& file, const JoinOptions& options) {
+int join(const programs::JoinFile& file, const JoinOptions& options) {
   std::string error;
   if (!record(file, options, error)) return print(complaint(kExitNotJoined, error));
   const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
@@ -130,9 +130,9 @@ int join(const JoinFile& file, const JoinOptions& options) {
 }
 
 // The join file is read as whoever started this, who may be the only one that it is for.
-int prepare(JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
+int prepare(programs::JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
   std::string error;
-  if (!readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
+  if (!programs::readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
   fillDefaults(options);
   places.push_back(options.base);
   return kExitOk;
@@ -142,7 +142,7 @@ int prepare(JoinFile& file, JoinOptions options, std::vector<std::string>& place
 
 void addJoin(CommandLine& line) {
   const auto options = std::make_shared<JoinOptions>();
-  const auto file = std::make_shared<JoinFile>();
+  const auto file = std::make_shared<programs::JoinFile>();
   line.add(
           "join", "Join a management server: record what this client needs to know",
           [options, file] { return join(*file, *options); },

@@ -2,11 +2,11 @@
 #include <cstdio>
 #include <limits>
 
+#include "common/join_file.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQClient.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/exit_codes.h"
-#include "overhub/commands/join_file.h"
 #include "overhub/commands/own_host.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/store/client_ids.h"
@@ -36,9 +36,9 @@ int chooseId(ClientIds& ids, const NewClient& wanted, std::int64_t& id) {
 }
 
 // Takes the id for the client and writes what makes it one.
-CWmError writeClient(const DataStore& store, ClientIds& ids, const JoinFile& join,
+CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::JoinFile& join,
                      const std::string& joinPath) {
-  CWmError error = file_access::replace(joinPath, joinFileText(join));
+  CWmError error = file_access::replace(joinPath, programs::joinFileText(join));
   if (!error.IsError()) error = store.writeSessionKey(join.clientName, join.sessionKeyHex);
   if (!error.IsError()) error = ids.assign(join.clientId, join.clientName);
   OBGui::RegistryTaskResp batch;
@@ -49,11 +49,11 @@ CWmError writeClient(const DataStore& store, ClientIds& ids, const JoinFile& joi
 }
 
 // The join file's contents, except for id and key; checks what it is made of.
-int startJoin(const NewClient& wanted, JoinFile& join) {
+int startJoin(const NewClient& wanted, programs::JoinFile& join) {
   join.clientName = wanted.name;
   join.serverName = wanted.serverName;
   join.serverHost = wanted.serverHost.empty() ? ownHostName() : wanted.serverHost;
-  if (!fitsJoinFile(join.serverHost) || !fitsJoinFile(join.serverName)) {
+  if (!programs::fitsJoinFile(join.serverHost) || !programs::fitsJoinFile(join.serverName)) {
     return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
                                     "\" have to be a host name or address and a name; --server-host and "
                                     "--server-name set them");
@@ -68,7 +68,7 @@ std::string joinPathOf(const DataStore& store, const NewClient& wanted) {
   return wanted.joinFile.empty() ? store.joinFile(wanted.name) : wanted.joinFile;
 }
 
-void printNextSteps(const JoinFile& join, const std::string& joinPath) {
+void printNextSteps(const programs::JoinFile& join, const std::string& joinPath) {
   std::printf(
       "client %s has the id %lld; its join file is %s\n"
       "Copy that file to the client's machine in a way that nobody else can read, run there\n"
@@ -85,7 +85,7 @@ int addClient(const DataStore& store, const NewClient& wanted) {
                                     "\" cannot be a client's name: 1 to 64 characters of A-Z a-z 0-9 . _ - "
                                     "without a dot at the start");
   }
-  JoinFile join;
+  programs::JoinFile join;
   int exitCode = startJoin(wanted, join);
   if (exitCode != kExitOk) return exitCode;
 
@@ -109,7 +109,7 @@ int addClient(const DataStore& store, const NewClient& wanted) {
 
 int renewClient(const DataStore& store, const NewClient& wanted) {
   if (!store.hasClient(wanted.name)) return unknownClient(store, wanted.name);
-  JoinFile join;
+  programs::JoinFile join;
   const int exitCode = startJoin(wanted, join);
   if (exitCode != kExitOk) return exitCode;
 
@@ -118,7 +118,7 @@ int renewClient(const DataStore& store, const NewClient& wanted) {
   CWmError error = store.lockForChange(lock);
   if (!error.IsError()) error = store.readBatch(wanted.name, batch);
   join.clientId = batch.client->clientId;
-  if (!error.IsError()) error = file_access::replace(joinPathOf(store, wanted), joinFileText(join));
+  if (!error.IsError()) error = file_access::replace(joinPathOf(store, wanted), programs::joinFileText(join));
   if (!error.IsError()) error = store.writeSessionKey(wanted.name, join.sessionKeyHex);
   if (error.IsError()) return dataUnusable(error);
   printNextSteps(join, joinPathOf(store, wanted));

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "common/join_file.h"
 #include "lqregistry/CLqNetwork.h"
-#include "overhub/commands/join_file.h"
 #include "overhub/commands/own_host.h"
 #include "overhub/commands/reporting.h"
 
@@ -75,7 +75,7 @@ int ClientLink::findHost() {
                                       "--host HOST, or for good with \"overhub client-host " +
                                       client_ + " HOST\"");
   }
-  if (!fitsJoinFile(options_.host)) {
+  if (!programs::fitsJoinFile(options_.host)) {
     return complain(kExitRefused, "\"" + options_.host +
                                       "\" is no host name or address; \"overhub client-host " + client_ +
                                       " HOST\" sets the right one");

@@ -1,14 +1,16 @@
 #include "overhub/commands/client_requests.h"
 
+#include <unistd.h>
 #include <string_view>
+
 #include <utility>
 
+#include "common/join_file.h"
 #include "common/machine_identity.h"
 #include "common/text_table.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/exit_codes.h"
-#include "overhub/commands/join_file.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/store/acknowledgements.h"
 #include "overhub/store/batch_edit.h"
@@ -86,7 +88,8 @@ int readPayload(std::string& payload) {
 }  // namespace
 
 int setClientHost(const DataStore& store, const std::string& client, const std::string& host) {
-  if (!fitsJoinFile(host)) return complain(kExitUsage, "\"" + host + "\" is no host name or address");
+  if (!programs::fitsJoinFile(host))
+    return complain(kExitUsage, "\"" + host + "\" is no host name or address");
   if (!store.hasClient(client)) return unknownClient(store, client);
   CWmError error = store.prepare();
   if (!error.IsError()) error = store.setHost(client, host);
@@ -156,6 +159,8 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  print(linesForTerminal(answer.payload.get()) + '\n');
+  // Whoever reads a pipe wants the payload as it is; a terminal would obey it.
+  const std::string& shown = answer.payload;
+  print((::isatty(STDOUT_FILENO) != 0 ? linesForTerminal(shown) : shown) + '\n');
   return kExitOk;
 }

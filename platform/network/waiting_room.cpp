@@ -493,7 +493,7 @@ bool WaitingRoom::putOutForDescriptor() {
 }
 
 void WaitingRoom::makeRoom() {
-  const auto crowd = [this](const CallerGroups& groups, std::size_t limit) {
+  const auto crowd = [](const CallerGroups& groups, std::size_t limit) {
     return groups.largest().size() > limit;
   };
   while (byAddress_.size() > limits_.callers && putOutOneOf(byAddress_.largest())) {

@@ -14,15 +14,14 @@
 #include <string_view>
 #include <thread>
 
+#include "common/join_file.h"
 #include "common/text_table.h"
-#include "lqhost/join_file.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
-#include "overhub/commands/join_file.h"
 #include "platform/message/text_escape.h"
 #include "platform/network/attach_request.h"
 #include "platform/network/target.h"
@@ -81,20 +80,8 @@ void recordRoundTrip(const std::string& bytes) {
 constexpr const char* kIdentity = "fuzz";
 constexpr std::uint16_t kPort = 8400;
 
+constexpr const char* kNextLibrary = "next";
 constexpr int kSeconds = 10;  // for the callee to see the end; the caller closes at once
-
-// The callee's part of attaching, for listeners that take the attach request themselves and for those that do
-// not.
-template <class Session>
-CWmError takeAttach(Session& session) {
-  lqsExecuteRemoteDllType library{};
-  std::string name;
-  if constexpr (requires { session.AcceptAttach(library, name, kSeconds); }) {
-    return session.AcceptAttach(library, name, kSeconds);
-  } else {
-    return session.AcceptAttach(library, name);
-  }
-}
 
 // A caller who holds the key and then sends these bytes inside the session.
 void caller(const std::string& bytes, bool isAttached) {
@@ -105,29 +92,44 @@ void caller(const std::string& bytes, bool isAttached) {
   });
   static const bool isOpen = !listener.open(address, kPort).IsError();
   demand(isOpen, "the listener opens");
+  const auto ask = [](PeerSession& session, const char* library) {
+    AttachRequest request;
+    request.version = kAttachProtocolVersion;
+    request.library = std::string(library);
+    std::string text;
+    request.serialize(text, false);
+    session.writeFrame(PeerSession::kAttach, text);
+  };
   std::jthread peer([&] {
-    const auto session = PeerSession::call(address, kPort, kIdentity, keyHex);
-    demand(session != nullptr, "a caller with the key gets through the handshake");
-    if (isAttached) {
-      AttachRequest request;
-      request.version = kAttachProtocolVersion;
-      request.library = "library";
-      std::string text;
-      request.serialize(text, false);
-      session->writeFrame(PeerSession::kAttach, text);
+    {
+      const auto session = PeerSession::call(address, kPort, kIdentity, keyHex);
+      demand(session != nullptr, "a caller with the key gets through the handshake");
+      if (isAttached) ask(*session, "library");
+      session->writeInTls(bytes);
     }
-    session->writeInTls(bytes);
+    // One who leaves before it has asked is nobody's business but the room's; the one behind it is let in.
+    const auto next = PeerSession::call(address, kPort, kIdentity, keyHex);
+    demand(next != nullptr, "the next caller gets through the handshake");
+    ask(*next, kNextLibrary);
+    next->readFrame();  // waits for the end
   });
-  const auto session = listener.accept();
-  demand(session != nullptr, "the caller is accepted");
-  if (takeAttach(*session).IsError()) return;
-  session->ConfirmAttach();
-  bool peerGone = false;
-  std::unique_ptr<CNMessageBase> message;
-  while (session->IsConnected())
-    demand(!session->ReceiveXMLMessage(nullptr, message, nullptr, 0, kSeconds, peerGone).IsError() ||
-               message == nullptr,
-           "a failed receipt leaves no message");
+  for (auto session = listener.accept();; session = listener.accept()) {
+    demand(session != nullptr, "a caller comes out of the room");
+    lqsExecuteRemoteDllType library;
+    std::string name;
+    if (session->AcceptAttach(library, name).IsError()) continue;
+    if (std::string_view(library.libraryName) == kNextLibrary) return;
+    if (session->IsAsking()) {
+      session->ConfirmAttach();
+    } else {
+      bool peerGone = false;
+      std::unique_ptr<CNMessageBase> message;
+      demand(!session->ReceiveXMLMessage(nullptr, message, nullptr, 0, kSeconds, peerGone).IsError() ||
+                 message == nullptr,
+             "a failed receipt leaves no message");
+    }
+    if (session->IsConnected()) listener.await(std::move(session));
+  }
 }
 
 void keyPath(const std::string& bytes) {
@@ -184,22 +186,21 @@ void joinFile(const std::string& bytes) {
   static const test_support::TempDir folder;
   static const std::string path = folder / "fuzz.join";
   test_support::writeFile(path, bytes);
-  host::JoinFile read;
+  programs::JoinFile read;
   std::string error;
-  if (!host::readJoinFile(path, read, error)) {
+  if (!programs::readJoinFile(path, read, error)) {
     demand(!error.empty(), "a refused join file has a reason");
     return;
   }
   std::string key;
-  demand(read.clientId != 0 && sessionKeyFromHex(read.sessionKey, key), "an accepted join file is usable");
-  if (!fitsJoinFile(read.serverHost) || !fitsJoinFile(read.serverName) || !fitsJoinFile(read.clientName))
-    return;
-  test_support::writeFile(path, joinFileText({read.serverHost, read.serverName, read.clientName,
-                                              static_cast<std::int64_t>(read.clientId), read.sessionKey}));
-  host::JoinFile again;
-  demand(host::readJoinFile(path, again, error) && again.serverHost == read.serverHost &&
+  demand(read.clientId > 0 && sessionKeyFromHex(read.sessionKeyHex, key), "an accepted join file is usable");
+  for (const std::string& word : {read.serverHost, read.serverName, read.clientName})
+    if (!programs::fitsJoinFile(word)) return;
+  test_support::writeFile(path, programs::joinFileText(read));
+  programs::JoinFile again;
+  demand(programs::readJoinFile(path, again, error) && again.serverHost == read.serverHost &&
              again.serverName == read.serverName && again.clientName == read.clientName &&
-             again.clientId == read.clientId && again.sessionKey == read.sessionKey,
+             again.clientId == read.clientId && again.sessionKeyHex == read.sessionKeyHex,
          "a join file that is written anew says the same");
 }
 

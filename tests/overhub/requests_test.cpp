@@ -93,7 +93,8 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   EXPECT_TRUE(refused.exitCode == 1 && contains(refused.err, file)) << refused.err;
 }
 
-// The payload belongs to whoever made it and whoever reads it: not a byte of it changes.
+// The payload belongs to whoever made it and whoever reads it: not a byte of it changes, except on a
+// terminal.
 TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
   const auto listening = host([](PeerSession& session, const CNMessageBase& request) {
     const auto& message = *messageAs<App::AppCommunicationMessageReq>(&request);
@@ -106,6 +107,10 @@ TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
   EXPECT_EQ(echoed.out, "-9223372036854775808|a\n\x1b\\<&> \xff\n");
   const auto piped = shell("printf 'x\\n' | \"$OVERHUB\" call web-1 7 - --host " + address_);
   EXPECT_EQ(piped.out, "7|x\n\n") << piped.err;
+  const auto onTerminal =
+      shell("printf 'a\\033b' > payload; script -qec '\"$OVERHUB\" call web-1 7 - --host " + address_ +
+            " < payload' /dev/null");
+  EXPECT_TRUE(contains(onTerminal.out, "7|a\\x1bb")) << onTerminal.out;
   EXPECT_EQ(shell("printf 'a\\000b' | \"$OVERHUB\" call web-1 7 - --host " + address_).exitCode, 2);
 }
 

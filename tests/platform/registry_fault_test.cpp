@@ -272,11 +272,15 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   lqregistry::UseFile(file_);
   // Rights mean nothing to the superuser, so the calls are made as somebody else.
   const bool superuser = geteuid() == 0;
-  OtherProcess user([superuser](const std::string& step) {
+  if (superuser) {
+    ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(chown(file_.c_str(), kNobody, kNobody), 0);
+  }
+  const auto answers = [superuser](const std::string& step) {
     LQPlatformInfo info;
     if (step == "become") return !superuser || (setgroups(0, nullptr) == 0 && setuid(kNobody) == 0);
     if (step == "read") return valueOf("A", "name") == "data";
-    if (step == "write") return info.setString("A", "name", "new", 0) != 0;
+    if (step.starts_with("write ")) return info.setString("A", "name", step.substr(6), 0) != 0;
     static lqregistry::WriteBatch* batch = nullptr;
     if (step == "begin") (batch = new lqregistry::WriteBatch)->lock();
     if (step == "end") return batch->commit() && valueOf("A", "name") == "newer";
@@ -286,25 +290,22 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
       return !valueOf("A", "name") && !info.createRegKey("B") && info.getRegError() == kRegUnavailable;
     return !info.setString("A", "name", "new", 0) && info.getRegError() == kRegUnavailable &&
            info.getRegErrorText().find("read-only") != std::string::npos;
-  });
-  ASSERT_TRUE(info_.setString("A", "name", "data", 0));  // opened here while it is this process's own
-  if (superuser) {
-    ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
-    for (const char* part : {"", "-wal", "-shm"})
-      ASSERT_EQ(chown((file_ + part).c_str(), kNobody, kNobody), 0) << part;
-  }
-  ASSERT_TRUE(user.ask("become"));
+  };
+  OtherProcess user(answers);
+  OtherProcess writer(answers);
+  ASSERT_TRUE(user.ask("become") && writer.ask("become"));
+  ASSERT_TRUE(writer.ask("write data"));  // opened while it may be written
   ASSERT_EQ(chmod(file_.c_str(), 0), 0);
   EXPECT_TRUE(user.ask("fail to read"));
   ASSERT_EQ(chmod(file_.c_str(), 0400), 0);
   EXPECT_TRUE(user.ask("read"));
   EXPECT_TRUE(user.ask("fail to write"));
   EXPECT_TRUE(user.ask("begin"));
-  EXPECT_TRUE(info_.setString("A", "name", "newer", 0));
+  EXPECT_TRUE(writer.ask("write newer"));
   EXPECT_TRUE(user.ask("read on")) << "a batch that cannot write is of one moment as well";
   EXPECT_TRUE(user.ask("end"));
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
-  EXPECT_TRUE(user.ask("write"));
+  EXPECT_TRUE(user.ask("write new"));
 }
 
 TEST_F(RegistryTest, ReportsABatchThatADiskTooFullUndid) {

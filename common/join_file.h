@@ -1,9 +1,11 @@
-// The join file: what `lqhost join` needs to make a machine a client of this server. It holds the client's
-// session key, so it is as secret as the key.
+// The join file: what `overhub add-client` writes and `lqhost join` reads to make a machine a client of a
+// server. It holds the client's session key, so it is as secret as the key.
 #pragma once
 
 #include <cstdint>
 #include <string>
+
+namespace programs {
 
 struct JoinFile {
   std::string serverHost;
@@ -18,3 +20,8 @@ bool fitsJoinFile(const std::string& word);
 
 // The file's text, as a reader of command-line configuration files takes it.
 std::string joinFileText(const JoinFile& join);
+
+// Reads and checks a join file. False with the reason in `error`, which may repeat what the file holds.
+bool readJoinFile(const std::string& path, JoinFile& file, std::string& error);
+
+}  // namespace programs

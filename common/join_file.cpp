@@ -1,0 +1,75 @@
+#include "common/join_file.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <map>
+#include <string_view>
+
+#include "lqregistry/CLqNetwork.h"
+
+namespace programs {
+
+namespace {
+
+constexpr const char* kServerHost = "server-host";
+constexpr const char* kServerName = "server-name";
+constexpr const char* kClientName = "client-name";
+constexpr const char* kClientId = "client-id";
+constexpr const char* kSessionKey = "session-key";
+
+constexpr std::string_view kWordCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._:%-";
+constexpr std::size_t kMaxWord = 255;
+
+std::string quotedLine(const char* name, const std::string& value) {
+  return std::string(name) + "=\"" + value + "\"\n";
+}
+
+}  // namespace
+
+bool fitsJoinFile(const std::string& word) {
+  return !word.empty() && word.size() <= kMaxWord &&
+         word.find_first_not_of(kWordCharacters) == std::string::npos;
+}
+
+std::string joinFileText(const JoinFile& join) {
+  return "# Join file of client " + join.clientName +
+         " for \"lqhost join FILE\". It holds the client's session key: keep it secret, delete it after "
+         "use.\n" +
+         quotedLine(kServerHost, join.serverHost) + quotedLine(kServerName, join.serverName) +
+         quotedLine(kClientName, join.clientName) + std::string(kClientId) + "=" +
+         std::to_string(join.clientId) + "\n" + quotedLine(kSessionKey, join.sessionKeyHex);
+}
+
+bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
+  std::map<std::string, std::string> entries;
+  try {
+    for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
+      if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
+  } catch (const CLI::Error& failure) {
+    error = std::string(failure.what()) + ": cannot read the join file; `overhub add-client` writes one";
+    return false;
+  }
+  const auto take = [&](const char* name, std::string& into) {
+    into = entries[name];
+    if (!into.empty()) return true;
+    error = path + ": the join file lacks \"" + name + "\"; have `overhub add-client` write a new one";
+    return false;
+  };
+  std::string id;
+  if (!take(kServerHost, file.serverHost) || !take(kServerName, file.serverName) ||
+      !take(kClientName, file.clientName) || !take(kClientId, id) || !take(kSessionKey, file.sessionKeyHex))
+    return false;
+  const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
+  std::string key;
+  if (failure != std::errc() || end != id.data() + id.size() || file.clientId <= 0) {
+    error = path + ": client-id is not a positive number: " + id;
+  } else if (!sessionKeyFromHex(file.sessionKeyHex, key)) {
+    error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
+            " hexadecimal digits";
+  }
+  return error.empty();
+}
+
+}  // namespace programs
