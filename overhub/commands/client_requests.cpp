@@ -1,5 +1,7 @@
 #include "overhub/commands/client_requests.h"
 
+#include <unistd.h>
+
 #include <string_view>
 #include <utility>
 
@@ -60,8 +62,8 @@ App::FetchClientRegistry fetchOf(const std::string& path, const std::string& nam
   return request;
 }
 
-// A payload for people, as the client's lines: the breaks between them are all that a terminal gets to act
-// on.
+// A payload for people: the breaks between its lines are all that a terminal gets to act on. A program that
+// reads it from a pipe gets it as it came.
 std::string linesForTerminal(std::string_view payload) {
   std::string lines;
   for (;;) {
@@ -156,6 +158,7 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  print(linesForTerminal(answer.payload.get()) + '\n');
+  const bool isForPeople = ::isatty(STDOUT_FILENO) != 0;
+  print((isForPeople ? linesForTerminal(answer.payload.get()) : answer.payload.get()) + '\n');
   return kExitOk;
 }

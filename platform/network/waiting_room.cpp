@@ -30,6 +30,8 @@ constexpr CallerNumber kWakeEvent = kListenerEvent - 1;
 // How many events are taken up, and callers greeted, before the others have their turn.
 constexpr int kEventsAtOnce = 256;
 constexpr int kGreetingsAtOnce = 64;
+// And how many are put out: to close thousands of sockets in one go would hold everybody up.
+constexpr int kPartingsAtOnce = 64;
 
 // Descriptors that the process keeps for everything else: files, the log, connections of its own.
 constexpr rlim_t kReservedDescriptors = 64;
@@ -219,6 +221,7 @@ void WaitingRoom::run() {
       std::set<CallerNumber> more;
       more.swap(unfinished_);
       for (const CallerNumber number : more) serve(number);
+      if (isCrowded_) makeRoom();
       sweep();
     } catch (const std::exception& shortage) {  // costs one caller; the room stays for the others
       ObEvent().Error(kTag, "the callers on %s cannot be watched well: %s", place_.c_str(), shortage.what());
@@ -253,7 +256,7 @@ bool WaitingRoom::isStopped() const {
 }
 
 int WaitingRoom::sleepTime() const {
-  if (!unfinished_.empty()) return 0;
+  if (!unfinished_.empty() || isCrowded_) return 0;
   return callers_.empty() && isListening_ ? -1 : static_cast<int>(kSweepPause.count());
 }
 
@@ -492,16 +495,18 @@ bool WaitingRoom::putOutForDescriptor() {
   return putOutOneOf(byAddress_.largest()) || putOutOneOf(byIdentity_.largest());
 }
 
+bool WaitingRoom::putOutOne() {
+  const std::set<CallerNumber>& neighbours = byAddress_.largest();
+  if (byAddress_.size() > limits_.callers || neighbours.size() > limits_.callersPerAddress) {
+    if (putOutOneOf(neighbours)) return true;
+  }
+  return byIdentity_.largest().size() > limits_.waitingPerIdentity && putOutOneOf(byIdentity_.largest());
+}
+
 void WaitingRoom::makeRoom() {
-  const auto crowd = [this](const CallerGroups& groups, std::size_t limit) {
-    return groups.largest().size() > limit;
-  };
-  while (byAddress_.size() > limits_.callers && putOutOneOf(byAddress_.largest())) {
-  }
-  while (crowd(byAddress_, limits_.callersPerAddress) && putOutOneOf(byAddress_.largest())) {
-  }
-  while (crowd(byIdentity_, limits_.waitingPerIdentity) && putOutOneOf(byIdentity_.largest())) {
-  }
+  int parted = 0;
+  while (parted < kPartingsAtOnce && putOutOne()) ++parted;
+  isCrowded_ = parted == kPartingsAtOnce;
 }
 
 // The system gives the lowest free number, so the next one tells how many are taken.
