@@ -30,6 +30,9 @@ constexpr CallerNumber kWakeEvent = kListenerEvent - 1;
 // How many events are taken up, and callers greeted, before the others have their turn.
 constexpr int kEventsAtOnce = 256;
 constexpr int kGreetingsAtOnce = 64;
+// A look at the descriptors left is as dear as a greeting; it is taken once for so many, far fewer than are
+// kept.
+constexpr int kGreetingsPerLook = 16;
 // And how many are put out: to close thousands of sockets in one go would hold everybody up.
 constexpr int kPartingsAtOnce = 64;
 
@@ -262,7 +265,8 @@ int WaitingRoom::sleepTime() const {
 
 void WaitingRoom::greet() {
   for (int i = 0; i < kGreetingsAtOnce && !isDoorClosed_; ++i) {
-    if (isShortOfDescriptors() && !putOutForDescriptor()) return rest("no descriptors are left");
+    const bool looks = i % kGreetingsPerLook == 0;
+    if (looks && isShortOfDescriptors() && !putOutForDescriptor()) return rest("no descriptors are left");
     SocketAddress from;
     const int descriptor = ::accept4(listener_.get(), from.edit(), &from.size, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor >= 0) {
@@ -284,10 +288,10 @@ void WaitingRoom::greetOne(int descriptor, const SocketAddress& from) {
       if (const auto alive = room.lock()) alive->wake();
     };
     impl.frames = std::make_unique<FrameStream>(psk_, FrameBudget::ofAccepted(), turnCame);
-    impl.frames->connection().adopt(descriptor);
+    impl.peerText = from.text();
+    impl.frames->connection().adopt(descriptor, impl.peerText);
     descriptor = -1;
     impl.peerAddress = from.host();
-    impl.peerText = impl.frames->connection().address();
     impl.state = CLqNetwork::Impl::State::kAccepted;
     {
       const std::lock_guard lock(mutex_);
