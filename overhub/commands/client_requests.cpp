@@ -1,8 +1,8 @@
 #include "overhub/commands/client_requests.h"
 
 #include <unistd.h>
-#include <string_view>
 
+#include <string_view>
 #include <utility>
 
 #include "common/join_file.h"
@@ -62,8 +62,8 @@ App::FetchClientRegistry fetchOf(const std::string& path, const std::string& nam
   return request;
 }
 
-// A payload for people, as the client's lines: the breaks between them are all that a terminal gets to act
-// on.
+// A payload for people: the breaks between its lines are all that a terminal gets to act on. A program that
+// reads it from a pipe gets it as it came.
 std::string linesForTerminal(std::string_view payload) {
   std::string lines;
   for (;;) {
@@ -159,8 +159,7 @@ int callClient(const DataStore& store, const std::string& client, std::int64_t m
   if (fault.unserialize(answer.payload) == 0)
     return complain(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
                                       std::to_string(fault.errorCode.get()) + ")");
-  // Whoever reads a pipe wants the payload as it is; a terminal would obey it.
-  const std::string& shown = answer.payload;
-  print((::isatty(STDOUT_FILENO) != 0 ? linesForTerminal(shown) : shown) + '\n');
+  const bool isForPeople = ::isatty(STDOUT_FILENO) != 0;
+  print((isForPeople ? linesForTerminal(answer.payload.get()) : answer.payload.get()) + '\n');
   return kExitOk;
 }

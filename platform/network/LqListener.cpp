@@ -18,6 +18,7 @@ int listenOn(const SocketAddress& place) {
   if (descriptor < 0) return descriptor;
   const int on = 1;
   ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  TlsConnection::prepareSocket(descriptor);
   if (::bind(descriptor, place.get(), place.size) == 0 && ::listen(descriptor, SOMAXCONN) == 0)
     return descriptor;
   const int fault = errno;

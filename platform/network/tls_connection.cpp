@@ -35,14 +35,6 @@ void setOption(int descriptor, int level, int name, int value) {
   ::setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
-void prepareSocket(int descriptor) {
-  setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdleSeconds);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, kKeepAliveProbes);
-  setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
-}
-
 std::string systemText(int fault) {
   return std::generic_category().message(fault);
 }
@@ -100,6 +92,14 @@ int connectWithin(int descriptor, const SocketAddress& place, const Deadline& de
 
 }  // namespace
 
+void TlsConnection::prepareSocket(int descriptor) {
+  setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
+  setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdleSeconds);
+  setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
+  setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, kKeepAliveProbes);
+  setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
 void TlsConnection::FreeTls::operator()(ssl_st* tls) const {
   SSL_free(tls);
 }
@@ -145,14 +145,11 @@ CWmError TlsConnection::connect(const Target& target, const Deadline& deadline) 
   return {isSilent ? kLqErrTimeout : kLqErrConnect, reasons};
 }
 
-void TlsConnection::adopt(int descriptor) {
+void TlsConnection::adopt(int descriptor, std::string address) {
   closeSocket();
   descriptor_ = descriptor;
-  prepareSocket(descriptor_);
   accepted_ = true;
-  SocketAddress peer;
-  ::getpeername(descriptor_, peer.edit(), &peer.size);
-  address_ = peer.text();
+  address_ = std::move(address);
 }
 
 ssl_st& TlsConnection::tls() {

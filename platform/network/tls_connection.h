@@ -38,8 +38,10 @@ class TlsConnection {
   // Connects to the target's first port or, when nobody can be reached there, its second.
   CWmError connect(const Target& target, const Deadline& deadline);
 
-  // Takes over an accepted, non-blocking socket. Until the first byte comes, it costs no TLS state.
-  void adopt(int descriptor);
+  // Takes over an accepted, non-blocking socket and the text of where it came from. Until the first byte
+  // comes, it costs no TLS state. Its options are those of the listening socket, which accepted ones inherit.
+  void adopt(int descriptor, std::string address);
+  static void prepareSocket(int descriptor);
 
   CWmError handshake(const Deadline& deadline);
   CWmError tryHandshake(Waiting& waiting);

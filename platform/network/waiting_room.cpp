@@ -30,6 +30,11 @@ constexpr CallerNumber kWakeEvent = kListenerEvent - 1;
 // How many events are taken up, and callers greeted, before the others have their turn.
 constexpr int kEventsAtOnce = 256;
 constexpr int kGreetingsAtOnce = 64;
+// A look at the descriptors left is as dear as a greeting; it is taken once for so many, far fewer than are
+// kept.
+constexpr int kGreetingsPerLook = 16;
+// And how many are put out: to close thousands of sockets in one go would hold everybody up.
+constexpr int kPartingsAtOnce = 64;
 
 // Descriptors that the process keeps for everything else: files, the log, connections of its own.
 constexpr rlim_t kReservedDescriptors = 64;
@@ -219,6 +224,7 @@ void WaitingRoom::run() {
       std::set<CallerNumber> more;
       more.swap(unfinished_);
       for (const CallerNumber number : more) serve(number);
+      if (isCrowded_) makeRoom();
       sweep();
     } catch (const std::exception& shortage) {  // costs one caller; the room stays for the others
       ObEvent().Error(kTag, "the callers on %s cannot be watched well: %s", place_.c_str(), shortage.what());
@@ -253,13 +259,14 @@ bool WaitingRoom::isStopped() const {
 }
 
 int WaitingRoom::sleepTime() const {
-  if (!unfinished_.empty()) return 0;
+  if (!unfinished_.empty() || isCrowded_) return 0;
   return callers_.empty() && isListening_ ? -1 : static_cast<int>(kSweepPause.count());
 }
 
 void WaitingRoom::greet() {
   for (int i = 0; i < kGreetingsAtOnce && !isDoorClosed_; ++i) {
-    if (isShortOfDescriptors() && !putOutForDescriptor()) return rest("no descriptors are left");
+    const bool looks = i % kGreetingsPerLook == 0;
+    if (looks && isShortOfDescriptors() && !putOutForDescriptor()) return rest("no descriptors are left");
     SocketAddress from;
     const int descriptor = ::accept4(listener_.get(), from.edit(), &from.size, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor >= 0) {
@@ -281,10 +288,10 @@ void WaitingRoom::greetOne(int descriptor, const SocketAddress& from) {
       if (const auto alive = room.lock()) alive->wake();
     };
     impl.frames = std::make_unique<FrameStream>(psk_, FrameBudget::ofAccepted(), turnCame);
-    impl.frames->connection().adopt(descriptor);
+    impl.peerText = from.text();
+    impl.frames->connection().adopt(descriptor, impl.peerText);
     descriptor = -1;
     impl.peerAddress = from.host();
-    impl.peerText = impl.frames->connection().address();
     impl.state = CLqNetwork::Impl::State::kAccepted;
     {
       const std::lock_guard lock(mutex_);
@@ -492,16 +499,18 @@ bool WaitingRoom::putOutForDescriptor() {
   return putOutOneOf(byAddress_.largest()) || putOutOneOf(byIdentity_.largest());
 }
 
+bool WaitingRoom::putOutOne() {
+  const std::set<CallerNumber>& neighbours = byAddress_.largest();
+  if (byAddress_.size() > limits_.callers || neighbours.size() > limits_.callersPerAddress) {
+    if (putOutOneOf(neighbours)) return true;
+  }
+  return byIdentity_.largest().size() > limits_.waitingPerIdentity && putOutOneOf(byIdentity_.largest());
+}
+
 void WaitingRoom::makeRoom() {
-  const auto crowd = [](const CallerGroups& groups, std::size_t limit) {
-    return groups.largest().size() > limit;
-  };
-  while (byAddress_.size() > limits_.callers && putOutOneOf(byAddress_.largest())) {
-  }
-  while (crowd(byAddress_, limits_.callersPerAddress) && putOutOneOf(byAddress_.largest())) {
-  }
-  while (crowd(byIdentity_, limits_.waitingPerIdentity) && putOutOneOf(byIdentity_.largest())) {
-  }
+  int parted = 0;
+  while (parted < kPartingsAtOnce && putOutOne()) ++parted;
+  isCrowded_ = parted == kPartingsAtOnce;
 }
 
 // The system gives the lowest free number, so the next one tells how many are taken.

@@ -89,7 +89,9 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   // Whether it sends a large request so slowly that it would not be done in its time.
   bool isBehind(const Caller& caller) const;
   bool isOverdue(const Caller& caller) const;
+  // Puts out some of whom there are too many; isCrowded_ tells whether there may be more to do at once.
   void makeRoom();
+  bool putOutOne();
   // The oldest that may be put out; false when nobody may.
   bool putOutOneOf(const std::set<CallerNumber>& group);
   bool putOutForDescriptor();
@@ -118,6 +120,7 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   std::set<CallerNumber> unfinished_;  // who can go on at once, after the others
   Clock::time_point lastSweep_{};
   std::size_t forgotten_ = 0;  // callers of whom nothing has been told
+  bool isCrowded_ = false;
   bool isListening_ = true;
   bool inShortage_ = false;
   bool isDoorClosed_ = false;
