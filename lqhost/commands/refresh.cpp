@@ -49,7 +49,7 @@ CommandResult refreshNow(Passes& passes) {
   CommandResult result;
   result.exitCode = exitCodeOf(refreshed.outcome, report.failed);
   result.out = report.text + "the cache holds " + std::to_string(kept ? kept->keys.size() : 0) +
-               " records now, " + std::to_string(cached->keys.size()) +
+               " records now, " + std::to_string(cached ? cached->keys.size() : 0) +
                " before; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   if (!kept) result.err = complaint(0, error).err;
   return result;
