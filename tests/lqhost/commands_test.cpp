@@ -99,7 +99,9 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY"});
   const auto partly = lqhost({"sync"});
   EXPECT_EQ(partly.exitCode, 4);
-  EXPECT_TRUE(contains(partly.out, "acknowledged: taskStatus 1 (failed)")) << partly.out;
+  EXPECT_TRUE(contains(partly.out, "acknowledged: taskStatus 1 (failed)") &&
+              contains(partly.out, "keys may not be created from afar"))
+      << partly.out;
   EXPECT_EQ(lqhost({"refresh"}).exitCode, 4);
   EXPECT_EQ(lqhost({"status"}).exitCode, 6);
 

@@ -73,6 +73,7 @@ TEST_F(LqregTest, SaysWhatIsWrongAndHowToGoOn) {
     EXPECT_EQ(result.out, "");
     for (const auto& word : words) EXPECT_TRUE(contains(result.err, word)) << word << " in " << result.err;
   }
+  EXPECT_TRUE(contains(lqreg({"--help"}).out, "Examples:"));
   const auto nobody = lqreg({"get", "A", "name"}, "");
   EXPECT_EQ(nobody.exitCode, 2);
   EXPECT_TRUE(contains(nobody.err, "--instance")) << nobody.err;

@@ -25,6 +25,7 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   const auto added = overhub({"add-client", "web-1", "--server-host", "mgmt.example", "--server-name", "hub",
                               "--join-file", joinFile});
   ASSERT_EQ(added.exitCode, 0) << added.err;
+  EXPECT_TRUE(contains(added.out, "id 3; its join file is " + joinFile + "\n")) << added.out;
 
   const std::string key = keyOf("web-1");
   EXPECT_EQ(key.find_first_not_of("0123456789abcdef"), std::string::npos);
@@ -195,6 +196,8 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   EXPECT_EQ(missing.exitCode, 3);
   EXPECT_TRUE(contains(missing.err, data_) && contains(missing.err, "--data")) << missing.err;
   EXPECT_FALSE(std::filesystem::exists(data_)) << "a mistyped directory was made";
+  for (const char* const command : {"serve", "set", "push", "fetch", "call", "uploads"})
+    EXPECT_TRUE(contains(overhub({command, "--help"}).out, "Example")) << command;
 
   expectOk({"add-client", "web-1"});
   expectOk({"set", "@static", "p", "n", "a\nb\x1b[31m\\"});

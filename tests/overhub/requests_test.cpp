@@ -139,6 +139,10 @@ TEST_F(OverhubRequestTest, FindsTheClient) {
   EXPECT_TRUE(contains(lost.err, elsewhere) && contains(lost.err, "lqhost run")) << lost.err;
   EXPECT_EQ(atHost(push).out, "applied\n");
   EXPECT_EQ(overhub({"client-host", "web-1", "a*b"}).exitCode, 2);
+  std::filesystem::remove(data_ + "/hosts/web-1");
+  std::filesystem::create_directory(data_ + "/hosts/web-1");
+  const auto unreadable = overhub(push);
+  EXPECT_TRUE(unreadable.exitCode == 3 && contains(unreadable.err, "hosts/web-1")) << unreadable.err;
 }
 
 // Whatever the other end does, the command ends and says what it was.

@@ -216,6 +216,10 @@ TEST_F(NetworkTest, RefusedAttachGivesTheReasonAndTheObjectCanAttachAgain) {
   EXPECT_FALSE(network.IsConnected());
   EXPECT_FALSE(attach(network).IsError());
   EXPECT_TRUE(network.IsConnected());
+  std::string peer;
+  EXPECT_TRUE(network.GetPeerName(peer));
+  EXPECT_TRUE(attach(network, kPatience, "refuse").IsError());
+  EXPECT_FALSE(network.GetPeerName(peer)) << "an old one";
 }
 
 TEST_F(NetworkTest, AddressesOfBothFamiliesAndNamesAreTargets) {
@@ -662,8 +666,10 @@ TEST_F(RoomTest, WhoIsTooSlowWithALargeMessageGivesItsMemoryToOthers) {
   beginLarge(*first, kMaxMessageFrameBytes - 1);
   beginLarge(*second, kMaxMessageFrameBytes - 1);
   const auto third = attachedPeer();
-  beginLarge(*third, kMaxMessageFrameBytes - 1);
+  const std::string text = "<Test.Note text=\"" + std::string(3 * kBegun, 'x') + "\"/>";
+  third->writeFrame(PeerSession::kMessage, text);
   first->waitForClose();
+  EXPECT_EQ(third->readFrame().payload, text);
   server.awaitOutcomes(1);
   expectError(server.outcomes()[0], kLqErrTimeout, "slow to send a large message");
 }
