@@ -19,6 +19,7 @@ std::string serverHostName(LQPlatformInfo& platformInfo) {
 std::string clientNameOfHost(LQPlatformInfo& platformInfo, const std::string& hostName) {
   std::string name;
   platformInfo.getClientNameFromHostName(hostName, name);
+  name = std::string(name.c_str());  // a name buffer ends at the first NUL
   name.resize(std::min(name.size(), kHostNameBuffer));
   return name;
 }

@@ -21,7 +21,7 @@ struct flock wholeFile() {
 }  // namespace
 
 FileLock::FileLock(const std::string& path, int command)
-    : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)) {
+    : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode)) {
   struct flock whole = wholeFile();
   if (!handle_.isValid()) return;
   int result = 0;

@@ -22,8 +22,7 @@ OBGui::RegistryKeyInfo converted(const App::RegistryKeyInfo& source) {
   record.deleteFlag = source.deleteFlag.get();
   record.enabledFlag = source.enabledFlag.get();
   // The fields above are always written, an unset one with its default; these two only when there is
-  // something to write, because applying a record tells an absent protected value or association from an
-  // empty one.
+  // something to write, so that what was not there stays unset for whoever the record is passed on to.
   if (source.encryptedValue.isSet()) record.encryptedValue = source.encryptedValue.get();
   if (source.association.isSet() && source.association->id.isSet() && source.association->id != 0)
     record.association = source.association.get();

@@ -60,7 +60,8 @@ class ApplyPass {
     if (client_.createRegistryKey(&key) == kResultFailed) failed_ = true;
     // Without a callback there is nobody to tell, and no need to know whether the value changed.
     if (!hasCallback || failed_) return;
-    // In any letter case here, exactly in createRegistryKey: on purpose.
+    // In any letter case here, exactly in createRegistryKey: a record that says "encrypted" is stored as it
+    // stands and always counts as changed, which is what modules know.
     const bool isProtected = strcasecmp(key.valueType->c_str(), ENCRYPTEDTYPE) == 0;
     const std::string newValue = isProtected ? key.encryptedValue->getV8Password() : key.value.get();
     if (readFailed || newValue != oldValue) changed_.push_back(&key);
@@ -107,6 +108,12 @@ int LqRegistryManagerClnt::updateRegistryKeysForClient(OBGui::KeyList& keys) {
     event.DebugLvl(kDetail, kApplyTag, "NO RECODRDS FOR CLIENT REGISTRY KEYS");
     return kResultOk;
   }
+  if (lqregistry::IsInBatch()) {
+    // Callbacks would be told of changes that the caller may still undo.
+    event.Error(kApplyTag, "A key list is not applied within a write batch of its caller");
+    regStatus = kRegStatusWriteFailed;
+    return kResultFailed;
+  }
   markExpired(keys);
   ApplyPass pass(*this);
   for (const OBGui::RegistryKeyInfo& key : keys) pass.apply(key);
@@ -131,7 +138,8 @@ unsigned LqRegistryManagerClnt::updateRegistryKeyForTPPM(App::KeyList& keys) {
   AppToObGui(converted, keys);
   updateRegistryKeysForClient(converted);
   event.DebugLvl(kMilestone, kTag, "Completed updating registry for TPPM settings");
-  // What the last registry operation left, not the apply result: on purpose.
+  // What the last registry operation left, not the apply result: callers tell a missing key from a failed
+  // write.
   return static_cast<unsigned>(regStatus);
 }
 

@@ -18,7 +18,8 @@ constexpr const char* kLogFolder = "Log_Files";
 constexpr const char* kFolderSeparator = "/";
 
 // Whether the cache may be replaced by a reply with this many records. A cache that cannot be read, or that
-// holds more records than the reply, is left as it is; this guard is deliberate.
+// holds more records than the reply, is left as it is; a server that lost records must not
+// empty it.
 bool mayReplaceCache(std::size_t repliedKeys) {
   const std::string text = LqRegistryManagerClnt::getAdditionalSettingsCache();
   if (text.empty()) return true;
@@ -113,8 +114,8 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
 int LqRegistryManagerClnt::downLoadRegKeysFromServer(OBGui::KeyList& keys, std::uint64_t, const std::string&,
                                                      const std::string&) {
   const OBGui::RegistryStaticKeyReq request;
-  std::uint64_t ownId =
-      0;  // looked up because the server's side of the exchange expects a known client; not used
+  // Looked up and not used: a platform may ask the server then, and remember the answer.
+  std::uint64_t ownId = 0;
   LQClient(localHostName, false, 0).getClientId(ownId, nullptr);
   exchange(request);
   const auto* const reply = messageAs<OBGui::RegistryTaskResp>(receivedMessage.get());

@@ -65,6 +65,7 @@ unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui:
 }
 
 unsigned LqRegistryManagerClnt::getAllClientKeys(const char* parent, std::list<std::string>& keys) {
+  if (parent == nullptr) return kResultFailed;
   const std::string shown = parent;
   const bool isBelowRoot = shown.starts_with(kBelowRoot);
   return appendSubKeys(platformInfo, isBelowRoot ? shown : kBelowRoot + shown, shown, keys) ? kResultOk

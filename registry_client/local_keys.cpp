@@ -1,4 +1,4 @@
-// One key record against the local registry: test, write, delete. The only place where applying touches it.
+// One key record against the local registry: test, write, delete. The only place where applying writes to it.
 #include <strings.h>
 
 #include <array>

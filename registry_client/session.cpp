@@ -31,7 +31,9 @@ LqRegistryManagerClnt::LqRegistryManagerClnt(const std::string& focus) {
   session_steps::setDefaults(*this);
 }
 
-LqRegistryManagerClnt::~LqRegistryManagerClnt() = default;
+LqRegistryManagerClnt::~LqRegistryManagerClnt() {
+  network.reset();  // before the fields that it may still be looked at with
+}
 
 bool LqRegistryManagerClnt::initialize() {
   OBGui::RegisterSubsystem();

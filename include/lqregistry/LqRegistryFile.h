@@ -49,12 +49,19 @@ LQ_EXPORT void UseWriteWait(std::chrono::milliseconds wait);
 // checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
 LQ_EXPORT bool Check(std::string& reason);
 
+// Whether this thread has a write batch open.
+LQ_EXPORT bool IsInBatch();
+
 // A scope whose writes become one transaction: they reach the disk together, or not at all.
 //
 // While it lives, other threads and processes that want to write wait; whoever reads from another thread or
 // process sees what was there before. The thread of the batch sees what it has written. Batches of one thread
 // nest: the outermost one commits. Leaving the scope without commit() commits too, but nobody learns of a
-// failure then. A batch belongs to the thread that made it.
+// failure then; an exception that leaves it undoes the batch. A batch belongs to the thread that made it.
+//
+// After a write of it was lost, which the writes that fail then and commit() tell, later writes are tried all
+// the same, in a transaction of their own: whoever wants all or nothing abandons the batch at the first
+// failure.
 //
 //   lqregistry::WriteBatch batch;
 //   batch.lock();                      // only if what is written depends on what is read
@@ -83,6 +90,7 @@ class LQ_EXPORT WriteBatch {
 
  private:
   bool open_ = true;
+  int exceptions_;  // under way when the batch was made
 };
 
 }  // namespace lqregistry

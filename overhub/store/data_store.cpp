@@ -43,6 +43,9 @@ CWmError DataStore::open() const {
                             ": not a data directory; name the right one with --data or OVERHUB_DATA, or make "
                             "one with \"overhub add-client NAME\""};
   }
+  // What others could have put here would be handed to every client.
+  CWmError error = FXFile::CheckTrusted(directory_);
+  if (error.IsError()) return error;
   pstring::UseKeyFile(secretKeyFile());
   OBGui::RegisterSubsystem();
   return {};
@@ -50,6 +53,7 @@ CWmError DataStore::open() const {
 
 CWmError DataStore::prepare() const {
   CWmError error = file_access::makeDirectory(directory_);
+  if (!error.IsError()) error = FXFile::CheckTrusted(directory_);
   if (!error.IsError()) error = makeKey();
   for (const char* const name : kDirectories)
     if (!error.IsError()) error = file_access::makeDirectory(directory_ + name);

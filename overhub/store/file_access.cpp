@@ -82,7 +82,7 @@ CWmError makeDirectory(const std::string& path) {
 
 CWmError Lock::open(const std::string& path) {
   path_ = path;
-  handle_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+  handle_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
   return handle_.isValid() ? CWmError() : failed(path);
 }
 

@@ -61,14 +61,16 @@ CWmError lqfile::writeAll(const auto_handle& handle, const void* data, std::uint
   // An appending handle stands at the start until it has written; what it writes begins at the end.
   const bool appends = (::fcntl(handle.get(), F_GETFL) & O_APPEND) != 0;
   const off_t start = ::lseek(handle.get(), 0, appends ? SEEK_END : SEEK_CUR);
+  struct stat before {};
+  const bool isAtEnd = start >= 0 && ::fstat(handle.get(), &before) == 0 && before.st_size == start;
   while (bytesWritten < size) {
     const ssize_t put =
         ::write(handle.get(), static_cast<const char*>(data) + bytesWritten, size - bytesWritten);
     if (put < 0 && errno == EINTR) continue;
     if (put < 0) {
       CWmError error = errorOf("writing " + nameOf(handle));
-      // Half of it would be worse than none: a reader could take it for the whole.
-      if (start >= 0 && ::ftruncate(handle.get(), start) == 0) bytesWritten = 0;
+      // Half of it would be worse than none: a reader could take it for the whole. What was there is left.
+      if (isAtEnd && ::ftruncate(handle.get(), start) == 0) bytesWritten = 0;
       return error;
     }
     bytesWritten += static_cast<std::uint64_t>(put);

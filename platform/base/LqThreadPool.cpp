@@ -162,7 +162,12 @@ struct LqThreadPool::Impl {
       if (laneName != nullptr) pool->lanes.erase(*laneName);
       return -1;
     }
-    pool->ready.push_back({item, lane});
+    try {
+      pool->ready.push_back({item, lane});
+    } catch (const std::bad_alloc&) {
+      if (laneName != nullptr) pool->lanes.erase(*laneName);
+      return -1;
+    }
     ++pool->pending;
     pool->gaveUp = false;
     pool->workArrived.notify_one();

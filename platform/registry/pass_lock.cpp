@@ -84,9 +84,10 @@ void writeNote(int file, const std::string& note) {
   if (ftruncate(file, 0) == 0) static_cast<void>(!pwrite(file, note.data(), note.size(), 0));
 }
 
-// No file can be made here, whoever tries.
-bool isReadOnlyPlace(int error) {
-  return error == EROFS || error == EACCES || error == EPERM || error == ENOENT;
+// No file can be made here, whoever tries. One that is there and may not be opened is somebody else's.
+bool isReadOnlyPlace(const std::string& path, int error) {
+  const bool isRefused = error == EACCES || error == EPERM;
+  return error == EROFS || error == ENOENT || (isRefused && ::access(path.c_str(), F_OK) != 0);
 }
 
 std::string heldBy(const std::string& path, const std::string& holder) {
@@ -99,11 +100,13 @@ std::string heldBy(const std::string& path, const std::string& holder) {
 struct LqPassLock::Hold {
   std::string path;
   auto_handle file;
+  pid_t owner = getpid();
 
   explicit Hold(std::string lock) : path(std::move(lock)) {}
   Hold(const Hold&) = delete;
   Hold& operator=(const Hold&) = delete;
   ~Hold() {
+    if (owner != getpid()) return;  // a forked child's copy: the lock is the parent's
     if (file.isValid()) {
       writeNote(file.get(), "");
       flock(file.get(), LOCK_UN);  // not only closed: a forked child may have the descriptor, too
@@ -135,7 +138,7 @@ struct LqPassLock::Hold {
   bool lockFile(const std::string& note, Clock::time_point end, std::string& reason) {
     auto_handle opened(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (!opened.isValid()) {
-      if (isReadOnlyPlace(errno)) return true;
+      if (isReadOnlyPlace(path, errno)) return true;
       reason = "the lock " + path + " cannot be made: " + systemText(errno);
       return false;
     }
@@ -158,6 +161,11 @@ struct LqPassLock::Hold {
 
 LqPassLock::LqPassLock(const std::string& task) {
   const std::string path = lockPath();
+  if (lqregistry::IsInBatch()) {
+    // Its holder would wait for this thread's batch, and this thread for the holder.
+    reason_ = "this thread writes to the registry in a batch that has not ended";
+    return;
+  }
   const std::string note = noteOf(task);
   const auto end = Clock::now() + waitInForce.load();
   hold_ = Hold::ofThread(path, note, end, reason_);

@@ -1,6 +1,8 @@
 // The public face of the registry file: which one it is, whether it is sound, and write batches.
 #include "lqregistry/LqRegistryFile.h"
 
+#include <exception>
+
 #include "platform/registry/registry_store.h"
 
 namespace lqregistry {
@@ -23,12 +25,20 @@ bool Check(std::string& reason) {
   return outcome.ok();
 }
 
-WriteBatch::WriteBatch() {
+bool IsInBatch() {
+  return RegistryStore::get().isBatchHere();
+}
+
+WriteBatch::WriteBatch() : exceptions_(std::uncaught_exceptions()) {
   RegistryStore::get().beginBatch();
 }
 
 WriteBatch::~WriteBatch() {
-  commit();
+  // Half a batch, left by an exception, is not what anybody meant to write.
+  if (std::uncaught_exceptions() > exceptions_)
+    abandon();
+  else
+    commit();
 }
 
 void WriteBatch::lock() {

@@ -49,11 +49,11 @@ RegistryStore& RegistryStore::get() {
 }
 
 void RegistryStore::closeAtExit() {
+  // A forked child must not close what its parent uses, nor wait for a lock that a thread of the parent held.
+  if (openedBy_ != getpid()) return;
   const std::unique_lock writer(writerLock_, std::try_to_lock);
   if (!writer.owns_lock()) return;
   const std::lock_guard reader(readerLock_);
-  // A forked child must not close what its parent uses.
-  if (openedBy_ != getpid()) return;
   reader_.close();
   writer_.close();
 }

@@ -42,6 +42,8 @@ class RegistryStore {
   void useFile(const std::string& path);
   std::string file();
   void useWriteWait(std::chrono::milliseconds wait) { writeWait_ = wait; }
+  // Whether the calling thread has a batch open.
+  bool isBatchHere() const { return batchOwner_ == std::this_thread::get_id(); }
   Outcome check();
 
   Outcome readValue(const std::string& key, const std::string& name, StoredValue& value);
@@ -102,7 +104,7 @@ class RegistryStore {
   void rollBack();
   void holdStill();
   void noteLock(const Outcome& outcome);
-  bool isBatchHere() const { return batchOwner_ == std::this_thread::get_id(); }
+  void noteLoss();
   bool isWriting() const { return writer_.inTransaction() && !isSnapshot_; }
   void leaveBatch();
 

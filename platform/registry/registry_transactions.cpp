@@ -23,7 +23,14 @@ constexpr milliseconds kWriteLockPoll{10};
 Outcome RegistryStore::change(const Change& change) {
   const std::lock_guard writer(writerLock_);
   holdStill();
-  Outcome outcome = attempt(change);
+  Outcome outcome;
+  try {
+    outcome = attempt(change);
+  } catch (...) {
+    // Out of memory: the file's write lock must not outlast a call that nobody can finish.
+    if (batchDepth_ == 0) rollBack();
+    throw;
+  }
   if (outcome.code == kRegUnavailable) {
     noteLock(outcome);
     reportFailure(Access::kWriting, outcome);
@@ -34,6 +41,7 @@ Outcome RegistryStore::change(const Change& change) {
 Outcome RegistryStore::attempt(const Change& change) {
   bool needed = false;
   Outcome outcome = lookFor(change, needed);
+  noteLoss();
   if (!outcome.ok() || !needed) return outcome;
   if (!isWriting()) {
     outcome = beginTransaction();
@@ -69,12 +77,16 @@ Outcome RegistryStore::act(const Change& change) {
     return {};
   }
   Outcome outcome = writer_.failure(result);
-  // Some errors, a full disk among them, make SQLite give up the whole transaction.
-  if (!writer_.inTransaction()) {
-    lostWrites_ = lostWrites_ || pendingWrites_;
-    pendingWrites_ = false;
-  }
+  noteLoss();
   return outcome;
+}
+
+// Some errors, a full disk among them, make SQLite give up the whole transaction; a look-up can meet one as
+// well as a write, because it may have to make room for the page that it reads.
+void RegistryStore::noteLoss() {
+  if (!pendingWrites_ || writer_.inTransaction()) return;
+  lostWrites_ = true;
+  pendingWrites_ = false;
 }
 
 Outcome RegistryStore::beginTransaction() {
@@ -120,6 +132,7 @@ void RegistryStore::rollBack() {
 // lock, the comparisons go on without it: what is there already needs no write, and a write takes the lock or
 // fails.
 void RegistryStore::holdStill() {
+  noteLoss();
   if (!locksAtOnce_ || writer_.inTransaction()) return;
   const Outcome outcome = beginTransaction();
   noteLock(outcome);
@@ -136,6 +149,7 @@ void RegistryStore::beginBatch() {
   writerLock_.lock();
   if (batchDepth_++ != 0) return;
   lostWrites_ = false;
+  pendingWrites_ = false;
   batchOwner_ = std::this_thread::get_id();
 }
 
@@ -145,6 +159,7 @@ void RegistryStore::lockBatch() {
 }
 
 bool RegistryStore::endBatch() {
+  noteLoss();
   if (batchDepth_ == 1 && writer_.inTransaction()) {
     const Outcome outcome = commitTransaction();
     if (!outcome.ok()) reportFailure(Access::kWriting, outcome);

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "lqregistry/LqPassLock.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/settings_refresh_task.h"
 #include "tests/support/product_fixture.h"
@@ -54,6 +55,15 @@ TEST_F(OnePass, BesideAnotherPassNeitherBegins) {
     push.keys.edit().push_back(record("A", "sPUSHED", "1"));
     EXPECT_EQ(LqRegistryManagerClnt("").serverRequestHandler(push), 1U);
     EXPECT_EQ(valueOf("A", "sPUSHED"), "1");
+  }
+  {
+    // Nor within a batch of the caller, who may still undo what callbacks would be told of.
+    lqregistry::WriteBatch batch;
+    EXPECT_TRUE(isRefusedFor(refreshErrors(), "in a batch"));
+    OBGui::KeyList keys{record("A", "sIN_BATCH", "1")};
+    LqRegistryManagerClnt client("");
+    EXPECT_TRUE(client.updateRegistryKeysForClient(keys) == 3 && client.regStatus == 8);
+    EXPECT_EQ(valueOf("A", "sIN_BATCH"), std::nullopt);
   }
   EXPECT_EQ(refreshErrors().size(), 1U) << "only the line of every refresh";
   EXPECT_EQ(valueOf("A", "sCACHED"), "1");
