@@ -176,10 +176,15 @@ int status() {
   const bool isResident = isHostResident();
   addIdentity(result.out);
   int worst = addTask(result.out, "last sync", kDownloadTask, isResident);
-  worst = worseOf(worst, addTask(result.out, "last refresh", kRefreshTask, isResident));
+  const int refreshed = addTask(result.out, "last refresh", kRefreshTask, isResident);
   worst = worseOf(worst, addUnsettled(result.out));
   worst = worseOf(worst, addResident(result.out));
-  worst = worseOf(worst, addCache(result.out));
+  const int cache = addCache(result.out);
+  worst = worseOf(worst, cache);
+  // That a refresh had no cache, or left none, is over once a synchronisation has stored another.
+  const bool isOver =
+      cache != kExitFailed && (refreshed == kExitCacheLost || refreshed == kExitCacheUnreadable);
+  if (!isOver) worst = worseOf(worst, refreshed);
   std::string reason;
   if (!pstring::CheckKey(reason)) {
     addLine(result.out, "protection", programs::escapedForTerminal(reason));

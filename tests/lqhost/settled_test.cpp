@@ -7,6 +7,7 @@
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/unsettled.h"
 #include "lqhost/service/resident.h"
+#include "lqhost/service/task_note.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
@@ -101,6 +102,16 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   setValue("Limits", "nMAX", "99");
   EXPECT_EQ(lqhost("refresh").exitCode, 0) << "nothing stands in its way any more";
   EXPECT_EQ(valueOf("Limits", "nMAX"), "1");
+
+  for (const auto& [outcome, exitCode] :
+       {std::pair(host::RunOutcome::kCacheLost, 7), std::pair(host::RunOutcome::kCacheUnreadable, 10),
+        std::pair(host::RunOutcome::kFailed, 1)}) {
+    host::noteRun(host::kRefreshTask, 1, 0, 0, outcome);
+    expectStatus(exitCode == 1 ? 1 : 0, "0 of 1 values differ");  // a cache that is there again is no loss
+    std::filesystem::rename(cacheFile(), cacheFile() + ".aside");
+    expectStatus(exitCode, "there is no cache yet");
+    std::filesystem::rename(cacheFile() + ".aside", cacheFile());
+  }
 }
 
 TEST_F(Settled, TheFateOfACacheIsReadFromItsFile) {
