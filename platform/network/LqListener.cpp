@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "lqregistry/CLqNetwork.h"
 #include "platform/network/socket_address.h"
@@ -42,10 +43,11 @@ CWmError LqListener::open(const std::string& address, std::uint16_t port) {
     SocketAddress parsed;
     if (!parseAddress(address, port, parsed))
       return {kLqErrBadTarget, "cannot listen on " + place + ": not an address"};
-    const int descriptor = listenOn(parsed);
-    if (descriptor < 0)
+    Descriptor listening(listenOn(parsed));
+    if (listening.get() < 0)
       return {kLqErrConnect, "cannot listen on " + place + ": " + std::generic_category().message(errno)};
-    room_ = std::make_shared<WaitingRoom>(descriptor, std::make_shared<TlsPsk>(lookup_), limits_, place);
+    room_ = std::make_shared<WaitingRoom>(std::move(listening), std::make_shared<TlsPsk>(lookup_), limits_,
+                                          place);
     room_->start();
     return {};
   } catch (const std::exception& fault) {

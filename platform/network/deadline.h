@@ -25,6 +25,15 @@ class Deadline {
     return left > Clock::duration::zero() ? left : Clock::duration::zero();
   }
 
+  // The earlier of this and so much from now.
+  Deadline within(Clock::duration time) const {
+    Deadline deadline = *this;
+    const auto end = Clock::now() + time;
+    if (!limited_ || end < end_) deadline.end_ = end;
+    deadline.limited_ = true;
+    return deadline;
+  }
+
   // The deadline of the first of `parts` attempts that share the time left, so that one that hangs leaves
   // time for the others.
   Deadline share(std::size_t parts) const {

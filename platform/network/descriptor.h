@@ -3,11 +3,14 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 class Descriptor {
  public:
   Descriptor() = default;
   explicit Descriptor(int number) : number_(number) {}
   ~Descriptor() { close(); }
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 

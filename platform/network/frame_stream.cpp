@@ -155,7 +155,8 @@ CWmError FrameStream::tryReceive(Frame& frame, Waiting& waiting) {
 
 CWmError FrameStream::awaitStep(Waiting waiting, const Deadline& deadline) {
   if (waiting != Waiting::kTurn) return connection_.await(waiting, deadline);
-  if (frame_.claim->await(deadline)) return {};
+  // Nothing is read meanwhile, so the wait counts as silence.
+  if (frame_.claim->await(deadline.within(TlsConnection::silenceLimitNow()))) return {};
   return {kLqErrTimeout, "there was no memory for a message of " + std::to_string(size_) + " bytes in time"};
 }
 

@@ -117,6 +117,10 @@ void TlsConnection::setSilenceLimit(std::chrono::milliseconds limit) {
   silenceLimit = limit;
 }
 
+std::chrono::milliseconds TlsConnection::silenceLimitNow() {
+  return silenceLimit;
+}
+
 CWmError TlsConnection::connect(const Target& target, const Deadline& deadline) {
   std::string fault;
   const std::vector<SocketAddress> found = resolveHost(target.host, fault);

@@ -70,6 +70,7 @@ class TlsConnection {
 
   // How long a wait may go without a byte, whatever its deadline. For the whole process.
   static void setSilenceLimit(std::chrono::milliseconds limit);
+  static std::chrono::milliseconds silenceLimitNow();
 
  private:
   struct FreeTls {

@@ -107,6 +107,9 @@ void TlsPsk::configure() {
   SSL_CTX_set_num_tickets(context_, 0);
   // A long text goes out record by record, each against the deadline; and a silent session holds no buffers.
   SSL_CTX_set_mode(context_, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_RELEASE_BUFFERS);
+  // A read ends after a record that brings no data, so that a stream of such records cannot keep the thread
+  // that watches everybody.
+  SSL_CTX_clear_mode(context_, SSL_MODE_AUTO_RETRY);
 }
 
 ssl_st* TlsPsk::newConnection(std::string& identity) const {

@@ -110,12 +110,12 @@ class WaitingRoom::Seat {
   std::string identity_;
 };
 
-WaitingRoom::WaitingRoom(int listeningSocket, std::shared_ptr<const TlsPsk> psk,
+WaitingRoom::WaitingRoom(Descriptor listeningSocket, std::shared_ptr<const TlsPsk> psk,
                          const LqListener::Limits& limits, std::string place)
     : psk_(std::move(psk)),
       limits_(limits),
       place_(std::move(place)),
-      listener_(listeningSocket),
+      listener_(std::move(listeningSocket)),
       epoll_(madeOrThrow(::epoll_create1(EPOLL_CLOEXEC))),
       wake_(madeOrThrow(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
   watchFor(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), EPOLLIN, kListenerEvent);

@@ -36,8 +36,8 @@ struct epoll_event;
 
 class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
  public:
-  // Owns the listening socket. Throws when the system is short of something.
-  WaitingRoom(int listeningSocket, std::shared_ptr<const TlsPsk> psk, const LqListener::Limits& limits,
+  // Throws when the system is short of something.
+  WaitingRoom(Descriptor listeningSocket, std::shared_ptr<const TlsPsk> psk, const LqListener::Limits& limits,
               std::string place);
   WaitingRoom(const WaitingRoom&) = delete;
   WaitingRoom& operator=(const WaitingRoom&) = delete;
