@@ -35,7 +35,7 @@ int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
 
 CommandResult refreshNow(Passes& passes) {
   std::string error;
-  const std::optional<CachedSettings> cached = readCachedSettings(error);
+  std::optional<CachedSettings> cached = readCachedSettings(error);
   if (!cached && !standingNote()) return complaint(kExitFailed, "nothing to reapply: " + error);
   PassDetails details;
   if (cached) details.batch = cached->keys;
@@ -44,6 +44,17 @@ CommandResult refreshNow(Passes& passes) {
   LqPeriodicTaskStatus status;
   const RefreshResult refreshed = passes.refresh(status);
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
+  // The note was of a pass under way, which the refresh has waited for: what it reapplied is what that
+  // stored.
+  if (!cached) {
+    cached = readCachedSettings(error);
+    if (!cached) return complaint(kExitFailed, "nothing to reapply: " + error);
+    return {exitCodeOf(refreshed.outcome, 0),
+            "reapplied " + std::to_string(cached->keys.size()) +
+                " records, which a synchronisation has just stored; the next refresh is due in " +
+                std::to_string(status.getFrequency()) + " s\n",
+            ""};
+  }
   const BatchReport report = reportOf(details);
   const std::optional<CachedSettings> kept = readCachedSettings(error);
   CommandResult result;
