@@ -31,23 +31,11 @@ int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
   return outcome == RunOutcome::kCacheLost ? kExitCacheLost : kExitOk;
 }
 
-// Another pass may have replaced the cache before this refresh had its turn: what counts then is what the
-// cache holds by now, not what it held when the command began.
-PassDetails rebased(const PassDetails& begun, const OBGui::KeyList& now) {
-  PassDetails details{now, {}};
-  for (std::size_t i = 0; i < now.size(); ++i) {
-    const bool isSame = i < begun.batch.size() && begun.batch[i].keyPath.get() == now[i].keyPath.get() &&
-                        begun.batch[i].valueName.get() == now[i].valueName.get();
-    details.before.push_back(isSame ? begun.before[i] : heldValue(now[i]));
-  }
-  return details;
-}
-
 }  // namespace
 
 CommandResult refreshNow(Passes& passes) {
   std::string error;
-  const std::optional<CachedSettings> cached = readCachedSettings(error);
+  std::optional<CachedSettings> cached = readCachedSettings(error);
   if (!cached && !standingNote()) return complaint(kExitFailed, "nothing to reapply: " + error);
   PassDetails details;
   if (cached) details.batch = cached->keys;
@@ -56,13 +44,23 @@ CommandResult refreshNow(Passes& passes) {
   LqPeriodicTaskStatus status;
   const RefreshResult refreshed = passes.refresh(status);
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
-  BatchReport report = reportOf(details);
+  // The note was of a pass under way, which the refresh has waited for: what it reapplied is what that
+  // stored.
+  if (!cached) {
+    cached = readCachedSettings(error);
+    if (!cached) return complaint(kExitFailed, "nothing to reapply: " + error);
+    return {exitCodeOf(refreshed.outcome, 0),
+            "reapplied " + std::to_string(cached->keys.size()) +
+                " records, which a synchronisation has just stored; the next refresh is due in " +
+                std::to_string(status.getFrequency()) + " s\n",
+            ""};
+  }
+  const BatchReport report = reportOf(details);
   const std::optional<CachedSettings> kept = readCachedSettings(error);
-  if (kept && (!cached || report.failed != 0)) report = reportOf(rebased(details, kept->keys));
   CommandResult result;
   result.exitCode = exitCodeOf(refreshed.outcome, report.failed);
   result.out = report.text + "the cache holds " + std::to_string(kept ? kept->keys.size() : 0) +
-               " records now, " + std::to_string(cached ? cached->keys.size() : 0) +
+               " records now, " + std::to_string(cached->keys.size()) +
                " before; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   if (!kept) result.err = complaint(0, error).err;
   return result;

@@ -74,9 +74,10 @@ void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
   result_.records = batch.keys->size();
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
-  details_->before.clear();
-  details_->before.reserve(details_->batch.size());
-  for (const OBGui::RegistryKeyInfo& key : details_->batch) details_->before.push_back(heldValue(key));
+  // As long as the batch from the start: the report pairs the two even if a value cannot be looked at.
+  details_->before.assign(details_->batch.size(), HeldValue{});
+  for (std::size_t i = 0; i < details_->batch.size(); ++i)
+    details_->before[i] = heldValue(details_->batch[i]);
 }
 
 }  // namespace host

@@ -1,5 +1,6 @@
 #include "lqhost/service/request_service.h"
 
+#include <cstring>  // explicit_bzero
 #include <exception>
 #include <memory>
 #include <system_error>
@@ -38,8 +39,10 @@ bool findKey(const std::string& identity, std::string& key) {
   LQPlatformInfo info;
   std::string own;
   std::string hex;
-  return info.getString("Overhub", "sSESSIONIDENTITY", own) && own == identity &&
-         info.getString("Overhub", "sSESSIONKEY", hex) && sessionKeyFromHex(hex, key);
+  const bool isFound = info.getString("Overhub", "sSESSIONIDENTITY", own) && own == identity &&
+                       info.getString("Overhub", "sSESSIONKEY", hex) && sessionKeyFromHex(hex, key);
+  explicit_bzero(hex.data(), hex.size());
+  return isFound;
 }
 
 void send(CLqNetwork& session, const CNMessageBase& answer) {

@@ -1,13 +1,9 @@
 #include "lqhost/service/task_note.h"
 
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
-#include <system_error>
 
 #include "lqhost/instance.h"
 #include "lqregistry/FXFile.h"
@@ -26,22 +22,13 @@ std::string noteFile(const Task& task) {
   return pathInBase(std::string("lqhost.") + task.name + ".note");
 }
 
-// Not forced to disk: a note that a power cut takes is replaced by the next run.
 void writeNote(const Task& task, const TaskNote& note) {
   std::array<char, 128> text{};
   const int length =
       std::snprintf(text.data(), text.size(), "%lld %d %.3f %lld\n", static_cast<long long>(note.lastRun),
                     static_cast<int>(note.outcome), note.seconds, static_cast<long long>(note.nextRun));
-  const std::string path = noteFile(task);
-  const std::string fresh = path + "." + std::to_string(::getpid());
-  auto_handle handle;
-  CWmError error = FXFile::LQCreateFile(fresh, FXFile::kGenericWrite, FXFile::kShareRead, nullptr,
-                                        FXFile::kCreateAlways, FXFile::kAttributeNormal, nullptr, handle);
-  std::uint64_t written = 0;
-  if (!error.IsError())
-    error = FXFile::LQWriteFile(handle, text.data(), static_cast<std::uint64_t>(length), written);
-  if (!error.IsError() && std::rename(fresh.c_str(), path.c_str()) != 0)
-    error = {kLqErrFile, path + ": " + std::system_category().message(errno)};
+  const CWmError error =
+      FXFile::ReplaceContents(noteFile(task), {text.data(), static_cast<std::size_t>(length)});
   if (error.IsError())
     ObEvent().Error(kTag, "Cannot note the run of task [%s]: %s", task.name, error.AsString());
 }
