@@ -207,6 +207,7 @@ TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {
   });
   const auto host = runHost();
   ASSERT_TRUE(asked.try_acquire_for(std::chrono::minutes(1))) << host->output();
+  EXPECT_TRUE(contains(lqhost({"status"}).out, "callbacks     0 wait")) << "there is no module";
   EXPECT_EQ(host->stop(), 0);
   EXPECT_TRUE(contains(host->output(), kPassFailed)) << "the pass ended in order";
 }

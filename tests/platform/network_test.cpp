@@ -272,7 +272,7 @@ TEST_F(NetworkTest, OnlyAServerWithTheSameKeyIsTrustedAndUnknownCallersLookLikeW
     server.awaitOutcomes(2);
     server.stop();
     ASSERT_EQ(server.outcomes().size(), 2U);
-    expectError(server.outcomes()[0], kLqErrHandshake, kIdentity);
+    expectError(server.outcomes()[0], kLqErrHandshake, std::string(kIdentity) + " (127.0.0.1 port ");
     expectError(server.outcomes()[1], kLqErrHandshake, "nobody");
   }
   // An impostor that shows a certificate, and a good server on the other port that is not to be asked.
