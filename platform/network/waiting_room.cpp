@@ -377,8 +377,14 @@ void WaitingRoom::serve(CallerNumber number) {
   Waiting waiting = Waiting::kNothing;
   CWmError error;
   try {
+    const std::size_t before = impl.frames->arrived();
     error = caller.isAttached ? impl.tryRequest(waiting) : impl.tryAccept(waiting);
-    if (!error.IsError() && waiting != Waiting::kNothing) watch(number, caller, waiting);
+    if (!error.IsError() && waiting != Waiting::kNothing) {
+      watch(number, caller, waiting);
+      // A session in the middle of a request is not silent; whether it is too slow, isBehind() tells.
+      if (caller.isAttached && waiting != Waiting::kTurn && impl.frames->arrived() != before)
+        caller.owesSince = Clock::now();
+    }
   } catch (const std::exception& shortage) {
     error = {kLqErrConnectionLost, shortage.what()};
   }
@@ -392,19 +398,19 @@ void WaitingRoom::serve(CallerNumber number) {
 }
 
 void WaitingRoom::watch(CallerNumber number, Caller& caller, Waiting waiting) {
-  if (waiting == Waiting::kMore) {
-    unfinished_.insert(number);
-    return;
-  }
+  if (waiting == Waiting::kMore) unfinished_.insert(number);
   if (waiting == caller.waiting) return;
   if (waiting == Waiting::kTurn) {
     inQueue_.insert(number);
     caller.turnSince = Clock::now();
     caller.owesSince = kOwesNothing;
   } else if (inQueue_.erase(number) != 0) {
-    caller.owesSince = Clock::now();
+    const auto now = Clock::now();
+    caller.owesSince = now;
+    caller.inTurn += now - caller.turnSince;
   }
   caller.waiting = waiting;
+  if (waiting == Waiting::kMore) return;  // goes on at once, whatever is watched for meanwhile
   watchFor(epoll_.get(), EPOLL_CTL_MOD, caller.session->impl_->frames->connection().descriptor(),
            eventsOf(waiting), number);
 }
@@ -456,12 +462,14 @@ void WaitingRoom::sweep() {
     const auto next = std::next(caller);
     const Caller& what = caller->second;
     const milliseconds time = what.isAttached ? limits_.requestTime : limits_.attachTime;
-    if (now - what.since > time) {
+    const bool inTurn = what.waiting == Waiting::kTurn;
+    if (!inTurn && now - what.since - what.inTurn > time) {
       letGo(caller, tooLate());
     } else if (isBehind(what) && FrameBudget::ofAccepted().isContested()) {
       letGo(caller, tooSlow());
-    } else if (what.waiting == Waiting::kTurn && now - what.turnSince > limits_.turnTime) {
-      caller->second.session->impl_->frames->dropPayload();
+    } else if (inTurn && now - what.turnSince > limits_.turnTime) {
+      FrameStream& frames = *what.session->impl_->frames;
+      if (frames.awaitsMemory()) frames.dropPayload();  // else its turn has just come
       serve(caller->first);
     }
     caller = next;
@@ -496,15 +504,15 @@ bool WaitingRoom::putOutOneOf(const std::set<CallerNumber>& group) {
 }
 
 bool WaitingRoom::putOutForDescriptor() {
-  return putOutOneOf(byAddress_.largest()) || putOutOneOf(byIdentity_.largest());
+  const auto takeOne = [this](const auto& group) { return putOutOneOf(group); };
+  return byAddress_.anyBySize(1, takeOne) || byIdentity_.anyBySize(1, takeOne);
 }
 
 bool WaitingRoom::putOutOne() {
-  const std::set<CallerNumber>& neighbours = byAddress_.largest();
-  if (byAddress_.size() > limits_.callers || neighbours.size() > limits_.callersPerAddress) {
-    if (putOutOneOf(neighbours)) return true;
-  }
-  return byIdentity_.largest().size() > limits_.waitingPerIdentity && putOutOneOf(byIdentity_.largest());
+  const auto takeOne = [this](const auto& group) { return putOutOneOf(group); };
+  const std::size_t tooMany = byAddress_.size() > limits_.callers ? 1 : limits_.callersPerAddress + 1;
+  return byAddress_.anyBySize(tooMany, takeOne) ||
+         byIdentity_.anyBySize(limits_.waitingPerIdentity + 1, takeOne);
 }
 
 void WaitingRoom::makeRoom() {
