@@ -23,7 +23,7 @@ class CallerGroups {
 
   void remove(const std::string& name, CallerNumber caller) {
     const auto found = groups_.find(name);
-    if (found == groups_.end()) return;
+    if (found == groups_.end() || !found->second.contains(caller)) return;
     auto& group = found->second;
     bySize_.erase(placeOf(group));
     size_ -= group.erase(caller);

@@ -293,11 +293,12 @@ void WaitingRoom::greetOne(int descriptor, const SocketAddress& from) {
     descriptor = -1;
     impl.peerAddress = from.host();
     impl.state = CLqNetwork::Impl::State::kAccepted;
+    const std::string group = from.network();
     {
       const std::lock_guard lock(mutex_);
       ++census_.callers;
     }
-    enter(std::move(session), from.network());
+    enter(std::move(session), group);
     inShortage_ = false;
   } catch (const std::exception& shortage) {
     if (descriptor >= 0) ::close(descriptor);
@@ -320,20 +321,25 @@ void WaitingRoom::listen(bool listens) {
   watchFor(epoll_.get(), EPOLL_CTL_MOD, listener_.get(), listens ? EPOLLIN : 0U, kListenerEvent);
 }
 
-void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string group) {
+void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string_view group) {
   const CallerNumber number = ++lastNumber_;
-  Caller& caller = callers_[number];
-  caller.isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
-  caller.session = std::move(session);
-  caller.group = std::move(group);
-  caller.waiting = Waiting::kReadable;
-  caller.since = caller.owesSince = Clock::now();
-  (caller.isAttached ? byIdentity_ : byAddress_).add(caller.group, number);
+  const bool isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
   try {
+    Caller& caller = callers_[number];
+    caller.isAttached = isAttached;
+    caller.session = std::move(session);
+    caller.group = group;
+    caller.waiting = Waiting::kReadable;
+    caller.since = caller.owesSince = Clock::now();
+    (caller.isAttached ? byIdentity_ : byAddress_).add(caller.group, number);
     watchFor(epoll_.get(), EPOLL_CTL_ADD, caller.session->impl_->frames->connection().descriptor(), EPOLLIN,
              number);
   } catch (const std::exception& shortage) {
-    letGo(callers_.find(number), {kLqErrConnectionLost, shortage.what()});
+    if (const auto caller = callers_.find(number); caller != callers_.end()) {
+      letGo(caller, {kLqErrConnectionLost, shortage.what()});
+    } else {
+      putIntoReady(nullptr, isAttached);  // only uncounts it
+    }
   }
 }
 
@@ -348,8 +354,8 @@ void WaitingRoom::wakeUp() {
     turnsAway = turnsAway_;
   }
   for (auto& session : returned) {
-    std::string identity = session->impl_->peerName;
-    enter(std::move(session), std::move(identity));
+    const std::string_view identity = session->impl_->peerName;  // stays where it is
+    enter(std::move(session), identity);
     serve(lastNumber_);  // TLS may hold bytes that the socket does not show any more
   }
   for (const CallerNumber number : std::set<CallerNumber>(inQueue_)) serve(number);

@@ -23,6 +23,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -76,8 +77,8 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   void greetOne(int descriptor, const SocketAddress& from);
   void rest(const std::string& reason);
   void listen(bool listens);
-  // Takes a session in, which the census counts already.
-  void enter(std::unique_ptr<CLqNetwork> session, std::string group);
+  // Takes a session in, which the census counts already; one that there is no room for is let go.
+  void enter(std::unique_ptr<CLqNetwork> session, std::string_view group);
   // Goes on with a caller as far as that is possible now.
   void serve(CallerNumber number);
   void watch(CallerNumber number, Caller& caller, Waiting waiting);
