@@ -442,10 +442,8 @@ void WaitingRoom::letGo(Callers::iterator caller, const CWmError& reason) {
   const bool wasAttached = caller->second.isAttached;
   std::unique_ptr<CLqNetwork> session = remove(caller);
   session->impl_->giveUp(reason);
-  if (!wasAttached && !tellsSomething(reason)) {
-    ++forgotten_;
-    session.reset();
-  }
+  if (!wasAttached && (reason.GetCode() == kLqErrHandshake || !tellsSomething(reason))) ++forgotten_;
+  if (!wasAttached && !tellsSomething(reason)) session.reset();
   putIntoReady(std::move(session), wasAttached);
 }
 
