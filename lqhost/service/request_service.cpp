@@ -119,7 +119,9 @@ bool serveStep(CLqNetwork& session) {
   std::string caller;
   CWmError error = session.AcceptAttach(remoteLibrary, caller);
   if (error.IsError()) {
-    ObEvent().Error(kTag, "%s", error.AsString());
+    // Strangers bring this about at will; the listener sums up failed handshakes.
+    ObEvent().DebugLvl(error.GetCode() == kLqErrHandshake ? 3 : kLqLogDefaultLevel, kTag, "%s",
+                       error.AsString());
     return false;
   }
   if (session.IsAsking()) return attach(session, remoteLibrary.libraryName, remoteLibrary.entryName);

@@ -91,7 +91,8 @@ int serve(const DataStore& store, const ServeOptions& options) {
   if (error.IsError())
     return complain(kExitRefused,
                     std::string(error.AsString()) + "; --listen and --ports name other addresses and ports");
-  server.start();
+  error = server.start();
+  if (error.IsError()) return complain(kExitRefused, error.AsString());
   announce(store, places);
   const int signal = stopSignals.wait();
   ObEvent().DebugLvl(0, kTag, "stopping on signal %d", signal);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <string>
 #include <utility>
 
 #include "lqregistry/ObDebug.h"
@@ -21,15 +22,22 @@ CWmError Server::listen(const std::string& address, std::uint16_t port) {
   return error;
 }
 
-void Server::start() {
-  for (const auto& listener : listeners_) {
-    for (std::size_t i = 0; i < kThreadsPerPort; ++i) {
-      {
+CWmError Server::start() {
+  try {
+    threads_.reserve(listeners_.size() * kThreadsPerPort);
+    for (const auto& listener : listeners_) {
+      for (std::size_t i = 0; i < kThreadsPerPort; ++i) {
+        threads_.emplace_back([this, &accepting = *listener] { work(accepting); });
         const std::lock_guard lock(mutex_);
         ++running_;
       }
-      threads_.emplace_back([this, &accepting = *listener] { work(accepting); });
     }
+    return {};
+  } catch (const std::exception& shortage) {
+    for (const auto& listener : listeners_) listener->stop();
+    for (auto& thread : threads_) thread.join();
+    threads_.clear();
+    return {kLqErrConnect, std::string("the system gives no threads to serve with: ") + shortage.what()};
   }
 }
 

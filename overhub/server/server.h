@@ -34,8 +34,8 @@ class Server {
   // Opens one more address and port; before start().
   CWmError listen(const std::string& address, std::uint16_t port);
 
-  // Throws when the system gives no threads.
-  void start();
+  // When the system gives too few threads, none is left running.
+  CWmError start();
 
   // Turns new callers away and waits for the sessions, at most kStopSeconds; then ends every wait of the
   // process for the network. Gives the number of requests that are still worked on; unless it is 0 the object

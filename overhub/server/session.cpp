@@ -83,7 +83,9 @@ bool serveStep(CLqNetwork& network, const DataStore& store) {
   Client client;
   CWmError error = identify(network, client);
   if (error.IsError()) {
-    ObEvent().Debug(kTag, "%s", error.AsString());
+    // Strangers bring about failed handshakes at will; the listener sums them up.
+    ObEvent().DebugLvl(error.GetCode() == kLqErrHandshake ? 3 : kLqLogDefaultLevel, kTag, "%s",
+                       error.AsString());
     return false;
   }
   if (network.IsAsking()) return attach(network, store, client);

@@ -188,7 +188,8 @@ CWmError DataStore::recordAddress(const std::string& client, const std::string& 
 bool DataStore::findSessionKey(const std::string& client, std::string& key) const {
   constexpr const char* kTag = "DataStore::findSessionKey";
   if (!hasClient(client)) {
-    ObEvent().Debug(kTag, "a caller says that it is \"%s\", which is no client here", client.c_str());
+    // Anybody can bring this about as often as they like; the listener sums it up.
+    ObEvent().DebugLvl(3, kTag, "a caller says that it is \"%s\", which is no client here", client.c_str());
     return false;
   }
   std::string hex;

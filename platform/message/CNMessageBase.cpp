@@ -110,7 +110,7 @@ int writeText(const CNMessageBase& message, std::string& text, bool revealProtec
 
 // --- reading -----------------------------------------------------------------------------------------------
 
-// What the XML library takes for an element and for an attribute of it.
+// What the XML library takes for an element or a piece of text between two, and for an attribute.
 constexpr std::size_t kNodeBytes = 8 * sizeof(void*);
 constexpr std::size_t kAttributeBytes = 5 * sizeof(void*);
 
@@ -120,6 +120,7 @@ std::size_t treeBytes(std::string_view text) {
   for (std::size_t i = 0; i + 1 < text.size(); ++i) {
     const char next = text[i + 1];
     if (text[i] == '<' && next != '/') bytes += kNodeBytes;
+    if (text[i] == '>' && next != '<') bytes += kNodeBytes;
     if (text[i] == '=' && (next == '"' || next == '\'')) bytes += kAttributeBytes;
   }
   return bytes;

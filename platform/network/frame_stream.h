@@ -61,6 +61,10 @@ class FrameStream {
   // The same, waiting. A time-out before the first byte of a frame leaves the stream usable.
   CWmError receive(Frame& frame, const Deadline& deadline);
 
+  // How much of the frame under way has come, and whether it still waits for memory.
+  std::size_t arrived() const { return headerHave_ + have_; }
+  bool awaitsMemory() const { return frame_.claim != nullptr && !frame_.claim->isGranted(); }
+
   // Of the frame under way: throws away what is left of it instead of waiting for memory, ...
   void dropPayload();
   // ... and since when it has had memory, and how much of it has come, from 0 to 1. No time when it has none.

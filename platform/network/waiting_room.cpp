@@ -293,11 +293,12 @@ void WaitingRoom::greetOne(int descriptor, const SocketAddress& from) {
     descriptor = -1;
     impl.peerAddress = from.host();
     impl.state = CLqNetwork::Impl::State::kAccepted;
+    const std::string group = from.network();
     {
       const std::lock_guard lock(mutex_);
       ++census_.callers;
     }
-    enter(std::move(session), from.network());
+    enter(std::move(session), group);
     inShortage_ = false;
   } catch (const std::exception& shortage) {
     if (descriptor >= 0) ::close(descriptor);
@@ -320,20 +321,25 @@ void WaitingRoom::listen(bool listens) {
   watchFor(epoll_.get(), EPOLL_CTL_MOD, listener_.get(), listens ? EPOLLIN : 0U, kListenerEvent);
 }
 
-void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string group) {
+void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string_view group) {
   const CallerNumber number = ++lastNumber_;
-  Caller& caller = callers_[number];
-  caller.isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
-  caller.session = std::move(session);
-  caller.group = std::move(group);
-  caller.waiting = Waiting::kReadable;
-  caller.since = caller.owesSince = Clock::now();
-  (caller.isAttached ? byIdentity_ : byAddress_).add(caller.group, number);
+  const bool isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
   try {
+    Caller& caller = callers_[number];
+    caller.isAttached = isAttached;
+    caller.session = std::move(session);
+    caller.group = group;
+    caller.waiting = Waiting::kReadable;
+    caller.since = caller.owesSince = Clock::now();
+    (caller.isAttached ? byIdentity_ : byAddress_).add(caller.group, number);
     watchFor(epoll_.get(), EPOLL_CTL_ADD, caller.session->impl_->frames->connection().descriptor(), EPOLLIN,
              number);
   } catch (const std::exception& shortage) {
-    letGo(callers_.find(number), {kLqErrConnectionLost, shortage.what()});
+    if (const auto caller = callers_.find(number); caller != callers_.end()) {
+      letGo(caller, {kLqErrConnectionLost, shortage.what()});
+    } else {
+      putIntoReady(nullptr, isAttached);  // only uncounts it
+    }
   }
 }
 
@@ -348,8 +354,8 @@ void WaitingRoom::wakeUp() {
     turnsAway = turnsAway_;
   }
   for (auto& session : returned) {
-    std::string identity = session->impl_->peerName;
-    enter(std::move(session), std::move(identity));
+    const std::string_view identity = session->impl_->peerName;  // stays where it is
+    enter(std::move(session), identity);
     serve(lastNumber_);  // TLS may hold bytes that the socket does not show any more
   }
   for (const CallerNumber number : std::set<CallerNumber>(inQueue_)) serve(number);
@@ -377,8 +383,14 @@ void WaitingRoom::serve(CallerNumber number) {
   Waiting waiting = Waiting::kNothing;
   CWmError error;
   try {
+    const std::size_t before = impl.frames->arrived();
     error = caller.isAttached ? impl.tryRequest(waiting) : impl.tryAccept(waiting);
-    if (!error.IsError() && waiting != Waiting::kNothing) watch(number, caller, waiting);
+    if (!error.IsError() && waiting != Waiting::kNothing) {
+      watch(number, caller, waiting);
+      // A session in the middle of a request is not silent; whether it is too slow, isBehind() tells.
+      if (caller.isAttached && waiting != Waiting::kTurn && impl.frames->arrived() != before)
+        caller.owesSince = Clock::now();
+    }
   } catch (const std::exception& shortage) {
     error = {kLqErrConnectionLost, shortage.what()};
   }
@@ -392,19 +404,19 @@ void WaitingRoom::serve(CallerNumber number) {
 }
 
 void WaitingRoom::watch(CallerNumber number, Caller& caller, Waiting waiting) {
-  if (waiting == Waiting::kMore) {
-    unfinished_.insert(number);
-    return;
-  }
+  if (waiting == Waiting::kMore) unfinished_.insert(number);
   if (waiting == caller.waiting) return;
   if (waiting == Waiting::kTurn) {
     inQueue_.insert(number);
     caller.turnSince = Clock::now();
     caller.owesSince = kOwesNothing;
   } else if (inQueue_.erase(number) != 0) {
-    caller.owesSince = Clock::now();
+    const auto now = Clock::now();
+    caller.owesSince = now;
+    caller.inTurn += now - caller.turnSince;
   }
   caller.waiting = waiting;
+  if (waiting == Waiting::kMore) return;  // goes on at once, whatever is watched for meanwhile
   watchFor(epoll_.get(), EPOLL_CTL_MOD, caller.session->impl_->frames->connection().descriptor(),
            eventsOf(waiting), number);
 }
@@ -430,10 +442,8 @@ void WaitingRoom::letGo(Callers::iterator caller, const CWmError& reason) {
   const bool wasAttached = caller->second.isAttached;
   std::unique_ptr<CLqNetwork> session = remove(caller);
   session->impl_->giveUp(reason);
-  if (!wasAttached && !tellsSomething(reason)) {
-    ++forgotten_;
-    session.reset();
-  }
+  if (!wasAttached && (reason.GetCode() == kLqErrHandshake || !tellsSomething(reason))) ++forgotten_;
+  if (!wasAttached && !tellsSomething(reason)) session.reset();
   putIntoReady(std::move(session), wasAttached);
 }
 
@@ -456,12 +466,14 @@ void WaitingRoom::sweep() {
     const auto next = std::next(caller);
     const Caller& what = caller->second;
     const milliseconds time = what.isAttached ? limits_.requestTime : limits_.attachTime;
-    if (now - what.since > time) {
+    const bool inTurn = what.waiting == Waiting::kTurn;
+    if (!inTurn && now - what.since - what.inTurn > time) {
       letGo(caller, tooLate());
     } else if (isBehind(what) && FrameBudget::ofAccepted().isContested()) {
       letGo(caller, tooSlow());
-    } else if (what.waiting == Waiting::kTurn && now - what.turnSince > limits_.turnTime) {
-      caller->second.session->impl_->frames->dropPayload();
+    } else if (inTurn && now - what.turnSince > limits_.turnTime) {
+      FrameStream& frames = *what.session->impl_->frames;
+      if (frames.awaitsMemory()) frames.dropPayload();  // else its turn has just come
       serve(caller->first);
     }
     caller = next;
@@ -496,15 +508,15 @@ bool WaitingRoom::putOutOneOf(const std::set<CallerNumber>& group) {
 }
 
 bool WaitingRoom::putOutForDescriptor() {
-  return putOutOneOf(byAddress_.largest()) || putOutOneOf(byIdentity_.largest());
+  const auto takeOne = [this](const auto& group) { return putOutOneOf(group); };
+  return byAddress_.anyBySize(1, takeOne) || byIdentity_.anyBySize(1, takeOne);
 }
 
 bool WaitingRoom::putOutOne() {
-  const std::set<CallerNumber>& neighbours = byAddress_.largest();
-  if (byAddress_.size() > limits_.callers || neighbours.size() > limits_.callersPerAddress) {
-    if (putOutOneOf(neighbours)) return true;
-  }
-  return byIdentity_.largest().size() > limits_.waitingPerIdentity && putOutOneOf(byIdentity_.largest());
+  const auto takeOne = [this](const auto& group) { return putOutOneOf(group); };
+  const std::size_t tooMany = byAddress_.size() > limits_.callers ? 1 : limits_.callersPerAddress + 1;
+  return byAddress_.anyBySize(tooMany, takeOne) ||
+         byIdentity_.anyBySize(limits_.waitingPerIdentity + 1, takeOne);
 }
 
 void WaitingRoom::makeRoom() {

@@ -7,7 +7,8 @@
 // that came to its end in the room is handed out too, closed, so that whoever serves sessions learns why.
 //
 // Who may be put out, and when, is told in LqListener. Room is needed when a limit is passed or descriptors
-// run short; then the largest group gives, oldest first. A silent caller costs a socket and a few hundred
+// run short; then the largest group that has somebody to
+// give gives, oldest first. A silent caller costs a socket and a few hundred
 // bytes: TLS state is made with its first byte.
 #pragma once
 
@@ -22,6 +23,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -59,6 +61,7 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
     Clock::time_point since;      // when it came in
     Clock::time_point owesSince;  // when we began to wait for what it has to send
     Clock::time_point turnSince;  // when it began to wait for memory
+    Clock::duration inTurn{};     // how long it has waited for memory, which is no time of its own
   };
   using Callers = std::map<CallerNumber, Caller>;
   // The place of a session among those of its identity that are handed out; leaving is its destructor.
@@ -74,8 +77,8 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   void greetOne(int descriptor, const SocketAddress& from);
   void rest(const std::string& reason);
   void listen(bool listens);
-  // Takes a session in, which the census counts already.
-  void enter(std::unique_ptr<CLqNetwork> session, std::string group);
+  // Takes a session in, which the census counts already; one that there is no room for is let go.
+  void enter(std::unique_ptr<CLqNetwork> session, std::string_view group);
   // Goes on with a caller as far as that is possible now.
   void serve(CallerNumber number);
   void watch(CallerNumber number, Caller& caller, Waiting waiting);

@@ -249,7 +249,9 @@ TEST_F(MessageTest, ReadingTakesBoundedMemory) {
                {probes(50'000, empty), ""},
                {probes(kMaxMessageRecords, empty), "times the memory"},
                {probes(kMaxMessageRecords + 1, ordinary), "more than 500000 records"},
-               {"<Test.Probes>" + probes(3'000'000, "<a/>") + "</Test.Probes>", "times the memory"}};
+               {"<Test.Probes>" + probes(3'000'000, "<a/>") + "</Test.Probes>", "times the memory"},
+               {"<Test.Probes>" + probes(1'000'000, "x<" + std::string(16, 'b') + "/>") + "</Test.Probes>",
+                "times the memory"}};
   for (const auto& [text, reason] : cases) {
     Probe::seen.clear();
     Probe::most = 0;
