@@ -1,7 +1,10 @@
 // `lqhost run`: the resident host service. Loads the product and the host's modules once, runs the periodic
 // tasks, serves the server's requests and this machine's commands, and stops in order when it is asked to.
 #include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "common/host_service.h"
 #include "common/stop_signals.h"
@@ -128,6 +131,11 @@ int run(const RunOptions& options) {
     std::string error;
     if (!loadModules(options.modules, error)) return print(complaint(kExitFailed, error));
     result = serveUntilStopped(options, signals, passes, socket);
+    // A command that does not end still uses the product, and what is torn down from here on.
+    if (!socket.finish()) {
+      ObEvent().Error(kTag, "A command outlasts the stop; the process ends under it");
+      std::_Exit(print(result));
+    }
   }
   awaitCallbacks();
   return print(result);

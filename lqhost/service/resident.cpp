@@ -178,9 +178,15 @@ std::optional<CommandResult> askResident(const std::string& question) {
 ResidentSocket::ResidentSocket() = default;
 
 ResidentSocket::~ResidentSocket() {
+  finish();
+}
+
+bool ResidentSocket::finish() {
   if (stop_.isValid()) ::eventfd_write(stop_.get(), 1);
   if (acceptor_.joinable()) acceptor_.join();
   if (listener_.isValid()) ::unlinkat(directory_.get(), kSocket, 0);
+  listener_.reset();
+  return pool_.drain(kPatience);
 }
 
 CWmError ResidentSocket::open() {
