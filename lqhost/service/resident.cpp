@@ -13,10 +13,12 @@
 #include <chrono>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 #include "lqhost/file_lock.h"
 #include "lqhost/instance.h"
+#include "lqregistry/PrintableText.h"
 
 namespace host {
 
@@ -150,6 +152,21 @@ CommandResult unanswered(const std::string& how) {
                                     "; nothing is done beside it. Look at its log, or start it anew");
 }
 
+// The texts are whole lines and escaped already; what is no line of a resident must not reach a terminal.
+std::string printableLines(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    std::size_t length = 1;
+    if (text[0] == '\n') {
+      result += '\n';
+    } else {
+      length = lqtext::appendPrintable(result, text);
+    }
+    text.remove_prefix(length);
+  }
+  return result;
+}
+
 CommandResult askOn(int connection, const std::string& question) {
   std::string head;
   CommandResult result;
@@ -164,6 +181,8 @@ CommandResult askOn(int connection, const std::string& question) {
   if (!(std::istringstream(head) >> result.exitCode >> outBytes >> errBytes) ||
       !readExactly(connection, outBytes, result.out) || !readExactly(connection, errBytes, result.err))
     return unanswered("gave an answer that breaks off");
+  result.out = printableLines(result.out);
+  result.err = printableLines(result.err);
   return result;
 }
 
