@@ -1,7 +1,7 @@
 // What lqhost's exit codes mean, for scripts; the help text lists them.
 //
 // A pass can deserve several; it ends with the one that stands first in: 1, 5, 4, 7, 10, 8, 9. `lqhost
-// status` goes by 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
+// status` goes by 3, 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
 #pragma once
 
 namespace host {

@@ -43,7 +43,7 @@ applied or uploaded, 5 skipped (synchronisation is switched off, or joining not 
 the cache, 7 the settings cache could not be written, 8 the settings cache was kept, because it holds more
 records than the server's reply, 9 the server has not recorded the acknowledgement, 10 the settings cache cannot
 be read and was not replaced. Where several hold, sync and refresh end with the first of 1, 5, 4, 7, 10, 8, 9,
-status with the first of 7, 10, 8, 6, 9, 1.)";
+status with the first of 3, 7, 10, 8, 6, 9, 1.)";
 
 struct Settings {
   std::string registry;

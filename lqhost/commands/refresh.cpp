@@ -2,6 +2,7 @@
 // the cache is behind the registry, it synchronises instead.
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/service/resident.h"
@@ -27,6 +28,7 @@ CommandResult synchroniseInstead(Passes& passes, const UnsettledNote& reason) {
 
 int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
   if (outcome == RunOutcome::kFailed) return kExitFailed;
+  if (outcome == RunOutcome::kCacheUnreadable) return kExitCacheUnreadable;
   if (failedRecords != 0) return kExitPartly;
   return outcome == RunOutcome::kCacheLost ? kExitCacheLost : kExitOk;
 }
@@ -36,7 +38,9 @@ int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
 CommandResult refreshNow(Passes& passes) {
   std::string error;
   std::optional<CachedSettings> cached = readCachedSettings(error);
-  if (!cached && !standingNote()) return complaint(kExitFailed, "nothing to reapply: " + error);
+  if (!cached && !standingNote())
+    return complaint(CacheWatch().wasThere() ? kExitCacheUnreadable : kExitFailed,
+                     "nothing to reapply: " + error);
   PassDetails details;
   if (cached) details.batch = cached->keys;
   for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(heldValue(key));
@@ -48,8 +52,11 @@ CommandResult refreshNow(Passes& passes) {
   // stored.
   if (!cached) {
     cached = readCachedSettings(error);
-    if (!cached) return complaint(kExitFailed, "nothing to reapply: " + error);
-    return {exitCodeOf(refreshed.outcome, 0),
+    const int exitCode = exitCodeOf(refreshed.outcome, 0);
+    if (!cached)
+      return complaint(exitCode == kExitOk ? kExitFailed : exitCode, "nothing to reapply: " + error);
+    if (exitCode != kExitOk) return complaint(exitCode, outcomeText(refreshed.outcome));
+    return {kExitOk,
             "reapplied " + std::to_string(cached->keys.size()) +
                 " records, which a synchronisation has just stored; the next refresh is due in " +
                 std::to_string(status.getFrequency()) + " s\n",

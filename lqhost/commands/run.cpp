@@ -1,7 +1,10 @@
 // `lqhost run`: the resident host service. Loads the product and the host's modules once, runs the periodic
 // tasks, serves the server's requests and this machine's commands, and stops in order when it is asked to.
 #include <chrono>
+#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "common/host_service.h"
 #include "common/stop_signals.h"
@@ -32,8 +35,16 @@ struct RunOptions {
 };
 
 // Whether the schedule can leave it at that for a whole period.
-bool endedWell(RunOutcome outcome) {
-  return outcome == RunOutcome::kApplied || outcome == RunOutcome::kPartly || outcome == RunOutcome::kSkipped;
+bool endedWell(const PassResult& pass) {
+  switch (pass.outcome()) {
+    case RunOutcome::kApplied:
+    case RunOutcome::kSkipped:
+      return true;
+    case RunOutcome::kPartly:  // which hides what else went wrong
+      return pass.cache == CacheFate::kStored && pass.isAcknowledged();
+    default:
+      return false;
+  }
 }
 
 bool refreshOnTime(Passes& passes, LqPeriodicTaskStatus& status) {
@@ -53,19 +64,19 @@ class Schedule {
   Schedule(Passes& passes, const RunOptions& options)
       : download_(
             kDownloadTask, passes.downloadStart(),
-            [&passes](LqPeriodicTaskStatus& status) { return endedWell(passes.download(status).outcome()); },
+            [&passes](LqPeriodicTaskStatus& status) { return endedWell(passes.download(status)); },
             options.syncEvery),
         refresh_(
             kRefreshTask, nullptr,
             [&passes](LqPeriodicTaskStatus& status) { return refreshOnTime(passes, status); },
-            kDefaultFrequency) {
-    onDownloadWanted([this] { download_.runSoon(); });
+            kDefaultFrequency),
+        hook_([this] { download_.runSoon(); }) {
     // Left by a host that was killed, or by a pass that did not store the cache.
     if (standingNote()) download_.runSoon();
     download_.start(options.spread);
     refresh_.start(options.spread);
   }
-  ~Schedule() { onDownloadWanted({}); }
+  ~Schedule() = default;
   Schedule(const Schedule&) = delete;
   Schedule& operator=(const Schedule&) = delete;
 
@@ -77,6 +88,13 @@ class Schedule {
  private:
   PeriodicTask download_;
   PeriodicTask refresh_;
+  // The hook goes first, also where the second task does not start.
+  struct Hook {
+    explicit Hook(std::function<void()> action) { onDownloadWanted(std::move(action)); }
+    ~Hook() { onDownloadWanted({}); }
+    Hook(const Hook&) = delete;
+    Hook& operator=(const Hook&) = delete;
+  } hook_;
 };
 
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
@@ -128,6 +146,11 @@ int run(const RunOptions& options) {
     std::string error;
     if (!loadModules(options.modules, error)) return print(complaint(kExitFailed, error));
     result = serveUntilStopped(options, signals, passes, socket);
+    // A command that does not end still uses the product, and what is torn down from here on.
+    if (!socket.finish()) {
+      ObEvent().Error(kTag, "A command outlasts the stop; the process ends under it");
+      std::_Exit(print(result));
+    }
   }
   awaitCallbacks();
   return print(result);

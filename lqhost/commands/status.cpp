@@ -42,7 +42,11 @@ constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitC
                                     kExitDrift,     kExitUnacknowledged,  kExitFailed};
 
 int worseOf(int one, int other) {
-  const auto rank = [](int exitCode) { return std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode); };
+  const auto rank = [](int exitCode) {
+    const auto* const place = std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode);
+    // One that a resident of another version ends with is a failure.
+    return place == kWorstFirst.end() && exitCode != kExitOk ? place - 1 : place;
+  };
   return rank(one) <= rank(other) ? one : other;
 }
 

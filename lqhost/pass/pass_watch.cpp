@@ -21,7 +21,7 @@ const char* outcomeText(RunOutcome outcome) {
     case RunOutcome::kCacheKept:
       return "applied, but the settings cache was kept, since the reply has fewer records";
     case RunOutcome::kCacheUnreadable:
-      return "applied, but the settings cache cannot be read and was not replaced";
+      return "the settings cache cannot be read and was not replaced";
     case RunOutcome::kPutOff:
       break;
   }

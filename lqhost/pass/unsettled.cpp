@@ -5,9 +5,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <mutex>
 #include <sstream>
 
@@ -33,13 +32,29 @@ constexpr std::array<const char*, 5> kWords = {"synchronisation", "push", "cache
 std::mutex noteMutex;                       // the same within the process
 std::optional<UnsettledNote> onlyInMemory;  // a note that could not be written; guarded by noteMutex
 
-// Begins with the process, see isUnderWay.
+// When a process began, in ticks since the machine did: tells it from a later one of the same number, after a
+// restart of the machine above all. Empty when there is no such process.
+std::string beginningOf(const std::string& process) {
+  constexpr int kFieldsBefore = 19;  // between the name, which may hold anything, and the beginning
+  std::ifstream file("/proc/" + process + "/stat");
+  std::string text;
+  std::getline(file, text, '\0');
+  const std::size_t nameEnd = text.rfind(')');
+  if (nameEnd == std::string::npos) return {};
+  std::istringstream in(text.substr(nameEnd + 1));
+  std::string field;
+  for (int i = 0; i <= kFieldsBefore; ++i) in >> field;
+  return in ? field : std::string();
+}
+
+// Begins with the process and its beginning, see isUnderWay.
 std::string newToken() {
   static std::atomic<unsigned> count{0};
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  return std::to_string(::getpid()) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec) +
-         "." + std::to_string(++count);
+  const std::string process = std::to_string(::getpid());
+  return process + "." + beginningOf(process) + "." + std::to_string(now.tv_sec) + "." +
+         std::to_string(now.tv_nsec) + "." + std::to_string(++count);
 }
 
 std::string fileText(const UnsettledNote& note) {
@@ -93,8 +108,12 @@ std::optional<UnsettledNote> standingNote() {
 }
 
 bool isUnderWay(const UnsettledNote& note) {
-  const auto process = static_cast<pid_t>(std::strtol(note.token.c_str(), nullptr, 10));
-  return note.why == Unsettled::kPass && process > 0 && (::kill(process, 0) == 0 || errno == EPERM);
+  std::istringstream token(note.token);
+  std::string process;
+  std::string beginning;
+  std::getline(token, process, '.');
+  std::getline(token, beginning, '.');
+  return note.why == Unsettled::kPass && !beginning.empty() && beginningOf(process) == beginning;
 }
 
 std::string unsettledText(const UnsettledNote& note) {

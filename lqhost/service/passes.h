@@ -4,11 +4,12 @@
 //
 //   under way        a download            a refresh                     a push
 //   a download       waits                 waits                         goes on; its note outlives the
-//   download a refresh        waits                 waits                         waits (a refresh is short)
+//   download a refresh        waits                 waits                         waits
 //   a push           begins after it       is put off                    waits
 //
 // A download begins only after a push under way has been applied: its reply was asked for after that, so its
-// cache can hold what was pushed.
+// cache can hold what was pushed. A refresh is short, unless a pass of another process has to end first: a
+// push waits up to a minute then.
 #pragma once
 
 #include <functional>
@@ -38,8 +39,8 @@ class Passes {
   const std::string& error() const { return error_; }
   TaskCallback downloadStart() const { return downloadStart_; }
 
-  // Runs a synchronisation on this thread. With `details`, each value is looked at before and after, and the
-  // outcome goes by what is found; see pass_report.h. `report` gets the text then.
+  // Runs a synchronisation on this thread. With `report`, which gets the text of pass_report.h, each value is
+  // looked at before and after, and the outcome goes by what is found.
   PassResult download(LqPeriodicTaskStatus& status);
   PassResult downloadWithReport(LqPeriodicTaskStatus& status, std::string& report);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <exception>
 #include <utility>
 
 #include "lqregistry/ObDebug.h"
@@ -15,6 +16,24 @@ namespace {
 constexpr double kJitterFloor = 0.5;
 // Beyond this many failures the delay has long reached the frequency.
 constexpr unsigned kMaxDoublings = 20;
+constexpr const char* kTag = "host::PeriodicTask";
+
+// What ends in an exception counts as failed, and must not take the host with it.
+bool guarded(const Task& task, const std::function<bool()>& step) {
+  try {
+    return step();
+  } catch (const std::exception& fault) {
+    ObEvent().Error(kTag, "Task [%s] broke off: %s", task.name, fault.what());
+    return false;
+  }
+}
+
+void noteNext(const Task& task, std::int64_t time) {
+  guarded(task, [&task, time] {
+    noteNextRun(task, time);
+    return true;
+  });
+}
 
 }  // namespace
 
@@ -64,12 +83,12 @@ void PeriodicTask::requestStop() {
 void PeriodicTask::runAgainAndAgain(double firstDelay) {
   unsigned failures = 0;
   for (double delay = firstDelay;;) {
-    noteNextRun(task_, std::time(nullptr) + std::lround(delay));
+    noteNext(task_, std::time(nullptr) + std::lround(delay));
     if (!waitFor(delay)) break;
-    failures = run_(status_) ? 0 : failures + 1;
+    failures = guarded(task_, [this] { return run_(status_); }) ? 0 : failures + 1;
     delay = nextDelay(status_.getFrequency(), failures, random());
   }
-  noteNextRun(task_, 0);
+  noteNext(task_, 0);
 }
 
 bool PeriodicTask::waitFor(double seconds) {

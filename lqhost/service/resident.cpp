@@ -8,14 +8,17 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 #include "lqhost/file_lock.h"
 #include "lqhost/instance.h"
+#include "lqregistry/PrintableText.h"
 
 namespace host {
 
@@ -27,6 +30,8 @@ constexpr mode_t kSocketMode = 0600;
 constexpr const char* kGreeting = "lqhost 1\n";
 // How long a resident that starts, or stops, is waited for; and a caller that says nothing.
 constexpr std::chrono::seconds kPatience{10};
+// How long an answer may still take to be read when the resident stops.
+constexpr std::chrono::seconds kLastWords{1};
 constexpr std::chrono::milliseconds kRetryEvery{50};
 constexpr int kForever = -1;
 constexpr std::size_t kMaxLine = 128;
@@ -68,12 +73,30 @@ bool isPeerTrusted(int connection) {
          mayAsk(peer.uid, ::geteuid());
 }
 
-bool sendAll(int connection, const std::string& text) {
+constexpr int milliseconds(std::chrono::milliseconds time) {
+  return static_cast<int>(time.count());
+}
+
+// Whoever does not read, a stopped process say, gets so long for the whole text; less once `stop`, unless -1,
+// is readable.
+bool sendAll(int connection, int stop, const std::string& text) {
+  using Clock = std::chrono::steady_clock;
+  auto deadline = Clock::now() + kPatience;
   for (std::size_t sent = 0; sent < text.size();) {
-    const ssize_t now = ::send(connection, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (now < 0 && errno == EINTR) continue;
-    if (now <= 0) return false;
-    sent += static_cast<std::size_t>(now);
+    const ssize_t now =
+        ::send(connection, text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (now > 0) {
+      sent += static_cast<std::size_t>(now);
+      continue;
+    }
+    if (now == 0 || (errno != EINTR && errno != EAGAIN)) return false;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd both[] = {{connection, POLLOUT, 0}, {stop, POLLIN, 0}};
+    if (left.count() <= 0 || ::poll(both, 2, milliseconds(left)) == 0) return false;
+    if (both[1].revents != 0) {
+      deadline = std::min(deadline, Clock::now() + kLastWords);
+      stop = -1;
+    }
   }
   return true;
 }
@@ -111,10 +134,6 @@ bool readExactly(int connection, std::size_t size, std::string& text) {
   return true;
 }
 
-constexpr int milliseconds(std::chrono::milliseconds time) {
-  return static_cast<int>(time.count());
-}
-
 // A connection on which the resident has shown that it is alive; invalid when there is none.
 auto_handle connectToResident() {
   const auto_handle directory = openBase();
@@ -133,16 +152,37 @@ CommandResult unanswered(const std::string& how) {
                                     "; nothing is done beside it. Look at its log, or start it anew");
 }
 
+// The texts are whole lines and escaped already; what is no line of a resident must not reach a terminal.
+std::string printableLines(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    std::size_t length = 1;
+    if (text[0] == '\n') {
+      result += '\n';
+    } else {
+      length = lqtext::appendPrintable(result, text);
+    }
+    text.remove_prefix(length);
+  }
+  return result;
+}
+
 CommandResult askOn(int connection, const std::string& question) {
   std::string head;
   CommandResult result;
   std::size_t outBytes = 0;
   std::size_t errBytes = 0;
-  if (!sendAll(connection, question + "\n") || !readLine(connection, -1, kForever, head))
-    return unanswered("ended before it had answered; what it did is in its log");
+  // A command takes as long as it takes; a number that a busy resident does not tell is not worth a wait.
+  const bool isNumber = question == kAskCallbacks;
+  if (!sendAll(connection, -1, question + "\n") ||
+      !readLine(connection, -1, isNumber ? milliseconds(kPatience) : kForever, head))
+    return unanswered(isNumber ? "is too busy to say how it is"
+                               : "ended before it had answered; what it did is in its log");
   if (!(std::istringstream(head) >> result.exitCode >> outBytes >> errBytes) ||
       !readExactly(connection, outBytes, result.out) || !readExactly(connection, errBytes, result.err))
     return unanswered("gave an answer that breaks off");
+  result.out = printableLines(result.out);
+  result.err = printableLines(result.err);
   return result;
 }
 
@@ -178,9 +218,15 @@ std::optional<CommandResult> askResident(const std::string& question) {
 ResidentSocket::ResidentSocket() = default;
 
 ResidentSocket::~ResidentSocket() {
+  finish();
+}
+
+bool ResidentSocket::finish() {
   if (stop_.isValid()) ::eventfd_write(stop_.get(), 1);
   if (acceptor_.joinable()) acceptor_.join();
   if (listener_.isValid()) ::unlinkat(directory_.get(), kSocket, 0);
+  listener_.reset();
+  return pool_.drain(kPatience);
 }
 
 CWmError ResidentSocket::open() {
@@ -219,7 +265,7 @@ void ResidentSocket::accept() {
     // Greeted here, so that a caller learns that somebody is at home however long the commands before it
     // take.
     if (!connection.isValid() || pool_.pendingCount() >= kMaxCallers || !isPeerTrusted(connection.get()) ||
-        !sendAll(connection.get(), kGreeting))
+        !sendAll(connection.get(), stop_.get(), kGreeting))
       continue;
     auto caller = std::make_unique<Caller>(Caller{this, std::move(connection)});
     if (pool_.doWork(&answerOnPool, caller.get()) == 0) static_cast<void>(caller.release());
@@ -239,8 +285,9 @@ void ResidentSocket::answer(int connection) const {
   const CommandResult result = command != commands_.end()
                                    ? command->second()
                                    : complaint(kExitUsage, "the resident host knows no command " + question);
-  sendAll(connection, std::to_string(result.exitCode) + " " + std::to_string(result.out.size()) + " " +
-                          std::to_string(result.err.size()) + "\n" + result.out + result.err);
+  sendAll(connection, stop_.get(),
+          std::to_string(result.exitCode) + " " + std::to_string(result.out.size()) + " " +
+              std::to_string(result.err.size()) + "\n" + result.out + result.err);
 }
 
 }  // namespace host

@@ -63,6 +63,9 @@ class ResidentSocket {
   CWmError open();
   // Answers them. Each command runs on a thread of a small pool, several at a time.
   CWmError serve(Commands commands);
+  // Accepts no more callers and lets those under way be answered. False when one is still at it after a
+  // while: what its command uses must not be torn down.
+  bool finish();
 
  private:
   struct Caller;
