@@ -33,6 +33,18 @@ int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
   return outcome == RunOutcome::kCacheLost ? kExitCacheLost : kExitOk;
 }
 
+// Another pass may have replaced the cache before this refresh had its turn: what counts then is what the
+// cache holds by now, not what it held when the command began.
+PassDetails rebased(const PassDetails& begun, const OBGui::KeyList& now) {
+  PassDetails details{now, {}};
+  for (std::size_t i = 0; i < now.size(); ++i) {
+    const bool isSame = i < begun.batch.size() && begun.batch[i].keyPath.get() == now[i].keyPath.get() &&
+                        begun.batch[i].valueName.get() == now[i].valueName.get();
+    details.before.push_back(isSame ? begun.before[i] : heldValue(now[i]));
+  }
+  return details;
+}
+
 }  // namespace
 
 CommandResult refreshNow(Passes& passes) {
@@ -62,8 +74,9 @@ CommandResult refreshNow(Passes& passes) {
                 std::to_string(status.getFrequency()) + " s\n",
             ""};
   }
-  const BatchReport report = reportOf(details);
+  BatchReport report = reportOf(details);
   const std::optional<CachedSettings> kept = readCachedSettings(error);
+  if (kept && report.failed != 0) report = reportOf(rebased(details, kept->keys));
   CommandResult result;
   result.exitCode = exitCodeOf(refreshed.outcome, report.failed);
   result.out = report.text + "the cache holds " + std::to_string(kept ? kept->keys.size() : 0) +
