@@ -19,8 +19,8 @@ std::string serverHostName(LQPlatformInfo& platformInfo) {
 std::string clientNameOfHost(LQPlatformInfo& platformInfo, const std::string& hostName) {
   std::string name;
   platformInfo.getClientNameFromHostName(hostName, name);
-  name = std::string(name.c_str());  // a name buffer ends at the first NUL
-  name.resize(std::min(name.size(), kHostNameBuffer));
+  // A name buffer ends at the first NUL.
+  name.resize(std::min({name.size(), name.find('\0'), kHostNameBuffer}));
   return name;
 }
 

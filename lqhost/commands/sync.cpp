@@ -127,11 +127,12 @@ int syncHere(const CommandLine::Pairs& watched) {
 
 int sync(const CommandLine::Pairs& watched) {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
-  if (!watched.empty() && isHostResident())
+  if (!watched.empty() && isHostResident()) {
     return print(
         complaint(kExitFailed,
                   "--watch is for machines without a resident host: callbacks run in the process that "
                   "synchronises, which is the resident host here; its log shows what they did"));
+  }
   if (const auto answered = askResident(kAskSync)) return print(*answered);
   return syncHere(watched);
 }

@@ -44,12 +44,16 @@ void messageText(const std::string& bytes) {
   std::unique_ptr<CNMessageBase> message;
   if (CNMessageBase::fromText(bytes, message).IsError()) return;
   std::string text;
-  demand(message->serialize(text, true) == 0, "what was read can be written");
+  // A secret that was protected with another key can be stored again, but not told.
+  const bool isTold = message->serialize(text, true) == 0;
+  demand(isTold || (bytes.find("V8:") != std::string::npos && message->serialize(text, false) == 0),
+         "what was read can be written");
   std::unique_ptr<CNMessageBase> again;
   demand(!CNMessageBase::fromText(text, again).IsError() && again->equals(*message),
          "what was written reads back as the same message");
   std::string textAgain;
-  demand(again->serialize(textAgain, true) == 0 && textAgain == text, "the same message gives the same text");
+  demand(again->serialize(textAgain, isTold) == 0 && textAgain == text,
+         "the same message gives the same text");
 }
 
 // Records whose fields hold these bytes, cut at NUL, which no field may hold.

@@ -570,8 +570,8 @@ TEST_F(RoomTest, TheOldestOfItsKindMakesRoom) {
   } steps[] = {{"127.0.9.1", -1}, {"127.0.9.1", -1},
                {"127.0.9.1", 0},  // too many of an address
                {"127.0.9.2", -1}, {"127.0.9.2", -1},
-               {"127.0.9.3", 3},   // too many in all, and of the largest addresses it is the last one's turn
-               {"127.0.9.4", 1}};  // now the first is the only one with two
+               {"127.0.9.3", 1},   // too many in all, and of the largest addresses it is the older one's turn
+               {"127.0.9.4", 3}};  // now the second is the only one with two
   std::vector<test_support::PlainSocket> callers(std::size(steps));
   std::size_t present = 0;
   for (std::size_t i = 0; i < callers.size(); ++i) {
