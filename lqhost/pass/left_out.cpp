@@ -56,11 +56,11 @@ class Comparison {
       note(key, "", "its values cannot be read");
       return;
     }
-    if (!key.empty() && keys_.count(key) == 0) note(key, "", "the key could not be read, or is new");
+    if (!key.empty() && !keys_.contains(key)) note(key, "", "the key could not be read, or is new");
     for (const auto& [name, data] : values) {
       if (key.empty()) {
         note(key, name, "values of the root itself are not uploaded");
-      } else if (values_.count(placeOf(key, name)) == 0) {
+      } else if (!values_.contains(placeOf(key, name))) {
         note(key, name,
              data.size() >= kTooLong
                  ? std::to_string(data.size()) + " bytes; values of 10,240 bytes and more are not uploaded"
