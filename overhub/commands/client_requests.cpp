@@ -135,11 +135,10 @@ int fetchValues(const DataStore& store, const std::string& client, const std::st
     table.addRow({name, isFound ? found[0].value.get() : kNotFetched});
   }
   print(table.text());
-  if (!isWhole)
-    complain(kExitRefused,
-             "a fetch has no room for longer values; `lqhost upload` on the client brings those "
-             "of up to 10,239 bytes");
-  return isWhole ? kExitOk : kExitRefused;
+  if (isWhole) return kExitOk;
+  return complain(kExitRefused,
+                  "a fetch has no room for longer values; `lqhost upload` on the client brings those "
+                  "of up to 10,239 bytes");
 }
 
 int callClient(const DataStore& store, const std::string& client, std::int64_t messageType,
