@@ -14,6 +14,7 @@
 #include <exception>
 #include <list>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -221,7 +222,7 @@ LqThreadPool::~LqThreadPool() {
   // The threads of a parent are not in a forked child, and its mutex may be locked for ever there.
   const bool isForked = impl_->startedBy != 0 && impl_->startedBy != getpid();
   if (isForked) {
-    new std::shared_ptr<Impl>(impl_);
+    static_cast<void>(new (std::nothrow) std::shared_ptr<Impl>(impl_));
   } else {
     impl_->stop();
   }
