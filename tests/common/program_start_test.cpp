@@ -80,12 +80,14 @@ TEST_F(ProgramStart, GivesUpEveryRightOfRootForGood) {
   const pid_t child = fork();
   if (child == 0) {
     giveAway(dir_.path());
-    // What root's is passed over, and what is not there counts as its folder.
+    const gid_t roots[] = {0, 4};
+    if (setgroups(2, roots) != 0) _exit(2);
+    // What is root's is passed over, and what is not there counts as its folder.
     const CWmError error = programs::becomeServiceUser({"/etc/passwd", dir_ / "none"});
     gid_t groups[64];
     const int count = getgroups(64, groups);
     bool isClean = !error.IsError() && count >= 0 && setuid(0) != 0 && setgid(0) != 0;
-    for (int i = 0; i < count; ++i) isClean = isClean && groups[i] != 0;
+    for (int i = 0; i < count; ++i) isClean = isClean && groups[i] == kNobody;
     uid_t ids[3];
     gid_t groupIds[3];
     isClean = isClean && getresuid(&ids[0], &ids[1], &ids[2]) == 0 &&
