@@ -194,7 +194,7 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
   Identity identity;
   result = identify(identity);
   if (needsCopy(result, path)) {
-    const Outcome outcome = openCopy(path);
+    Outcome outcome = openCopy(path);
     if (!outcome.ok()) return outcome;
     result = identify(identity);
   }
