@@ -108,7 +108,7 @@ TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) 
   });
   // Long enough for whoever lets go in the end.
   ASSERT_TRUE(holder.ask("of the holder"));
-  std::thread writer([this] { EXPECT_TRUE(LQPlatformInfo("I1").setString("B", "name", "waited", 0)); });
+  std::thread writer([] { EXPECT_TRUE(LQPlatformInfo("I1").setString("B", "name", "waited", 0)); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   ASSERT_TRUE(holder.ask("release"));
   writer.join();

@@ -136,7 +136,7 @@ TEST_F(Secrets, AKeyThatCannotBeUsedIsNamedAndNeverReplaced) {
     expectNoKey({key_, "not a protection key", std::to_string(size) + " bytes"}, readFile(key_));
   }
   writeFile(key_, good);
-  for (const mode_t mode : {0640, 0604}) {
+  for (const mode_t mode : {0640U, 0604U}) {
     ASSERT_EQ(chmod(key_.c_str(), mode), 0);
     expectNoKey({"others may read", "chmod 600 " + key_}, good);
   }

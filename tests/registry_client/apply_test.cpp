@@ -307,7 +307,7 @@ TEST_F(Apply, WhereNothingCanBeWrittenAnUnchangedPassSucceeds) {
   lqregistry::UseFile(registryFile_);
   ASSERT_EQ(chmod(dir_.path().c_str(), 0555), 0);
   ASSERT_EQ(chmod(registryFile_.c_str(), 0444), 0);
-  OtherProcess reader([this](const std::string& value) {
+  OtherProcess reader([](const std::string& value) {
     constexpr uid_t kNobody = 65534;
     if (geteuid() == 0 && setuid(kNobody) != 0) return false;
     LqRegistryManagerClnt client("Instance001");
