@@ -193,6 +193,12 @@ TEST_F(MessageTest, RefusesWhatItCannotReadAndStaysAsItWas) {
   EXPECT_EQ(tree.unserialize(nested(kMaxMessageDepth)), 0);
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 // --- what reading takes ------------------------------------------------------------------------------------
 
 std::size_t memoryInUse() {
@@ -242,17 +248,22 @@ TEST_F(MessageTest, ReadingTakesBoundedMemory) {
   const std::string ordinary =
       "<Test.Probe name=\"sValueOfSomeKind\" value=\"" + std::string(80, 'v') + "\" flag=\"1\"/>";
   const struct {
-    std::string text;
+    std::size_t count;
+    std::string record;
     const char* reason;  // empty: it is read
-  } cases[] = {{probes(400'000, ordinary), ""},
-               {probes(100'000, shortest), ""},
-               {probes(50'000, empty), ""},
-               {probes(kMaxMessageRecords, empty), "times the memory"},
-               {probes(kMaxMessageRecords + 1, ordinary), "more than 500000 records"},
-               {"<Test.Probes>" + probes(3'000'000, "<a/>") + "</Test.Probes>", "times the memory"},
-               {"<Test.Probes>" + probes(1'000'000, "x<" + std::string(16, 'b') + "/>") + "</Test.Probes>",
-                "times the memory"}};
-  for (const auto& [text, reason] : cases) {
+    bool isUnknown = false;
+  } cases[] = {{400'000, ordinary, ""},
+               {100'000, shortest, ""},
+               {50'000, empty, ""},
+               {kMaxMessageRecords, empty, "times the memory"},
+               {kMaxMessageRecords + 1, ordinary, "more than 500000 records"},
+               {3'000'000, "<a/>", "times the memory", true},
+               {1'000'000, "x<" + std::string(16, 'b') + "/>", "times the memory", true}};
+  for (const auto& [count, record, reason, isUnknown] : cases) {
+    // A sanitizer has a heap of its own, which is not measured, and takes minutes for the large ones.
+    if (kIsSanitized && count * record.size() > kReadAllowanceBytes / 2) continue;
+    std::string text = probes(count, record);
+    if (isUnknown) text = "<Test.Probes>" + text + "</Test.Probes>";
     Probe::seen.clear();
     Probe::most = 0;
     std::string buffer = text;
