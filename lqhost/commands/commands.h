@@ -20,6 +20,9 @@ void addStatus(CommandLine& line);
 inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
 
+// What a synchronisation with this outcome ends with.
+int exitCodeOf(RunOutcome outcome);
+
 // What the resident host does for those who ask it, and what the commands do themselves when there is none.
 CommandResult synchroniseNow(Passes& passes);
 CommandResult refreshNow(Passes& passes);

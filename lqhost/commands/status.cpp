@@ -50,26 +50,11 @@ int worseOf(int one, int other) {
   return rank(one) <= rank(other) ? one : other;
 }
 
-int exitCodeOf(RunOutcome outcome) {
-  switch (outcome) {
-    case RunOutcome::kCacheLost:
-      return kExitCacheLost;
-    case RunOutcome::kCacheKept:
-      return kExitCacheKept;
-    case RunOutcome::kCacheUnreadable:
-      return kExitCacheUnreadable;
-    case RunOutcome::kUnacknowledged:
-      return kExitUnacknowledged;
-    case RunOutcome::kFailed:
-    case RunOutcome::kPartly:
-      return kExitFailed;
-    case RunOutcome::kDone:
-    case RunOutcome::kApplied:
-    case RunOutcome::kSkipped:
-    case RunOutcome::kPutOff:
-      break;
-  }
-  return kExitOk;
+// What a run in the past deserves now: there is nothing to do about one that was skipped, and which records
+// failed is not known any more.
+int exitCodeNow(RunOutcome outcome) {
+  if (outcome == RunOutcome::kSkipped || outcome == RunOutcome::kPutOff) return kExitOk;
+  return outcome == RunOutcome::kPartly ? kExitFailed : exitCodeOf(outcome);
 }
 
 int exitCodeOf(Unsettled why) {
@@ -100,7 +85,7 @@ int addTask(std::string& text, const std::string& label, const Task& task, bool 
   addLine(text, label, last);
   const bool isScheduled = note && note->nextRun != 0 && isResident;
   addLine(text, "  next", isScheduled ? utcText(note->nextRun) : "no resident host is running");
-  return hasRun ? exitCodeOf(note->outcome) : kExitOk;
+  return hasRun ? exitCodeNow(note->outcome) : kExitOk;
 }
 
 int addUnsettled(std::string& text) {

@@ -91,30 +91,6 @@ std::string repeated(const oblog::Capture& log) {
   return text;
 }
 
-int exitCodeOf(RunOutcome outcome) {
-  switch (outcome) {
-    case RunOutcome::kDone:
-    case RunOutcome::kApplied:
-      return kExitOk;
-    case RunOutcome::kPartly:
-      return kExitPartly;
-    case RunOutcome::kUnacknowledged:
-      return kExitUnacknowledged;
-    case RunOutcome::kSkipped:
-      return kExitSkipped;
-    case RunOutcome::kCacheLost:
-      return kExitCacheLost;
-    case RunOutcome::kCacheKept:
-      return kExitCacheKept;
-    case RunOutcome::kCacheUnreadable:
-      return kExitCacheUnreadable;
-    case RunOutcome::kFailed:
-    case RunOutcome::kPutOff:
-      break;
-  }
-  return kExitFailed;
-}
-
 int syncHere(const CommandLine::Pairs& watched) {
   ProductLibrary product;
   Passes passes(product);
@@ -138,6 +114,30 @@ int sync(const CommandLine::Pairs& watched) {
 }
 
 }  // namespace
+
+int exitCodeOf(RunOutcome outcome) {
+  switch (outcome) {
+    case RunOutcome::kDone:
+    case RunOutcome::kApplied:
+      return kExitOk;
+    case RunOutcome::kPartly:
+      return kExitPartly;
+    case RunOutcome::kUnacknowledged:
+      return kExitUnacknowledged;
+    case RunOutcome::kSkipped:
+      return kExitSkipped;
+    case RunOutcome::kCacheLost:
+      return kExitCacheLost;
+    case RunOutcome::kCacheKept:
+      return kExitCacheKept;
+    case RunOutcome::kCacheUnreadable:
+      return kExitCacheUnreadable;
+    case RunOutcome::kFailed:
+    case RunOutcome::kPutOff:
+      break;
+  }
+  return kExitFailed;
+}
 
 CommandResult synchroniseNow(Passes& passes) {
   const oblog::Capture log(kRepeatedLevel);
