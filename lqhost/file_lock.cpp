@@ -4,12 +4,15 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <thread>
 
 namespace host {
 
 namespace {
 
 constexpr mode_t kFileMode = 0600;
+// How often a wait that has a limit looks whether the lock is free.
+constexpr std::chrono::milliseconds kPoll{20};
 
 struct flock wholeFile() {
   struct flock whole {};
@@ -41,6 +44,15 @@ FileLock FileLock::tryFor(const std::string& path) {
 
 FileLock FileLock::waitFor(const std::string& path) {
   return {path, F_OFD_SETLKW};
+}
+
+FileLock FileLock::waitFor(const std::string& path, std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    FileLock lock = tryFor(path);
+    if (!lock.isHeldElsewhere() || std::chrono::steady_clock::now() >= end) return lock;
+    std::this_thread::sleep_for(kPoll);
+  }
 }
 
 bool FileLock::isTaken(const std::string& path) {

@@ -1,6 +1,7 @@
 // Locks between the processes of this machine, on a file: free again when the process ends, however it ends.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "lqregistry/FXFile.h"
@@ -14,6 +15,8 @@ class FileLock {
   static FileLock tryFor(const std::string& path);
   // Waits for whoever holds it. For locks that are held for a moment only.
   static FileLock waitFor(const std::string& path);
+  // Waits at most for `limit`.
+  static FileLock waitFor(const std::string& path, std::chrono::milliseconds limit);
 
   bool isHeld() const { return state_ == State::kHeld; }
   // Somebody else has it, as opposed to a file that cannot be had.

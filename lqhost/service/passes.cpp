@@ -4,6 +4,8 @@
 #include <ctime>
 #include <limits>
 
+#include "lqhost/file_lock.h"
+#include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqregistry/ObDebug.h"
@@ -21,6 +23,22 @@ std::mutex applyMutex;
 
 std::mutex wantedMutex;
 std::function<void()> wanted;  // guarded by wantedMutex
+
+// A pass, from the look at the note to the note's end: one at a time in this process, and between processes,
+// because who has found no note must not refresh over what another one applies meanwhile. Who has waited as
+// long as the product would goes on: the other's note stands by then, and the product's own lock keeps them
+// apart.
+class Turn {
+ public:
+  Turn() : inProcess_(passMutex), between_(FileLock::waitFor(pathInBase(kTurnLock), kTurnWait)) {}
+
+ private:
+  static constexpr const char* kTurnLock = "lqhost.pass";
+  static constexpr std::chrono::seconds kTurnWait{60};
+
+  std::lock_guard<std::mutex> inProcess_;
+  FileLock between_;
+};
 
 class Stopwatch {
  public:
@@ -99,7 +117,7 @@ PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string&
 }
 
 PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report) {
-  const std::lock_guard lock(passMutex);
+  const Turn turn;
   UnsettledWork work = beginPass();
   const std::time_t started = std::time(nullptr);
   const Stopwatch watch;
@@ -127,7 +145,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
 }
 
 RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
-  const std::lock_guard passLock(passMutex);
+  const Turn turn;
   const std::lock_guard applyLock(applyMutex);
   const std::time_t started = std::time(nullptr);
   if (std::optional<UnsettledNote> note = standingNote()) {

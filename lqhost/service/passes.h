@@ -8,8 +8,8 @@
 //   a push           begins after it       is put off                    waits
 //
 // A download begins only after a push under way has been applied: its reply was asked for after that, so its
-// cache can hold what was pushed. A refresh is short, unless a pass of another process has to end first: a
-// push waits up to a minute then.
+// cache can hold what was pushed. A refresh waits for a pass of another process before it looks at the note,
+// so it is short for a push that waits for it.
 #pragma once
 
 #include <functional>

@@ -1,8 +1,10 @@
 // Registry and settings cache stay together: what a pass came to by the word of the server and the fate of
 // the cache, and the note that stands between a pass or a push and the next refresh.
 #include <filesystem>
+#include <future>
 
 #include "lqhost/commands/commands.h"
+#include "lqhost/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/unsettled.h"
@@ -112,6 +114,23 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
     expectStatus(exitCode, "there is no cache yet");
     std::filesystem::rename(cacheFile() + ".aside", cacheFile());
   }
+}
+
+// A pass of another process is killed after it has applied a batch, while a refresh waits for it.
+TEST_F(Settled, ARefreshLooksForANoteWhenItsTurnHasCome) {
+  ASSERT_EQ(pass(one_).exitCode, 0);
+  setValue("Limits", "nMAX", "applied by the other");
+  std::future<test_support::ProgramResult> refreshed;
+  {
+    const auto others = host::FileLock::tryFor(dir_ / "lqhost.pass");
+    ASSERT_TRUE(others.isHeld());
+    refreshed = std::async(std::launch::async, [this] { return lqhost("refresh"); });
+    // However long this is, who waits has not looked yet; who does not wait has most likely ended.
+    refreshed.wait_for(std::chrono::milliseconds(300));
+    const UnsettledWork killed(Unsettled::kPass);
+  }
+  EXPECT_TRUE(contains(refreshed.get().err, "synchronising instead of refreshing"));
+  EXPECT_EQ(valueOf("Limits", "nMAX"), "applied by the other");
 }
 
 TEST_F(Settled, TheFateOfACacheIsReadFromItsFile) {
