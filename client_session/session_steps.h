@@ -15,6 +15,7 @@
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/ObDebug.h"
+#include "records/service_names.h"
 
 namespace session_steps {
 
@@ -26,13 +27,9 @@ inline constexpr std::size_t kMaxLocalName = 255;
 // Seconds for attach and for an orderly disconnect.
 inline constexpr int kAttachSeconds = 120;
 inline constexpr int kDisconnectSeconds = 120;
-// Level of the line that names both hosts.
-inline constexpr int kDetail = 10;
 // Send and receive have no limit of their own.
 inline constexpr int kNoTimeout = -1;
 
-inline constexpr const char* kRemoteLibraryName = "sLNREGKEYMANAGER";
-inline constexpr const char* kRemoteEntryName = "sLPREGKEYMANAGER";
 // The numeric log identifier of both clients.
 inline constexpr std::uint32_t kLogId = 281908688;
 
@@ -82,8 +79,8 @@ template <class Client>
 void setDefaults(Client& client) {
   client.sendMessage = nullptr;
   client.receivedMessage.reset();
-  client.remoteLibraryName = kRemoteLibraryName;
-  client.remoteEntryName = kRemoteEntryName;
+  client.remoteLibraryName = kServerLibraryName;
+  client.remoteEntryName = kServerEntryName;
   client.remoteHostName.clear();
   client.localHostName = localClientHostName(client.platformInfo);
   client.sendOnly = false;
@@ -106,7 +103,7 @@ bool mayConnect(const Client& client, const Style& style) {
   if (client.remoteHostName.empty() || client.localHostName.empty() ||
       client.remotePlatformType == kPlatformTypeUnset || client.localPlatformType == kPlatformTypeUnset)
     return false;
-  client.logger.DebugLvl(kDetail, style.connectTag, "Remote HostName [%s] , Local Host Name [%s]",
+  client.logger.DebugLvl(kLogDetail, style.connectTag, "Remote HostName [%s] , Local Host Name [%s]",
                          client.remoteHostName.c_str(), client.localHostName.c_str());
   return true;
 }

@@ -1,5 +1,4 @@
-// Where a client's host service (lqhost run) listens for the server, and what the server asks it for. Both
-// sides use this.
+// Where a client's host service (lqhost run) listens for the server. Both sides use this.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +7,5 @@ namespace programs {
 
 // Apart from the server's own service ports, so that a server's machine may be a client too.
 inline constexpr std::uint16_t kHostServicePort = 8404;
-
-// The remote library and entry that the server attaches to on a client.
-inline constexpr const char* kHostLibraryName = "sLNREGKEYMANAGERCLNT";
-inline constexpr const char* kHostEntryName = "sLPREGKEYMANAGERCLNT";
 
 }  // namespace programs

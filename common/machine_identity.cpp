@@ -3,43 +3,41 @@
 #include <algorithm>
 #include <array>
 
+#include "lqregistry/LqSettings.h"
+
 namespace programs {
 
 namespace {
 
-constexpr std::string_view kSessionKeyName = "sSESSIONKEY";
 constexpr std::string_view kProtectedPrefix = "V8:";
 
-struct Place {
-  std::string_view section;
-  std::string_view name;  // empty: every value of the section, and of what lies below it
-};
-constexpr std::array<Place, 8> kIdentity{{{"Overhub", ""},
-                                          {"Session", ""},
-                                          {"Hosts", ""},
-                                          {"Machine", "sPHYSICALNAME"},
-                                          {"Machine", "sHOSTNAME"},
-                                          {"Machine", "nPLATFORMTYPE"},
-                                          {"Base", "dVELMORHOME"},
-                                          {"Base", "dBASEHOME"}}};
+// Without a name: every value of the key, and of what lies below it.
+constexpr std::array kIdentity{lqsettings::Setting{lqsettings::kServerKey, ""},
+                               lqsettings::Setting{lqsettings::kSessionsKey, ""},
+                               lqsettings::Setting{lqsettings::kHostsKey, ""},
+                               lqsettings::kPhysicalMachine,
+                               lqsettings::kHostName,
+                               lqsettings::kPlatformType,
+                               lqsettings::kVelmorHome,
+                               lqsettings::kBaseHome};
 
-bool isPlaceOf(const Place& place, std::string_view path, std::string_view name) {
-  if (!place.name.empty()) return path == place.section && name == place.name;
-  return path.starts_with(place.section) &&
-         (path.size() == place.section.size() || path[place.section.size()] == '/');
+bool isPlaceOf(const lqsettings::Setting& place, std::string_view path, std::string_view name) {
+  const std::string_view key = place.key;
+  if (*place.name != '\0') return path == key && name == place.name;
+  return path.starts_with(key) && (path.size() == key.size() || path[key.size()] == '/');
 }
 
 }  // namespace
 
 bool isMachineIdentity(std::string_view keyPath, std::string_view valueName) {
-  if (keyPath.starts_with('~')) keyPath.remove_prefix(1);
+  if (keyPath.starts_with(lqsettings::kInstanceRoot)) keyPath.remove_prefix(1);
   while (keyPath.starts_with('/')) keyPath.remove_prefix(1);
   return std::any_of(kIdentity.begin(), kIdentity.end(),
-                     [&](const Place& place) { return isPlaceOf(place, keyPath, valueName); });
+                     [&](const lqsettings::Setting& place) { return isPlaceOf(place, keyPath, valueName); });
 }
 
 bool isSecretValue(std::string_view valueName, std::string_view value) {
-  return valueName == kSessionKeyName || value.starts_with(kProtectedPrefix);
+  return valueName == lqsettings::kSessionKey.name || value.starts_with(kProtectedPrefix);
 }
 
 }  // namespace programs

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "lqregistry/PrintableText.h"
+#include "common/terminal_text.h"
 
 namespace programs {
 
@@ -18,24 +18,6 @@ std::size_t characters(const std::string& text) {
 }
 
 }  // namespace
-
-std::string escapedForTerminal(std::string_view text) {
-  std::string result;
-  while (!text.empty()) {
-    std::size_t length = 1;
-    if (text[0] == '\\') {
-      result += "\\\\";
-    } else if (text[0] == '\n') {
-      result += "\\n";
-    } else if (text[0] == '\t') {
-      result += "\\t";
-    } else {
-      length = lqtext::appendPrintable(result, text);
-    }
-    text.remove_prefix(length);
-  }
-  return result;
-}
 
 TextTable::TextTable(std::vector<std::string> header) {
   rows_.push_back(std::move(header));

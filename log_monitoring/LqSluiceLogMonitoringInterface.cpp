@@ -10,6 +10,7 @@
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqSettings.h"
 #include "lqregistry/ObDebug.h"
 
 LqCriticalSection criticalSecForClientId;
@@ -19,10 +20,6 @@ namespace {
 constexpr const char* kClientIdTag = "LqSluiceLogMonitoringInterface_getClientId";
 constexpr const char* kCheckTag = "LqSluiceLogMonitoringInterface_CheckLogMonitoringData";
 constexpr const char* kAlertTag = "LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule";
-constexpr std::int64_t kLogContext = -123456;
-constexpr int kAlways = 0;
-constexpr int kVerbose = 4;
-constexpr int kDetail = 10;
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
@@ -40,8 +37,7 @@ constexpr const char* kAlertRule = "processLogMonitoringAlertRule";
 using SpaceCheck = void (*)(std::uint64_t clientId);
 using AlertRule = void (*)();
 
-// The helper library of one call, loaded when one of its procedures is asked for and released with the
-// object.
+// The helper library of one call, loaded when one of its procedures is asked for, released with the object.
 class Helper {
  public:
   Helper(const ObEvent& event, const char* tag) : event_(event), tag_(tag) {}
@@ -74,7 +70,7 @@ class Helper {
     const CWmError error =
         home == nullptr ? CWmError(kLqErrLibrary, "no base directory is known") : library_.Load(path_, false);
     if (error.IsError()) {
-      event_.DebugLvl(kAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
+      event_.DebugLvl(kLogAlways, kLogContext, tag_, "Failed to load library [%s] error [%s]", path(),
                       error.AsString());
     }
     return !error.IsError();
@@ -84,7 +80,7 @@ class Helper {
     void* found = nullptr;
     const CWmError error = library_.GetProcedure(name, found);
     if (error.IsError()) {
-      event_.DebugLvl(kAlways, kLogContext, tag_,
+      event_.DebugLvl(kLogAlways, kLogContext, tag_,
                       "Failed to load procedure [%s] from library [%s], error[%s].", name, path(),
                       error.AsString());
     }
@@ -105,11 +101,11 @@ bool isAnalyticsEnabled(unsigned long clientId) {
 }
 
 int checkSpace(Helper& helper, LQPI_PlatformBase& base, const ObEvent& event, unsigned long clientId) {
-  event.DebugLvl(kVerbose, kLogContext, kCheckTag, "Analytics engine is enabled");
+  event.DebugLvl(kLogVerbose, kLogContext, kCheckTag, "Analytics engine is enabled");
   const auto check = helper.find<SpaceCheck>(base, kSpaceCheck);
   if (check == nullptr) return kFailed;
   if (!helper.call(kSpaceCheck, [check, clientId] { check(clientId); })) return kFailed;
-  event.DebugLvl(kAlways, kLogContext, kCheckTag,
+  event.DebugLvl(kLogAlways, kLogContext, kCheckTag,
                  "Call to procedure [%s] from library [%s] using Client Id = [%ld] Completed.", kSpaceCheck,
                  helper.path(), static_cast<long>(clientId));
   return kDone;
@@ -118,12 +114,12 @@ int checkSpace(Helper& helper, LQPI_PlatformBase& base, const ObEvent& event, un
 int clearWorkDirectory(LQPlatformInfo& info, const ObEvent& event) {
   std::string home;
   // An empty home would make it the work directory of the file system's root.
-  if (!info.getDirectory("Base", "dVELMORHOME", home) || home.empty()) {
+  if (!info.getDirectory(lqsettings::kVelmorHome.key, lqsettings::kVelmorHome.name, home) || home.empty()) {
     event.Error(kCheckTag, "Failed to identify velmor home directory.");
     return kFailed;
   }
   // What cannot be deleted now is tried again by the next check.
-  FXFile::DeleteMatchingFiles(home + kWorkDirectory, kWorkFiles, 0);
+  static_cast<void>(FXFile::DeleteMatchingFiles(home + kWorkDirectory, kWorkFiles, 0));
   return kDone;
 }
 
@@ -160,12 +156,12 @@ int LqSluiceLogMonitoringInterface_CheckLogMonitoringData() {
   LQPI_PlatformBase base;
   const bool isServer = (info.getLQPlatformType() & kPlatformServer) != 0;
   const bool hasSpoolhand = base.IsFullSHInstalled();
-  event.DebugLvl(kVerbose, kLogContext, kCheckTag, "Spoolhand is installed %d", hasSpoolhand ? 1 : 0);
+  event.DebugLvl(kLogVerbose, kLogContext, kCheckTag, "Spoolhand is installed %d", hasSpoolhand ? 1 : 0);
   std::int64_t disabled = 0;
-  info.getNumber("Spoolhand", "nDisableLMPrune", disabled);
+  info.getNumber(lqsettings::kLogPruneDisabled.key, lqsettings::kLogPruneDisabled.name, disabled);
   if (disabled != 0) {
     // "diabled" is how administrators know this line.
-    event.DebugLvl(kAlways, kLogContext, kCheckTag, "LM Pruning is diabled");
+    event.DebugLvl(kLogAlways, kLogContext, kCheckTag, "LM Pruning is diabled");
     return kDone;
   }
   if (hasSpoolhand || isServer) {
@@ -184,18 +180,18 @@ int LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule() {
   LQPI_PlatformBase base;
   // Asked for only to see that there is an installation.
   if (installation.getVelmorDirectory() == nullptr) {
-    event.DebugLvl(kAlways, kLogContext, kAlertTag, "Failed to get the velmor directory path");
+    event.DebugLvl(kLogAlways, kLogContext, kAlertTag, "Failed to get the velmor directory path");
     return kFailed;
   }
   if (!base.IsThisPackageInstalled(kIndexServerPackage)) {
-    event.DebugLvl(kDetail, kLogContext, kAlertTag, "Index Server is not installed");
+    event.DebugLvl(kLogDetail, kLogContext, kAlertTag, "Index Server is not installed");
     return kFailed;
   }
-  event.DebugLvl(kDetail, kLogContext, kAlertTag, "Index Server is installed");
+  event.DebugLvl(kLogDetail, kLogContext, kAlertTag, "Index Server is installed");
   const auto process = helper.find<AlertRule>(base, kAlertRule);
   if (process == nullptr) return kFailed;
   if (!helper.call(kAlertRule, process)) return kFailed;
-  event.DebugLvl(kAlways, kLogContext, kAlertTag, "Call to procedure [%s] from library [%s]", kAlertRule,
+  event.DebugLvl(kLogAlways, kLogContext, kAlertTag, "Call to procedure [%s] from library [%s]", kAlertRule,
                  helper.path());
   return kDone;
 }

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "common/text_table.h"
+#include "common/terminal_text.h"
 
 namespace host {
 

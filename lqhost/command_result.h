@@ -15,9 +15,9 @@ struct CommandResult {
 };
 
 // A failure in one line. `what` may hold anything; it is escaped here.
-CommandResult complaint(int exitCode, const std::string& what);
+[[nodiscard]] CommandResult complaint(int exitCode, const std::string& what);
 
 // Prints both texts; the exit code.
-int print(const CommandResult& result);
+[[nodiscard]] int print(const CommandResult& result);
 
 }  // namespace host

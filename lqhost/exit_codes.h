@@ -4,11 +4,13 @@
 // status` goes by 3, 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
 #pragma once
 
+#include "common/command_line.h"
+
 namespace host {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;     // no batch was received
-inline constexpr int kExitUsage = 2;      // wrong command line, or an unusable join file
+inline constexpr int kExitFailed = 1;                    // no batch was received
+inline constexpr int kExitUsage = programs::kExitUsage;  // wrong command line, or an unusable join file
 inline constexpr int kExitNotJoined = 3;  // this instance has not joined, or the registry cannot be used
 inline constexpr int kExitPartly = 4;     // not everything could be applied, or uploaded
 inline constexpr int kExitSkipped = 5;    // synchronisation is switched off, or joining is not finished

@@ -3,6 +3,7 @@
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 
 namespace host {
 
@@ -14,7 +15,7 @@ std::string instanceName() {
 std::optional<CommandResult> whyNotJoined() {
   LQPlatformInfo info;
   std::string server;
-  if (info.getString("Overhub", "sOHHOSTNAME", server)) return std::nullopt;
+  if (info.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, server)) return std::nullopt;
   if (info.getRegError() == kRegUnavailable) return complaint(kExitNotJoined, info.getRegErrorText());
   return complaint(kExitNotJoined,
                    "instance " + instanceName() + " in " + lqregistry::File() +

@@ -1,26 +1,25 @@
-// lqhost: the host service of a client machine. The process is set up here; each command has a file of its
-// own.
+// lqhost: the host service of a client machine. The process is set up here; each command has its own file.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/log_options.h"
 #include "common/program_start.h"
-#include "common/text_table.h"
-#include "lqhost/command_line.h"
+#include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/exit_codes.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
 constexpr const char* kDefaultInstance = "Instance001";
 
-constexpr const char* kInstanceVariable = "VELMOR_VM";
 // The resident host has a log of its own: two processes that rotate one file lose lines.
 constexpr const char* kResidentLogFile = "lqhost.log";
 constexpr const char* kCommandLogFile = "lqhost-command.log";
@@ -51,12 +50,13 @@ struct Settings {
   programs::LogOptions log;
 };
 
-void describe(host::CommandLine& line, Settings& settings) {
+void describe(programs::CommandLine& line, Settings& settings) {
   line.options()
       .option("--registry", settings.registry,
               "The registry file; otherwise that of VELMOR_REGISTRY, otherwise " +
                   std::string(lqregistry::kDefaultFile))
-      .fromEnvironment("--instance", kInstanceVariable, settings.instance, "The installation instance")
+      .option("--instance", settings.instance, "The installation instance")
+      .fromEnvironment(lqsettings::kInstanceVariable)
       .bounded("--log-level", settings.log.level, 0, programs::kMaxLogLevel, "Highest level that is logged")
       .option("--log-file", settings.log.file,
               "Log into this file, rotated; - is standard error. Otherwise lqhost.log (of run) or "
@@ -65,7 +65,8 @@ void describe(host::CommandLine& line, Settings& settings) {
   host::addSync(line);
   host::addRefresh(line);
   host::addUpload(line);
-  host::addLogMonitoring(line);
+  host::addMonitor(line);
+  host::addAlerts(line);
   host::addStatus(line);
   host::addRun(line);
 }
@@ -92,7 +93,7 @@ bool setUpLog(programs::LogOptions log, const char* defaultName) {
 
 int main(int argc, char** argv) try {
   programs::beginProgram();
-  host::CommandLine line(
+  programs::CommandLine line(
       "lqhost",
       "The host service of a client machine: joins a management server and synchronises its registry.",
       kFooter);
@@ -106,13 +107,13 @@ int main(int argc, char** argv) try {
   if (const CWmError error = programs::becomeServiceUser(places); error.IsError())
     return host::print(host::complaint(host::kExitNotJoined, error.AsString()));
   // Both, because the product lets the variable override the focus; and before any thread runs.
-  setenv(kInstanceVariable, settings.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  setenv(lqsettings::kInstanceVariable, settings.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   LQPI_Focus::setFocus(settings.instance.c_str());
   const bool isResident = line.chosen() == host::kRunCommand;
   if (!setUpLog(settings.log, isResident ? kResidentLogFile : kCommandLogFile)) return host::kExitUsage;
   host::WireWatch::install();
   return line.run();
-} catch (const std::exception& failure) {  // out of memory, in all likelihood
-  std::fprintf(stderr, "lqhost: %s\n", programs::escapedForTerminal(failure.what()).c_str());
+} catch (const std::exception& error) {  // out of memory, in all likelihood
+  std::fprintf(stderr, "lqhost: %s\n", programs::escapedForTerminal(error.what()).c_str());
   return host::kExitFailed;
 }

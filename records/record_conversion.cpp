@@ -1,11 +1,13 @@
 #include "records/record_conversion.h"
 
+#include "records/record_rules.h"
+
 unsigned getKeyType(const std::string&) {
   return 0;
 }
 
 std::string getKeyString(unsigned) {
-  return "STRING";
+  return STRINGTYPE;
 }
 
 namespace {

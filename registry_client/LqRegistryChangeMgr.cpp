@@ -9,7 +9,8 @@ namespace {
 // Guards the creation of the singleton and the starting of the pool. GetInstance holds it while the
 // constructor takes it again, which is why it has to be re-entrant.
 LqCriticalSection tpInitCS;
-// Nothing takes these two: the map is deliberately not locked.
+// Part of the manager's contract, and taken by nobody: the map of registrations is public, and a lock here
+// would guard it from its own functions only.
 [[maybe_unused]] LqCriticalSection cbInstanceCS;
 [[maybe_unused]] LqCriticalSection regCS;
 
@@ -20,8 +21,6 @@ constexpr std::uint64_t kIdleSeconds = 300;
 constexpr std::uint64_t kItemsPerThread = 1;
 constexpr std::uint32_t kMaxThreads = 3;
 constexpr std::uint32_t kMinThreads = 1;
-
-constexpr int kDetail = 10;
 
 }  // namespace
 
@@ -50,20 +49,20 @@ LqRegistryChangeMgr::LqRegistryChangeMgr() {
 void LqRegistryChangeMgr::Register(const std::string& keyPath, const std::string& valueName,
                                    CallBack callback) {
   callBackMaps[{keyPath, valueName}] = callback;
-  event.DebugLvl(kDetail, "LqRegistryChangeMgr::Register", "Call back registered for key [%s\\%s]",
+  event.DebugLvl(kLogDetail, "LqRegistryChangeMgr::Register", "Call back registered for key [%s\\%s]",
                  keyPath.c_str(), valueName.c_str());
 }
 
 void LqRegistryChangeMgr::UnRegister(const std::string& keyPath, const std::string& valueName) {
   callBackMaps.erase({keyPath, valueName});
-  event.DebugLvl(kDetail, "LqRegistryChangeMgr::UnRegister", "Call back un-registered for key [%s\\%s]",
+  event.DebugLvl(kLogDetail, "LqRegistryChangeMgr::UnRegister", "Call back un-registered for key [%s\\%s]",
                  keyPath.c_str(), valueName.c_str());
 }
 
 bool LqRegistryChangeMgr::IsCallBackRegistered(const std::string& keyPath,
                                                const std::string& valueName) const {
   if (!callBackMaps.contains({keyPath, valueName})) return false;
-  event.DebugLvl(kDetail, "LqRegistryChangeMgr::IsCallBackRegistered",
+  event.DebugLvl(kLogDetail, "LqRegistryChangeMgr::IsCallBackRegistered",
                  "Found call back registered for [%s\\%s]", keyPath.c_str(), valueName.c_str());
   return true;
 }
@@ -78,16 +77,16 @@ int LqRegistryChangeMgr::HandleCallbackForRegistry(const OBGui::RegistryKeyInfo&
   auto params = std::make_unique<OnRegChangeThreadParams>();
   static_cast<OBGui::RegistryKeyInfo&>(*params) = key;
   params->callback = found->second;
-  event.DebugLvl(kDetail, kTag, "Found call back registered for [%s\\%s]", path, name);
+  event.DebugLvl(kLogDetail, kTag, "Found call back registered for [%s\\%s]", path, name);
   // The address goes in and comes out untyped, so it has to be the parcel's own. A lane for each pair: a
   // module hears of one value's changes in their order, and the last call brings the value that holds.
   const std::string lane = key.keyPath.get() + "\\" + key.valueName.get();
   if (callBackThreadPool.doWork(&OnRegistryChange, params.get(), lane) == -1) {
-    event.DebugLvl(kDetail, kTag, "Failed to call callback function for [%s\\%s]", path, name);
+    event.DebugLvl(kLogDetail, kTag, "Failed to call callback function for [%s\\%s]", path, name);
     return 1;
   }
   static_cast<void>(params.release());  // the worker's from here on
-  event.DebugLvl(kDetail, kTag, "Successfully started callback function for [%s\\%s]", path, name);
+  event.DebugLvl(kLogDetail, kTag, "Successfully started callback function for [%s\\%s]", path, name);
   return 0;
 }
 

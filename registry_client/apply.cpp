@@ -1,8 +1,7 @@
 // Applying a key list: expiry, writing and removing each record, and handing changes to their callbacks.
 //
 // A pass is one transaction, from its first comparison to its last write. Callbacks are handed over once it
-// is on disk, in the order of the records, so that no module is told of a change that a power cut could take
-// back.
+// is on disk, in the order of the records, so that no power cut takes back what a module was told.
 #include <strings.h>
 
 #include <array>
@@ -12,15 +11,14 @@
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
-#include "records/key_records.h"
+#include "lqregistry/LqSettings.h"
 #include "records/record_conversion.h"
+#include "records/record_rules.h"
 
 namespace {
 
 // A current value is read into this many bytes to see whether it changes.
 constexpr int kOldValueBuffer = 1024;
-constexpr int kMilestone = 2;
-constexpr int kDetail = 10;
 constexpr const char* kApplyTag = "LqRegistryManager::updateRegistryKeysForClient";
 
 // Held from a commit until its callbacks are handed over: of two passes at once, the one that wrote last also
@@ -84,10 +82,10 @@ class ApplyPass {
     int size = kOldValueBuffer;
     // Always below the instance root, even for a path that is absolute or begins with "~" already: such a
     // value cannot be read here, and therefore counts as changed.
-    const std::string path = "~" + key.keyPath.get();
+    const std::string path = lqsettings::kInstanceRoot + key.keyPath.get();
     if (!client_.platformInfo.getRegValue(path, key.valueName, type, buffer.data(), size)) return false;
     value = buffer.data();
-    client_.logger.DebugLvl(kDetail, kApplyTag, "set value = %s for key = %s", value.c_str(),
+    client_.logger.DebugLvl(kLogDetail, kApplyTag, "set value = %s for key = %s", value.c_str(),
                             key.valueName->c_str());
     return true;
   }
@@ -105,7 +103,7 @@ int LqRegistryManagerClnt::updateRegistryKeysForClient(OBGui::KeyList& keys) {
   const ObEvent event;
   LqRegistryChangeMgr::GetInstance();  // starts the callback pool on first use, even for an empty list
   if (keys.empty()) {
-    event.DebugLvl(kDetail, kApplyTag, "NO RECODRDS FOR CLIENT REGISTRY KEYS");
+    event.DebugLvl(kLogDetail, kApplyTag, "NO RECODRDS FOR CLIENT REGISTRY KEYS");
     return kResultOk;
   }
   if (lqregistry::IsInBatch()) {
@@ -133,13 +131,13 @@ unsigned LqRegistryManagerClnt::updateRegistryKeyForTPPM(App::KeyList& keys) {
   constexpr const char* kTag = "LqRegistryManagerClnt::updateRegistryKeyForTPPM";
   const ObEvent event;
   if (const char* focus = LQPI_Focus::getFocus()) platformInfo.setFocus(focus);
-  event.DebugLvl(kMilestone, kTag, "Started updating registry for TPPM settings");
+  event.DebugLvl(kLogMilestone, kTag, "Started updating registry for TPPM settings");
   OBGui::KeyList converted;
   AppToObGui(converted, keys);
   updateRegistryKeysForClient(converted);
-  event.DebugLvl(kMilestone, kTag, "Completed updating registry for TPPM settings");
-  // What the last registry operation left, not the apply result: callers tell a missing key from a failed
-  // write.
+  event.DebugLvl(kLogMilestone, kTag, "Completed updating registry for TPPM settings");
+  // What the last registry operation left, not the apply result, so that callers can tell a missing key from
+  // a failed write.
   return static_cast<unsigned>(regStatus);
 }
 

@@ -4,73 +4,13 @@
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "registry_client/log_directory.h"
+#include "registry_client/settings_cache.h"
 
 namespace {
 
 constexpr const char* kPassTag = "LqRegistryManagerClnt::downLoadAndUpdateClient";
 constexpr const char* kTask = "download";
-constexpr const char* kRepairTag = "downLoadAndUpdateClient";
-
-constexpr const char* kLogDirectoryValue = "dOBLOGDIR";
-constexpr const char* kHomeSection = "Base";
-constexpr const char* kHomeValue = "dVELMORHOME";
-constexpr const char* kLogFolder = "Log_Files";
-constexpr const char* kFolderSeparator = "/";
-
-// Whether the cache may be replaced by a reply with this many records. A cache that cannot be read, or that
-// holds more records than the reply, is left as it is; a server that lost records must not
-// empty it.
-bool mayReplaceCache(std::size_t repliedKeys) {
-  const std::string text = LqRegistryManagerClnt::getAdditionalSettingsCache();
-  if (text.empty()) return true;
-  OBGui::RegistryTaskResp cached;
-  return cached.unserialize(text) == 0 && cached.keys->size() <= repliedKeys;
-}
-
-// The server's removal of the log directory was applied already; it ends in the default directory rather than
-// in none, because a host without a log directory is a host that nobody can look into.
-void resetLogDirectory(LqRegistryManagerClnt& client, const OBGui::RegistryKeyInfo& removed) {
-  std::string home;
-  LQPlatformInfo current(LQPI_Focus::getFocus());
-  if (!current.getDirectory(kHomeSection, kHomeValue, home) || home.empty()) {
-    client.logger.Error(kRepairTag, "Cannot determine Velmor Home folder");
-    return;
-  }
-  client.logger.Debug(kRepairTag, " Fetched dVELMORHOME regKey from client's registry :: %s", home.c_str());
-  const std::string directory = home + kFolderSeparator + kLogFolder;
-  OBGui::KeyList repair{removed};
-  repair[0].value = directory;
-  repair[0].deleteFlag = 0;
-  if (client.updateRegistryKeysForClient(repair) != kResultOk) {
-    client.logger.Error(kRepairTag,
-                        "  Got issue while adding dOBLOGDIR key at client's registry with default path :: %s",
-                        directory.c_str());
-  } else {
-    client.logger.Debug(kRepairTag,
-                        " dOBLOGDIR key added successfully at client's registry with default path :: %s",
-                        directory.c_str());
-  }
-}
-
-// Rewrites the cache from the reply, without the records that are to be removed. Uses the reply up.
-void refreshSettingsCache(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& reply) {
-  OBGui::KeyList received = std::move(reply.keys.edit());
-  OBGui::RegistryTaskResp& cache = reply;  // everything of the reply but the records that are left out
-  cache.keys.edit().clear();
-  for (OBGui::RegistryKeyInfo& key : received) {
-    const bool isRemoved = key.deleteFlag == 1;
-    if (isRemoved && key.valueName.get() == kLogDirectoryValue) resetLogDirectory(client, key);
-    if (!isRemoved) cache.keys.edit().push_back(std::move(key));
-  }
-  std::string text;
-  if (cache.serialize(text, false) != 0) {
-    client.logger.Error(
-        kPassTag,
-        "The Additional Settings cache is left as it was: its protected values cannot be protected");
-    return;
-  }
-  LqRegistryManagerClnt::setAdditionalSettingsCache(std::move(text));
-}
 
 }  // namespace
 
@@ -82,8 +22,7 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
   }
 
   // From the request on: a batch that was asked for later must not be overtaken by an older one. And to the
-  // end of the pass, so that the server gets the acknowledgements in the order in which the batches were
-  // applied.
+  // end of the pass, so that the server gets the acknowledgements in the order of the batches.
   const LqPassLock lock(kTask);
   if (!lock.isHeld()) {
     logger.Error(kPassTag, "The download was not begun: %s", lock.reason().c_str());
@@ -104,7 +43,11 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
   OBGui::RegisterSubsystem();
   sendMessage = &acknowledgement;
 
-  if (mayReplaceCache(reply->keys->size())) refreshSettingsCache(*this, *reply);
+  if (mayReplaceSettingsCache(reply->keys->size())) {
+    for (const OBGui::RegistryKeyInfo& key : reply->keys.get())
+      if (isLogDirectoryRemoval(key)) resetLogDirectory(*this, key);
+    storeSettingsCache(*this, *reply, kPassTag);
+  }
 
   if (!sendWithoutReply(acknowledgement))
     logger.Error(kPassTag, "Failed to send the response to the server for client[%s]", name.c_str());

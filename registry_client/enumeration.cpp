@@ -1,17 +1,15 @@
-// The whole local registry as a flat list of key records: first the paths of all keys, then the records of
-// each.
+// The whole local registry as a flat list of key records: first the paths of all keys, then their records.
 #include <array>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
-#include "records/key_records.h"
+#include "lqregistry/LqSettings.h"
 #include "records/record_conversion.h"
+#include "records/record_rules.h"
 
 namespace {
 
 // In front of every path, listings included: a key of the instance may be called "SOFTWARE...", too.
-constexpr const char* kBelowRoot = "~";
-// Longer values fail to read and are skipped.
-constexpr int kValueBuffer = 10240;
+constexpr const char* kBelowRoot = lqsettings::kInstanceRoot;
 constexpr std::int64_t kKept = 0;
 constexpr std::int64_t kEnabled = 1;
 
@@ -78,8 +76,7 @@ unsigned LqRegistryManagerClnt::fillKeyFieldInformation(const std::string& keyPa
   if (keyPath.empty()) return kResultFailed;
   records.push_back(keyRecord(keyPath));
   const std::string path = kBelowRoot + keyPath;
-  // Cleared for each value, so that one which a platform stores without a NUL does not end in the rest of
-  // another.
+  // Cleared for each value, so that one stored without a NUL does not end in the rest of another.
   std::array<char, kValueBuffer> value;
   for (const auto& [name, data] : values) {
     unsigned type = 0;

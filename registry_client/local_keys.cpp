@@ -4,13 +4,10 @@
 #include <array>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
-#include "records/key_records.h"
 #include "records/record_conversion.h"
+#include "records/record_rules.h"
 
 namespace {
-
-// Values are tested by reading them; a longer one counts as a read that failed, which does not stop a write.
-constexpr int kValueBuffer = 10240;
 
 // The only sub-key that the server may create, in any letter case, and the field that makes it exist.
 constexpr const char* kCreatableSubKey = "Local";
@@ -81,14 +78,14 @@ int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) 
   isRegistryKeyExists(key);
   const unsigned type = getKeyType(key->valueType);
 
-  if (key->valueType.get() != KEYTYPE) {
+  if (!isKey(*key)) {
     const std::string path = normalisedKeyPath(key->keyPath);
     if (regStatus == kRegStatusKeyMissing && !platformInfo.createRegKey(path)) return failed(path);
     return createRegistryKeyField(path, key->valueName, type, data, length);
   }
 
   // The path of a "KEY" record is taken as it stands, unlike in deleteRegistryKey; so is the restriction to
-  // one name, since creating keys from afar is what it guards.
+  // one name, since creating keys remotely is what it guards.
   if (strcasecmp(key->valueName->c_str(), kCreatableSubKey) != 0) {
     logger.DebugLvl(0, kCreateTag, "Modifying %s remotely is not allowed", key->valueName->c_str());
     return kResultFailed;
@@ -108,7 +105,7 @@ int LqRegistryManagerClnt::createRegistryKeyField(const std::string& keyPath, co
 int LqRegistryManagerClnt::deleteRegistryKey(const OBGui::RegistryKeyInfo* key) {
   if (key == nullptr || key->valueName->empty()) return kResultFailed;
   const std::string path = normalisedKeyPath(key->keyPath);
-  if (key->valueType.get() == KEYTYPE) {
+  if (isKey(*key)) {
     const bool deleted = platformInfo.delRegKey(subKeyPath(path, key->valueName));
     return deleted || platformInfo.getRegError() == kRegKeyMissing ? kResultOk : kResultFailed;
   }

@@ -1,16 +1,15 @@
-// What the server asks of this client without waiting for its schedule: a pushed batch, a fetch of named
-// values.
+// What the server asks of this client without waiting for its schedule: a pushed batch, named values.
 #include <array>
 
 #include "client_session/session_steps.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/LqSettings.h"
 #include "records/record_conversion.h"
 
 namespace {
 
 constexpr const char* kFetchTag = "LqRegistryManager::getRequestedKeys";
 constexpr const char* kSendTag = "LqRegistryManager::sendRequestedKeys";
-constexpr int kDetail = 10;
 constexpr int kFetchBuffer = 1024;
 
 constexpr unsigned kAnswered = 1;
@@ -36,7 +35,7 @@ unsigned LqRegistryManagerClnt::serverRequestHandler(OBGui::RegistryTaskResp& re
 void LqRegistryManagerClnt::getRequestedKeys(App::KeyList* keys) {
   regStatus = kRegStatusOk;
   if (keys == nullptr) {
-    logger.DebugLvl(kDetail, kFetchTag, "Requested key list not set");
+    logger.DebugLvl(kLogDetail, kFetchTag, "Requested key list not set");
     return;
   }
   // The length is handed from read to read and never reset, which is part of what a fetch answers: a value
@@ -46,32 +45,32 @@ void LqRegistryManagerClnt::getRequestedKeys(App::KeyList* keys) {
   std::array<char, kFetchBuffer> value;
   for (App::RegistryKeyInfo& key : *keys) {
     if (!key.valueName.isSet() || !key.keyPath.isSet() || !key.valueType.isSet()) {
-      logger.DebugLvl(kDetail, kFetchTag, "One or more key not set properly");
+      logger.DebugLvl(kLogDetail, kFetchTag, "One or more key not set properly");
       continue;
     }
     unsigned type = getKeyType(key.valueType);
-    const std::string path = "~" + key.keyPath.get();
+    const std::string path = lqsettings::kInstanceRoot + key.keyPath.get();
     const char* const name = key.valueName->c_str();
     if (platformInfo.getRegValue(path, key.valueName, type, value.data(), length)) {
       key.value = std::string(value.data());
-      logger.DebugLvl(kDetail, kFetchTag, "set value = %s for key = %s", key.value->c_str(), name);
+      logger.DebugLvl(kLogDetail, kFetchTag, "set value = %s for key = %s", key.value->c_str(), name);
     } else {
-      logger.DebugLvl(kDetail, kFetchTag, "failed to fetch key %s at %s", name, path.c_str());
+      logger.DebugLvl(kLogDetail, kFetchTag, "failed to fetch key %s at %s", name, path.c_str());
     }
     switch (platformInfo.getRegError()) {
       case kRegOk:
         break;
       case kRegKeyMissing:
         regStatus = kRegStatusKeyMissing;
-        logger.DebugLvl(kDetail, kFetchTag, "bad registry key %s", name);
+        logger.DebugLvl(kLogDetail, kFetchTag, "bad registry key %s", name);
         break;
       case kRegValueMissing:
         regStatus = kRegStatusValueMissing;
-        logger.DebugLvl(kDetail, kFetchTag, "bad field %s for registry key %s", path.c_str(), name);
+        logger.DebugLvl(kLogDetail, kFetchTag, "bad field %s for registry key %s", path.c_str(), name);
         break;
       default:
         regStatus = kRegStatusReadFailed;
-        logger.DebugLvl(kDetail, kFetchTag, "Unable to fetch key %s from path %s", name, path.c_str());
+        logger.DebugLvl(kLogDetail, kFetchTag, "Unable to fetch key %s from path %s", name, path.c_str());
     }
   }
   if (regStatus != kRegStatusOk) logger.Debug(kFetchTag, "Unable to fetch one or more keys in the list");

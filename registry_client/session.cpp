@@ -3,23 +3,21 @@
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqEntities.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
 // A message that was sent is a milestone of this client; the other texts are this class's own.
-constexpr int kSentLevel = 2;
 constexpr session_steps::Style kStyle{
     .networkOperationsTag = "LqRegistryManagerClnt::networkOperationsReg",
     .messageOperationsTag = "LqRegistryManagerClnt::messageOperationsReg",
     .sendTag = "LqRegistryManagerClnt::sendXMLMessage",
     .receiveTag = "LqRegistryManagerClnt::receiveXMLMessage",
     .connectTag = "LqRegistryManagerClnt::dllConnect",
-    .sentLevel = kSentLevel,
+    .sentLevel = kLogMilestone,
     .lostLabel = "Msg",
     .receiveFailedLabel = "LqRegistryManagerClnt",
 };
-
-constexpr const char* kServerSection = "Overhub";
 
 }  // namespace
 
@@ -69,12 +67,12 @@ bool LqRegistryManagerClnt::receiveXMLMessage() {
 bool LqRegistryManagerClnt::dllConnect() {
   remoteHostName = session_steps::serverHostName(platformInfo);
   std::string serverClient;
-  if (!platformInfo.getString(kServerSection, "sOHCLIENTNAME", serverClient)) {
+  if (!platformInfo.getString(lqsettings::kServerName.key, lqsettings::kServerName.name, serverClient)) {
     logger.Debug(kStyle.connectTag, "Failed to get the OH Client name from regsitry");
     return false;
   }
   std::string serverHost;
-  if (!platformInfo.getString(kServerSection, "sOHHOSTNAME", serverHost)) {
+  if (!platformInfo.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, serverHost)) {
     logger.Debug(kStyle.connectTag, "Failed to get the OH Client  hostname from regsitry");
     return false;
   }
@@ -95,7 +93,7 @@ std::string LqRegistryManagerClnt::clientName() {
 }
 
 std::int64_t LqRegistryManagerClnt::narrowedClientId() const {
-  // On purpose: the server's side of uploads and answers takes ids of 2^31 and above as negative numbers.
+  // What the server knows uploads and answers by: there, an id has 32 bits and a sign.
   return static_cast<std::int32_t>(clientId);
 }
 

@@ -1,26 +1,27 @@
 // The Additional Settings cache: one file, read whole and replaced whole.
+#include "registry_client/settings_cache.h"
+
 #include <array>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LqCriticalSection.h"
-#include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
 // Held for the whole of each read and each write, so that no thread of this process sees half a file.
 LqCriticalSection additionalSettingsCacheLock;
 
-constexpr const char* kBaseSection = "Base";
-constexpr const char* kBaseHomeValue = "dBASEHOME";
 // The file is read in pieces of one byte less, so that each ends with a NUL.
 constexpr std::size_t kReadBuffer = 4096;
-constexpr std::int64_t kLogContext = -123456;
 
 // Without a base directory this is the bare file name, relative to the working directory.
 std::string cachePath() {
   std::string path;
-  LQPlatformInfo().getString(kBaseSection, kBaseHomeValue, path);
+  LQPlatformInfo().getString(lqsettings::kBaseHome.key, lqsettings::kBaseHome.name, path);
   FXPath::Append(path, kSettingsCacheFile);
   return path;
 }
@@ -82,4 +83,22 @@ void LqRegistryManagerClnt::setAdditionalSettingsCache(std::string xml) {
     event.DebugLvl(4, kLogContext, kTag, "Successfully updated Additional Settings Cache at [%s]",
                    path.c_str());
   }
+}
+
+bool mayReplaceSettingsCache(std::size_t repliedKeys) {
+  std::string text = LqRegistryManagerClnt::getAdditionalSettingsCache();
+  std::size_t cachedKeys = 0;
+  return text.empty() ||
+         (OBGui::RegistryTaskResp().isReadable(std::move(text), cachedKeys) && cachedKeys <= repliedKeys);
+}
+
+void storeSettingsCache(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& reply, const char* tag) {
+  std::erase_if(reply.keys.edit(), [](const OBGui::RegistryKeyInfo& key) { return key.deleteFlag == 1; });
+  std::string text;
+  if (reply.serialize(text, false) != 0) {
+    client.logger.Error(
+        tag, "The Additional Settings cache is left as it was: its protected values cannot be protected");
+    return;
+  }
+  LqRegistryManagerClnt::setAdditionalSettingsCache(std::move(text));
 }

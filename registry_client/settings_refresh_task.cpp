@@ -8,6 +8,7 @@
 #include "lqregistry/LqCriticalSection.h"
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
@@ -15,7 +16,6 @@ constexpr const char* kTag = "additionalSettingsRefresh";
 constexpr const char* kTask = "refresh";
 constexpr const char* kTimerTag = "int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus*)";
 constexpr const char* kClientIdTag = "long unsigned int getClientId()";
-constexpr std::int64_t kLogContext = -123456;
 
 constexpr std::int64_t kDefaultMinutes = 60;
 constexpr std::int64_t kSecondsPerMinute = 60;
@@ -30,7 +30,7 @@ std::atomic<std::uint64_t> cachedClientId{0};  // 0: not known yet; written unde
 
 int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus* status) {
   std::int64_t minutes = 0;
-  LQPlatformInfo().getNumber("QMachineMaint", "nTimer_AdditionalSettingsRefresh", minutes);
+  LQPlatformInfo().getNumber(lqsettings::kRefreshMinutes.key, lqsettings::kRefreshMinutes.name, minutes);
   if (minutes == 0) minutes = kDefaultMinutes;
   // Multiplied without a sign, so that a senseless setting wraps instead of overflowing.
   status->setFrequency(static_cast<std::uint32_t>(static_cast<std::uint64_t>(minutes) * kSecondsPerMinute));

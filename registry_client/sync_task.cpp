@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
@@ -14,10 +15,8 @@ constexpr const char* kOnStartTag = "int RegistryDownload_OnStart(LqPeriodicTask
 constexpr const char* kOnTimerTag = "int RegistryDownload_OnTimer(LqPeriodicTaskStatus*)";
 constexpr int kTaskOk = 0;
 constexpr int kTaskFailed = -1;
-constexpr int kMilestone = 2;
 constexpr int kTaskSwitch = 7;
 
-constexpr const char* kInstanceVariable = "VELMOR_VM";
 constexpr const char* kServerLibrary = "RegistryMgrSvr.dll";
 constexpr const char* kServerFunction = "GetRegKeysFromDB";
 constexpr const char* kFallbackLogDirectory = "/tmp";
@@ -38,7 +37,7 @@ int RegistryDownload_OnTimer(LqPeriodicTaskStatus*) {
   const ObEvent event;
   LQPlatformInfo info(LQPI_Focus::getFocus());
   std::int64_t enabled = 0;
-  info.getNumber("EventManager", "bEnableRegistrySync", enabled);
+  info.getNumber(lqsettings::kSyncEnabled.key, lqsettings::kSyncEnabled.name, enabled);
   if (enabled == 0) {
     event.DebugLvl(kTaskSwitch, kOnTimerTag, "Registry sync is disbaled. Sync will not happen");
     return kTaskOk;
@@ -47,7 +46,7 @@ int RegistryDownload_OnTimer(LqPeriodicTaskStatus*) {
   LQPI_Session session(0, 1);
   session.setFocus(LQPI_Focus::getFocus());
   if (session.IsAntiChatterFlagOn() != 0) {
-    event.DebugLvl(kMilestone, kOnTimerTag,
+    event.DebugLvl(kLogMilestone, kOnTimerTag,
                    "Skipping syncronize client Registry Keys call as client is not docked yet");
     return kTaskOk;
   }
@@ -90,7 +89,8 @@ void PrepareLqSyncRegistryKeys(std::string& libraryName, std::string& functionNa
 }
 
 unsigned RegKeyGetVMName(char* name) {
-  const char* instance = std::getenv(kInstanceVariable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  const char* instance =
+      std::getenv(lqsettings::kInstanceVariable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
   if (instance == nullptr) instance = LQPI_Focus::getFocus();
   if (instance == nullptr) return kInstanceNameMissing;
   // The buffer's size is the interface's; a longer name must not run over the caller's stack.

@@ -6,8 +6,8 @@
 // the other is built by LqListener from an accepted socket.
 //
 // A session is used by one thread at a time, and may move from one to another. Nothing is thrown: an
-// operation gives a CWmError, which is also kept as the session's last error. Time-outs are whole seconds, -1
-// means no limit; attach and disconnect obey theirs in full, name resolution aside. No wait outlasts
+// operation returns a CWmError, which is also kept as the session's last error. Time-outs are whole seconds,
+// -1 means no limit; attach and disconnect obey theirs in full, name resolution aside. No wait outlasts
 // kSilenceLimitSeconds without a byte. A real platform library provides Attach_RemoteDLL to ReplyDisconnect
 // and MangleHostName; the accepting side and the observer are what this layer's own programs need.
 #pragma once
@@ -46,7 +46,7 @@ inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
 inline constexpr std::size_t kMaxMessageFrameBytes = 64U << 20;
 
 // What large frames may hold of a process's memory together, on the accepting and on the calling side each:
-// two of the largest, so that one that is slow to arrive does not stop everybody. Who finds it spent waits.
+// two of the largest, so that a slow one does not stop everybody. Whoever finds it used up waits.
 inline constexpr std::size_t kFrameBudgetBytes = 2 * kMaxMessageFrameBytes;
 
 // After so long without a byte a connection counts as lost, also where a call sets no limit: no server works
@@ -77,14 +77,13 @@ class LQ_EXPORT CLqNetwork {
 
   bool IsConnected() const;
 
-  // Sends one message, protected strings in clear inside the encrypted session. The number has no meaning
-  // here.
+  // Sends one message, with protected strings in clear inside the encrypted session. The number is ignored.
   CWmError SendXMLMessage(const CNMessageBase& message, unsigned, int timeoutSeconds, bool& peerGone);
 
   // Receives one message of any registered class into `message`. `rawText`, if not null, gets the text as it
-  // came. The protocol header must be null; the number has no meaning here. On any error `message` is empty.
-  // A peer that says goodbye instead is kLqErrNotConnected; a peer that declines the request,
-  // kLqErrRequestRefused with its reason.
+  // came. The protocol header must be null; the number is ignored. On any error `message` is empty. A peer
+  // that says goodbye instead is kLqErrNotConnected; a peer that declines the request, kLqErrRequestRefused
+  // with its reason.
   CWmError ReceiveXMLMessage(std::string* rawText, std::unique_ptr<CNMessageBase>& message,
                              const void* protocolHeader, unsigned, int timeoutSeconds, bool& peerGone);
 
@@ -102,8 +101,7 @@ class LQ_EXPORT CLqNetwork {
   // The address, without the port, that an accepted caller came from; empty on the calling side.
   std::string GetPeerAddress() const;
 
-  // Code and text of the last failed operation; 0 and empty when there is none. The number has no meaning
-  // here.
+  // Code and text of the last failed operation; 0 and empty when there is none. The number is ignored.
   void GetLastErrorGenericText(std::uint32_t& code, std::string& text, int) const;
 
   // --- the accepting side ----------------------------------------------------------------------------------
@@ -127,8 +125,7 @@ class LQ_EXPORT CLqNetwork {
   // look-up under way is not ended.
   static void InterruptAll();
 
-  // Replaces kSilenceLimitSeconds for this process, from the next wait on; for tests that cannot wait as
-  // long.
+  // Replaces kSilenceLimitSeconds for this process, from the next wait on; for tests.
   static void SetSilenceLimit(std::chrono::milliseconds limit);
 
   // --- for hosts that report what went over the wire -------------------------------------------------------
@@ -137,7 +134,7 @@ class LQ_EXPORT CLqNetwork {
     enum class Kind {
       kSent,      // a message left this process; what the peer made of it shows in what follows
       kReceived,  // a message came
-      kRefused,   // the peer declined what was sent before, be it that this is only heard at the goodbye
+      kRefused,   // the peer declined what was sent before, even if that is only heard at the goodbye
       kEnded,     // the peer answered the goodbye: it has dealt with everything sent before
     };
     Kind kind;
@@ -147,7 +144,7 @@ class LQ_EXPORT CLqNetwork {
   using Observer = std::function<void(const WireEvent&)>;
 
   // Calls `observer` for every event of every session, on the thread that uses the session; an empty function
-  // takes it away. Set it while no session is in use.
+  // removes it. Set it while no session is in use.
   static void SetObserver(Observer observer);
 
  private:
@@ -159,36 +156,40 @@ class LQ_EXPORT CLqNetwork {
 
 // Accepts sessions on one address and port, and keeps them while there is nothing to do for them.
 //
-// Callers prove themselves and ask, and attached ones think of their next request, in a room that costs no
-// thread each: one thread watches them all. accept() hands a session out when there is something to do:
+// Callers that still have to prove themselves and ask, and attached ones between two requests, wait in a room
+// that costs no thread each: one thread watches them all. accept() hands a session out when there is
+// something to do:
 //
+// clang-format off
 //   while (auto session = listener.accept()) {            // from any number of threads
 //     if (session->IsAsking()) {
 //       session->AcceptAttach(remoteLibrary, callerName);  // and ConfirmAttach, or RefuseAttach
 //     } else if (!session->AcceptAttach(...).IsError()) {  // else it was turned away: the error tells why
 //       session->ReceiveXMLMessage(...);                   // does not wait; and answer
 //     }
-//     if (it goes on) listener.await(std::move(session));  // comes out again with its next request, or its
-//     end
+//     if (it goes on) listener.await(std::move(session));  // comes out again with its next request
 //   }
+// clang-format on
 //
-// Who takes room without need is put out when others need it: only a caller that we have waited for longer
-// than `patience`, the oldest of its address or identity first. The newest is never turned away; until
-// somebody may be put out, the room grows, as far as the process's descriptors go.
+// Whoever holds a place without using it is dropped when others need it: only a caller that we have waited
+// for longer than `patience`, the oldest of its address or identity first. The newest is never turned away;
+// until somebody may be dropped, the room grows, as far as the process's descriptors go.
 class LQ_EXPORT LqListener {
  public:
   // Finds the session key of an identity: true with the key's bytes (32) in `key` when it is known. Called on
-  // the room's thread, one at a time; everybody waits for it, so it may read a small file, but not ask far
-  // away.
+  // the room's thread, one at a time; everybody waits for it, so it may read a small file, but not ask
+  // another machine.
   using KeyLookup = std::function<bool(const std::string& identity, std::string& key)>;
 
   struct Limits {
     std::size_t callers = 2048;           // that have not attached yet, in all
     std::size_t callersPerAddress = 512;  // and from one address: as many machines may share one
     std::size_t waitingPerIdentity = 8;   // attached, without a request
-    std::size_t servedPerIdentity =
-        4;  // handed out at a time; a client has one or two pieces of work at once
-    // How long a caller may leave us waiting before it can be put out: much longer than the way of a packet.
+    // Handed out at a time; a client has one or two pieces of work at once.
+    std::size_t servedPerIdentity = 4;
+    // That ask or have a request and wait to be handed out; beyond it the oldest is dropped, without a word.
+    std::size_t readyPerIdentity = 64;
+    // How long a caller may leave us waiting before it can be dropped: much longer than a packet travels.
     std::chrono::milliseconds patience{1000};
     std::chrono::milliseconds attachTime{10'000};   // from the connection to the attach request
     std::chrono::milliseconds requestTime{60'000};  // from one answer to the whole of the next request
@@ -210,7 +211,7 @@ class LQ_EXPORT LqListener {
   // Takes a session back until its next request comes. One that is not attached any more ends here.
   void await(std::unique_ptr<CLqNetwork> session);
 
-  // Closes the port and drops who has not attached; attached sessions go on to their end. Any thread.
+  // Closes the port and drops whoever has not attached; attached sessions go on to their end. Any thread.
   void turnAway();
 
   // The same, and drops every session that waits; accept() returns null from now on. Any thread. Sessions

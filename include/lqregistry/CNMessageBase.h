@@ -18,8 +18,7 @@
 //
 // Text form: XML, one element per message named after its class, scalar fields as attributes, sub-records and
 // lists as child elements, set fields only. Bytes that XML cannot carry are written as \xHH and a backslash
-// as
-// \\, so every byte string without NUL reads back as it was (docs/wire.md).
+// as \\, so every byte string without NUL reads back as it was (docs/wire.md).
 //
 // Messages are values, used by one thread at a time; the table of classes may be used from any thread. A real
 // platform library provides generated classes with the same fields, tags and text round trip.
@@ -67,8 +66,12 @@ class LQ_EXPORT CNMessageBase {
   int serializeForPeople(std::string& text) const;
 
   // Replaces this message by what `text` holds; 0 on success. Non-zero, with this message unchanged and the
-  // reason in `error` if that is not null, when the text is broken or of another or an unregistered class.
-  int unserialize(const std::string& text, std::string* error = nullptr);
+  // reason in `why` if that is not null, when the text is broken or of another or an unregistered class.
+  int unserialize(const std::string& text, std::string* why = nullptr);
+
+  // Whether unserialize would read the text, given the memory, and how many records its lists hold. Builds
+  // nothing that lasts and opens no secret.
+  bool isReadable(std::string text, std::size_t& records) const;
 
   // Same class, same fields set, same values.
   bool equals(const CNMessageBase& other) const;
@@ -86,10 +89,9 @@ class LQ_EXPORT CNMessageBase {
 // Bound on how deep sub-records and lists may nest in a text.
 inline constexpr int kMaxMessageDepth = 16;
 
-// Bounds on what a text is read into. A machine has some thousands of settings; five times the largest batch
-// that was ever thought of is no batch. And reading takes, the text included, at most so many times the
-// text's size beyond an allowance for small ones: a text of many records with hardly anything in them is
-// refused.
+// Bounds on what a text is read into. A machine has a few thousand settings; more than five times the largest
+// batch ever planned is not a batch. Reading takes, the text included, at most so many times the text's size
+// beyond an allowance for small ones: a text of many records with hardly anything in them is refused.
 inline constexpr std::size_t kMaxMessageRecords = 500'000;
 inline constexpr std::size_t kMaxReadFactor = 6;
 inline constexpr std::size_t kReadAllowanceBytes = 16U << 20;
@@ -126,6 +128,47 @@ class Field {
   bool set_ = false;
 };
 
+// A sub-record has memory of its own once it is set: most are not, in any of thousands of records.
+template <class T, int Number, int Slot>
+requires std::is_base_of_v<CNMessageBase, T>
+class Field<T, Number, Slot> {
+ public:
+  using Type = T;
+  static constexpr int kNumber = Number;
+  static constexpr int kSlot = Slot;
+
+  Field() = default;
+  Field(const Field& other) : value_(other.value_ ? std::make_unique<T>(*other.value_) : nullptr) {}
+  Field(Field&&) noexcept = default;
+  Field& operator=(const Field& other) {
+    if (this != &other) value_ = other.value_ ? std::make_unique<T>(*other.value_) : nullptr;
+    return *this;
+  }
+  Field& operator=(Field&&) noexcept = default;
+  ~Field() = default;
+
+  const T& get() const {
+    // Never destroyed: callbacks that run while the process ends may still read it.
+    static const T& empty = *new T;
+    return value_ ? *value_ : empty;
+  }
+  operator const T&() const { return get(); }  // NOLINT(google-explicit-constructor): reads as its value
+  const T* operator->() const { return &get(); }
+  Field& operator=(const T& value) {
+    edit() = value;
+    return *this;
+  }
+  T& edit() {
+    if (!value_) value_ = std::make_unique<T>();
+    return *value_;
+  }
+  bool isSet() const { return value_ != nullptr; }
+  void clear() { value_.reset(); }
+
+ private:
+  std::unique_ptr<T> value_;
+};
+
 // What the library knows of one field of one class. Made by field<>(); the functions take the owning message.
 struct FieldInfo {
   enum class Kind { kText, kNumber, kProtected, kRecord, kList };
@@ -145,7 +188,7 @@ struct FieldInfo {
   CNMessageBase& (*append)(CNMessageBase& owner);
   void (*setEmpty)(CNMessageBase& owner);
   void (*reserve)(CNMessageBase& owner, std::size_t count);
-  std::size_t elementBytes;  // what an empty element takes
+  std::size_t elementBytes;  // what an empty element of a list, or an empty sub-record, takes
 };
 
 namespace message_detail {
@@ -198,6 +241,7 @@ constexpr FieldInfo field(const char* name) {
     info.reserve = [](CNMessageBase& owner, std::size_t count) { Access::of(owner).edit().reserve(count); };
     info.elementBytes = sizeof(typename T::value_type);
   } else if constexpr (message_detail::kindOf<T>() == FieldInfo::Kind::kRecord) {
+    info.elementBytes = sizeof(T) + 2 * sizeof(void*);  // and what its allocation adds
     info.edit = [](CNMessageBase& owner) -> void* {
       return static_cast<CNMessageBase*>(&Access::of(owner).edit());
     };

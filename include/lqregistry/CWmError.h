@@ -10,9 +10,8 @@
 
 enum LqErrorCode : std::uint32_t {
   kLqErrNone = 0,
-  // The peer vanished: reset, closed in the middle, or silent beyond what keep-alive tolerates. Callers keep
-  // the stale connection object on this code and reconnect at their next exchange. Value fixed by the
-  // callers.
+  // The peer vanished: reset, closed in the middle, or silent beyond what keep-alive tolerates. On this code,
+  // whose value they fix, callers keep the stale connection object and reconnect at their next exchange.
   kLqErrConnectionLost = 0x9000058,
   kLqErrBadTarget = 0x9000101,       // the target text or the address cannot be used
   kLqErrConnect = 0x9000102,         // nobody listens, the host is unknown or unreachable
@@ -30,7 +29,7 @@ enum LqErrorCode : std::uint32_t {
   kLqErrLibrary = 0x9000301,         // a library or a procedure in it could not be loaded
 };
 
-class CWmError {
+class [[nodiscard]] CWmError {
  public:
   CWmError() = default;
   CWmError(std::uint32_t code, std::string text) : code_(code), text_(std::move(text)) {}

@@ -19,14 +19,13 @@ class LQ_EXPORT CWmLibrary {
   CWmLibrary(const CWmLibrary&) = delete;
   CWmLibrary& operator=(const CWmLibrary&) = delete;
 
-  // Loads the library at `path`, in the place of one that was loaded before; on an error there is none. The
-  // path must hold a "/", and nobody but root and the effective user may be able to write the file or to put
+  // Loads the library at `path`, in place of one that was loaded before; on an error there is none. The path
+  // must hold a "/", and nobody but root and the effective user may be able to write the file or to put
   // another one in its place (FXFile::CheckTrusted), since its code runs with all that this process may do.
-  // The library's symbols stay its own: they are found through this object only. The flag has no meaning
-  // here.
+  // The library's symbols stay its own: they are found through this object only. The flag is ignored.
   CWmError Load(const std::string& path, bool);
 
-  // The address of the procedure `name` into `procedure`, null on an error. The caller knows its type.
+  // Puts the address of the procedure `name` into `procedure`, null on an error. The caller knows its type.
   CWmError GetProcedure(const char* name, void*& procedure) const;
 
  private:

@@ -20,8 +20,7 @@ class LQ_EXPORT ApplNativeProperty {
  public:
   const std::string& getText() const { return text_; }
 
-  // True for "1", "true", "yes" and "on" in any letter case, and for whole numbers of 64 bits other than
-  // zero.
+  // True for "1", "true", "yes" and "on" in any letter case, and for 64-bit whole numbers other than 0.
   bool getBooleanValue() const;
 
  private:

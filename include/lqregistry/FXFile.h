@@ -1,11 +1,11 @@
 // FXFile, FXPath and auto_handle: file access with the access, share and disposition codes of the platform's
-// file layer, mapped to what they mean on Linux; files that are replaced as a whole; and the question who
+// file layer, mapped to what they mean on Linux; files that are replaced as a whole; and the question of who
 // else could have written a file.
 //
 // Stateless, callable from any thread; a handle is used by one thread at a time. Nothing is thrown; every
 // fault is a CWmError that names the file. Only regular files are opened: a pipe or a device in a file's
-// place is an error and never waited for. A real platform library provides the same calls; files created here
-// get mode 0600, since what the product writes may hold settings that are nobody else's business.
+// place is an error and is never waited for. A real platform library provides the same calls; files created
+// here get mode 0600, since what the product writes may hold settings that are nobody else's business.
 #pragma once
 
 #include <cstddef>
@@ -61,7 +61,7 @@ namespace FXFile {
 inline constexpr std::uint32_t kGenericRead = 0x80000000;
 inline constexpr std::uint32_t kGenericWrite = 0x40000000;
 inline constexpr std::uint32_t kShareRead = 1;     // Linux has no mandatory sharing: accepted, no effect
-inline constexpr std::uint32_t kCreateAlways = 2;  // a new file, in the place of what is there
+inline constexpr std::uint32_t kCreateAlways = 2;  // a new file, in place of what is there
 inline constexpr std::uint32_t kOpenExisting = 3;  // fail when it is not there
 inline constexpr std::uint32_t kAttributeNormal = 128;
 
@@ -88,10 +88,10 @@ LQ_EXPORT CWmError LQReadFile(const auto_handle& handle, void* buffer, std::uint
 LQ_EXPORT CWmError LQWriteFile(const auto_handle& handle, const void* data, std::uint64_t size,
                                std::uint64_t& bytesWritten);
 
-// What is left to read of the file, or of the pipe, into `text`; an error when it is more than `limit` bytes.
+// Reads the rest of the file, or of the pipe, into `text`; an error when it is more than `limit` bytes.
 LQ_EXPORT CWmError ReadToEnd(const auto_handle& handle, std::string& text, std::size_t limit = kNoLimit);
 
-// The file's contents into `text`; an error when they are more than `limit` bytes.
+// Reads the file's contents into `text`; an error when they are more than `limit` bytes.
 LQ_EXPORT CWmError ReadContents(const std::string& path, std::string& text, std::size_t limit = kNoLimit);
 
 // Makes `text` the file's contents, with mode 0600. Whoever reads meanwhile sees the old contents or the new,
@@ -105,15 +105,15 @@ LQ_EXPORT CWmError AppendContents(const std::string& path, std::string_view text
 
 // An error when anybody but root and this process's effective user could write `path`, or put something else
 // in its place: looked at are the file, every link on the way, its directory and all directories above. One
-// that others may write is borne only above the file's own directory, and only if it is sticky, as /tmp is.
-// The error says which one it is and what to do. A directory is judged like the directory of a file, and what
-// is not there by its directories.
+// that others may write is tolerated only above the file's own directory, and only if it is sticky, as /tmp
+// is. The error says which one it is and what to do. A directory is judged like the directory of a file, and
+// what is not there by its directories.
 LQ_EXPORT CWmError CheckTrusted(const std::string& path);
 
 // Deletes the files directly in `directory` whose names match the shell pattern `pattern`. Regular files
 // only: sub-directories stay with all that is in them, and so do links, wherever they lead. Every matching
-// file is tried; the first fault is what is returned, and a directory that is not there is one. There are no
-// flags: the number must be 0.
+// file is tried; the first fault is returned, and a directory that is not there is one. There are no flags:
+// the number must be 0.
 LQ_EXPORT CWmError DeleteMatchingFiles(const std::string& directory, const std::string& pattern,
                                        std::uint32_t flags);
 

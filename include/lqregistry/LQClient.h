@@ -23,8 +23,8 @@ class LQ_EXPORT LQClient {
   // A client by id. Only the management server's own id, kServerClientId, is of use.
   explicit LQClient(std::uint64_t id) : id_(id) {}
 
-  // The client's numeric id into `id`: 0 on success; non-zero, with `id` unchanged, when the client is not
-  // known. `context` must be null.
+  // Puts the client's numeric id into `id`: 0 on success; non-zero, with `id` unchanged, when the client is
+  // not known. `context` must be null.
   int getClientId(std::uint64_t& id, const void* context) const;
 
   // The text that Attach_RemoteDLL takes to reach this client: 0 and the server's target, as the current

@@ -3,10 +3,9 @@
 //
 // Key paths: "~" is the instance's root and "~A/B" a key below it; a path that begins with "SOFTWARE" is
 // absolute; any other path, the empty one included, is relative to the instance root. Components are joined
-// by
-// "/"; empty components are dropped. Names are case-sensitive byte strings without NUL.
+// by "/"; empty components are dropped. Names are case-sensitive byte strings without NUL.
 //
-// An object is a light view on the process's one registry connection, with a focus and a last error of its
+// An object is a light view on the process's registry connections, with a focus and a last error of its
 // own; it is used by one thread at a time, any number of objects at once. Nothing is thrown. A real platform
 // library provides the same operations over its own store and its own knowledge of the machine; the sections
 // and value names behind each fact (given at each operation) are this layer's, written by `lqhost join`.
@@ -20,7 +19,7 @@
 
 #include "lqregistry/LqExport.h"
 
-// What getRegError gives after a call. The first three are what callers compare with.
+// What getRegError returns after a call. The first three are what callers compare with.
 inline constexpr int kRegOk = 0;
 inline constexpr int kRegKeyMissing = -2;
 inline constexpr int kRegValueMissing = -3;
@@ -64,8 +63,7 @@ class LQ_EXPORT LQPlatformInfo {
   // Removes a value. kRegKeyMissing or kRegValueMissing when it is not there.
   bool delRegField(const std::string& key, const std::string& name);
 
-  // Appends the names of the key's children, ascending. True with nothing appended for a key without
-  // children.
+  // Appends the names of the key's children, ascending. True also when it has none.
   bool getSubKeys(const std::string& key, std::list<std::string>& names);
 
   // Fills `values` with name and data of every value of the key.
@@ -77,9 +75,9 @@ class LQ_EXPORT LQPlatformInfo {
 
   // --- values as text, by section --------------------------------------------------------------------------
 
-  // Reading gives false and leaves `out` unchanged when the value is absent, or is not a number where one is
-  // asked for (kRegValueMissing, too). Writing creates the section; setString returns non-zero on success,
-  // its flag has no meaning here.
+  // Reading returns false and leaves `out` unchanged when the value is absent, or is not a number where one
+  // is asked for (kRegValueMissing, too). Writing creates the section; setString returns non-zero on success,
+  // its flag is ignored.
   bool getString(const std::string& section, const std::string& name, std::string& out);
   int setString(const std::string& section, const std::string& name, const std::string& value, int flag);
   bool getNumber(const std::string& section, const std::string& name, std::int64_t& out);
@@ -124,18 +122,17 @@ class LQ_EXPORT LQPI_Focus {
  public:
   // The instance name, or null when the host has set none. The text stays valid for the life of the process.
   static const char* getFocus();
-  // Set by the host before it calls the product; null or empty takes it away.
+  // Set by the host before it calls the product; null or empty clears it.
   static void setFocus(const char* focus);
 };
 
 // The session with the management server, as far as this machine knows of it. The constructor's two numbers
-// belong to the platform and have no meaning here.
+// belong to the platform and are ignored here.
 class LQ_EXPORT LQPI_Session {
  public:
   LQPI_Session(int, int) {}
   void setFocus(const char* focus);
-  // Non-zero until this client has finished joining the server ("Session"/"bANTICHATTER"; absent counts as
-  // on).
+  // Non-zero until this client has finished joining the server ("Session"/"bANTICHATTER"; on if absent).
   int IsAntiChatterFlagOn();
 
  private:
@@ -169,12 +166,10 @@ class LQ_EXPORT LQPI_PlatformBase {
   // The base home directory ("Base"/"dBASEHOME"), or null.
   const char* getBaseHomeDirectory();
 
-  // Whether the Spoolhand component is fully installed ("Packages"/"bFULLSPOOLHAND" is a number other than
-  // 0).
+  // Whether the Spoolhand component is fully installed ("Packages"/"bFULLSPOOLHAND" is a non-zero number).
   bool IsFullSHInstalled();
 
-  // Whether the package of this number is installed ("Packages"/"nPACKAGE_<number>" is a number other than
-  // 0).
+  // Whether the package of this number is installed ("Packages"/"nPACKAGE_<number>" is non-zero).
   bool IsThisPackageInstalled(int package);
 
  private:

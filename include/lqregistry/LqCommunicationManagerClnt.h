@@ -26,7 +26,7 @@ class LQ_EXPORT LqCommunicationManagerClnt {
 
   // The handlers by message type.
   static std::map<int, CallBackFunction> callBackFunctionMap;
-  // Stores a handler, in the place of an earlier one of the same type. Always 1.
+  // Stores a handler, in place of an earlier one of the same type. Always 1.
   static int registerCallBackFunction(int messageType, CallBackFunction handler);
 
   // `focus` is the installation instance to work on; empty means the platform's current one.
@@ -53,8 +53,7 @@ class LQ_EXPORT LqCommunicationManagerClnt {
   const CNMessageBase* getXMLSendObj() const { return sendMessage; }
   void setSendOnly(bool value) { sendOnly = value; }
 
-  // One exchange with the message set: connects unless connected, sends, receives unless send-only,
-  // disconnects.
+  // One exchange of the message set: connects if need be, sends, receives unless send-only, disconnects.
   bool networkOperationsRequest();
   // The exchange over an existing connection.
   bool messageOperationsRequest();

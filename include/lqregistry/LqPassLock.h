@@ -8,8 +8,8 @@
 //   if (!lock.isHeld()) { log(lock.reason()); return; }
 //
 // The lock is a file beside the registry, <registry file>.<current instance>.pass, mode 0600, in which the
-// holder is noted; the system lets go of it when the holder's process dies. Where no file can be made because
-// the place may only be read, it excludes the threads of this process. What the server pushes does not take
+// holder is noted; the system releases it when the holder's process dies. Where no file can be made because
+// the place is read-only, it excludes only the threads of this process. What the server pushes does not take
 // it: a push does not touch the cache, and the registry's own write lock keeps it whole.
 //
 // A real platform library has no part in this.
@@ -34,7 +34,7 @@ class LQ_EXPORT LqPassLock {
   LqPassLock& operator=(const LqPassLock&) = delete;
 
   bool isHeld() const;
-  // Why it is not held: the file, and its holder's process id, task and begin, or the system's error; for a
+  // Why it is not held: the file, and its holder's process id, task and start, or the system's error; for a
   // log line. Empty when it is held.
   const std::string& reason() const { return reason_; }
 

@@ -7,10 +7,11 @@
 // the other, in the order of the changes; calls for different pairs may run at once. A function may take its
 // time, write to the registry and throw: no call is refused because others wait.
 //
-// The map of registrations is not locked: registering while a pass runs is not supported, on purpose. The
-// manager is a process-wide singleton, created on first use and never destroyed; all its state is static. At
-// unload the pool runs what was queued, for as long as LqThreadPool's exit wait. A host that unloads its
-// modules first lets them end with callBackThreadPool.drain().
+// The map of registrations is public, so a lock inside could not guard it: modules register before passes
+// begin, and registering while one runs is not supported. The manager is a process-wide singleton, created on
+// first use and never destroyed; all its state is static. At unload the pool runs what was queued, for as
+// long as LqThreadPool's exit wait. A host that unloads its modules calls callBackThreadPool.drain() first,
+// so that they can end.
 #pragma once
 
 #include <atomic>
@@ -30,8 +31,7 @@ class LQ_EXPORT LqRegistryChangeMgr {
   // The singleton. Any thread.
   static LqRegistryChangeMgr* GetInstance();
 
-  // Starts the thread pool unless it runs; a pool that cannot be started is tried again by the next
-  // construction.
+  // Starts the thread pool unless it runs; when that fails, the next construction tries again.
   LqRegistryChangeMgr();
 
   // The last registration of a pair wins.

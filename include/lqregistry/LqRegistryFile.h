@@ -1,5 +1,4 @@
-// The process's view of the machine's registry file: which file it is, whether it is sound, and write
-// batches.
+// The process's view of the machine's registry file: which file, whether it is sound, and write batches.
 //
 // The registry is one SQLite file per machine. This process holds two connections to it, opened at the first
 // use and shared by every LQPlatformInfo of every thread: one that writes, and one through which every thread
@@ -9,8 +8,9 @@
 //
 // A file that cannot be used makes calls fail with LQPlatformInfo's kRegUnavailable and is logged once; the
 // next call tries again. It is never replaced or emptied. When somebody puts another file in its place, the
-// process must be restarted. A file that lies where nothing can be written is read all the same, through a
-// private copy if need be.
+// process must be restarted. A process that is forked while the file is open cannot use it, and is told so:
+// the connections are its parent's. A file that lies where nothing can be written is read all the same,
+// through a private copy if need be.
 #pragma once
 
 #include <chrono>
@@ -28,8 +28,7 @@ inline constexpr const char* kDefaultFile = "/var/lib/velmor/registry.db";
 inline constexpr int kMaxPathBytes = 4096;
 inline constexpr int kMaxNameBytes = 1024;
 
-// Names the registry file of this process and closes the one in use. Not while other threads use the
-// registry.
+// Names this process's registry file and closes the one in use; not while other threads use either.
 LQ_EXPORT void UseFile(const std::string& path);
 
 // The path in force.
@@ -44,9 +43,9 @@ inline constexpr std::chrono::milliseconds kDefaultWriteWait{60'000};
 LQ_EXPORT void UseWriteWait(std::chrono::milliseconds wait);
 
 // Whether the registry file is sound: its trees agree with each other, and every key with its path. Reads the
-// whole file, so for a start or a person who asks, not for each pass. A registry that does not exist yet is
-// sound. False with a `reason` that names the file when it is damaged or cannot be read. Values carry no
-// checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
+// whole file, so it is meant for a start or a person who asks, not for each pass. A registry that does not
+// exist yet is sound. False with a `reason` that names the file when it is damaged or cannot be read. Values
+// carry no checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
 LQ_EXPORT bool Check(std::string& reason);
 
 // Whether this thread has a write batch open.
@@ -59,9 +58,8 @@ LQ_EXPORT bool IsInBatch();
 // nest: the outermost one commits. Leaving the scope without commit() commits too, but nobody learns of a
 // failure then; an exception that leaves it undoes the batch. A batch belongs to the thread that made it.
 //
-// After a write of it was lost, which the writes that fail then and commit() tell, later writes are tried all
-// the same, in a transaction of their own: whoever wants all or nothing abandons the batch at the first
-// failure.
+// Once a write of it is lost, which commit() and the writes that fail then report, later writes are still
+// tried, in a transaction of their own: whoever wants all or nothing abandons the batch at the first failure.
 //
 //   lqregistry::WriteBatch batch;
 //   batch.lock();                      // only if what is written depends on what is read
@@ -85,7 +83,7 @@ class LQ_EXPORT WriteBatch {
   // writes that were reported as successful did not survive (the disk was full, say).
   bool commit();
 
-  // Ends the batch and undoes what was written. Within another batch, that one's commit() gives false then.
+  // Ends the batch and undoes what was written. Within another batch, that one's commit() then returns false.
   void abandon();
 
  private:

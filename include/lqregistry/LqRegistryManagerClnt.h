@@ -103,7 +103,7 @@ class LQ_EXPORT LqRegistryManagerClnt {
   bool updateRegistryAndSendResponse(OBGui::KeyList& keys, OBGui::RegistryTaskResp& response);
   // Applies the list of another module of the host; returns regStatus, not the apply result.
   unsigned updateRegistryKeyForTPPM(App::KeyList& keys);
-  // Appends `in`, converted, to `out`; true when `out` is not empty then.
+  // Appends `in`, converted, to `out`; true when `out` is not empty afterwards.
   bool AppToObGui(OBGui::KeyList& out, const App::KeyList& in);
 
   // --- download (download.cpp) -----------------------------------------------------------------------------
@@ -147,7 +147,7 @@ class LQ_EXPORT LqRegistryManagerClnt {
 
   // --- Additional Settings cache (settings_cache.cpp) ------------------------------------------------------
 
-  // The whole cache file; empty on any failure, which the log tells. Any thread.
+  // The whole cache file; empty on any failure, which is logged. Any thread.
   static std::string getAdditionalSettingsCache();
   // Replaces the file's contents; the outcome stands in the log only. Any thread.
   static void setAdditionalSettingsCache(std::string xml);
@@ -162,7 +162,7 @@ class LQ_EXPORT LqRegistryManagerClnt {
   // it points at a message that is gone: set it anew before an exchange.
   const CNMessageBase* sendMessage = nullptr;
   std::unique_ptr<CNMessageBase> receivedMessage;  // the last reply; the caller may take it
-  // 4294967295 until initialize() has determined them; connecting is refused with it.
+  // 4294967295 until initialize() has determined them; with that value connecting is refused.
   std::uint32_t remotePlatformType = 4294967295;
   std::uint32_t localPlatformType = 4294967295;
   std::string remoteLibraryName;
@@ -174,8 +174,7 @@ class LQ_EXPORT LqRegistryManagerClnt {
   bool sendOnly = false;                  // the next exchange waits for no reply
 
  private:
-  // The client name registered for localHostName, cut at the size of the platform's name buffers; may be
-  // empty.
+  // The client name registered for localHostName, cut to fit the platform's name buffers; may be empty.
   std::string clientName();
   // The id as uploads and answers carry it: narrowed to 32 bits, signed.
   std::int64_t narrowedClientId() const;

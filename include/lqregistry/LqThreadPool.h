@@ -1,10 +1,10 @@
 // LqThreadPool: a named pool of a few worker threads.
 //
-// Constructed without threads; initThreadPool starts it. No work item is refused because many wait: who hands
-// over more than can be run in time bounds that itself, with pendingCount(). Items run in the order they were
-// queued, several at a time; items of one lane run one after the other. Any thread may queue work. A real
-// platform library provides initThreadPool and doWork with these arguments; what its four numbers mean is for
-// it to say, here they mean what is written below.
+// Constructed without threads; initThreadPool starts it. No work item is refused because many wait: whoever
+// hands over more than can be run in time bounds that itself, with pendingCount(). Items run in the order
+// they were queued, several at a time; items of one lane run one after the other. Any thread may queue work.
+// A real platform library provides initThreadPool and doWork with these arguments; what its four numbers mean
+// is for it to say, here they mean what is written below.
 //
 // The destructor ends the pool in order: nothing new is accepted, everything accepted is run, the threads are
 // joined. It waits for that no longer than the exit wait; then it logs what has not run and leaves the
@@ -26,7 +26,7 @@ class LQ_EXPORT LqThreadPool {
 
   // How long the destructor waits for the items that were accepted.
   static constexpr std::chrono::milliseconds kDefaultExitWait{10'000};
-  // Most lanes that a log line about items which have not run names.
+  // The most lanes that a log line names whose items have not run.
   static constexpr std::size_t kMaxNamedLanes = 20;
 
   LqThreadPool();
@@ -38,7 +38,7 @@ class LQ_EXPORT LqThreadPool {
   // can be had. A pool that could not be started may be started again.
   //   name            carried by every thread (the kernel keeps the first 15 characters)
   //   idleSeconds     how long a thread above minThreads waits for work before it ends
-  //   itemsPerThread  so many items that wait for a thread let another one join; at least 1
+  //   itemsPerThread  this many waiting items let another thread join; at least 1
   //   maxThreads      most threads at any time; at least 1
   //   minThreads      fewest threads: started at once, and they stay
   bool initThreadPool(const char* name, std::uint64_t idleSeconds, std::uint64_t itemsPerThread,
@@ -59,7 +59,7 @@ class LQ_EXPORT LqThreadPool {
   // wait for it a second time.
   bool drain(std::chrono::milliseconds limit);
 
-  // What the destructor is to wait instead of kDefaultExitWait.
+  // How long the destructor waits instead of kDefaultExitWait.
   void setExitWait(std::chrono::milliseconds wait);
 
   // Items that wait for a thread or run now.

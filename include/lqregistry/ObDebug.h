@@ -20,6 +20,13 @@
 // The level of Debug lines, and of the threshold unless the host sets another.
 inline constexpr int kLqLogDefaultLevel = 1;
 
+// Levels in use, and the context of lines that the platform's own tools leave without one.
+inline constexpr int kLogAlways = 0;
+inline constexpr int kLogMilestone = 2;
+inline constexpr int kLogVerbose = 4;
+inline constexpr int kLogDetail = 10;
+inline constexpr std::int64_t kLogContext = -123456;
+
 class LQ_EXPORT ObLogger {
  public:
   void Error(const char* tag, const char* format, ...) const __attribute__((format(printf, 3, 4)));

@@ -1,8 +1,8 @@
 // Where the log goes: threshold, rotating file, standard error, and a capture that sees every line.
 //
 // Process-wide, callable from any thread. Without configuration, lines up to the default level go to standard
-// error. Control characters in a line, and bytes that are no text in UTF-8, are written escaped (\xHH), so
-// that a value from outside can neither forge a line nor drive the terminal of who reads the log.
+// error. Control characters in a line, and bytes that are not valid UTF-8, are written escaped (\xHH), so
+// that a value from outside can neither forge a line nor drive the terminal of whoever reads the log.
 #pragma once
 
 #include <cstddef>

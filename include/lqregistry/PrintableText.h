@@ -1,6 +1,5 @@
 // Which bytes of a text from outside may reach a log, a terminal or a file for people as they are, and how
-// the others are written. Log, messages and programs escape by these two calls, each with what it adds to
-// them.
+// the others are written. Log, messages and programs escape with these two calls, to which each adds its own.
 //
 // Stateless, callable from any thread.
 #pragma once
@@ -21,8 +20,11 @@ LQ_EXPORT std::size_t printableLength(std::string_view bytes);
 // Appends the byte as two hexadecimal digits, in lower case.
 LQ_EXPORT void appendHex(std::string& text, char byte);
 
-// Appends the first character of `bytes` as it is, or its first byte as \xHH; gives how many bytes that were.
-// `bytes` must not be empty.
+// The value of a hexadecimal digit, in lower or upper case; -1 for any other character.
+LQ_EXPORT int hexValue(char digit);
+
+// Appends the first character of `bytes` as it is, or its first byte as \xHH; returns how many bytes that
+// was. `bytes` must not be empty.
 LQ_EXPORT std::size_t appendPrintable(std::string& text, std::string_view bytes);
 
 }  // namespace lqtext

@@ -5,16 +5,14 @@
 // machine's protection key. The encryption is deterministic, so the same secret gives the same text on this
 // machine each time, which is what lets a synchronisation see that a protected value did not change.
 //
-// The protection key is 64 random bytes in a file of mode 0600 beside the registry file, whose name it has
-// with
+// The protection key is 64 random bytes in a file of mode 0600 beside the registry file, named like that with
 // ".key" appended. It is made together with the registry and never again: a key that is missing, that belongs
 // to another registry, or that others may read is an error, and nothing is protected or revealed until the
 // right one is back. The registry keeps a fingerprint of its key. UseKeyFile names another file, for programs
 // that keep their own store.
 //
 // Objects are values, used by one thread at a time; the static functions may be called from any thread. A
-// real platform library provides a password class with getV8Password; which text it gives is its own
-// business.
+// real platform library provides a password class with getV8Password; which text that returns is up to it.
 #pragma once
 
 #include <string>
@@ -41,7 +39,7 @@ class LQ_EXPORT pstring {
   bool isUnreadable() const { return !sealed_.empty(); }
 
   // The text that is stored for this secret: that of an unreadable one unchanged; empty for an empty secret,
-  // and, with an error line, when the protection key cannot be had.
+  // and, with an error line, when the protection key is not available.
   std::string getV8Password() const;
 
   // The secret from its V8 text. False, with `out` unchanged, when the text was not made with this machine's
@@ -49,7 +47,7 @@ class LQ_EXPORT pstring {
   static bool fromV8Password(std::string_view text, pstring& out);
 
   // The same for a text from a file: one that looks like a V8 text and cannot be opened becomes an unreadable
-  // secret. False, with `out` unchanged, for a text that is none.
+  // secret. False, with `out` unchanged, for a text that does not look like one.
   static bool fromStoredText(std::string_view text, pstring& out);
 
   // The secret itself, for the encrypted session and for the module that needs it in clear; empty when it is
@@ -57,7 +55,7 @@ class LQ_EXPORT pstring {
   // to wipe.
   std::string_view reveal() const { return secret_; }
 
-  // Names the key file of this process from now on; an empty path is the registry's again.
+  // Names the key file of this process from now on; an empty path selects the registry's again.
   static void UseKeyFile(const std::string& path);
 
   // Makes a key file for a store that is just being made; an error, with nothing changed, when there is a

@@ -14,9 +14,8 @@ inline constexpr const char* kExcludedSetting = "sCOHDbStatus";
 // "nTimer_AdditionalSettingsRefresh" (minutes; 0 or absent: 60) and runs one refresh. Always 0.
 extern "C" LQ_EXPORT int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus* status);
 
-// One refresh pass. Always 1: failures stand in the log only, so that a missing cache is no failed task.
-// Holds the LqPassLock until the cache is stored; does nothing, with an error line, when another pass keeps
-// it.
+// One refresh pass. Always 1: failures stand in the log only, so that a missing cache is not a failed task.
+// Holds the LqPassLock until the cache is stored; does nothing, with an error line, when another pass has it.
 LQ_EXPORT unsigned additionalSettingsRefresh();
 
 // This machine's client id, looked up once for the life of the process; 0 on failure, which the next call

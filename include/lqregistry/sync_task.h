@@ -36,9 +36,8 @@ LQ_EXPORT bool updateRegistryKeys(OBGui::KeyList* keys, unsigned clientId);
 // Names the server-side library and function that serve the key download.
 LQ_EXPORT void PrepareLqSyncRegistryKeys(std::string& libraryName, std::string& functionName);
 
-// Copies the instance name (environment variable VELMOR_VM, else the current instance) into `name`, a buffer
-// of at least kInstanceNameBuffer characters. kInstanceNameFound, or kInstanceNameMissing with `name`
-// untouched.
+// Copies the instance name (the variable VELMOR_VM, else the current instance) into `name`, a buffer of at
+// least kInstanceNameBuffer characters. kInstanceNameFound, or kInstanceNameMissing with `name` unchanged.
 LQ_EXPORT unsigned RegKeyGetVMName(char* name);
 
 // Writes the path of the command log into `path`, a buffer of at least kInstanceNameBuffer + 11 characters,

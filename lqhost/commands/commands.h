@@ -5,28 +5,31 @@
 #include <cstddef>
 #include <string>
 
-#include "lqhost/command_line.h"
+#include "common/command_line.h"
 #include "lqhost/command_result.h"
 #include "lqhost/service/passes.h"
 
 namespace host {
 
+using programs::CommandLine;
+
 void addJoin(CommandLine& line);
 void addSync(CommandLine& line);
 void addRefresh(CommandLine& line);
 void addUpload(CommandLine& line);
-void addLogMonitoring(CommandLine& line);  // monitor and alerts
+void addMonitor(CommandLine& line);
+void addAlerts(CommandLine& line);
 void addStatus(CommandLine& line);
 inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
 
 // What a synchronisation with this outcome ends with.
-int exitCodeOf(RunOutcome outcome);
+[[nodiscard]] int exitCodeOf(RunOutcome outcome);
 
 // What the resident host does for those who ask it, and what the commands do themselves when there is none.
-CommandResult synchroniseNow(Passes& passes);
-CommandResult refreshNow(Passes& passes);
-CommandResult uploadNow();
+[[nodiscard]] CommandResult synchroniseNow(Passes& passes);
+[[nodiscard]] CommandResult refreshNow(Passes& passes);
+[[nodiscard]] CommandResult uploadNow();
 
 // The line of `lqhost status` on change callbacks that wait in the resident host.
 inline constexpr std::size_t kManyCallbacks = 10000;

@@ -7,16 +7,17 @@
 #include <memory>
 #include <vector>
 
+#include "common/host_name.h"
 #include "common/join_file.h"
-#include "common/text_table.h"
+#include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
-
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 
 namespace host {
 
@@ -33,12 +34,6 @@ struct JoinOptions {
 
 constexpr const char* kDefaultHome = "/opt/velmor";
 constexpr const char* kBaseFolder = "Base";
-constexpr const char* kLogFolder = "Log_Files";
-
-std::string systemHostName() {
-  std::array<char, 256> name{};
-  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
-}
 
 bool makeDirectory(const std::string& path, std::string& error) {
   std::error_code failure;
@@ -64,32 +59,38 @@ void fillDefaults(JoinOptions& options) {
   options.home = absolutePath(options.home);
   if (options.base.empty()) options.base = options.home + "/" + kBaseFolder;
   options.base = absolutePath(options.base);
-  if (options.machine.empty()) options.machine = systemHostName();
+  if (options.machine.empty()) options.machine = programs::ownHostName();
+  if (options.machine.empty()) options.machine = "localhost";
   if (options.host.empty()) options.host = options.machine;
 }
 
 // One value that joining writes.
-struct Setting {
-  std::string section;
+struct Written {
+  std::string key;
   const char* name;
   std::string value;
+
+  Written(std::string keyPath, const char* valueName, std::string data)
+      : key(std::move(keyPath)), name(valueName), value(std::move(data)) {}
+  Written(const lqsettings::Setting& setting, std::string data)
+      : Written(setting.key, setting.name, std::move(data)) {}
 };
 
-std::vector<Setting> settingsOf(const programs::JoinFile& file, const JoinOptions& options) {
+std::vector<Written> settingsOf(const programs::JoinFile& file, const JoinOptions& options) {
   return {
-      {"Overhub", "sOHHOSTNAME", file.serverHost},
-      {"Overhub", "sOHCLIENTNAME", file.serverName},
-      {"Overhub", "sSESSIONIDENTITY", file.clientName},
-      {"Overhub", "sSESSIONKEY", file.sessionKeyHex},
-      {"Machine", "sPHYSICALNAME", options.machine},
-      {"Machine", "sHOSTNAME", options.host},
-      {"Machine", "nPLATFORMTYPE", std::to_string(kPlatformUnix)},
-      {"Hosts/" + options.host, "sCLIENTNAME", file.clientName},
-      {"Base", "dVELMORHOME", options.home},
-      {"Base", "dBASEHOME", options.base},
-      {"EventManager", "bEnableRegistrySync", "1"},
-      {"EventManager", "dOBLOGDIR", options.home + "/" + kLogFolder},
-      {"Session", "bANTICHATTER", "0"},  // joining ends here: the client may talk to the server from now on
+      {lqsettings::kServerHost, file.serverHost},
+      {lqsettings::kServerName, file.serverName},
+      {lqsettings::kSessionIdentity, file.clientName},
+      {lqsettings::kSessionKey, file.sessionKeyHex},
+      {lqsettings::kPhysicalMachine, options.machine},
+      {lqsettings::kHostName, options.host},
+      {lqsettings::kPlatformType, std::to_string(kPlatformUnix)},
+      {std::string(lqsettings::kHostsKey) + "/" + options.host, lqsettings::kClientOfHost, file.clientName},
+      {lqsettings::kVelmorHome, options.home},
+      {lqsettings::kBaseHome, options.base},
+      {lqsettings::kSyncEnabled, "1"},
+      {lqsettings::kLogDirectory, options.home + "/" + lqsettings::kLogFolder},
+      {lqsettings::kAntiChatter, "0"},  // joining ends here: the client may talk to the server from now on
   };
 }
 
@@ -102,7 +103,8 @@ bool record(const programs::JoinFile& file, JoinOptions options, std::string& er
     error = "a host, machine or client name cannot hold a \"/\": " + name;
     return false;
   }
-  if (!makeDirectory(options.base, error) || !makeDirectory(options.home + "/" + kLogFolder, error))
+  if (!makeDirectory(options.base, error) ||
+      !makeDirectory(options.home + "/" + lqsettings::kLogFolder, error))
     return false;
 
   const std::string folder = std::filesystem::path(lqregistry::File()).parent_path().string();
@@ -111,8 +113,8 @@ bool record(const programs::JoinFile& file, JoinOptions options, std::string& er
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
   bool written = LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
-  for (const Setting& setting : settingsOf(file, options))
-    written = written && info.setString(setting.section, setting.name, setting.value, 0) != 0;
+  for (const Written& setting : settingsOf(file, options))
+    written = written && info.setString(setting.key, setting.name, setting.value, 0) != 0;
   if (written && batch.commit()) return true;
   batch.abandon();
   error = info.getRegErrorText();

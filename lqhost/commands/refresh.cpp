@@ -5,7 +5,7 @@
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
-#include "lqhost/service/resident.h"
+#include "lqhost/service/command_socket.h"
 
 namespace host {
 
@@ -40,7 +40,7 @@ PassDetails rebased(const PassDetails& begun, const OBGui::KeyList& now) {
   for (std::size_t i = 0; i < now.size(); ++i) {
     const bool isSame = i < begun.batch.size() && begun.batch[i].keyPath.get() == now[i].keyPath.get() &&
                         begun.batch[i].valueName.get() == now[i].valueName.get();
-    details.before.push_back(isSame ? begun.before[i] : heldValue(now[i]));
+    details.before.push_back(isSame ? begun.before[i] : currentValue(now[i]));
   }
   return details;
 }
@@ -55,13 +55,12 @@ CommandResult refreshNow(Passes& passes) {
                      "nothing to reapply: " + error);
   PassDetails details;
   if (cached) details.batch = cached->keys;
-  for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(heldValue(key));
+  for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(currentValue(key));
 
   LqPeriodicTaskStatus status;
   const RefreshResult refreshed = passes.refresh(status);
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
-  // The note was of a pass under way, which the refresh has waited for: what it reapplied is what that
-  // stored.
+  // The note was of a pass under way, which the refresh has waited for: it reapplied what that stored.
   if (!cached) {
     cached = readCachedSettings(error);
     const int exitCode = exitCodeOf(refreshed.outcome, 0);

@@ -10,10 +10,10 @@
 #include "common/stop_signals.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
+#include "lqhost/service/command_socket.h"
 #include "lqhost/service/host_module.h"
 #include "lqhost/service/periodic_task.h"
-#include "lqhost/service/request_service.h"
-#include "lqhost/service/resident.h"
+#include "lqhost/service/server_requests.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
@@ -107,20 +107,20 @@ void awaitCallbacks() {
 CommandResult serveUntilStopped(const RunOptions& options, const programs::StopSignals& signals,
                                 Passes& passes, ResidentSocket& socket) {
   RequestService requests;
-  if (const CWmError failure = requests.start(options.address, options.port); failure.IsError())
-    return complaint(kExitFailed,
-                     std::string(failure.AsString()) + "; --listen and --port name another place");
+  if (const CWmError error = requests.start(options.address, options.port); error.IsError())
+    return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   Schedule schedule(passes, options);
-  if (const CWmError failure = socket.serve({{kAskSync, [&passes] { return synchroniseNow(passes); }},
-                                             {kAskRefresh, [&passes] { return refreshNow(passes); }},
-                                             {kAskUpload, &uploadNow},
-                                             {kAskCallbacks, &countCallbacks}});
-      failure.IsError())
-    return complaint(kExitFailed, failure.AsString());
-  print({kExitOk,
-         "lqhost ready: instance " + instanceName() + ", serving the server on " + options.address + ":" +
-             std::to_string(options.port) + "\n",
-         ""});
+  if (const CWmError error = socket.serve({{kAskSync, [&passes] { return synchroniseNow(passes); }},
+                                           {kAskRefresh, [&passes] { return refreshNow(passes); }},
+                                           {kAskUpload, &uploadNow},
+                                           {kAskCallbacks, &countCallbacks}});
+      error.IsError())
+    return complaint(kExitFailed, error.AsString());
+  // Not yet how this ends.
+  static_cast<void>(print({kExitOk,
+                           "lqhost ready: instance " + instanceName() + ", serving the server on " +
+                               options.address + ":" + std::to_string(options.port) + "\n",
+                           ""}));
   signals.wait();
   ObEvent().Debug(kTag, "Stopping");
   schedule.requestStop();
@@ -167,7 +167,7 @@ void addRun(CommandLine& line) {
       .bounded("--sync-every", options->syncEvery, kMinFrequency, kMaxFrequency,
                "Seconds between two synchronisations")
       .bounded("--spread", options->spread, 0, kMaxFrequency, "Spread first runs over this many seconds")
-      .repeated("--module", options->modules, "Load this host module; may be repeated");
+      .option("--module", options->modules, "Load this host module; may be repeated");
 }
 
 }  // namespace host

@@ -6,28 +6,29 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "common/text_table.h"
-#include "common/utc_text.h"
+#include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
-#include "lqhost/service/resident.h"
-#include "lqhost/service/task_note.h"
+#include "lqhost/service/command_socket.h"
+#include "lqhost/service/task_times.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
+#include "lqregistry/UtcText.h"
 #include "lqregistry/pstring.h"
-#include "records/key_records.h"
+#include "records/record_rules.h"
 
 namespace host {
 
 namespace {
 
-std::string setting(const char* section, const char* name) {
+std::string textOf(const lqsettings::Setting& setting) {
   LQPlatformInfo info;
   std::string value;
-  return info.getString(section, name, value) ? programs::escapedForTerminal(value) : "unknown";
+  return info.getString(setting.key, setting.name, value) ? programs::escapedForTerminal(value) : "unknown";
 }
 
 void addLine(std::string& text, const std::string& label, const std::string& content) {
@@ -80,11 +81,11 @@ int addTask(std::string& text, const std::string& label, const Task& task, bool 
   if (hasRun) {
     std::array<char, 64> duration{};
     std::snprintf(duration.data(), duration.size(), ", took %.3f s: ", note->seconds);
-    last = utcText(note->lastRun) + duration.data() + outcomeText(note->outcome);
+    last = lqtext::utcText(note->lastRun) + duration.data() + outcomeText(note->outcome);
   }
   addLine(text, label, last);
   const bool isScheduled = note && note->nextRun != 0 && isResident;
-  addLine(text, "  next", isScheduled ? utcText(note->nextRun) : "no resident host is running");
+  addLine(text, "  next", isScheduled ? lqtext::utcText(note->nextRun) : "no resident host is running");
   return hasRun ? exitCodeNow(note->outcome) : kExitOk;
 }
 
@@ -118,7 +119,7 @@ std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
   std::size_t drifted = 0;
   for (const std::size_t position : effectiveRecords(keys)) {
     const OBGui::RegistryKeyInfo& key = keys[position];
-    const HeldValue now = heldValue(key);
+    const CurrentValue now = currentValue(key);
     if (key.valueName->empty() || isAsWanted(key, now)) continue;
     ++drifted;
     const std::string wanted =
@@ -142,20 +143,20 @@ int addCache(std::string& text) {
     return kExitFailed;
   }
   addLine(text, "cache",
-          std::to_string(cached->keys.size()) + " records, written " + utcText(cached->written) + ", " +
-              std::to_string(std::time(nullptr) - cached->written) + " s ago");
+          std::to_string(cached->keys.size()) + " records, written " + lqtext::utcText(cached->written) +
+              ", " + std::to_string(std::time(nullptr) - cached->written) + " s ago");
   return addDrift(text, cached->keys) == 0 ? kExitOk : kExitDrift;
 }
 
 void addIdentity(std::string& text) {
   std::uint64_t clientId = 0;
-  LQClient(setting("Overhub", "sSESSIONIDENTITY"), false, 0).getClientId(clientId, nullptr);
+  LQClient(textOf(lqsettings::kSessionIdentity), false, 0).getClientId(clientId, nullptr);
   addLine(text, "instance", programs::escapedForTerminal(instanceName() + " in " + lqregistry::File()));
   addLine(text, "joined to",
-          setting("Overhub", "sOHCLIENTNAME") + " at " + setting("Overhub", "sOHHOSTNAME") + " as client " +
-              setting("Overhub", "sSESSIONIDENTITY") + ", id " + std::to_string(clientId));
+          textOf(lqsettings::kServerName) + " at " + textOf(lqsettings::kServerHost) + " as client " +
+              textOf(lqsettings::kSessionIdentity) + ", id " + std::to_string(clientId));
   std::int64_t enabled = 0;
-  LQPlatformInfo().getNumber("EventManager", "bEnableRegistrySync", enabled);
+  LQPlatformInfo().getNumber(lqsettings::kSyncEnabled.key, lqsettings::kSyncEnabled.name, enabled);
   addLine(text, "sync", enabled != 0 ? "enabled" : "switched off (EventManager bEnableRegistrySync)");
 }
 

@@ -3,10 +3,10 @@
 #include <memory>
 #include <mutex>
 
-#include "common/text_table.h"
+#include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
-#include "lqhost/service/resident.h"
+#include "lqhost/service/command_socket.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/OBGui.h"
@@ -166,8 +166,8 @@ CommandResult synchroniseNow(Passes& passes) {
 void addSync(CommandLine& line) {
   const auto watched = std::make_shared<CommandLine::Pairs>();
   line.add("sync", "Synchronise once now, and report what changed", [watched] { return sync(*watched); })
-      .repeated(
-          "--watch", *watched, "PATH NAME",
+      .option(
+          "--watch PATH NAME", *watched,
           "Register a change callback for a key path and a value name, spelled as the server spells them; "
           "may be repeated. Not while a resident host runs");
 }

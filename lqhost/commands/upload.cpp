@@ -13,7 +13,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/left_out.h"
 #include "lqhost/pass/wire_watch.h"
-#include "lqhost/service/resident.h"
+#include "lqhost/service/command_socket.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace host {

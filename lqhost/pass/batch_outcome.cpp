@@ -4,41 +4,41 @@
 #include <map>
 #include <utility>
 
-#include "records/key_records.h"
+#include "records/record_rules.h"
+
+#include "lqregistry/LqSettings.h"
 
 namespace host {
 
 namespace {
 
-constexpr const char* kMask = "********";
 // Longer values are cut: reports are for looking at, not for reading back.
 constexpr std::size_t kShownValueBytes = 48;
-constexpr const char* kLogDirectoryValue = "dOBLOGDIR";
 
 bool isProtected(const OBGui::RegistryKeyInfo& key) {
   return key.valueType.get() == ENCRYPTEDTYPE;
 }
 
-Outcome judge(const OBGui::RegistryKeyInfo& key, const HeldValue& before, const HeldValue& now) {
-  if (key.valueName->empty()) return isToBeRemoved(key) ? Outcome::kFailed : Outcome::kLeft;
+RecordFate judge(const OBGui::RegistryKeyInfo& key, const CurrentValue& before, const CurrentValue& now) {
+  if (key.valueName->empty()) return isToBeRemoved(key) ? RecordFate::kFailed : RecordFate::kLeft;
   if (!isAsWanted(key, now)) {
-    const bool isLogDirectory = key.valueName.get() == kLogDirectoryValue && isToBeRemoved(key) && now;
-    return isLogDirectory ? Outcome::kReset : Outcome::kFailed;
+    const bool isLogDirectory =
+        key.valueName.get() == lqsettings::kLogDirectory.name && isToBeRemoved(key) && now;
+    return isLogDirectory ? RecordFate::kReset : RecordFate::kFailed;
   }
-  if (before == now) return Outcome::kLeft;
-  if (!before) return Outcome::kAdded;
-  return now ? Outcome::kChanged : Outcome::kRemoved;
+  if (before == now) return RecordFate::kLeft;
+  if (!before) return RecordFate::kAdded;
+  return now ? RecordFate::kChanged : RecordFate::kRemoved;
 }
 
 std::string noteOf(const OBGui::RegistryKeyInfo& asReceived, const OBGui::RegistryKeyInfo& marked,
-                   Outcome outcome) {
+                   RecordFate fate) {
   if (asReceived.valueName->empty())
     return isToBeRemoved(marked) ? "a record without a name cannot be removed"
                                  : "a record without a name asks for nothing";
-  if (outcome == Outcome::kReset) return "removed by the server, reset to its default";
-  if (outcome == Outcome::kFailed) {
-    if (asReceived.valueType.get() == KEYTYPE && !isToBeRemoved(marked))
-      return "keys may not be created from afar";
+  if (fate == RecordFate::kReset) return "removed by the server, reset to its default";
+  if (fate == RecordFate::kFailed) {
+    if (isKey(asReceived) && !isToBeRemoved(marked)) return "keys may not be created remotely";
     return "see the log";
   }
   if (!isToBeRemoved(asReceived) && isToBeRemoved(marked)) return "expired";
@@ -49,16 +49,16 @@ std::string noteOf(const OBGui::RegistryKeyInfo& asReceived, const OBGui::Regist
 }  // namespace
 
 std::string wantedValue(const OBGui::RegistryKeyInfo& key) {
-  if (key.valueType.get() == KEYTYPE || key.value->empty()) return {};
+  if (isKey(key) || key.value->empty()) return {};
   return isProtected(key) ? key.encryptedValue->getV8Password() : key.value.get();
 }
 
-bool isAsWanted(const OBGui::RegistryKeyInfo& marked, const HeldValue& now) {
+bool isAsWanted(const OBGui::RegistryKeyInfo& marked, const CurrentValue& now) {
   return isToBeRemoved(marked) ? !now : now && *now == wantedValue(marked);
 }
 
 std::string shownValue(const OBGui::RegistryKeyInfo& key, const std::string& value) {
-  if (isProtected(key)) return kMask;
+  if (isProtected(key)) return kHiddenSecret;
   return value.size() <= kShownValueBytes ? value : value.substr(0, kShownValueBytes) + "...";
 }
 
@@ -73,19 +73,19 @@ std::vector<std::size_t> effectiveRecords(const OBGui::KeyList& keys) {
   return positions;
 }
 
-const char* outcomeWord(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::kAdded:
+const char* fateWord(RecordFate fate) {
+  switch (fate) {
+    case RecordFate::kAdded:
       return "added";
-    case Outcome::kChanged:
+    case RecordFate::kChanged:
       return "changed";
-    case Outcome::kRemoved:
+    case RecordFate::kRemoved:
       return "removed";
-    case Outcome::kLeft:
+    case RecordFate::kLeft:
       return "left";
-    case Outcome::kReset:
+    case RecordFate::kReset:
       return "reset";
-    case Outcome::kFailed:
+    case RecordFate::kFailed:
       break;
   }
   return "failed";
@@ -97,13 +97,13 @@ std::vector<RecordOutcome> judgeBatch(const PassDetails& details) {
   std::vector<RecordOutcome> outcomes;
   for (const std::size_t i : effectiveRecords(marked)) {
     const OBGui::RegistryKeyInfo& key = marked[i];
-    const HeldValue now = heldValue(key);
+    const CurrentValue now = currentValue(key);
     RecordOutcome outcome;
     outcome.keyPath = normalisedKeyPath(key.keyPath);
     outcome.valueName = key.valueName;
-    outcome.outcome = judge(key, details.before[i], now);
+    outcome.fate = judge(key, details.before[i], now);
     outcome.value = now ? shownValue(key, *now) : "";
-    outcome.note = noteOf(details.batch[i], key, outcome.outcome);
+    outcome.note = noteOf(details.batch[i], key, outcome.fate);
     outcomes.push_back(std::move(outcome));
   }
   return outcomes;

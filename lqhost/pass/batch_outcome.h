@@ -9,7 +9,7 @@
 namespace host {
 
 // Whether the registry holds what the record asks for; `marked` has been through markExpired.
-bool isAsWanted(const OBGui::RegistryKeyInfo& marked, const HeldValue& now);
+bool isAsWanted(const OBGui::RegistryKeyInfo& marked, const CurrentValue& now);
 
 // A value for people: cut when it is long, masked when the record's type says that it is protected.
 std::string shownValue(const OBGui::RegistryKeyInfo& key, const std::string& value);
@@ -20,14 +20,14 @@ std::string wantedValue(const OBGui::RegistryKeyInfo& key);
 // Positions of the records that count, in order: where a list names a value twice, the last one does.
 std::vector<std::size_t> effectiveRecords(const OBGui::KeyList& keys);
 
-enum class Outcome { kAdded, kChanged, kRemoved, kLeft, kReset, kFailed };
+enum class RecordFate { kAdded, kChanged, kRemoved, kLeft, kReset, kFailed };
 
-const char* outcomeWord(Outcome outcome);
+const char* fateWord(RecordFate fate);
 
 struct RecordOutcome {
   std::string keyPath;
   std::string valueName;
-  Outcome outcome = Outcome::kLeft;
+  RecordFate fate = RecordFate::kLeft;
   std::string value;  // what the registry holds now, as shownValue gives it; empty when there is none
   std::string note;   // why, where it is not plain
 };

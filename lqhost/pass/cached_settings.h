@@ -16,8 +16,7 @@ struct CachedSettings {
   std::int64_t written = 0;  // when the file was written, seconds since the epoch
 };
 
-// The cache of the instance in focus; nothing, with the reason in `error`, when there is none that can be
-// read.
+// The cache of the instance in focus; nothing, with the reason in `error`, when none can be read.
 std::optional<CachedSettings> readCachedSettings(std::string& error);
 
 }  // namespace host

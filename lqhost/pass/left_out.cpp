@@ -5,25 +5,24 @@
 #include <unordered_set>
 #include <vector>
 
-#include "common/text_table.h"
+#include "common/terminal_text.h"
 #include "lqregistry/LQPlatformInfo.h"
-#include "records/key_records.h"
+#include "lqregistry/LqSettings.h"
+#include "records/record_rules.h"
 
 namespace host {
 
 namespace {
 
-constexpr const char* kRoot = "~";
 // Values from this length on do not fit the product's buffer.
-constexpr std::size_t kTooLong = 10240;
+constexpr std::size_t kTooLong = kValueBuffer;
 
 class Comparison {
  public:
   explicit Comparison(const OBGui::KeyList& sent) {
     for (const OBGui::RegistryKeyInfo& record : sent) {
-      if (record.valueType.get() == KEYTYPE) {
-        keys_.insert(record.keyPath->empty() ? record.valueName.get()
-                                             : subKeyPath(record.keyPath, record.valueName));
+      if (isKey(record)) {
+        keys_.insert(keyOf(record));
       } else {
         values_.insert(placeOf(record.keyPath, record.valueName));
       }
@@ -38,7 +37,8 @@ class Comparison {
       pending.pop_back();
       compareKey(key);
       std::list<std::string> below;
-      if (!registry_.getSubKeys(kRoot + key, below)) note(key, "", "its keys cannot be read");
+      if (!registry_.getSubKeys(lqsettings::kInstanceRoot + key, below))
+        note(key, "", "its keys cannot be read");
       for (const std::string& name : below) pending.push_back(key.empty() ? name : subKeyPath(key, name));
     }
     if (left_.count > kNamedLeftOut)
@@ -52,7 +52,7 @@ class Comparison {
 
   void compareKey(const std::string& key) {
     std::map<std::string, std::string> values;
-    if (!registry_.getRegValues(kRoot + key, values)) {
+    if (!registry_.getRegValues(lqsettings::kInstanceRoot + key, values)) {
       note(key, "", "its values cannot be read");
       return;
     }
@@ -73,7 +73,7 @@ class Comparison {
 
   void note(const std::string& key, const std::string& name, const std::string& why) {
     if (++left_.count > kNamedLeftOut) return;
-    const std::string what = kRoot + key + (name.empty() ? "" : " " + name);
+    const std::string what = lqsettings::kInstanceRoot + key + (name.empty() ? "" : " " + name);
     left_.lines += "  " + programs::escapedForTerminal(what) + ": " + why + "\n";
   }
 

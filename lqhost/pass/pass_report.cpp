@@ -10,21 +10,20 @@ namespace host {
 BatchReport reportOf(const PassDetails& details) {
   const std::vector<RecordOutcome> outcomes = judgeBatch(details);
   programs::TextTable table({"OUTCOME", "KEY", "VALUE", "NOW", "NOTE"});
-  std::map<Outcome, std::size_t> totals;
+  std::map<RecordFate, std::size_t> totals;
   for (const RecordOutcome& outcome : outcomes) {
-    table.addRow(
-        {outcomeWord(outcome.outcome), outcome.keyPath, outcome.valueName, outcome.value, outcome.note});
-    ++totals[outcome.outcome];
+    table.addRow({fateWord(outcome.fate), outcome.keyPath, outcome.valueName, outcome.value, outcome.note});
+    ++totals[outcome.fate];
   }
-  const auto total = [&totals](Outcome outcome, const char* label) {
-    return std::to_string(totals[outcome]) + " " + label;
+  const auto total = [&totals](RecordFate fate, const char* label) {
+    return std::to_string(totals[fate]) + " " + label;
   };
   return {(outcomes.empty() ? "There are no records.\n" : table.text()) + "\n" +
-              std::to_string(details.batch.size()) + " records: " + total(Outcome::kAdded, "added, ") +
-              total(Outcome::kChanged, "changed, ") + total(Outcome::kRemoved, "removed, ") +
-              total(Outcome::kReset, "reset, ") + total(Outcome::kLeft, "left as they were, ") +
-              total(Outcome::kFailed, "failed\n"),
-          totals[Outcome::kFailed]};
+              std::to_string(details.batch.size()) + " records: " + total(RecordFate::kAdded, "added, ") +
+              total(RecordFate::kChanged, "changed, ") + total(RecordFate::kRemoved, "removed, ") +
+              total(RecordFate::kReset, "reset, ") + total(RecordFate::kLeft, "left as they were, ") +
+              total(RecordFate::kFailed, "failed\n"),
+          totals[RecordFate::kFailed]};
 }
 
 }  // namespace host

@@ -75,9 +75,9 @@ void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
   // As long as the batch from the start: the report pairs the two even if a value cannot be looked at.
-  details_->before.assign(details_->batch.size(), HeldValue{});
+  details_->before.assign(details_->batch.size(), CurrentValue{});
   for (std::size_t i = 0; i < details_->batch.size(); ++i)
-    details_->before[i] = heldValue(details_->batch[i]);
+    details_->before[i] = currentValue(details_->batch[i]);
 }
 
 }  // namespace host

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "lqhost/pass/cache_watch.h"
-#include "lqhost/pass/held_value.h"
+#include "lqhost/pass/current_value.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/OBGui.h"
 
@@ -36,8 +36,8 @@ const char* outcomeText(RunOutcome outcome);
 // What the records of a batch were before they were applied. Reading them costs as much again as applying
 // them, so only a command with a report to print asks for it.
 struct PassDetails {
-  OBGui::KeyList batch;           // as it arrived
-  std::vector<HeldValue> before;  // for each record
+  OBGui::KeyList batch;              // as it arrived
+  std::vector<CurrentValue> before;  // for each record
 };
 
 struct PassResult {

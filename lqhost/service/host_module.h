@@ -12,8 +12,8 @@ namespace host {
 
 inline constexpr const char* kModuleEntry = "LqHostModule_Register";
 
-// Loads each module and lets it register; they stay loaded for the life of the process. False with the
+// Loads each module and lets it register; they stay loaded as long as the process lives. False with the
 // reason.
-bool loadModules(const std::vector<std::string>& paths, std::string& error);
+bool loadModules(const std::vector<std::string>& paths, std::string& fault);
 
 }  // namespace host

@@ -25,9 +25,9 @@ std::mutex wantedMutex;
 std::function<void()> wanted;  // guarded by wantedMutex
 
 // A pass, from the look at the note to the note's end: one at a time in this process, and between processes,
-// because who has found no note must not refresh over what another one applies meanwhile. Who has waited as
-// long as the product would goes on: the other's note stands by then, and the product's own lock keeps them
-// apart.
+// because whoever has found no note must not refresh over what another one applies meanwhile. Whoever has
+// waited as long as the product would goes on: the other's note stands by then, and they are kept apart by
+// the product's own lock.
 class Turn {
  public:
   Turn() : inProcess_(passMutex), between_(FileLock::waitFor(pathInBase(kTurnLock), kTurnWait)) {}

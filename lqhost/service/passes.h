@@ -1,11 +1,13 @@
 // Runs the product's two periodic tasks, for the schedule and for the commands, so that registry and settings
-// cache stay together: each run under the note of pass/unsettled.h, watched, logged, and noted for
+// cache stay together: each run under the note of pass/pass_note.h, watched, logged, and noted for
 // `lqhost status`.
 //
+// clang-format off
 //   under way        a download            a refresh                     a push
-//   a download       waits                 waits                         goes on; its note outlives the
-//   download a refresh        waits                 waits                         waits
+//   a download       waits                 waits                         goes on, its note stays
+//   a refresh        waits                 waits                         waits
 //   a push           begins after it       is put off                    waits
+// clang-format on
 //
 // A download begins only after a push under way has been applied: its reply was asked for after that, so its
 // cache can hold what was pushed. A refresh waits for a pass of another process before it looks at the note,
@@ -17,10 +19,10 @@
 #include <optional>
 #include <string>
 
+#include "lqhost/pass/pass_note.h"
 #include "lqhost/pass/pass_watch.h"
-#include "lqhost/pass/unsettled.h"
 #include "lqhost/service/product_library.h"
-#include "lqhost/service/task_note.h"
+#include "lqhost/service/task_times.h"
 
 namespace host {
 

@@ -6,7 +6,8 @@ namespace host {
 
 namespace {
 
-constexpr const char* kLibrary = "libLqRegistryClnt.so";
+// By the name that it is linked under, so that the library which is in the process already is the one.
+constexpr const char* kLibrary = "libLqRegistryClnt.so." LQ_SOVERSION;
 
 std::string lastError() {
   const char* const text = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this system's C library

@@ -11,13 +11,12 @@ using TaskCallback = int (*)(LqPeriodicTaskStatus*);
 
 class ProductLibrary {
  public:
-  // Loads the library; isLoaded() tells the outcome and error() why not.
+  // Loads the library; error() tells why it could not be.
   ProductLibrary();
   ~ProductLibrary();
   ProductLibrary(const ProductLibrary&) = delete;
   ProductLibrary& operator=(const ProductLibrary&) = delete;
 
-  bool isLoaded() const { return handle_ != nullptr; }
   const std::string& error() const { return error_; }
 
   // The function of that plain name; null, with error() set, when the library has none.

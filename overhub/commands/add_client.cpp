@@ -1,25 +1,28 @@
-// The command that registers a client: id, session key, join file, and last its file, which makes it known.
-#include <cstdio>
+// `overhub add-client`: registers a client: id, session key, join file, last its file, which makes it known.
 #include <limits>
+#include <memory>
+#include <optional>
 
-#include "common/join_file.h"
-#include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQClient.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/exit_codes.h"
-#include "overhub/commands/own_host.h"
+#include "overhub/commands/join_hand_over.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/store/client_ids.h"
 
 namespace {
 
+struct AddClient {
+  std::string name;
+  std::optional<std::int64_t> id;  // otherwise the highest handed out plus 1
+  JoinHandOver handOver;
+};
+
 // Chooses the id: the wanted one if it is free, otherwise the next. A wanted one may fill a gap.
-int chooseId(ClientIds& ids, const NewClient& wanted, std::int64_t& id) {
+int chooseId(ClientIds& ids, const AddClient& wanted, std::int64_t& id) {
   std::string skipped;
-  CWmError error = ids.load(skipped);
+  const CWmError error = ids.load(skipped);
   if (error.IsError()) return dataUnusable(error);
-  if (!skipped.empty())
-    complain(kExitOk, "not counted among the ids in use, since it cannot be read: " + skipped);
+  if (!skipped.empty()) warn("not counted among the ids in use, since it cannot be read: " + skipped);
   if (!wanted.id) {
     if (ids.highest() == std::numeric_limits<std::int64_t>::max())
       return complain(kExitRefused, "the highest id is in use; choose a free one with --id");
@@ -37,8 +40,8 @@ int chooseId(ClientIds& ids, const NewClient& wanted, std::int64_t& id) {
 
 // Takes the id for the client and writes what makes it one.
 CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::JoinFile& join,
-                     const std::string& joinPath) {
-  CWmError error = file_access::replace(joinPath, programs::joinFileText(join));
+                     const JoinHandOver& handOver) {
+  CWmError error = handOver.write(store, join);
   if (!error.IsError()) error = store.writeSessionKey(join.clientName, join.sessionKeyHex);
   if (!error.IsError()) error = ids.assign(join.clientId, join.clientName);
   OBGui::RegistryTaskResp batch;
@@ -48,46 +51,14 @@ CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::Joi
   return error;
 }
 
-// The join file's contents, except for id and key; checks what it is made of.
-int startJoin(const NewClient& wanted, programs::JoinFile& join) {
-  join.clientName = wanted.name;
-  join.serverName = wanted.serverName;
-  join.serverHost = wanted.serverHost.empty() ? ownHostName() : wanted.serverHost;
-  if (!programs::fitsJoinFile(join.serverHost) || !programs::fitsJoinFile(join.serverName)) {
-    return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
-                                    "\" have to be a host name or address and a name; --server-host and "
-                                    "--server-name set them");
-  }
-  if (!wanted.joinFile.empty() && file_access::exists(wanted.joinFile))
-    return complain(kExitRefused, wanted.joinFile + " exists already; choose another --join-file");
-  join.sessionKeyHex = newSessionKeyHex();
-  return kExitOk;
-}
-
-std::string joinPathOf(const DataStore& store, const NewClient& wanted) {
-  return wanted.joinFile.empty() ? store.joinFile(wanted.name) : wanted.joinFile;
-}
-
-void printNextSteps(const programs::JoinFile& join, const std::string& joinPath) {
-  std::printf(
-      "client %s has the id %lld; its join file is %s\n"
-      "Copy that file to the client's machine in a way that nobody else can read, run there\n"
-      "  lqhost join FILE\n"
-      "and delete both copies: the file holds the client's session key.\n",
-      join.clientName.c_str(), static_cast<long long>(join.clientId), joinPath.c_str());
-}
-
-}  // namespace
-
-int addClient(const DataStore& store, const NewClient& wanted) {
+int addClient(const DataStore& store, const AddClient& wanted) {
   if (!DataStore::isClientName(wanted.name)) {
     return complain(kExitUsage, "\"" + wanted.name +
                                     "\" cannot be a client's name: 1 to 64 characters of A-Z a-z 0-9 . _ - "
                                     "without a dot at the start");
   }
   programs::JoinFile join;
-  int exitCode = startJoin(wanted, join);
-  if (exitCode != kExitOk) return exitCode;
+  if (const int exitCode = wanted.handOver.begin(wanted.name, join); exitCode != kExitOk) return exitCode;
 
   CWmError error = store.prepare();
   file_access::Lock lock;
@@ -99,28 +70,20 @@ int addClient(const DataStore& store, const NewClient& wanted) {
                                       "renew-client");
   }
   ClientIds ids(store);
-  exitCode = chooseId(ids, wanted, join.clientId);
-  if (exitCode != kExitOk) return exitCode;
-  error = writeClient(store, ids, join, joinPathOf(store, wanted));
+  if (const int exitCode = chooseId(ids, wanted, join.clientId); exitCode != kExitOk) return exitCode;
+  error = writeClient(store, ids, join, wanted.handOver);
   if (error.IsError()) return dataUnusable(error);
-  printNextSteps(join, joinPathOf(store, wanted));
+  wanted.handOver.printNextSteps(store, join);
   return kExitOk;
 }
 
-int renewClient(const DataStore& store, const NewClient& wanted) {
-  if (!store.hasClient(wanted.name)) return unknownClient(store, wanted.name);
-  programs::JoinFile join;
-  const int exitCode = startJoin(wanted, join);
-  if (exitCode != kExitOk) return exitCode;
+}  // namespace
 
-  file_access::Lock lock;
-  OBGui::RegistryTaskResp batch;
-  CWmError error = store.lockForChange(lock);
-  if (!error.IsError()) error = store.readBatch(wanted.name, batch);
-  join.clientId = batch.client->clientId;
-  if (!error.IsError()) error = file_access::replace(joinPathOf(store, wanted), programs::joinFileText(join));
-  if (!error.IsError()) error = store.writeSessionKey(wanted.name, join.sessionKeyHex);
-  if (error.IsError()) return dataUnusable(error);
-  printNextSteps(join, joinPathOf(store, wanted));
-  return kExitOk;
+void addAddClient(programs::CommandLine& line, const std::string& data) {
+  const auto wanted = std::make_shared<AddClient>();
+  auto options = line.add("add-client", "Register a client and write its join file",
+                          [&data, wanted] { return addClient(DataStore(data), *wanted); });
+  options.required("NAME", wanted->name, "The client's name: letters, digits, . _ -")
+      .option("--id N", wanted->id, 1, "Its id; otherwise the highest handed out plus 1");
+  wanted->handOver.describe(options);
 }

@@ -1,17 +1,21 @@
 #include "overhub/commands/client_link.h"
 
 #include <cstring>
+#include <limits>
 
+#include "common/host_name.h"
 #include "common/join_file.h"
 #include "lqregistry/CLqNetwork.h"
-#include "overhub/commands/own_host.h"
 #include "overhub/commands/reporting.h"
+#include "records/service_names.h"
 
 namespace {
 
+constexpr int kMaxTimeoutSeconds = 86400;
+
 struct Advice {
   int exitCode;
-  const char* wayOut;
+  const char* hint;
 };
 
 Advice unreachable() {
@@ -54,8 +58,17 @@ Advice adviceOnExchange(std::uint32_t code) {
 
 }  // namespace
 
+void ClientLink::describe(programs::CommandLine::Options& options) {
+  options.required("CLIENT", client_, "The client's name")
+      .option("--host HOST", host_, "Where the client is; otherwise what is recorded of it")
+      .bounded("--port PORT", port_, 1, std::numeric_limits<std::uint16_t>::max(),
+               "The port of its host service")
+      .bounded("--timeout SECONDS", timeoutSeconds_, 1, kMaxTimeoutSeconds,
+               "How long to try to get through, and then to wait for the answer");
+}
+
 std::string ClientLink::place() const {
-  return "client " + client_ + " at " + options_.host + " port " + std::to_string(options_.port);
+  return "client " + client_ + " at " + host_ + " port " + std::to_string(port_);
 }
 
 int ClientLink::complainOfAnswer(const std::string& what) const {
@@ -64,21 +77,20 @@ int ClientLink::complainOfAnswer(const std::string& what) const {
                                     "the same version as this server");
 }
 
-int ClientLink::findHost() {
-  if (options_.host.empty()) {
-    CWmError error = store_.findHost(client_, options_.host);
+int ClientLink::findHost(const DataStore& store) {
+  if (host_.empty()) {
+    CWmError error = store.findHost(client_, host_);
     if (error.IsError()) return dataUnusable(error);
   }
-  if (options_.host.empty()) {
+  if (host_.empty()) {
     return complain(kExitRefused, "where client " + client_ +
                                       " is, is not known, since it has not attached yet; name its host with "
                                       "--host HOST, or for good with \"overhub client-host " +
                                       client_ + " HOST\"");
   }
-  if (!programs::fitsJoinFile(options_.host)) {
-    return complain(kExitRefused, "\"" + options_.host +
-                                      "\" is no host name or address; \"overhub client-host " + client_ +
-                                      " HOST\" sets the right one");
+  if (!programs::fitsJoinFile(host_)) {
+    return complain(kExitRefused, "\"" + host_ + "\" is no host name or address; \"overhub client-host " +
+                                      client_ + " HOST\" sets the right one");
   }
   return kExitOk;
 }
@@ -86,25 +98,25 @@ int ClientLink::findHost() {
 int ClientLink::explain(const CWmError& error, Step step) const {
   const Advice advice =
       step == Step::kAttach ? adviceOnAttach(error.GetCode()) : adviceOnExchange(error.GetCode());
-  return complain(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.wayOut);
+  return complain(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.hint);
 }
 
-int ClientLink::exchange(const CNMessageBase& request, std::unique_ptr<CNMessageBase>& answer) {
-  const int exitCode = findHost();
-  if (exitCode != kExitOk) return exitCode;
+int ClientLink::exchange(const DataStore& store, const CNMessageBase& request,
+                         std::unique_ptr<CNMessageBase>& answer) {
+  if (const int exitCode = findHost(store); exitCode != kExitOk) return exitCode;
   std::string key;
-  CWmError error = store_.readSessionKey(client_, key);
+  CWmError error = store.readSessionKey(client_, key);
   if (error.IsError()) return dataUnusable(error);
   CLqNetwork network;
   network.UseCredentials(client_, key);
   explicit_bzero(key.data(), key.size());
 
   lqsExecuteRemoteDllType remote;
-  remote.setNames(programs::kHostLibraryName, programs::kHostEntryName);
-  const int seconds = options_.timeoutSeconds;
+  remote.setNames(kHostLibraryName, kHostEntryName);
+  const int seconds = timeoutSeconds_;
   bool peerGone = false;
-  error = network.Attach_RemoteDLL(MangleHostName(options_.host, client_, options_.port, options_.port),
-                                   remote, ownHostName(), seconds, peerGone);
+  error = network.Attach_RemoteDLL(MangleHostName(host_, client_, port_, port_), remote,
+                                   programs::ownHostName(), seconds, peerGone);
   if (error.IsError()) return explain(error, Step::kAttach);
   error = network.SendXMLMessage(request, 0, seconds, peerGone);
   if (!error.IsError()) error = network.ReceiveXMLMessage(nullptr, answer, nullptr, 0, seconds, peerGone);

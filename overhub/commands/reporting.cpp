@@ -2,8 +2,7 @@
 
 #include <cstdio>
 
-#include "common/text_table.h"
-#include "overhub/commands/exit_codes.h"
+#include "common/terminal_text.h"
 
 void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
@@ -13,8 +12,12 @@ int dataUnusable(const CWmError& error) {
   return complain(kExitDataUnusable, error.AsString());
 }
 
-int complain(int exitCode, const std::string& text) {
+void warn(const std::string& text) {
   std::fprintf(stderr, "overhub: %s\n", programs::escapedForTerminal(text).c_str());
+}
+
+int complain(int exitCode, const std::string& text) {
+  warn(text);
   return exitCode;
 }
 

@@ -22,8 +22,7 @@ Answer unknownId(std::int64_t claimed, const std::string& client, std::int64_t i
                          std::to_string(idOnFile));
 }
 
-// A secret that the server's key does not open cannot be handed out, and a batch without it would be another
-// one.
+// A secret that the server's key does not open cannot be handed out, nor may the batch go without it.
 CWmError requireReadable(const std::string& list, const OBGui::KeyList& keys) {
   for (const OBGui::RegistryKeyInfo& key : keys) {
     if (!key.encryptedValue->isUnreadable()) continue;

@@ -1,5 +1,5 @@
-// The registry manager: hands clients their batch and the static key list, records how it went,
-// and keeps what they upload.
+// The registry manager: hands clients their batch and the static key list, records how it went, and keeps
+// what they upload.
 #pragma once
 
 #include <span>

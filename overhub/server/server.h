@@ -1,8 +1,8 @@
 // The server: listens, serves what is asked of it, and stops in order.
 //
 // Sessions wait in their listener and cost no thread there; a thread takes one only when it has something to
-// do, and hands it back. So kThreadsPerPort bounds the requests that are worked on at a time, not the
-// clients.
+// do, and hands it back. So kThreadsPerPort bounds the requests that are worked on at a time, not how many
+// clients there are.
 #pragma once
 
 #include <condition_variable>
@@ -17,8 +17,7 @@
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/store/data_store.h"
 
-// A client that leaves its reply unread holds one for as long as kReplySeconds; hence more than there are
-// processors.
+// A client that leaves its reply unread holds one for kReplySeconds; hence more than there are processors.
 inline constexpr std::size_t kThreadsPerPort = 32;
 // How long sessions may go on once the server is asked to stop.
 inline constexpr int kStopSeconds = 5;
@@ -38,9 +37,9 @@ class Server {
   CWmError start();
 
   // Turns new callers away and waits for the sessions, at most kStopSeconds; then ends every wait of the
-  // process for the network. Gives the number of requests that are still worked on; unless it is 0 the object
-  // must not be destroyed, only the process ended. In `cutOff` how many attached sessions were not waited
-  // for.
+  // process for the network. Returns how many requests are still worked on; unless it is 0 the object must
+  // not be destroyed, only the process ended. `cutOff` gets the number of attached sessions that it did not
+  // wait for.
   std::size_t stop(std::size_t& cutOff);
 
  private:

@@ -3,13 +3,7 @@
 
 #include "overhub/server/registry_manager.h"
 #include "overhub/server/service.h"
-
-namespace {
-
-constexpr const char* kRegistryManagerLibrary = "sLNREGKEYMANAGER";
-constexpr const char* kRegistryManagerEntry = "sLPREGKEYMANAGER";
-
-}  // namespace
+#include "records/service_names.h"
 
 Answer Answer::withReply(std::unique_ptr<CNMessageBase> message, std::string summary) {
   return {std::move(message), {}, std::move(summary)};
@@ -32,7 +26,7 @@ Handler Service::find(unsigned long tag) const {
 
 const Service* findService(const std::string& library, const std::string& entry) {
   static const Service kServices[] = {
-      {kRegistryManagerLibrary, kRegistryManagerEntry, registryManagerHandlers()},
+      {kServerLibraryName, kServerEntryName, registryManagerHandlers()},
   };
   for (const Service& service : kServices)
     if (library == service.library && entry == service.entry) return &service;

@@ -72,9 +72,9 @@ bool answerRequest(CLqNetwork& network, const DataStore& store, const Client& cl
 }
 
 // False when the refusal could not be sent either.
-bool refuseUnreadable(CLqNetwork& network, const std::string& who, const CWmError& reason) {
-  ObEvent().Debug(kTag, "client %s: refused: %s", who.c_str(), reason.AsString());
-  return !network.SendRefusal(reason.AsString()).IsError();
+bool refuseUnreadable(CLqNetwork& network, const std::string& who, const CWmError& error) {
+  ObEvent().Debug(kTag, "client %s: refused: %s", who.c_str(), error.AsString());
+  return !network.SendRefusal(error.AsString()).IsError();
 }
 
 }  // namespace
@@ -95,8 +95,8 @@ bool serveStep(CLqNetwork& network, const DataStore& store) {
   error = network.ReceiveXMLMessage(nullptr, message, nullptr, 0, 0, peerGone);
   if (!error.IsError()) return answerRequest(network, store, client, *message);
   if (error.GetCode() == kLqErrBadMessage) return refuseUnreadable(network, client.who, error);
-  const bool tookLeave = error.GetCode() == kLqErrNotConnected;
+  const bool saidGoodbye = error.GetCode() == kLqErrNotConnected;
   ObEvent().Debug(kTag, "client %s: session over: %s", client.who.c_str(),
-                  tookLeave ? "goodbye" : error.AsString());
+                  saidGoodbye ? "goodbye" : error.AsString());
   return false;
 }

@@ -1,9 +1,8 @@
 #include "overhub/store/acknowledgements.h"
+#include "lqregistry/UtcText.h"
 
 #include <ctime>
 #include <sstream>
-
-#include "common/utc_text.h"
 
 namespace {
 
@@ -24,7 +23,7 @@ CWmError recordAcknowledgement(const DataStore& store, const std::string& client
                                std::int64_t taskStatus) {
   const char* const meaning = taskStatus == OBGui::kTaskSuccess ? "applied" : "failed";
   return file_access::appendLine(store.acknowledgementsFile(client),
-                                 utcText(std::time(nullptr)) + " id=" + std::to_string(clientId) +
+                                 lqtext::utcText(std::time(nullptr)) + " id=" + std::to_string(clientId) +
                                      " taskStatus=" + std::to_string(taskStatus) + " (" + meaning + ")");
 }
 

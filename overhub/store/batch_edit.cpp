@@ -7,9 +7,6 @@
 
 namespace {
 
-// The value NAME_UNTIL of a batch tells its clients when NAME ends.
-constexpr const char* kExpirySuffix = "_UNTIL";
-
 OBGui::KeyList::iterator findRecord(OBGui::KeyList& keys, const std::string& path, const std::string& name) {
   return std::find_if(keys.begin(), keys.end(), [&](const OBGui::RegistryKeyInfo& key) {
     return key.keyPath.get() == path && key.valueName.get() == name;
@@ -32,7 +29,7 @@ OBGui::RegistryKeyInfo recordOf(const RecordChange& change) {
   record.valueType = change.type;
   if (change.value) record.value = *change.value;
   if (change.secret) {
-    record.valueType = kTypeEncrypted;
+    record.valueType = ENCRYPTEDTYPE;
     record.value = kHiddenSecret;
     record.encryptedValue = *change.secret;
   }
@@ -48,7 +45,7 @@ void setRecord(OBGui::KeyList& keys, const RecordChange& change) {
   if (!change.until) return;
   RecordChange expiry;
   expiry.path = change.path;
-  expiry.name = change.name + kExpirySuffix;
+  expiry.name = change.name + std::string(_UNTIL);
   expiry.value = std::to_string(*change.until);
   putRecord(keys, recordOf(expiry));
 }
@@ -61,5 +58,5 @@ bool unsetRecord(OBGui::KeyList& keys, const std::string& path, const std::strin
 }
 
 bool isSecret(const OBGui::RegistryKeyInfo& key) {
-  return key.encryptedValue.isSet() || strcasecmp(key.valueType->c_str(), kTypeEncrypted) == 0;
+  return key.encryptedValue.isSet() || strcasecmp(key.valueType->c_str(), ENCRYPTEDTYPE) == 0;
 }

@@ -7,19 +7,12 @@
 
 #include "lqregistry/OBGui.h"
 #include "lqregistry/pstring.h"
-
-inline constexpr const char* kTypeString = "STRING";
-inline constexpr const char* kTypeKey = "KEY";
-inline constexpr const char* kTypeEncrypted = "ENCRYPTED";
-
-// What stands in the place of a secret wherever a person looks. It also stands in a protected record's
-// `value`, because a client writes nothing for a record whose `value` is empty.
-inline constexpr const char* kHiddenSecret = "********";
+#include "records/record_rules.h"
 
 struct RecordChange {
   std::string path;
   std::string name;
-  std::string type = kTypeString;
+  std::string type = STRINGTYPE;
   std::optional<std::string> value;
   std::optional<pstring> secret;  // makes the record a protected one
   bool isRemoval = false;         // the client is to remove the value
@@ -34,5 +27,5 @@ void setRecord(OBGui::KeyList& keys, const RecordChange& change);
 // Takes the record out; false when there is none.
 bool unsetRecord(OBGui::KeyList& keys, const std::string& path, const std::string& name);
 
-// Whether the record's value is nobody's business.
+// Whether the record's value is secret. In any letter case: whoever wrote "encrypted" by hand meant it.
 bool isSecret(const OBGui::RegistryKeyInfo& key);

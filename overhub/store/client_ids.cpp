@@ -17,6 +17,18 @@ std::string firstLine(const std::string& file) {
   return text.substr(0, text.find('\n'));
 }
 
+// The id in the client's batch; one that cannot be read is false, and its fault joins those in `skipped`.
+bool readId(const DataStore& store, const std::string& client, std::int64_t& id, std::string& skipped) {
+  OBGui::RegistryTaskResp batch;
+  const CWmError error = store.readBatch(client, batch);
+  if (error.IsError()) {
+    skipped += (skipped.empty() ? "" : "; ") + std::string(error.AsString());
+    return false;
+  }
+  id = batch.client->clientId;
+  return true;
+}
+
 }  // namespace
 
 CWmError ClientIds::load(std::string& skipped) {
@@ -48,13 +60,8 @@ CWmError ClientIds::rebuild(std::string& skipped) {
   std::vector<std::string> names;
   CWmError error = store_.clientNames(names);
   for (const std::string& name : names) {
-    OBGui::RegistryTaskResp batch;
-    const CWmError unreadable = store_.readBatch(name, batch);
-    if (unreadable.IsError()) {
-      skipped += (skipped.empty() ? "" : "; ") + std::string(unreadable.AsString());
-      continue;
-    }
-    const std::int64_t id = batch.client->clientId;
+    std::int64_t id = 0;
+    if (!readId(store_, name, id, skipped)) continue;
     if (!error.IsError()) error = file_access::replace(store_.idFile(std::to_string(id)), name + '\n');
     highest_ = std::max(highest_, id);
   }

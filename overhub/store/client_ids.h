@@ -1,9 +1,9 @@
 // The ids that clients have been given: ids/ID names the client that has ID, ids/highest is the highest one
 // handed out. So a new client costs the same however many there are.
 //
-// Used with the ChangeLock held. Where ids/highest is missing or no number, as in a directory from before
-// there was one, or after somebody removed it to have hand-made ids counted, it is all made anew from the
-// client files.
+// Used with the lock of lockForChange() held. Where ids/highest is missing or no number, as in a directory
+// from before there was one, or after somebody removed it to have hand-made ids counted, it is all made anew
+// from the client files.
 #pragma once
 
 #include <cstdint>

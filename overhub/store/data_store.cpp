@@ -28,13 +28,6 @@ CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) 
   return {};
 }
 
-// A file that holds one word, as an editor leaves it.
-CWmError readWord(const std::string& file, std::string& word) {
-  CWmError error = file_access::readWhole(file, word);
-  while (!word.empty() && (word.back() == '\n' || word.back() == '\r' || word.back() == ' ')) word.pop_back();
-  return error;
-}
-
 }  // namespace
 
 CWmError DataStore::open() const {
@@ -170,7 +163,7 @@ CWmError DataStore::writeMessage(const std::string& file, const OBGui::RegistryT
 CWmError DataStore::findHost(const std::string& client, std::string& host) const {
   host.clear();
   for (const std::string& file : {hostFile(client), addressFile(client)})
-    if (file_access::exists(file)) return readWord(file, host);
+    if (file_access::exists(file)) return file_access::readWord(file, host);
   return {};
 }
 
@@ -181,37 +174,9 @@ CWmError DataStore::setHost(const std::string& client, const std::string& host) 
 CWmError DataStore::recordAddress(const std::string& client, const std::string& address) const {
   const std::string file = addressFile(client);
   std::string before;
-  if (file_access::exists(file) && !readWord(file, before).IsError() && before == address) return {};
+  if (file_access::exists(file) && !file_access::readWord(file, before).IsError() && before == address)
+    return {};
   return file_access::replace(file, address + '\n');
-}
-
-bool DataStore::findSessionKey(const std::string& client, std::string& key) const {
-  constexpr const char* kTag = "DataStore::findSessionKey";
-  if (!hasClient(client)) {
-    // Anybody can bring this about as often as they like; the listener sums it up.
-    ObEvent().DebugLvl(3, kTag, "a caller says that it is \"%s\", which is no client here", client.c_str());
-    return false;
-  }
-  std::string hex;
-  CWmError error = readSessionKey(client, hex);
-  const bool usable = !error.IsError() && sessionKeyFromHex(hex, key);
-  explicit_bzero(hex.data(), hex.size());
-  if (!usable) ObEvent().Error(kTag, "client %s cannot be let in: %s", client.c_str(), error.AsString());
-  return usable;
-}
-
-CWmError DataStore::readSessionKey(const std::string& client, std::string& hex) const {
-  CWmError error = readWord(keyFile(client), hex);
-  if (error.IsError()) return error;
-  std::string key;
-  const bool usable = sessionKeyFromHex(hex, key);
-  explicit_bzero(key.data(), key.size());
-  if (!usable) return {kLqErrFile, keyFile(client) + " does not hold 64 hexadecimal digits"};
-  return {};
-}
-
-CWmError DataStore::writeSessionKey(const std::string& client, const std::string& hex) const {
-  return file_access::replace(keyFile(client), hex + '\n');
 }
 
 CWmError DataStore::lockForChange(file_access::Lock& lock) const {

@@ -1,5 +1,6 @@
 // The data directory: what the server knows of its clients, in files that a person can read and edit.
 //
+// clang-format off
 //   clients/NAME.xml   a client's id and its batch of key records
 //   static.xml         the static key list; no file means an empty one
 //   keys/NAME.key      a client's session key, 64 hexadecimal digits
@@ -9,12 +10,13 @@
 //   uploads/NAME.xml   what a client last uploaded of its registry
 //   hosts/NAME         where a client is to be called, when a person has said so
 //   addresses/NAME     the address that a client last came from
-//   secret.key         the key that protects secrets in the other files; made with the directory, never
-//   replaced change.lock, serve.lock   held while files are changed, and by the server
+//   secret.key         the key that protects secrets in the other files; never replaced
+//   change.lock, serve.lock   held while files are changed, and by the server
+// clang-format on
 //
 // Files are read anew each time, so that an edit counts from the next request on, and replaced at once.
-// Whoever reads a file to write it back holds the ChangeLock meanwhile. An object is the directory's path and
-// nothing else; any thread.
+// Whoever reads a file to write it back holds the lock of lockForChange meanwhile. An object is the
+// directory's path and nothing else; any thread.
 #pragma once
 
 #include <string>

@@ -27,6 +27,12 @@ std::string directoryOf(const std::string& path) {
 
 }  // namespace
 
+CWmError readWord(const std::string& path, std::string& word) {
+  CWmError error = readWhole(path, word);
+  while (!word.empty() && (word.back() == '\n' || word.back() == '\r' || word.back() == ' ')) word.pop_back();
+  return error;
+}
+
 bool exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
 }

@@ -19,6 +19,9 @@ inline CWmError readWhole(const std::string& path, std::string& text) {
   return FXFile::ReadContents(path, text);
 }
 
+// A file that holds one word, as an editor leaves it.
+CWmError readWord(const std::string& path, std::string& word);
+
 // The file's last `bytes` bytes, or all of it when it is shorter.
 CWmError readEnd(const std::string& path, std::size_t bytes, std::string& text);
 

@@ -24,8 +24,8 @@ CWmError CWmLibrary::Load(const std::string& path, bool) {
   // that nothing here has checked.
   if (path.find('/') == std::string::npos)
     return {kLqErrLibrary, "\"" + path + "\" names no library by its path"};
-  const CWmError trust = FXFile::CheckTrusted(path);
-  if (trust.IsError()) return {kLqErrLibrary, trust.AsString()};
+  const CWmError error = FXFile::CheckTrusted(path);
+  if (error.IsError()) return {kLqErrLibrary, error.AsString()};
   handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   return handle_ == nullptr ? loaderError() : CWmError();
 }

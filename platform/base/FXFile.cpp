@@ -53,6 +53,11 @@ CWmError deleteRegularFile(const Directory& listing, const std::string& director
   return errno == ENOENT ? CWmError() : lqfile::errorOf("deleting \"" + name + "\" in " + directory);
 }
 
+// Of several faults the first one is told.
+void keepFirst(CWmError& error, CWmError next) {
+  if (!error.IsError()) error = std::move(next);
+}
+
 }  // namespace
 
 CWmError lqfile::writeAll(const auto_handle& handle, const void* data, std::uint64_t size,
@@ -158,7 +163,7 @@ CWmError FXFile::AppendContents(const std::string& path, std::string_view text) 
   auto_handle handle;
   CWmError error = lqfile::openRegular(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, handle);
   if (error.IsError()) return error;
-  // Who cuts a failed write off again must not cut off what another one has added meanwhile.
+  // Whoever cuts a failed write off again must not cut off what another one has added meanwhile.
   while (::flock(handle.get(), LOCK_EX) != 0)
     if (errno != EINTR) return lqfile::errorOf(path);
   std::uint64_t written = 0;
@@ -171,12 +176,9 @@ CWmError FXFile::DeleteMatchingFiles(const std::string& directory, const std::st
   const Directory listing(::opendir(directory.c_str()));
   if (listing == nullptr) return lqfile::errorOf(directory);
   std::vector<std::string> names;
-  CWmError first = listMatching(listing, directory, pattern, names);
-  for (const std::string& name : names) {
-    CWmError error = deleteRegularFile(listing, directory, name);
-    if (!first.IsError()) first = std::move(error);
-  }
-  return first;
+  CWmError error = listMatching(listing, directory, pattern, names);
+  for (const std::string& name : names) keepFirst(error, deleteRegularFile(listing, directory, name));
+  return error;
 }
 
 bool FXPath::Append(std::string& directory, const std::string& name) {

@@ -126,7 +126,8 @@ CWmError FileReplacement::place(const auto_handle& handle) {
 }
 
 void FileReplacement::placeEmpty(const auto_handle& handle) {
-  if (::ftruncate(handle.get(), 0) == 0 && !isPlaced_) moveIntoPlace();
+  // The failed write is what its caller hears of.
+  if (::ftruncate(handle.get(), 0) == 0 && !isPlaced_) static_cast<void>(moveIntoPlace());
 }
 
 CWmError FileReplacement::moveIntoPlace() {

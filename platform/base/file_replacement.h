@@ -1,5 +1,4 @@
-// A file on its way into the place of another: written beside it under a name of its own, put in place at
-// once.
+// A file on its way into the place of another: written beside it under its own name, put in place at once.
 #pragma once
 
 #include <string>

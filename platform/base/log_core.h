@@ -1,5 +1,4 @@
-// The process-wide log behind ObDebug and ObEvent: takes formatted lines and hands them to the sinks and
-// captures.
+// The process-wide log behind ObDebug and ObEvent: hands formatted lines to the sinks and captures.
 #pragma once
 
 #include <atomic>

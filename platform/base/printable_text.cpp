@@ -32,6 +32,13 @@ void lqtext::appendHex(std::string& text, char byte) {
   text += kDigits[bits & 15];
 }
 
+int lqtext::hexValue(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
 std::size_t lqtext::appendPrintable(std::string& text, std::string_view bytes) {
   if (const std::size_t length = printableLength(bytes); length != 0) {
     text += bytes.substr(0, length);

@@ -88,8 +88,9 @@ class Walk {
                               "; give it to who runs this, with \"chown " + std::to_string(self) + " " +
                               path + "\", or run this as that user"};
     }
-    const bool isBorne = place == Place::kLink || (place == Place::kAbove && (status.st_mode & S_ISVTX) != 0);
-    if (!isBorne && (status.st_mode & kWritableByOthers) != 0) {
+    const bool isTolerated =
+        place == Place::kLink || (place == Place::kAbove && (status.st_mode & S_ISVTX) != 0);
+    if (!isTolerated && (status.st_mode & kWritableByOthers) != 0) {
       return {kLqErrFile, path + ": not trusted, since others than its owner may write it; \"chmod go-w " +
                               path + "\" ends that"};
     }

@@ -6,10 +6,10 @@
 #include <charconv>
 
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
-constexpr const char* kPropertiesKey = "SOFTWARE/Velmor/ClientProperties/";
 constexpr const char* kYesWords[] = {"true", "yes", "on"};
 constexpr int kRead = 0;
 constexpr int kNotRead = 1;
@@ -40,4 +40,4 @@ int ApplProperties::getNativeProperty(const std::string& name, int type, const s
 }
 
 ClientProperties::ClientProperties(std::uint64_t clientId)
-    : ApplProperties(kPropertiesKey + std::to_string(clientId)) {}
+    : ApplProperties(lqsettings::kClientPropertiesKey + std::to_string(clientId)) {}

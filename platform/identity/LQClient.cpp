@@ -5,12 +5,10 @@
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
-constexpr const char* kClientsKey = "SOFTWARE/Velmor/Clients/";
-constexpr const char* kIdValue = "nCLIENTID";
-constexpr const char* kServerSection = "Overhub";
 constexpr int kKnown = 0;
 constexpr int kUnknown = 1;
 
@@ -27,10 +25,12 @@ int LQClient::getClientId(std::uint64_t& id, const void* context) const {
   if (context != nullptr || !isClientName(name_)) return kUnknown;
   std::string machine;
   std::string client;
-  const bool isRecorded = info.getString(kClientsKey + name_, kIdValue, text) ||
-                          (info.getString("Machine", "sPHYSICALNAME", machine) && machine == name_ &&
-                           info.getString(kServerSection, "sSESSIONIDENTITY", client) &&
-                           isClientName(client) && info.getString(kClientsKey + client, kIdValue, text));
+  const bool isRecorded =
+      info.getString(lqsettings::kClientsKey + name_, lqsettings::kClientId, text) ||
+      (info.getString(lqsettings::kPhysicalMachine.key, lqsettings::kPhysicalMachine.name, machine) &&
+       machine == name_ &&
+       info.getString(lqsettings::kSessionIdentity.key, lqsettings::kSessionIdentity.name, client) &&
+       isClientName(client) && info.getString(lqsettings::kClientsKey + client, lqsettings::kClientId, text));
   if (!isRecorded) return kUnknown;
   const char* end = text.data() + text.size();
   std::uint64_t parsed = 0;
@@ -44,8 +44,9 @@ int LQClient::getNetworkHostnameMangled(std::string& target) const {
   LQPlatformInfo info(LQPI_Focus::getFocus());
   std::string host;
   std::string client;
-  if (id_ != kServerClientId || !info.getString(kServerSection, "sOHHOSTNAME", host) ||
-      !info.getString(kServerSection, "sOHCLIENTNAME", client))
+  if (id_ != kServerClientId ||
+      !info.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, host) ||
+      !info.getString(lqsettings::kServerName.key, lqsettings::kServerName.name, client))
     return kUnknown;
   target = MangleHostName(host, client, kFirstServicePort, kSecondServicePort);
   return kKnown;
@@ -53,5 +54,6 @@ int LQClient::getNetworkHostnameMangled(std::string& target) const {
 
 bool LQClient::recordClient(const std::string& name, std::uint64_t id) {
   LQPlatformInfo info;
-  return isClientName(name) && info.setString(kClientsKey + name, kIdValue, std::to_string(id), 0) != 0;
+  return isClientName(name) &&
+         info.setString(lqsettings::kClientsKey + name, lqsettings::kClientId, std::to_string(id), 0) != 0;
 }

@@ -10,12 +10,10 @@
 #include <pugixml.hpp>
 #include <shared_mutex>
 
+#include "platform/message/message_writer.h"
 #include "platform/message/text_escape.h"
 
 namespace {
-
-// How a protected string is told from its V8 text where it stands in clear.
-constexpr std::string_view kClearPrefix = "clear:";
 
 // --- the table of classes ----------------------------------------------------------------------------------
 
@@ -30,79 +28,10 @@ ClassTable& classTable() {
   return *table;
 }
 
-// --- writing -----------------------------------------------------------------------------------------------
-
-bool writeFields(const CNMessageBase& message, pugi::xml_node node, bool revealProtected);
-
-bool writeProtected(const pstring& value, pugi::xml_attribute attribute, bool revealProtected) {
-  if (revealProtected) {
-    // What cannot be read cannot be told, and nothing must not be taken for the secret.
-    if (value.isUnreadable()) return false;
-    std::string clear(kClearPrefix);
-    clear += lqmessage::escaped(value.reveal());
-    attribute.set_value(clear.c_str());
-    explicit_bzero(clear.data(), clear.size());
-    return true;
-  }
-  const std::string text = value.getV8Password();
-  attribute.set_value(text.c_str());
-  return value.empty() || !text.empty();
-}
-
-bool writeField(const CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node,
-                bool revealProtected) {
-  switch (info.kind) {
-    case FieldInfo::Kind::kText: {
-      const auto& text = *static_cast<const std::string*>(info.read(owner));
-      node.append_attribute(info.name).set_value(lqmessage::escaped(text).c_str());
-      return true;
-    }
-    case FieldInfo::Kind::kNumber:
-      node.append_attribute(info.name).set_value(
-          static_cast<long long>(*static_cast<const std::int64_t*>(info.read(owner))));
-      return true;
-    case FieldInfo::Kind::kProtected:
-      return writeProtected(*static_cast<const pstring*>(info.read(owner)), node.append_attribute(info.name),
-                            revealProtected);
-    case FieldInfo::Kind::kRecord:
-      return writeFields(*static_cast<const CNMessageBase*>(info.read(owner)), node.append_child(info.name),
-                         revealProtected);
-    case FieldInfo::Kind::kList: {
-      pugi::xml_node list = node.append_child(info.name);
-      const std::size_t count = info.count(owner);
-      for (std::size_t i = 0; i < count; ++i) {
-        const CNMessageBase& element = info.at(owner, i);
-        if (!writeFields(element, list.append_child(element.className()), revealProtected)) return false;
-      }
-      return true;
-    }
-  }
-  return false;
-}
-
-bool writeFields(const CNMessageBase& message, pugi::xml_node node, bool revealProtected) {
-  for (const FieldInfo& info : message.fieldList())
-    if (info.isSet(message) && !writeField(message, info, node, revealProtected)) return false;
-  return true;
-}
-
-struct StringWriter : pugi::xml_writer {
-  explicit StringWriter(std::string& text) : text_(text) {}
-  void write(const void* data, std::size_t size) override {
-    text_.append(static_cast<const char*>(data), size);
-  }
-  std::string& text_;
-};
-
-int writeText(const CNMessageBase& message, std::string& text, bool revealProtected, const char* indent,
-              unsigned format) {
+int writeText(const CNMessageBase& message, std::string& text, bool revealProtected,
+              lqmessage::Layout layout) {
   try {
-    pugi::xml_document document;
-    if (!writeFields(message, document.append_child(message.className()), revealProtected)) return 1;
-    text.clear();
-    StringWriter writer(text);
-    document.save(writer, indent, format | pugi::format_no_declaration, pugi::encoding_utf8);
-    return 0;
+    return lqmessage::writeMessage(message, text, revealProtected, layout) ? 0 : 1;
   } catch (const std::bad_alloc&) {
     return 1;
   }
@@ -117,19 +46,26 @@ constexpr std::size_t kAttributeBytes = 5 * sizeof(void*);
 // What the text's tree will take. Counts generously: what looks like an attribute inside a value is one.
 std::size_t treeBytes(std::string_view text) {
   std::size_t bytes = 0;
-  for (std::size_t i = 0; i + 1 < text.size(); ++i) {
-    const char next = text[i + 1];
-    if (text[i] == '<' && next != '/') bytes += kNodeBytes;
-    if (text[i] == '>' && next != '<') bytes += kNodeBytes;
-    if (text[i] == '=' && (next == '"' || next == '\'')) bytes += kAttributeBytes;
+  for (std::size_t i = text.find('<'); i != std::string_view::npos; i = text.find('<', i + 1)) {
+    if (!text.substr(i).starts_with("</")) bytes += kNodeBytes;
+  }
+  for (std::size_t i = text.find('>'); i != std::string_view::npos; i = text.find('>', i + 1))
+    if (i + 1 < text.size() && text[i + 1] != '<') bytes += kNodeBytes;
+  for (std::size_t i = text.find('='); i != std::string_view::npos; i = text.find('=', i + 1)) {
+    const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+    if (next == '"' || next == '\'') bytes += kAttributeBytes;
   }
   return bytes;
 }
 
+enum class Purpose { kBuild, kCount };
+
+// To count, each record of a list takes the place of the one before it, and secrets stay closed.
 class Reader {
  public:
-  explicit Reader(std::string_view text)
-      : left_(kMaxReadFactor * text.size() + kReadAllowanceBytes - text.size()) {}
+  explicit Reader(std::string_view text, Purpose purpose = Purpose::kBuild)
+      : isCounting_(purpose == Purpose::kCount),
+        left_(kMaxReadFactor * text.size() + kReadAllowanceBytes - text.size()) {}
 
   bool take(std::size_t bytes, const char* what) {
     if (bytes > left_) {
@@ -143,20 +79,24 @@ class Reader {
 
   bool readFields(CNMessageBase& message, pugi::xml_node node, int depth) {
     if (depth > kMaxMessageDepth) return fail(message, node.name(), "nested too deep");
+    pugi::xml_attribute next = node.first_attribute();  // fields are written in this order
     for (const FieldInfo& info : message.fieldList())
-      if (!readField(message, info, node, depth)) return false;
+      if (!readField(message, info, node, next, depth)) return false;
     return true;
   }
+  std::size_t records() const { return elements_; }
   const std::string& error() const { return error_; }
 
  private:
-  bool readField(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node, int depth) {
+  bool readField(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node, pugi::xml_attribute& next,
+                 int depth) {
     if (info.kind == FieldInfo::Kind::kRecord) {
       const pugi::xml_node child = node.child(info.name);
+      if (child && !isCounting_ && !take(info.elementBytes, info.name)) return false;
       return !child || readFields(*static_cast<CNMessageBase*>(info.edit(owner)), child, depth + 1);
     }
     if (info.kind == FieldInfo::Kind::kList) return readList(owner, info, node.child(info.name), depth);
-    const pugi::xml_attribute attribute = node.attribute(info.name);
+    const pugi::xml_attribute attribute = node.attribute(info.name, next);
     return !attribute || readScalar(owner, info, attribute.value());
   }
 
@@ -167,8 +107,9 @@ class Reader {
     if (records_ > kMaxMessageRecords)
       return fail(owner, info.name,
                   ("makes it more than " + std::to_string(kMaxMessageRecords) + " records").c_str());
-    if (!take(count * info.elementBytes, info.name)) return false;
     info.setEmpty(owner);
+    if (isCounting_) return true;
+    if (!take(count * info.elementBytes, info.name)) return false;
     info.reserve(owner, count);
     return true;
   }
@@ -178,6 +119,8 @@ class Reader {
     if (!prepareList(owner, info, list)) return false;
     while (const pugi::xml_node child = list.first_child()) {
       if (child.type() == pugi::node_element) {
+        ++elements_;
+        if (isCounting_) info.setEmpty(owner);
         CNMessageBase& element = info.append(owner);
         if (std::string_view(child.name()) != element.className())
           return fail(owner, info.name, "holds an element of another class");
@@ -191,7 +134,7 @@ class Reader {
   bool readScalar(CNMessageBase& owner, const FieldInfo& info, std::string_view text) {
     void* const value = info.edit(owner);
     // A short text lies in the record itself.
-    if (text.size() >= sizeof(std::string) / 2 && !take(text.size(), info.name)) return false;
+    if (!isCounting_ && text.size() >= sizeof(std::string) / 2 && !take(text.size(), info.name)) return false;
     switch (info.kind) {
       case FieldInfo::Kind::kText:
         return lqmessage::unescape(text, *static_cast<std::string*>(value)) ||
@@ -208,11 +151,14 @@ class Reader {
     }
   }
 
-  static bool readProtected(std::string_view text, pstring& value) {
+  bool readProtected(std::string_view text, pstring& value) const {
+    // To count, the look of a stored text is enough.
+    if (isCounting_ && !text.starts_with(lqmessage::kClearPrefix))
+      text = text.substr(0, lqmessage::kClearPrefix.size());
     // One value that cannot be opened must not cost all the others of the message.
-    if (!text.starts_with(kClearPrefix)) return pstring::fromStoredText(text, value);
+    if (!text.starts_with(lqmessage::kClearPrefix)) return pstring::fromStoredText(text, value);
     std::string secret;
-    const bool readable = lqmessage::unescape(text.substr(kClearPrefix.size()), secret);
+    const bool readable = lqmessage::unescape(text.substr(lqmessage::kClearPrefix.size()), secret);
     value = pstring(secret);
     explicit_bzero(secret.data(), secret.size());
     return readable;
@@ -223,8 +169,10 @@ class Reader {
     return false;
   }
 
-  std::size_t left_;  // of the memory that reading may take
-  std::size_t records_ = 0;
+  const bool isCounting_;
+  std::size_t left_;          // of the memory that reading may take
+  std::size_t records_ = 0;   // and what lies between them
+  std::size_t elements_ = 0;  // of lists
   std::string error_;
 };
 
@@ -268,59 +216,10 @@ CWmError badMessage(std::string why) {
   return {kLqErrBadMessage, std::move(why)};
 }
 
-}  // namespace
-
-void registerMessageClass(const char* className, MessageFactory factory) {
-  ClassTable& table = classTable();
-  const std::unique_lock lock(table.mutex);
-  table.factories[className] = factory;
-}
-
-void unregisterMessageClass(const char* className, MessageFactory factory) {
-  ClassTable& table = classTable();
-  const std::unique_lock lock(table.mutex);
-  const auto found = table.factories.find(std::string_view(className));
-  if (found != table.factories.end() && found->second == factory) table.factories.erase(found);
-}
-
-int CNMessageBase::serialize(std::string& text, bool revealProtected) const {
-  return writeText(*this, text, revealProtected, "", pugi::format_raw);
-}
-
-int CNMessageBase::serializeForPeople(std::string& text) const {
-  return writeText(*this, text, false, "  ", pugi::format_indent);
-}
-
-int CNMessageBase::unserialize(const std::string& text, std::string* error) {
-  std::unique_ptr<CNMessageBase> message;
-  const CWmError failure = fromText(text, message);
-  std::string why = failure.AsString();
-  if (!failure.IsError() && message->getTagID() != getTagID())
-    why = std::string("the text holds a ") + message->className() + ", not a " + className();
-  if (!why.empty()) {
-    if (error != nullptr) *error = why;
-    return 1;
-  }
-  assign(std::move(*message));
-  return 0;
-}
-
-bool CNMessageBase::equals(const CNMessageBase& other) const {
-  if (getTagID() != other.getTagID()) return false;
-  for (const FieldInfo& info : fieldList())
-    if (!equalField(*this, other, info)) return false;
-  return true;
-}
-
-CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message) {
-  std::string copy = text;
-  return fromBuffer(copy, message);
-}
-
-CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message) {
+// Uses the text up.
+CWmError readMessage(std::string& text, Reader& reader, std::unique_ptr<CNMessageBase>& message) {
   message.reset();
   try {
-    Reader reader(text);
     if (!reader.take(treeBytes(text), "its elements")) return badMessage(reader.error());
     pugi::xml_document document;
     std::string error;
@@ -341,4 +240,66 @@ CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageB
   } catch (const std::bad_alloc&) {
     return badMessage("not enough memory for the message");
   }
+}
+
+}  // namespace
+
+void registerMessageClass(const char* className, MessageFactory factory) {
+  ClassTable& table = classTable();
+  const std::unique_lock lock(table.mutex);
+  table.factories[className] = factory;
+}
+
+void unregisterMessageClass(const char* className, MessageFactory factory) {
+  ClassTable& table = classTable();
+  const std::unique_lock lock(table.mutex);
+  const auto found = table.factories.find(std::string_view(className));
+  if (found != table.factories.end() && found->second == factory) table.factories.erase(found);
+}
+
+int CNMessageBase::serialize(std::string& text, bool revealProtected) const {
+  return writeText(*this, text, revealProtected, lqmessage::Layout::kOneLine);
+}
+
+int CNMessageBase::serializeForPeople(std::string& text) const {
+  return writeText(*this, text, false, lqmessage::Layout::kForPeople);
+}
+
+int CNMessageBase::unserialize(const std::string& text, std::string* why) {
+  std::unique_ptr<CNMessageBase> message;
+  const CWmError error = fromText(text, message);
+  std::string reason = error.AsString();
+  if (!error.IsError() && message->getTagID() != getTagID())
+    reason = std::string("the text holds a ") + message->className() + ", not a " + className();
+  if (!reason.empty()) {
+    if (why != nullptr) *why = reason;
+    return 1;
+  }
+  assign(std::move(*message));
+  return 0;
+}
+
+bool CNMessageBase::equals(const CNMessageBase& other) const {
+  if (getTagID() != other.getTagID()) return false;
+  for (const FieldInfo& info : fieldList())
+    if (!equalField(*this, other, info)) return false;
+  return true;
+}
+
+CWmError CNMessageBase::fromText(const std::string& text, std::unique_ptr<CNMessageBase>& message) {
+  std::string copy = text;
+  return fromBuffer(copy, message);
+}
+
+CWmError CNMessageBase::fromBuffer(std::string& text, std::unique_ptr<CNMessageBase>& message) {
+  Reader reader(text);
+  return readMessage(text, reader, message);
+}
+
+bool CNMessageBase::isReadable(std::string text, std::size_t& records) const {
+  Reader reader(text, Purpose::kCount);
+  std::unique_ptr<CNMessageBase> last;
+  const bool isRead = !readMessage(text, reader, last).IsError() && last->getTagID() == getTagID();
+  records = reader.records();
+  return isRead;
 }

@@ -6,11 +6,16 @@
 
 namespace lqmessage {
 
-// Control characters, DEL, and bytes that are not part of a valid XML character in UTF-8 become \xHH, a
-// backslash becomes \\; everything else stays as it is.
-std::string escaped(std::string_view bytes);
+// Appends the bytes as the value of an attribute in double quotes: control characters, DEL, and bytes that
+// are not part of a valid XML character in UTF-8 become \xHH, a backslash becomes \\, and what is markup to
+// XML becomes an entity.
+void appendAttribute(std::string& text, std::string_view bytes);
 
-// The bytes again; false for a backslash that starts neither of the two forms.
+// The same for a text that is one already: entities only, for control characters as well.
+void appendEntities(std::string& text, std::string_view bytes);
+
+// The bytes again, once the XML library has resolved the entities; false for a backslash that starts neither
+// of the two forms.
 bool unescape(std::string_view text, std::string& bytes);
 
 }  // namespace lqmessage

@@ -1,7 +1,7 @@
 #include "lqregistry/CLqNetwork.h"
 
 #include "platform/network/interruption.h"
-#include "platform/network/network_impl.h"
+#include "platform/network/session.h"
 
 CLqNetwork::CLqNetwork() : impl_(std::make_unique<Impl>()) {}
 
@@ -55,16 +55,20 @@ CWmError CLqNetwork::ReceiveXMLMessage(std::string* rawText, std::unique_ptr<CNM
 }
 
 void CLqNetwork::Disconnect(int timeoutSeconds, bool& peerGone) {
-  if (!peerGone && impl_->state == Impl::State::kAttached)
-    impl_->run("cannot take leave of ", peerGone,
-               [&] { return impl_->sayGoodbye(Deadline::in(timeoutSeconds)); });
+  if (!peerGone && impl_->state == Impl::State::kAttached) {
+    // It ends either way; whoever wants to know how asks for the last error.
+    static_cast<void>(impl_->run("cannot end the session with ", peerGone,
+                                 [&] { return impl_->sayGoodbye(Deadline::in(timeoutSeconds)); }));
+  }
   impl_->close();
 }
 
 void CLqNetwork::ReplyDisconnect(int timeoutSeconds, bool& peerGone) {
-  if (!peerGone && impl_->state == Impl::State::kAttached)
-    impl_->run("no goodbye from ", peerGone,
-               [&] { return impl_->awaitGoodbye(Deadline::in(timeoutSeconds)); });
+  if (!peerGone && impl_->state == Impl::State::kAttached) {
+    static_cast<void>(impl_->run("no goodbye from ", peerGone, [&] {
+      return impl_->awaitGoodbye(Deadline::in(timeoutSeconds));
+    }));  // likewise
+  }
   impl_->close();
 }
 
@@ -99,7 +103,8 @@ CWmError CLqNetwork::ConfirmAttach() {
 
 void CLqNetwork::RefuseAttach(const std::string& reason) {
   bool peerGone = false;
-  impl_->run("cannot refuse ", peerGone, [&] { return impl_->refuseAttach(reason); });
+  // A caller that cannot be told sees the connection end.
+  static_cast<void>(impl_->run("cannot refuse ", peerGone, [&] { return impl_->refuseAttach(reason); }));
   impl_->close();
 }
 

@@ -38,7 +38,7 @@ class CallerGroups {
   std::size_t size() const { return size_; }
 
   // Goes through the groups of at least so many, the largest first and among equals the one with the oldest
-  // member, until `take` gives true; whether it did. Only then may `take` have changed anything.
+  // member, until `take` returns true; whether it did. Only then may `take` have changed anything.
   template <class Take>
   bool anyBySize(std::size_t atLeast, Take take) const {
     for (const auto& [place, group] : bySize_) {

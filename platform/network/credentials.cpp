@@ -4,12 +4,10 @@
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
-constexpr char kSection[] = "Overhub";
-constexpr char kIdentityName[] = "sSESSIONIDENTITY";
-constexpr char kKeyName[] = "sSESSIONKEY";
 constexpr char kAdvice[] = "; run \"lqhost join\" on this machine";
 
 }  // namespace
@@ -26,8 +24,9 @@ bool Credentials::equals(const Credentials& other) const {
 CWmError readCredentials(Credentials& credentials) {
   LQPlatformInfo info(LQPI_Focus::getFocus());
   std::string hex;
-  if (!info.getString(kSection, kIdentityName, credentials.identity) ||
-      !info.getString(kSection, kKeyName, hex)) {
+  if (!info.getString(lqsettings::kSessionIdentity.key, lqsettings::kSessionIdentity.name,
+                      credentials.identity) ||
+      !info.getString(lqsettings::kSessionKey.key, lqsettings::kSessionKey.name, hex)) {
     std::string reason = "this machine holds no session key for the server";
     if (info.getRegError() == kRegUnavailable)
       return {kLqErrNoCredentials, reason + ": " + info.getRegErrorText()};

@@ -1,5 +1,5 @@
-// A point in time by which a step must be done, made from the whole seconds that the session's operations
-// take.
+// A point in time by which a step must be done, made from the whole seconds that a session's operations get
+// as their time-out.
 #pragma once
 
 #include <chrono>

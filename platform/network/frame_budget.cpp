@@ -9,7 +9,7 @@
 
 namespace {
 
-// A waiting thread looks this often whether the process stops; only who waits for memory ever does.
+// How often a waiting thread looks whether the process stops; only those that wait for memory do.
 constexpr std::chrono::milliseconds kStopLook{100};
 
 }  // namespace
@@ -71,7 +71,7 @@ void FrameBudget::grantNext() {
     Claim& next = *queue_.front();
     queue_.pop_front();
     grant(next);
-    if (next.granted_) next.granted_();
+    next.granted_();
   }
   changed_.notify_all();
 }

@@ -3,7 +3,7 @@
 // A frame beyond kUnclaimedBytes needs a claim on its whole size before it is read on. Claims are granted in
 // the order in which they were asked for, whatever their size, so that a large one is not starved by small
 // ones; and since one largest frame always fits and a claim is never added to, nobody waits for somebody who
-// waits. Who holds a claim and does not get on is for its room to see to (waiting_room.h).
+// waits. Whoever holds a claim and does not get on is for the room to see to (waiting_room.h).
 //
 // There are two budgets: one for sessions that were accepted, whose claims last until the request is
 // answered, and one for those that call, whose claims last until the answer is read. A request may lead to a
@@ -48,8 +48,8 @@ class FrameBudget {
 
   explicit FrameBudget(std::size_t bytes) : free_(bytes) {}
 
-  // `granted`, if not empty, is called once when the claim is granted later than at once, on whichever thread
-  // gave the memory back; it must not block, nor use the budget.
+  // `granted` is called once when the claim is granted later than at once, on whichever thread gave the
+  // memory back; it must not block, nor use the budget.
   std::unique_ptr<Claim> claim(std::size_t bytes, std::function<void()> granted);
 
   // Whether somebody waits.

@@ -10,8 +10,7 @@ namespace {
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kKindBytes = 1;
 
-// What is read at a time, at least; a payload gets memory as it arrives, so that a header alone costs
-// nothing.
+// What is read at a time, at least; a payload gets memory as it arrives, so a header alone costs nothing.
 constexpr std::size_t kPieceBytes = 16U << 10;
 
 // What is taken in before others have their turn.

@@ -41,8 +41,9 @@ struct Frame {
 
 class FrameStream {
  public:
-  // `turnCame`, if not empty, is called from another thread when a frame that waited for memory may go on.
-  FrameStream(std::shared_ptr<const TlsPsk> psk, FrameBudget& budget, std::function<void()> turnCame = {})
+  // `turnCame` is called from another thread when a frame that waited for memory may go on.
+  FrameStream(
+      std::shared_ptr<const TlsPsk> psk, FrameBudget& budget, std::function<void()> turnCame = [] {})
       : connection_(std::move(psk)), budget_(budget), turnCame_(std::move(turnCame)) {}
 
   TlsConnection& connection() { return connection_; }

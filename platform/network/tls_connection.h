@@ -46,8 +46,7 @@ class TlsConnection {
   CWmError handshake(const Deadline& deadline);
   CWmError tryHandshake(Waiting& waiting);
 
-  // Reads some of `size` bytes; `got` tells how many came, which is 0 only when there is something to wait
-  // for.
+  // Reads some of `size` bytes; `got` tells how many came, which is 0 only when the caller has to wait.
   CWmError tryRead(char* data, std::size_t size, std::size_t& got, Waiting& waiting);
 
   // Writes both parts, one after the other.

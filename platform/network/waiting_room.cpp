@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "lqregistry/ObDebug.h"
-#include "platform/network/network_impl.h"
+#include "platform/network/session.h"
 
 using std::chrono::milliseconds;
 
@@ -30,8 +30,8 @@ constexpr CallerNumber kWakeEvent = kListenerEvent - 1;
 // How many events are taken up, and callers greeted, before the others have their turn.
 constexpr int kEventsAtOnce = 256;
 constexpr int kGreetingsAtOnce = 64;
-// A look at the descriptors left is as dear as a greeting; it is taken once for so many, far fewer than are
-// kept.
+// A look at the descriptors left costs as much as a greeting; it is taken once for this many, far fewer than
+// are kept in reserve.
 constexpr int kGreetingsPerLook = 16;
 // And how many are put out: to close thousands of sockets in one go would hold everybody up.
 constexpr int kPartingsAtOnce = 64;
@@ -87,10 +87,9 @@ CWmError hungUp() {
   return {kLqErrConnectionLost, "the peer closed the connection"};
 }
 
-// Whether the end of a caller that never attached is worth a word: it did something wrong, and not just
-// nothing.
-bool tellsSomething(const CWmError& reason) {
-  return reason.GetCode() != kLqErrTimeout && reason.GetCode() != kLqErrConnectionLost;
+// Whether the end of a caller that never attached is worth a word: it did something wrong, not just nothing.
+bool tellsSomething(const CWmError& error) {
+  return error.GetCode() != kLqErrTimeout && error.GetCode() != kLqErrConnectionLost;
 }
 
 }  // namespace
@@ -244,7 +243,7 @@ void WaitingRoom::take(const epoll_event& event) {
   } else if (number == kWakeEvent) {
     wakeUp();
   } else if (const auto caller = callers_.find(number); caller != callers_.end()) {
-    // Who waits for memory is not watched for bytes: only its end can have come.
+    // Whoever waits for memory is not watched for bytes: only its end can have come.
     if (caller->second.waiting == Waiting::kTurn) {
       letGo(caller, hungUp());
     } else {
@@ -438,22 +437,37 @@ void WaitingRoom::handOut(Callers::iterator caller) {
   putIntoReady(std::move(session), wasAttached);
 }
 
-void WaitingRoom::letGo(Callers::iterator caller, const CWmError& reason) {
+void WaitingRoom::letGo(Callers::iterator caller, const CWmError& error) {
   const bool wasAttached = caller->second.isAttached;
   std::unique_ptr<CLqNetwork> session = remove(caller);
-  session->impl_->giveUp(reason);
-  if (!wasAttached && (reason.GetCode() == kLqErrHandshake || !tellsSomething(reason))) ++forgotten_;
-  if (!wasAttached && !tellsSomething(reason)) session.reset();
+  session->impl_->giveUp(error);
+  if (!wasAttached && (error.GetCode() == kLqErrHandshake || !tellsSomething(error))) ++forgotten_;
+  if (!wasAttached && !tellsSomething(error)) session.reset();
   putIntoReady(std::move(session), wasAttached);
 }
 
 void WaitingRoom::putIntoReady(std::unique_ptr<CLqNetwork> session, bool wasAttached) {
+  std::unique_ptr<CLqNetwork> surplus;  // ends once the room is unlocked
   const std::lock_guard lock(mutex_);
   --(wasAttached ? census_.attached : census_.callers);
   const bool hasEnded = session != nullptr && session->impl_->givenUp.IsError();
-  if (session != nullptr && !isStopped_ && !(hasEnded && ready_.size() >= kMaxEndedReady))
+  if (session != nullptr && !isStopped_ && !(hasEnded && ready_.size() >= kMaxEndedReady)) {
+    if (!hasEnded) surplus = takeSurplusOf(session->impl_->peerName);
     ready_.push_back(std::move(session));
+  }
   tell();
+}
+
+// One client that does not take its answers, and asks on in ever new sessions, would otherwise fill the room
+// with sessions that nobody may put out, because they owe nothing.
+std::unique_ptr<CLqNetwork> WaitingRoom::takeSurplusOf(const std::string& identity) {
+  const auto isOfIt = [&](const auto& session) { return session->impl_->peerName == identity; };
+  const auto count = static_cast<std::size_t>(std::count_if(ready_.begin(), ready_.end(), isOfIt));
+  if (count < limits_.readyPerIdentity) return nullptr;
+  const auto oldest = std::find_if(ready_.begin(), ready_.end(), isOfIt);
+  std::unique_ptr<CLqNetwork> surplus = std::move(*oldest);
+  ready_.erase(oldest);
+  return surplus;
 }
 
 // --- who has to go -----------------------------------------------------------------------------------------

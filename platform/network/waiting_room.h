@@ -7,9 +7,8 @@
 // that came to its end in the room is handed out too, closed, so that whoever serves sessions learns why.
 //
 // Who may be put out, and when, is told in LqListener. Room is needed when a limit is passed or descriptors
-// run short; then the largest group that has somebody to
-// give gives, oldest first. A silent caller costs a socket and a few hundred
-// bytes: TLS state is made with its first byte.
+// run short; then the largest group that has somebody to give gives, oldest first. A silent caller costs a
+// socket and a few hundred bytes: TLS state is made with its first byte.
 #pragma once
 
 #include <sys/types.h>
@@ -84,8 +83,11 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   void watch(CallerNumber number, Caller& caller, Waiting waiting);
   std::unique_ptr<CLqNetwork> remove(Callers::iterator caller);
   void handOut(Callers::iterator caller);
-  void letGo(Callers::iterator caller, const CWmError& reason);
+  void letGo(Callers::iterator caller, const CWmError& error);
   void putIntoReady(std::unique_ptr<CLqNetwork> session, bool wasAttached);
+  // The oldest session of the identity that waits to be handed out, when there are too many; else null. With
+  // the mutex held.
+  std::unique_ptr<CLqNetwork> takeSurplusOf(const std::string& identity);
 
   // Puts out whose time has passed; at most every so often, since it looks at everybody.
   void sweep();

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqSettings.h"
 
 namespace {
 
@@ -18,14 +19,15 @@ const char* intern(const char* text) {
 }
 
 // An empty directory is none: joined with a name it would be the file system's root.
-const char* directoryOrNull(LQPlatformInfo& info, const char* section, const char* name,
+const char* directoryOrNull(LQPlatformInfo& info, const lqsettings::Setting& setting,
                             std::string& directory) {
-  return info.getDirectory(section, name, directory) && !directory.empty() ? directory.c_str() : nullptr;
+  return info.getDirectory(setting.key, setting.name, directory) && !directory.empty() ? directory.c_str()
+                                                                                       : nullptr;
 }
 
 bool isInstalled(LQPlatformInfo& info, const std::string& name) {
   std::int64_t installed = 0;
-  return info.getNumber("Packages", name, installed) && installed != 0;
+  return info.getNumber(lqsettings::kPackagesKey, name, installed) && installed != 0;
 }
 
 }  // namespace
@@ -45,26 +47,26 @@ void LQPI_Session::setFocus(const char* focus) {
 
 int LQPI_Session::IsAntiChatterFlagOn() {
   std::int64_t flag = 1;
-  info_.getNumber("Session", "bANTICHATTER", flag);
+  info_.getNumber(lqsettings::kAntiChatter.key, lqsettings::kAntiChatter.name, flag);
   return flag != 0 ? 1 : 0;
 }
 
 const char* LQPI_EventManager::getLogFilesDirectory() {
-  return directoryOrNull(info_, "EventManager", "dOBLOGDIR", directory_);
+  return directoryOrNull(info_, lqsettings::kLogDirectory, directory_);
 }
 
 const char* LQPI_Base::getVelmorDirectory() {
-  return directoryOrNull(info_, "Base", "dVELMORHOME", directory_);
+  return directoryOrNull(info_, lqsettings::kVelmorHome, directory_);
 }
 
 const char* LQPI_PlatformBase::getBaseHomeDirectory() {
-  return directoryOrNull(info_, "Base", "dBASEHOME", directory_);
+  return directoryOrNull(info_, lqsettings::kBaseHome, directory_);
 }
 
 bool LQPI_PlatformBase::IsFullSHInstalled() {
-  return isInstalled(info_, "bFULLSPOOLHAND");
+  return isInstalled(info_, lqsettings::kFullSpoolhand.name);
 }
 
 bool LQPI_PlatformBase::IsThisPackageInstalled(int package) {
-  return isInstalled(info_, "nPACKAGE_" + std::to_string(package));
+  return isInstalled(info_, lqsettings::kPackagePrefix + std::to_string(package));
 }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 #include "platform/registry/registry_path.h"
 #include "platform/registry/registry_store.h"
 
@@ -192,18 +193,20 @@ bool LQPlatformInfo::getDirectory(const std::string& section, const std::string&
 
 bool LQPlatformInfo::findOverhubHostName(char* buffer) {
   std::string host;
-  getString("Overhub", "sOHHOSTNAME", host);
+  getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, host);
   return copyText(host, buffer, kHostNameBuffer);
 }
 
 bool LQPlatformInfo::getOverhubClientName(char* buffer, std::size_t size) {
   std::string client;
-  getString("Overhub", "sOHCLIENTNAME", client);
+  getString(lqsettings::kServerName.key, lqsettings::kServerName.name, client);
   return copyText(client, buffer, size);
 }
 
 const char* LQPlatformInfo::getPhysicalMachine() {
-  return getString("Machine", "sPHYSICALNAME", physicalMachine_) ? physicalMachine_.c_str() : nullptr;
+  return getString(lqsettings::kPhysicalMachine.key, lqsettings::kPhysicalMachine.name, physicalMachine_)
+             ? physicalMachine_.c_str()
+             : nullptr;
 }
 
 bool LQPlatformInfo::getClientHostName(const char* machine, char* buffer, std::size_t max) {
@@ -213,8 +216,10 @@ bool LQPlatformInfo::getClientHostName(const char* machine, char* buffer, std::s
   std::string host = machine;
   std::string thisMachine;
   std::string hostOfThisMachine;
-  if (getString("Machine", "sPHYSICALNAME", thisMachine) && thisMachine == host &&
-      getString("Machine", "sHOSTNAME", hostOfThisMachine) && !hostOfThisMachine.empty())
+  if (getString(lqsettings::kPhysicalMachine.key, lqsettings::kPhysicalMachine.name, thisMachine) &&
+      thisMachine == host &&
+      getString(lqsettings::kHostName.key, lqsettings::kHostName.name, hostOfThisMachine) &&
+      !hostOfThisMachine.empty())
     host = std::move(hostOfThisMachine);
   host.resize(std::min(host.size(), max));
   return copyText(host, buffer, max + 1);
@@ -222,12 +227,13 @@ bool LQPlatformInfo::getClientHostName(const char* machine, char* buffer, std::s
 
 bool LQPlatformInfo::getClientNameFromHostName(const std::string& host, std::string& out) {
   out.clear();
-  return !host.empty() && getString("Hosts/" + host, "sCLIENTNAME", out);
+  return !host.empty() &&
+         getString(std::string(lqsettings::kHostsKey) + "/" + host, lqsettings::kClientOfHost, out);
 }
 
 unsigned LQPlatformInfo::getLQPlatformType() {
   std::int64_t bits = 0;
-  if (!getNumber("Machine", "nPLATFORMTYPE", bits)) return kPlatformUnix;
+  if (!getNumber(lqsettings::kPlatformType.key, lqsettings::kPlatformType.name, bits)) return kPlatformUnix;
   const bool plausible = bits >= 0 && bits <= std::numeric_limits<unsigned>::max();
   return plausible ? static_cast<unsigned>(bits) : kPlatformUnix;
 }

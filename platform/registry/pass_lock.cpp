@@ -4,6 +4,7 @@
 // each time through a descriptor of its own. The file is never removed: a lock on a removed file would
 // exclude nobody.
 #include "lqregistry/LqPassLock.h"
+#include "lqregistry/UtcText.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -64,12 +65,8 @@ std::string lockPath() {
 
 // "process 17 (refresh, since 2030-01-02T03:04:05Z)"
 std::string noteOf(const std::string& task) {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
-  std::array<char, 32> since{};
-  std::strftime(since.data(), since.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return "process " + std::to_string(getpid()) + " (" + task + ", since " + since.data() + ")";
+  return "process " + std::to_string(getpid()) + " (" + task + ", since " +
+         lqtext::utcText(std::time(nullptr)) + ")";
 }
 
 std::string readNote(int file) {

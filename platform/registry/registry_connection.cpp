@@ -81,14 +81,6 @@ constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatem
     "SELECT name, data FROM key_values WHERE key_id = ?1 ORDER BY name",
 };
 
-// A key's path is its parent's and its name; a value belongs to a key.
-constexpr const char* kIntegrityCheck = "PRAGMA integrity_check(1)";
-constexpr const char* kOrphanCheck = "PRAGMA foreign_key_check";
-constexpr const char* kPathCheck =
-    "SELECT k.id FROM keys k LEFT JOIN keys p ON p.id = k.parent WHERE k.path IS NOT "
-    "CAST(CASE k.parent WHEN 0 THEN k.name ELSE p.path || '/' || k.name END AS BLOB) LIMIT 1";
-constexpr const char* kSound = "ok";
-
 std::string systemText(int error) {
   return std::generic_category().message(error);
 }
@@ -165,9 +157,9 @@ Outcome Connection::open(const std::string& path, Access access, std::chrono::mi
   close();
   path_ = path;
   wait_ = wait;
-  const CWmError trust = FXFile::CheckTrusted(path);
-  if (trust.IsError()) return unavailable(trust.AsString());
-  // Asked for first: who is just making the registry makes the key last.
+  const CWmError error = FXFile::CheckTrusted(path);
+  if (error.IsError()) return unavailable(error.AsString());
+  // Asked for first: whoever is just making the registry makes the key last.
   const bool hasKey = lqsecret::keyFileExists(keyFileOf(path));
   FileState state;
   Outcome outcome = inspect(path, state);
@@ -221,20 +213,6 @@ Outcome Connection::openCopy(const std::string& path) {
     return unavailable("it lies where nothing can be written, and a copy to read failed: " + reason);
   isCopy_ = true;
   return {};
-}
-
-Outcome Connection::check() {
-  std::string found;
-  int result = firstRow(kIntegrityCheck, found);
-  if (result == SQLITE_OK && found != kSound) return unavailable("it is damaged: " + found);
-  found.clear();
-  if (result == SQLITE_OK) result = firstRow(kOrphanCheck, found);
-  if (result == SQLITE_OK && !found.empty())
-    return unavailable("it is damaged: it holds values without a key");
-  if (result == SQLITE_OK) result = firstRow(kPathCheck, found);
-  if (result == SQLITE_OK && !found.empty())
-    return unavailable("it is damaged: key " + found + " has another path than its parent and name say");
-  return result == SQLITE_OK ? Outcome{} : failure(result);
 }
 
 int Connection::firstRow(const char* sql, std::string& text) {
@@ -320,7 +298,7 @@ Outcome Connection::commitWithNewKey() {
   int result = addKeyFingerprint(fingerprint);
   if (result == SQLITE_OK) result = execute("COMMIT");
   // A key that stays behind is found and put in place by who needs it first.
-  if (result == SQLITE_OK) lqsecret::placeKey(keyFile);
+  if (result == SQLITE_OK) static_cast<void>(lqsecret::placeKey(keyFile));
   return ended(result);
 }
 

@@ -20,7 +20,7 @@ namespace lqregistry {
 
 // What an operation came to: a kReg code and, unless it is kRegOk, the reason in words (without file, key and
 // value, which the caller adds).
-struct Outcome {
+struct [[nodiscard]] Outcome {
   int code = kRegOk;
   std::string reason;
   bool locked = false;  // kRegUnavailable because another process held its lock for too long

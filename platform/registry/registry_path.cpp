@@ -2,14 +2,16 @@
 #include "platform/registry/registry_path.h"
 
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 
 namespace lqregistry {
 
+using lqsettings::kAbsoluteRoot;
+using lqsettings::kInstanceRoot;
+using lqsettings::kInstancesKey;
+
 namespace {
 
-constexpr std::string_view kAbsolutePrefix = "SOFTWARE";
-constexpr std::string_view kInstancesKey = "SOFTWARE/Velmor";
-constexpr char kRootSign = '~';
 constexpr char kSeparator = '/';
 
 void appendComponents(std::string_view components, std::string& path) {
@@ -36,7 +38,7 @@ bool ResolvePath(std::string_view key, std::string_view instance, std::string& p
     return false;
   }
   std::string resolved;
-  if (!key.starts_with(kAbsolutePrefix)) {
+  if (!key.starts_with(kAbsoluteRoot)) {
     if (instance.empty()) {
       reason = "the key path is relative and no instance is in focus";
       return false;
@@ -46,7 +48,7 @@ bool ResolvePath(std::string_view key, std::string_view instance, std::string& p
       return false;
     }
     resolved = instanceRoot(instance);
-    if (key.starts_with(kRootSign)) key.remove_prefix(1);
+    if (key.starts_with(kInstanceRoot)) key.remove_prefix(1);
   }
   appendComponents(key, resolved);
   if (resolved.size() > kMaxPathBytes) {
@@ -71,7 +73,7 @@ bool CheckValueName(std::string_view name, std::string& reason) {
 }
 
 bool HoldsInstance(std::string_view path) {
-  if (path == kAbsolutePrefix || path == kInstancesKey) return true;
+  if (path == kAbsoluteRoot || path == kInstancesKey) return true;
   const std::string below = std::string(kInstancesKey) + '/';
   return path.starts_with(below) && path.find('/', below.size()) == std::string_view::npos;
 }

@@ -9,8 +9,8 @@
 namespace lqregistry {
 
 // Resolves `key` as seen from `instance` (may be empty) into `path`: components joined by "/", none empty.
-// False with a reason for people when the path holds a NUL, is too long, or needs an instance and there is
-// none.
+// False, with a `reason` for people, when the path holds a NUL or is too long, or needs an instance and none
+// is given.
 bool ResolvePath(std::string_view key, std::string_view instance, std::string& path, std::string& reason);
 
 // False with a reason when a value cannot have this name.

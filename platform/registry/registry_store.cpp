@@ -2,6 +2,7 @@
 // transaction is in registry_transactions.cpp.
 #include "platform/registry/registry_store.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +24,9 @@ constexpr std::int64_t kNoParent = 0;
 // registry is being created, or recovered after a crash.
 constexpr std::chrono::milliseconds kReadWait{5000};
 
+// For the handler of a fork, which must not wait until get() has made it.
+RegistryStore* forkedStore = nullptr;
+
 Outcome keyMissing() {
   return {kRegKeyMissing, "the key does not exist"};
 }
@@ -41,16 +45,36 @@ std::string absolutePath(const std::string& path) {
 RegistryStore& RegistryStore::get() {
   // Never destroyed: threads that outlive main() may still read. The connection is closed all the same, so
   // that a program which ends leaves one tidy file behind.
-  static auto* const store = new RegistryStore;
+  static auto* const store = [] {
+    forkedStore = new RegistryStore;
+    pthread_atfork(nullptr, nullptr, [] { forkedStore->noteFork(); });
+    return forkedStore;
+  }();
   static const struct Closer {
     ~Closer() { store->closeAtExit(); }
   } closer;
   return *store;
 }
 
+// A forked child must not use or close what its parent uses (the file's locks are not inherited, although
+// SQLite would think so), nor wait for a lock that a thread of the parent held.
+void RegistryStore::noteFork() {
+  isInherited_ = writer_.isOpen() || reader_.isOpen();
+}
+
+Outcome RegistryStore::inherited() {
+  Outcome outcome{
+      kRegUnavailable,
+      "this process was forked from one that had the registry open; use it in one of the two only, "
+      "which opens it after the fork, or start a program"};
+  if (!isTold_.exchange(true))
+    ObEvent().Error("lqregistry::RegistryStore", "The registry file cannot be used: %s",
+                    outcome.reason.c_str());
+  return outcome;
+}
+
 void RegistryStore::closeAtExit() {
-  // A forked child must not close what its parent uses, nor wait for a lock that a thread of the parent held.
-  if (openedBy_ != getpid()) return;
+  if (isInherited_) return;
   const std::unique_lock writer(writerLock_, std::try_to_lock);
   if (!writer.owns_lock()) return;
   const std::lock_guard reader(readerLock_);
@@ -59,6 +83,7 @@ void RegistryStore::closeAtExit() {
 }
 
 void RegistryStore::useFile(const std::string& path) {
+  if (isInherited_) return;
   const std::lock_guard writer(writerLock_);
   const std::lock_guard reader(readerLock_);
   const std::lock_guard state(stateLock_);
@@ -84,6 +109,7 @@ const std::string& RegistryStore::pathInForce() {
 }
 
 Outcome RegistryStore::check() {
+  if (isInherited_) return inherited();
   // Through a connection of its own: the check reads the whole file, which nobody else has to wait for.
   Connection connection;
   const Outcome outcome = connection.open(file(), Access::kReading, kReadWait);
@@ -103,13 +129,13 @@ Outcome RegistryStore::openFor(Connection& connection, Access access) {
     return {kRegUnavailable, "the file is read-only"};
   Outcome outcome = connection.open(path, access, kReadWait);
   if (!outcome.ok()) return outcome;
-  openedBy_ = getpid();
   if (access == Access::kWriting && connection.isReadOnly())
     return {kRegUnavailable, "the file is read-only"};
   return {};
 }
 
 Outcome RegistryStore::read(const std::function<Outcome(Connection&)>& look) {
+  if (isInherited_) return inherited();
   if (isBatchHere()) {
     holdStill();
     return readFrom(writer_, look);

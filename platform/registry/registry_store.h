@@ -3,16 +3,16 @@
 // Two connections per process. All writes go through one of them, and so do the reads of the thread that has
 // a batch open, which therefore sees what it has written; every other thread reads through the second one,
 // which shows what is committed. Three locks, always taken in this order:
+// clang-format off
 //   the writer lock  recursive; guards the writing connection; held for each write and for the whole life of
-//   a
-//                    batch, so that no other thread's write joins a transaction that is not its own
+//                    a batch, so that no other thread's write joins a transaction that is not its own
 //   the reader lock  guards the reading connection; held for one look-up at a time, so readers wait for no
 //                    writer
 //   the state lock   guards the path and the reasons that were logged; held for a moment
+// clang-format on
+// A child that was forked while the file was open can use neither: connections and locks are its parent's.
 // Paths and names that come here are resolved and checked (registry_path.h).
 #pragma once
-
-#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -90,6 +90,8 @@ class RegistryStore {
 
   RegistryStore() = default;
   void closeAtExit();
+  void noteFork();
+  Outcome inherited();
 
   Outcome openFor(Connection& connection, Access access);
   Outcome read(const std::function<Outcome(Connection&)>& look);
@@ -142,7 +144,8 @@ class RegistryStore {
 
   std::atomic<std::thread::id> batchOwner_;
   std::atomic<std::chrono::milliseconds> writeWait_{kDefaultWriteWait};
-  std::atomic<pid_t> openedBy_{0};
+  std::atomic<bool> isInherited_{false};  // by a forked child, from a parent that had the file open
+  std::atomic<bool> isTold_{false};       // that it is; without the state lock, which may be held for ever
 };
 
 }  // namespace lqregistry

@@ -21,6 +21,7 @@ constexpr milliseconds kWriteLockPoll{10};
 }  // namespace
 
 Outcome RegistryStore::change(const Change& change) {
+  if (isInherited_) return inherited();
   const std::lock_guard writer(writerLock_);
   holdStill();
   Outcome outcome;
@@ -129,8 +130,8 @@ void RegistryStore::rollBack() {
 
 // A batch that locks at once compares nothing before it has the write lock, also after a transaction was
 // lost. Where nothing may be written, one snapshot takes the lock's place. When another process keeps the
-// lock, the comparisons go on without it: what is there already needs no write, and a write takes the lock or
-// fails.
+// lock, the comparisons go on without it: what is there already needs no write, and a write then takes the
+// lock or fails.
 void RegistryStore::holdStill() {
   noteLoss();
   if (!locksAtOnce_ || writer_.inTransaction()) return;
@@ -146,6 +147,7 @@ void RegistryStore::noteLock(const Outcome& outcome) {
 }
 
 void RegistryStore::beginBatch() {
+  if (isInherited_) return;
   writerLock_.lock();
   if (batchDepth_++ != 0) return;
   lostWrites_ = false;
@@ -154,11 +156,13 @@ void RegistryStore::beginBatch() {
 }
 
 void RegistryStore::lockBatch() {
+  if (isInherited_) return;
   locksAtOnce_ = true;
   holdStill();
 }
 
 bool RegistryStore::endBatch() {
+  if (isInherited_) return false;
   noteLoss();
   if (batchDepth_ == 1 && writer_.inTransaction()) {
     const Outcome outcome = commitTransaction();
@@ -170,6 +174,7 @@ bool RegistryStore::endBatch() {
 }
 
 void RegistryStore::abandonBatch() {
+  if (isInherited_) return;
   rollBack();
   lostWrites_ = true;
   leaveBatch();

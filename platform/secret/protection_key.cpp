@@ -81,7 +81,7 @@ void placeStagedKey(const KeyFacts& facts) {
   std::string staged;
   if (keyFileExists(facts.path) || facts.fingerprint.empty()) return;
   if (fingerprintOf(facts.path + kStagedSuffix, staged).IsError() || staged != facts.fingerprint) return;
-  placeKey(facts.path);
+  static_cast<void>(placeKey(facts.path));  // whoever reads the key says that it is not in place
 }
 
 CWmError missingKey(const KeyFacts& facts) {
@@ -187,8 +187,15 @@ CWmError stageKey(const std::string& path, std::string& text) {
 
 CWmError placeKey(const std::string& path) {
   const std::string staged = path + kStagedSuffix;
-  // A link never replaces what somebody else has put there meanwhile.
-  if (::link(staged.c_str(), path.c_str()) != 0 && errno != EEXIST) return lqfile::errorOf(path);
+  // A link never replaces what somebody else has put there meanwhile. If that is another key, the staged one
+  // is the only copy of what protects the store.
+  if (::link(staged.c_str(), path.c_str()) != 0) {
+    std::string mine;
+    std::string there;
+    if (errno != EEXIST) return lqfile::errorOf(path);
+    if (fingerprintOf(staged, mine).IsError() || fingerprintOf(path, there).IsError() || mine != there)
+      return keyError(path, "something else has been put here; the protection key is " + staged);
+  }
   CWmError error = lqfile::syncDirectoryOf(path);
   if (!error.IsError()) ::unlink(staged.c_str());
   return error;

@@ -18,8 +18,7 @@ namespace lqsecret {
 
 inline constexpr std::size_t kKeyBytes = 64;  // AES-256-SIV takes two keys of 32 bytes
 
-// The bytes of a key, wiped at the end. There is one object for a key that is in use; nobody copies the
-// bytes.
+// The bytes of a key, wiped at the end. There is one object for each key in use; nobody copies it.
 struct Key {
   Key() = default;
   ~Key();
@@ -29,7 +28,7 @@ struct Key {
   std::array<unsigned char, kKeyBytes> bytes{};
 };
 
-// Who is about to protect something may have the store made that the key belongs to.
+// Whoever is about to protect something may have the store made that the key belongs to.
 enum class KeyUse { kProtect, kReveal };
 
 // What the store knows of its key.

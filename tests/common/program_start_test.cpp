@@ -2,7 +2,6 @@
 // is full an error like any other.
 #include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "common/program_start.h"
 #include "tests/lqhost/host_fixture.h"
@@ -31,19 +30,23 @@ class ProgramStart : public HostTest {
 
 TEST_F(ProgramStart, ACommandOfRootRunsAsTheUserThatTheRegistryBelongsTo) {
   const uid_t user = giveAway(dir_.path());
-  setValue("A", "name", "data");
+  const std::vector<std::string> value{"--instance", "Instance001", "A", "name"};
+  const auto lqreg = [&](std::vector<std::string> words) {
+    words.insert(words.begin() + 1, value.begin(), value.end());
+    return runProgram(onClient(words, "lqreg"));
+  };
+  EXPECT_EQ(lqreg({"set", "data"}).exitCode, 0);
   for (const char* const suffix : {"", ".key"}) EXPECT_EQ(ownerOf(clientRegistry_ + suffix), user);
-  EXPECT_EQ(valueOf("A", "name"), "data");
+  EXPECT_EQ(lqreg({"get"}).out, "data\n");
 
   // The file counts before its folder; what it belongs to is nobody else's to write.
   ASSERT_EQ(chown(dir_.path().c_str(), geteuid(), getegid()), 0);
-  const auto refused =
-      test_support::runProgram(onClient({"set", "--instance", "I1", "A", "name", "new"}, "lqreg"));
+  const auto refused = runProgram(onClient({"set", "--instance", "I1", "A", "name", "new"}, "lqreg"));
   EXPECT_EQ(refused.exitCode, geteuid() == 0 ? 3 : 0) << refused.err;
 }
 
 TEST_F(ProgramStart, JoiningAsRootIsForTheUserThatTheInstallationBelongsTo) {
-  expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+  addClient();
   fs::create_directory(home_);
   fs::permissions(home_, fs::perms::owner_all);
   const uid_t user = giveAway(home_);
@@ -63,12 +66,10 @@ TEST_F(ProgramStart, JoiningAsRootIsForTheUserThatTheInstallationBelongsTo) {
 }
 
 TEST_F(ProgramStart, AJoinIntoAPlaceThatOthersMayWriteIsRefused) {
-  expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+  addClient();
   fs::create_directories(home_ + "/Base");
   ASSERT_EQ(chmod((home_ + "/Base").c_str(), 0777), 0);
-  const auto refused = lqhost({"join", joinFile_, "--home", home_});
-  EXPECT_EQ(refused.exitCode, 3);
-  EXPECT_TRUE(contains(refused.err, "chmod go-w " + home_ + "/Base")) << refused.err;
+  expectErr(lqhost({"join", joinFile_, "--home", home_}), 3, {"chmod go-w " + home_ + "/Base"});
   EXPECT_FALSE(fs::exists(clientRegistry_));
 }
 
@@ -77,8 +78,7 @@ TEST_F(ProgramStart, GivesUpEveryRightOfRootForGood) {
     EXPECT_FALSE(programs::becomeServiceUser({"/etc/passwd", dir_.path()}).IsError()) << "nothing to do";
     return;
   }
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = startChild([&] {
     giveAway(dir_.path());
     const gid_t roots[] = {0, 4};
     if (setgroups(2, roots) != 0) _exit(2);
@@ -93,23 +93,20 @@ TEST_F(ProgramStart, GivesUpEveryRightOfRootForGood) {
     isClean = isClean && getresuid(&ids[0], &ids[1], &ids[2]) == 0 &&
               getresgid(&groupIds[0], &groupIds[1], &groupIds[2]) == 0;
     for (int i = 0; i < 3; ++i) isClean = isClean && ids[i] == kNobody && groupIds[i] == kNobody;
-    _exit(isClean ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return isClean ? 0 : 1;
+  });
+  EXPECT_EQ(endOf(child), 0);
 }
 
 TEST_F(ProgramStart, AFileThatMayGrowNoFurtherIsAnErrorThatIsTold) {
-  expectOk({"add-client", "web-1", "--server-host", address_, "--join-file", joinFile_});
+  addClient();
   const std::vector<std::string> commands[] = {
       onClient({"set", "--instance", "I1", "A", "name", "data"}, "lqreg"),
       onClient({"join", joinFile_, "--home", home_}),
-      {test_support::programPath("overhub"), "--data", data_, "set", "web-1", "p", "n",
-       std::string(2000, 'v')}};
+      {programPath("overhub"), "--data", data_, "set", "web-1", "p", "n", std::string(2000, 'v')}};
   for (std::vector<std::string> command : commands) {
     command.insert(command.begin(), {"sh", "-c", "ulimit -f 1; exec \"$0\" \"$@\""});
-    const auto result = test_support::runProgram(command);
+    const auto result = runProgram(command);
     EXPECT_EQ(result.exitCode, 3) << command[3] << ": " << result.err;
     EXPECT_NE(result.err, "") << command[3];
   }

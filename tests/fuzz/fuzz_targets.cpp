@@ -4,18 +4,14 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <map>
-#include <string>
 #include <string_view>
-#include <thread>
 
 #include "common/join_file.h"
-#include "common/text_table.h"
+#include "common/terminal_text.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
@@ -23,15 +19,12 @@
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
 #include "platform/message/text_escape.h"
-#include "platform/network/attach_request.h"
 #include "platform/network/target.h"
 #include "platform/registry/registry_path.h"
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 
 namespace {
-
-using test_support::PeerSession;
 
 // What libFuzzer keeps as a finding.
 void demand(bool holds, const char* what) {
@@ -89,7 +82,7 @@ constexpr int kSeconds = 10;  // for the callee to see the end; the caller close
 
 // A caller who holds the key and then sends these bytes inside the session.
 void caller(const std::string& bytes, bool isAttached) {
-  static const std::string address = test_support::uniqueLoopbackAddress();
+  static const std::string address = uniqueLoopbackAddress();
   static const std::string keyHex = newSessionKeyHex();
   static LqListener listener([](const std::string& identity, std::string& key) {
     return identity == kIdentity && sessionKeyFromHex(keyHex, key);
@@ -97,12 +90,8 @@ void caller(const std::string& bytes, bool isAttached) {
   static const bool isOpen = !listener.open(address, kPort).IsError();
   demand(isOpen, "the listener opens");
   const auto ask = [](PeerSession& session, const char* library) {
-    AttachRequest request;
-    request.version = kAttachProtocolVersion;
-    request.library = std::string(library);
-    std::string text;
-    request.serialize(text, false);
-    session.writeFrame(PeerSession::kAttach, text);
+    session.writeFrame(PeerSession::kAttach,
+                       R"(<Session.AttachRequest version="1" library=")" + std::string(library) + R"("/>)");
   };
   std::jthread peer([&] {
     {
@@ -111,7 +100,7 @@ void caller(const std::string& bytes, bool isAttached) {
       if (isAttached) ask(*session, "library");
       session->writeInTls(bytes);
     }
-    // One who leaves before it has asked is nobody's business but the room's; the one behind it is let in.
+    // One that leaves before it has asked concerns the room alone; the one behind it is let in.
     const auto next = PeerSession::call(address, kPort, kIdentity, keyHex);
     demand(next != nullptr, "the next caller gets through the handshake");
     ask(*next, kNextLibrary);
@@ -124,7 +113,7 @@ void caller(const std::string& bytes, bool isAttached) {
     if (session->AcceptAttach(library, name).IsError()) continue;
     if (std::string_view(library.libraryName) == kNextLibrary) return;
     if (session->IsAsking()) {
-      session->ConfirmAttach();
+      static_cast<void>(session->ConfirmAttach());  // the caller may be gone
     } else {
       bool peerGone = false;
       std::unique_ptr<CNMessageBase> message;
@@ -162,16 +151,23 @@ void target(const std::string& bytes) {
 }
 
 void escapes(const std::string& bytes) {
-  const std::string text = lqmessage::escaped(bytes);
-  std::string back;
-  demand(lqmessage::unescape(text, back) && back == bytes, "escaped bytes come back");
-  for (const std::string& shown : {text, programs::escapedForTerminal(bytes)})
-    for (const char c : shown)
+  const auto demandPrintable = [](const std::string& text) {
+    for (const char c : text)
       demand(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f,
              "what is escaped holds no control character");
+  };
+  demandPrintable(programs::escapedForTerminal(bytes));
+  std::string text;
+  lqmessage::appendAttribute(text, bytes);
+  demandPrintable(text);
+  demand(text.find_first_of("<\"") == std::string::npos, "what is escaped holds no markup");
+  std::string back;
   if (!lqmessage::unescape(bytes, back)) return;
+  // Where XML has nothing to resolve, what is unescaped is what was escaped.
+  text.clear();
+  lqmessage::appendAttribute(text, back);
   std::string again;
-  demand(lqmessage::unescape(lqmessage::escaped(back), again) && again == back,
+  demand(text.find('&') != std::string::npos || (lqmessage::unescape(text, again) && again == back),
          "what was unescaped survives another round");
 }
 
@@ -187,9 +183,9 @@ void protectedText(const std::string& bytes) {
 }
 
 void joinFile(const std::string& bytes) {
-  static const test_support::TempDir folder;
+  static const TempDir folder;
   static const std::string path = folder / "fuzz.join";
-  test_support::writeFile(path, bytes);
+  writeFile(path, bytes);
   programs::JoinFile read;
   std::string error;
   if (!programs::readJoinFile(path, read, error)) {
@@ -200,11 +196,10 @@ void joinFile(const std::string& bytes) {
   demand(read.clientId > 0 && sessionKeyFromHex(read.sessionKeyHex, key), "an accepted join file is usable");
   for (const std::string& word : {read.serverHost, read.serverName, read.clientName})
     if (!programs::fitsJoinFile(word)) return;
-  test_support::writeFile(path, programs::joinFileText(read));
+  writeFile(path, programs::joinFileText(read));
   programs::JoinFile again;
-  demand(programs::readJoinFile(path, again, error) && again.serverHost == read.serverHost &&
-             again.serverName == read.serverName && again.clientName == read.clientName &&
-             again.clientId == read.clientId && again.sessionKeyHex == read.sessionKeyHex,
+  demand(programs::readJoinFile(path, again, error) &&
+             programs::joinFileText(again) == programs::joinFileText(read),
          "a join file that is written anew says the same");
 }
 
@@ -237,11 +232,11 @@ const FuzzTarget& chosenTarget() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const test_support::TempDir folder;
+  static const TempDir folder;
   static const FuzzTarget& run = []() -> const FuzzTarget& {
     oblog::Settings quiet;
     quiet.toStandardError = false;
-    oblog::Configure(quiet);
+    static_cast<void>(oblog::Configure(quiet));  // fails over a log file only
     lqregistry::UseFile(folder / "registry.db");
     LQPI_Focus::setFocus("Instance001");
     LQPlatformInfo registry;  // the protection key belongs to a registry that is there

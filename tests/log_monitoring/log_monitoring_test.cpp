@@ -3,8 +3,6 @@
 
 #include <dlfcn.h>
 
-#include <filesystem>
-
 #include "lqregistry/ClientProperties.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -13,7 +11,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 
 constexpr auto checkLogs = LqSluiceLogMonitoringInterface_CheckLogMonitoringData;
 constexpr auto processAlerts = LqSluiceLogMonitoringInterface_processLogMonitoringAlertRule;
@@ -34,7 +31,7 @@ class LogMonitoring : public ProductTest {
     LQClient::recordClient("machine42", kId);
     setValue("Base", "dVELMORHOME", dir_ / "home/");
     fs::create_directories(dir_ / "home/LM");
-    test_support::writeFile(workFile_, "");
+    writeFile(workFile_, "");
     setenv("LQ_HELPER_RECORD", record_.c_str(), 1);
     useHelper("librecording_helper.so");
   }
@@ -46,7 +43,7 @@ class LogMonitoring : public ProductTest {
 
   // What the helper was called with since it was last asked.
   std::string calls() const {
-    const std::string recorded = test_support::readFile(record_);
+    const std::string recorded = readFile(record_);
     fs::remove(record_);
     return recorded;
   }
@@ -58,28 +55,6 @@ class LogMonitoring : public ProductTest {
     Lines all = linesOf(log_);
     log_.Clear();
     return all;
-  }
-
-  // The faults that a helper library can have: how each comes about, and the line that tells, after the tag.
-  std::vector<std::pair<std::function<void()>, std::string>> helperFaults(const std::string& procedure) {
-    const std::string unloadable = "Failed to load library [" + helper_ + "] error [";
-    return {{[this] { useHelper("libforeign_library.so"); },
-             "Failed to load procedure [" + procedure + "] from library [" + helper_ + "], error[" + helper_},
-            {[this] {
-               useHelper("librecording_helper.so");
-               setenv("LQ_HELPER_RECORD", "/", 1);  // where it cannot record, it throws
-             },
-             "Procedure [" + procedure + "] of library [" + helper_ + "] ended with an exception"},
-            {[this] { fs::permissions(helper_, fs::perms::group_write, fs::perm_options::add); },
-             unloadable + helper_ + ": not trusted"},
-            {[this] { fs::remove(helper_); }, unloadable + helper_},
-            {[] { setValue("Base", "dBASEHOME", ""); }, "Failed to load library [/libLqLMHelper.so] error ["},
-            {[] { removeValue("Base", "dBASEHOME"); }, "Failed to load library [/libLqLMHelper.so] error ["}};
-  }
-
-  // An exception is nothing that an installation can bring about: it is an error line.
-  static std::string levelOf(const std::string& line) {
-    return line.starts_with("Procedure") ? "error|" : "0|";
   }
 
   std::string helper_ = dir_ / "libLqLMHelper.so";
@@ -123,7 +98,7 @@ TEST_F(LogMonitoring, TheKindOfMachineDecidesWhatTheCheckDoes) {
     setValue("Packages", "bFULLSPOOLHAND", c.spoolhand);
     setValue(kProperties, "AnalyticSearchEngineEnabled", c.analytics);
     setValue("Spoolhand", "nDisableLMPrune", c.disabled);
-    test_support::writeFile(workFile_, "");
+    writeFile(workFile_, "");
     EXPECT_EQ(checkLogs(), 0);
     EXPECT_EQ(lines(), c.lines);
     EXPECT_EQ(calls(), c.isChecked ? "space 4294967338\n" : "");
@@ -156,22 +131,44 @@ TEST_F(LogMonitoring, ThePropertyIsReadAsYesOrNo) {
   EXPECT_FALSE(read(kPropertyBoolean, 0)) << "what cannot be read is not absent";
 }
 
-TEST_F(LogMonitoring, AFailedCheckLeavesTheWorkDirectoryAlone) {
+TEST_F(LogMonitoring, AHelperThatCannotBeUsedFailsTheCallAndClearsNothing) {
   setValue("Machine", "nPLATFORMTYPE", kServer);
-  for (const auto& [arrange, start] : helperFaults("LMSpaceCheck")) {
-    arrange();
-    EXPECT_EQ(checkLogs(), 1);
-    EXPECT_TRUE(hasLine(log_, levelOf(start) + kCheck + start));
-    EXPECT_FALSE(hasLine(log_, "0|" + kCheck + "Call to procedure"));
-    log_.Clear();
-    EXPECT_TRUE(fs::exists(workFile_));
+  setValue("Packages", "nPACKAGE_1306", "1");
+  const std::tuple<int (*)(), std::string, std::string> entries[] = {
+      {checkLogs, kCheck, "LMSpaceCheck"}, {processAlerts, kAlert, "processLogMonitoringAlertRule"}};
+  for (const auto& [run, tag, procedure] : entries) {
+    const std::string unloadable = "0|" + tag + "Failed to load library [";
+    // How each comes about, and how the line that tells begins.
+    const std::pair<std::function<void()>, std::string> faults[] = {
+        {[this] { useHelper("libforeign_library.so"); }, "0|" + tag + "Failed to load procedure [" +
+                                                             procedure + "] from library [" + helper_ +
+                                                             "], error[" + helper_},
+        {[this] {
+           useHelper("librecording_helper.so");
+           setenv("LQ_HELPER_RECORD", "/", 1);  // where it cannot record, it throws
+         },
+         "error|" + tag + "Procedure [" + procedure + "] of library [" + helper_ +
+             "] ended with an exception"},
+        {[this] { fs::permissions(helper_, fs::perms::group_write, fs::perm_options::add); },
+         unloadable + helper_ + "] error [" + helper_ + ": not trusted"},
+        {[] { setValue("Base", "dBASEHOME", ""); }, unloadable + "/libLqLMHelper.so] error ["},
+        {[] { removeValue("Base", "dBASEHOME"); }, unloadable + "/libLqLMHelper.so] error ["}};
+    for (const auto& [arrange, start] : faults) {
+      arrange();
+      EXPECT_EQ(run(), 1);
+      EXPECT_TRUE(hasLine(log_, start));
+      EXPECT_FALSE(hasLine(log_, "0|" + tag + "Call to procedure"));
+      log_.Clear();
+    }
+    setValue("Base", "dBASEHOME", dir_.path().string());
   }
-  setValue("Base", "dBASEHOME", dir_.path().string());
-  useHelper("librecording_helper.so");
-  setenv("LQ_HELPER_RECORD", record_.c_str(), 1);
-  setValue("Base", "dVELMORHOME",
-           "");  // below it, the work directory would be that of the file system's root
+  EXPECT_TRUE(fs::exists(workFile_));
+}
+
+TEST_F(LogMonitoring, WithoutAHomeNothingIsCleared) {
+  setValue("Machine", "nPLATFORMTYPE", kServer);
   for (const bool isEmpty : {true, false}) {
+    setValue("Base", "dVELMORHOME", "");  // below it, the work directory would be that of the root
     if (!isEmpty) removeValue("Base", "dVELMORHOME");
     EXPECT_EQ(checkLogs(), 1);
     EXPECT_EQ(calls(), "space 4294967338\n");
@@ -187,7 +184,7 @@ TEST_F(LogMonitoring, OnlyTheFilesOfThatNameAreCleared) {
   const Lines gone = {workFile_, folder + "LM", folder + "LM two\nlines.log"};
   fs::create_directories(folder + "LMfolder");
   for (const Lines& files : {kept, gone})
-    for (const std::string& file : files) test_support::writeFile(file, "");
+    for (const std::string& file : files) writeFile(file, "");
   fs::create_symlink(kept[0], folder + "LMlink");
 
   EXPECT_EQ(checkLogs(), 0);
@@ -213,13 +210,6 @@ TEST_F(LogMonitoring, TheAlertRuleNeedsTheIndexServer) {
                                          helper_ + "]"}));
   EXPECT_EQ(calls(), "alert\n");
 
-  for (const auto& [arrange, start] : helperFaults("processLogMonitoringAlertRule")) {
-    arrange();
-    EXPECT_EQ(processAlerts(), 1);
-    EXPECT_TRUE(hasLine(log_, levelOf(start) + kAlert + start));
-    EXPECT_FALSE(hasLine(log_, "0|" + kAlert + "Call to procedure"));
-    log_.Clear();
-  }
   removeValue("Base", "dVELMORHOME");
   setValue("Packages", "nPACKAGE_1306", "0");  // the directory is asked for first
   EXPECT_EQ(processAlerts(), 1);

@@ -1,6 +1,5 @@
 // The host's commands that run once: joining and what keeps from it, and one pass with its report, judged by
 // the exit codes that scripts go by.
-#include <filesystem>
 
 #include "tests/lqhost/host_fixture.h"
 
@@ -9,8 +8,8 @@ namespace {
 using HostCommands = HostTest;
 
 TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
-  expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
-  const std::string good = test_support::readFile(joinFile_);
+  addClient();
+  const std::string good = readFile(joinFile_);
   const std::string bad = dir_ / "bad.join";
   const auto damaged = [&](const std::string& part, const std::string& by) {
     std::string text = good;
@@ -27,33 +26,27 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
     EXPECT_FALSE(contains(result.err, sessionKey())) << "the key is nobody's business";
     EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), "(none)");
   };
-  const struct {
-    std::string text;
-    const char* reason;
-  } files[] = {{"", "lacks \"server-host\""},
-               {good.substr(0, good.size() / 2), "bad.join"},
-               {damaged("client-id=42", "client-id=0"), "client-id is not a positive number: 0"},
-               {damaged("client-id=42", "client-id=\"4\x1b]2\""), "not a positive number: 4\\x1b]2"},
-               {damaged("client-id=42", "client-id=9223372036854775808"), "client-id is not"},
-               {damaged(sessionKey(), sessionKey().substr(1)), "session-key is not a key of 64"},
-               {damaged("\"web-1\"", "\"web/1\""), "cannot hold a \"/\": web/1"}};
-  for (const auto& file : files) {
-    test_support::writeFile(bad, file.text);
-    expectRefused({}, contains(file.reason, "cannot hold") ? 3 : 2, file.reason);
+  const std::pair<std::string, const char*> files[] = {
+      {"", "lacks \"server-host\""},
+      {good.substr(0, good.size() / 2), "bad.join"},
+      {damaged("client-id=42", "client-id=0"), "client-id is not a positive number: 0"},
+      {damaged("client-id=42", "client-id=\"4\x1b]2\""), "not a positive number: 4\\x1b]2"},
+      {damaged("client-id=42", "client-id=9223372036854775808"), "client-id is not"},
+      {damaged(sessionKey(), sessionKey().substr(1)), "session-key is not a key of 64"},
+      {damaged("\"web-1\"", "\"web/1\""), "cannot hold a \"/\": web/1"}};
+  for (const auto& [text, reason] : files) {
+    writeFile(bad, text);
+    expectRefused({}, contains(reason, "cannot hold") ? 3 : 2, reason);
   }
   expectRefused({"--machine", "a/b"}, 3, "cannot hold a \"/\": a/b");
-  test_support::writeFile(dir_ / "file", "");
+  writeFile(dir_ / "file", "");
   expectRefused({"--base", dir_ / "file"}, 3, dir_ / "file");
-  const auto unwritable =
-      test_support::runProgram({test_support::programPath("lqhost"), "--registry", dir_.path().string(),
-                                "join", joinFile_, "--home", home_});
-  EXPECT_EQ(unwritable.exitCode, 3);
-  EXPECT_TRUE(contains(unwritable.err, dir_.path().string())) << unwritable.err;
+  expectErr(runProgram({programPath("lqhost"), "--registry", dir_.path().string(), "join", joinFile_,
+                        "--home", home_}),
+            3, {dir_.path().string()});
 
-  const auto joined =
-      lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1", "--host", "host1"});
-  EXPECT_EQ(joined.exitCode, 0) << joined.err;
-  EXPECT_TRUE(contains(joined.out, "Instance001 joined overhub at " + address_ + " as client web-1, id 42"));
+  expectOut(lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1", "--host", "host1"}), 0,
+            {"Instance001 joined overhub at " + address_ + " as client web-1, id 42"});
   EXPECT_EQ(valueOf("Hosts/host1", "sCLIENTNAME"), "web-1");
   EXPECT_EQ(valueOf("SOFTWARE/Velmor/Clients/web-1", "nCLIENTID"), "42");
   EXPECT_EQ(valueOf("Base", "dBASEHOME"), home_ + "/Base");
@@ -67,24 +60,16 @@ TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
     EXPECT_TRUE(contains(result.err, "lqhost join FILE")) << result.err;
     EXPECT_EQ(result.out, "");
   }
-  test_support::writeFile(clientRegistry_, std::string(5000, '#'));
-  const auto damaged = lqhost({"sync"});
-  EXPECT_EQ(damaged.exitCode, 3);
-  EXPECT_TRUE(contains(damaged.err, clientRegistry_) && contains(damaged.err, "not a database"))
-      << damaged.err;
-  EXPECT_EQ(test_support::readFile(clientRegistry_), std::string(5000, '#'));
-  EXPECT_EQ(lqhost({"frobnicate"}).exitCode, 2);
+  writeFile(clientRegistry_, std::string(5000, '#'));
+  expectErr(lqhost({"sync"}), 3, {clientRegistry_, "not a database"});
+  EXPECT_EQ(readFile(clientRegistry_), std::string(5000, '#'));
 }
 
 TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   join();
-  const auto unreachable = lqhost({"sync"});
-  EXPECT_EQ(unreachable.exitCode, 1);
-  EXPECT_TRUE(contains(unreachable.err, "the registry is as it was")) << unreachable.err;
-  EXPECT_TRUE(contains(unreachable.err, "Failed to connect to the remote machine " + address_));
-  const auto nothing = lqhost({"refresh"});
-  EXPECT_EQ(nothing.exitCode, 1);
-  EXPECT_TRUE(contains(nothing.err, "nothing to reapply")) << nothing.err;
+  expectErr(lqhost({"sync"}), 1,
+            {"the registry is as it was", "Failed to connect to the remote machine " + address_});
+  expectErr(lqhost({"refresh"}), 1, {"nothing to reapply"});
 
   expectOk({"set", "web-1", "Limits", "nMAX", "10"});
   ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
@@ -97,11 +82,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
 
   // The cache keeps what could not be applied, so that a refresh tries, and reports, it too.
   expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY"});
-  const auto partly = lqhost({"sync"});
-  EXPECT_EQ(partly.exitCode, 4);
-  EXPECT_TRUE(contains(partly.out, "acknowledged: taskStatus 1 (failed)") &&
-              contains(partly.out, "keys may not be created from afar"))
-      << partly.out;
+  expectOut(lqhost({"sync"}), 4, {"acknowledged: taskStatus 1 (failed)", "keys may not be created remotely"});
   EXPECT_EQ(lqhost({"refresh"}).exitCode, 4);
   EXPECT_EQ(lqhost({"status"}).exitCode, 6);
 
@@ -109,17 +90,14 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   for (int i = 0; i < 22; ++i)
     setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
   const auto uploaded = lqhost({"upload"});
-  EXPECT_EQ(uploaded.exitCode, 4);
-  EXPECT_TRUE(contains(uploaded.out, "uploaded and kept")) << uploaded.out;
+  expectOut(uploaded, 4, {"uploaded and kept"});
   EXPECT_TRUE(contains(uploaded.err, "21 were left out") && contains(uploaded.err, "~Long s1: 10240 bytes") &&
               contains(uploaded.err, "and 1 more"))
       << uploaded.err;
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   setValue("EventManager", "bEnableRegistrySync", "0");
-  const auto skipped = lqhost({"sync"});
-  EXPECT_EQ(skipped.exitCode, 5);
-  EXPECT_TRUE(contains(skipped.out, "skipped")) << skipped.out;
+  expectOut(lqhost({"sync"}), 5, {"skipped"});
 }
 
 }  // namespace

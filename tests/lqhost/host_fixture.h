@@ -4,47 +4,54 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 
 #include "common/host_service.h"
 #include "lqregistry/App.h"
+#include "records/service_names.h"
 #include "tests/overhub/overhub_fixture.h"
 #include "tests/support/scripted_peer.h"
 
 class HostTest : public OverhubTest {
  protected:
-  HostTest() { App::RegisterSubsystem(); }
+  HostTest() {
+    App::RegisterSubsystem();
+    LQPI_Focus::setFocus("Instance001");
+  }
 
   // The command as it is run on the client's machine.
   std::vector<std::string> onClient(std::vector<std::string> arguments,
                                     const char* program = "lqhost") const {
-    arguments.insert(arguments.begin(), {test_support::programPath(program), "--registry", clientRegistry_});
+    arguments.insert(arguments.begin(), {programPath(program), "--registry", clientRegistry_});
     return arguments;
   }
-  test_support::ProgramResult lqhost(const std::vector<std::string>& arguments) const {
-    return test_support::runProgram(onClient(arguments));
+  ProgramResult lqhost(const std::vector<std::string>& arguments) const {
+    return runProgram(onClient(arguments));
   }
   std::string valueOf(const std::string& key, const std::string& name) const {
-    const auto result =
-        test_support::runProgram(onClient({"get", "--instance", "Instance001", key, name}, "lqreg"));
-    return result.exitCode == 0 ? result.out.substr(0, result.out.size() - 1) : "(none)";
+    lqregistry::UseFile(clientRegistry_);
+    const std::string value = test_support::valueOf(key, name).value_or("(none)");
+    lqregistry::UseFile("/nowhere");  // its tests put other files in its place
+    return value;
   }
   void setValue(const std::string& key, const std::string& name, const std::string& value) const {
-    const auto result =
-        test_support::runProgram(onClient({"set", "--instance", "Instance001", key, name, value}, "lqreg"));
-    EXPECT_EQ(result.exitCode, 0) << result.err;
+    lqregistry::UseFile(clientRegistry_);
+    test_support::setValue(key, name, value);
+    lqregistry::UseFile("/nowhere");
   }
 
   // Makes the client known to the server, and the machine the client.
-  void join() const {
+  void addClient() const {
     expectOk({"add-client", "web-1", "--id", "42", "--server-host", address_, "--join-file", joinFile_});
+  }
+  void join() const {
+    addClient();
     const auto joined = lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1"});
     EXPECT_EQ(joined.exitCode, 0) << joined.err;
   }
   std::string sessionKey() const { return fileText("keys/web-1.key").substr(0, 2 * kSessionKeyBytes); }
 
   // Its first runs come at once, and a pass every five seconds, unless `more` says otherwise.
-  std::unique_ptr<test_support::BackgroundProgram> runHost(const std::vector<std::string>& more = {}) const {
+  std::unique_ptr<BackgroundProgram> runHost(const std::vector<std::string>& more = {}) const {
     std::vector<std::string> arguments{"--log-level", "2", "--log-file", "-", "run", "--listen", listen_};
     const auto unlessGiven = [&](const char* option, const char* value) {
       if (std::find(more.begin(), more.end(), option) == more.end())
@@ -53,7 +60,7 @@ class HostTest : public OverhubTest {
     unlessGiven("--spread", "0");
     unlessGiven("--sync-every", "5");
     arguments.insert(arguments.end(), more.begin(), more.end());
-    auto host = std::make_unique<test_support::BackgroundProgram>(onClient(arguments), dir_ / "run.log");
+    auto host = std::make_unique<BackgroundProgram>(onClient(arguments), dir_ / "run.log");
     EXPECT_TRUE(
         host->waitForOutput("lqhost ready: instance Instance001, serving the server on " + listen_ + ":8404"))
         << host->output();
@@ -73,7 +80,7 @@ class HostTest : public OverhubTest {
   bool statusSays(const std::string& text) const {
     return becomesTrue([&] { return contains(lqhost({"status"}).out, text); });
   }
-  static int countOf(const test_support::BackgroundProgram& program, const std::string& text) {
+  static int countOf(const BackgroundProgram& program, const std::string& text) {
     const std::string output = program.output();
     int count = 0;
     for (std::size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1)) ++count;
@@ -82,10 +89,10 @@ class HostTest : public OverhubTest {
 
   // A session of the server with the client's host service.
   CWmError attachToHost(CLqNetwork& network, const std::string& keyHex,
-                        const char* entry = programs::kHostEntryName) const {
+                        const char* entry = kHostEntryName) const {
     network.UseCredentials("web-1", keyHex);
     lqsExecuteRemoteDllType remote;
-    remote.setNames(programs::kHostLibraryName, entry);
+    remote.setNames(kHostLibraryName, entry);
     bool peerGone = false;
     return network.Attach_RemoteDLL(
         MangleHostName(listen_, "web-1", programs::kHostServicePort, programs::kHostServicePort), remote,
@@ -96,5 +103,5 @@ class HostTest : public OverhubTest {
   std::string base_ = home_ + "/Base";
   std::string joinFile_ = dir_ / "web-1.join";
   std::string clientRegistry_ = dir_ / "client.db";
-  std::string listen_ = test_support::uniqueLoopbackAddress();
+  std::string listen_ = uniqueLoopbackAddress();
 };

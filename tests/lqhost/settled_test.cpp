@@ -1,45 +1,39 @@
 // Registry and settings cache stay together: what a pass came to by the word of the server and the fate of
 // the cache, and the note that stands between a pass or a push and the next refresh.
-#include <filesystem>
 #include <future>
 
 #include "lqhost/commands/commands.h"
 #include "lqhost/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
-#include "lqhost/pass/unsettled.h"
-#include "lqhost/service/resident.h"
-#include "lqhost/service/task_note.h"
+#include "lqhost/pass/pass_note.h"
+#include "lqhost/service/command_socket.h"
+#include "lqhost/service/task_times.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
 namespace {
 
-using host::CacheFate;
 using host::Unsettled;
 using host::UnsettledWork;
-using test_support::contains;
-using test_support::PeerSession;
 
 // A joined machine whose server is played; the commands run as a person runs them.
 class Settled : public ProductTest {
  protected:
   Settled() { join(); }
 
-  test_support::ProgramResult lqhost(const std::string& command) const {
-    return test_support::runProgram({test_support::programPath("lqhost"), "--registry", registryFile_,
-                                     "--log-file", dir_ / "lqhost.log", command});
+  ProgramResult lqhost(const std::string& command) const {
+    return runProgram(
+        {programPath("lqhost"), "--registry", registryFile_, "--log-file", dir_ / "lqhost.log", command});
   }
   // A synchronisation in which the server sends these records and takes the acknowledgement like that.
-  test_support::ProgramResult pass(const OBGui::KeyList& keys, const PlayedServer::Script& taker = taking(),
-                                   const std::string& command = "sync") const {
+  ProgramResult pass(const OBGui::KeyList& keys, const PlayedServer::Script& taker = taking(),
+                     const std::string& command = "sync") const {
     const PlayedServer server(address_, sessionKey_, {answering(batchText(keys)), taker});
     return lqhost(command);
   }
   void expectStatus(int exitCode, const std::string& text) const {
-    const auto status = lqhost("status");
-    EXPECT_EQ(status.exitCode, exitCode) << status.out;
-    EXPECT_TRUE(contains(status.out, text)) << status.out;
+    expectOut(lqhost("status"), exitCode, {text});
   }
   std::string noteFile() const { return dir_ / "lqhost.unsettled"; }
 
@@ -57,42 +51,34 @@ TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
   const auto leaving = [](PlayedServer::Stage& stage) {
     if (stage.acceptAttach()) stage.takeMessage();
   };
-  const struct {
-    PlayedServer::Script taker;
-    int exitCode;
-    const char* text;
-  } cases[] = {{refusing, 9, "not acknowledged: the server could not record the outcome: no \\x1b[31mroom"},
-               {leaving, 9, "did not say whether it recorded that"},
-               {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
-               {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
-  for (const auto& c : cases) {
-    const auto result = pass(one_, c.taker);
-    EXPECT_EQ(result.exitCode, c.exitCode) << c.text;
-    EXPECT_TRUE(contains(result.out, c.text)) << result.out << result.err;
-    expectStatus(c.exitCode, c.exitCode == 0 ? "applied and acknowledged" : "has not recorded");
-    EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << c.text;
+  const std::tuple<PlayedServer::Script, int, const char*> cases[] = {
+      {refusing, 9, "not acknowledged: the server could not record the outcome: no \\x1b[31mroom"},
+      {leaving, 9, "did not say whether it recorded that"},
+      {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
+      {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
+  for (const auto& [taker, exitCode, text] : cases) {
+    const auto result = pass(one_, taker);
+    EXPECT_EQ(result.exitCode, exitCode) << text;
+    EXPECT_TRUE(contains(result.out, text)) << result.out << result.err;
+    expectStatus(exitCode, exitCode == 0 ? "applied and acknowledged" : "has not recorded");
+    EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << text;
   }
 }
 
-// Each way in which the cache can be left behind has its words and its exit code, and no refresh works with
-// it.
+// Each way in which the cache can be left behind has its words and its exit code, and no refresh uses it.
 TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   const auto expectUnsettled = [&](const OBGui::KeyList& keys, int exitCode, const std::string& text,
                                    const std::string& why) {
-    const auto synced = pass(keys);
-    EXPECT_EQ(synced.exitCode, exitCode);
-    EXPECT_TRUE(contains(synced.out, text)) << synced.out;
+    expectOut(pass(keys), exitCode, {text});
     expectStatus(exitCode, why);
-    const auto refreshed = pass(keys, taking(), "refresh");
-    EXPECT_EQ(refreshed.exitCode, exitCode);
-    EXPECT_TRUE(contains(refreshed.err, "synchronising instead of refreshing")) << refreshed.err;
+    expectErr(pass(keys, taking(), "refresh"), exitCode, {"synchronising instead of refreshing"});
     EXPECT_EQ(valueOf("Limits", "nMAX"), keys[0].value.get()) << "not what the cache says";
     EXPECT_EQ(lqhost("sync").exitCode, 1);
     expectStatus(exitCode, why);  // a pass without a batch changes nothing about it
   };
   EXPECT_EQ(pass(two_).exitCode, 0);
   expectUnsettled(one_, 8, "cache kept: ", "the settings cache was kept");
-  test_support::writeFile(cacheFile(), "<damaged");
+  writeFile(cacheFile(), "<damaged");
   expectUnsettled(two_, 10, "cache not replaced: ", "the settings cache cannot be read");
   std::filesystem::remove(cacheFile());
   std::filesystem::create_symlink(dir_ / "none/none", cacheFile());
@@ -114,6 +100,9 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
     expectStatus(exitCode, "there is no cache yet");
     std::filesystem::rename(cacheFile() + ".aside", cacheFile());
   }
+  const host::CacheWatch watch;
+  EXPECT_TRUE(watch.wasThere());
+  EXPECT_EQ(watch.fate(1), host::CacheFate::kLost) << "it would have been replaced";
 }
 
 // A pass of another process is killed after it has applied a batch, while a refresh waits for it.
@@ -125,26 +114,12 @@ TEST_F(Settled, ARefreshLooksForANoteWhenItsTurnHasCome) {
     const auto others = host::FileLock::tryFor(dir_ / "lqhost.pass");
     ASSERT_TRUE(others.isHeld());
     refreshed = std::async(std::launch::async, [this] { return lqhost("refresh"); });
-    // However long this is, who waits has not looked yet; who does not wait has most likely ended.
+    // However long this is, whoever waits has not looked yet; whoever does not wait has most likely ended.
     refreshed.wait_for(std::chrono::milliseconds(300));
     const UnsettledWork killed(Unsettled::kPass);
   }
   EXPECT_TRUE(contains(refreshed.get().err, "synchronising instead of refreshing"));
   EXPECT_EQ(valueOf("Limits", "nMAX"), "applied by the other");
-}
-
-TEST_F(Settled, TheFateOfACacheIsReadFromItsFile) {
-  LqRegistryManagerClnt::setAdditionalSettingsCache(batchText(two_));
-  const host::CacheWatch watch;
-  EXPECT_TRUE(watch.wasThere());
-  EXPECT_EQ(watch.fate(1), CacheFate::kKept);
-  EXPECT_EQ(watch.fate(2), CacheFate::kLost) << "it would have been replaced";
-  test_support::writeFile(cacheFile() + ".new", batchText(two_));
-  std::filesystem::rename(cacheFile() + ".new", cacheFile());
-  EXPECT_EQ(watch.fate(2), CacheFate::kStored);
-  test_support::writeFile(cacheFile(), "");
-  EXPECT_EQ(watch.fate(2), CacheFate::kLost);
-  EXPECT_FALSE(host::CacheWatch().wasThere());
 }
 
 // Of two that overlap the last to begin decides; every doubt leaves the note standing.
@@ -172,12 +147,12 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   following.leave(Unsettled::kCacheLost);
   EXPECT_EQ(standing(), std::nullopt) << "its note is gone already";
 
-  test_support::writeFile(noteFile(), "cache-kept 86400 token\n");
+  writeFile(noteFile(), "cache-kept 86400 token\n");
   UnsettledWork again(Unsettled::kPass);
   again.leave(Unsettled::kCacheKept);
   EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"))
       << "since the first";
-  test_support::writeFile(noteFile(), "");
+  writeFile(noteFile(), "");
   EXPECT_EQ(standing(), Unsettled::kPass) << "a note that cannot be understood is one";
   expectStatus(1, "has not stored the settings cache");
 
@@ -187,17 +162,13 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   UnsettledWork unwritten(Unsettled::kPush);
   EXPECT_TRUE(contains(unwritten.error().AsString(), "lqhost.unsettled")) << unwritten.error().AsString();
   EXPECT_EQ(standing(), Unsettled::kPush);
-  const auto synced = pass(one_);
-  EXPECT_EQ(synced.exitCode, 0) << "it is done all the same";
-  EXPECT_TRUE(contains(synced.err, "could not be noted on disk")) << synced.err;
+  expectErr(pass(one_), 0, {"could not be noted on disk"});  // it is done all the same
 }
 
 // A host that holds the lock and does not answer is not worked beside, whoever asks.
 TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   ASSERT_FALSE(host::becomeResident().IsError());
-  const auto result = lqhost("sync");
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_TRUE(contains(result.err, "has a resident host, which does not answer")) << result.err;
+  expectErr(lqhost("sync"), 1, {"has a resident host, which does not answer"});
   EXPECT_FALSE(std::filesystem::exists(cacheFile()));
 
   host::ResidentSocket socket;

@@ -1,49 +1,18 @@
 // lqreg export and import: what goes out comes back, and what is broken changes nothing.
-#include <gtest/gtest.h>
-
-#include <filesystem>
 #include <map>
 
-#include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
-#include "lqregistry/OBGui.h"
-#include "lqregistry/pstring.h"
-#include "tests/support/test_support.h"
+#include "tests/support/product_fixture.h"
 
 namespace {
 
-using test_support::contains;
-using test_support::ProgramResult;
-using test_support::writeFile;
-
-OBGui::RegistryKeyInfo record(const std::string& path, const std::string& name, const std::string& value,
-                              const std::string& type = "STRING") {
-  OBGui::RegistryKeyInfo key;
-  key.keyPath = path;
-  key.valueName = name;
-  key.valueType = type;
-  key.value = value;
-  return key;
-}
-
-class TransferTest : public ::testing::Test {
+class TransferTest : public ProductTest {
  protected:
-  TransferTest() {
-    OBGui::RegisterSubsystem();
-    lqregistry::UseFile(source_);
-    pstring::UseKeyFile("");  // the registry's own
-    LQPI_Focus::setFocus("I1");
-  }
-  ~TransferTest() override {
-    lqregistry::UseFile("/nowhere");  // closes this test's file
-    LQPI_Focus::setFocus(nullptr);
-  }
-
   ProgramResult lqreg(const std::string& registry, const std::string& instance,
                       std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), test_support::programPath("lqreg"));
-    return test_support::runProgram(arguments, {"VELMOR_REGISTRY=" + registry, "VELMOR_VM=" + instance});
+    arguments.insert(arguments.begin(), programPath("lqreg"));
+    return runProgram(arguments, {"VELMOR_REGISTRY=" + registry, "VELMOR_VM=" + instance});
   }
   // Into instance "I2" of another registry; what is said, whatever it is.
   std::string import(const std::string& text) const {
@@ -54,11 +23,6 @@ class TransferTest : public ::testing::Test {
   std::string imported() const { return lqreg(target_, "I2", {"export"}).out; }
   std::string tree() const { return lqreg(target_, "", {"tree"}).out; }
 
-  static void set(const std::string& key, const std::string& name, const std::string& value) {
-    LQPlatformInfo info;
-    EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
-  }
-
   static std::string batchOf(const OBGui::KeyList& keys) {
     OBGui::RegistryTaskResp batch;
     batch.taskStatus = OBGui::kTaskUpload;
@@ -68,15 +32,12 @@ class TransferTest : public ::testing::Test {
     return text;
   }
 
-  test_support::TempDir dir_;
-  std::string source_ = dir_ / "source.db";
   std::string target_ = dir_ / "target.db";
   std::string file_ = dir_ / "batch.xml";
 };
 
 TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
-  std::string bytes;
-  for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+  const std::string bytes = everyByte(0);
   const std::map<std::string, std::map<std::string, std::string>> keys = {
       {"~", {{"root value", "1"}}},
       {"~/A", {{"empty", ""}, {"blanks", "  \n\t "}, {"long", std::string(200'000, 'x')}}},
@@ -88,15 +49,15 @@ TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
   LQPlatformInfo info;
   for (const auto& [key, values] : keys) {
     ASSERT_TRUE(info.createRegKey(key));
-    for (const auto& [name, value] : values) set(key, name, value);
+    for (const auto& [name, value] : values) setValue(key, name, value);
   }
-  set("SOFTWARE/Velmor/Clients", "elsewhere", "not the instance's");
+  setValue("SOFTWARE/Velmor/Clients", "elsewhere", "not the instance's");
 
   writeFile(file_, "an older export");
-  EXPECT_EQ(lqreg(source_, "I1", {"export", file_}).exitCode, 0);
-  EXPECT_EQ(test_support::modeOf(file_), 0600U);
-  const std::string text = test_support::readFile(file_);
-  EXPECT_EQ(lqreg(source_, "I1", {"export"}).out, text);
+  EXPECT_EQ(lqreg(registryFile_, "Instance001", {"export", file_}).exitCode, 0);
+  EXPECT_EQ(modeOf(file_), 0600U);
+  const std::string text = readFile(file_);
+  EXPECT_EQ(lqreg(registryFile_, "Instance001", {"export"}).out, text);
 
   EXPECT_EQ(lqreg(target_, "I2", {"import", file_}).out,
             "6 keys and 9 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
@@ -117,10 +78,10 @@ TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
 }
 
 TEST_F(TransferTest, AClientsUploadIsRestored) {
-  set("Machine/Settings", "nTraceLevel", "5");
-  set("SOFTWARE/Velmor/I1/SOFTWARE", "sValue", "1");
+  setValue("Machine/Settings", "nTraceLevel", "5");
+  setValue("SOFTWARE/Velmor/Instance001/SOFTWARE", "sValue", "1");
   OBGui::KeyList keys;
-  LqRegistryManagerClnt client("I1");
+  LqRegistryManagerClnt client("Instance001");
   ASSERT_EQ(client.enumerateClientKeysInfo("", keys), 0U);
   EXPECT_EQ(import(batchOf(keys)),
             "3 keys and 2 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
@@ -133,21 +94,19 @@ TEST_F(TransferTest, AClientsUploadIsRestored) {
 TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
   // Both machines have the same protection key here.
   const std::string sealed = pstring("secret").getV8Password();
-  lqregistry::UseFile(source_);
-  for (const char* const part : {"", ".key"}) std::filesystem::copy_file(source_ + part, target_ + part);
+  lqregistry::UseFile(registryFile_);
+  for (const char* const part : {"", ".key"})
+    std::filesystem::copy_file(registryFile_ + part, target_ + part);
   import(batchOf({record("A", "kept", "1"), record("A", "twice", "as it is")}));
-  OBGui::KeyList keys = {record("A", "kept", "2"),
+  OBGui::KeyList keys = {removal("A", "kept"),
                          record("A", "disabled", "1"),
-                         record("A", "removed key", "", "KEY"),
+                         removal("A", "removed key", "KEY"),
                          record("Overhub", "sSESSIONKEY", "another machine's"),
                          record("~/Machine", "sHOSTNAME", "another machine"),
-                         record("~A", "secret", "", "ENCRYPTED"),
+                         secretRecord("~A", "secret", "secret"),
                          record("A", "twice", "changed"),
                          record("A", "twice", "as it is")};
-  keys[0].deleteFlag = 1;
   keys[1].enabledFlag = 0;
-  keys[2].deleteFlag = 1;
-  keys[5].encryptedValue = pstring("secret");
   const std::string batch = batchOf(keys);
   EXPECT_EQ(import(batch),
             "0 keys and 3 values written, 0 unchanged, 5 skipped (marked for removal, or saying which "
@@ -185,7 +144,7 @@ TEST_F(TransferTest, ABrokenFileChangesNothing) {
 }
 
 TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
-  set("A", "name", "1");
+  setValue("A", "name", "1");
   writeFile(file_, "mine");
   const std::string link = dir_ / "link";
   std::filesystem::create_symlink(file_, link);
@@ -194,11 +153,11 @@ TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
       {{"import", dir_.path()}, "not a regular file"},
       {{"export", link}, "not a regular file"}};
   for (const auto& [arguments, reason] : cases) {
-    const ProgramResult result = lqreg(source_, "I1", arguments);
+    const ProgramResult result = lqreg(registryFile_, "Instance001", arguments);
     EXPECT_EQ(result.exitCode, 4) << result.err;
     EXPECT_TRUE(result.out.empty() && contains(result.err, reason)) << result.err;
   }
-  EXPECT_EQ(test_support::readFile(file_), "mine");
+  EXPECT_EQ(readFile(file_), "mine");
 }
 
 }  // namespace

@@ -2,20 +2,13 @@
 // server in the background, and this process as one of its clients.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/OBGui.h"
-#include "tests/support/test_support.h"
-
-using test_support::contains;
-using test_support::modeOf;
+#include "tests/support/expectations.h"
 
 class OverhubTest : public testing::Test {
  protected:
@@ -28,34 +21,32 @@ class OverhubTest : public testing::Test {
     OBGui::RegisterSubsystem();
   }
 
-  test_support::ProgramResult overhub(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {test_support::programPath("overhub"), "--data", data_});
-    return test_support::runProgram(arguments);
+  ProgramResult overhub(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), {programPath("overhub"), "--data", data_});
+    return runProgram(arguments);
   }
   // Runs a shell script with the program as "$OVERHUB".
-  test_support::ProgramResult shell(const std::string& script) const {
-    return test_support::runProgram(
-        {"sh", "-c", script}, {"OVERHUB=" + test_support::programPath("overhub"), "OVERHUB_DATA=" + data_});
+  ProgramResult shell(const std::string& script) const {
+    return runProgram({"sh", "-c", script}, {"OVERHUB=" + programPath("overhub"), "OVERHUB_DATA=" + data_});
   }
   void expectOk(const std::vector<std::string>& arguments) const {
     const auto result = overhub(arguments);
     EXPECT_EQ(result.exitCode, 0) << result.err;
   }
-  std::string fileText(const std::string& name) const { return test_support::readFile(data_ + "/" + name); }
+  std::string fileText(const std::string& name) const { return readFile(data_ + "/" + name); }
   std::string batchFile(const std::string& client) const { return data_ + "/clients/" + client + ".xml"; }
   OBGui::RegistryTaskResp batchOf(const std::string& client) const {
     OBGui::RegistryTaskResp batch;
-    EXPECT_EQ(batch.unserialize(test_support::readFile(batchFile(client))), 0);
+    EXPECT_EQ(batch.unserialize(readFile(batchFile(client))), 0);
     return batch;
   }
   std::string keyOf(const std::string& client) const {
     return fileText("keys/" + client + ".key").substr(0, 2 * kSessionKeyBytes);
   }
 
-  std::unique_ptr<test_support::BackgroundProgram> serve() const {
-    auto server = std::make_unique<test_support::BackgroundProgram>(
-        std::vector<std::string>{test_support::programPath("overhub"), "--data", data_, "serve", "--listen",
-                                 address_},
+  std::unique_ptr<BackgroundProgram> serve() const {
+    auto server = std::make_unique<BackgroundProgram>(
+        std::vector<std::string>{programPath("overhub"), "--data", data_, "serve", "--listen", address_},
         dir_ / "serve.log");
     EXPECT_TRUE(server->waitForOutput("overhub ready on " + address_ + ":8400 and " + address_ + ":8402"))
         << server->output();
@@ -111,7 +102,7 @@ class OverhubTest : public testing::Test {
     return request;
   }
 
-  test_support::TempDir dir_;
+  TempDir dir_;
   std::string data_ = dir_ / "data";
-  std::string address_ = test_support::uniqueLoopbackAddress();
+  std::string address_ = uniqueLoopbackAddress();
 };

@@ -1,5 +1,4 @@
 // Requests that the server makes of a client, with this process as the client's host service.
-#include <functional>
 
 #include "common/host_service.h"
 #include "lqregistry/App.h"
@@ -7,9 +6,6 @@
 #include "tests/support/scripted_peer.h"
 
 namespace {
-
-using test_support::PeerSession;
-using test_support::ScriptedPeer;
 
 // Answers one message of the server.
 using Script = std::function<void(PeerSession& session, const CNMessageBase& request)>;
@@ -49,14 +45,14 @@ class OverhubRequestTest : public OverhubTest {
     return std::make_unique<ScriptedPeer>(address_, port, "web-1", keyOf("web-1"), serve);
   }
   // The command with the host's address behind it.
-  test_support::ProgramResult atHost(std::vector<std::string> arguments) const {
+  ProgramResult atHost(std::vector<std::string> arguments) const {
     arguments.insert(arguments.end(), {"--host", address_});
     return overhub(arguments);
   }
 };
 
-// The client applies what is pushed: the batch on file with its secrets, or one from a file, under its own
-// id.
+// The client applies what is pushed: the batch on file with its secrets, or one from a file, both under its
+// own client id.
 TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   expectOk({"set", "web-1", "~/Limits", "nMAX", "10"});
   ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
@@ -76,9 +72,9 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   EXPECT_EQ(sent.keys.get()[1].encryptedValue->reveal(), "sesame");
 
   const std::string file = dir_ / "other.xml";
-  test_support::writeFile(file,
-                          "<OBGui.RegistryTaskResp taskStatus='2'><client clientId='99'/><keys>"
-                          "<OBGui.RegistryKeyInfo valueName='n'/></keys></OBGui.RegistryTaskResp>");
+  writeFile(file,
+            "<OBGui.RegistryTaskResp taskStatus='2'><client clientId='99'/><keys>"
+            "<OBGui.RegistryKeyInfo valueName='n'/></keys></OBGui.RegistryTaskResp>");
   const auto failed = push(OBGui::kTaskFailed, {"push", "web-1", file});
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_EQ(failed.out, "failed\n");
@@ -88,9 +84,8 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   const std::size_t first = acks.find("id=7 taskStatus=3 (applied)");
   EXPECT_TRUE(first < acks.find("id=7 taskStatus=1 (failed)") && first != std::string::npos) << acks;
 
-  test_support::writeFile(file, "<broken");
-  const auto refused = atHost({"push", "web-1", file});
-  EXPECT_TRUE(refused.exitCode == 1 && contains(refused.err, file)) << refused.err;
+  writeFile(file, "<broken");
+  expectErr(atHost({"push", "web-1", file}), 1, {file});
 }
 
 // The payload belongs to whoever made it and whoever reads it: not a byte of it changes. Only a terminal,
@@ -106,7 +101,7 @@ TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
   EXPECT_EQ(echoed.exitCode, 0) << echoed.err;
   EXPECT_EQ(echoed.out, "-9223372036854775808|a\n\x1b\\<&> \xff\n");
   const std::string asked = dir_ / "ask";
-  test_support::writeFile(asked, "printf 'a\\n\\033[2J' | \"$OVERHUB\" call web-1 7 - --host " + address_);
+  writeFile(asked, "printf 'a\\n\\033[2J' | \"$OVERHUB\" call web-1 7 - --host " + address_);
   const auto shown = shell("script -qec 'sh " + asked + "' /dev/null </dev/null");
   EXPECT_TRUE(contains(shown.out, "7|a\r\n\\x1b[2J")) << shown.out << shown.err;
   const auto piped = shell("printf 'x\\n' | \"$OVERHUB\" call web-1 7 - --host " + address_);
@@ -116,9 +111,7 @@ TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
 
 // Where a client is, in this order: as the command says, as a person recorded, as it came last.
 TEST_F(OverhubRequestTest, FindsTheClient) {
-  const auto unknown = overhub({"push", "web-1"});
-  EXPECT_EQ(unknown.exitCode, 1);
-  EXPECT_TRUE(contains(unknown.err, "--host") && contains(unknown.err, "client-host")) << unknown.err;
+  expectErr(overhub({"push", "web-1"}), 1, {"--host", "client-host"});
   {
     const auto server = serve();
     become("web-1");
@@ -130,13 +123,11 @@ TEST_F(OverhubRequestTest, FindsTheClient) {
   constexpr std::uint16_t kOtherPort = 8405;
   const auto listening = host(verdictOf(OBGui::kTaskSuccess), kOtherPort);
   const std::vector<std::string> push{"push", "web-1", "--port", std::to_string(kOtherPort)};
-  const std::string elsewhere = test_support::uniqueLoopbackAddress();
-  test_support::writeFile(data_ + "/addresses/web-1", address_ + "\n");
+  const std::string elsewhere = uniqueLoopbackAddress();
+  writeFile(data_ + "/addresses/web-1", address_ + "\n");
   EXPECT_EQ(overhub(push).out, "applied\n");
   expectOk({"client-host", "web-1", elsewhere});
-  const auto lost = overhub(push);
-  EXPECT_EQ(lost.exitCode, 4);
-  EXPECT_TRUE(contains(lost.err, elsewhere) && contains(lost.err, "lqhost run")) << lost.err;
+  expectErr(overhub(push), 4, {elsewhere, "lqhost run"});
   EXPECT_EQ(atHost(push).out, "applied\n");
   EXPECT_EQ(overhub({"client-host", "web-1", "a*b"}).exitCode, 2);
   std::filesystem::remove(data_ + "/hosts/web-1");
@@ -168,20 +159,16 @@ TEST_F(OverhubRequestTest, ErrorsNameTheClientAndTheReason) {
   for (const auto& [script, exitCode, reason, seconds] : cases) {
     const auto listening = host(script);
     const auto result = atHost({"push", "web-1", "--timeout", seconds});
-    EXPECT_EQ(result.exitCode, exitCode) << result.err;
-    EXPECT_TRUE(contains(result.err, reason)) << result.err;
-    EXPECT_TRUE(contains(result.err, "client web-1 at " + address_ + " port 8404")) << result.err;
+    expectErr(result, exitCode, {reason, "client web-1 at " + address_ + " port 8404"});
     EXPECT_EQ(result.out, "");
   }
   {
     const ScriptedPeer otherKey(address_, programs::kHostServicePort, "web-1", std::string(64, 'a'),
                                 [](PeerSession& session) { session.handshake(); });
-    const auto result = atHost({"push", "web-1"});
-    EXPECT_TRUE(result.exitCode == 1 && contains(result.err, "lqhost join")) << result.err;
+    expectErr(atHost({"push", "web-1"}), 1, {"lqhost join"});
   }
   for (const char* const nobody : {"web-2", "@static"}) {
-    const auto result = overhub({"push", nobody});
-    EXPECT_TRUE(result.exitCode == 1 && contains(result.err, nobody)) << result.err;
+    expectErr(overhub({"push", nobody}), 1, {nobody});
   }
 }
 

@@ -1,5 +1,4 @@
 // The running server, with this process as its clients over the wire.
-#include <filesystem>
 
 #include "tests/overhub/overhub_fixture.h"
 #include "tests/support/scripted_peer.h"
@@ -52,6 +51,7 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
   EXPECT_EQ(server->stop(), 0);
   EXPECT_TRUE(contains(server->output(), "web-1 on machine1: OBGui.RegistryTaskReq: 2 records"));
   EXPECT_FALSE(contains(server->output(), "sesame"));
+  EXPECT_FALSE(contains(server->output(), "cut off"));
 }
 
 // Who is not let in, and hears why.
@@ -81,10 +81,7 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
   become("web-1");
   CLqNetwork network;
   ASSERT_FALSE(attach(network).IsError());
-  const struct {
-    std::unique_ptr<CNMessageBase> message;
-    const char* reason;
-  } cases[] = {
+  const std::pair<std::unique_ptr<CNMessageBase>, const char*> cases[] = {
       // web-2's id, not web-1's: the batch of another client, with its secrets
       {std::make_unique<OBGui::RegistryTaskReq>(requestOf(4)), "unknown client id 4"},
       {std::make_unique<OBGui::RegistryTaskReq>(), "unknown client id 0"},
@@ -98,18 +95,17 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
     EXPECT_TRUE(server->waitForOutput(reason)) << "not in the log";
   }
 
-  test_support::writeFile(
-      batchFile("web-1"),
-      "<OBGui.RegistryTaskResp><client clientId=\"3\"/><keys><OBGui.RegistryKeyInfo "
-      "valueName=\"sPW\" encryptedValue=\"V8:another key's\"/></keys></OBGui.RegistryTaskResp>");
+  writeFile(batchFile("web-1"),
+            "<OBGui.RegistryTaskResp><client clientId=\"3\"/><keys><OBGui.RegistryKeyInfo "
+            "valueName=\"sPW\" encryptedValue=\"V8:another key's\"/></keys></OBGui.RegistryTaskResp>");
   ask(network, requestOf(3), refusal);
   EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;
   EXPECT_TRUE(server->waitForOutput("sPW was protected with another key")) << server->output();
-  test_support::writeFile(batchFile("web-1"), "<broken");
+  writeFile(batchFile("web-1"), "<broken");
   ask(network, requestOf(3), refusal);
   EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;
   EXPECT_TRUE(server->waitForOutput(batchFile("web-1") + ": broken XML"));
-  EXPECT_EQ(test_support::readFile(batchFile("web-1")), "<broken");
+  EXPECT_EQ(readFile(batchFile("web-1")), "<broken");
 }
 
 // One client's session, or strangers' silence and noise, must hold up nobody else.
@@ -119,7 +115,7 @@ TEST_F(OverhubServerTest, ServesManyAtOnceThroughSilenceAndNoise) {
   expectOk({"add-client", "web-2"});
   for (const std::string client : {"web-1", "web-2"}) expectOk({"set", client, "p", "n", client});
   const auto server = serve();
-  const std::vector<test_support::PlainSocket> strangers(200);
+  const std::vector<PlainSocket> strangers(200);
   for (std::size_t i = 0; i < strangers.size(); ++i) {
     ASSERT_TRUE(strangers[i].connectTo(address_, i % 2 == 0 ? 8400 : 8402));
     if (i % 4 == 0) strangers[i].send("GET / HTTP/1.1\r\n\r\n");
@@ -147,14 +143,13 @@ TEST_F(OverhubServerTest, ServesManyAtOnceThroughSilenceAndNoise) {
 TEST_F(OverhubServerTest, IsAloneOnItsDataAndStopsWhileAClientIsAttached) {
   expectOk({"add-client", "web-1"});
   const auto server = serve();
-  const auto second = overhub({"serve", "--listen", test_support::uniqueLoopbackAddress()});
-  EXPECT_EQ(second.exitCode, 1);
-  EXPECT_TRUE(contains(second.err, data_) && contains(second.err, "another overhub")) << second.err;
+  expectErr(overhub({"serve", "--listen", uniqueLoopbackAddress()}), 1, {data_, "another overhub"});
   become("web-1");
   CLqNetwork network;
   ASSERT_FALSE(attach(network).IsError());
   EXPECT_EQ(server->stop(), 0);
   EXPECT_FALSE(network.IsConnected());
+  EXPECT_TRUE(contains(server->output(), "stopped; 1 sessions were cut off"));
   const auto next = serve();  // the lock went with the process
   EXPECT_FALSE(attach(network).IsError());
 }

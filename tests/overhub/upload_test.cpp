@@ -1,5 +1,4 @@
 // What clients upload of their registries: kept by the running server, looked at with the commands.
-#include <filesystem>
 
 #include "tests/overhub/overhub_fixture.h"
 
@@ -62,12 +61,11 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   expectOk({"uploads", "web-1", "--out", out});
   EXPECT_EQ(modeOf(out), 0600U);
   OBGui::RegistryTaskResp exported;
-  EXPECT_EQ(exported.unserialize(test_support::readFile(out)), 0);
+  EXPECT_EQ(exported.unserialize(readFile(out)), 0);
   EXPECT_TRUE(exported.equals(upload));
-  test_support::writeFile(out, "precious");
-  const auto refused = overhub({"uploads", "web-1", "--out", out});
-  EXPECT_TRUE(refused.exitCode == 1 && contains(refused.err, out)) << refused.err;
-  EXPECT_EQ(test_support::readFile(out), "precious");
+  writeFile(out, "precious");
+  expectErr(overhub({"uploads", "web-1", "--out", out}), 1, {out});
+  EXPECT_EQ(readFile(out), "precious");
 }
 
 // A client that believes in a backup that is not there is worse off than one that knows.
@@ -84,7 +82,7 @@ TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
   std::filesystem::remove(uploadFile("web-1"));
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
 
-  test_support::writeFile(uploadFile("web-1"), "<broken");
+  writeFile(uploadFile("web-1"), "<broken");
   const auto listed = overhub({"uploads"});
   EXPECT_EQ(listed.exitCode, 3);
   EXPECT_TRUE(contains(listed.out, "web-1   ?") && contains(listed.err, uploadFile("web-1"))) << listed.err;

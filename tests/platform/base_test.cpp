@@ -1,36 +1,27 @@
 // The small services: the log, the thread pool, and files: replaced, appended to, trusted.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <thread>
 
 #include "lqregistry/CWmLibrary.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LqThreadPool.h"
 #include "lqregistry/ObLog.h"
-#include "tests/support/test_support.h"
+#include "tests/support/expectations.h"
 
 namespace {
-
-using test_support::contains;
-using test_support::modeOf;
-using test_support::readFile;
-using test_support::TempDir;
 
 // --- log ---------------------------------------------------------------------------------------------------
 
 class Log : public testing::Test {
  protected:
-  ~Log() override { oblog::Configure({}); }
+  ~Log() override { EXPECT_FALSE(oblog::Configure({}).IsError()); }
   oblog::Settings toFile(int threshold) {
     oblog::Settings settings;
     settings.threshold = threshold;
@@ -46,17 +37,21 @@ TEST_F(Log, TheThresholdDecidesWhatReachesTheFileAndErrorsAlwaysDo) {
   std::size_t expected = 0;
   for (const int threshold : {-1, 0, kLqLogDefaultLevel, 7, 10}) {
     ASSERT_FALSE(oblog::Configure(toFile(threshold)).IsError());
+    const oblog::Capture capture;
     ObDebug log;
     log.Error("tag", "an error %d", 1);
     log.DebugLvl(0, "tag", "level 0");
     log.Debug("tag", "plain");
     log.DebugLvl(2, -123456, "tag", "level 2");
     log.DebugLvl(10, "tag", "level 10");
+    const auto captured = capture.Lines();
+    ASSERT_EQ(captured.size(), std::size(lines));
+    for (const oblog::Line& line : captured) EXPECT_EQ(line.context, line.level == 2 ? -123456 : 0);
     const std::string text = readFile(dir_ / "host.log");
     ++expected;  // each threshold lets one more through
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), static_cast<std::ptrdiff_t>(expected)) << text;
     for (std::size_t i = 0; i < expected; ++i) EXPECT_TRUE(contains(text, lines[i])) << text;
-    oblog::Configure({});
+    EXPECT_FALSE(oblog::Configure({}).IsError());
     std::filesystem::remove(dir_ / "host.log");
   }
 }
@@ -95,7 +90,7 @@ TEST_F(Log, TheFileIsTheOwnersSaysWhoWroteAndRotates) {
 }
 
 TEST_F(Log, WhatIsNoFileOfItsOwnIsRefusedAtOnce) {
-  test_support::writeFile(dir_ / "victim", "precious\n");
+  writeFile(dir_ / "victim", "precious\n");
   std::filesystem::create_symlink(dir_ / "victim", dir_ / "link");
   ASSERT_EQ(mkfifo((dir_ / "pipe").c_str(), 0600), 0);
   for (const char* name : {"link", "pipe"}) {
@@ -141,12 +136,10 @@ TEST(ThreadPool, GrowsWithWhatWaitsShrinksAfterItAndRefusesNothingUntilItEnds) {
     EXPECT_FALSE(pool.initThreadPool("Pool", 0, 0, 3, 1));
     ASSERT_TRUE(pool.initThreadPool("Pool", 0, 2, 3, 1));
     // One runs; then each second one that waits brings a thread, until there are three.
-    const std::size_t threads[] = {1, 1, 2, 3, 3};
-    const int running[] = {1, 1, 2, 3, 3};
-    for (std::size_t i = 0; i < std::size(threads); ++i) {
+    for (const int threads : {1, 1, 2, 3, 3}) {
       EXPECT_EQ(pool.doWork(&Gate::pass, &gate), 0);
-      EXPECT_EQ(pool.threadCount(), threads[i]) << i;
-      while (gate.entered < running[i]) std::this_thread::yield();
+      EXPECT_EQ(pool.threadCount(), static_cast<std::size_t>(threads));
+      while (gate.entered < threads) std::this_thread::yield();
     }
     for (int i = 0; i < 10'000; ++i) ASSERT_EQ(pool.doWork(&Gate::pass, &gate), 0) << i;
     EXPECT_EQ(pool.threadCount(), 3U);
@@ -224,14 +217,11 @@ TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
   // In a forked child the threads are missing, and nothing waits for them.
   auto* const pool = new LqThreadPool;
   ASSERT_TRUE(pool->initThreadPool("Pool", 300, 1, 1, 1));
-  const pid_t child = fork();
-  if (child == 0) {
-    delete pool;
-    _exit(0);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(endOf(startChild([pool] {
+              delete pool;
+              return 0;
+            })),
+            0);
   delete pool;
 }
 
@@ -254,22 +244,6 @@ class Files : public testing::Test {
   // How many files lie in the folder; the file alone unless something was left behind.
   std::ptrdiff_t fileCount() const {
     return std::distance(std::filesystem::directory_iterator(dir_.path()), {});
-  }
-  // Runs in a process of its own; its exit code, or minus the signal that ended it.
-  template <class Work>
-  static int inChild(const Work& work) {
-    return ended(start(work));
-  }
-  template <class Work>
-  static pid_t start(const Work& work) {
-    const pid_t child = fork();
-    if (child != 0) return child;
-    _exit(work());
-  }
-  static int ended(pid_t child) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
   }
 
   TempDir dir_;
@@ -302,13 +276,13 @@ TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
 TEST_F(Files, AProcessThatIsKilledLeavesTheOldTextAndTheNextOneTidiesUp) {
   ASSERT_FALSE(write("old").IsError());
   // The system kills who writes beyond this size, in the middle of the text.
-  const int end = inChild([this] {
-    const test_support::FullDisk disk(1000);
+  const pid_t killed = startChild([this] {
+    const FullDisk disk(1000);
     signal(SIGXFSZ, SIG_DFL);
-    write(std::string(5000, 'n'));
+    static_cast<void>(write(std::string(5000, 'n')));  // does not come back
     return 0;
   });
-  EXPECT_EQ(end, -SIGXFSZ);
+  EXPECT_EQ(endOf(killed), -SIGXFSZ);
   EXPECT_EQ(readFile(path_), "old");
   EXPECT_EQ(fileCount(), 2) << "what this test is about was left behind";
 
@@ -329,7 +303,7 @@ TEST_F(Files, ManyWhoReplaceAtOnceNeverShowAPart) {
   ASSERT_FALSE(write(texts('z')).IsError());
   std::vector<pid_t> writers;
   for (const char letter : {'a', 'b', 'c'})
-    writers.push_back(start([&, letter] {
+    writers.push_back(startChild([&, letter] {
       for (int i = 0; i < kRounds; ++i)
         if (write(texts(letter)).IsError()) return 1;
       return 0;
@@ -338,13 +312,13 @@ TEST_F(Files, ManyWhoReplaceAtOnceNeverShowAPart) {
     const std::string seen = readFile(path_);
     ASSERT_EQ(seen, texts(seen.empty() ? '?' : seen[0])) << "at reading " << i;
   }
-  for (const pid_t writer : writers) EXPECT_EQ(ended(writer), 0);
+  for (const pid_t writer : writers) EXPECT_EQ(endOf(writer), 0);
   EXPECT_EQ(fileCount(), 1);
 }
 
 TEST_F(Files, AFullDiskLeavesAnEmptyNewFileTheOldContentsOrTheOldEnd) {
   const std::string tooMuch(5000, 'n');
-  const test_support::FullDisk disk(1000);
+  const FullDisk disk(1000);
   ASSERT_FALSE(FXFile::ReplaceContents(path_, "old\n").IsError());
   EXPECT_TRUE(contains(FXFile::ReplaceContents(path_, tooMuch).AsString(), "File too large"));
   EXPECT_EQ(readFile(path_), "old\n");
@@ -356,18 +330,19 @@ TEST_F(Files, AFullDiskLeavesAnEmptyNewFileTheOldContentsOrTheOldEnd) {
   EXPECT_EQ(fileCount(), 1);
 }
 
-// Otherwise who cuts a failed write off would cut off what another one has added meanwhile.
+// Otherwise whoever cuts a failed write off would cut off what another one has added meanwhile.
 TEST_F(Files, WhoAppendsWaitsForWhoIsAppending) {
   const auto_handle first(::open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(flock(first.get(), LOCK_EX), 0);
-  const pid_t second = start([this] { return FXFile::AppendContents(path_, "second\n").IsError() ? 1 : 0; });
+  const pid_t second =
+      startChild([this] { return FXFile::AppendContents(path_, "second\n").IsError() ? 1 : 0; });
   siginfo_t end{};
   const auto waits = [&] { return contains(readFile("/proc/locks"), " " + std::to_string(second) + " "); };
   while (!waits() && end.si_pid == 0)
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(second), &end, WEXITED | WNOHANG | WNOWAIT), 0);
   EXPECT_EQ(::write(first.get(), "first\n", 6), 6);
   ASSERT_EQ(flock(first.get(), LOCK_UN), 0);
-  EXPECT_EQ(ended(second), 0);
+  EXPECT_EQ(endOf(second), 0);
   EXPECT_EQ(readFile(path_), "first\nsecond\n");
 }
 
@@ -390,7 +365,7 @@ TEST_F(Files, WhatIsNoRegularFileIsRefusedAtOnceAndLeftAlone) {
     std::filesystem::remove(path_);
   }
   // A link is not replaced, and what it leads to not either.
-  test_support::writeFile(dir_ / "target", "kept");
+  writeFile(dir_ / "target", "kept");
   std::filesystem::create_symlink(dir_ / "target", path_);
   EXPECT_TRUE(write("text").IsError());
   EXPECT_TRUE(FXFile::AppendContents(path_, "text").IsError());
@@ -405,35 +380,32 @@ TEST_F(Files, AreTrustedWhenNobodyElseCouldWriteThemOrPutOthersInTheirPlace) {
   const std::string folder = above + "/folder";
   const std::string file = folder + "/file";
   fs::create_directories(folder);
-  test_support::writeFile(file, "");
+  writeFile(file, "");
   fs::create_symlink(file, dir_ / "link");
   fs::create_symlink("above/../above/folder", dir_ / "folder-link");
-  const struct {
-    const char* what;
-    std::string path;  // what gets the mode
-    mode_t mode;
-    bool isTrusted;
-  } cases[] = {{"as usual", file, 0644, true},
-               {"the group writes the file", file, 0620, false},
-               {"all write the file", file, 0602, false},
-               {"the group writes its folder", folder, 0770, false},
-               {"its folder is sticky", folder, 01777, false},
-               {"all write the folder above", above, 0777, false},
-               {"the group writes the folder above", above, 0770, false},
-               {"the folder above is sticky", above, 01777, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    const auto before = fs::status(c.path).permissions();
-    ASSERT_EQ(chmod(c.path.c_str(), c.mode), 0);
+  // What gets which mode, and whether the file is trusted then.
+  const std::tuple<const char*, std::string, mode_t, bool> cases[] = {
+      {"as usual", file, 0644, true},
+      {"the group writes the file", file, 0620, false},
+      {"all write the file", file, 0602, false},
+      {"the group writes its folder", folder, 0770, false},
+      {"its folder is sticky", folder, 01777, false},
+      {"all write the folder above", above, 0777, false},
+      {"the group writes the folder above", above, 0770, false},
+      {"the folder above is sticky", above, 01777, true}};
+  for (const auto& [what, changed, mode, isTrusted] : cases) {
+    SCOPED_TRACE(what);
+    const auto before = fs::status(changed).permissions();
+    ASSERT_EQ(chmod(changed.c_str(), mode), 0);
     for (const std::string& path :
          {file, above + "/./folder//file", dir_ / "link", dir_ / "folder-link/file"}) {
       const std::string error = FXFile::CheckTrusted(path).AsString();
-      EXPECT_EQ(error.empty(), c.isTrusted) << path << ": " << error;
-      EXPECT_TRUE(error.empty() || contains(error, "\"chmod go-w " + c.path + "\"")) << error;
+      EXPECT_EQ(error.empty(), isTrusted) << path << ": " << error;
+      EXPECT_TRUE(error.empty() || contains(error, "\"chmod go-w " + changed + "\"")) << error;
     }
     // A file that is not there can be put there by who may write the folder.
-    EXPECT_EQ(FXFile::CheckTrusted(folder + "/none").IsError(), !c.isTrusted && c.path != file);
-    fs::permissions(c.path, before);
+    EXPECT_EQ(FXFile::CheckTrusted(folder + "/none").IsError(), !isTrusted && changed != file);
+    fs::permissions(changed, before);
   }
   const fs::path here = fs::current_path();
   fs::current_path(above);
@@ -453,7 +425,7 @@ TEST_F(Files, AreTrustedWhenNobodyElseCouldWriteThemOrPutOthersInTheirPlace) {
 
 TEST_F(Files, OfSomebodyElseAreNotTrusted) {
   constexpr uid_t kNobody = 65534;
-  test_support::writeFile(path_, "");
+  writeFile(path_, "");
   if (geteuid() != 0) {
     EXPECT_FALSE(FXFile::CheckTrusted("/etc/passwd").IsError()) << "root's are";
     return;
@@ -470,12 +442,12 @@ TEST_F(Files, OfSomebodyElseAreNotTrusted) {
   }
   // Who it belongs to may trust it, and root as well.
   ASSERT_EQ(chown(dir_.path().c_str(), kNobody, kNobody), 0);
-  EXPECT_EQ(inChild([&] { return setuid(kNobody) == 0 && !FXFile::CheckTrusted(path_).IsError() ? 0 : 1; }),
-            0);
+  const auto trusts = [&] { return setuid(kNobody) == 0 && !FXFile::CheckTrusted(path_).IsError() ? 0 : 1; };
+  EXPECT_EQ(endOf(startChild(trusts)), 0);
 }
 
 TEST_F(Files, ALibraryIsLoadedFromAPlaceThatIsTrustedOnly) {
-  test_support::writeFile(path_, "no library");
+  writeFile(path_, "no library");
   CWmLibrary loader(true);
   const auto expectRefusal = [&](const std::string& library, const std::string& reason) {
     const CWmError error = loader.Load(library, false);

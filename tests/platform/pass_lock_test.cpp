@@ -1,8 +1,6 @@
 // The pass lock: who is excluded, for how long, and what those who wait in vain are told.
 #include "lqregistry/LqPassLock.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -12,7 +10,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-using test_support::contains;
 
 // Takes the lock and keeps it until asked to let go of it, or killed.
 bool holdOrRelease(const std::string& step) {
@@ -37,12 +34,12 @@ TEST_F(RegistryTest, APassExcludesOtherProcessesUntilItEndsOrDies) {
   OtherProcess other(holdOrRelease);
   ASSERT_TRUE(other.ask("refresh"));
   const std::string file = file_ + ".I1.pass";
-  EXPECT_EQ(test_support::modeOf(file), 0600U);
+  EXPECT_EQ(modeOf(file), 0600U);
   const std::string reason = takeInVain();
   EXPECT_TRUE(contains(reason, file) && contains(reason, "(refresh, since 2")) << reason;
   EXPECT_TRUE(contains(reason, "process ") && !contains(reason, "process " + std::to_string(getpid())))
       << reason;
-  EXPECT_TRUE(contains(reason, test_support::readFile(file))) << "the holder is noted in the file";
+  EXPECT_TRUE(contains(reason, readFile(file))) << "the holder is noted in the file";
 
   LQPI_Focus::setFocus("I2");
   EXPECT_TRUE(LqPassLock("of another instance").isHeld());
@@ -52,7 +49,7 @@ TEST_F(RegistryTest, APassExcludesOtherProcessesUntilItEndsOrDies) {
   std::this_thread::sleep_for(milliseconds(100));
   ASSERT_TRUE(other.ask("release"));
   waiter.join();
-  EXPECT_EQ(test_support::readFile(file), "") << "nobody holds it";
+  EXPECT_EQ(readFile(file), "") << "nobody holds it";
   ASSERT_TRUE(other.ask("download"));
   other.kill();
   EXPECT_TRUE(LqPassLock("after a death").isHeld());

@@ -1,20 +1,16 @@
 // The registry when its file is in trouble: damaged, foreign, locked, read-only, on a full disk, or left
 // behind by a process that was killed.
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "tests/platform/registry_fixture.h"
 
 namespace {
-
-using test_support::FullDisk;
 
 constexpr uid_t kNobody = 65534;
 // Places of two numbers in the header of a database file, big-endian.
@@ -30,7 +26,7 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
   // Enough for several pages, so that half of them is not a registry.
   ASSERT_TRUE(info_.setString("A", "name", std::string(50000, 'd'), 0));
   lqregistry::UseFile(file_);
-  const std::string good = test_support::readFile(file_);
+  const std::string good = readFile(file_);
   const std::pair<const char*, std::string> damages[] = {
       {"garbage", std::string(9000, '#')},
       {"truncated", good.substr(0, good.size() / 2)},
@@ -39,8 +35,8 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
       {"empty beside a log", ""}};
   for (const auto& [kind, damaged] : damages) {
     SCOPED_TRACE(kind);
-    test_support::writeFile(file_, damaged);
-    if (damaged.empty()) test_support::writeFile(file_ + "-wal", "precious");
+    writeFile(file_, damaged);
+    if (damaged.empty()) writeFile(file_ + "-wal", "precious");
     const oblog::Capture log;
     std::string data;
     std::list<std::string> names;
@@ -55,43 +51,42 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
     ASSERT_EQ(log.Lines().size(), 1U);
     EXPECT_EQ(log.Lines()[0].kind, oblog::Kind::kError);
     EXPECT_NE(log.Lines()[0].text.find(file_), std::string::npos) << log.Lines()[0].text;
-    EXPECT_EQ(test_support::readFile(file_), damaged);
+    EXPECT_EQ(readFile(file_), damaged);
 
     // Repaired, the next call finds it.
     std::filesystem::remove(file_ + "-wal");
-    test_support::writeFile(file_, good);
+    writeFile(file_, good);
     EXPECT_EQ(valueOf("A", "name"), std::string(50000, 'd'));
     lqregistry::UseFile(file_);
   }
 }
 
-TEST_F(RegistryTest, IsCreatedByOneOfManyProcessesThatComeAtOnce) {
-  constexpr std::size_t kProcesses = 8;
-  std::vector<pid_t> processes;
-  for (std::size_t i = 0; i < kProcesses; ++i) {
-    processes.push_back(fork());
-    if (processes.back() == 0) _exit(info_.setString("A", std::to_string(i), "data", 0) != 0 ? 0 : 1);
-  }
-  for (const pid_t process : processes) {
-    int status = -1;
-    waitpid(process, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
-  std::map<std::string, std::string> values;
-  EXPECT_TRUE(info_.getRegValues("A", values));
-  EXPECT_EQ(values.size(), kProcesses);
+// The connections are its parent's, and so are the locks that threads of the parent held.
+TEST_F(RegistryTest, AChildForkedFromOneThatHasItOpenIsRefused) {
+  ASSERT_TRUE(info_.setString("A", "name", "data", 0));
+  const lqregistry::WriteBatch ofParent;
+  EXPECT_EQ(endOf(startChild([this] {
+              lqregistry::WriteBatch batch;
+              std::string reason;
+              batch.lock();
+              const bool isRefused = !info_.setString("A", "name", "child", 0) &&
+                                     contains(info_.getRegErrorText(), "forked") && !valueOf("A", "name");
+              return isRefused && !batch.commit() && !lqregistry::Check(reason) ? 0 : 1;
+            })),
+            0);
+  EXPECT_EQ(valueOf("A", "name"), "data");
 }
 
 TEST_F(RegistryTest, OfWhichOthersCouldHaveMadeOneIsRefused) {
   ASSERT_TRUE(info_.setString("A", "name", "data", 0));
   for (const std::string& open : {file_, dir_.path().string()}) {
     lqregistry::UseFile(file_);
-    const unsigned before = test_support::modeOf(open);
+    const unsigned before = modeOf(open);
     ASSERT_EQ(chmod(open.c_str(), before | 020), 0);
     EXPECT_EQ(valueOf("A", "name"), std::nullopt);
     EXPECT_FALSE(info_.setString("A", "name", "data", 0));
     EXPECT_EQ(info_.getRegError(), kRegUnavailable);
-    EXPECT_TRUE(test_support::contains(info_.getRegErrorText(), "\"chmod go-w " + open + "\""));
+    EXPECT_TRUE(contains(info_.getRegErrorText(), "\"chmod go-w " + open + "\""));
     ASSERT_EQ(chmod(open.c_str(), before), 0);
     EXPECT_EQ(valueOf("A", "name"), "data");
   }
@@ -100,21 +95,16 @@ TEST_F(RegistryTest, OfWhichOthersCouldHaveMadeOneIsRefused) {
 TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) {
   ASSERT_TRUE(info_.setString("A", "name", "before", 0));
   lqregistry::UseFile(file_);
-  OtherProcess holder([](const std::string& step) {
-    static lqregistry::WriteBatch* batch = nullptr;
-    if (step == "release") return batch->commit();
-    batch = new lqregistry::WriteBatch;  // until the process lets go of it, or is killed
-    return LQPlatformInfo().setString("A", "name", step, 0) != 0;
-  });
+  OtherProcess holder(carryOut);
   // Long enough for whoever lets go in the end.
-  ASSERT_TRUE(holder.ask("of the holder"));
+  ASSERT_TRUE(holder.ask("begin") && holder.ask("write of the holder"));
   std::thread writer([] { EXPECT_TRUE(LQPlatformInfo("I1").setString("B", "name", "waited", 0)); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ASSERT_TRUE(holder.ask("release"));
+  ASSERT_TRUE(holder.ask("commit"));
   writer.join();
   EXPECT_EQ(valueOf("A", "name"), "of the holder");
 
-  ASSERT_TRUE(holder.ask("not let go"));
+  ASSERT_TRUE(holder.ask("begin") && holder.ask("write not let go"));
   // If each of these waited on its own, the test would last for minutes.
   lqregistry::UseWriteWait(std::chrono::milliseconds(300));
   for (const bool locksFirst : {false, true}) {
@@ -136,23 +126,6 @@ TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) 
   EXPECT_EQ(valueOf("A", "name"), "after");
 }
 
-TEST_F(RegistryTest, LosesABatchWholeWhenTheProcessIsKilledBeforeItsCommit) {
-  OtherProcess victim([](const std::string&) {
-    LQPlatformInfo info;
-    bool ok = info.setString("A", "before", "1", 0) != 0;
-    new lqregistry::WriteBatch;  // still open at the end
-    for (int i = 0; i < 500; ++i) ok = ok && info.setString("A", std::to_string(i), "1", 0) != 0;
-    return ok && info.delRegField("A", "before");
-  });
-  ASSERT_TRUE(victim.ask("write"));
-  victim.kill();
-  EXPECT_EQ(valueOf("A", "before"), "1");
-  std::map<std::string, std::string> values;
-  EXPECT_TRUE(info_.getRegValues("A", values));
-  EXPECT_EQ(values.size(), 1U);
-  EXPECT_TRUE(info_.setString("A", "0", "2", 0)) << "no lock is left behind";
-}
-
 TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
   std::string reason;
   EXPECT_TRUE(lqregistry::Check(reason)) << "a registry that does not exist yet is sound";
@@ -164,11 +137,11 @@ TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
   ASSERT_TRUE(batch.commit());
   EXPECT_TRUE(lqregistry::Check(reason)) << reason;
   lqregistry::UseFile(file_);
-  const std::string good = test_support::readFile(file_);
+  const std::string good = readFile(file_);
   const auto isNoticed = [&](const std::string& damaged) {
-    test_support::writeFile(file_, damaged);
+    writeFile(file_, damaged);
     reason.clear();
-    return !lqregistry::Check(reason) && test_support::contains(reason, file_);
+    return !lqregistry::Check(reason) && contains(reason, file_);
   };
   constexpr std::size_t kPage = 4096;
   ASSERT_GT(good.size(), 20 * kPage);
@@ -176,8 +149,7 @@ TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
     EXPECT_TRUE(isNoticed(std::string(good).replace(page, 16, 16, '\xff'))) << "page " << page / kPage;
   EXPECT_TRUE(isNoticed(good.substr(0, good.size() - kPage)));
 
-  // Consistent in every tree, and wrong all the same: a path in another place than its name, a value of no
-  // key.
+  // Consistent in every tree, and wrong all the same: a path elsewhere than its name, a value of no key.
   std::string moved = good;
   for (std::size_t at = moved.find("Key7/Leaf"); at != std::string::npos; at = moved.find("Key7/Leaf", at))
     moved.replace(at, 9, "Key7/Leae");
@@ -201,7 +173,7 @@ bool becomeReaderOf(const std::string& folder) {
 }
 
 TEST_F(RegistryTest, IsReadWhereNothingCanBeWrittenAndNeverWithOldValues) {
-  const test_support::TempDir copies;
+  const TempDir copies;
   setenv("TMPDIR", copies.path().c_str(), 1);
   ASSERT_EQ(chmod(copies.path().c_str(), 0777), 0);
   const auto closeFolder = [this](bool close) {  // for a reader who is not kept out by the mount
@@ -220,47 +192,38 @@ TEST_F(RegistryTest, IsReadWhereNothingCanBeWrittenAndNeverWithOldValues) {
     LQPlatformInfo info;
     if (step == "enter") return becomeReaderOf(dir_.path());
     if (step == "reopen") lqregistry::UseFile(file_);
-    if (step == "write")
-      return info.setString("A", "name", "new", 0) == 0 && info.getRegError() == kRegUnavailable &&
-             test_support::contains(info.getRegErrorText(), "read-only");
-    if (step == "compare") {
-      lqregistry::WriteBatch batch;
-      batch.lock();
-      return info.setString("A", "name", *valueOf("A", "name"), 0) != 0 && batch.commit();
-    }
-    if (step == "check") {
-      std::string reason;
-      return lqregistry::Check(reason);
-    }
-    return step == "reopen" || valueOf("A", "name") == step;
+    if (step == "remove what is absent")
+      return !info.delRegField("A", "absent") && info.getRegError() == kRegValueMissing;
+    std::string reason;
+    return step == "reopen" || (step == "check" ? lqregistry::Check(reason) : carryOut(step));
   });
   ASSERT_TRUE(reader.ask("enter"));
-  EXPECT_TRUE(reader.ask("idle")) << "neither log nor index is there";
-  EXPECT_TRUE(reader.ask("write"));
-  EXPECT_TRUE(reader.ask("compare"));
-  EXPECT_TRUE(reader.ask("check"));
+  // Neither log nor index is there; a batch that changes nothing is carried out.
+  for (const char* step : {"read idle", "find it read-only", "begin", "read idle", "write idle",
+                           "remove what is absent", "commit", "check"})
+    EXPECT_TRUE(reader.ask(step)) << step;
 
   // What a machine that lost its power leaves: the newest values are in the log alone, and there is no index.
   put("in the log");
-  const std::string file = test_support::readFile(file_);
-  const std::string log = test_support::readFile(file_ + "-wal");
+  const std::string file = readFile(file_);
+  const std::string log = readFile(file_ + "-wal");
   closeFolder(false);
   lqregistry::UseFile(file_);
-  ASSERT_FALSE(test_support::contains(file, "in the log"));
-  test_support::writeFile(file_, file);
-  test_support::writeFile(file_ + "-wal", log);
+  ASSERT_FALSE(contains(file, "in the log"));
+  writeFile(file_, file);
+  writeFile(file_ + "-wal", log);
   closeFolder(true);
-  EXPECT_TRUE(reader.ask("in the log")) << "also by a connection that was open";
+  EXPECT_TRUE(reader.ask("read in the log")) << "also by a connection that was open";
   EXPECT_TRUE(reader.ask("reopen"));
-  EXPECT_TRUE(reader.ask("in the log"));
-  EXPECT_EQ(test_support::readFile(file_ + "-wal"), log);
+  EXPECT_TRUE(reader.ask("read in the log"));
+  EXPECT_EQ(readFile(file_ + "-wal"), log);
 
   // Somebody else, who may, writes on.
-  for (const char* value : {"written on", "and on"}) {
+  for (const std::string value : {"written on", "and on"}) {
     put(value);
-    EXPECT_TRUE(reader.ask(value));
+    EXPECT_TRUE(reader.ask("read " + value));
     EXPECT_TRUE(reader.ask("reopen"));
-    EXPECT_TRUE(reader.ask(value));
+    EXPECT_TRUE(reader.ask("read " + value));
   }
   EXPECT_TRUE(std::filesystem::is_empty(copies.path()));
   closeFolder(false);
@@ -279,17 +242,9 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   const auto answers = [superuser](const std::string& step) {
     LQPlatformInfo info;
     if (step == "become") return !superuser || (setgroups(0, nullptr) == 0 && setuid(kNobody) == 0);
-    if (step == "read") return valueOf("A", "name") == "data";
-    if (step.starts_with("write ")) return info.setString("A", "name", step.substr(6), 0) != 0;
-    static lqregistry::WriteBatch* batch = nullptr;
-    if (step == "begin") (batch = new lqregistry::WriteBatch)->lock();
-    if (step == "end") return batch->commit() && valueOf("A", "name") == "newer";
-    if (step == "begin" || step == "read on")
-      return valueOf("A", "name") == "data" && info.setString("A", "name", "data", 0) != 0;
     if (step == "fail to read")
       return !valueOf("A", "name") && !info.createRegKey("B") && info.getRegError() == kRegUnavailable;
-    return !info.setString("A", "name", "new", 0) && info.getRegError() == kRegUnavailable &&
-           info.getRegErrorText().find("read-only") != std::string::npos;
+    return carryOut(step);
   };
   OtherProcess user(answers);
   OtherProcess writer(answers);
@@ -298,12 +253,12 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   ASSERT_EQ(chmod(file_.c_str(), 0), 0);
   EXPECT_TRUE(user.ask("fail to read"));
   ASSERT_EQ(chmod(file_.c_str(), 0400), 0);
-  EXPECT_TRUE(user.ask("read"));
-  EXPECT_TRUE(user.ask("fail to write"));
-  EXPECT_TRUE(user.ask("begin"));
+  for (const char* step : {"read data", "find it read-only", "begin", "read data", "write data"})
+    EXPECT_TRUE(user.ask(step)) << step;
   EXPECT_TRUE(writer.ask("write newer"));
-  EXPECT_TRUE(user.ask("read on")) << "a batch that cannot write is of one moment as well";
-  EXPECT_TRUE(user.ask("end"));
+  // A batch that cannot write is of one moment as well.
+  for (const char* step : {"read data", "write data", "commit", "read newer"})
+    EXPECT_TRUE(user.ask(step)) << step;
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
   EXPECT_TRUE(user.ask("write new"));
 }

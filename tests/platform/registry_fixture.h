@@ -1,36 +1,35 @@
 // A registry file of its own for each test, seen from instance "I1", and other processes that use it.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <functional>
 #include <optional>
 #include <stdexcept>
-#include <string>
 
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
-#include "tests/support/test_support.h"
+#include "tests/support/expectations.h"
 
-// A forked process that opens the registry for itself and answers questions about it until it is killed. To
-// be made while this process has the file closed (see UseFile) and runs no other threads.
+// A forked process that answers questions until it is killed, with a number or with yes and no; whether it
+// opens the registry is for itself. To be made while this process has the registry closed (see UseFile) and
+// runs no other threads.
 class OtherProcess {
  public:
-  explicit OtherProcess(const std::function<bool(const std::string&)>& answer) {
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends_) != 0) throw std::runtime_error("no socket pair");
+  explicit OtherProcess(const std::function<int(const std::string&)>& answer) {
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_) != 0)
+      throw std::runtime_error("no socket pair");
     pid_ = fork();
     if (pid_ != 0) return;
-    char question[256];
+    close(ends_[0]);
+    std::string room(1 << 18, '\0');
     for (;;) {
-      const ssize_t size = read(ends_[1], question, sizeof question);
-      if (size < 0) _exit(1);
-      const char verdict = answer(std::string(question, static_cast<std::size_t>(size))) ? 'y' : 'n';
-      if (write(ends_[1], &verdict, 1) != 1) _exit(1);
+      const ssize_t size = read(ends_[1], room.data(), room.size());
+      if (size <= 0) _exit(1);
+      const int given = answer(room.substr(0, static_cast<std::size_t>(size)));
+      if (write(ends_[1], &given, sizeof given) < 0) _exit(1);
     }
   }
   ~OtherProcess() {
@@ -41,15 +40,18 @@ class OtherProcess {
   OtherProcess(const OtherProcess&) = delete;
   OtherProcess& operator=(const OtherProcess&) = delete;
 
-  bool ask(const std::string& question) {
-    char verdict = 'n';
-    return write(ends_[0], question.data(), question.size()) > 0 && read(ends_[0], &verdict, 1) == 1 &&
-           verdict == 'y';
+  bool ask(const std::string& question) const { return answerTo(question) == 1; }
+  // -1 when there is none.
+  int answerTo(const std::string& question) const {
+    int given = -1;
+    if (send(ends_[0], question.data(), question.size(), MSG_NOSIGNAL) > 0)
+      recv(ends_[0], &given, sizeof given, 0);
+    return given;
   }
   void kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    endOf(pid_);
     pid_ = 0;
   }
 
@@ -70,14 +72,20 @@ class RegistryTest : public ::testing::Test {
     LQPI_Focus::setFocus(nullptr);
   }
 
-  static std::optional<std::string> valueOf(const std::string& key, const std::string& name) {
+  // What another process is asked to do with a value.
+  static bool carryOut(const std::string& order) {
+    static lqregistry::WriteBatch* batch = nullptr;  // until the process lets go of it, or is killed
     LQPlatformInfo info(LQPI_Focus::getFocus());
-    std::string data;
-    if (!info.getString(key, name, data)) return std::nullopt;
-    return data;
+    if (order.starts_with("read ")) return valueOf("A", "name") == order.substr(5);
+    if (order.starts_with("write ")) return info.setString("A", "name", order.substr(6), 0) != 0;
+    if (order == "commit") return batch->commit();
+    if (order == "begin") (batch = new lqregistry::WriteBatch)->lock();
+    if (order == "begin") return true;
+    return order == "find it read-only" && info.setString("A", "name", "new", 0) == 0 &&
+           info.getRegError() == kRegUnavailable && contains(info.getRegErrorText(), "read-only");
   }
 
-  test_support::TempDir dir_;
+  TempDir dir_;
   std::string file_ = dir_ / "registry.db";
   LQPlatformInfo info_;
 };

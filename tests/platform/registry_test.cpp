@@ -1,21 +1,12 @@
 // The registry through its public headers, on real files: names, values, subtrees, batches.
 // What happens when the file itself is in trouble is in registry_fault_test.cpp.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <thread>
-#include <vector>
 
 #include "tests/platform/registry_fixture.h"
 
 namespace {
-
-std::string allBytesExcept(const std::string& excluded) {
-  std::string bytes;
-  for (int byte = 0; byte < 256; ++byte)
-    if (excluded.find(static_cast<char>(byte)) == std::string::npos) bytes += static_cast<char>(byte);
-  return bytes;
-}
 
 const std::string kNul(1, '\0');
 
@@ -75,9 +66,10 @@ TEST_F(RegistryTest, LooksAtTheFocusOfTheObjectOrElseOfTheProcess) {
 }
 
 TEST_F(RegistryTest, KeepsEveryByteOfNamesAndData) {
-  const std::string component = allBytesExcept("/" + kNul);
-  const std::string name = allBytesExcept(kNul);
-  const std::string data = allBytesExcept("");
+  std::string component = everyByte();
+  std::erase(component, '/');
+  const std::string name = everyByte();
+  const std::string data = everyByte(0);
   const std::string key = "~" + component;
   ASSERT_TRUE(info_.createRegKey(key));
   ASSERT_TRUE(info_.setRegValue(key, name, 0xFFFFFFFF, data.data(), static_cast<int>(data.size())));
@@ -176,8 +168,7 @@ TEST_F(RegistryTest, CreatesTheFileForItsOwnerAloneAndOnlyWhenThereIsSomethingTo
   EXPECT_TRUE(log.Lines().empty());
 
   EXPECT_TRUE(info_.createRegKey("A"));
-  for (const char* companion : {"", "-wal", "-shm"})
-    EXPECT_EQ(test_support::modeOf(file_ + companion), 0600U) << companion;
+  for (const char* companion : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(file_ + companion), 0600U) << companion;
 }
 
 TEST_F(RegistryTest, WritesNothingForAValueThatIsThereAlready) {
@@ -202,9 +193,8 @@ TEST_F(RegistryTest, WritesNothingForAValueThatIsThereAlready) {
 
 TEST_F(RegistryTest, ShowsABatchToItsThreadAtOnceAndToEverybodyElseWhenTheOutermostEnds) {
   ASSERT_TRUE(info_.setString("A", "name", "old", 0));
-  // Another process, which compares what it sees with each line it is told.
   lqregistry::UseFile(file_);
-  OtherProcess other([](const std::string& expected) { return valueOf("A", "name") == expected; });
+  const OtherProcess other(carryOut);
   const auto inAnotherThread = [] {
     std::optional<std::string> seen;
     std::thread([&seen] { seen = valueOf("A", "name"); }).join();
@@ -220,10 +210,10 @@ TEST_F(RegistryTest, ShowsABatchToItsThreadAtOnceAndToEverybodyElseWhenTheOuterm
     }
     EXPECT_EQ(valueOf("A", "name"), "new");
     EXPECT_EQ(inAnotherThread(), "old");
-    EXPECT_TRUE(other.ask("old"));
+    EXPECT_TRUE(other.ask("read old"));
     EXPECT_TRUE(outer.commit());
     EXPECT_EQ(inAnotherThread(), "new");
-    EXPECT_TRUE(other.ask("new"));
+    EXPECT_TRUE(other.ask("read new"));
     ASSERT_TRUE(info_.setString("A", "name", "undone", 0));
     lqregistry::WriteBatch abandoned;
     ASSERT_TRUE(info_.setString("A", "name", "not kept", 0));

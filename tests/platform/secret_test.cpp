@@ -8,10 +8,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using test_support::contains;
-using test_support::modeOf;
-using test_support::readFile;
-using test_support::writeFile;
 
 constexpr std::size_t kKeyBytes = 64;
 
@@ -98,18 +94,16 @@ TEST_F(Secrets, V8TextIsDeterministicPerKeyAndCannotBeAltered) {
 TEST_F(Secrets, TheKeyComesWithTheRegistryAndIsOneForAllWhoMakeThemAtOnce) {
   std::vector<pid_t> children;
   for (int i = 0; i < 6; ++i) {
-    children.push_back(fork());
-    if (children.back() == 0) {
+    children.push_back(startChild([&] {
       // Half of them protect something, and half just write.
       if (i % 2 == 0) writeFile(dir_ / ("text." + std::to_string(i)), pstring("secret").getV8Password());
-      _exit(info_.setString("A", std::to_string(i), "data", 0) != 0 ? 0 : 1);
-    }
+      return info_.setString("A", std::to_string(i), "data", 0) != 0 ? 0 : 1;
+    }));
   }
-  for (const pid_t child : children) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
+  for (const pid_t child : children) EXPECT_EQ(endOf(child), 0);
+  std::map<std::string, std::string> values;
+  EXPECT_TRUE(info_.getRegValues("A", values));
+  EXPECT_EQ(values.size(), 6U);
   const std::string text = pstring("secret").getV8Password();
   EXPECT_NE(text, "");
   for (int i = 0; i < 6; i += 2) EXPECT_EQ(readFile(dir_ / ("text." + std::to_string(i))), text);

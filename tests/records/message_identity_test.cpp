@@ -31,26 +31,29 @@ TEST(MessageIdentity, OfEveryClassIsFixed) {
   EXPECT_EQ(identityOf(OBGui::RegistryStaticKeyReq()), "OBGui.RegistryStaticKeyReq 13,46");
   EXPECT_EQ(identityOf(App::KeyInfoList()), "App.KeyInfoList 30,377 keys:1,1");
   EXPECT_EQ(identityOf(App::FetchClientRegistry()), "App.FetchClientRegistry 30,505 keyInfo:1,1");
+  EXPECT_EQ(identityOf(App::AppCommunicationMessageReq()),
+            "App.AppCommunicationMessageReq 30,364 messageType:1,1 payload:2,2");
+  EXPECT_EQ(identityOf(App::AppCommunicationMessageResp()),
+            "App.AppCommunicationMessageResp 30,365 payload:1,1");
+  EXPECT_EQ(identityOf(App::GenericResp()), "App.GenericResp 30,1595 errorCode:1,1 errorText:2,2");
   EXPECT_EQ(identityOf(LqEntities::ClientEntity()), "LqEntities.Client 2,1 clientId:0,0");
+  EXPECT_EQ(identityOf(LqEntities::Association()), "LqEntities.Association 2,2 id:0,0");
   EXPECT_EQ(OBGui::kTaskSuccess, 3);
   EXPECT_EQ(OBGui::kTaskFailed, 1);
   EXPECT_EQ(OBGui::kTaskUpload, 2);
 }
 
-// A process in which nobody has built a message yet knows a class by its name once its namespace is
-// registered.
+// Where nobody has built a message yet, a class is known by its name once its namespace is registered.
 TEST(MessageIdentity, AClassIsKnownOnceItsNamespaceIsRegistered) {
-  const struct {
-    void (*registerNamespace)();
-    const char* text;
-  } namespaces[] = {{LqEntities::RegisterSubsystem, "<LqEntities.Association id=\"1\"/>"},
-                    {OBGui::RegisterSubsystem, "<OBGui.RegistryStaticKeyReq/>"},
-                    {App::RegisterSubsystem, "<App.GenericResp/>"}};
-  for (const auto& n : namespaces) {
+  const std::pair<void (*)(), const char*> namespaces[] = {
+      {LqEntities::RegisterSubsystem, "<LqEntities.Association id=\"1\"/>"},
+      {OBGui::RegisterSubsystem, "<OBGui.RegistryStaticKeyReq/>"},
+      {App::RegisterSubsystem, "<App.GenericResp/>"}};
+  for (const auto& [registerNamespace, text] : namespaces) {
     std::unique_ptr<CNMessageBase> message;
-    EXPECT_TRUE(CNMessageBase::fromText(n.text, message).IsError()) << n.text;
-    n.registerNamespace();
-    EXPECT_FALSE(CNMessageBase::fromText(n.text, message).IsError()) << n.text;
+    EXPECT_TRUE(CNMessageBase::fromText(text, message).IsError()) << text;
+    registerNamespace();
+    EXPECT_FALSE(CNMessageBase::fromText(text, message).IsError()) << text;
   }
 }
 

@@ -5,9 +5,6 @@
 
 namespace {
 
-using test_support::readFile;
-using test_support::writeFile;
-
 const std::string kPassTag = "LqRegistryManagerClnt::downLoadAndUpdateClient";
 const std::string kRepairTag = "downLoadAndUpdateClient";
 
@@ -16,9 +13,6 @@ class Download : public ProductTest {
   Download() {
     join();
     EXPECT_TRUE(LQClient::recordClient("client42", kWideId));
-  }
-  std::unique_ptr<PlayedServer> serve(std::vector<PlayedServer::Script> scripts) {
-    return std::make_unique<PlayedServer>(address_, sessionKey_, std::move(scripts));
   }
   // One pass against a server that answers with these keys; gives the acknowledgement that it got.
   OBGui::RegistryTaskResp passWith(const OBGui::KeyList& keys) { return passWith(batchText(keys)); }
@@ -35,19 +29,6 @@ class Download : public ProductTest {
     EXPECT_FALSE(acknowledgement.keys.isSet());
     return acknowledgement;
   }
-  OBGui::RegistryTaskResp cached() {
-    OBGui::RegistryTaskResp batch;
-    std::string error;
-    EXPECT_EQ(batch.unserialize(readFile(cacheFile()), &error), 0) << error;
-    return batch;
-  }
-  // The names of the records in the cache file.
-  std::vector<std::string> cachedNames() {
-    const OBGui::RegistryTaskResp batch = cached();
-    std::vector<std::string> names;
-    for (const auto& key : batch.keys.get()) names.push_back(key.valueName);
-    return names;
-  }
   static OBGui::KeyList numbered(int count) {
     OBGui::KeyList keys;
     for (int i = 0; i < count; ++i)
@@ -61,25 +42,18 @@ class Download : public ProductTest {
 
 TEST_F(Download, APassAppliesCachesAndAcknowledges) {
   setValue("EventManager", "sGONE", "1");
-  OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
-  disabled.enabledFlag = 0;
-  std::string everyByte;
-  for (int byte = 1; byte < 256; ++byte) everyByte += static_cast<char>(byte);
+  const std::string everyByte = test_support::everyByte();
   const auto acknowledgement =
       passWith({record("A", "sSET", "new"), record("A", everyByte, everyByte),
-                removal("EventManager", "sGONE"), disabled, record("A", "Trace", "1"),
+                removal("EventManager", "sGONE"), disabled("A", "sDISABLED", "1"), record("A", "Trace", "1"),
                 record("A", "Trace_UNTIL", "1"), secretRecord("A", "sSECRET", "hunter2")});
   EXPECT_EQ(acknowledgement.taskStatus, OBGui::kTaskSuccess);
-  EXPECT_EQ(valueOf("A", "sSET"), "new");
-  EXPECT_EQ(valueOf("A", everyByte), everyByte);
+  EXPECT_EQ(valuesOf("A", {"sSET", everyByte, "Trace"}), "new " + everyByte + " -");
   EXPECT_EQ(valueOf("EventManager", "sGONE"), std::nullopt);
-  EXPECT_EQ(valueOf("A", "Trace"), std::nullopt);
-  pstring secret;
-  EXPECT_TRUE(pstring::fromV8Password(valueOf("A", "sSECRET").value_or(""), secret));
-  EXPECT_EQ(secret.reveal(), "hunter2");
+  EXPECT_EQ(valueOf("A", "sSECRET"), pstring("hunter2").getV8Password());
 
   // What was removed, or has expired, is left out; what is merely disabled stays.
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sSET", everyByte, "sDISABLED", "sSECRET"}));
+  EXPECT_EQ(cachedNames(), (Lines{"sSET", everyByte, "sDISABLED", "sSECRET"}));
   EXPECT_EQ(readFile(cacheFile()).find("hunter2"), std::string::npos);
 }
 
@@ -152,10 +126,10 @@ TEST_F(Download, ARemovedLogDirectoryEndsAsTheDefaultOne) {
   EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR"), record("A", "sSET", "1")}).taskStatus,
             OBGui::kTaskSuccess);
   EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), "/opt/x/Log_Files");
-  EXPECT_EQ(cachedNames(), std::vector<std::string>{"sSET"});
+  EXPECT_EQ(cachedNames(), Lines{"sSET"});
   EXPECT_EQ(
       linesOf(log, kRepairTag),
-      (std::vector<std::string>{
+      (Lines{
           "plain|downLoadAndUpdateClient| Fetched dVELMORHOME regKey from client's registry :: /opt/x",
           "plain|downLoadAndUpdateClient| dOBLOGDIR key added successfully at client's registry with default "
           "path :: /opt/x/Log_Files"}));
@@ -170,7 +144,7 @@ TEST_F(Download, WithoutAHomeTheLogDirectoryStaysRemoved) {
     EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR")}).taskStatus, OBGui::kTaskSuccess);
     EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
     EXPECT_EQ(linesOf(log, kRepairTag),
-              std::vector<std::string>{"error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"});
+              Lines{"error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"});
   }
 }
 
@@ -184,16 +158,15 @@ TEST_F(Download, ARepairThatFailsIsReportedAndChangesNothingElse) {
 }
 
 TEST_F(Download, OnlyTheExactNameMarkedForRemovalIsRepaired) {
-  OBGui::RegistryKeyInfo disabled = record("EventManager", "dOBLOGDIR", "/elsewhere");
-  disabled.enabledFlag = 0;
   OBGui::RegistryKeyInfo unmarked = record("Other", "dOBLOGDIR", "/elsewhere");
   unmarked.deleteFlag.clear();
   setValue("EventManager", "dobLOGDIR", "/elsewhere");
   const oblog::Capture log;
-  passWith({removal("EventManager", "dobLOGDIR"), disabled, unmarked});
+  passWith(
+      {removal("EventManager", "dobLOGDIR"), disabled("EventManager", "dOBLOGDIR", "/elsewhere"), unmarked});
   EXPECT_TRUE(linesOf(log, kRepairTag).empty());
   EXPECT_EQ(valueOf("EventManager", "dobLOGDIR"), std::nullopt);
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"dOBLOGDIR", "dOBLOGDIR"}));
+  EXPECT_EQ(cachedNames(), (Lines{"dOBLOGDIR", "dOBLOGDIR"}));
 }
 
 // --- failures ----------------------------------------------------------------------------------------------
@@ -217,8 +190,7 @@ TEST_F(Download, AnUnknownClientAsksForNothing) {
   LqRegistryManagerClnt client("");
   const oblog::Capture log;
   EXPECT_EQ(client.downLoadAndUpdateClient(), 3U);
-  EXPECT_EQ(linesOf(log),
-            std::vector<std::string>{"error|" + kPassTag + "|Failed to get client id for client[]"});
+  EXPECT_EQ(linesOf(log), Lines{"error|" + kPassTag + "|Failed to get client id for client[]"});
   EXPECT_EQ(server->sessions(), 0);
   setValue("Hosts/host42", "sCLIENTNAME", "client42");
   EXPECT_EQ(client.downLoadAndUpdateClient(), 3U) << "the platform types are not known yet";
@@ -234,8 +206,7 @@ TEST_F(Download, AnAcknowledgementThatCannotBeSentIsOnlyReported) {
   EXPECT_EQ(valueOf("Numbered", "sN1"), "1");
   EXPECT_EQ(cachedNames().size(), 2U);
   EXPECT_EQ(linesOf(log, kPassTag),
-            std::vector<std::string>{"error|" + kPassTag +
-                                     "|Failed to send the response to the server for client[client42]"});
+            Lines{"error|" + kPassTag + "|Failed to send the response to the server for client[client42]"});
 }
 
 // --- the static list ---------------------------------------------------------------------------------------

@@ -33,10 +33,10 @@ class Enumeration : public ProductTest {
     EXPECT_TRUE(info_.setRegValue(key, name, 0, data.data(), static_cast<int>(data.size())));
   }
   // Each record in one line.
-  std::vector<std::string> enumerated() {
+  Lines enumerated() {
     OBGui::KeyList records;
     EXPECT_EQ(client_.enumerateClientKeysInfo("the path selects nothing", records), 0U);
-    std::vector<std::string> lines;
+    Lines lines;
     for (const OBGui::RegistryKeyInfo& key : records) {
       EXPECT_TRUE(key.deleteFlag.isSet() && key.deleteFlag == 0);
       EXPECT_TRUE(key.enabledFlag.isSet() && key.enabledFlag == 1);
@@ -61,10 +61,9 @@ TEST_F(Enumeration, EachKeyComesBeforeItsValuesAndThoseBeforeTheKeysBelow) {
   write("~A", "Z", "before the small letters");
   ASSERT_TRUE(info_.createRegKey("~A/C"));
   write("SOFTWARE/Velmor/Instance002/A", "x", "another instance's");
-  EXPECT_EQ(enumerated(),
-            (std::vector<std::string>{"|A|KEY|", "A|Z|STRING|before the small letters", "A|x|STRING|2",
-                                      "A|B|KEY|", "A/B|x|STRING|1", "A/B|D|KEY|", "A/B/D|x|STRING|deep",
-                                      "A|C|KEY|", "|B|KEY|", "B|z|STRING|last"}));
+  EXPECT_EQ(enumerated(), (Lines{"|A|KEY|", "A|Z|STRING|before the small letters", "A|x|STRING|2", "A|B|KEY|",
+                                 "A/B|x|STRING|1", "A/B|D|KEY|", "A/B/D|x|STRING|deep", "A|C|KEY|", "|B|KEY|",
+                                 "B|z|STRING|last"}));
 }
 
 TEST_F(Enumeration, ValuesAreTakenAsTextAndThoseTooLongForTheBufferPassedOver) {
@@ -74,8 +73,8 @@ TEST_F(Enumeration, ValuesAreTakenAsTextAndThoseTooLongForTheBufferPassedOver) {
   write("~A", "c", longest + "v");
   write("~A", "d", "");
   write("~A", "sPASSWORD", "in clear");
-  EXPECT_EQ(enumerated(), (std::vector<std::string>{"|A|KEY|", "A|a|STRING|before", "A|b|STRING|" + longest,
-                                                    "A|d|STRING|", "A|sPASSWORD|STRING|in clear"}));
+  EXPECT_EQ(enumerated(), (Lines{"|A|KEY|", "A|a|STRING|before", "A|b|STRING|" + longest, "A|d|STRING|",
+                                 "A|sPASSWORD|STRING|in clear"}));
 
   OBGui::KeyList records{record("kept", "as it was", "")};
   EXPECT_EQ(client_.fillKeyFieldInformation("A", {{"gone meanwhile", ""}, {"d", ""}}, records), 0U);
@@ -88,8 +87,8 @@ TEST_F(Enumeration, NoValueEndsInTheRestOfAnother) {
   write("~A", "b", "short");
   write("~A", "c", "");
   storesNoNul = true;
-  EXPECT_EQ(enumerated(), (std::vector<std::string>{"|A|KEY|", "A|a|STRING|" + std::string(5000, 'x'),
-                                                    "A|b|STRING|short", "A|c|STRING|"}));
+  EXPECT_EQ(enumerated(),
+            (Lines{"|A|KEY|", "A|a|STRING|" + std::string(5000, 'x'), "A|b|STRING|short", "A|c|STRING|"}));
   storesNoNul = false;
 }
 

@@ -14,22 +14,19 @@ class LocalKeys : public ProductTest {
 TEST_F(LocalKeys, EveryPathFormHasOnePlaceInTheClientsInstance) {
   LqRegistryManagerClnt other("Instance002");
   const std::string root = "SOFTWARE/Velmor/Instance002";
-  const struct {
-    const char* path;
-    std::string place;
-  } cases[] = {{"", root},
-               {"Machine/Settings", root + "/Machine/Settings"},
-               {"~/Machine/", root + "/Machine"},
-               {"MySOFTWARE", root + "/MySOFTWARE"},
-               {"software/X", root + "/software/X"},
-               {"SOFTWARE/X", "SOFTWARE/X"}};
-  for (const auto& c : cases) {
-    const OBGui::RegistryKeyInfo key = record(c.path, "sVALUE", std::string("of ") + c.path);
-    EXPECT_EQ(other.createRegistryKey(&key), 0) << c.path;
-    EXPECT_EQ(valueOf(c.place, "sVALUE"), key.value.get()) << c.path;
-    EXPECT_TRUE(other.isRegistryKeyExists(&key)) << c.path;
-    EXPECT_EQ(other.deleteRegistryKey(&key), 0) << c.path;
-    EXPECT_EQ(valueOf(c.place, "sVALUE"), std::nullopt) << c.path;
+  const std::pair<const char*, std::string> cases[] = {{"", root},
+                                                       {"Machine/Settings", root + "/Machine/Settings"},
+                                                       {"~/Machine/", root + "/Machine"},
+                                                       {"MySOFTWARE", root + "/MySOFTWARE"},
+                                                       {"software/X", root + "/software/X"},
+                                                       {"SOFTWARE/X", "SOFTWARE/X"}};
+  for (const auto& [path, place] : cases) {
+    const OBGui::RegistryKeyInfo key = record(path, "sVALUE", std::string("of ") + path);
+    EXPECT_EQ(other.createRegistryKey(&key), 0) << path;
+    EXPECT_EQ(valueOf(place, "sVALUE"), key.value.get()) << path;
+    EXPECT_TRUE(other.isRegistryKeyExists(&key)) << path;
+    EXPECT_EQ(other.deleteRegistryKey(&key), 0) << path;
+    EXPECT_EQ(valueOf(place, "sVALUE"), std::nullopt) << path;
   }
 }
 
@@ -93,8 +90,7 @@ TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
   EXPECT_EQ(client_.createRegistryKey(&other), 3);
   EXPECT_EQ(client_.regStatus, kRegStatusValueMissing) << "as the look at it left it";
   EXPECT_EQ(linesOf(log),
-            std::vector<std::string>{
-                "0|LqRegistryManager::createRegistryKey|Modifying Other remotely is not allowed"});
+            Lines{"0|LqRegistryManager::createRegistryKey|Modifying Other remotely is not allowed"});
   const OBGui::RegistryKeyInfo tooLong = record(std::string(5000, 'p'), "Local", "", "KEY");
   EXPECT_EQ(client_.createRegistryKey(&tooLong), 3);
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
@@ -119,18 +115,15 @@ TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
     EXPECT_EQ(client_.createRegistryKey(&key), 3);
   }
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
-  EXPECT_EQ(linesOf(log, "LqRegistryManager::"),
-            std::vector<std::string>{
-                "plain|LqRegistryManager::createRegistryKey|Failed To Create A Registry Key, Path=~" + path});
+  EXPECT_EQ(
+      linesOf(log, "LqRegistryManager::"),
+      Lines{"plain|LqRegistryManager::createRegistryKey|Failed To Create A Registry Key, Path=~" + path});
 }
 
 TEST_F(LocalKeys, ProtectedValuesAreStoredAsV8Text) {
   OBGui::RegistryKeyInfo key = secretRecord("Secrets", "sPASSWORD", "hunter2");
   ASSERT_EQ(client_.createRegistryKey(&key), 0);
-  const std::string stored = valueOf("Secrets", "sPASSWORD").value_or("");
-  pstring back;
-  ASSERT_TRUE(pstring::fromV8Password(stored, back)) << stored;
-  EXPECT_EQ(back.reveal(), "hunter2");
+  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), pstring("hunter2").getV8Password());
 
   key.value = "";  // without a value there is nothing to protect
   ASSERT_EQ(client_.createRegistryKey(&key), 0);
@@ -166,8 +159,7 @@ TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
   EXPECT_TRUE(hasLine(log,
                       "error|LqRegistryManager::createRegistryKey|The protected value [sPASSWORD] of key "
                       "[Secrets] was protected with another key"));
-  EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "V8:old");
-  EXPECT_EQ(valueOf("Secrets", "sBEFORE"), "1");
+  EXPECT_EQ(valuesOf("Secrets", {"sPASSWORD", "sBEFORE"}), "V8:old 1");
   EXPECT_EQ(valueOf("Secrets", "sOTHER"), pstring("readable").getV8Password());
   EXPECT_EQ(valueOf("Secrets", "sAFTER"), "1");
   EXPECT_EQ(valueOf("Secrets", "sGONE"), std::nullopt) << "to remove it, nobody has to read it";
@@ -177,19 +169,16 @@ TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
 
 TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
   setValue("Delete/Sub/Deeper", "sVALUE", "1");
-  const struct {
-    OBGui::RegistryKeyInfo key;
-    int result;
-  } cases[] = {{record("Delete/Sub", "sABSENT", ""), 0},
-               {record("Absent", "sVALUE", ""), 0},
-               {record("Delete", std::string(2000, 'n'), ""), 3},
-               {record("Delete", "Absent", "", "KEY"), 0},
-               {record("Delete", "Sub", "", "key"), 0},  // a value of that name, which is not there
-               {record(std::string(5000, 'p'), "Sub", "", "KEY"), 3}};
+  const std::pair<OBGui::RegistryKeyInfo, int> cases[] = {
+      {record("Delete/Sub", "sABSENT", ""), 0},
+      {record("Absent", "sVALUE", ""), 0},
+      {record("Delete", std::string(2000, 'n'), ""), 3},
+      {record("Delete", "Absent", "", "KEY"), 0},
+      {record("Delete", "Sub", "", "key"), 0},  // a value of that name, which is not there
+      {record(std::string(5000, 'p'), "Sub", "", "KEY"), 3}};
   client_.regStatus = 99;
-  for (const auto& c : cases)
-    EXPECT_EQ(client_.deleteRegistryKey(&c.key), c.result)
-        << c.key.keyPath.get() << " " << c.key.valueName.get();
+  for (const auto& [key, result] : cases)
+    EXPECT_EQ(client_.deleteRegistryKey(&key), result) << key.keyPath.get() << " " << key.valueName.get();
   EXPECT_EQ(valueOf("Delete/Sub/Deeper", "sVALUE"), "1");
 
   const OBGui::RegistryKeyInfo subKey = record("Delete", "Sub", "", "KEY");  // any name, everything below it

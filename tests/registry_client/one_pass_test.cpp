@@ -1,7 +1,6 @@
 // Downloads and refreshes one at a time: each refuses to begin beside another pass, says who is in its way,
 // and leaves cache and registry alone.
 #include <chrono>
-#include <thread>
 
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -17,18 +16,17 @@ class OnePass : public ProductTest {
     join();
     LqPassLock::useWait(std::chrono::milliseconds(20));
   }
-  void cache(const OBGui::KeyList& keys) const { test_support::writeFile(cacheFile(), batchText(keys)); }
+  void cache(const OBGui::KeyList& keys) const { writeFile(cacheFile(), batchText(keys)); }
   // The error lines of a refresh on a thread of its own.
-  static std::vector<std::string> refreshErrors() {
+  static Lines refreshErrors() {
     const oblog::Capture log;
     std::thread([] { EXPECT_EQ(additionalSettingsRefresh(), 1U); }).join();
     return linesOf(log, "additionalSettingsRefresh");
   }
-  static testing::AssertionResult isRefusedFor(const std::vector<std::string>& lines,
-                                               const std::string& holder) {
+  static testing::AssertionResult isRefusedFor(const Lines& lines, const std::string& holder) {
     for (const std::string& line : lines)
       if (line.starts_with("error|additionalSettingsRefresh|The refresh was not begun: ") &&
-          test_support::contains(line, holder))
+          contains(line, holder))
         return testing::AssertionSuccess();
     return testing::AssertionFailure() << testing::PrintToString(lines);
   }
@@ -36,12 +34,12 @@ class OnePass : public ProductTest {
 
 TEST_F(OnePass, BesideAnotherPassNeitherBegins) {
   cache({record("A", "sCACHED", "1"), removal("A", "sREMOVED")});
-  const std::string before = test_support::readFile(cacheFile());
+  const std::string before = readFile(cacheFile());
   {
     const LqPassLock held("somebody");
     EXPECT_TRUE(isRefusedFor(refreshErrors(), "(somebody, since"));
     EXPECT_EQ(valueOf("A", "sCACHED"), std::nullopt);
-    EXPECT_EQ(test_support::readFile(cacheFile()), before);
+    EXPECT_EQ(readFile(cacheFile()), before);
 
     PlayedServer server(address_, sessionKey_, {answering(batchText({record("A", "sDOWNLOADED", "1")}))});
     const oblog::Capture log;
@@ -70,7 +68,7 @@ TEST_F(OnePass, BesideAnotherPassNeitherBegins) {
 }
 
 TEST_F(OnePass, ADownloadExcludesTheRefreshFromItsRequestToItsAcknowledgement) {
-  std::vector<std::vector<std::string>> refused;
+  std::vector<Lines> refused;
   const auto refreshBefore = [&refused](const PlayedServer::Script& answer) {
     return [&refused, answer](PlayedServer::Stage& stage) {
       refused.push_back(refreshErrors());

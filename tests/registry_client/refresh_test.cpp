@@ -9,9 +9,6 @@
 
 namespace {
 
-using test_support::readFile;
-using test_support::writeFile;
-
 const std::string kTag = "additionalSettingsRefresh";
 const std::string kTimerTag = "int AdditionalSettingsRefresh_OnTimer(LqPeriodicTaskStatus*)";
 const std::string kCleaning = "0|" + kTag + "|Cleaning temporary key.";
@@ -29,41 +26,25 @@ class Refresh : public ProductTest {
     ASSERT_EQ(batch.serialize(text, false), 0);
     writeFile(cacheFile(), text);
   }
-  OBGui::RegistryTaskResp cached() const {
-    OBGui::RegistryTaskResp batch;
-    EXPECT_EQ(batch.unserialize(readFile(cacheFile())), 0);
-    return batch;
-  }
-  std::vector<std::string> cachedNames() const {
-    std::vector<std::string> names;
-    const OBGui::RegistryTaskResp batch = cached();
-    for (const OBGui::RegistryKeyInfo& key : batch.keys.get()) names.push_back(key.valueName);
-    return names;
-  }
 };
 
 // --- the task ----------------------------------------------------------------------------------------------
 
 TEST_F(Refresh, EachRunSetsTheFrequencyAnew) {
-  const struct {
-    const char* setting;  // null: absent
-    std::uint32_t seconds;
-    const char* minutes;
-  } cases[] = {{nullptr, 3600, "60"},    {"0", 3600, "60"},           {"5", 300, "5"}, {"soon", 3600, "60"},
-               {"-1", 4294967236, "-1"}, {"71582789", 44, "71582789"}};  // what is beyond 32 bits is cut off
+  const std::tuple<const char*, std::uint32_t, const char*> cases[] = {
+      {nullptr, 3600, "60"},    {"0", 3600, "60"},           {"5", 300, "5"}, {"soon", 3600, "60"},
+      {"-1", 4294967236, "-1"}, {"71582789", 44, "71582789"}};  // what is beyond 32 bits is cut off
   LqPeriodicTaskStatus status;
-  for (const auto& c : cases) {
-    if (c.setting != nullptr) setValue("QMachineMaint", "nTimer_AdditionalSettingsRefresh", c.setting);
+  for (const auto& [setting, seconds, minutes] : cases) {
+    if (setting != nullptr) setValue("QMachineMaint", "nTimer_AdditionalSettingsRefresh", setting);
     const oblog::Capture log;
     EXPECT_EQ(AdditionalSettingsRefresh_OnTimer(&status), 0);
-    EXPECT_EQ(status.getFrequency(), c.seconds);
+    EXPECT_EQ(status.getFrequency(), seconds);
     EXPECT_EQ(
         linesOf(log, kTimerTag),
-        std::vector<std::string>{
-            "2|" + kTimerTag + "|Timer for Task [AdditionalSettingsRefresh] is set to [" + c.minutes + "]."});
+        Lines{"2|" + kTimerTag + "|Timer for Task [AdditionalSettingsRefresh] is set to [" + minutes + "]."});
     EXPECT_EQ(linesOf(log, kTag),
-              (std::vector<std::string>{
-                  kCleaning, "0|" + kTag + "|Failed to get Additional Settings XML from registry."}));
+              (Lines{kCleaning, "0|" + kTag + "|Failed to get Additional Settings XML from registry."}));
     for (const oblog::Line& line : log.Lines()) EXPECT_EQ(line.context, -123456) << line.text;
   }
   EXPECT_EQ(status.getLastRunTime(), 0);
@@ -75,8 +56,7 @@ TEST_F(Refresh, ACacheThatCannotBeReadStaysAsItWas) {
     writeFile(cacheFile(), broken);
     const oblog::Capture log;
     EXPECT_EQ(additionalSettingsRefresh(), 1U);
-    EXPECT_EQ(linesOf(log, kTag),
-              (std::vector<std::string>{kCleaning, "plain|" + kTag + "|Unable to unserialize xml."}));
+    EXPECT_EQ(linesOf(log, kTag), (Lines{kCleaning, "plain|" + kTag + "|Unable to unserialize xml."}));
     EXPECT_EQ(readFile(cacheFile()), broken);
   }
   EXPECT_EQ(valueOf("A", "sVALUE"), "1");
@@ -85,38 +65,25 @@ TEST_F(Refresh, ACacheThatCannotBeReadStaysAsItWas) {
 // --- a pass ------------------------------------------------------------------------------------------------
 
 TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
-  OBGui::RegistryKeyInfo disabled = record("A", "sDISABLED", "1");
-  disabled.enabledFlag = 0;
   OBGui::RegistryKeyInfo odd = record("A", "sODD", "1");
   odd.deleteFlag = 2;  // written and kept: only 1 removes
   const std::string later = std::to_string(std::time(nullptr) + 3600);
   cache({record("A", "sCOHDbStatus", "up"), record("A", "sKEPT", "new"), removal("A", "sTEMPORARY"),
-         record("B", "nTRIAL", "1"), disabled, record("A", "nTRIAL_UNTIL", "1"), record("A", "sOFFER", "1"),
-         record("A", "sOFFER_UNTIL", later), record("A", "sCOHDBSTATUS", "other"),
+         record("B", "nTRIAL", "1"), disabled("A", "sDISABLED", "1"), record("A", "nTRIAL_UNTIL", "1"),
+         record("A", "sOFFER", "1"), record("A", "sOFFER_UNTIL", later), record("A", "sCOHDBSTATUS", "other"),
          secretRecord("A", "sPASSWORD", "sesame"), odd});
   for (const char* name : {"sCOHDbStatus", "sKEPT", "sTEMPORARY", "sDISABLED"}) setValue("A", name, "old");
   setValue("B", "nTRIAL", "1");
   const oblog::Capture log(2);
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
-  EXPECT_EQ(linesOf(log), std::vector<std::string>{kCleaning});
-  const struct {
-    const char* key;
-    const char* name;
-    std::optional<std::string> value;
-  } held[] = {{"A", "sCOHDbStatus", "old"},
-              {"A", "sKEPT", "new"},
-              {"A", "sTEMPORARY", std::nullopt},
-              {"A", "sDISABLED", std::nullopt},
-              {"B", "nTRIAL", std::nullopt},
-              {"A", "nTRIAL_UNTIL", std::nullopt},
-              {"A", "sOFFER", "1"},
-              {"A", "sOFFER_UNTIL", later},
-              {"A", "sCOHDBSTATUS", "other"},
-              {"A", "sODD", "1"}};
-  for (const auto& h : held) EXPECT_EQ(valueOf(h.key, h.name), h.value) << h.name;
+  EXPECT_EQ(linesOf(log), Lines{kCleaning});
+  EXPECT_EQ(valuesOf("A", {"sCOHDbStatus", "sKEPT", "sTEMPORARY", "sDISABLED", "nTRIAL_UNTIL", "sOFFER",
+                           "sOFFER_UNTIL", "sCOHDBSTATUS", "sODD"}),
+            "old new - - - 1 " + later + " other 1");
+  EXPECT_EQ(valueOf("B", "nTRIAL"), std::nullopt);
   EXPECT_EQ(valueOf("A", "sPASSWORD"), pstring("sesame").getV8Password());
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"sKEPT", "sDISABLED", "sOFFER", "sOFFER_UNTIL",
-                                                     "sCOHDBSTATUS", "sPASSWORD", "sODD"}));
+  EXPECT_EQ(cachedNames(),
+            (Lines{"sKEPT", "sDISABLED", "sOFFER", "sOFFER_UNTIL", "sCOHDBSTATUS", "sPASSWORD", "sODD"}));
   EXPECT_EQ(cached().taskStatus, OBGui::kTaskSuccess);
   EXPECT_EQ(cached().client->clientId, kClientId);
   EXPECT_EQ(readFile(cacheFile()).find("sesame"), std::string::npos);
@@ -126,8 +93,7 @@ TEST_F(Refresh, APassReappliesCleansAndKeepsTheRest) {
   setValue("A", "sTEMPORARY", "mine");
   setValue("A", "sKEPT", "drifted");
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
-  EXPECT_EQ(valueOf("A", "sTEMPORARY"), "mine");
-  EXPECT_EQ(valueOf("A", "sKEPT"), "new");
+  EXPECT_EQ(valuesOf("A", {"sTEMPORARY", "sKEPT"}), "mine new");
   writeFile(cacheFile(), kept + "\n");
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
   EXPECT_EQ(readFile(cacheFile()), kept) << "written again even when nothing changed";
@@ -138,7 +104,7 @@ TEST_F(Refresh, AFailedApplyStillCleansTheCache) {
   const oblog::Capture log;
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
   EXPECT_TRUE(hasLine(log, "plain|" + kTag + "|Failed to update registry keys."));
-  EXPECT_EQ(cachedNames(), (std::vector<std::string>{"Other", "sKEPT"}));
+  EXPECT_EQ(cachedNames(), (Lines{"Other", "sKEPT"}));
   EXPECT_EQ(valueOf("A", "sKEPT"), "1");
 }
 
@@ -148,11 +114,9 @@ TEST_F(Refresh, OneSecretThatCannotBeReadCostsTheOthersNothing) {
   const std::string foreign = "V8:" + std::string(sealed.size() - 3, 'A');
   std::string text = readFile(cacheFile());
   text.replace(text.find(sealed), sealed.size(), foreign);
-  test_support::writeFile(cacheFile(), text);
+  writeFile(cacheFile(), text);
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
-  EXPECT_EQ(valueOf("A", "sFIRST"), "1");
-  EXPECT_EQ(valueOf("A", "sLAST"), "1");
-  EXPECT_EQ(valueOf("A", "sPASSWORD"), std::nullopt);
+  EXPECT_EQ(valuesOf("A", {"sFIRST", "sLAST", "sPASSWORD"}), "1 1 -");
   EXPECT_EQ(readFile(cacheFile()), text) << "with the right key it can be read again";
 }
 
@@ -162,7 +126,7 @@ TEST_F(Refresh, TheClientIdIsLookedUpUntilItIsKnownAndThenNeverAgain) {
   const auto expectUnknown = [&](const std::string& reason) {
     const oblog::Capture log;
     EXPECT_EQ(getClientId(), 0U);
-    EXPECT_EQ(linesOf(log), std::vector<std::string>{"error|long unsigned int getClientId()|" + reason});
+    EXPECT_EQ(linesOf(log), Lines{"error|long unsigned int getClientId()|" + reason});
   };
   removeValue("Machine", "sPHYSICALNAME");
   expectUnknown("Failed to get the local client name.");

@@ -6,8 +6,6 @@
 
 namespace {
 
-using test_support::PeerSession;
-
 const std::string kFetch = "LqRegistryManager::getRequestedKeys|";
 const std::string kSend = "LqRegistryManager::sendRequestedKeys|";
 const std::string kSomeFailed = "plain|" + kFetch + "Unable to fetch one or more keys in the list";
@@ -43,8 +41,7 @@ TEST_F(ServerRequests, APushedBatchIsAppliedAndTheOutcomeAnswered) {
     return client.serverRequest.taskStatus.get();
   };
   EXPECT_EQ(push({record("A", "sVALUE", "1"), removal("A", "sGONE")}), 3);
-  EXPECT_EQ(valueOf("A", "sVALUE"), "1");
-  EXPECT_EQ(valueOf("A", "sGONE"), std::nullopt);
+  EXPECT_EQ(valuesOf("A", {"sVALUE", "sGONE"}), "1 -");
   EXPECT_EQ(push({record("Clients", "Other", "", "KEY"), record("A", "sOTHER", "2")}), 1);
   EXPECT_EQ(valueOf("A", "sOTHER"), "2") << "every record is tried";
   EXPECT_EQ(push({}), 3) << "an earlier failure leaves nothing behind";
@@ -57,8 +54,8 @@ TEST_F(ServerRequests, WithoutAnIdAPushIsNeitherAppliedNorAnswered) {
   request.keys.edit().push_back(record("A", "sVALUE", "1"));
   const oblog::Capture log;
   EXPECT_EQ(client.serverRequestHandler(request), 0U);
-  EXPECT_EQ(linesOf(log), std::vector<std::string>{"error|LqRegistryManagerClnt::serverRequestHandler|"
-                                                   "Failed to get client id for client[client42]"});
+  EXPECT_EQ(linesOf(log), Lines{"error|LqRegistryManagerClnt::serverRequestHandler|"
+                                "Failed to get client id for client[client42]"});
   EXPECT_EQ(client.sendMessage, nullptr);
   EXPECT_EQ(valueOf("A", "sVALUE"), std::nullopt);
 }
@@ -81,15 +78,14 @@ TEST_F(ServerRequests, AFetchFillsWhatItCanAndTellsTheRestApart) {
   const oblog::Capture log;
   client.getRequestedKeys(&keys);
   const std::string notSet = "10|" + kFetch + "One or more key not set properly";
-  EXPECT_EQ(linesOf(log), (std::vector<std::string>{
-                              "10|" + kFetch + "set value = found for key = sVALUE", notSet, notSet, notSet,
-                              "10|" + kFetch + "failed to fetch key sVALUE at ~B",
-                              "10|" + kFetch + "bad registry key sVALUE",
-                              "10|" + kFetch + "failed to fetch key sNONE at ~A",
-                              "10|" + kFetch + "bad field ~A for registry key sNONE",
-                              "10|" + kFetch + "failed to fetch key sLONG at ~A",
-                              "10|" + kFetch + "Unable to fetch key sLONG from path ~A",
-                              "10|" + kFetch + "set value = root for key = sOFTHEROOT", kSomeFailed}));
+  EXPECT_EQ(linesOf(log), (Lines{"10|" + kFetch + "set value = found for key = sVALUE", notSet, notSet,
+                                 notSet, "10|" + kFetch + "failed to fetch key sVALUE at ~B",
+                                 "10|" + kFetch + "bad registry key sVALUE",
+                                 "10|" + kFetch + "failed to fetch key sNONE at ~A",
+                                 "10|" + kFetch + "bad field ~A for registry key sNONE",
+                                 "10|" + kFetch + "failed to fetch key sLONG at ~A",
+                                 "10|" + kFetch + "Unable to fetch key sLONG from path ~A",
+                                 "10|" + kFetch + "set value = root for key = sOFTHEROOT", kSomeFailed}));
   EXPECT_EQ(keys[0].value.get(), "found");
   for (const std::size_t unset : {1U, 2U, 5U, 6U}) EXPECT_FALSE(keys[unset].value.isSet());
   for (const std::size_t before : {3U, 4U}) EXPECT_EQ(keys[before].value.get(), "as it was");
@@ -99,22 +95,19 @@ TEST_F(ServerRequests, AFetchFillsWhatItCanAndTellsTheRestApart) {
 TEST_F(ServerRequests, TheFetchStatusIsThatOfTheLastFailureAndStartsAnew) {
   setValue("A", "sVALUE", "found");
   LqRegistryManagerClnt client("");
-  const struct {
-    App::KeyList keys;
-    std::int32_t status;
-  } cases[] = {{{wanted("A", "sNONE"), wanted("B", "x"), wanted("A", "sVALUE")}, 6},
-               {{wanted("B", "x"), wanted("A", "sNONE")}, 7},
-               {{wanted("B", "x"), wanted("A", std::string(1025, 'n'))}, 2},
-               {{wanted("A", "sVALUE")}, 0}};
-  for (const auto& c : cases) {
-    App::KeyList keys = c.keys;
+  const std::pair<App::KeyList, std::int32_t> cases[] = {
+      {{wanted("A", "sNONE"), wanted("B", "x"), wanted("A", "sVALUE")}, 6},
+      {{wanted("B", "x"), wanted("A", "sNONE")}, 7},
+      {{wanted("B", "x"), wanted("A", std::string(1025, 'n'))}, 2},
+      {{wanted("A", "sVALUE")}, 0}};
+  for (auto [keys, status] : cases) {
     client.getRequestedKeys(&keys);
-    EXPECT_EQ(client.regStatus, c.status);
+    EXPECT_EQ(client.regStatus, status);
   }
   client.regStatus = kRegStatusWriteFailed;
   const oblog::Capture log;
   client.getRequestedKeys(nullptr);
-  EXPECT_EQ(linesOf(log), std::vector<std::string>{"10|" + kFetch + "Requested key list not set"});
+  EXPECT_EQ(linesOf(log), Lines{"10|" + kFetch + "Requested key list not set"});
   EXPECT_EQ(client.regStatus, 0);
 }
 
@@ -153,27 +146,28 @@ TEST_F(ServerRequests, AnAnswerEndsTheSessionWhetherItCouldBeSentOrNot) {
   App::KeyList keys{wanted("A", "sVALUE")};
   keys[0].value = "found";
   const std::string notSet = "error|" + kSend + "Session or keys to send not set. Failed to send.";
-  const std::string tooLong = "plain|" + kSend + "Failed to send message [" +
-                              std::to_string(App::FetchClientRegistry::kTag) + "], Error [";
+  const std::string failed = "plain|" + kSend + "Failed to send message [" +
+                             std::to_string(App::FetchClientRegistry::kTag) + "], Error [";
+  const App::KeyList good = keys;
   for (const bool fits : {true, false}) {
-    if (!fits) keys[0].value = std::string(kMaxMessageFrameBytes / 4, '\1');  // four bytes each in the text
+    // What cannot be opened cannot be told.
+    if (!fits) pstring::fromStoredText("V8:" + std::string(40, 'A'), keys[0].encryptedValue.edit());
     ASSERT_TRUE(client.dllConnect());
     const oblog::Capture log;
     client.sendRequestedKeys(nullptr, &keys);
     client.sendRequestedKeys(client.network.get(), nullptr);
-    EXPECT_EQ(linesOf(log), (std::vector<std::string>{notSet, notSet}));
+    EXPECT_EQ(linesOf(log), (Lines{notSet, notSet}));
     EXPECT_TRUE(client.network->IsConnected());
     client.sendRequestedKeys(client.network.get(), &keys);
     EXPECT_EQ(linesOf(log).size(), fits ? 2U : 3U);
-    EXPECT_EQ(hasLine(log, tooLong), !fits);
+    EXPECT_EQ(hasLine(log, failed), !fits);
     EXPECT_FALSE(client.network->IsConnected());
     EXPECT_EQ(client.sendMessage, nullptr);
   }
-  ASSERT_EQ(server.messages().size(), 1U);
-  const auto sent = server.message<App::FetchClientRegistry>(0);
-  ASSERT_EQ(sent.keyInfo->keys->size(), 1U);
-  EXPECT_EQ(sent.keyInfo->keys->at(0).value.get(), "found");
-  EXPECT_EQ(sent.keyInfo->keys->at(0).valueName.get(), "sVALUE");
+  App::FetchClientRegistry sent;
+  sent.keyInfo.edit().keys = good;
+  EXPECT_TRUE(server.message<App::FetchClientRegistry>(0).equals(sent));
+  EXPECT_EQ(server.messages().size(), 1U);
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 
 namespace {
 
-using test_support::PeerSession;
-
 const std::string kPrefix = "LqRegistryManagerClnt::";
 const std::string kConnectFailed =
     "0|LqRegistryManagerClnt::networkOperationsReg|Failed to connect to remote machine";
@@ -22,9 +20,6 @@ class Session : public ProductTest {
     join();
     request_.client.edit().clientId = kClientId;
   }
-  std::unique_ptr<PlayedServer> serve(std::vector<PlayedServer::Script> scripts) {
-    return std::make_unique<PlayedServer>(address_, sessionKey_, std::move(scripts));
-  }
   bool exchange(LqRegistryManagerClnt& client) {
     client.sendMessage = &request_;
     client.receivedMessage.reset();
@@ -37,14 +32,12 @@ class Session : public ProductTest {
 // --- the object --------------------------------------------------------------------------------------------
 
 TEST_F(Session, ThePlatformTypeIsWhatSessionsKnowOfTheMachines) {
-  const struct {
-    const char* bits;
-    std::uint32_t type;
-  } cases[] = {{"1", 0}, {"2", 2}, {"4", 4}, {"5", 4}, {"6", 2}, {"7", 2}, {"8", 0}};
-  for (const auto& c : cases) {
-    setValue("Machine", "nPLATFORMTYPE", c.bits);
+  const std::pair<const char*, std::uint32_t> cases[] = {{"0", 0}, {"1", 0}, {"2", 2}, {"4", 4},
+                                                         {"5", 4}, {"6", 2}, {"7", 2}, {"8", 0}};
+  for (const auto& [bits, type] : cases) {
+    setValue("Machine", "nPLATFORMTYPE", bits);
     const LqRegistryManagerClnt client("");
-    EXPECT_EQ(client.getLocalPlatformType(), c.type) << c.bits;
+    EXPECT_EQ(client.getLocalPlatformType(), type) << bits;
     EXPECT_EQ(client.getRemotePlatformType(), 1U);
   }
 }
@@ -89,9 +82,8 @@ TEST_F(Session, WithoutAnIdTheClientIsUnsetAndConnectsToNobody) {
   EXPECT_EQ(client.getRemotePlatformType(), 4294967295U);
   EXPECT_FALSE(exchange(client));
   EXPECT_EQ(linesOf(log),
-            (std::vector<std::string>{
-                "error|LqRegistryManagerClnt::initialize|Failed to get client id for client[client42]",
-                kConnectFailed}));
+            (Lines{"error|LqRegistryManagerClnt::initialize|Failed to get client id for client[client42]",
+                   kConnectFailed}));
   EXPECT_EQ(server->sessions(), 0);
 
   setValue("SOFTWARE/Velmor/Clients/client42", "nCLIENTID", "0");
@@ -133,15 +125,17 @@ TEST_F(Session, AClientIsKnownByItsOwnNameOrAsTheOneThatThisMachineJoinedAs) {
 
 // --- a good exchange ---------------------------------------------------------------------------------------
 
-TEST_F(Session, AnExchangeAttachesSendsReceivesAndTakesLeave) {
-  bool tookLeave = false;
+TEST_F(Session, AnExchangeIsWithTheServerThatTheRegistryNamesByThen) {
+  bool saidGoodbye = false;
   auto server = serve({[&](PlayedServer::Stage& stage) {
     stage.acceptAttach();
     stage.takeMessage();
     stage.peer.writeFrame(PeerSession::kMessage, batchText({record("A", "sVALUE", "1")}));
-    tookLeave = stage.peer.answerGoodbye();
+    saidGoodbye = stage.peer.answerGoodbye();
   }});
   LqRegistryManagerClnt client("");
+  EXPECT_EQ(client.getRemoteHostName(), "");
+  client.setRemoteHostName("elsewhere");
   const oblog::Capture log;
   EXPECT_TRUE(exchange(client));
   EXPECT_EQ(client.network, nullptr);
@@ -149,14 +143,13 @@ TEST_F(Session, AnExchangeAttachesSendsReceivesAndTakesLeave) {
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->keys->at(0).valueName.get(), "sVALUE");
   const std::string tag = std::to_string(OBGui::RegistryTaskReq::kTag);
-  EXPECT_EQ(linesOf(log, kPrefix),
-            (std::vector<std::string>{"10|LqRegistryManagerClnt::dllConnect|Remote HostName [" + address_ +
-                                          "] , Local Host Name [host42]",
-                                      "2|LqRegistryManagerClnt::sendXMLMessage|Sent message [" + tag +
-                                          "] successfully to remote machine [" + address_ + "]",
-                                      "plain|LqRegistryManagerClnt::receiveXMLMessage|Received message "
-                                      "successfully from remote machine [" +
-                                          address_ + "]"}));
+  EXPECT_EQ(linesOf(log, kPrefix), (Lines{"10|LqRegistryManagerClnt::dllConnect|Remote HostName [" +
+                                              address_ + "] , Local Host Name [host42]",
+                                          "2|LqRegistryManagerClnt::sendXMLMessage|Sent message [" + tag +
+                                              "] successfully to remote machine [" + address_ + "]",
+                                          "plain|LqRegistryManagerClnt::receiveXMLMessage|Received message "
+                                          "successfully from remote machine [" +
+                                              address_ + "]"}));
   for (const oblog::Line& line : log.Lines()) EXPECT_EQ(line.logId, 281908688U);
 
   EXPECT_EQ(server->sessions(), 1);
@@ -166,18 +159,9 @@ TEST_F(Session, AnExchangeAttachesSendsReceivesAndTakesLeave) {
        {"library=\"sLNREGKEYMANAGER\"", "entry=\"sLPREGKEYMANAGER\"", "caller=\"machine42\""})
     EXPECT_NE(asked.find(part), std::string::npos) << asked;
   server.reset();  // ends with the peer's script
-  EXPECT_TRUE(tookLeave);
-}
+  EXPECT_TRUE(saidGoodbye);
 
-TEST_F(Session, EveryConnectionGoesToTheServerThatTheRegistryNamesByThen) {
-  auto first = serve({answering(batchText({}))});
-  LqRegistryManagerClnt client("");
-  EXPECT_EQ(client.getRemoteHostName(), "");
-  client.setRemoteHostName("elsewhere");
-  EXPECT_TRUE(exchange(client));
-  EXPECT_EQ(client.getRemoteHostName(), address_);
-
-  address_ = test_support::uniqueLoopbackAddress();
+  address_ = uniqueLoopbackAddress();
   setValue("Overhub", "sOHHOSTNAME", address_);
   auto second = serve({taking()});
   client.sendOnly = true;
@@ -202,39 +186,36 @@ TEST_F(Session, WithoutTheServersNamesThereIsNoConnection) {
     removeValue("Overhub", missing);
     const oblog::Capture log;
     EXPECT_FALSE(exchange(client));
-    EXPECT_EQ(linesOf(log), (std::vector<std::string>{line, kConnectFailed}));
+    EXPECT_EQ(linesOf(log), (Lines{line, kConnectFailed}));
     EXPECT_EQ(client.network.get(), stale) << "what was there is not touched";
     setValue("Overhub", missing, address_);
   }
-  const std::function<void(LqRegistryManagerClnt&)> spoils[] = {
-      [](LqRegistryManagerClnt& client) { client.setLocalHostName(""); },
-      [](LqRegistryManagerClnt& client) { client.setLocalPlatformType(4294967295); },
-      [](LqRegistryManagerClnt& client) { client.setRemotePlatformType(4294967295); }};
-  for (const auto& spoil : spoils) {
+  for (int unknown = 0; unknown < 3; ++unknown) {
     LqRegistryManagerClnt client("");
-    spoil(client);
+    if (unknown == 0) client.setLocalHostName("");
+    if (unknown == 1) client.setLocalPlatformType(4294967295);
+    if (unknown == 2) client.setRemotePlatformType(4294967295);
     const oblog::Capture log;
     EXPECT_FALSE(exchange(client));
-    EXPECT_EQ(linesOf(log), std::vector<std::string>{kConnectFailed});
+    EXPECT_EQ(linesOf(log), Lines{kConnectFailed});
   }
   EXPECT_EQ(server->sessions(), 0);
 }
 
 TEST_F(Session, AServerThatCannotBeAttachedToLeavesAStaleConnection) {
-  std::unique_ptr<PlayedServer> server;  // at first, nobody listens
-  for (const std::string& reason : {std::string(), std::string("no such library here")}) {
-    if (!reason.empty()) server = serve({refusing(reason)});
-    LqRegistryManagerClnt client("");
-    const oblog::Capture log;
-    EXPECT_FALSE(exchange(client));
-    EXPECT_TRUE(
-        hasLine(log, "0|LqRegistryManagerClnt::dllConnect|1-Failed to connect to the remote machine " +
-                         address_ + " Error "));
-    EXPECT_NE(linesOf(log, kPrefix + "dllConnect").back().find(reason), std::string::npos);
-    EXPECT_EQ(linesOf(log, kPrefix).back(), kConnectFailed);
-    ASSERT_NE(client.network, nullptr);
-    EXPECT_FALSE(client.network->IsConnected());
-  }
+  auto server = serve({refusing("no such library here")});
+  LqRegistryManagerClnt client("");
+  const oblog::Capture log(0);
+  EXPECT_FALSE(exchange(client));
+  const Lines lines = linesOf(log, kPrefix);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_TRUE(lines[0].starts_with("0|" + kPrefix + "dllConnect|1-Failed to connect to the remote machine " +
+                                   address_ + " Error ") &&
+              contains(lines[0], "no such library here"))
+      << lines[0];
+  EXPECT_EQ(lines[1], kConnectFailed);
+  ASSERT_NE(client.network, nullptr);
+  EXPECT_FALSE(client.network->IsConnected());
 }
 
 // --- during the exchange -----------------------------------------------------------------------------------
@@ -252,27 +233,13 @@ TEST_F(Session, AMessageThatCannotBeSentEndsTheConnection) {
 }
 
 TEST_F(Session, AFailedReplyLeavesAStaleConnectionWhenThePeerIsLostAndElseNone) {
-  const auto saying = [](int kind, const std::string& payload) {
-    return [kind, payload](PeerSession& peer) {
-      peer.writeFrame(kind, payload);
-      peer.answerGoodbye();
-    };
-  };
-  const struct {
-    const char* name;
-    std::function<void(PeerSession&)> play;
-    bool isLost;  // the peer vanished; otherwise it said something that cannot be used
-  } faults[] = {{"closes", [](PeerSession&) {}, true},
-                {"resets", [](PeerSession& peer) { peer.reset(); }, true},
-                {"breaks the text", saying(PeerSession::kMessage, "<OBGui.RegistryTaskResp><keys>"), false},
-                {"refuses the request", saying(PeerSession::kRefuseRequest, "not now"), false},
-                {"says goodbye", saying(PeerSession::kGoodbye, ""), false}};
-  for (const auto& fault : faults) {
-    SCOPED_TRACE(fault.name);
-    auto server = serve({[&](PlayedServer::Stage& stage) {
+  for (const bool isLost : {true, false}) {
+    auto server = serve({[isLost](PlayedServer::Stage& stage) {
                            stage.acceptAttach();
                            stage.takeMessage();
-                           fault.play(stage.peer);
+                           if (isLost) return stage.peer.reset();
+                           stage.peer.writeFrame(PeerSession::kRefuseRequest, "not now");
+                           stage.peer.answerGoodbye();
                          },
                          answering(batchText({}))});
     LqRegistryManagerClnt client("");
@@ -281,9 +248,9 @@ TEST_F(Session, AFailedReplyLeavesAStaleConnectionWhenThePeerIsLostAndElseNone) 
     EXPECT_EQ(client.receivedMessage, nullptr);
     EXPECT_EQ(linesOf(log, kPrefix).back(), kReceiveFailed);
     const std::string tag = "plain|LqRegistryManagerClnt::receiveXMLMessage|";
-    EXPECT_TRUE(hasLine(log, tag + (fault.isLost ? "Connection to remote machine lost. Msg["
-                                                 : "LqRegistryManagerClnt::Failed to receive message [")));
-    EXPECT_EQ(client.network != nullptr, fault.isLost);
+    EXPECT_TRUE(hasLine(log, tag + (isLost ? "Connection to remote machine lost. Msg["
+                                           : "LqRegistryManagerClnt::Failed to receive message [")));
+    EXPECT_EQ(client.network != nullptr, isLost);
     EXPECT_FALSE(client.network && client.network->IsConnected());
     EXPECT_TRUE(exchange(client)) << "the next exchange reconnects";
     EXPECT_EQ(server->sessions(), 2);

@@ -35,7 +35,7 @@ TEST_F(Upload, TheWholeRegistryGoesToTheServerInOneMessage) {
   forgetClientId();  // a client that knows its id asks no more
   const oblog::Capture log;
   EXPECT_EQ(client.uploadKeys(), 0U);
-  EXPECT_EQ(linesOf(log, "LqRegistryManager::"), (std::vector<std::string>{kStarted, kSucceeded}));
+  EXPECT_EQ(linesOf(log, "LqRegistryManager::"), (Lines{kStarted, kSucceeded}));
 
   OBGui::RegistryTaskResp expected;
   expected.taskStatus = 2;
@@ -47,25 +47,21 @@ TEST_F(Upload, TheWholeRegistryGoesToTheServerInOneMessage) {
 }
 
 TEST_F(Upload, OnlyAFailureTheServerReportsIsOne) {
-  const struct {
-    const char* name;
-    PlayedServer::Script answer;
-    unsigned result;
-    std::vector<std::string> lines;
-  } cases[] = {{"failure", answering(verdict(OBGui::kTaskFailed)), 3, {kStarted, kFailed}},
-               {"another status", answering(verdict(2)), 0, {kStarted, kSucceeded}},
-               {"no status", answering("<OBGui.RegistryTaskResp/>"), 0, {kStarted, kSucceeded}},
-               {"another class", answering("<OBGui.RegistryTaskReq/>"), 0, {kStarted}},
-               {"no reply", refusing("busy"), 0, {kStarted}}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const PlayedServer server(address_, sessionKey_, {c.answer});
+  const std::tuple<const char*, PlayedServer::Script, unsigned, Lines> cases[] = {
+      {"failure", answering(verdict(OBGui::kTaskFailed)), 3, {kStarted, kFailed}},
+      {"another status", answering(verdict(2)), 0, {kStarted, kSucceeded}},
+      {"no status", answering("<OBGui.RegistryTaskResp/>"), 0, {kStarted, kSucceeded}},
+      {"another class", answering("<OBGui.RegistryTaskReq/>"), 0, {kStarted}},
+      {"no reply", refusing("busy"), 0, {kStarted}}};
+  for (const auto& [name, answer, result, lines] : cases) {
+    SCOPED_TRACE(name);
+    const PlayedServer server(address_, sessionKey_, {answer});
     LqRegistryManagerClnt client("");
     client.receivedMessage = std::make_unique<OBGui::RegistryTaskResp>();
     client.receivedMessage->unserialize(verdict(OBGui::kTaskFailed));  // of an earlier exchange
     const oblog::Capture log;
-    EXPECT_EQ(client.uploadKeys(), c.result);
-    EXPECT_EQ(linesOf(log, "LqRegistryManager::"), c.lines);
+    EXPECT_EQ(client.uploadKeys(), result);
+    EXPECT_EQ(linesOf(log, "LqRegistryManager::"), lines);
   }
 }
 

@@ -4,8 +4,6 @@
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqRegistryFile.h"
 
-using test_support::PeerSession;
-
 OBGui::RegistryKeyInfo record(const std::string& keyPath, const std::string& valueName,
                               const std::string& value, const std::string& valueType) {
   OBGui::RegistryKeyInfo key;
@@ -15,6 +13,13 @@ OBGui::RegistryKeyInfo record(const std::string& keyPath, const std::string& val
   key.valueType = valueType;
   key.deleteFlag = 0;
   key.enabledFlag = 1;
+  return key;
+}
+
+OBGui::RegistryKeyInfo disabled(const std::string& keyPath, const std::string& valueName,
+                                const std::string& value) {
+  OBGui::RegistryKeyInfo key = record(keyPath, valueName, value);
+  key.enabledFlag = 0;
   return key;
 }
 
@@ -51,8 +56,8 @@ std::string asText(const oblog::Line& line) {
 
 }  // namespace
 
-std::vector<std::string> linesOf(const oblog::Capture& log, const std::string& tagPrefix) {
-  std::vector<std::string> lines;
+Lines linesOf(const oblog::Capture& log, const std::string& tagPrefix) {
+  Lines lines;
   for (const oblog::Line& line : log.Lines())
     if (line.tag.starts_with(tagPrefix)) lines.push_back(asText(line));
   return lines;
@@ -70,7 +75,7 @@ testing::AssertionResult hasLine(const oblog::Capture& log, const std::string& s
 ProductTest::ProductTest() {
   oblog::Settings quiet;  // what a test wants to know of the log, it captures
   quiet.toStandardError = false;
-  oblog::Configure(quiet);
+  static_cast<void>(oblog::Configure(quiet));  // fails over a log file only
   OBGui::RegisterSubsystem();
   unsetenv("VELMOR_VM");
   lqregistry::UseFile(registryFile_);
@@ -103,20 +108,33 @@ void ProductTest::join() {
   ASSERT_TRUE(batch.commit());
 }
 
-std::optional<std::string> ProductTest::valueOf(const std::string& key, const std::string& name) {
-  LQPlatformInfo info;
-  std::string value;
-  return info.getString(key, name, value) ? std::optional(value) : std::nullopt;
-}
-
-void ProductTest::setValue(const std::string& key, const std::string& name, const std::string& value) {
-  LQPlatformInfo info;
-  EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
+std::string ProductTest::valuesOf(const std::string& key, const Lines& names) {
+  std::string values;
+  for (const std::string& name : names) values += " " + valueOf(key, name).value_or("-");
+  return values.substr(1);
 }
 
 void ProductTest::removeValue(const std::string& key, const std::string& name) {
   LQPlatformInfo info;
   EXPECT_TRUE(info.delRegField(key, name)) << info.getRegErrorText();
+}
+
+OBGui::RegistryTaskResp ProductTest::cached() const {
+  OBGui::RegistryTaskResp batch;
+  std::string error;
+  EXPECT_EQ(batch.unserialize(readFile(cacheFile()), &error), 0) << error;
+  return batch;
+}
+
+Lines ProductTest::cachedNames() const {
+  Lines names;
+  const OBGui::RegistryTaskResp batch = cached();
+  for (const OBGui::RegistryKeyInfo& key : batch.keys.get()) names.push_back(key.valueName);
+  return names;
+}
+
+std::unique_ptr<PlayedServer> ProductTest::serve(std::vector<PlayedServer::Script> scripts) const {
+  return std::make_unique<PlayedServer>(address_, sessionKey_, std::move(scripts));
 }
 
 PlayedServer::PlayedServer(const std::string& address, const std::string& sessionKey,
@@ -128,32 +146,28 @@ PlayedServer::PlayedServer(const std::string& address, const std::string& sessio
               if (next < scripts_.size()) scripts_[next++](stage);
             }) {}
 
-void PlayedServer::keep(std::vector<std::string>& where, const std::string& text) {
+void PlayedServer::keep(Lines& where, const std::string& text) {
   const std::lock_guard lock(mutex_);
   where.push_back(text);
 }
 
-std::vector<std::string> PlayedServer::attachments() {
+Lines PlayedServer::attachments() {
   const std::lock_guard lock(mutex_);
   return attachments_;
 }
 
-std::vector<std::string> PlayedServer::messages() {
+Lines PlayedServer::messages() {
   const std::lock_guard lock(mutex_);
   return messages_;
 }
 
-bool PlayedServer::Stage::acceptAttach() {
-  if (!peer.handshake()) return false;
-  const test_support::PeerFrame request = peer.readFrame();
-  if (request.kind != PeerSession::kAttach) return false;
-  server_.keep(server_.attachments_, request.payload);
-  peer.writeFrame(PeerSession::kConfirm);
-  return true;
+bool PlayedStage::acceptAttach() {
+  return peer.acceptAttach(
+      [this](const std::string& request) { server_.keep(server_.attachments_, request); });
 }
 
-void PlayedServer::Stage::takeMessage() {
-  const test_support::PeerFrame frame = peer.readFrame();
+void PlayedStage::takeMessage() {
+  const PeerFrame frame = peer.readFrame();
   if (frame.kind == PeerSession::kMessage) server_.keep(server_.messages_, frame.payload);
 }
 
@@ -161,17 +175,13 @@ PlayedServer::Script answering(const std::string& text) {
   return [text](PlayedServer::Stage& stage) {
     if (!stage.acceptAttach()) return;
     stage.takeMessage();
-    stage.peer.writeFrame(PeerSession::kMessage, text);
+    if (!text.empty()) stage.peer.writeFrame(PeerSession::kMessage, text);
     stage.peer.answerGoodbye();
   };
 }
 
 PlayedServer::Script taking() {
-  return [](PlayedServer::Stage& stage) {
-    if (!stage.acceptAttach()) return;
-    stage.takeMessage();
-    stage.peer.answerGoodbye();
-  };
+  return answering("");
 }
 
 PlayedServer::Script refusing(const std::string& reason) {

@@ -2,27 +2,23 @@
 // text, and a server that plays one script for each session.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObLog.h"
+#include "tests/support/expectations.h"
 #include "tests/support/scripted_peer.h"
-#include "tests/support/test_support.h"
 
-using test_support::FullDisk;
+using Lines = std::vector<std::string>;
 
 // --- records -----------------------------------------------------------------------------------------------
 
 // A record as the server sends it to have a value set.
 OBGui::RegistryKeyInfo record(const std::string& keyPath, const std::string& valueName,
                               const std::string& value, const std::string& valueType = "STRING");
+OBGui::RegistryKeyInfo disabled(const std::string& keyPath, const std::string& valueName,
+                                const std::string& value);
 OBGui::RegistryKeyInfo removal(const std::string& keyPath, const std::string& valueName,
                                const std::string& valueType = "STRING");
 OBGui::RegistryKeyInfo secretRecord(const std::string& keyPath, const std::string& valueName,
@@ -32,13 +28,16 @@ std::string batchText(const OBGui::KeyList& keys);
 
 // --- log ---------------------------------------------------------------------------------------------------
 
-// The lines whose tag begins with `tagPrefix`, in order: "error|tag|text", "plain|tag|text" or
-// "<level>|tag|text".
-std::vector<std::string> linesOf(const oblog::Capture& log, const std::string& tagPrefix = "");
+// The lines whose tag begins with `tagPrefix`, in order: "error|tag|text", "plain|tag|text", or with the
+// line's level, as in "2|tag|text".
+Lines linesOf(const oblog::Capture& log, const std::string& tagPrefix = "");
 // Whether a line that begins with `start` is among them.
 testing::AssertionResult hasLine(const oblog::Capture& log, const std::string& start);
 
 // --- a joined machine --------------------------------------------------------------------------------------
+
+class PlayedServer;
+class PlayedStage;
 
 // A registry of its own in a folder of its own, seen from instance "Instance001".
 class ProductTest : public testing::Test {
@@ -50,43 +49,51 @@ class ProductTest : public testing::Test {
   // whose server is to listen on `address_`; the installation's home is /opt/x, its base directory `dir_`.
   void join();
 
-  static std::optional<std::string> valueOf(const std::string& key, const std::string& name);
-  static void setValue(const std::string& key, const std::string& name, const std::string& value);
+  // Those of several names, with a blank between them; "-" for one that is not there.
+  static std::string valuesOf(const std::string& key, const Lines& names);
   static void removeValue(const std::string& key, const std::string& name);
   std::string cacheFile() const { return dir_ / "AdditionalSettingsCache.xml"; }
+  // The batch in the cache file, and the names of its records.
+  OBGui::RegistryTaskResp cached() const;
+  Lines cachedNames() const;
+  // The server that this machine has joined.
+  std::unique_ptr<PlayedServer> serve(std::vector<std::function<void(PlayedStage&)>> scripts) const;
 
   static constexpr std::int64_t kClientId = 42;
-  test_support::TempDir dir_;
+  TempDir dir_;
   std::string registryFile_ = dir_ / "registry.db";
-  std::string address_ = test_support::uniqueLoopbackAddress();
+  std::string address_ = uniqueLoopbackAddress();
   std::string sessionKey_;
 };
 
 // --- the server --------------------------------------------------------------------------------------------
 
+// One session, as its script sees it.
+class PlayedStage {
+ public:
+  PlayedStage(PeerSession& session, PlayedServer& server) : peer(session), server_(server) {}
+  // Handshake, attach request, yes; the request is kept for attachments().
+  bool acceptAttach();
+  // The next message, kept for messages().
+  void takeMessage();
+  PeerSession& peer;
+
+ private:
+  PlayedServer& server_;
+};
+
 // Plays a script for each session, the first for the first caller and so on; callers beyond them find the
 // connection closed.
 class PlayedServer {
  public:
-  class Stage {
-   public:
-    Stage(test_support::PeerSession& session, PlayedServer& server) : peer(session), server_(server) {}
-    // Handshake, attach request, yes; the request is kept for attachments().
-    bool acceptAttach();
-    // The next message, kept for messages().
-    void takeMessage();
-    test_support::PeerSession& peer;
-
-   private:
-    PlayedServer& server_;
-  };
+  using Stage = PlayedStage;
   using Script = std::function<void(Stage&)>;
 
   PlayedServer(const std::string& address, const std::string& sessionKey, std::vector<Script> scripts);
 
   int sessions() const { return peer_.callers(); }
-  std::vector<std::string> attachments();
-  std::vector<std::string> messages();
+  Lines attachments();
+  Lines messages();
   // The nth message, as an M.
   template <class M>
   M message(std::size_t index) {
@@ -98,18 +105,19 @@ class PlayedServer {
   }
 
  private:
-  void keep(std::vector<std::string>& where, const std::string& text);
+  friend PlayedStage;
+  void keep(Lines& where, const std::string& text);
 
   std::vector<Script> scripts_;
   std::mutex mutex_;  // guards the two lists
-  std::vector<std::string> attachments_;
-  std::vector<std::string> messages_;
-  test_support::ScriptedPeer peer_;
+  Lines attachments_;
+  Lines messages_;
+  ScriptedPeer peer_;
 };
 
-// Takes one message, answers with a message of this text, and takes leave.
+// Takes one message, answers with a message of this text, or not when there is none, and says goodbye.
 PlayedServer::Script answering(const std::string& text);
-// Takes one message without an answer, and takes leave.
+// Takes one message without an answer, and says goodbye.
 PlayedServer::Script taking();
 // Refuses to be attached to.
 PlayedServer::Script refusing(const std::string& reason);

@@ -45,6 +45,19 @@ void sendAtOnce(int descriptor) {
   setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+int newSocket() {
+  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sendAtOnce(descriptor);
+  return descriptor;
+}
+
+// As bind and connect take it.
+template <class Call>
+bool at(Call call, int descriptor, const std::string& address, std::uint16_t port) {
+  const sockaddr_in place = addressOf(address, port);
+  return call(descriptor, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
+}
+
 struct Secret {
   std::string identity;
   std::string key;
@@ -96,6 +109,36 @@ void useSelfSignedCertificate(SSL_CTX* context) {
 
 }  // namespace
 
+PlainSocket::PlainSocket() : descriptor_(newSocket()) {}
+
+PlainSocket::~PlainSocket() {
+  close(descriptor_);
+}
+
+bool PlainSocket::connectTo(const std::string& address, std::uint16_t port, const std::string& from) const {
+  return at(bind, descriptor_, from, 0) && at(connect, descriptor_, address, port);
+}
+
+void PlainSocket::send(const std::string& bytes) const {
+  ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+bool PlainSocket::isOpen() const {
+  char byte = 0;
+  return recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+}
+
+void PlainSocket::waitForClose() const {
+  char buffer[4096];
+  while (recv(descriptor_, buffer, sizeof buffer, 0) > 0) {
+  }
+}
+
+void PlainSocket::reset() const {
+  const sockaddr nobody{};  // whoever is connected to nobody any more has broken off
+  connect(descriptor_, &nobody, sizeof nobody);
+}
+
 struct PeerSession::Tls {
   // Without a key, a certificate is all that it has to show.
   Tls(const SSL_METHOD* method, int descriptor, Secret ownSecret)
@@ -122,29 +165,22 @@ struct PeerSession::Tls {
 };
 
 PeerSession::PeerSession(int descriptor, std::string identity, std::string keyHex)
-    : descriptor_(descriptor), identity_(std::move(identity)), keyHex_(std::move(keyHex)) {}
+    : PlainSocket(descriptor), identity_(std::move(identity)), keyHex_(std::move(keyHex)) {}
 
-PeerSession::~PeerSession() {
-  close(descriptor_);
-}
+PeerSession::~PeerSession() = default;
 
 std::unique_ptr<PeerSession> PeerSession::call(const std::string& address, std::uint16_t port,
                                                const std::string& identity, const std::string& keyHex) {
-  const int descriptor = connectPlain(address, port);
-  if (descriptor < 0) return nullptr;
-  auto session = std::make_unique<PeerSession>(descriptor, identity, keyHex);
+  auto session = std::make_unique<PeerSession>(newSocket(), identity, keyHex);
+  if (!session->connectTo(address, port)) return nullptr;
   session->tls_ =
-      std::make_unique<Tls>(TLS_client_method(), descriptor, Secret{identity, bytesOfHex(keyHex)});
+      std::make_unique<Tls>(TLS_client_method(), session->descriptor_, Secret{identity, bytesOfHex(keyHex)});
   return SSL_connect(session->tls_->connection) == 1 ? std::move(session) : nullptr;
 }
 
-bool PeerSession::handshake() {
-  tls_ = std::make_unique<Tls>(TLS_server_method(), descriptor_, Secret{identity_, bytesOfHex(keyHex_)});
-  return SSL_accept(tls_->connection) == 1;
-}
-
-bool PeerSession::handshakeWithCertificate() {
-  tls_ = std::make_unique<Tls>(TLS_server_method(), descriptor_, Secret());
+bool PeerSession::handshake(bool withCertificate) {
+  const Secret secret = withCertificate ? Secret() : Secret{identity_, bytesOfHex(keyHex_)};
+  tls_ = std::make_unique<Tls>(TLS_server_method(), descriptor_, secret);
   return SSL_accept(tls_->connection) == 1;
 }
 
@@ -166,12 +202,14 @@ PeerFrame PeerSession::readFrame() {
   return readExactly(frame.payload) ? frame : PeerFrame();
 }
 
-void PeerSession::writeFrame(int kind, const std::string& payload) {
-  const std::size_t length = payload.size() + 1;
+std::string PeerSession::frameHeader(int kind, std::size_t payloadBytes) {
   std::string bytes;
-  for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>(length >> shift & 0xFF);
-  bytes += static_cast<char>(kind);
-  writeInTls(bytes + payload);
+  for (const int shift : {24, 16, 8, 0}) bytes += static_cast<char>((payloadBytes + 1) >> shift & 0xFF);
+  return bytes + static_cast<char>(kind);
+}
+
+void PeerSession::writeFrame(int kind, const std::string& payload) {
+  writeInTls(frameHeader(kind, payload.size()) + payload);
 }
 
 void PeerSession::writeInTls(const std::string& bytes) {
@@ -179,12 +217,11 @@ void PeerSession::writeInTls(const std::string& bytes) {
   if (tls_ != nullptr) SSL_write_ex(tls_->connection, bytes.data(), bytes.size(), &written);
 }
 
-void PeerSession::writeOutsideTls(const std::string& bytes) {
-  send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
-
-bool PeerSession::acceptAttach() {
-  if (!handshake() || readFrame().kind != kAttach) return false;
+bool PeerSession::acceptAttach(const std::function<void(const std::string&)>& take) {
+  if (!handshake()) return false;
+  const PeerFrame request = readFrame();
+  if (request.kind != kAttach) return false;
+  if (take) take(request.payload);
   writeFrame(kConfirm);
   return true;
 }
@@ -199,21 +236,6 @@ bool PeerSession::answerGoodbye() {
   }
 }
 
-void PeerSession::waitForClose() {
-  char buffer[4096];
-  while (recv(descriptor_, buffer, sizeof buffer, 0) > 0) {
-  }
-}
-
-void PeerSession::reset() {
-  // A socket that lingers for no time is closed with a reset; the number stays taken until the destructor.
-  const linger atOnce{1, 0};
-  setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-  const int unconnected = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  dup2(unconnected, descriptor_);
-  close(unconnected);
-}
-
 ScriptedPeer::ScriptedPeer(const std::string& address, std::uint16_t port, std::string identity,
                            std::string keyHex, Script script)
     : identity_(std::move(identity)),
@@ -222,9 +244,7 @@ ScriptedPeer::ScriptedPeer(const std::string& address, std::uint16_t port, std::
       listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   const int on = 1;
   setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const sockaddr_in place = addressOf(address, port);
-  if (bind(listener_, reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0 ||
-      listen(listener_, SOMAXCONN) != 0) {
+  if (!at(bind, listener_, address, port) || listen(listener_, SOMAXCONN) != 0) {
     close(listener_);
     throw std::runtime_error("the scripted peer cannot listen on " + address);
   }
@@ -259,47 +279,6 @@ void ScriptedPeer::serve() {
     const std::lock_guard<std::mutex> lock(mutex_);
     current_ = -1;
   }
-}
-
-PlainSocket::PlainSocket() : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sendAtOnce(descriptor_);
-}
-
-PlainSocket::~PlainSocket() {
-  close(descriptor_);
-}
-
-bool PlainSocket::connectTo(const std::string& address, std::uint16_t port, const std::string& from) const {
-  const sockaddr_in place = addressOf(address, port);
-  if (!from.empty()) {
-    const sockaddr_in own = addressOf(from, 0);
-    if (bind(descriptor_, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) return false;
-  }
-  return connect(descriptor_, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
-}
-
-void PlainSocket::send(const std::string& bytes) const {
-  ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-}
-
-bool PlainSocket::isOpen() const {
-  char byte = 0;
-  return recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
-}
-
-void PlainSocket::awaitClose() const {
-  char byte = 0;
-  while (recv(descriptor_, &byte, 1, 0) > 0) {
-  }
-}
-
-int connectPlain(const std::string& address, std::uint16_t port) {
-  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sendAtOnce(descriptor);
-  const sockaddr_in place = addressOf(address, port);
-  if (connect(descriptor, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0) return descriptor;
-  close(descriptor);
-  return -1;
 }
 
 }  // namespace test_support

@@ -24,44 +24,60 @@ struct PeerFrame {
   std::string payload;
 };
 
-// One connection, as the script sees it. Whatever fails just gives false or an empty frame: what matters is
+// A socket that is no more than that, for callers that never get as far as TLS.
+class PlainSocket {
+ public:
+  PlainSocket();
+  explicit PlainSocket(int descriptor) : descriptor_(descriptor) {}
+  ~PlainSocket();  // closes without a goodbye
+  PlainSocket(const PlainSocket&) = delete;
+  PlainSocket& operator=(const PlainSocket&) = delete;
+
+  // Connects, from this address of the machine; "0.0.0.0" is any.
+  bool connectTo(const std::string& address, std::uint16_t port, const std::string& from = "0.0.0.0") const;
+  void send(const std::string& bytes) const;
+  // Whether the other end has not closed yet, as far as can be seen without waiting.
+  bool isOpen() const;
+  // Reads on until the other end closes.
+  void waitForClose() const;
+  // Closes so that the other end sees a reset.
+  void reset() const;
+
+ protected:
+  int descriptor_;
+};
+
+// One connection, as the script sees it. Whatever fails just returns false or an empty frame: what matters is
 // what the other end makes of it.
-class PeerSession {
+class PeerSession : public PlainSocket {
  public:
   enum Kind { kAttach = 1, kConfirm = 2, kRefuse = 3, kMessage = 4, kRefuseRequest = 5, kGoodbye = 6 };
 
   PeerSession(int descriptor, std::string identity, std::string keyHex);
-  ~PeerSession();  // closes without a goodbye
-  PeerSession(const PeerSession&) = delete;
-  PeerSession& operator=(const PeerSession&) = delete;
+  ~PeerSession();
 
   // A session as a caller, with the handshake done; null when that failed.
   static std::unique_ptr<PeerSession> call(const std::string& address, std::uint16_t port,
                                            const std::string& identity, const std::string& keyHex);
 
   // The server's handshake with identity and key, and one that shows a self-signed certificate instead.
-  bool handshake();
-  bool handshakeWithCertificate();
+  bool handshake(bool withCertificate = false);
 
   PeerFrame readFrame();
   void writeFrame(int kind, const std::string& payload = {});
-  void writeInTls(const std::string& bytes);       // any bytes inside the encrypted session
-  void writeOutsideTls(const std::string& bytes);  // and on the bare socket
+  // What comes before the payload of a frame.
+  static std::string frameHeader(int kind, std::size_t payloadBytes);
+  void writeInTls(const std::string& bytes);  // any bytes inside the encrypted session
 
-  // Handshake, attach request, yes.
-  bool acceptAttach();
+  // Handshake, attach request, yes; hands the request to whoever wants it.
+  bool acceptAttach(const std::function<void(const std::string&)>& take = {});
   // Reads on until the other end says goodbye, and answers it; false when it closes instead.
   bool answerGoodbye();
-  // Reads on until the other end closes.
-  void waitForClose();
-  // Closes so that the other end sees a reset.
-  void reset();
 
  private:
   struct Tls;
   bool readExactly(std::string& bytes);
 
-  int descriptor_;
   std::string identity_;
   std::string keyHex_;
   std::unique_ptr<Tls> tls_;
@@ -93,28 +109,6 @@ class ScriptedPeer {
   int current_ = -1;
   bool stopping_ = false;
   std::thread thread_;
-};
-
-// A bare TCP connection; -1 when nobody listens.
-int connectPlain(const std::string& address, std::uint16_t port);
-
-// A socket that is no more than that, for callers that never get as far as TLS.
-class PlainSocket {
- public:
-  PlainSocket();
-  ~PlainSocket();
-  PlainSocket(const PlainSocket&) = delete;
-  PlainSocket& operator=(const PlainSocket&) = delete;
-
-  // Connects, from an address of this machine unless it is empty.
-  bool connectTo(const std::string& address, std::uint16_t port, const std::string& from = {}) const;
-  void send(const std::string& bytes) const;
-  // Whether the other end has not closed yet, as far as can be seen without waiting.
-  bool isOpen() const;
-  void awaitClose() const;
-
- private:
-  int descriptor_;
 };
 
 }  // namespace test_support

@@ -14,16 +14,13 @@
 #include <stdexcept>
 #include <thread>
 
+#include <gtest/gtest.h>
+
+#include "lqregistry/LQPlatformInfo.h"
+
 namespace test_support {
 
 namespace {
-
-// Waits for the end of the process.
-int exitCodeOf(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 int newFile(const std::string& path) {
   return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -48,7 +45,19 @@ pid_t start(const std::vector<std::string>& command, const std::vector<std::stri
   _exit(127);
 }
 
+// As a shell gives it.
+int exitCodeOf(pid_t pid) {
+  const int end = endOf(pid);
+  return end < 0 ? 128 - end : end;
+}
+
 }  // namespace
+
+int endOf(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
 
 TempDir::TempDir() {
   std::string name = (std::filesystem::temp_directory_path() / "lqtest.XXXXXX").string();
@@ -151,6 +160,17 @@ int BackgroundProgram::stop() {
   const int exitCode = exitCodeOf(pid_);
   pid_ = -1;
   return exitCode;
+}
+
+std::optional<std::string> valueOf(const std::string& key, const std::string& name) {
+  LQPlatformInfo info;
+  std::string value;
+  return info.getString(key, name, value) ? std::optional(value) : std::nullopt;
+}
+
+void setValue(const std::string& key, const std::string& name, const std::string& value) {
+  LQPlatformInfo info;
+  EXPECT_NE(info.setString(key, name, value, 0), 0) << info.getRegErrorText();
 }
 
 }  // namespace test_support

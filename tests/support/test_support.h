@@ -1,5 +1,4 @@
-// What every test needs: a folder of its own, a loopback address of its own, programs run as a user runs
-// them.
+// What every test needs: a folder of its own, a loopback address of its own, programs run as users do.
 #pragma once
 
 #include <sys/resource.h>
@@ -7,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +37,10 @@ bool contains(const std::string& text, const std::string& part);
 // The permissions of a file; 0 when there is none.
 unsigned modeOf(const std::string& path);
 
+// What the registry in use holds, as seen from the instance in focus.
+std::optional<std::string> valueOf(const std::string& key, const std::string& name);
+void setValue(const std::string& key, const std::string& name, const std::string& value);
+
 // While it lives, no file of this process grows beyond `bytes`: what a full disk does, for one process.
 class FullDisk {
  public:
@@ -49,6 +53,9 @@ class FullDisk {
   rlimit before_{};
   void (*handlerBefore_)(int);
 };
+
+// Waits for the end of a child of this process; its exit code, or minus the signal that ended it.
+int endOf(pid_t child);
 
 struct ProgramResult {
   int exitCode = -1;  // 128 + signal number when a signal ended it
@@ -84,3 +91,5 @@ class BackgroundProgram {
 };
 
 }  // namespace test_support
+
+using namespace test_support;  // what nearly every line of a test speaks of

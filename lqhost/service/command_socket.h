@@ -1,0 +1,84 @@
+// The resident host of an instance, as the other processes of the machine meet it.
+//
+// While one runs, modules and their change callbacks live there, so the commands that change or send
+// something ask it instead of working beside it. They do so through a Unix socket in the base directory, one
+// question a connection:
+//
+//   the resident   "lqhost 1\n"                              at once, which shows that it is alive
+//   the command    "sync\n"                                  one of the questions below
+//   the resident   "<exit code> <bytes> <bytes>\n"           then standard output and standard error
+//
+// Whoever asks must be root or the user that the resident runs as; the socket's mode says so, and the
+// kernel's word on who is at the other end is checked as well.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "lqhost/command_result.h"
+#include "lqregistry/CWmError.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/LqThreadPool.h"
+
+namespace host {
+
+// The questions.
+inline constexpr const char* kAskSync = "sync";
+inline constexpr const char* kAskRefresh = "refresh";
+inline constexpr const char* kAskUpload = "upload";
+inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number
+
+// Makes this process the resident host of the instance in focus, until it ends. An error when there is one
+// already, or the base directory cannot be written.
+CWmError becomeResident();
+
+// Whether a resident host serves the instance in focus.
+bool isHostResident();
+
+// What the resident host answers; nothing when there is none. One that is there and does not answer is a
+// failure that says so: working beside it is not an alternative.
+std::optional<CommandResult> askResident(const std::string& question);
+
+// Whether a process of user `peer` may ask one of user `own`.
+bool mayAsk(uid_t peer, uid_t own);
+
+// The resident's end.
+class ResidentSocket {
+ public:
+  using Commands = std::map<std::string, std::function<CommandResult()>>;
+
+  ResidentSocket();
+  ~ResidentSocket();  // answers what was asked, removes the socket
+  ResidentSocket(const ResidentSocket&) = delete;
+  ResidentSocket& operator=(const ResidentSocket&) = delete;
+
+  // Makes the socket, in place of one that a killed process left. Callers wait from now on.
+  CWmError open();
+  // Answers them. Each command runs on a thread of a small pool, several at a time.
+  CWmError serve(Commands commands);
+  // Accepts no more callers and lets those under way be answered. False when one is still at it after a
+  // while: what its command uses must not be torn down.
+  bool finish();
+
+ private:
+  struct Caller;
+  static void* answerOnPool(void* caller);
+  void accept();
+  void answer(int connection) const;
+
+  auto_handle directory_;
+  auto_handle listener_;
+  auto_handle stop_;  // readable once the end has come
+  Commands commands_;
+  LqThreadPool pool_;
+  std::thread acceptor_;
+};
+
+}  // namespace host

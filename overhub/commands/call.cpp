@@ -1,0 +1,86 @@
+// `overhub call`: hands a message to whatever a client has registered for its type.
+#include <unistd.h>
+
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "common/terminal_text.h"
+#include "lqregistry/App.h"
+#include "lqregistry/CLqNetwork.h"
+#include "overhub/commands/client_link.h"
+#include "overhub/commands/commands.h"
+#include "overhub/commands/data_directory.h"
+#include "overhub/commands/reporting.h"
+
+namespace {
+
+constexpr const char* kFooter =
+    R"(Prints what the handler answers, as it is; a payload that starts with "-" goes after "--".
+
+Examples:
+  overhub call web-1 7 hello
+  overhub call web-1 7 - < request.json)";
+
+// What stands for a payload that comes from standard input.
+constexpr const char* kFromInput = "-";
+
+// A payload for people: the breaks between its lines are all that a terminal gets to act on. A program that
+// reads it from a pipe gets it as it came.
+std::string linesForTerminal(std::string_view payload) {
+  std::string lines;
+  for (;;) {
+    const std::size_t end = payload.find('\n');
+    lines += programs::escapedForTerminal(payload.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    lines += '\n';
+    payload.remove_prefix(end + 1);
+  }
+}
+
+int readPayload(std::string& payload) {
+  if (payload == kFromInput) {
+    const CWmError error = file_access::readInput(kMaxMessageFrameBytes, payload);
+    if (error.IsError()) return complain(kExitUsage, error.AsString());
+  }
+  if (payload.find('\0') != std::string::npos)
+    return complain(kExitUsage, "a payload cannot hold NUL; encode it, in base64 for instance");
+  return kExitOk;
+}
+
+struct Call {
+  ClientLink link;
+  std::int64_t messageType = 0;
+  std::string payload;
+};
+
+int call(const DataStore& store, Call& wanted) {
+  if (!store.hasClient(wanted.link.client())) return unknownClient(store, wanted.link.client());
+  if (const int exitCode = readPayload(wanted.payload); exitCode != kExitOk) return exitCode;
+  App::RegisterSubsystem();
+  App::AppCommunicationMessageReq request;
+  request.messageType = wanted.messageType;
+  request.payload = std::move(wanted.payload);
+  App::AppCommunicationMessageResp answer;
+  if (const int exitCode = wanted.link.ask(store, request, answer); exitCode != kExitOk) return exitCode;
+  App::GenericResp fault;
+  if (fault.unserialize(answer.payload) == 0)
+    return complain(kExitRefused, wanted.link.place() + ": " + fault.errorText.get() + " (error " +
+                                      std::to_string(fault.errorCode.get()) + ")");
+  const bool isForPeople = ::isatty(STDOUT_FILENO) != 0;
+  print((isForPeople ? linesForTerminal(answer.payload.get()) : answer.payload.get()) + '\n');
+  return kExitOk;
+}
+
+}  // namespace
+
+void addCall(programs::CommandLine& line, const std::string& data) {
+  const auto wanted = std::make_shared<Call>();
+  auto options =
+      line.add("call", "Send an application message to a client",
+               onExisting(data, [wanted](const DataStore& store) { return call(store, *wanted); }));
+  wanted->link.describe(options);
+  options.required("TYPE N", wanted->messageType, "The message type that the client has a handler for")
+      .required("PAYLOAD", wanted->payload, "What the handler gets; \"-\" takes it from standard input")
+      .footer(kFooter);
+}

@@ -1,0 +1,53 @@
+// What a key record asks for: where in the registry it lies, whether it has expired, whether it is to be
+// written or removed. The one place for these rules: applying a list and reports of what it did use it.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "lqregistry/LqExport.h"
+#include "lqregistry/OBGui.h"
+
+// Type words: of an ordinary value, of one that is protected, and of a record that names a sub-key. A client
+// writes a record by the word exactly as it stands; any other word, or another case, is an ordinary value.
+inline constexpr const char* STRINGTYPE = "STRING";
+inline constexpr const char* ENCRYPTEDTYPE = "ENCRYPTED";
+inline constexpr const char* KEYTYPE = "KEY";
+
+// What stands in the place of a secret wherever a person looks. It also stands in a protected record's
+// `value`, because a client writes nothing for a record whose `value` is empty.
+inline constexpr const char* kHiddenSecret = "********";
+
+// Suffix of the value that carries another value's expiry time, in seconds since the epoch.
+inline constexpr std::string_view _UNTIL = "_UNTIL";  // NOLINT(*-reserved-identifier,cert-dcl*)
+
+// Values are read into a buffer of this size: longer ones, their end included, count as unreadable.
+inline constexpr int kValueBuffer = 10240;
+
+// The registry's form of a record's key path: "~" for the empty path, "~" in front of one that is neither
+// absolute nor relative to the instance root already. Only a path that begins with "SOFTWARE" is absolute.
+LQ_EXPORT std::string normalisedKeyPath(const std::string& keyPath);
+
+// The path of a sub-key.
+LQ_EXPORT std::string subKeyPath(const std::string& path, const std::string& name);
+
+// Whether the record names a sub-key, and no value.
+inline bool isKey(const OBGui::RegistryKeyInfo& record) {
+  return record.valueType.get() == KEYTYPE;
+}
+
+// The key that the record names, or that holds its value; a key's record names its parent and itself.
+inline std::string keyOf(const OBGui::RegistryKeyInfo& record) {
+  if (!isKey(record)) return record.keyPath.get();
+  return record.keyPath->empty() ? record.valueName.get() : subKeyPath(record.keyPath, record.valueName);
+}
+
+// Sets deleteFlag to 1 on every record of the list whose expiry time has passed at `now`: an expired X_UNTIL,
+// and every record named X. A time that is just `now` has not passed.
+LQ_EXPORT void markExpired(OBGui::KeyList& keys, std::time_t now = std::time(nullptr));
+
+// Whether the record is to be removed from the client; otherwise it is to be written.
+inline bool isToBeRemoved(const OBGui::RegistryKeyInfo& key) {
+  return key.deleteFlag == 1 || key.enabledFlag == 0;
+}

@@ -1,0 +1,53 @@
+// What all programs take for a mistake, and the two questions that every one of them answers.
+#include "tests/support/expectations.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+ProgramResult run(const std::string& program, Words arguments) {
+  arguments.insert(arguments.begin(), programPath(program));
+  // Where nothing can come about, should a mistake be let through.
+  return runProgram(arguments, {"OVERHUB_DATA=/dev/null/data", "VELMOR_REGISTRY=/dev/null/registry.db"});
+}
+
+TEST(CommandLine, SaysItsVersionAndHowItIsUsed) {
+  const std::string version = run("lqhost", {"--version"}).out.substr(std::string("lqhost ").size());
+  EXPECT_EQ(version.find_first_not_of("0123456789.\n"), std::string::npos) << version;
+  for (const std::string program : {"lqhost", "lqreg", "overhub"}) {
+    const auto said = run(program, {"--version"});
+    EXPECT_EQ(said.out, program + " " + version);
+    EXPECT_EQ(said.exitCode, 0);
+    expectOut(run(program, {"--help"}), 0, {"Usage: " + program, "Examples:", "Exit codes:"});
+    for (const Words& mistake : {Words{}, Words{"frobnicate"}}) {
+      const auto result = run(program, mistake);
+      EXPECT_EQ(result.out, "");
+      expectErr(result, 2, {"--help"});
+    }
+  }
+}
+
+// Each would do something else than was asked for, if it did anything.
+TEST(CommandLine, RefusesWhatDoesNotGoTogetherOrIsOutOfRange) {
+  const std::tuple<const char*, Words, const char*> cases[] = {
+      {"lqhost", {"run", "--sync-every", "4"}, "--sync-every"},
+      {"lqhost", {"--log-level", "11", "status"}, "--log-level"},
+      {"lqhost", {"join"}, "FILE"},
+      {"lqreg", {"get", "A"}, "NAME"},
+      {"lqreg", {"import", "file", "--instance", ""}, "--instance"},
+      {"lqreg", {"export", "--instance", ""}, "--instance"},
+      {"lqreg", {"delete", "A", "name", "--recursive"}, "--recursive"},
+      {"overhub", {"add-client", "x", "--id", "0"}, "a number from 1 to"},
+      {"overhub", {"call", "x", "9223372036854775808", "payload"}, "TYPE"},
+      {"overhub", {"fetch", "x", "path"}, "NAME"},
+      {"overhub", {"push", "x", "--timeout", "0"}, "--timeout"},
+      {"overhub", {"push", "x", "--port", "0"}, "--port"},
+      {"overhub", {"serve", "--ports", "8400"}, "--ports"},
+      {"overhub", {"serve", "--ports", "8400,65536"}, "--ports"},
+      {"overhub", {"set", "x", "p", "n", "--secret", "--type", "STRING"}, "--type"},
+      {"overhub", {"set", "x", "p", "n", "--secret", "--delete"}, "--delete"},
+      {"overhub", {"uploads", "--out", "file"}, "CLIENT"}};
+  for (const auto& [program, arguments, word] : cases) expectErr(run(program, arguments), 2, {word});
+}
+
+}  // namespace
