@@ -61,7 +61,7 @@ int addClient(const DataStore& store, const AddClient& wanted) {
   if (const int exitCode = wanted.handOver.begin(wanted.name, join); exitCode != kExitOk) return exitCode;
 
   CWmError error = store.prepare();
-  file_access::Lock lock;
+  programs::FileLock lock;
   if (!error.IsError()) error = store.lockForChange(lock);
   if (error.IsError()) return dataUnusable(error);
   if (store.hasClient(wanted.name)) {

@@ -2,6 +2,7 @@
 // both sides, and how it stops.
 #include <semaphore>
 
+#include "lqhost/service/command_socket.h"
 #include "tests/lqhost/host_fixture.h"
 #include "tests/support/product_fixture.h"
 
@@ -185,6 +186,10 @@ TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {
   const auto host = runHost();
   ASSERT_TRUE(asked.try_acquire_for(std::chrono::minutes(1))) << host->output();
   EXPECT_TRUE(contains(lqhost({"status"}).out, "callbacks     0 wait")) << "there is no module";
+  lqregistry::UseFile(clientRegistry_);
+  std::optional<host::CommandResult> answer;
+  EXPECT_FALSE(host::askResident("nonsense", answer).IsError());
+  EXPECT_EQ(answer.value_or(host::CommandResult()).exitCode, 2);
   EXPECT_EQ(host->stop(), 0);
   EXPECT_TRUE(contains(host->output(), kPassFailed)) << "the pass ended in order";
 }

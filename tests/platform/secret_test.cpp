@@ -20,12 +20,7 @@ class Secrets : public RegistryTest {
   void makeRegistry() { ASSERT_TRUE(info_.setString("A", "name", "data", 0)) << info_.getRegErrorText(); }
 
   // Why the key cannot be used; empty when it can.
-  static std::string complaint() {
-    std::string reason;
-    const bool isUsable = pstring::CheckKey(reason);
-    EXPECT_EQ(isUsable, reason.empty()) << reason;
-    return reason;
-  }
+  static std::string complaint() { return pstring::CheckKey().AsString(); }
   // Nothing is protected, `words` say why in one error line, and nothing but `left` lies where the key was.
   void expectNoKey(const std::vector<std::string>& words, const std::string& left) const {
     restart();
