@@ -1,7 +1,6 @@
 #include "lqhost/commands/before_work.h"
 
 #include "lqhost/instance.h"
-#include "lqhost/service/command_socket.h"
 
 namespace host {
 
@@ -11,9 +10,9 @@ std::optional<CommandResult> whyNotJoined() {
   return complaint(kExitNotJoined, error.AsString());
 }
 
-std::optional<CommandResult> answerOfResident(const std::string& question) {
+std::optional<CommandResult> answerOfResident(const std::string& question, std::chrono::milliseconds wait) {
   std::optional<CommandResult> answer;
-  const CWmError error = askResident(question, answer);
+  const CWmError error = askResident(question, answer, wait);
   return error.IsError() ? complaint(kExitFailed, error.AsString()) : answer;
 }
 

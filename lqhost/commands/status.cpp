@@ -20,6 +20,7 @@
 #include "lqregistry/LqSettings.h"
 #include "lqregistry/UtcText.h"
 #include "lqregistry/pstring.h"
+#include "records/expiry.h"
 #include "records/record_rules.h"
 
 namespace host {
@@ -179,10 +180,10 @@ int status() {
     addLine(result.out, "protection", programs::escapedForTerminal(error.AsString()));
     worst = worseOf(worst, kExitFailed);
   }
-  const CWmError damage = lqregistry::Check();
+  const CWmError error = lqregistry::Check();
   addLine(result.out, "registry",
-          damage.IsError() ? "damaged: " + programs::escapedForTerminal(damage.AsString()) : "sound");
-  result.exitCode = damage.IsError() ? kExitNotJoined : worst;
+          error.IsError() ? "damaged: " + programs::escapedForTerminal(error.AsString()) : "sound");
+  result.exitCode = error.IsError() ? kExitNotJoined : worst;
   return print(result);
 }
 

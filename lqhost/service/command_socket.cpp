@@ -28,7 +28,7 @@ constexpr const char* kResidentLock = "lqhost.lock";
 constexpr const char* kSocket = "lqhost.sock";
 constexpr mode_t kSocketMode = 0600;
 constexpr const char* kGreeting = "lqhost 1\n";
-// How long a resident that starts, or stops, is waited for; and a caller that says nothing.
+// How long whoever is at the other end may say, or read, nothing.
 constexpr std::chrono::seconds kPatience{10};
 // How long an answer may still take to be read when the resident stops.
 constexpr std::chrono::seconds kLastWords{1};
@@ -204,8 +204,9 @@ bool mayAsk(uid_t peer, uid_t own) {
   return peer == 0 || peer == own;
 }
 
-CWmError askResident(const std::string& question, std::optional<CommandResult>& answer) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+CWmError askResident(const std::string& question, std::optional<CommandResult>& answer,
+                     std::chrono::milliseconds wait) {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
   while (isHostResident()) {
     if (const auto_handle connection = connectToResident(); connection.isValid())
       return askOn(connection.get(), question, answer);

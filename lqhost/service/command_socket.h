@@ -14,7 +14,7 @@
 
 #include <sys/types.h>
 
-#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,8 +42,10 @@ CWmError becomeResident();
 bool isHostResident();
 
 // What the resident host answers; nothing when there is none. One that is there and does not answer is an
-// error: working beside it is not an alternative.
-CWmError askResident(const std::string& question, std::optional<CommandResult>& answer);
+// error: working beside it is not an alternative. One that just starts or stops is waited for.
+inline constexpr std::chrono::milliseconds kResidentWait{10'000};
+CWmError askResident(const std::string& question, std::optional<CommandResult>& answer,
+                     std::chrono::milliseconds wait = kResidentWait);
 
 // Whether a process of user `peer` may ask one of user `own`.
 bool mayAsk(uid_t peer, uid_t own);

@@ -109,7 +109,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   const int taskResult = downloadTimer_(&status);
   PassResult result = pass.result();
   result.taskResult = taskResult;
-  result.noteError = work.error().AsString();
+  result.noteError = work.error();
   if (result.batchReceived) {
     result.cache = cache.fate(result.records);
     if (report != nullptr) {

@@ -91,9 +91,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
     setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
   const auto uploaded = lqhost({"upload"});
   expectOut(uploaded, 4, {"uploaded and kept"});
-  EXPECT_TRUE(contains(uploaded.err, "21 were left out") && contains(uploaded.err, "~Long s1: 10240 bytes") &&
-              contains(uploaded.err, "and 1 more"))
-      << uploaded.err;
+  expectErr(uploaded, 4, {"21 were left out", "~Long s1: 10240 bytes", "and 1 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   setValue("EventManager", "bEnableRegistrySync", "0");

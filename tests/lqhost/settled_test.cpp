@@ -3,6 +3,7 @@
 #include <future>
 
 #include "common/file_lock.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
@@ -150,8 +151,8 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   writeFile(noteFile(), "cache-kept 86400 token\n");
   UnsettledWork again(Unsettled::kPass);
   again.leave(Unsettled::kCacheKept);
-  EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"))
-      << "since the first";
+  // Since the first.
+  EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"));
   writeFile(noteFile(), "");
   EXPECT_EQ(standing(), Unsettled::kPass) << "a note that cannot be understood is one";
   expectStatus(1, "has not stored the settings cache");
@@ -168,8 +169,9 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
 // A host that holds the lock and does not answer is not worked beside, whoever asks.
 TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   ASSERT_FALSE(host::becomeResident().IsError());
-  expectErr(lqhost("sync"), 1, {"has a resident host, which does not answer"});
-  EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+  const auto unanswered = host::answerOfResident(host::kAskSync, std::chrono::milliseconds(200));
+  ASSERT_TRUE(unanswered.has_value());
+  expectErr({unanswered->exitCode, "", unanswered->err}, 1, {"has a resident host, which does not answer"});
 
   host::ResidentSocket socket;
   ASSERT_FALSE(socket.open().IsError());

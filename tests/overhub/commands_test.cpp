@@ -83,8 +83,8 @@ TEST_F(OverhubCommandsTest, IdsStayUniqueThroughDamageAndRemoval) {
   writeFile(batchFile("a"), "<broken");
   expectOk({"add-client", "c"});
   EXPECT_EQ(fileText("ids/42"), "c\n");
-  EXPECT_EQ(overhub({"add-client", "x", "--id", "40"}).exitCode, 1)
-      << "a's file is damaged, its id is not free";
+  // a's file is damaged, its id is not free
+  EXPECT_EQ(overhub({"add-client", "x", "--id", "40"}).exitCode, 1);
 
   std::filesystem::remove(batchFile("b"));
   expectOk({"add-client", "d"});
@@ -165,8 +165,7 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
   EXPECT_FALSE(std::filesystem::exists(key));
   std::filesystem::rename(dir_ / "away", key);
   pstring::UseKeyFile(key);
-  EXPECT_EQ(batchOf("web-1").keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>")
-      << "passed on as it was";
+  EXPECT_EQ(batchOf("web-1").keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>");  // as it was
 
   EXPECT_EQ(shell("\"$OVERHUB\" set web-1 p n --secret < /dev/null").exitCode, 2);
   EXPECT_EQ(shell("echo x | \"$OVERHUB\" set web-1 p n value --secret").exitCode, 2);
@@ -210,9 +209,8 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   expectErr(overhub({"set", "web-1", "p", "n", "v"}), 3, {batchFile("web-1")});
   EXPECT_EQ(readFile(batchFile("web-1")), "<OBGui.RegistryTaskResp><keys>");
   const auto listed = overhub({"clients"});
-  EXPECT_EQ(listed.exitCode, 3);
-  EXPECT_TRUE(contains(listed.out, "web-1  ?   ?        ?\n") && contains(listed.err, batchFile("web-1")))
-      << listed.err;
+  expectOut(listed, 3, {"web-1  ?   ?        ?\n"});
+  expectErr(listed, 3, {batchFile("web-1")});
 }
 
 }  // namespace

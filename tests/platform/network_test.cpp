@@ -245,8 +245,7 @@ TEST_F(NetworkTest, WhatPreventsTheConnectionIsNamed) {
   const CWmError nobody = attach(network);
   expectError(nobody, kLqErrConnect, address + " port 8400: Connection refused");
   expectError(nobody, kLqErrConnect, address + " port 8402: Connection refused");
-  for (const char* target : {"host*client*8400", "host*client*8400*65536", "host*client*84x0*8402"})
-    expectError(attachTo(target), kLqErrBadTarget, target);
+  expectError(attachTo("host*client*8400"), kLqErrBadTarget, "host*client*8400");
   expectError(attachTo("no host has this name*client*8400*8402"), kLqErrConnect, "no host has");
 
   join(kIdentity, "00ff");
