@@ -147,10 +147,10 @@ CommandResult synchroniseNow(Passes& passes) {
   const PassResult pass = passes.downloadWithReport(status, result.out);
   const RunOutcome outcome = pass.outcome();
   result.exitCode = exitCodeOf(outcome);
-  if (pass.noteError.IsError())
-    result.err += complaint(0, std::string("what is under way could not be noted on disk: ") +
-                                   pass.noteError.AsString())
-                      .err;
+  if (pass.noteError.IsError()) {
+    const std::string what = "what is under way could not be noted on disk: ";
+    result.err += complaint(0, what + pass.noteError.AsString()).err;
+  }
   if (outcome == RunOutcome::kSkipped) {
     result.out +=
         "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "

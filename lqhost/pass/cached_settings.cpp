@@ -13,10 +13,11 @@ CWmError readCachedSettings(CachedSettings& settings) {
   struct stat file {};
   if (stat(path.c_str(), &file) != 0)
     return {kLqErrFile, path + ": there is no cache yet; it is written by the first synchronisation"};
-  if (file.st_size == 0)
+  if (file.st_size == 0) {
     return {
         kLqErrFile,
         path + ": the cache is empty, because it could not be written; the next synchronisation tries again"};
+  }
   OBGui::RegisterSubsystem();
   OBGui::RegistryTaskResp cache;
   std::string reason;

@@ -138,7 +138,8 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   const Stopwatch watch;
   const CacheWatch cache;
   const int taskResult = refreshTimer_(&status);
-  const RefreshResult result{judgeRefresh(taskResult, cache), {}};
+  RefreshResult result;
+  result.run = judgeRefresh(taskResult, cache);
   if (result.run == RunOutcome::kCacheLost) {
     const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
   }

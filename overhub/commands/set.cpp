@@ -83,10 +83,11 @@ CWmError checkCombination(const Set& wanted) {
     return misused("a protected value is set with --secret, which sets its type too");
   if (change.type.empty()) return misused("--type takes a word");
   const bool needsValue = !wanted.isSecret && !change.isRemoval && change.type != KEYTYPE;
-  if (needsValue && !change.value)
+  if (needsValue && !change.value) {
     return misused(
         "VALUE is missing (for an empty value write \"\"; none is needed with --delete, --secret or "
         "--type KEY)");
+  }
   return {};
 }
 
