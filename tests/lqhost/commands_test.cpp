@@ -21,8 +21,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
     std::vector<std::string> arguments{"join", more.empty() ? bad : joinFile_, "--home", home_};
     arguments.insert(arguments.end(), more.begin(), more.end());
     const auto result = lqhost(arguments);
-    EXPECT_EQ(result.exitCode, exitCode) << reason;
-    EXPECT_TRUE(contains(result.err, reason)) << result.err;
+    expectErr(result, exitCode, {reason});
     EXPECT_FALSE(contains(result.err, sessionKey())) << "the key is nobody's business";
     EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), "(none)");
   };
@@ -56,8 +55,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
 TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
   for (const char* command : {"sync", "refresh", "upload", "status", "run"}) {
     const auto result = lqhost({command});
-    EXPECT_EQ(result.exitCode, 3) << command;
-    EXPECT_TRUE(contains(result.err, "lqhost join FILE")) << result.err;
+    expectErr(result, 3, {"lqhost join FILE"});
     EXPECT_EQ(result.out, "");
   }
   writeFile(clientRegistry_, std::string(5000, '#'));

@@ -58,9 +58,7 @@ TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
       {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
       {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
   for (const auto& [taker, exitCode, text] : cases) {
-    const auto result = pass(one_, taker);
-    EXPECT_EQ(result.exitCode, exitCode) << text;
-    EXPECT_TRUE(contains(result.out, text)) << result.out << result.err;
+    expectOut(pass(one_, taker), exitCode, {text});
     expectStatus(exitCode, exitCode == 0 ? "applied and acknowledged" : "has not recorded");
     EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << text;
   }

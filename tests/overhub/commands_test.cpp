@@ -59,9 +59,8 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
 TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
   expectOk({"add-client", "web-1"});
   const std::string before = everythingOnDisk();
-  for (const std::string& name :
-       {std::string("../x"), std::string("a/b"), std::string(".x"), std::string(""), std::string("@static"),
-        std::string("a b"), std::string("a\nb"), std::string(65, 'a')}) {
+  const std::string tooLong(65, 'a');
+  for (const char* name : {"../x", "a/b", ".x", "", "@static", "a b", "a\nb", tooLong.c_str()}) {
     const auto result = overhub({"add-client", name});
     EXPECT_EQ(result.exitCode, 2) << name;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "not escaped: " << result.err;
@@ -198,11 +197,7 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   EXPECT_TRUE(contains(overhub({"show", "@static"}).out,
                        "p     n\xc3\xa9    STRING  a\\nb\\x1b[31m\\\\\n"
                        "p     nn    STRING  1\n"));
-  for (const char* const nobody : {"web-2", "../static"}) {
-    const auto result = overhub({"show", nobody});
-    EXPECT_EQ(result.exitCode, 1) << nobody;
-    EXPECT_TRUE(contains(result.err, nobody)) << result.err;
-  }
+  for (const char* const nobody : {"web-2", "../static"}) expectErr(overhub({"show", nobody}), 1, {nobody});
   EXPECT_EQ(overhub({"set", "web-1", "p", std::string(1025, 'n'), "v"}).exitCode, 2);
 
   writeFile(batchFile("web-1"), "<OBGui.RegistryTaskResp><keys>");
