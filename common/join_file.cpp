@@ -5,6 +5,7 @@
 #include <charconv>
 #include <map>
 #include <string_view>
+#include <utility>
 
 #include "lqregistry/CLqNetwork.h"
 
@@ -26,6 +27,10 @@ std::string quotedLine(const char* name, const std::string& value) {
   return std::string(name) + "=\"" + value + "\"\n";
 }
 
+CWmError unusable(std::string why) {
+  return {kLqErrFile, std::move(why)};
+}
+
 }  // namespace
 
 bool fitsJoinFile(const std::string& word) {
@@ -42,34 +47,35 @@ std::string joinFileText(const JoinFile& join) {
          std::to_string(join.clientId) + "\n" + quotedLine(kSessionKey, join.sessionKeyHex);
 }
 
-bool readJoinFile(const std::string& path, JoinFile& file, std::string& error) {
+CWmError readJoinFile(const std::string& path, JoinFile& file) {
   std::map<std::string, std::string> entries;
   try {
     for (const CLI::ConfigItem& item : CLI::ConfigTOML().from_file(path))
       if (item.inputs.size() == 1) entries[item.name] = item.inputs[0];
   } catch (const CLI::Error& failure) {
-    error = std::string(failure.what()) + ": cannot read the join file; `overhub add-client` writes one";
-    return false;
+    return unusable(std::string(failure.what()) +
+                    ": cannot read the join file; `overhub add-client` writes one");
   }
-  const auto take = [&](const char* name, std::string& into) {
-    into = entries[name];
-    if (!into.empty()) return true;
-    error = path + ": the join file lacks \"" + name + "\"; have `overhub add-client` write a new one";
-    return false;
-  };
   std::string id;
-  if (!take(kServerHost, file.serverHost) || !take(kServerName, file.serverName) ||
-      !take(kClientName, file.clientName) || !take(kClientId, id) || !take(kSessionKey, file.sessionKeyHex))
-    return false;
+  const std::pair<const char*, std::string&> fields[] = {{kServerHost, file.serverHost},
+                                                         {kServerName, file.serverName},
+                                                         {kClientName, file.clientName},
+                                                         {kClientId, id},
+                                                         {kSessionKey, file.sessionKeyHex}};
+  for (const auto& [name, field] : fields) {
+    field = entries[name];
+    if (field.empty())
+      return unusable(path + ": the join file lacks \"" + name +
+                      "\"; have `overhub add-client` write a new one");
+  }
   const auto [end, failure] = std::from_chars(id.data(), id.data() + id.size(), file.clientId);
   std::string key;
-  if (failure != std::errc() || end != id.data() + id.size() || file.clientId <= 0) {
-    error = path + ": client-id is not a positive number: " + id;
-  } else if (!sessionKeyFromHex(file.sessionKeyHex, key)) {
-    error = path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
-            " hexadecimal digits";
-  }
-  return error.empty();
+  if (failure != std::errc() || end != id.data() + id.size() || file.clientId <= 0)
+    return unusable(path + ": client-id is not a positive number: " + id);
+  if (!sessionKeyFromHex(file.sessionKeyHex, key))
+    return unusable(path + ": session-key is not a key of " + std::to_string(2 * kSessionKeyBytes) +
+                    " hexadecimal digits");
+  return {};
 }
 
 }  // namespace programs

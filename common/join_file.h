@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "lqregistry/CWmError.h"
+
 namespace programs {
 
 struct JoinFile {
@@ -21,7 +23,7 @@ bool fitsJoinFile(const std::string& word);
 // The file's text, as a reader of command-line configuration files takes it.
 std::string joinFileText(const JoinFile& join);
 
-// Reads and checks a join file. False with the reason in `error`, which may repeat what the file holds.
-bool readJoinFile(const std::string& path, JoinFile& file, std::string& error);
+// Reads and checks a join file. The error's text may repeat what the file holds.
+CWmError readJoinFile(const std::string& path, JoinFile& file);
 
 }  // namespace programs

@@ -12,15 +12,14 @@ std::string instanceName() {
   return focus == nullptr ? "" : focus;
 }
 
-std::optional<CommandResult> whyNotJoined() {
+CWmError checkJoined() {
   LQPlatformInfo info;
   std::string server;
-  if (info.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, server)) return std::nullopt;
-  if (info.getRegError() == kRegUnavailable) return complaint(kExitNotJoined, info.getRegErrorText());
-  return complaint(kExitNotJoined,
-                   "instance " + instanceName() + " in " + lqregistry::File() +
-                       " has not joined a server; run `lqhost join FILE` with the file that `overhub "
-                       "add-client` wrote");
+  if (info.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, server)) return {};
+  if (info.getRegError() == kRegUnavailable) return {kLqErrFile, info.getRegErrorText()};
+  return {kLqErrNoCredentials, "instance " + instanceName() + " in " + lqregistry::File() +
+                                   " has not joined a server; run `lqhost join FILE` with the file that "
+                                   "`overhub add-client` wrote"};
 }
 
 std::string baseDirectory() {

@@ -1,18 +1,17 @@
 // The instance in focus, as the commands see it.
 #pragma once
 
-#include <optional>
 #include <string>
 
-#include "lqhost/command_result.h"
+#include "lqregistry/CWmError.h"
 
 namespace host {
 
 // The instance's name; never empty.
 std::string instanceName();
 
-// Nothing when this instance has joined a server; otherwise what to do about it, as a command's result.
-std::optional<CommandResult> whyNotJoined();
+// An error, which says what to do about it, unless this instance has joined a server.
+CWmError checkJoined();
 
 // The base directory, where the host keeps what it notes; empty when the instance has none.
 std::string baseDirectory();

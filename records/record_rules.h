@@ -1,10 +1,9 @@
-// What a key record asks for: where in the registry it lies, whether it has expired, whether it is to be
-// written or removed. The one place for these rules: applying a list and reports of what it did use it.
+// What a key record asks for: where in the registry it lies, whether it is to be written or removed. The one
+// place for these rules, which applying a list and reports of what it did share; expiry.h has the rule for
+// records whose time is over.
 #pragma once
 
-#include <ctime>
 #include <string>
-#include <string_view>
 
 #include "lqregistry/LqExport.h"
 #include "lqregistry/OBGui.h"
@@ -18,9 +17,6 @@ inline constexpr const char* KEYTYPE = "KEY";
 // What stands in the place of a secret wherever a person looks. It also stands in a protected record's
 // `value`, because a client writes nothing for a record whose `value` is empty.
 inline constexpr const char* kHiddenSecret = "********";
-
-// Suffix of the value that carries another value's expiry time, in seconds since the epoch.
-inline constexpr std::string_view _UNTIL = "_UNTIL";  // NOLINT(*-reserved-identifier,cert-dcl*)
 
 // Values are read into a buffer of this size: longer ones, their end included, count as unreadable.
 inline constexpr int kValueBuffer = 10240;
@@ -42,10 +38,6 @@ inline std::string keyOf(const OBGui::RegistryKeyInfo& record) {
   if (!isKey(record)) return record.keyPath.get();
   return record.keyPath->empty() ? record.valueName.get() : subKeyPath(record.keyPath, record.valueName);
 }
-
-// Sets deleteFlag to 1 on every record of the list whose expiry time has passed at `now`: an expired X_UNTIL,
-// and every record named X. A time that is just `now` has not passed.
-LQ_EXPORT void markExpired(OBGui::KeyList& keys, std::time_t now = std::time(nullptr));
 
 // Whether the record is to be removed from the client; otherwise it is to be written.
 inline bool isToBeRemoved(const OBGui::RegistryKeyInfo& key) {

@@ -1,4 +1,5 @@
-// Applying a key list: expiry, writing and removing each record, and handing changes to their callbacks.
+// Applying a key list: writing and removing each record, and handing changes to their callbacks. Which
+// records have expired, and are removed for that, records/expiry.h says.
 //
 // A pass is one transaction, from its first comparison to its last write. Callbacks are handed over once it
 // is on disk, in the order of the records, so that no power cut takes back what a module was told.
@@ -12,6 +13,7 @@
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/LqSettings.h"
+#include "records/expiry.h"
 #include "records/record_conversion.h"
 #include "records/record_rules.h"
 

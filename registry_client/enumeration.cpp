@@ -1,4 +1,5 @@
-// The whole local registry as a flat list of key records: first the paths of all keys, then their records.
+// What an upload sends (upload.cpp): the whole local registry as a flat list of key records. First the paths
+// of all keys, then their records.
 #include <array>
 
 #include "lqregistry/LqRegistryManagerClnt.h"

@@ -1,4 +1,4 @@
-// Sending the whole local registry to the server, and the server's verdict.
+// An upload: sends the whole local registry, which enumeration.cpp lists, and takes the server's verdict.
 #include <utility>
 
 #include "lqregistry/LqRegistryManagerClnt.h"

@@ -27,6 +27,7 @@ enum LqErrorCode : std::uint32_t {
   kLqErrStopping = 0x900010C,        // the process is stopping (CLqNetwork::InterruptAll)
   kLqErrFile = 0x9000201,            // a file could not be opened, read or written
   kLqErrLibrary = 0x9000301,         // a library or a procedure in it could not be loaded
+  kLqErrArgument = 0x9000401,        // what somebody wrote on a command line or to its input cannot be used
 };
 
 class [[nodiscard]] CWmError {

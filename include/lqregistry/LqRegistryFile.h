@@ -16,6 +16,7 @@
 #include <chrono>
 #include <string>
 
+#include "lqregistry/CWmError.h"
 #include "lqregistry/LqExport.h"
 
 namespace lqregistry {
@@ -44,9 +45,9 @@ LQ_EXPORT void UseWriteWait(std::chrono::milliseconds wait);
 
 // Whether the registry file is sound: its trees agree with each other, and every key with its path. Reads the
 // whole file, so it is meant for a start or a person who asks, not for each pass. A registry that does not
-// exist yet is sound. False with a `reason` that names the file when it is damaged or cannot be read. Values
-// carry no checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
-LQ_EXPORT bool Check(std::string& reason);
+// exist yet is sound. An error, which names the file, when it is damaged or cannot be read. Values carry no
+// checksum: a byte that changed inside one is not noticed. Any thread; nobody waits for it.
+LQ_EXPORT CWmError Check();
 
 // Whether this thread has a write batch open.
 LQ_EXPORT bool IsInBatch();

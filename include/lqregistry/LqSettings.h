@@ -16,8 +16,9 @@ inline constexpr const char* kInstanceRoot = "~";
 inline constexpr const char* kAbsoluteRoot = "SOFTWARE";
 inline constexpr const char* kInstancesKey = "SOFTWARE/Velmor";
 
-// The environment variable that names the instance.
+// The environment variables that name the instance and the registry file.
 inline constexpr const char* kInstanceVariable = "VELMOR_VM";
+inline constexpr const char* kFileVariable = "VELMOR_REGISTRY";
 
 struct Setting {
   const char* key;

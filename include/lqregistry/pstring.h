@@ -62,8 +62,8 @@ class LQ_EXPORT pstring {
   // file already. By one process at a time for each path.
   static CWmError CreateKeyFile(const std::string& path);
 
-  // Whether the key can be used, looked up anew; otherwise the reason, which names the file and the way out.
-  static bool CheckKey(std::string& reason);
+  // Looks the key up anew; an error, which names the file and the way out, when it cannot be used.
+  static CWmError CheckKey();
 
  private:
   void wipe();

@@ -35,16 +35,12 @@ struct JoinOptions {
 constexpr const char* kDefaultHome = "/opt/velmor";
 constexpr const char* kBaseFolder = "Base";
 
-bool makeDirectory(const std::string& path, std::string& error) {
+CWmError makeDirectory(const std::string& path) {
   std::error_code failure;
   std::filesystem::create_directories(path, failure);
-  if (failure) {
-    error = "cannot create the directory " + path + ": " + failure.message();
-  } else {
-    // What lies there is loaded, applied and believed later on.
-    error = FXFile::CheckTrusted(path).AsString();
-  }
-  return error.empty();
+  if (failure) return {kLqErrFile, "cannot create the directory " + path + ": " + failure.message()};
+  // What lies there is loaded, applied and believed later on.
+  return FXFile::CheckTrusted(path);
 }
 
 // As it stands when the working directory is gone.
@@ -94,37 +90,35 @@ std::vector<Written> settingsOf(const programs::JoinFile& file, const JoinOption
   };
 }
 
-// Writes everything as one change, for the instance in focus, creating the directories. False with the
-// reason; the registry is then as it was.
-bool record(const programs::JoinFile& file, JoinOptions options, std::string& error) {
+// Writes everything as one change, for the instance in focus, creating the directories. After an error the
+// registry is as it was.
+CWmError record(const programs::JoinFile& file, JoinOptions options) {
   fillDefaults(options);
   for (const std::string& name : {options.host, options.machine, file.clientName}) {
-    if (name.find('/') == std::string::npos) continue;
-    error = "a host, machine or client name cannot hold a \"/\": " + name;
-    return false;
+    if (name.find('/') != std::string::npos)
+      return {kLqErrFile, "a host, machine or client name cannot hold a \"/\": " + name};
   }
-  if (!makeDirectory(options.base, error) ||
-      !makeDirectory(options.home + "/" + lqsettings::kLogFolder, error))
-    return false;
-
-  const std::string folder = std::filesystem::path(lqregistry::File()).parent_path().string();
-  if (!folder.empty() && !makeDirectory(folder, error)) return false;
+  for (const std::string& directory : {options.base, options.home + "/" + lqsettings::kLogFolder,
+                                       std::filesystem::path(lqregistry::File()).parent_path().string()}) {
+    if (directory.empty()) continue;  // the registry's, when it is a name in the working directory
+    if (CWmError error = makeDirectory(directory); error.IsError()) return error;
+  }
 
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
   bool written = LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
   for (const Written& setting : settingsOf(file, options))
     written = written && info.setString(setting.key, setting.name, setting.value, 0) != 0;
-  if (written && batch.commit()) return true;
+  if (written && batch.commit()) return {};
   batch.abandon();
-  error = info.getRegErrorText();
-  if (error.empty()) error = lqregistry::File() + ": the registry could not be written; the log tells why";
-  return false;
+  std::string why = info.getRegErrorText();
+  if (why.empty()) why = lqregistry::File() + ": the registry could not be written; the log tells why";
+  return {kLqErrFile, std::move(why)};
 }
 
 int join(const programs::JoinFile& file, const JoinOptions& options) {
-  std::string error;
-  if (!record(file, options, error)) return print(complaint(kExitNotJoined, error));
+  if (const CWmError error = record(file, options); error.IsError())
+    return print(complaint(kExitNotJoined, error.AsString()));
   const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
                            " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
                            "; the registry is " + lqregistry::File();
@@ -133,8 +127,8 @@ int join(const programs::JoinFile& file, const JoinOptions& options) {
 
 // The join file is read as whoever started this, who may be the only one that it is for.
 int prepare(programs::JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
-  std::string error;
-  if (!programs::readJoinFile(options.file, file, error)) return print(complaint(kExitUsage, error));
+  if (const CWmError error = programs::readJoinFile(options.file, file); error.IsError())
+    return print(complaint(kExitUsage, error.AsString()));
   fillDefaults(options);
   places.push_back(options.base);
   return kExitOk;

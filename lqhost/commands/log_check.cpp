@@ -2,6 +2,7 @@
 
 #include "common/terminal_text.h"
 #include "lqhost/command_result.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/product_library.h"
 #include "lqregistry/ObLog.h"
@@ -19,7 +20,7 @@ int runLogCheck(const char* function) {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
   ProductLibrary product;
   auto* const check = reinterpret_cast<int (*)()>(product.find(function));
-  if (check == nullptr) return print(complaint(kExitFailed, product.error()));
+  if (check == nullptr) return print(complaint(kExitFailed, product.error().AsString()));
   const oblog::Capture log(kShownLevel);
   CommandResult result;
   result.exitCode = check() == 0 ? kExitOk : kExitFailed;

@@ -1,8 +1,7 @@
 // `lqhost refresh`: reapplies the cached settings once now, and reports what that did. While a note says that
 // the cache is behind the registry, it synchronises instead.
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
-#include "lqhost/instance.h"
-#include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/service/command_socket.h"
@@ -13,10 +12,10 @@ namespace {
 
 int refresh() {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
-  if (const auto answered = askResident(kAskRefresh)) return print(*answered);
+  if (const auto answered = answerOfResident(kAskRefresh)) return print(*answered);
   ProductLibrary product;
   Passes passes(product);
-  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  if (passes.error().IsError()) return print(complaint(kExitFailed, passes.error().AsString()));
   return print(refreshNow(passes));
 }
 
@@ -26,11 +25,8 @@ CommandResult synchroniseInstead(Passes& passes, const UnsettledNote& reason) {
   return result;
 }
 
-int exitCodeOf(RunOutcome outcome, std::size_t failedRecords) {
-  if (outcome == RunOutcome::kFailed) return kExitFailed;
-  if (outcome == RunOutcome::kCacheUnreadable) return kExitCacheUnreadable;
-  if (failedRecords != 0) return kExitPartly;
-  return outcome == RunOutcome::kCacheLost ? kExitCacheLost : kExitOk;
+CommandResult noCache(RunOutcome outcome, const CWmError& error) {
+  return complaint(exitCodeOf(outcome), std::string("nothing to reapply: ") + error.AsString());
 }
 
 // Another pass may have replaced the cache before this refresh had its turn: what counts then is what the
@@ -48,40 +44,38 @@ PassDetails rebased(const PassDetails& begun, const OBGui::KeyList& now) {
 }  // namespace
 
 CommandResult refreshNow(Passes& passes) {
-  std::string error;
-  std::optional<CachedSettings> cached = readCachedSettings(error);
-  if (!cached && !standingNote())
-    return complaint(CacheWatch().wasThere() ? kExitCacheUnreadable : kExitFailed,
-                     "nothing to reapply: " + error);
+  CachedSettings cached;
+  CWmError error = readCachedSettings(cached);
+  const bool wasRead = !error.IsError();
+  if (!wasRead && !standingNote()) return noCache(nothingToReapply(), error);
   PassDetails details;
-  if (cached) details.batch = cached->keys;
+  details.batch = cached.keys;
   for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(currentValue(key));
 
   LqPeriodicTaskStatus status;
-  const RefreshResult refreshed = passes.refresh(status);
+  RefreshResult refreshed = passes.refresh(status);
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
+  const std::string next = "; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
+  CachedSettings kept;
+  error = readCachedSettings(kept);
   // The note was of a pass under way, which the refresh has waited for: it reapplied what that stored.
-  if (!cached) {
-    cached = readCachedSettings(error);
-    const int exitCode = exitCodeOf(refreshed.outcome, 0);
-    if (!cached)
-      return complaint(exitCode == kExitOk ? kExitFailed : exitCode, "nothing to reapply: " + error);
-    if (exitCode != kExitOk) return complaint(exitCode, outcomeText(refreshed.outcome));
+  if (!wasRead) {
+    if (error.IsError()) return noCache(refreshed.outcomeWithoutCache(), error);
+    const RunOutcome outcome = refreshed.outcome();
+    if (outcome != RunOutcome::kDone) return complaint(exitCodeOf(outcome), outcomeText(outcome));
     return {kExitOk,
-            "reapplied " + std::to_string(cached->keys.size()) +
-                " records, which a synchronisation has just stored; the next refresh is due in " +
-                std::to_string(status.getFrequency()) + " s\n",
+            "reapplied " + std::to_string(kept.keys.size()) +
+                " records, which a synchronisation has just stored" + next,
             ""};
   }
   BatchReport report = reportOf(details);
-  const std::optional<CachedSettings> kept = readCachedSettings(error);
-  if (kept && report.failed != 0) report = reportOf(rebased(details, kept->keys));
+  if (!error.IsError() && report.failed != 0) report = reportOf(rebased(details, kept.keys));
+  refreshed.failedRecords = report.failed;
   CommandResult result;
-  result.exitCode = exitCodeOf(refreshed.outcome, report.failed);
-  result.out = report.text + "the cache holds " + std::to_string(kept ? kept->keys.size() : 0) +
-               " records now, " + std::to_string(cached->keys.size()) +
-               " before; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
-  if (!kept) result.err = complaint(0, error).err;
+  result.exitCode = exitCodeOf(refreshed.outcome());
+  result.out = report.text + "the cache holds " + std::to_string(kept.keys.size()) + " records now, " +
+               std::to_string(cached.keys.size()) + " before" + next;
+  if (error.IsError()) result.err = complaint(0, error.AsString()).err;
   return result;
 }
 

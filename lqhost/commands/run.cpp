@@ -8,6 +8,7 @@
 
 #include "common/host_service.h"
 #include "common/stop_signals.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/command_socket.h"
@@ -49,13 +50,22 @@ bool endedWell(const PassResult& pass) {
 
 bool refreshOnTime(Passes& passes, LqPeriodicTaskStatus& status) {
   const RefreshResult result = passes.refresh(status);
-  if (result.reason || result.outcome == RunOutcome::kCacheLost) wantDownload();
-  return result.outcome != RunOutcome::kFailed;
+  if (result.reason || result.run == RunOutcome::kCacheLost) wantDownload();
+  return result.run != RunOutcome::kFailed;
 }
 
 CommandResult countCallbacks() {
   const bool isUsed = LqRegistryChangeMgr::instance != nullptr;
   return {kExitOk, std::to_string(isUsed ? LqRegistryChangeMgr::callBackThreadPool.pendingCount() : 0), ""};
+}
+
+// What the commands of this machine ask for.
+CommandResult answer(Passes& passes, const std::string& question) {
+  if (question == kAskSync) return synchroniseNow(passes);
+  if (question == kAskRefresh) return refreshNow(passes);
+  if (question == kAskUpload) return uploadNow();
+  if (question == kAskCallbacks) return countCallbacks();
+  return complaint(kExitUsage, "the resident host knows no command " + question);
 }
 
 // The periodic tasks, from the start to the end of the last run.
@@ -110,10 +120,8 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
   if (const CWmError error = requests.start(options.address, options.port); error.IsError())
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   Schedule schedule(passes, options);
-  if (const CWmError error = socket.serve({{kAskSync, [&passes] { return synchroniseNow(passes); }},
-                                           {kAskRefresh, [&passes] { return refreshNow(passes); }},
-                                           {kAskUpload, &uploadNow},
-                                           {kAskCallbacks, &countCallbacks}});
+  if (const CWmError error =
+          socket.serve([&passes](const std::string& question) { return answer(passes, question); });
       error.IsError())
     return complaint(kExitFailed, error.AsString());
   // Not yet how this ends.
@@ -134,17 +142,18 @@ int run(const RunOptions& options) {
   const programs::StopSignals signals;
   if (const CWmError error = becomeResident(); error.IsError())
     return print(complaint(kExitFailed, error.AsString()));
-  if (std::string damage; !lqregistry::Check(damage)) return print(complaint(kExitNotJoined, damage));
+  if (const CWmError error = lqregistry::Check(); error.IsError())
+    return print(complaint(kExitNotJoined, error.AsString()));
   ProductLibrary product;
   Passes passes(product);
-  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  if (passes.error().IsError()) return print(complaint(kExitFailed, passes.error().AsString()));
   CommandResult result;
   {
     ResidentSocket socket;
     if (const CWmError error = socket.open(); error.IsError())
       return print(complaint(kExitFailed, error.AsString()));
-    std::string error;
-    if (!loadModules(options.modules, error)) return print(complaint(kExitFailed, error));
+    if (const CWmError error = loadModules(options.modules); error.IsError())
+      return print(complaint(kExitFailed, error.AsString()));
     result = serveUntilStopped(options, signals, passes, socket);
     // A command that does not end still uses the product, and what is torn down from here on.
     if (!socket.finish()) {

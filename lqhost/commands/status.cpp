@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "common/terminal_text.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
@@ -19,6 +20,7 @@
 #include "lqregistry/LqSettings.h"
 #include "lqregistry/UtcText.h"
 #include "lqregistry/pstring.h"
+#include "records/expiry.h"
 #include "records/record_rules.h"
 
 namespace host {
@@ -102,7 +104,7 @@ int addUnsettled(std::string& text) {
 
 // What the resident host, if there is one, says of itself.
 int addResident(std::string& text) {
-  const std::optional<CommandResult> answer = askResident(kAskCallbacks);
+  const std::optional<CommandResult> answer = answerOfResident(kAskCallbacks);
   if (!answer) return kExitOk;
   if (answer->exitCode == kExitOk) {
     addLine(text, "callbacks", waitingCallbacksText(std::strtoull(answer->out.c_str(), nullptr, 10)));
@@ -136,16 +138,15 @@ std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
 
 // Adds the cache and what differs from it.
 int addCache(std::string& text) {
-  std::string error;
-  const std::optional<CachedSettings> cached = readCachedSettings(error);
-  if (!cached) {
-    addLine(text, "cache", programs::escapedForTerminal(error));
+  CachedSettings cached;
+  if (const CWmError error = readCachedSettings(cached); error.IsError()) {
+    addLine(text, "cache", programs::escapedForTerminal(error.AsString()));
     return kExitFailed;
   }
   addLine(text, "cache",
-          std::to_string(cached->keys.size()) + " records, written " + lqtext::utcText(cached->written) +
-              ", " + std::to_string(std::time(nullptr) - cached->written) + " s ago");
-  return addDrift(text, cached->keys) == 0 ? kExitOk : kExitDrift;
+          std::to_string(cached.keys.size()) + " records, written " + lqtext::utcText(cached.written) + ", " +
+              std::to_string(std::time(nullptr) - cached.written) + " s ago");
+  return addDrift(text, cached.keys) == 0 ? kExitOk : kExitDrift;
 }
 
 void addIdentity(std::string& text) {
@@ -175,14 +176,14 @@ int status() {
   const bool isOver =
       cache != kExitFailed && (refreshed == kExitCacheLost || refreshed == kExitCacheUnreadable);
   if (!isOver) worst = worseOf(worst, refreshed);
-  std::string reason;
-  if (!pstring::CheckKey(reason)) {
-    addLine(result.out, "protection", programs::escapedForTerminal(reason));
+  if (const CWmError error = pstring::CheckKey(); error.IsError()) {
+    addLine(result.out, "protection", programs::escapedForTerminal(error.AsString()));
     worst = worseOf(worst, kExitFailed);
   }
-  const bool isSound = lqregistry::Check(reason);
-  addLine(result.out, "registry", isSound ? "sound" : "damaged: " + programs::escapedForTerminal(reason));
-  result.exitCode = isSound ? worst : kExitNotJoined;
+  const CWmError error = lqregistry::Check();
+  addLine(result.out, "registry",
+          error.IsError() ? "damaged: " + programs::escapedForTerminal(error.AsString()) : "sound");
+  result.exitCode = error.IsError() ? kExitNotJoined : worst;
   return print(result);
 }
 

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "common/terminal_text.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/command_socket.h"
@@ -94,7 +95,7 @@ std::string repeated(const oblog::Capture& log) {
 int syncHere(const CommandLine::Pairs& watched) {
   ProductLibrary product;
   Passes passes(product);
-  if (!passes.error().empty()) return print(complaint(kExitFailed, passes.error()));
+  if (passes.error().IsError()) return print(complaint(kExitFailed, passes.error().AsString()));
   const CallbackWatch callbacks(watched);
   CommandResult result = synchroniseNow(passes);
   result.out += CallbackWatch::text();
@@ -109,7 +110,7 @@ int sync(const CommandLine::Pairs& watched) {
                   "--watch is for machines without a resident host: callbacks run in the process that "
                   "synchronises, which is the resident host here; its log shows what they did"));
   }
-  if (const auto answered = askResident(kAskSync)) return print(*answered);
+  if (const auto answered = answerOfResident(kAskSync)) return print(*answered);
   return syncHere(watched);
 }
 
@@ -146,8 +147,10 @@ CommandResult synchroniseNow(Passes& passes) {
   const PassResult pass = passes.downloadWithReport(status, result.out);
   const RunOutcome outcome = pass.outcome();
   result.exitCode = exitCodeOf(outcome);
-  if (!pass.noteError.empty())
-    result.err += complaint(0, "what is under way could not be noted on disk: " + pass.noteError).err;
+  if (pass.noteError.IsError()) {
+    const std::string what = "what is under way could not be noted on disk: ";
+    result.err += complaint(0, what + pass.noteError.AsString()).err;
+  }
   if (outcome == RunOutcome::kSkipped) {
     result.out +=
         "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "

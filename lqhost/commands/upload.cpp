@@ -9,6 +9,7 @@
 #include <optional>
 #include <thread>
 
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/left_out.h"
@@ -68,7 +69,7 @@ class ProgressLine {
 
 int upload() {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
-  if (const auto answered = askResident(kAskUpload)) return print(*answered);
+  if (const auto answered = answerOfResident(kAskUpload)) return print(*answered);
   return print(uploadNow());
 }
 

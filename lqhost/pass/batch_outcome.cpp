@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "records/expiry.h"
 #include "records/record_rules.h"
 
 #include "lqregistry/LqSettings.h"

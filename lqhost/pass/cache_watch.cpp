@@ -29,10 +29,9 @@ CacheFate CacheWatch::fate(std::size_t repliedRecords) const {
   const Identity now = look();
   if (now.size == 0) return CacheFate::kLost;
   if (!(now == before_)) return CacheFate::kStored;
-  std::string error;
-  const std::optional<CachedSettings> kept = readCachedSettings(error);
-  if (!kept) return CacheFate::kUnreadable;
-  return kept->records > repliedRecords ? CacheFate::kKept : CacheFate::kLost;
+  CachedSettings kept;
+  if (readCachedSettings(kept).IsError()) return CacheFate::kUnreadable;
+  return kept.records > repliedRecords ? CacheFate::kKept : CacheFate::kLost;
 }
 
 bool CacheWatch::sync() {

@@ -8,29 +8,26 @@
 
 namespace host {
 
-std::optional<CachedSettings> readCachedSettings(std::string& error) {
+CWmError readCachedSettings(CachedSettings& settings) {
   const std::string path = pathInBase(kSettingsCacheFile);
   struct stat file {};
-  if (stat(path.c_str(), &file) != 0) {
-    error = path + ": there is no cache yet; it is written by the first synchronisation";
-    return std::nullopt;
-  }
+  if (stat(path.c_str(), &file) != 0)
+    return {kLqErrFile, path + ": there is no cache yet; it is written by the first synchronisation"};
   if (file.st_size == 0) {
-    error =
-        path + ": the cache is empty, because it could not be written; the next synchronisation tries again";
-    return std::nullopt;
+    return {
+        kLqErrFile,
+        path + ": the cache is empty, because it could not be written; the next synchronisation tries again"};
   }
   OBGui::RegisterSubsystem();
   OBGui::RegistryTaskResp cache;
   std::string reason;
-  if (cache.unserialize(LqRegistryManagerClnt::getAdditionalSettingsCache(), &reason) != 0) {
-    error = path + ": " + reason + "; remove the file, and the next synchronisation writes a new one";
-    return std::nullopt;
-  }
-  CachedSettings settings{std::move(cache.keys.edit()), 0, file.st_mtime};
+  if (cache.unserialize(LqRegistryManagerClnt::getAdditionalSettingsCache(), &reason) != 0)
+    return {kLqErrFile,
+            path + ": " + reason + "; remove the file, and the next synchronisation writes a new one"};
+  settings = {std::move(cache.keys.edit()), 0, file.st_mtime};
   settings.records = settings.keys.size();
   std::erase_if(settings.keys, [](const auto& key) { return key.valueName.get() == kExcludedSetting; });
-  return settings;
+  return {};
 }
 
 }  // namespace host

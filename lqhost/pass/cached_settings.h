@@ -3,9 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 
+#include "lqregistry/CWmError.h"
 #include "lqregistry/OBGui.h"
 
 namespace host {
@@ -16,7 +15,7 @@ struct CachedSettings {
   std::int64_t written = 0;  // when the file was written, seconds since the epoch
 };
 
-// The cache of the instance in focus; nothing, with the reason in `error`, when none can be read.
-std::optional<CachedSettings> readCachedSettings(std::string& error);
+// The cache of the instance in focus; an error, with `settings` unchanged, when none can be read.
+CWmError readCachedSettings(CachedSettings& settings);
 
 }  // namespace host

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <sstream>
 
-#include "lqhost/file_lock.h"
+#include "common/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/ObDebug.h"
@@ -97,8 +97,8 @@ void removeNote() {
 }
 
 // Between the processes of the machine, where the base directory lets it be had.
-FileLock lockNote() {
-  return FileLock::waitFor(pathInBase(kNoteLock));
+programs::FileLock lockNote() {
+  return programs::FileLock::waitFor(pathInBase(kNoteLock));
 }
 
 }  // namespace
@@ -137,14 +137,14 @@ std::string unsettledText(const UnsettledNote& note) {
 
 UnsettledWork::UnsettledWork(Unsettled why) : own_{why, std::time(nullptr), newToken()} {
   const std::lock_guard lock(noteMutex);
-  const FileLock between = lockNote();
+  const programs::FileLock between = lockNote();
   before_ = readNote();
   error_ = writeNote(own_);
 }
 
 void UnsettledWork::replaceOwn(const std::optional<UnsettledNote>& by) {
   const std::lock_guard lock(noteMutex);
-  const FileLock between = lockNote();
+  const programs::FileLock between = lockNote();
   const std::optional<UnsettledNote> standing = readNote();
   if (!standing || standing->token != own_.token) return;
   if (by) {

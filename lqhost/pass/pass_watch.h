@@ -49,7 +49,7 @@ struct PassResult {
   int taskResult = 0;                          // of the product's callback
   std::size_t failedRecords = 0;               // as the report counts them; 0 where none is made
   CacheFate cache = CacheFate::kStored;
-  std::string noteError;  // why the pass could not be noted before it began; empty when it was
+  CWmError noteError;  // why the pass could not be noted before it began
 
   // Sent, dealt with, and not refused.
   bool isAcknowledged() const { return acknowledgedAs && isGoodbyeAnswered && refusal.empty(); }

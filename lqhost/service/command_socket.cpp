@@ -16,7 +16,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "lqhost/file_lock.h"
+#include "common/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqregistry/PrintableText.h"
 
@@ -28,7 +28,7 @@ constexpr const char* kResidentLock = "lqhost.lock";
 constexpr const char* kSocket = "lqhost.sock";
 constexpr mode_t kSocketMode = 0600;
 constexpr const char* kGreeting = "lqhost 1\n";
-// How long a resident that starts, or stops, is waited for; and a caller that says nothing.
+// How long whoever is at the other end may say, or read, nothing.
 constexpr std::chrono::seconds kPatience{10};
 // How long an answer may still take to be read when the resident stops.
 constexpr std::chrono::seconds kLastWords{1};
@@ -146,9 +146,9 @@ auto_handle connectToResident() {
   return connection;
 }
 
-CommandResult unanswered(const std::string& how) {
-  return complaint(kExitFailed, "instance " + instanceName() + " has a resident host, which " + how +
-                                    "; nothing is done beside it. Look at its log, or start it anew");
+CWmError unanswered(const std::string& how) {
+  return {kLqErrNotConnected, "instance " + instanceName() + " has a resident host, which " + how +
+                                  "; nothing is done beside it. Look at its log, or start it anew"};
 }
 
 // The texts are whole lines and escaped already; what is no line of a resident must not reach a terminal.
@@ -166,7 +166,7 @@ std::string printableLines(std::string_view text) {
   return result;
 }
 
-CommandResult askOn(int connection, const std::string& question) {
+CWmError askOn(int connection, const std::string& question, std::optional<CommandResult>& answer) {
   std::string head;
   CommandResult result;
   std::size_t outBytes = 0;
@@ -182,13 +182,14 @@ CommandResult askOn(int connection, const std::string& question) {
     return unanswered("gave an answer that breaks off");
   result.out = printableLines(result.out);
   result.err = printableLines(result.err);
-  return result;
+  answer = std::move(result);
+  return {};
 }
 
 }  // namespace
 
 CWmError becomeResident() {
-  static const FileLock lock = FileLock::tryFor(pathInBase(kResidentLock));
+  static const programs::FileLock lock = programs::FileLock::tryFor(pathInBase(kResidentLock));
   if (lock.isHeld()) return {};
   if (lock.isHeldElsewhere())
     return {kLqErrFile, "instance " + instanceName() + " has a resident host already"};
@@ -196,22 +197,23 @@ CWmError becomeResident() {
 }
 
 bool isHostResident() {
-  return FileLock::isTaken(pathInBase(kResidentLock));
+  return programs::FileLock::isTaken(pathInBase(kResidentLock));
 }
 
 bool mayAsk(uid_t peer, uid_t own) {
   return peer == 0 || peer == own;
 }
 
-std::optional<CommandResult> askResident(const std::string& question) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+CWmError askResident(const std::string& question, std::optional<CommandResult>& answer,
+                     std::chrono::milliseconds wait) {
+  const auto deadline = std::chrono::steady_clock::now() + wait;
   while (isHostResident()) {
     if (const auto_handle connection = connectToResident(); connection.isValid())
-      return askOn(connection.get(), question);
+      return askOn(connection.get(), question, answer);
     if (std::chrono::steady_clock::now() > deadline) return unanswered("does not answer");
     std::this_thread::sleep_for(kRetryEvery);
   }
-  return std::nullopt;
+  return {};
 }
 
 ResidentSocket::ResidentSocket() = default;
@@ -250,8 +252,8 @@ struct ResidentSocket::Caller {
   auto_handle connection;
 };
 
-CWmError ResidentSocket::serve(Commands commands) {
-  commands_ = std::move(commands);
+CWmError ResidentSocket::serve(Answer answer) {
+  answer_ = std::move(answer);
   if (!pool_.initThreadPool("lqhost-commands", kIdleSeconds, kCallersPerThread, kMaxThreads, kMinThreads))
     return {kLqErrFile, "the system gives no thread to answer commands with"};
   acceptor_ = std::thread([this] { accept(); });
@@ -272,17 +274,14 @@ void ResidentSocket::accept() {
 
 void* ResidentSocket::answerOnPool(void* caller) {
   const std::unique_ptr<Caller> owned(static_cast<Caller*>(caller));
-  owned->socket->answer(owned->connection.get());
+  owned->socket->answerOn(owned->connection.get());
   return nullptr;
 }
 
-void ResidentSocket::answer(int connection) const {
+void ResidentSocket::answerOn(int connection) const {
   std::string question;
   if (!readLine(connection, stop_.get(), milliseconds(kPatience), question)) return;
-  const auto command = commands_.find(question);
-  const CommandResult result = command != commands_.end()
-                                   ? command->second()
-                                   : complaint(kExitUsage, "the resident host knows no command " + question);
+  const CommandResult result = answer_(question);
   sendAll(connection, stop_.get(),
           std::to_string(result.exitCode) + " " + std::to_string(result.out.size()) + " " +
               std::to_string(result.err.size()) + "\n" + result.out + result.err);

@@ -14,9 +14,8 @@
 
 #include <sys/types.h>
 
-#include <atomic>
+#include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,9 +41,11 @@ CWmError becomeResident();
 // Whether a resident host serves the instance in focus.
 bool isHostResident();
 
-// What the resident host answers; nothing when there is none. One that is there and does not answer is a
-// failure that says so: working beside it is not an alternative.
-std::optional<CommandResult> askResident(const std::string& question);
+// What the resident host answers; nothing when there is none. One that is there and does not answer is an
+// error: working beside it is not an alternative. One that just starts or stops is waited for.
+inline constexpr std::chrono::milliseconds kResidentWait{10'000};
+CWmError askResident(const std::string& question, std::optional<CommandResult>& answer,
+                     std::chrono::milliseconds wait = kResidentWait);
 
 // Whether a process of user `peer` may ask one of user `own`.
 bool mayAsk(uid_t peer, uid_t own);
@@ -52,7 +53,7 @@ bool mayAsk(uid_t peer, uid_t own);
 // The resident's end.
 class ResidentSocket {
  public:
-  using Commands = std::map<std::string, std::function<CommandResult()>>;
+  using Answer = std::function<CommandResult(const std::string& question)>;
 
   ResidentSocket();
   ~ResidentSocket();  // answers what was asked, removes the socket
@@ -61,8 +62,8 @@ class ResidentSocket {
 
   // Makes the socket, in place of one that a killed process left. Callers wait from now on.
   CWmError open();
-  // Answers them. Each command runs on a thread of a small pool, several at a time.
-  CWmError serve(Commands commands);
+  // Answers them. Each question is answered on a thread of a small pool, several at a time.
+  CWmError serve(Answer answer);
   // Accepts no more callers and lets those under way be answered. False when one is still at it after a
   // while: what its command uses must not be torn down.
   bool finish();
@@ -71,12 +72,12 @@ class ResidentSocket {
   struct Caller;
   static void* answerOnPool(void* caller);
   void accept();
-  void answer(int connection) const;
+  void answerOn(int connection) const;
 
   auto_handle directory_;
   auto_handle listener_;
   auto_handle stop_;  // readable once the end has come
-  Commands commands_;
+  Answer answer_;
   LqThreadPool pool_;
   std::thread acceptor_;
 };

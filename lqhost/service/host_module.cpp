@@ -6,29 +6,31 @@
 
 namespace host {
 
-bool loadModules(const std::vector<std::string>& paths, std::string& fault) {
+namespace {
+
+CWmError unloadable(const std::string& path, const std::string& why) {
+  return {kLqErrLibrary, "the module " + path + " cannot be loaded: " + why};
+}
+
+}  // namespace
+
+CWmError loadModules(const std::vector<std::string>& paths) {
   for (const std::string& path : paths) {
     // Its code runs with all that the host may do.
-    const CWmError error = FXFile::CheckTrusted(path);
-    if (error.IsError() || path.find('/') == std::string::npos) {
-      fault = "the module " + path + " cannot be loaded: " +
-              (error.IsError() ? error.AsString() : "name it with its directory, as in ./" + path);
-      return false;
-    }
+    if (const CWmError error = FXFile::CheckTrusted(path); error.IsError())
+      return unloadable(path, error.AsString());
+    if (path.find('/') == std::string::npos)
+      return unloadable(path, "name it with its directory, as in ./" + path);
     void* const handle = dlopen(path.c_str(), RTLD_NOW);
     void* const entry = handle == nullptr ? nullptr : dlsym(handle, kModuleEntry);
     if (entry == nullptr) {
       const char* const reason = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this C library
-      fault =
-          "the module " + path + " cannot be loaded: " + (reason == nullptr ? "it lacks its entry" : reason);
-      return false;
+      return unloadable(path, reason == nullptr ? "it lacks its entry" : reason);
     }
-    if (const int result = reinterpret_cast<int (*)()>(entry)(); result != 0) {
-      fault = path + ": the module refused the start with result " + std::to_string(result);
-      return false;
-    }
+    if (const int result = reinterpret_cast<int (*)()>(entry)(); result != 0)
+      return {kLqErrLibrary, path + ": the module refused the start with result " + std::to_string(result)};
   }
-  return true;
+  return {};
 }
 
 }  // namespace host

@@ -8,12 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "lqregistry/CWmError.h"
+
 namespace host {
 
 inline constexpr const char* kModuleEntry = "LqHostModule_Register";
 
-// Loads each module and lets it register; they stay loaded as long as the process lives. False with the
-// reason.
-bool loadModules(const std::vector<std::string>& paths, std::string& fault);
+// Loads each module and lets it register; they stay loaded as long as the process lives.
+CWmError loadModules(const std::vector<std::string>& paths);
 
 }  // namespace host

@@ -2,9 +2,8 @@
 
 #include <chrono>
 #include <ctime>
-#include <limits>
 
-#include "lqhost/file_lock.h"
+#include "common/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_report.h"
@@ -30,14 +29,14 @@ std::function<void()> wanted;  // guarded by wantedMutex
 // the product's own lock.
 class Turn {
  public:
-  Turn() : inProcess_(passMutex), between_(FileLock::waitFor(pathInBase(kTurnLock), kTurnWait)) {}
+  Turn() : inProcess_(passMutex), between_(programs::FileLock::waitFor(pathInBase(kTurnLock), kTurnWait)) {}
 
  private:
   static constexpr const char* kTurnLock = "lqhost.pass";
   static constexpr std::chrono::seconds kTurnWait{60};
 
   std::lock_guard<std::mutex> inProcess_;
-  FileLock between_;
+  programs::FileLock between_;
 };
 
 class Stopwatch {
@@ -81,23 +80,6 @@ void endPass(UnsettledWork& work, const PassResult& result) {
   }
 }
 
-// A refresh that ran has rewritten the cache. A write that failed leaves it empty: there is nothing to
-// reapply any more, until a synchronisation stores another.
-RunOutcome judgeRefresh(const CacheWatch& cache) {
-  switch (cache.fate(std::numeric_limits<std::size_t>::max())) {
-    case CacheFate::kStored:
-      return RunOutcome::kDone;
-    case CacheFate::kUnreadable:
-      return RunOutcome::kCacheUnreadable;
-    case CacheFate::kKept:
-    case CacheFate::kLost:
-      break;
-  }
-  if (CacheWatch().wasThere()) return RunOutcome::kFailed;  // it did not get to work; the log tells why
-  const UnsettledWork stays(Unsettled::kCacheLost);
-  return RunOutcome::kCacheLost;
-}
-
 }  // namespace
 
 Passes::Passes(ProductLibrary& product)
@@ -127,7 +109,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   const int taskResult = downloadTimer_(&status);
   PassResult result = pass.result();
   result.taskResult = taskResult;
-  result.noteError = work.error().AsString();
+  result.noteError = work.error();
   if (result.batchReceived) {
     result.cache = cache.fate(result.records);
     if (report != nullptr) {
@@ -157,10 +139,12 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   const CacheWatch cache;
   const int taskResult = refreshTimer_(&status);
   RefreshResult result;
-  if (taskResult != 0) result.outcome = RunOutcome::kFailed;
-  if (cache.wasThere() && taskResult == 0) result.outcome = judgeRefresh(cache);
+  result.run = judgeRefresh(taskResult, cache);
+  if (result.run == RunOutcome::kCacheLost) {
+    const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
+  }
   status.setLastRunTime(started);
-  noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.outcome);
+  noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.run);
   return result;
 }
 

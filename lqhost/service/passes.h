@@ -16,29 +16,23 @@
 
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 
 #include "lqhost/pass/pass_note.h"
 #include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/service/product_library.h"
 #include "lqhost/service/task_times.h"
 
 namespace host {
-
-// What a refresh came to.
-struct RefreshResult {
-  RunOutcome outcome = RunOutcome::kDone;
-  std::optional<UnsettledNote> reason;  // why it was put off
-};
 
 class Passes {
  public:
   // Finds the callbacks in the product, which must outlive this.
   explicit Passes(ProductLibrary& product);
 
-  // Why it cannot be used; empty when it can.
-  const std::string& error() const { return error_; }
+  // Whether it can be used.
+  const CWmError& error() const { return error_; }
   TaskCallback downloadStart() const { return downloadStart_; }
 
   // Runs a synchronisation on this thread. With `report`, which gets the text of pass_report.h, each value is
@@ -52,7 +46,7 @@ class Passes {
  private:
   PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report);
 
-  std::string error_;
+  CWmError error_;
   TaskCallback downloadStart_ = nullptr;
   TaskCallback downloadTimer_ = nullptr;
   TaskCallback refreshTimer_ = nullptr;

@@ -9,9 +9,9 @@ namespace {
 // By the name that it is linked under, so that the library which is in the process already is the one.
 constexpr const char* kLibrary = "libLqRegistryClnt.so." LQ_SOVERSION;
 
-std::string lastError() {
+CWmError lastError() {
   const char* const text = dlerror();  // NOLINT(concurrency-mt-unsafe): per thread in this system's C library
-  return text == nullptr ? "unknown error" : text;
+  return {kLqErrLibrary, text == nullptr ? "unknown error" : text};
 }
 
 }  // namespace

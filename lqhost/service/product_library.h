@@ -1,8 +1,7 @@
 // The product library as a host sees it: loaded at run time, its task callbacks found by their plain names.
 #pragma once
 
-#include <string>
-
+#include "lqregistry/CWmError.h"
 #include "lqregistry/LqPeriodicTaskStatus.h"
 
 namespace host {
@@ -17,7 +16,7 @@ class ProductLibrary {
   ProductLibrary(const ProductLibrary&) = delete;
   ProductLibrary& operator=(const ProductLibrary&) = delete;
 
-  const std::string& error() const { return error_; }
+  const CWmError& error() const { return error_; }
 
   // The function of that plain name; null, with error() set, when the library has none.
   void* find(const char* name);
@@ -25,7 +24,7 @@ class ProductLibrary {
 
  private:
   void* handle_ = nullptr;
-  std::string error_;
+  CWmError error_;
 };
 
 }  // namespace host

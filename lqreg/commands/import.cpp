@@ -45,11 +45,15 @@ class Import {
  public:
   Import(LQPlatformInfo& registry, const OBGui::KeyList& records) : registry_(registry), records_(records) {}
 
-  // Whether every record can be written. On a false, `record` is the one that cannot and `error` says why.
-  [[nodiscard]] bool check(std::size_t& record, std::string& error) {
-    for (record = 0; record < records_.size(); ++record)
-      if (!isSkipped(records_[record]) && !isWritable(records_[record], error)) return false;
-    return true;
+  // Whether every record can be written; the error names the first that cannot.
+  CWmError check() {
+    for (std::size_t i = 0; i < records_.size(); ++i) {
+      if (isSkipped(records_[i])) continue;
+      const CWmError error = checkRecord(records_[i]);
+      if (error.IsError())
+        return {error.GetCode(), "record " + std::to_string(i + 1) + ": " + error.AsString()};
+    }
+    return {};
   }
 
   // Writes the records; false at the first that fails, for which the registry object has the error.
@@ -95,22 +99,16 @@ class Import {
     }
   }
 
-  bool isWritable(const OBGui::RegistryKeyInfo& record, std::string& error) {
+  CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
     const bool isProtected = record.valueType.get() == ENCRYPTEDTYPE;
     const std::string data = dataOf(record);
-    if (record.valueName->empty()) {
-      error = "the name is empty";
-    } else if (isProtected && record.encryptedValue->isUnreadable()) {
-      error = "the value was not protected with this machine's key";
-    } else if (isProtected && data.empty() && !record.encryptedValue->empty()) {
-      pstring::CheckKey(error);
-      error = "the value cannot be protected: " + error;
-    } else if (find(record, data) == Found::kRefused) {
-      error = registry_.getRegErrorText();
-    } else {
-      return true;
-    }
-    return false;
+    if (record.valueName->empty()) return {kLqErrFile, "the name is empty"};
+    if (isProtected && record.encryptedValue->isUnreadable())
+      return {kLqErrFile, "the value was not protected with this machine's key"};
+    if (isProtected && data.empty() && !record.encryptedValue->empty())
+      return {kLqErrFile, std::string("the value cannot be protected: ") + pstring::CheckKey().AsString()};
+    if (find(record, data) == Found::kRefused) return {kLqErrFile, registry_.getRegErrorText()};
+    return {};
   }
 
   bool write(const OBGui::RegistryKeyInfo& record) {
@@ -140,26 +138,25 @@ class Import {
   const bool isOnTerminal_ = isatty(STDERR_FILENO) != 0;
 };
 
-bool readBatch(const std::string& file, OBGui::RegistryTaskResp& batch, std::string& error) {
+CWmError readBatch(const std::string& file, OBGui::RegistryTaskResp& batch) {
   std::string text;
-  error = FXFile::ReadContents(file, text).AsString();
+  if (CWmError error = FXFile::ReadContents(file, text); error.IsError()) return error;
   OBGui::RegisterSubsystem();
-  if (error.empty() && batch.unserialize(text, &error) != 0) error = file + ": " + error;
-  return error.empty();
+  std::string why;
+  if (batch.unserialize(text, &why) != 0) return {kLqErrBadMessage, file + ": " + why};
+  return {};
 }
 
 // What the batch does not name stays as it is.
 int importFrom(LQPlatformInfo& registry, const std::string& file) {
   if (!hasInstance(registry)) return kExitUsage;
   OBGui::RegistryTaskResp batch;
-  std::string error;
-  if (!readBatch(file, batch, error)) return complain(kExitFile, error + "; nothing was written");
+  if (const CWmError error = readBatch(file, batch); error.IsError())
+    return complain(kExitFile, std::string(error.AsString()) + "; nothing was written");
   Import import(registry, batch.keys);
-  std::size_t record = 0;
-  if (!import.check(record, error)) {
+  if (const CWmError error = import.check(); error.IsError()) {
     if (registry.getRegError() == kRegUnavailable) return refused(registry, kInstanceRoot);
-    return complain(kExitFile,
-                    file + ": record " + std::to_string(record + 1) + ": " + error + "; nothing was written");
+    return complain(kExitFile, file + ": " + error.AsString() + "; nothing was written");
   }
   lqregistry::WriteBatch transaction;
   const int exitCode = import.write() ? kExitDone : refused(registry, kInstanceRoot);

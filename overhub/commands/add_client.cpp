@@ -1,9 +1,7 @@
 // `overhub add-client`: registers a client: id, session key, join file, last its file, which makes it known.
-#include <limits>
 #include <memory>
 #include <optional>
 
-#include "lqregistry/LQClient.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/join_hand_over.h"
 #include "overhub/commands/reporting.h"
@@ -16,27 +14,6 @@ struct AddClient {
   std::optional<std::int64_t> id;  // otherwise the highest handed out plus 1
   JoinHandOver handOver;
 };
-
-// Chooses the id: the wanted one if it is free, otherwise the next. A wanted one may fill a gap.
-int chooseId(ClientIds& ids, const AddClient& wanted, std::int64_t& id) {
-  std::string skipped;
-  const CWmError error = ids.load(skipped);
-  if (error.IsError()) return dataUnusable(error);
-  if (!skipped.empty()) warn("not counted among the ids in use, since it cannot be read: " + skipped);
-  if (!wanted.id) {
-    if (ids.highest() == std::numeric_limits<std::int64_t>::max())
-      return complain(kExitRefused, "the highest id is in use; choose a free one with --id");
-    id = ids.highest() + 1;
-    return kExitOk;
-  }
-  id = *wanted.id;
-  if (static_cast<std::uint64_t>(id) == kServerClientId)
-    return complain(kExitRefused, "the id " + std::to_string(id) + " is the management server's own");
-  const std::string owner = ids.owner(id);
-  if (!owner.empty())
-    return complain(kExitRefused, "client " + owner + " has the id " + std::to_string(id) + " already");
-  return kExitOk;
-}
 
 // Takes the id for the client and writes what makes it one.
 CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::JoinFile& join,
@@ -61,7 +38,7 @@ int addClient(const DataStore& store, const AddClient& wanted) {
   if (const int exitCode = wanted.handOver.begin(wanted.name, join); exitCode != kExitOk) return exitCode;
 
   CWmError error = store.prepare();
-  file_access::Lock lock;
+  programs::FileLock lock;
   if (!error.IsError()) error = store.lockForChange(lock);
   if (error.IsError()) return dataUnusable(error);
   if (store.hasClient(wanted.name)) {
@@ -70,7 +47,12 @@ int addClient(const DataStore& store, const AddClient& wanted) {
                                       "renew-client");
   }
   ClientIds ids(store);
-  if (const int exitCode = chooseId(ids, wanted, join.clientId); exitCode != kExitOk) return exitCode;
+  std::string skipped;
+  error = ids.load(skipped);
+  if (error.IsError()) return dataUnusable(error);
+  if (!skipped.empty()) warn("not counted among the ids in use, since it cannot be read: " + skipped);
+  error = ids.choose(wanted.id, join.clientId);
+  if (error.IsError()) return complain(kExitRefused, error.AsString());
   error = writeClient(store, ids, join, wanted.handOver);
   if (error.IsError()) return dataUnusable(error);
   wanted.handOver.printNextSteps(store, join);

@@ -10,7 +10,7 @@ int readBatch(const DataStore& store, const std::string& client, OBGui::Registry
 
 int editBatch(const DataStore& store, const std::string& client,
               const std::function<int(OBGui::KeyList&)>& edit) {
-  file_access::Lock lock;
+  programs::FileLock lock;
   CWmError error = store.lockForChange(lock);
   if (error.IsError()) return dataUnusable(error);
   OBGui::RegistryTaskResp batch;

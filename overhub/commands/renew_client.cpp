@@ -14,7 +14,7 @@ int renewClient(const DataStore& store, const std::string& client, const JoinHan
   programs::JoinFile join;
   if (const int exitCode = handOver.begin(client, join); exitCode != kExitOk) return exitCode;
 
-  file_access::Lock lock;
+  programs::FileLock lock;
   OBGui::RegistryTaskResp batch;
   CWmError error = store.lockForChange(lock);
   if (!error.IsError()) error = store.readBatch(client, batch);

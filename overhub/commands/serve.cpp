@@ -36,17 +36,17 @@ std::string placeText(const std::string& address, std::uint16_t port) {
 }
 
 // Takes the directory for this process; an exit code.
-[[nodiscard]] int takeDirectory(const DataStore& store, file_access::Lock& lock) {
-  CWmError error = store.prepare();
-  bool taken = false;
-  if (!error.IsError()) error = lock.tryAcquire(store.serveLockFile(), taken);
-  if (!error.IsError() && !taken) {
+[[nodiscard]] int takeDirectory(const DataStore& store, programs::FileLock& lock) {
+  if (const CWmError error = store.prepare(); error.IsError()) return dataUnusable(error);
+  lock = programs::FileLock::tryFor(store.serveLockFile());
+  if (lock.isHeldElsewhere()) {
     std::string holder;
     // Who it is only helps; without it the refusal stands just the same.
     static_cast<void>(file_access::readWhole(store.serveLockFile(), holder));
     return complain(kExitRefused, "another overhub (process " + holder + ") serves " + store.directory() +
                                       " already; stop it first, or name another directory with --data");
   }
+  CWmError error = lock.error();
   if (!error.IsError()) error = lock.write(std::to_string(::getpid()));
   return error.IsError() ? dataUnusable(error) : kExitOk;
 }
@@ -97,7 +97,7 @@ int serve(const DataStore& store, const Serve& options) {
   const programs::StopSignals stopSignals;
   programs::raiseDescriptorLimit();
 
-  file_access::Lock lock;
+  programs::FileLock lock;
   if (const int exitCode = takeDirectory(store, lock); exitCode != kExitOk) return exitCode;
   Server server(store);
   std::string places;

@@ -36,11 +36,15 @@ struct Set {
   std::string until;      // seconds since the epoch, or +SECONDS from now; empty: none
 };
 
+CWmError misused(std::string why) {
+  return {kLqErrArgument, std::move(why)};
+}
+
 // A longer secret is a mistake, such as the wrong file.
 constexpr std::size_t kMaxSecret = 64U << 10;
 
-// Standard input up to its end, without the newline that a shell puts there. Empty, or why there is none.
-std::string readSecret(std::optional<pstring>& secret) {
+// Standard input up to its end, without the newline that a shell puts there.
+CWmError readSecret(std::optional<pstring>& secret) {
   std::array<char, kMaxSecret + 1> buffer{};
   std::size_t size = 0;
   ssize_t got = 0;
@@ -52,11 +56,10 @@ std::string readSecret(std::optional<pstring>& secret) {
   const bool isUsable = isWhole && !text.empty() && text.find('\0') == std::string_view::npos;
   if (isUsable) secret = pstring(text);
   explicit_bzero(buffer.data(), buffer.size());
-  return isUsable ? "" : "--secret needs 1 to 65536 bytes without NUL on standard input";
+  return isUsable ? CWmError() : misused("--secret needs 1 to 65536 bytes without NUL on standard input");
 }
 
-// Empty, or why the text is no point in time.
-std::string readTime(const std::string& text, std::optional<std::int64_t>& time) {
+CWmError readTime(const std::string& text, std::optional<std::int64_t>& time) {
   const bool isRelative = text.starts_with('+');
   const char* const begin = text.data() + (isRelative ? 1 : 0);
   const char* const end = text.data() + text.size();
@@ -65,32 +68,36 @@ std::string readTime(const std::string& text, std::optional<std::int64_t>& time)
   const std::int64_t start = isRelative ? static_cast<std::int64_t>(std::time(nullptr)) : 0;
   std::int64_t sum = 0;
   if (fault != std::errc() || stop != end || seconds < 0 || __builtin_add_overflow(start, seconds, &sum))
-    return "--until takes seconds since the epoch, or +SECONDS from now; \"" + text + "\" is neither";
+    return misused("--until takes seconds since the epoch, or +SECONDS from now; \"" + text +
+                   "\" is neither");
   time = sum;
   return {};
 }
 
-// Empty, or what does not go together.
-std::string checkCombination(const Set& wanted) {
+// What does not go together is an error.
+CWmError checkCombination(const Set& wanted) {
   const RecordChange& change = wanted.change;
   if (wanted.isSecret && change.value)
-    return "--secret takes the value from standard input, not from the command line";
+    return misused("--secret takes the value from standard input, not from the command line");
   if (!wanted.isSecret && strcasecmp(change.type.c_str(), ENCRYPTEDTYPE) == 0)
-    return "a protected value is set with --secret, which sets its type too";
-  if (change.type.empty()) return "--type takes a word";
+    return misused("a protected value is set with --secret, which sets its type too");
+  if (change.type.empty()) return misused("--type takes a word");
   const bool needsValue = !wanted.isSecret && !change.isRemoval && change.type != KEYTYPE;
-  if (needsValue && !change.value)
-    return "VALUE is missing (for an empty value write \"\"; none is needed with --delete, --secret or "
-           "--type KEY)";
+  if (needsValue && !change.value) {
+    return misused(
+        "VALUE is missing (for an empty value write \"\"; none is needed with --delete, --secret or "
+        "--type KEY)");
+  }
   return {};
 }
 
 int set(const DataStore& store, const Set& wanted) {
   RecordChange change = wanted.change;  // and the secret no longer than that
-  std::string error = checkCombination(wanted);
-  if (error.empty() && !wanted.until.empty()) error = readTime(wanted.until, change.until);
-  if (error.empty() && wanted.isSecret) error = readSecret(change.secret);
-  if (!error.empty()) return complain(kExitUsage, error + "; see \"overhub set --help\"");
+  CWmError error = checkCombination(wanted);
+  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, change.until);
+  if (!error.IsError() && wanted.isSecret) error = readSecret(change.secret);
+  if (error.IsError())
+    return complain(kExitUsage, std::string(error.AsString()) + "; see \"overhub set --help\"");
   if (change.name.empty() || change.name.size() > lqregistry::kMaxNameBytes ||
       change.path.size() > lqregistry::kMaxPathBytes) {
     return complain(kExitUsage, "a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +

@@ -1,6 +1,5 @@
 #include "overhub/server/server.h"
 
-#include <chrono>
 #include <exception>
 #include <string>
 #include <utility>
@@ -41,21 +40,21 @@ CWmError Server::start() {
   }
 }
 
-bool Server::awaitThreads(int seconds) {
+bool Server::awaitThreads(std::chrono::milliseconds wait) {
   std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return running_ == 0; });
+  return changed_.wait_for(lock, wait, [this] { return running_ == 0; });
 }
 
-std::size_t Server::stop(std::size_t& cutOff) {
+std::size_t Server::stop(std::size_t& cutOff, std::chrono::milliseconds wait) {
   cutOff = 0;
   for (const auto& listener : listeners_) listener->turnAway();
-  if (!awaitThreads(kStopSeconds)) {
+  if (!awaitThreads(wait)) {
     for (const auto& listener : listeners_) {
       cutOff += listener->census().attached;
       listener->stop();
     }
     CLqNetwork::InterruptAll();
-    if (!awaitThreads(kLastSeconds)) {
+    if (!awaitThreads(kLastWait)) {
       const std::lock_guard lock(mutex_);
       return running_;
     }

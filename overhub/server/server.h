@@ -5,6 +5,7 @@
 // clients there are.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -20,9 +21,9 @@
 // A client that leaves its reply unread holds one for kReplySeconds; hence more than there are processors.
 inline constexpr std::size_t kThreadsPerPort = 32;
 // How long sessions may go on once the server is asked to stop.
-inline constexpr int kStopSeconds = 5;
+inline constexpr std::chrono::milliseconds kStopWait{5000};
 // And how long what is under way then has to end, without its network.
-inline constexpr int kLastSeconds = 1;
+inline constexpr std::chrono::milliseconds kLastWait{1000};
 
 class Server {
  public:
@@ -36,16 +37,16 @@ class Server {
   // When the system gives too few threads, none is left running.
   CWmError start();
 
-  // Turns new callers away and waits for the sessions, at most kStopSeconds; then ends every wait of the
+  // Turns new callers away and waits for the sessions, at most for `wait`; then ends every wait of the
   // process for the network. Returns how many requests are still worked on; unless it is 0 the object must
   // not be destroyed, only the process ended. `cutOff` gets the number of attached sessions that it did not
   // wait for.
-  std::size_t stop(std::size_t& cutOff);
+  std::size_t stop(std::size_t& cutOff, std::chrono::milliseconds wait = kStopWait);
 
  private:
   void work(LqListener& listener);
   void serveOne(LqListener& listener, std::unique_ptr<CLqNetwork> session);
-  bool awaitThreads(int seconds);
+  bool awaitThreads(std::chrono::milliseconds wait);
 
   const DataStore& store_;
   std::vector<std::unique_ptr<LqListener>> listeners_;

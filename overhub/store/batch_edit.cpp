@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "records/expiry.h"
+
 namespace {
 
 OBGui::KeyList::iterator findRecord(OBGui::KeyList& keys, const std::string& path, const std::string& name) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
+#include <utility>
 
 #include "lqregistry/LQClient.h"
 
@@ -29,6 +31,10 @@ bool readId(const DataStore& store, const std::string& client, std::int64_t& id,
   return true;
 }
 
+CWmError refused(std::string why) {
+  return {kLqErrRequestRefused, std::move(why)};
+}
+
 }  // namespace
 
 CWmError ClientIds::load(std::string& skipped) {
@@ -38,6 +44,21 @@ CWmError ClientIds::load(std::string& skipped) {
   return rebuild(skipped);
 }
 
+CWmError ClientIds::choose(std::optional<std::int64_t> wanted, std::int64_t& id) const {
+  if (!wanted) {
+    if (highest_ == std::numeric_limits<std::int64_t>::max())
+      return refused("the highest id is in use; choose a free one with --id");
+    id = highest_ + 1;
+    return {};
+  }
+  id = *wanted;
+  if (id == kServerId) return refused("the id " + std::to_string(id) + " is the management server's own");
+  const std::string name = owner(id);
+  if (!name.empty()) return refused("client " + name + " has the id " + std::to_string(id) + " already");
+  return {};
+}
+
+// The client that has the id; empty when none has.
 std::string ClientIds::owner(std::int64_t id) const {
   const std::string name = firstLine(store_.idFile(std::to_string(id)));
   if (!store_.hasClient(name)) return {};

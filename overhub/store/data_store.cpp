@@ -54,7 +54,7 @@ CWmError DataStore::prepare() const {
 }
 
 CWmError DataStore::makeKey() const {
-  file_access::Lock lock;
+  programs::FileLock lock;
   CWmError error = lockForChange(lock);
   if (error.IsError() || isStore() || file_access::exists(secretKeyFile())) return error;
   return pstring::CreateKeyFile(secretKeyFile());
@@ -179,6 +179,7 @@ CWmError DataStore::recordAddress(const std::string& client, const std::string& 
   return file_access::replace(file, address + '\n');
 }
 
-CWmError DataStore::lockForChange(file_access::Lock& lock) const {
-  return lock.acquire(directory_ + "/change.lock");
+CWmError DataStore::lockForChange(programs::FileLock& lock) const {
+  lock = programs::FileLock::waitFor(directory_ + "/change.lock");
+  return lock.error();
 }

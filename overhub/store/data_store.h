@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "common/file_lock.h"
 #include "lqregistry/CWmError.h"
 #include "lqregistry/OBGui.h"
 #include "overhub/store/file_access.h"
@@ -76,7 +77,7 @@ class DataStore {
   CWmError writeSessionKey(const std::string& client, const std::string& hex) const;
 
   // Taken for every change of a file that is made from what the file held before.
-  CWmError lockForChange(file_access::Lock& lock) const;
+  CWmError lockForChange(programs::FileLock& lock) const;
 
  private:
   bool isStore() const;

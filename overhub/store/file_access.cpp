@@ -1,7 +1,6 @@
 #include "overhub/store/file_access.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,34 +83,6 @@ CWmError makeDirectory(const std::string& path) {
   std::filesystem::create_directories(directoryOf(path), fault);
   if (::mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) return failed(path);
   return {};
-}
-
-CWmError Lock::open(const std::string& path) {
-  path_ = path;
-  handle_.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
-  return handle_.isValid() ? CWmError() : failed(path);
-}
-
-CWmError Lock::acquire(const std::string& path) {
-  CWmError error = open(path);
-  if (error.IsError()) return error;
-  while (::flock(handle_.get(), LOCK_EX) != 0)
-    if (errno != EINTR) return failed(path);
-  return {};
-}
-
-CWmError Lock::tryAcquire(const std::string& path, bool& acquired) {
-  acquired = false;
-  CWmError error = open(path);
-  if (error.IsError()) return error;
-  acquired = ::flock(handle_.get(), LOCK_EX | LOCK_NB) == 0;
-  return acquired || errno == EWOULDBLOCK ? CWmError() : failed(path);
-}
-
-CWmError Lock::write(const std::string& text) const {
-  std::uint64_t written = 0;
-  if (::ftruncate(handle_.get(), 0) != 0) return failed(path_);
-  return FXFile::LQWriteFile(handle_, text.data(), text.size(), written);
 }
 
 }  // namespace file_access

@@ -1,4 +1,4 @@
-// Files of the data directory: read whole, replaced at once, appended to by lines, and locked.
+// Files of the data directory: read whole, replaced at once, and appended to by lines.
 //
 // Stateless, any thread. Every fault is a CWmError that names the file.
 #pragma once
@@ -45,23 +45,5 @@ CWmError appendLine(const std::string& path, const std::string& line);
 
 // Makes a directory of mode 0700, and its parents, exist.
 CWmError makeDirectory(const std::string& path);
-
-// An exclusive lock on a file, created if need be, held as long as the object lives. It counts between
-// processes and goes with the process that held it.
-class Lock {
- public:
-  // Waits for its turn.
-  CWmError acquire(const std::string& path);
-  // Does not wait: `acquired` tells whether the lock is held now.
-  CWmError tryAcquire(const std::string& path, bool& acquired);
-  // Makes `text` the lock file's contents, for whoever wants to know who holds it.
-  CWmError write(const std::string& text) const;
-
- private:
-  CWmError open(const std::string& path);
-
-  std::string path_;
-  auto_handle handle_;
-};
 
 }  // namespace file_access

@@ -176,17 +176,18 @@ class Reader {
   std::string error_;
 };
 
-// The document's one element, or an empty node with the reason. The document lies in the text from now on.
-pugi::xml_node parseRoot(std::string& text, pugi::xml_document& document, std::string& error) {
+CWmError badMessage(std::string why) {
+  return {kLqErrBadMessage, std::move(why)};
+}
+
+// An error unless the document has an element. The document lies in the text from now on.
+CWmError parseDocument(std::string& text, pugi::xml_document& document) {
   const pugi::xml_parse_result parsed = document.load_buffer_inplace(
       text.data(), text.size(), pugi::parse_escapes | pugi::parse_eol | pugi::parse_doctype,
       pugi::encoding_utf8);
-  if (!parsed) {
-    error = std::string("broken XML at byte ") + std::to_string(parsed.offset) + ": " + parsed.description();
-    return {};
-  }
-  if (!document.document_element()) error = "no element in the text";
-  return document.document_element();
+  if (!parsed)
+    return badMessage("broken XML at byte " + std::to_string(parsed.offset) + ": " + parsed.description());
+  return document.document_element() ? CWmError() : badMessage("no element in the text");
 }
 
 bool equalField(const CNMessageBase& a, const CNMessageBase& b, const FieldInfo& info) {
@@ -212,19 +213,14 @@ bool equalField(const CNMessageBase& a, const CNMessageBase& b, const FieldInfo&
   return true;
 }
 
-CWmError badMessage(std::string why) {
-  return {kLqErrBadMessage, std::move(why)};
-}
-
 // Uses the text up.
 CWmError readMessage(std::string& text, Reader& reader, std::unique_ptr<CNMessageBase>& message) {
   message.reset();
   try {
     if (!reader.take(treeBytes(text), "its elements")) return badMessage(reader.error());
     pugi::xml_document document;
-    std::string error;
-    const pugi::xml_node root = parseRoot(text, document, error);
-    if (!root) return badMessage(error);
+    if (CWmError error = parseDocument(text, document); error.IsError()) return error;
+    const pugi::xml_node root = document.document_element();
     MessageFactory factory = nullptr;
     {
       ClassTable& table = classTable();

@@ -33,15 +33,12 @@ std::string_view instanceOf(const std::string& focus) {
 
 // The absolute path of a key as seen by an object with this focus.
 Outcome locate(const std::string& key, const std::string& focus, std::string& path) {
-  std::string reason;
-  if (!lqregistry::ResolvePath(key, instanceOf(focus), path, reason)) return badName(std::move(reason));
-  return {};
+  return lqregistry::ResolvePath(key, instanceOf(focus), path);
 }
 
 Outcome locate(const std::string& key, const std::string& name, const std::string& focus, std::string& path) {
-  std::string reason;
-  if (!lqregistry::CheckValueName(name, reason)) return badName(std::move(reason));
-  return locate(key, focus, path);
+  Outcome outcome = lqregistry::CheckValueName(name);
+  return outcome.ok() ? locate(key, focus, path) : outcome;
 }
 
 // Reason, file, key and value in one text; empty for a success.

@@ -3,6 +3,9 @@
 // A thread first enters itself into the table, waiting for the thread that is there; then it locks the file,
 // each time through a descriptor of its own. The file is never removed: a lock on a removed file would
 // exclude nobody.
+//
+// The lock is flock's, as wherever this floor locks a file. The programs' (common/file_lock.h) is of the kind
+// that the kernel can be asked about, which nobody does here: the file's text says who holds it.
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/UtcText.h"
 
@@ -19,6 +22,7 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQPlatformInfo.h"
@@ -92,6 +96,10 @@ std::string heldBy(const std::string& path, const std::string& holder) {
          std::to_string(waitInForce.load().count()) + " ms";
 }
 
+CWmError refused(std::string why) {
+  return {kLqErrFile, std::move(why)};
+}
+
 }  // namespace
 
 struct LqPassLock::Hold {
@@ -113,46 +121,38 @@ struct LqPassLock::Hold {
     table().changed.notify_all();
   }
 
-  // Enters this thread into the table; null with the reason when another one stays there.
-  static std::unique_ptr<Hold> ofThread(const std::string& path, const std::string& note,
-                                        Clock::time_point end, std::string& reason) {
+  // Enters this thread into the table, which gives a hold; an error when another one stays there.
+  static CWmError enterThread(const std::string& path, const std::string& note, Clock::time_point end,
+                              std::unique_ptr<Hold>& hold) {
     std::unique_lock lock(table().mutex);
     auto& holders = table().holders;
     const auto known = holders.find(path);
     if (known != holders.end() && known->second.thread == std::this_thread::get_id()) {
-      reason = "this thread holds the lock " + path + " already: " + known->second.note;
-      return nullptr;
+      return refused("this thread holds the lock " + path + " already: " + known->second.note);
     }
-    if (!table().changed.wait_until(lock, end, [&] { return !holders.contains(path); })) {
-      reason = heldBy(path, holders[path].note);
-      return nullptr;
-    }
+    if (!table().changed.wait_until(lock, end, [&] { return !holders.contains(path); }))
+      return refused(heldBy(path, holders[path].note));
     holders[path] = {std::this_thread::get_id(), note};
-    return std::make_unique<Hold>(path);
+    hold = std::make_unique<Hold>(path);
+    return {};
   }
 
-  // Locks the file; false with the reason when another process keeps it or it cannot be had.
-  bool lockFile(const std::string& note, Clock::time_point end, std::string& reason) {
+  // Locks the file; an error when another process keeps it or it cannot be had.
+  CWmError lockFile(const std::string& note, Clock::time_point end) {
     auto_handle opened(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (!opened.isValid()) {
-      if (isReadOnlyPlace(path, errno)) return true;
-      reason = "the lock " + path + " cannot be made: " + systemText(errno);
-      return false;
+      if (isReadOnlyPlace(path, errno)) return {};
+      return refused("the lock " + path + " cannot be made: " + systemText(errno));
     }
     while (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK && errno != EINTR) {
-        reason = "the lock " + path + " cannot be taken: " + systemText(errno);
-        return false;
-      }
-      if (Clock::now() >= end) {
-        reason = heldBy(path, readNote(opened.get()));
-        return false;
-      }
+      if (errno != EWOULDBLOCK && errno != EINTR)
+        return refused("the lock " + path + " cannot be taken: " + systemText(errno));
+      if (Clock::now() >= end) return refused(heldBy(path, readNote(opened.get())));
       std::this_thread::sleep_for(kPoll);
     }
     file = std::move(opened);
     writeNote(file.get(), note);
-    return true;
+    return {};
   }
 };
 
@@ -165,8 +165,10 @@ LqPassLock::LqPassLock(const std::string& task) {
   }
   const std::string note = noteOf(task);
   const auto end = Clock::now() + waitInForce.load();
-  hold_ = Hold::ofThread(path, note, end, reason_);
-  if (hold_ && !hold_->lockFile(note, end, reason_)) hold_.reset();
+  CWmError error = Hold::enterThread(path, note, end, hold_);
+  if (hold_) error = hold_->lockFile(note, end);
+  if (error.IsError()) hold_.reset();
+  reason_ = error.AsString();
 }
 
 LqPassLock::~LqPassLock() = default;

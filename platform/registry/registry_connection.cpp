@@ -208,11 +208,9 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
 
 Outcome Connection::openCopy(const std::string& path) {
   close();
-  std::string reason;
-  if (!copyIntoMemory(path, database_, stamp_, reason))
-    return unavailable("it lies where nothing can be written, and a copy to read failed: " + reason);
-  isCopy_ = true;
-  return {};
+  Outcome outcome = copyIntoMemory(path, database_, stamp_);
+  if (outcome.ok()) isCopy_ = true;
+  return outcome;
 }
 
 int Connection::firstRow(const char* sql, std::string& text) {

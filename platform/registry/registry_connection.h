@@ -13,20 +13,10 @@
 #include <string>
 #include <string_view>
 
-#include "lqregistry/LQPlatformInfo.h"
+#include "platform/registry/outcome.h"
 #include "platform/registry/registry_copy.h"
 
 namespace lqregistry {
-
-// What an operation came to: a kReg code and, unless it is kRegOk, the reason in words (without file, key and
-// value, which the caller adds).
-struct [[nodiscard]] Outcome {
-  int code = kRegOk;
-  std::string reason;
-  bool locked = false;  // kRegUnavailable because another process held its lock for too long
-
-  bool ok() const { return code == kRegOk; }
-};
 
 enum class Access { kReading, kWriting };
 

@@ -79,6 +79,10 @@ int readIntoMemory(const std::string& copy, sqlite3*& database) {
   return result;
 }
 
+Outcome notCopied(const std::string& why) {
+  return {kRegUnavailable, "it lies where nothing can be written, and a copy to read failed: " + why};
+}
+
 }  // namespace
 
 FileStamp stampOf(const std::string& path) {
@@ -91,22 +95,19 @@ FileStamp stampOf(const std::string& path) {
   return stamp;
 }
 
-bool copyIntoMemory(const std::string& path, sqlite3*& database, FileStamp& stamp, std::string& reason) {
+Outcome copyIntoMemory(const std::string& path, sqlite3*& database, FileStamp& stamp) {
   const PrivateFolder folder;
-  reason = folder.reason();
-  if (!reason.empty()) return false;
+  if (!folder.reason().empty()) return notCopied(folder.reason());
   const std::string copy = (folder.path() / kCopyName).string();
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     std::error_code error;
     if (copyParts(path, copy, stamp, error)) {
       const int result = readIntoMemory(copy, database);
-      if (result != SQLITE_OK) reason = sqlite3_errstr(result);
-      return result == SQLITE_OK;
+      return result == SQLITE_OK ? Outcome{} : notCopied(sqlite3_errstr(result));
     }
-    reason = error ? copy + ": " + error.message() : "it is being written to";
-    if (error) return false;
+    if (error) return notCopied(copy + ": " + error.message());
   }
-  return false;
+  return notCopied("it is being written to");
 }
 
 }  // namespace lqregistry

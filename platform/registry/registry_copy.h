@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/registry/outcome.h"
+
 namespace lqregistry {
 
 // What changes when a registry file or its log is written or replaced.
@@ -31,8 +33,8 @@ struct FileStamp {
 FileStamp stampOf(const std::string& path);
 
 // Opens `database` in memory with what the registry at `path` holds, log included; `stamp` is the file's. The
-// caller closes it. False with a reason when there is no room for the copy or the file is being written. The
+// caller closes it. kRegUnavailable when there is no room for the copy or the file is being written. The
 // temporary folder (mode 0700, in TMPDIR or /tmp) is gone when this returns.
-bool copyIntoMemory(const std::string& path, sqlite3*& database, FileStamp& stamp, std::string& reason);
+Outcome copyIntoMemory(const std::string& path, sqlite3*& database, FileStamp& stamp);
 
 }  // namespace lqregistry

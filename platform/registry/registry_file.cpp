@@ -19,10 +19,9 @@ void UseWriteWait(std::chrono::milliseconds wait) {
   RegistryStore::get().useWriteWait(wait);
 }
 
-bool Check(std::string& reason) {
-  Outcome outcome = RegistryStore::get().check();
-  if (!outcome.ok()) reason = File() + ": " + outcome.reason;
-  return outcome.ok();
+CWmError Check() {
+  const Outcome outcome = RegistryStore::get().check();
+  return outcome.ok() ? CWmError() : CWmError(kLqErrFile, File() + ": " + outcome.reason);
 }
 
 bool IsInBatch() {

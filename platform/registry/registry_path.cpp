@@ -26,50 +26,39 @@ void appendComponents(std::string_view components, std::string& path) {
   }
 }
 
+Outcome badName(std::string reason) {
+  return {kRegBadName, std::move(reason)};
+}
+
 std::string instanceRoot(std::string_view instance) {
   return std::string(kInstancesKey) + kSeparator + std::string(instance);
 }
 
 }  // namespace
 
-bool ResolvePath(std::string_view key, std::string_view instance, std::string& path, std::string& reason) {
-  if (key.find('\0') != std::string_view::npos) {
-    reason = "the key path holds a NUL byte";
-    return false;
-  }
+Outcome ResolvePath(std::string_view key, std::string_view instance, std::string& path) {
+  if (key.find('\0') != std::string_view::npos) return badName("the key path holds a NUL byte");
   std::string resolved;
   if (!key.starts_with(kAbsoluteRoot)) {
-    if (instance.empty()) {
-      reason = "the key path is relative and no instance is in focus";
-      return false;
-    }
-    if (instance.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos) {
-      reason = "the instance name holds a \"/\" or a NUL byte";
-      return false;
-    }
+    if (instance.empty()) return badName("the key path is relative and no instance is in focus");
+    if (instance.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos)
+      return badName("the instance name holds a \"/\" or a NUL byte");
     resolved = instanceRoot(instance);
     if (key.starts_with(kInstanceRoot)) key.remove_prefix(1);
   }
   appendComponents(key, resolved);
-  if (resolved.size() > kMaxPathBytes) {
-    reason = "the key path is longer than " + std::to_string(kMaxPathBytes) + " bytes";
-    return false;
-  }
+  if (resolved.size() > kMaxPathBytes)
+    return badName("the key path is longer than " + std::to_string(kMaxPathBytes) + " bytes");
   path = std::move(resolved);
-  return true;
+  return {};
 }
 
-bool CheckValueName(std::string_view name, std::string& reason) {
-  if (name.empty()) {
-    reason = "the value name is empty";
-  } else if (name.size() > kMaxNameBytes) {
-    reason = "the value name is longer than " + std::to_string(kMaxNameBytes) + " bytes";
-  } else if (name.find('\0') != std::string_view::npos) {
-    reason = "the value name holds a NUL byte";
-  } else {
-    return true;
-  }
-  return false;
+Outcome CheckValueName(std::string_view name) {
+  if (name.empty()) return badName("the value name is empty");
+  if (name.size() > kMaxNameBytes)
+    return badName("the value name is longer than " + std::to_string(kMaxNameBytes) + " bytes");
+  if (name.find('\0') != std::string_view::npos) return badName("the value name holds a NUL byte");
+  return {};
 }
 
 bool HoldsInstance(std::string_view path) {

@@ -6,15 +6,17 @@
 #include <string>
 #include <string_view>
 
+#include "platform/registry/outcome.h"
+
 namespace lqregistry {
 
 // Resolves `key` as seen from `instance` (may be empty) into `path`: components joined by "/", none empty.
-// False, with a `reason` for people, when the path holds a NUL or is too long, or needs an instance and none
+// kRegBadName, with `path` unchanged, when the path holds a NUL or is too long, or needs an instance and none
 // is given.
-bool ResolvePath(std::string_view key, std::string_view instance, std::string& path, std::string& reason);
+Outcome ResolvePath(std::string_view key, std::string_view instance, std::string& path);
 
-// False with a reason when a value cannot have this name.
-bool CheckValueName(std::string_view name, std::string& reason);
+// kRegBadName when a value cannot have this name.
+Outcome CheckValueName(std::string_view name);
 
 // True for the root of `instance` and for the keys above every instance's root.
 bool HoldsInstance(std::string_view path);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 #include "lqregistry/ObDebug.h"
 #include "platform/secret/protection_key.h"
 
@@ -18,7 +19,6 @@ namespace lqregistry {
 
 namespace {
 
-constexpr const char* kFileVariable = "VELMOR_REGISTRY";
 constexpr std::int64_t kNoParent = 0;
 // How long a statement that only reads waits for another process, which the log mode makes rare: while a
 // registry is being created, or recovered after a crash.
@@ -102,7 +102,8 @@ std::string RegistryStore::file() {
 
 const std::string& RegistryStore::pathInForce() {
   if (path_.empty()) {
-    const char* variable = std::getenv(kFileVariable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
+    const char* variable =
+        std::getenv(lqsettings::kFileVariable);  // NOLINT(concurrency-mt-unsafe): nobody sets it
     path_ = absolutePath(variable != nullptr && *variable != '\0' ? variable : kDefaultFile);
   }
   return path_;

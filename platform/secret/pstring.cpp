@@ -156,8 +156,6 @@ CWmError pstring::CreateKeyFile(const std::string& path) {
   return error.IsError() ? error : lqsecret::placeKey(path);
 }
 
-bool pstring::CheckKey(std::string& reason) {
-  const CWmError error = lqsecret::checkKey();
-  reason = error.AsString();
-  return !error.IsError();
+CWmError pstring::CheckKey() {
+  return lqsecret::checkKey();
 }

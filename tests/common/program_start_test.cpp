@@ -51,8 +51,7 @@ TEST_F(ProgramStart, JoiningAsRootIsForTheUserThatTheInstallationBelongsTo) {
   fs::permissions(home_, fs::perms::owner_all);
   const uid_t user = giveAway(home_);
   clientRegistry_ = home_ + "/registry.db";
-  fs::permissions(dir_.path(), fs::perms::others_exec,
-                  fs::perm_options::add);  // so that nobody can get there
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0711), 0);  // so that nobody can get there
   const auto joined = lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1"});
   EXPECT_EQ(joined.exitCode, 0) << joined.err;
   for (const char* const made : {"/registry.db", "/registry.db.key", "/Base", "/Log_Files"})

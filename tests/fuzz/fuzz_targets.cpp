@@ -127,16 +127,15 @@ void caller(const std::string& bytes, bool isAttached) {
 
 void keyPath(const std::string& bytes) {
   std::string path;
-  std::string reason;
   programs::escapedForTerminal(bytes);
-  if (!lqregistry::ResolvePath(bytes, "Instance001", path, reason)) {
-    demand(!reason.empty() && path.empty(), "a refused path has a reason and no result");
+  if (const auto outcome = lqregistry::ResolvePath(bytes, "Instance001", path); !outcome.ok()) {
+    demand(!outcome.reason.empty() && path.empty(), "a refused path has a reason and no result");
     return;
   }
   demand(path.starts_with("SOFTWARE") && !path.ends_with('/') && path.find("//") == std::string::npos,
          "a resolved path is absolute and has no empty component");
   std::string again;
-  demand(lqregistry::ResolvePath(path, "Other", again, reason) && again == path,
+  demand(lqregistry::ResolvePath(path, "Other", again).ok() && again == path,
          "a resolved path resolves to itself");
 }
 
@@ -187,9 +186,8 @@ void joinFile(const std::string& bytes) {
   static const std::string path = folder / "fuzz.join";
   writeFile(path, bytes);
   programs::JoinFile read;
-  std::string error;
-  if (!programs::readJoinFile(path, read, error)) {
-    demand(!error.empty(), "a refused join file has a reason");
+  if (const CWmError error = programs::readJoinFile(path, read); error.IsError()) {
+    demand(*error.AsString() != '\0', "a refused join file has a reason");
     return;
   }
   std::string key;
@@ -198,7 +196,7 @@ void joinFile(const std::string& bytes) {
     if (!programs::fitsJoinFile(word)) return;
   writeFile(path, programs::joinFileText(read));
   programs::JoinFile again;
-  demand(programs::readJoinFile(path, again, error) &&
+  demand(!programs::readJoinFile(path, again).IsError() &&
              programs::joinFileText(again) == programs::joinFileText(read),
          "a join file that is written anew says the same");
 }

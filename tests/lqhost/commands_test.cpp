@@ -21,8 +21,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
     std::vector<std::string> arguments{"join", more.empty() ? bad : joinFile_, "--home", home_};
     arguments.insert(arguments.end(), more.begin(), more.end());
     const auto result = lqhost(arguments);
-    EXPECT_EQ(result.exitCode, exitCode) << reason;
-    EXPECT_TRUE(contains(result.err, reason)) << result.err;
+    expectErr(result, exitCode, {reason});
     EXPECT_FALSE(contains(result.err, sessionKey())) << "the key is nobody's business";
     EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), "(none)");
   };
@@ -56,8 +55,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
 TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
   for (const char* command : {"sync", "refresh", "upload", "status", "run"}) {
     const auto result = lqhost({command});
-    EXPECT_EQ(result.exitCode, 3) << command;
-    EXPECT_TRUE(contains(result.err, "lqhost join FILE")) << result.err;
+    expectErr(result, 3, {"lqhost join FILE"});
     EXPECT_EQ(result.out, "");
   }
   writeFile(clientRegistry_, std::string(5000, '#'));
@@ -91,9 +89,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
     setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
   const auto uploaded = lqhost({"upload"});
   expectOut(uploaded, 4, {"uploaded and kept"});
-  EXPECT_TRUE(contains(uploaded.err, "21 were left out") && contains(uploaded.err, "~Long s1: 10240 bytes") &&
-              contains(uploaded.err, "and 1 more"))
-      << uploaded.err;
+  expectErr(uploaded, 4, {"21 were left out", "~Long s1: 10240 bytes", "and 1 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   setValue("EventManager", "bEnableRegistrySync", "0");

@@ -2,6 +2,7 @@
 // both sides, and how it stops.
 #include <semaphore>
 
+#include "lqhost/commands/before_work.h"
 #include "tests/lqhost/host_fixture.h"
 #include "tests/support/product_fixture.h"
 
@@ -40,8 +41,8 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_EQ(pushed.exitCode, 0) << pushed.err;
   EXPECT_EQ(pushed.out, "applied\n");
   EXPECT_EQ(valueOf("Pushed", "sVALUE"), "at once");
-  EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n")
-      << "a key that may not be created remotely";
+  // A key that may not be created remotely.
+  EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n");
 
   const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
   expectOut(fetched, 1, {"sNONE   not there, or 1,024 bytes or more\nsVALUE  at once"});
@@ -131,6 +132,7 @@ TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
   EXPECT_TRUE(statusSays("applied and acknowledged"));
   EXPECT_EQ(lqhost({"status"}).exitCode, 0);
   EXPECT_EQ(server->stop(), 0);
+  EXPECT_EQ(lqhost({"sync"}).exitCode, 1);
   ASSERT_TRUE(host->waitForOutput(kPassFailed)) << host->output();
 
   // No pass repairs anything now, so drift stays until a refresh.
@@ -185,6 +187,8 @@ TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {
   const auto host = runHost();
   ASSERT_TRUE(asked.try_acquire_for(std::chrono::minutes(1))) << host->output();
   EXPECT_TRUE(contains(lqhost({"status"}).out, "callbacks     0 wait")) << "there is no module";
+  lqregistry::UseFile(clientRegistry_);
+  EXPECT_EQ(host::answerOfResident("nonsense").value_or(host::CommandResult()).exitCode, 2);
   EXPECT_EQ(host->stop(), 0);
   EXPECT_TRUE(contains(host->output(), kPassFailed)) << "the pass ended in order";
 }

@@ -2,8 +2,9 @@
 // the cache, and the note that stands between a pass or a push and the next refresh.
 #include <future>
 
+#include "common/file_lock.h"
+#include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
-#include "lqhost/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_note.h"
@@ -57,9 +58,7 @@ TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
       {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
       {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
   for (const auto& [taker, exitCode, text] : cases) {
-    const auto result = pass(one_, taker);
-    EXPECT_EQ(result.exitCode, exitCode) << text;
-    EXPECT_TRUE(contains(result.out, text)) << result.out << result.err;
+    expectOut(pass(one_, taker), exitCode, {text});
     expectStatus(exitCode, exitCode == 0 ? "applied and acknowledged" : "has not recorded");
     EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << text;
   }
@@ -111,7 +110,7 @@ TEST_F(Settled, ARefreshLooksForANoteWhenItsTurnHasCome) {
   setValue("Limits", "nMAX", "applied by the other");
   std::future<test_support::ProgramResult> refreshed;
   {
-    const auto others = host::FileLock::tryFor(dir_ / "lqhost.pass");
+    const auto others = programs::FileLock::tryFor(dir_ / "lqhost.pass");
     ASSERT_TRUE(others.isHeld());
     refreshed = std::async(std::launch::async, [this] { return lqhost("refresh"); });
     // However long this is, whoever waits has not looked yet; whoever does not wait has most likely ended.
@@ -150,8 +149,8 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   writeFile(noteFile(), "cache-kept 86400 token\n");
   UnsettledWork again(Unsettled::kPass);
   again.leave(Unsettled::kCacheKept);
-  EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"))
-      << "since the first";
+  // Since the first.
+  EXPECT_TRUE(contains(host::unsettledText(*host::standingNote()), "1970-01-02T00:00:00Z"));
   writeFile(noteFile(), "");
   EXPECT_EQ(standing(), Unsettled::kPass) << "a note that cannot be understood is one";
   expectStatus(1, "has not stored the settings cache");
@@ -168,20 +167,19 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
 // A host that holds the lock and does not answer is not worked beside, whoever asks.
 TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   ASSERT_FALSE(host::becomeResident().IsError());
-  expectErr(lqhost("sync"), 1, {"has a resident host, which does not answer"});
-  EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+  const auto unanswered = host::answerOfResident(host::kAskSync, std::chrono::milliseconds(200));
+  ASSERT_TRUE(unanswered.has_value());
+  expectErr({unanswered->exitCode, "", unanswered->err}, 1, {"has a resident host, which does not answer"});
 
   host::ResidentSocket socket;
   ASSERT_FALSE(socket.open().IsError());
-  ASSERT_FALSE(socket.serve({{host::kAskSync,
-                              [] {
-                                return host::CommandResult{4, "out\n", "err\n"};
-                              }}})
-                   .IsError());
+  const auto echo = [](const std::string& question) {
+    return host::CommandResult{4, question + "\n", "err\n"};
+  };
+  ASSERT_FALSE(socket.serve(echo).IsError());
   const auto answered = lqhost("sync");
   EXPECT_EQ(answered.exitCode, 4);
-  EXPECT_EQ(answered.out + answered.err, "out\nerr\n");
-  EXPECT_EQ(lqhost("refresh").exitCode, 2) << "a question that this host does not know";
+  EXPECT_EQ(answered.out + answered.err, "sync\nerr\n");
   EXPECT_TRUE(host::mayAsk(0, 7) && host::mayAsk(7, 7));
   EXPECT_FALSE(host::mayAsk(7, 0) || host::mayAsk(8, 7));
   EXPECT_EQ(host::waitingCallbacksText(9999), "9999 wait in the resident host");

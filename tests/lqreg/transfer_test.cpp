@@ -154,8 +154,8 @@ TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
       {{"export", link}, "not a regular file"}};
   for (const auto& [arguments, reason] : cases) {
     const ProgramResult result = lqreg(registryFile_, "Instance001", arguments);
-    EXPECT_EQ(result.exitCode, 4) << result.err;
-    EXPECT_TRUE(result.out.empty() && contains(result.err, reason)) << result.err;
+    expectErr(result, 4, {reason});
+    EXPECT_EQ(result.out, "");
   }
   EXPECT_EQ(readFile(file_), "mine");
 }

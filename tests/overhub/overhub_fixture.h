@@ -70,8 +70,7 @@ class OverhubTest : public testing::Test {
   }
   static void send(CLqNetwork& network, const CNMessageBase& message) {
     bool peerGone = false;
-    const CWmError error = network.SendXMLMessage(message, 0, kPatience, peerGone);
-    EXPECT_FALSE(error.IsError()) << error.AsString();
+    EXPECT_STREQ(network.SendXMLMessage(message, 0, kPatience, peerGone).AsString(), "");
   }
   // The batch that comes next; in `refusal`, why there is none.
   static OBGui::RegistryTaskResp receive(CLqNetwork& network, std::string& refusal) {

@@ -96,8 +96,7 @@ TEST_F(Log, WhatIsNoFileOfItsOwnIsRefusedAtOnce) {
   for (const char* name : {"link", "pipe"}) {
     oblog::Settings settings = toFile(1);
     settings.file = dir_ / name;
-    const CWmError error = oblog::Configure(settings);
-    EXPECT_TRUE(contains(error.AsString(), dir_ / name + ": not a regular file")) << error.AsString();
+    EXPECT_TRUE(contains(oblog::Configure(settings).AsString(), dir_ / name + ": not a regular file"));
     ObEvent().Error("tag", "goes to where the log was before");
   }
   EXPECT_EQ(readFile(dir_ / "victim"), "precious\n");

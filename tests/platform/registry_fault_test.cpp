@@ -67,11 +67,10 @@ TEST_F(RegistryTest, AChildForkedFromOneThatHasItOpenIsRefused) {
   const lqregistry::WriteBatch ofParent;
   EXPECT_EQ(endOf(startChild([this] {
               lqregistry::WriteBatch batch;
-              std::string reason;
               batch.lock();
               const bool isRefused = !info_.setString("A", "name", "child", 0) &&
                                      contains(info_.getRegErrorText(), "forked") && !valueOf("A", "name");
-              return isRefused && !batch.commit() && !lqregistry::Check(reason) ? 0 : 1;
+              return isRefused && !batch.commit() && lqregistry::Check().IsError() ? 0 : 1;
             })),
             0);
   EXPECT_EQ(valueOf("A", "name"), "data");
@@ -127,21 +126,19 @@ TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) 
 }
 
 TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
-  std::string reason;
-  EXPECT_TRUE(lqregistry::Check(reason)) << "a registry that does not exist yet is sound";
+  EXPECT_FALSE(lqregistry::Check().IsError()) << "a registry that does not exist yet is sound";
   lqregistry::WriteBatch batch;
   for (int i = 0; i < 200; ++i)
     ASSERT_TRUE(info_.setString("Key" + std::to_string(i) + "/Leaf", "name", std::string(200, 'd'), 0));
   ASSERT_TRUE(info_.setString("A", "long", std::string(20000, 'd'), 0));
   ASSERT_TRUE(info_.setString("Last", "orphan", "data", 0));
   ASSERT_TRUE(batch.commit());
-  EXPECT_TRUE(lqregistry::Check(reason)) << reason;
+  EXPECT_EQ(lqregistry::Check().AsString(), std::string());
   lqregistry::UseFile(file_);
   const std::string good = readFile(file_);
   const auto isNoticed = [&](const std::string& damaged) {
     writeFile(file_, damaged);
-    reason.clear();
-    return !lqregistry::Check(reason) && contains(reason, file_);
+    return contains(lqregistry::Check().AsString(), file_);
   };
   constexpr std::size_t kPage = 4096;
   ASSERT_GT(good.size(), 20 * kPage);
@@ -159,7 +156,7 @@ TEST_F(RegistryTest, TheCheckFindsDamagedTreesAndKeysThatContradictThemselves) {
   std::size_t keyNumber = orphaned.find("orphan") - 2;  // two bytes, the name follows
   orphaned[keyNumber] = 0x7f;
   EXPECT_TRUE(isNoticed(orphaned));
-  EXPECT_FALSE(isNoticed(good)) << reason;
+  EXPECT_FALSE(isNoticed(good));
 }
 
 // Goes where the folder can be read and not written: onto a read-only view of it, or, where no file system
@@ -194,8 +191,7 @@ TEST_F(RegistryTest, IsReadWhereNothingCanBeWrittenAndNeverWithOldValues) {
     if (step == "reopen") lqregistry::UseFile(file_);
     if (step == "remove what is absent")
       return !info.delRegField("A", "absent") && info.getRegError() == kRegValueMissing;
-    std::string reason;
-    return step == "reopen" || (step == "check" ? lqregistry::Check(reason) : carryOut(step));
+    return step == "reopen" || (step == "check" ? !lqregistry::Check().IsError() : carryOut(step));
   });
   ASSERT_TRUE(reader.ask("enter"));
   // Neither log nor index is there; a batch that changes nothing is carried out.

@@ -19,8 +19,7 @@ TEST_F(SettingsCache, WhatIsWrittenIsReadBackWhole) {
   std::string text;
   for (int i = 0; text.size() < 20'000; ++i) text += "<key number=\"" + std::to_string(i) + "\"/>\n";
   // Around the size of a piece, where a reader in pieces goes wrong.
-  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{4094}, std::size_t{4095},
-                                 std::size_t{4096}, std::size_t{8190}, std::size_t{8191}, text.size()}) {
+  for (const std::size_t size : {0UL, 1UL, 4094UL, 4095UL, 4096UL, 8190UL, 8191UL, text.size()}) {
     const std::string part = text.substr(0, size);
     log_.Clear();
     write(part);

@@ -1,11 +1,11 @@
-// The rules for key records, where the clock decides.
-#include "records/record_rules.h"
+// Which records have come to their end.
+#include "records/expiry.h"
 
 #include "tests/support/product_fixture.h"
 
 namespace {
 
-TEST(KeyRecords, AValueExpiresOnceItsTimeIsOverAndNotWhenItIsReached) {
+TEST(Expiry, AValueExpiresOnceItsTimeIsOverAndNotWhenItIsReached) {
   for (const std::time_t now : {1000, 1001}) {
     OBGui::KeyList keys{record("A", "Trace_UNTIL", "1000"), record("B", "Trace", "1")};
     keys[1].deleteFlag = 2;  // neither a removal nor absent: the expiry decides

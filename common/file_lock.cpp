@@ -1,12 +1,15 @@
-#include "lqhost/file_lock.h"
+#include "common/file_lock.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <system_error>
 #include <thread>
 
-namespace host {
+namespace programs {
 
 namespace {
 
@@ -21,12 +24,19 @@ struct flock wholeFile() {
   return whole;
 }
 
+CWmError failed(const std::string& path) {
+  return {kLqErrFile, path + ": " + std::system_category().message(errno)};
+}
+
 }  // namespace
 
 FileLock::FileLock(const std::string& path, int command)
-    : handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode)) {
+    : path_(path), handle_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode)) {
+  if (!handle_.isValid()) {
+    error_ = failed(path);
+    return;
+  }
   struct flock whole = wholeFile();
-  if (!handle_.isValid()) return;
   int result = 0;
   do {
     result = ::fcntl(handle_.get(), command, &whole);
@@ -35,6 +45,8 @@ FileLock::FileLock(const std::string& path, int command)
     state_ = State::kHeld;
   } else if (errno == EAGAIN || errno == EACCES) {
     state_ = State::kHeldElsewhere;
+  } else {
+    error_ = failed(path);
   }
 }
 
@@ -55,6 +67,12 @@ FileLock FileLock::waitFor(const std::string& path, std::chrono::milliseconds li
   }
 }
 
+CWmError FileLock::write(const std::string& text) const {
+  std::uint64_t written = 0;
+  if (::ftruncate(handle_.get(), 0) != 0) return failed(path_);
+  return FXFile::LQWriteFile(handle_, text.data(), text.size(), written);
+}
+
 bool FileLock::isTaken(const std::string& path) {
   const auto_handle handle(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!handle.isValid()) return errno != ENOENT;
@@ -62,4 +80,4 @@ bool FileLock::isTaken(const std::string& path) {
   return ::fcntl(handle.get(), F_OFD_GETLK, &whole) != 0 || whole.l_type != F_UNLCK;
 }
 
-}  // namespace host
+}  // namespace programs

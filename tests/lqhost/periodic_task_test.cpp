@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(Schedule, TheFrequencyIsBoundedAndFailuresAreRetriedSoonAndThenLessOften) {
+TEST(PeriodicTask, TheFrequencyIsBoundedAndFailuresAreRetriedSoonAndThenLessOften) {
   const std::tuple<std::uint32_t, unsigned, double, double> cases[] = {{0, 0, 0.7, 900},
                                                                        {1, 0, 0.7, 5},
                                                                        {3600, 0, 0.7, 3600},

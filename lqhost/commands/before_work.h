@@ -1,0 +1,21 @@
+// What a command looks at before it gets to work itself: whether it can, and whether a resident host does it.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "lqhost/command_result.h"
+#include "lqhost/service/command_socket.h"
+
+namespace host {
+
+// Nothing when this instance has joined a server; otherwise what to do about it.
+std::optional<CommandResult> whyNotJoined();
+
+// What the resident host answers; nothing when there is none. One that is there and does not answer is a
+// failure that says so: working beside it is not an alternative.
+std::optional<CommandResult> answerOfResident(const std::string& question,
+                                              std::chrono::milliseconds wait = kResidentWait);
+
+}  // namespace host
