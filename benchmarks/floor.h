@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -61,6 +62,7 @@ class FloorClient {
   // A store without settings in the place of the one before, and no cache.
   void begin();
   FloorStore& store() { return *store_; }
+  std::string cacheFile() const;
 
   // Request, batch, one transaction, cache, acknowledgement.
   void pass();

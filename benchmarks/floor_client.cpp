@@ -74,8 +74,12 @@ FloorClient::FloorClient(const std::string& folder, const std::string& address, 
 void FloorClient::begin() {
   store_.reset();
   for (const char* end : {"", "-wal", "-shm"}) std::filesystem::remove(folder_ + kStore + end);
-  std::filesystem::remove(folder_ + kCache);
+  std::filesystem::remove(cacheFile());
   store_ = std::make_unique<FloorStore>(folder_ + kStore);
+}
+
+std::string FloorClient::cacheFile() const {
+  return folder_ + kCache;
 }
 
 void FloorClient::pass() {

@@ -1,10 +1,9 @@
 // A whole pass over loopback, ours beside the floor: everything new, everything changed, nothing changed.
-#include <algorithm>
-
 #include "benchmarks/batch.h"
 #include "benchmarks/floor.h"
 #include "benchmarks/machine.h"
 #include "benchmarks/rows.h"
+#include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace bench {
 
@@ -72,6 +71,9 @@ void comparePasses(const Kind& kind, std::size_t size) {
             return value;
           });
         }}});
+  // Both sides have had the same passes.
+  const std::string cache = readFile(machine.folder / kSettingsCacheFile);
+  demand(!cache.empty() && cache == readFile(floor.cacheFile()), "the two caches differ");
 }
 
 }  // namespace

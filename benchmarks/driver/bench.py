@@ -8,6 +8,7 @@ import datetime
 import json
 import os
 import platform
+import signal
 import subprocess
 import sys
 import tempfile
@@ -26,8 +27,11 @@ DISK = '/var/tmp'   # what is measured waits for a disk, which /tmp need not be 
 
 
 def output_of(*command):
-    done = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False)
-    return done.stdout.strip()
+    """What it says; nothing when it is not installed."""
+    try:
+        return subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=False).stdout.strip()
+    except OSError:
+        return ''
 
 
 def field_of(file, name):
@@ -43,7 +47,7 @@ def machine():
             'system': f'Linux {platform.release()}, {output_of("sh", "-c", ". /etc/os-release; echo $PRETTY_NAME")}',
             'virtual machine': output_of('systemd-detect-virt') or 'not known',
             'file system': output_of('findmnt', '-no', 'FSTYPE', '-T', DISK),
-            'compiler': output_of('g++', '--version').splitlines()[0],
+            'compiler': output_of('g++', '--version').partition('\n')[0],
             'libraries': ', '.join(f'{name} {output_of("pkg-config", "--modversion", name)}'
                                    for name in ('sqlite3', 'pugixml', 'openssl')),
             'revision': output_of('git', 'rev-parse', '--short', 'HEAD')
@@ -100,14 +104,15 @@ def main():
     if not runs:
         parser.error(f'{options.row} is not measured with {options.size} records')
 
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # through the end of the folder
     about = {'measured': f'{datetime.datetime.now(datetime.timezone.utc):%Y-%m-%d %H:%M} UTC', **machine()}
     with tempfile.TemporaryDirectory(prefix='lqbench.', dir=DISK) as folder:
         measurements, failed = measure(runs, folder)
     results = list(rows.results(measurements))
     missed = [result for result in results if not result.is_met]
     OUT.mkdir(parents=True, exist_ok=True)
-    (OUT / 'results.json').write_text(json.dumps({'about': about, 'measurements': measurements,
-                                                  'missed': [result.line.work for result in missed]}, indent=1))
+    (OUT / 'results.json').write_text(json.dumps({'about': about, 'table': [result.as_json() for result in results],
+                                                  'measurements': measurements}, indent=1))
     if results:
         print(tables.comparison(results))
     print(tables.counts(measurements), end='')
@@ -118,8 +123,9 @@ def main():
         if options.keep:
             (KEPT / 'RESULTS.md').write_text(results_page(about, results, measurements))
     if missed:
-        print(f'Missed, {len(missed)} of {len(results)}: '
-              + '; '.join(f'{result.line.work} ({result.ratio:.2f})' for result in missed))
+        print(f'Missed, {len(missed)} of {len(results)}:')
+        for result in missed:
+            print(f'  {result.line.work}: {result.ratio:.2f} instead of {result.line.target:g}')
     if failed:
         print('Not measured: ' + ', '.join(failed), file=sys.stderr)
     return 1 if failed else 0

@@ -37,7 +37,7 @@ class Drawing:
 
 def beside(results):
     """Bars whose unit is the floor or the peer; what each took stands beside them."""
-    shown = [result for result in results if result.line.row in ('pass', 'sync', 'upload', 'values', 'callbacks')]
+    shown = [result for result in results if result.line.row not in ('peak', 'log')]
     left, right, row, top = 300, 880, 26, 70
     longest = max([1.5] + [max(result.ratio, result.line.target or 0) for result in shown])
     drawing = Drawing(1000, top + row * len(shown) + 40, 'Ours beside floor and peer (which are 1)')
