@@ -94,7 +94,8 @@ class Result:
 
     def as_json(self):
         return {'work': self.line.work, 'figure': self.line.figure, 'ours': self.ours.middle,
-                'other': self.other.middle, 'ratio': round(self.ratio, 3), 'target': self.line.target, 'met': self.is_met}
+                'other': self.other.middle, 'ratio': round(self.ratio, 3), 'target': self.line.target,
+                'met': self.is_met}
 
 
 def memory_bound(measurement):
