@@ -109,6 +109,10 @@ void Machine::begin() const {
   info.getString(lqsettings::kServerName.key, lqsettings::kServerName.name, name);  // opens the reading one
 }
 
+void Machine::demandApplied() {
+  demand(server.answerWith("/dev/null") == 1, "the batch was not acknowledged as applied");
+}
+
 std::string Machine::batchFile(std::size_t records, int version) const {
   const std::string file = folder / "batch." + std::to_string(records) + "." + std::to_string(version);
   if (!std::filesystem::exists(file)) writeFile(file, textOf(batchOf(records, version)));

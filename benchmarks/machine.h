@@ -55,6 +55,8 @@ class Machine {
   // A registry that has just joined, in the place of the one before, without a cache; both of this process's
   // connections to it are open.
   void begin() const;
+  // Throws unless one batch was acknowledged as applied since the server was told its answer.
+  void demandApplied();
   // The text of a batch, made at its first use.
   std::string batchFile(std::size_t records, int version) const;
 

@@ -66,13 +66,14 @@ double numberIn(const std::string& file) {
 void reportPeak(const Work& work, std::size_t size) {
   Machine machine;
   const std::string said = machine.folder / "said";
-  const Side side{"ours",
-                  [&] { arrange(machine, work, size); },
+  const Side side{"ours", [&] { arrange(machine, work, size); },
                   [&] {
                     runProcess(once(machine, work, said));
                     return Figures{{"mib", numberIn(said)}};
                   },
-                  {}};
+                  [&] {
+                    if (work.kind != kUpload.kind) machine.demandApplied();
+                  }};
   const double textBytes = static_cast<double>(readFile(machine.batchFile(size, 0)).size());
   compare({"peak", work.kind, size, {{"text_bytes", textBytes}}}, {side});
 }

@@ -43,7 +43,6 @@ void comparePasses(const Kind& kind, std::size_t size) {
     if (kind.isFresh) begin();
     machine.server.answerWith(machine.batchFile(size, versions.next()));
   };
-  const auto demandApplied = [&] { demand(machine.server.answerWith("/dev/null") == 1, "not applied"); };
   Versions ours(kind.isChanging);
   Versions floors(kind.isChanging);
   // What a machine holds that has synchronised before.
@@ -59,12 +58,12 @@ void comparePasses(const Kind& kind, std::size_t size) {
       {{"ours", [&] { ready(ours, [&] { machine.begin(); }); },
         [] { return timed([] { demand(synchronise() == 0, "no pass"); }); },
         [&] {
-          demandApplied();
+          machine.demandApplied();
           demandValues(size, ours.current(), [](const Setting& setting) { return valueOf(setting); });
         }},
        {"floor", [&] { ready(floors, [&] { floor.begin(); }); }, [&] { return timed([&] { floor.pass(); }); },
         [&] {
-          demandApplied();
+          machine.demandApplied();
           demandValues(size, floors.current(), [&](const Setting& setting) {
             std::string value;
             floor.store().read(setting.keyPath, setting.name, value);
