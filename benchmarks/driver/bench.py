@@ -1,7 +1,7 @@
 """Measures every row beside its floor or peer, turn about in one run, and prints the table.
 
-Writes build/bench/results.json and two charts beside it. Medians and spreads are of the rounds that the rows have:
-nine, five from 100,000 records on. benchmarks/README.md says what each row is.
+Writes build/bench/results.json and two charts beside it. Medians and spreads are of 5 to 25 rounds, the fewer the more
+there is to do in one. benchmarks/README.md says what each row is.
 """
 import argparse
 import datetime
@@ -44,8 +44,8 @@ def field_of(file, name):
 def machine():
     return {'processor': f'{field_of("/proc/cpuinfo", "model name")}, {len(os.sched_getaffinity(0))} cores',
             'memory': f'{int(field_of("/proc/meminfo", "MemTotal").split()[0]) / (1 << 20):.0f} GiB',
-            'system': f'Linux {platform.release()}, {output_of("sh", "-c", ". /etc/os-release; echo $PRETTY_NAME")}',
-            'virtual machine': output_of('systemd-detect-virt') or 'not known',
+            'system': f'Linux {platform.release().partition("-")[0]}, {output_of("sh", "-c", ". /etc/os-release; echo $PRETTY_NAME")}',
+            'virtual machine': output_of('systemd-detect-virt', '--vm') or 'not known',
             'file system': output_of('findmnt', '-no', 'FSTYPE', '-T', DISK),
             'compiler': output_of('g++', '--version').partition('\n')[0],
             'libraries': ', '.join(f'{name} {output_of("pkg-config", "--modversion", name)}'

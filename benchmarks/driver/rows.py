@@ -2,9 +2,8 @@
 import dataclasses
 import statistics
 
-ROUNDS = 9          # of work that takes milliseconds
-LARGE_ROUNDS = 5    # from LARGE records on
-LARGE = 100_000
+FEWEST_ROUNDS = 5
+ROUNDS = {1_000: 25, 10_000: 15}    # up to so many records: what is short is also what is easily disturbed
 MEBIBYTE = 1 << 20
 
 
@@ -16,7 +15,9 @@ class Run:
 
     @property
     def rounds(self):
-        return LARGE_ROUNDS if self.size >= LARGE else ROUNDS
+        if self.row == 'peak':  # which hardly differs
+            return FEWEST_ROUNDS
+        return next((rounds for size, rounds in ROUNDS.items() if self.size <= size), FEWEST_ROUNDS)
 
 
 RUNS = ([Run('pass', size) for size in (100, 1_000, 10_000, 100_000)]
