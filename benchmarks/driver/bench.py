@@ -44,7 +44,8 @@ def field_of(file, name):
 def machine():
     return {'processor': f'{field_of("/proc/cpuinfo", "model name")}, {len(os.sched_getaffinity(0))} cores',
             'memory': f'{int(field_of("/proc/meminfo", "MemTotal").split()[0]) / (1 << 20):.0f} GiB',
-            'system': f'Linux {platform.release().partition("-")[0]}, {output_of("sh", "-c", ". /etc/os-release; echo $PRETTY_NAME")}',
+            'system': f'Linux {platform.release().partition("-")[0]}, '
+                      + platform.freedesktop_os_release()['PRETTY_NAME'],
             'virtual machine': output_of('systemd-detect-virt', '--vm') or 'not known',
             'file system': output_of('findmnt', '-no', 'FSTYPE', '-T', DISK),
             'compiler': output_of('g++', '--version').partition('\n')[0],
