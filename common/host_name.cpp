@@ -3,18 +3,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 
 namespace programs {
 
-namespace {
-
-constexpr std::size_t kHostNameBuffer = 256;
-
-}  // namespace
-
 std::string ownHostName() {
-  std::array<char, kHostNameBuffer> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+  std::array<char, HOST_NAME_MAX + 1> name{};
+  return ::gethostname(name.data(), name.size()) == 0 ? name.data() : "";
 }
 
 }  // namespace programs

@@ -61,7 +61,7 @@ void LqRegistryChangeMgr::UnRegister(const std::string& keyPath, const std::stri
 
 bool LqRegistryChangeMgr::IsCallBackRegistered(const std::string& keyPath,
                                                const std::string& valueName) const {
-  if (!callBackMaps.contains({keyPath, valueName})) return false;
+  if (callBackMaps.empty() || !callBackMaps.contains({keyPath, valueName})) return false;
   event.DebugLvl(kLogDetail, "LqRegistryChangeMgr::IsCallBackRegistered",
                  "Found call back registered for [%s\\%s]", keyPath.c_str(), valueName.c_str());
   return true;

@@ -1,7 +1,9 @@
 // What an upload sends (upload.cpp): the whole local registry as a flat list of key records. First the paths
 // of all keys, then their records.
+#include <algorithm>
 #include <array>
 
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "lqregistry/LqSettings.h"
 #include "records/record_conversion.h"
@@ -48,6 +50,7 @@ bool appendSubKeys(LQPlatformInfo& info, const std::string& listed, const std::s
 }  // namespace
 
 unsigned LqRegistryManagerClnt::enumerateClientKeysInfo(const char* path, OBGui::KeyList& records) {
+  const lqregistry::ReadSnapshot still;  // one registry is listed, not a mixture of what it was and became
   std::list<std::string> topLevel;
   if (path == nullptr || !platformInfo.getSubKeys(kBelowRoot, topLevel)) return kResultFailed;
   std::list<std::string> keys;
@@ -77,14 +80,14 @@ unsigned LqRegistryManagerClnt::fillKeyFieldInformation(const std::string& keyPa
   if (keyPath.empty()) return kResultFailed;
   records.push_back(keyRecord(keyPath));
   const std::string path = kBelowRoot + keyPath;
-  // Cleared for each value, so that one stored without a NUL does not end in the rest of another.
-  std::array<char, kValueBuffer> value;
+  // All zero before each value, so that one stored without a NUL does not end in the rest of another.
+  std::array<char, kValueBuffer> value{};
   for (const auto& [name, data] : values) {
     unsigned type = 0;
     int size = kValueBuffer;
-    value.fill('\0');
     if (platformInfo.getRegValue(path, name, type, value.data(), size))
       records.push_back(recordOf(keyPath, name, getKeyString(type), value.data()));
+    std::fill_n(value.begin(), size, '\0');  // what was read, or all of it after a failure
   }
   return kResultOk;
 }

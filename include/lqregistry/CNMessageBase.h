@@ -128,9 +128,13 @@ class Field {
   bool set_ = false;
 };
 
-// A sub-record has memory of its own once it is set: most are not, in any of thousands of records.
+// A sub-record or a secret has memory of its own once it is set: most are not, in any of thousands of
+// records.
+template <class T>
+inline constexpr bool kIsRarelySet = std::is_base_of_v<CNMessageBase, T> || std::is_same_v<T, pstring>;
+
 template <class T, int Number, int Slot>
-requires std::is_base_of_v<CNMessageBase, T>
+requires kIsRarelySet<T>
 class Field<T, Number, Slot> {
  public:
   using Type = T;
@@ -154,8 +158,9 @@ class Field<T, Number, Slot> {
   }
   operator const T&() const { return get(); }  // NOLINT(google-explicit-constructor): reads as its value
   const T* operator->() const { return &get(); }
-  Field& operator=(const T& value) {
-    edit() = value;
+  template <class U>
+  requires std::is_assignable_v<T&, U&&> Field& operator=(U&& value) {
+    edit() = std::forward<U>(value);
     return *this;
   }
   T& edit() {
@@ -188,7 +193,7 @@ struct FieldInfo {
   CNMessageBase& (*append)(CNMessageBase& owner);
   void (*setEmpty)(CNMessageBase& owner);
   void (*reserve)(CNMessageBase& owner, std::size_t count);
-  std::size_t elementBytes;  // what an empty element of a list, or an empty sub-record, takes
+  std::size_t elementBytes;  // what an empty element of a list, sub-record or secret takes; else 0
 };
 
 namespace message_detail {
@@ -249,6 +254,7 @@ constexpr FieldInfo field(const char* name) {
       return static_cast<const CNMessageBase*>(&Access::of(owner).get());
     };
   } else {
+    if constexpr (kIsRarelySet<T>) info.elementBytes = sizeof(T) + 2 * sizeof(void*);
     info.edit = [](CNMessageBase& owner) -> void* { return &Access::of(owner).edit(); };
     info.read = [](const CNMessageBase& owner) -> const void* { return &Access::of(owner).get(); };
   }

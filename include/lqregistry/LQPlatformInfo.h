@@ -32,6 +32,10 @@ inline constexpr unsigned kPlatformServer = 1;  // the management server's own m
 inline constexpr unsigned kPlatformWindows = 2;
 inline constexpr unsigned kPlatformUnix = 4;
 
+namespace lqregistry {
+struct Outcome;
+}
+
 class LQ_EXPORT LQPlatformInfo {
  public:
   // Focused on the process's current instance (LQPI_Focus), or on `focus`; null means the current instance.
@@ -71,7 +75,7 @@ class LQ_EXPORT LQPlatformInfo {
 
   // The outcome of this object's last registry call, and a text that names file, key and value.
   int getRegError() const { return lastError_; }
-  const std::string& getRegErrorText() const { return lastErrorText_; }
+  std::string getRegErrorText() const;
 
   // --- values as text, by section --------------------------------------------------------------------------
 
@@ -109,12 +113,28 @@ class LQ_EXPORT LQPlatformInfo {
   unsigned getLQPlatformType();
 
  private:
-  bool record(int error, std::string text);
+  // Where the key of a call lies; it is kept, because a batch's records come key by key.
+  struct Place {
+    std::string key;
+    std::string instance;
+    std::string path;  // empty before the first
+  };
+  // What the last call failed with; the text is put together for whoever asks.
+  struct Failure {
+    std::string reason;
+    std::string key;
+    std::string name;  // empty when the call was about a key
+  };
+
+  lqregistry::Outcome locate(const std::string& key);
+  lqregistry::Outcome locate(const std::string& key, const std::string& name);
+  bool record(lqregistry::Outcome outcome, const std::string& key, const std::string& name = {});
 
   std::string focus_;
+  Place place_;
   std::string physicalMachine_;
   int lastError_ = kRegOk;
-  std::string lastErrorText_;
+  Failure failure_;
 };
 
 // The process's current instance.

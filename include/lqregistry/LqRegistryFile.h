@@ -92,4 +92,16 @@ class LQ_EXPORT WriteBatch {
   int exceptions_;  // under way when the batch was made
 };
 
+// A scope in which this thread reads the registry as it stood when the scope began, and at a fraction of the
+// cost of one read after the other. For walks and reports: other threads of this process that want to write
+// wait until it ends. Within a write batch it adds nothing, and a write of this thread within it is done, and
+// ends the snapshot.
+class LQ_EXPORT ReadSnapshot {
+ public:
+  ReadSnapshot();
+  ~ReadSnapshot();
+  ReadSnapshot(const ReadSnapshot&) = delete;
+  ReadSnapshot& operator=(const ReadSnapshot&) = delete;
+};
+
 }  // namespace lqregistry

@@ -31,14 +31,14 @@ CommandResult noCache(RunOutcome outcome, const CWmError& error) {
 
 // Another pass may have replaced the cache before this refresh had its turn: what counts then is what the
 // cache holds by now, not what it held when the command began.
-PassDetails rebased(const PassDetails& begun, const OBGui::KeyList& now) {
-  PassDetails details{now, {}};
-  for (std::size_t i = 0; i < now.size(); ++i) {
-    const bool isSame = i < begun.batch.size() && begun.batch[i].keyPath.get() == now[i].keyPath.get() &&
+PassDetails rebased(const PassDetails& begun, OBGui::KeyList now) {
+  std::vector<CurrentValue> before = currentValues(now);
+  for (std::size_t i = 0; i < now.size() && i < begun.batch.size(); ++i) {
+    const bool isSame = begun.batch[i].keyPath.get() == now[i].keyPath.get() &&
                         begun.batch[i].valueName.get() == now[i].valueName.get();
-    details.before.push_back(isSame ? begun.before[i] : currentValue(now[i]));
+    if (isSame) before[i] = begun.before[i];
   }
-  return details;
+  return {std::move(now), std::move(before)};
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ CommandResult refreshNow(Passes& passes) {
   if (!wasRead && !standingNote()) return noCache(nothingToReapply(), error);
   PassDetails details;
   details.batch = cached.keys;
-  for (const OBGui::RegistryKeyInfo& key : details.batch) details.before.push_back(currentValue(key));
+  details.before = currentValues(details.batch);
 
   LqPeriodicTaskStatus status;
   RefreshResult refreshed = passes.refresh(status);

@@ -35,19 +35,6 @@ struct RunOptions {
   std::vector<std::string> modules;
 };
 
-// Whether the schedule can leave it at that for a whole period.
-bool endedWell(const PassResult& pass) {
-  switch (pass.outcome()) {
-    case RunOutcome::kApplied:
-    case RunOutcome::kSkipped:
-      return true;
-    case RunOutcome::kPartly:  // which hides what else went wrong
-      return pass.cache == CacheFate::kStored && pass.isAcknowledged();
-    default:
-      return false;
-  }
-}
-
 bool refreshOnTime(Passes& passes, LqPeriodicTaskStatus& status) {
   const RefreshResult result = passes.refresh(status);
   if (result.reason || result.run == RunOutcome::kCacheLost) wantDownload();
@@ -74,7 +61,7 @@ class Schedule {
   Schedule(Passes& passes, const RunOptions& options)
       : download_(
             kDownloadTask, passes.downloadStart(),
-            [&passes](LqPeriodicTaskStatus& status) { return endedWell(passes.download(status)); },
+            [&passes](LqPeriodicTaskStatus& status) { return passes.download(status).hasEndedWell(); },
             options.syncEvery),
         refresh_(
             kRefreshTask, nullptr,

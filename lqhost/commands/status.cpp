@@ -117,11 +117,12 @@ int addResident(std::string& text) {
 // The values that differ, one line each; their number.
 std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
   markExpired(keys);
+  const std::vector<CurrentValue> held = currentValues(keys);
   std::string lines;
   std::size_t drifted = 0;
   for (const std::size_t position : effectiveRecords(keys)) {
     const OBGui::RegistryKeyInfo& key = keys[position];
-    const CurrentValue now = currentValue(key);
+    const CurrentValue& now = held[position];
     if (key.valueName->empty() || isAsWanted(key, now)) continue;
     ++drifted;
     const std::string wanted =

@@ -1,7 +1,7 @@
 #include "lqhost/pass/batch_outcome.h"
 
 #include <algorithm>
-#include <map>
+#include <unordered_set>
 #include <utility>
 
 #include "records/expiry.h"
@@ -32,19 +32,19 @@ RecordFate judge(const OBGui::RegistryKeyInfo& key, const CurrentValue& before, 
   return now ? RecordFate::kChanged : RecordFate::kRemoved;
 }
 
-std::string noteOf(const OBGui::RegistryKeyInfo& asReceived, const OBGui::RegistryKeyInfo& marked,
-                   RecordFate fate) {
-  if (asReceived.valueName->empty())
-    return isToBeRemoved(marked) ? "a record without a name cannot be removed"
-                                 : "a record without a name asks for nothing";
+// `receivedFlag` is the record's deleteFlag as it came, before expiry was marked.
+std::string noteOf(const OBGui::RegistryKeyInfo& key, std::int64_t receivedFlag, RecordFate fate) {
+  if (key.valueName->empty())
+    return isToBeRemoved(key) ? "a record without a name cannot be removed"
+                              : "a record without a name asks for nothing";
   if (fate == RecordFate::kReset) return "removed by the server, reset to its default";
   if (fate == RecordFate::kFailed) {
-    if (isKey(asReceived) && !isToBeRemoved(marked)) return "keys may not be created remotely";
+    if (isKey(key) && !isToBeRemoved(key)) return "keys may not be created remotely";
     return "see the log";
   }
-  if (!isToBeRemoved(asReceived) && isToBeRemoved(marked)) return "expired";
-  if (asReceived.enabledFlag == 0 && asReceived.deleteFlag != 1) return "disabled";
-  return isProtected(asReceived) ? "protected" : "";
+  if (key.deleteFlag != receivedFlag && key.enabledFlag != 0) return "expired";
+  if (key.enabledFlag == 0 && receivedFlag != 1) return "disabled";
+  return isProtected(key) ? "protected" : "";
 }
 
 }  // namespace
@@ -64,13 +64,16 @@ std::string shownValue(const OBGui::RegistryKeyInfo& key, const std::string& val
 }
 
 std::vector<std::size_t> effectiveRecords(const OBGui::KeyList& keys) {
-  std::map<std::pair<std::string, std::string>, std::size_t> lastOf;
-  for (std::size_t i = 0; i < keys.size(); ++i)
-    lastOf[{normalisedKeyPath(keys[i].keyPath), keys[i].valueName}] = i;
+  std::unordered_set<std::string> later;
+  later.reserve(keys.size());
   std::vector<std::size_t> positions;
-  positions.reserve(lastOf.size());
-  for (const auto& [value, position] : lastOf) positions.push_back(position);
-  std::sort(positions.begin(), positions.end());
+  positions.reserve(keys.size());
+  for (std::size_t i = keys.size(); i-- > 0;) {
+    std::string place = normalisedKeyPath(keys[i].keyPath);
+    place.append(1, '\0').append(keys[i].valueName.get());  // which no name holds
+    if (later.insert(std::move(place)).second) positions.push_back(i);
+  }
+  std::reverse(positions.begin(), positions.end());
   return positions;
 }
 
@@ -92,19 +95,23 @@ const char* fateWord(RecordFate fate) {
   return "failed";
 }
 
-std::vector<RecordOutcome> judgeBatch(const PassDetails& details) {
-  OBGui::KeyList marked = details.batch;
+std::vector<RecordOutcome> judgeBatch(PassDetails details) {
+  OBGui::KeyList& marked = details.batch;
+  std::vector<std::int64_t> receivedFlags;
+  receivedFlags.reserve(marked.size());
+  for (const OBGui::RegistryKeyInfo& key : marked) receivedFlags.push_back(key.deleteFlag);
   markExpired(marked);
+  const std::vector<CurrentValue> held = currentValues(marked);
   std::vector<RecordOutcome> outcomes;
+  outcomes.reserve(marked.size());
   for (const std::size_t i : effectiveRecords(marked)) {
     const OBGui::RegistryKeyInfo& key = marked[i];
-    const CurrentValue now = currentValue(key);
     RecordOutcome outcome;
     outcome.keyPath = normalisedKeyPath(key.keyPath);
     outcome.valueName = key.valueName;
-    outcome.fate = judge(key, details.before[i], now);
-    outcome.value = now ? shownValue(key, *now) : "";
-    outcome.note = noteOf(details.batch[i], key, outcome.fate);
+    outcome.fate = judge(key, details.before[i], held[i]);
+    outcome.value = held[i] ? shownValue(key, *held[i]) : "";
+    outcome.note = noteOf(key, receivedFlags[i], outcome.fate);
     outcomes.push_back(std::move(outcome));
   }
   return outcomes;

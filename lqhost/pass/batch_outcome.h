@@ -33,6 +33,6 @@ struct RecordOutcome {
 };
 
 // One line for each value that the batch names, in order; where it names one twice, the last record counts.
-std::vector<RecordOutcome> judgeBatch(const PassDetails& details);
+std::vector<RecordOutcome> judgeBatch(PassDetails details);
 
 }  // namespace host

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "lqregistry/OBGui.h"
 
@@ -11,6 +12,7 @@ namespace host {
 // The value's data, the empty text for a sub-key, nothing when absent.
 using CurrentValue = std::optional<std::string>;
 
-CurrentValue currentValue(const OBGui::RegistryKeyInfo& key);
+// What the registry holds for each of the records, all at one moment; as long as the list.
+std::vector<CurrentValue> currentValues(const OBGui::KeyList& keys);
 
 }  // namespace host

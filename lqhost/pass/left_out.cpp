@@ -7,6 +7,7 @@
 
 #include "common/terminal_text.h"
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqSettings.h"
 #include "records/record_rules.h"
 
@@ -30,6 +31,7 @@ class Comparison {
   }
 
   LeftOut run() {
+    const lqregistry::ReadSnapshot still;
     // Depth first with a list of its own: keys nest deeper than a stack of calls should.
     std::vector<std::string> pending{""};
     while (!pending.empty()) {

@@ -14,6 +14,6 @@ struct BatchReport {
 };
 
 // What became of the batch, judged by what the registry holds now.
-BatchReport reportOf(const PassDetails& details);
+BatchReport reportOf(PassDetails details);
 
 }  // namespace host

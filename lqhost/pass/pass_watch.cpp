@@ -45,6 +45,18 @@ RunOutcome PassResult::outcome() const {
   return isAcknowledged() ? RunOutcome::kApplied : RunOutcome::kUnacknowledged;
 }
 
+bool PassResult::hasEndedWell() const {
+  switch (outcome()) {
+    case RunOutcome::kApplied:
+    case RunOutcome::kSkipped:
+      return true;
+    case RunOutcome::kPartly:  // which hides what else went wrong
+      return cache == CacheFate::kStored && isAcknowledged();
+    default:
+      return false;
+  }
+}
+
 PassWatch::PassWatch(PassDetails* details)
     : details_(details), watch_([this](const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
         onEvent(event, batch);
@@ -74,10 +86,7 @@ void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
   result_.records = batch.keys->size();
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
-  // As long as the batch from the start: the report pairs the two even if a value cannot be looked at.
-  details_->before.assign(details_->batch.size(), CurrentValue{});
-  for (std::size_t i = 0; i < details_->batch.size(); ++i)
-    details_->before[i] = currentValue(details_->batch[i]);
+  details_->before = currentValues(batch.keys);
 }
 
 }  // namespace host

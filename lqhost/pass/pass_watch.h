@@ -55,6 +55,8 @@ struct PassResult {
   bool isAcknowledged() const { return acknowledgedAs && isGoodbyeAnswered && refusal.empty(); }
   // Where several hold, what leaves the machine furthest from what the server wants comes first.
   RunOutcome outcome() const;
+  // Whether the schedule can leave it at that for a whole period.
+  bool hasEndedWell() const;
 };
 
 // Opened and closed on the thread that runs the pass.

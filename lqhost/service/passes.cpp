@@ -113,7 +113,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   if (result.batchReceived) {
     result.cache = cache.fate(result.records);
     if (report != nullptr) {
-      BatchReport batch = reportOf(details);
+      BatchReport batch = reportOf(std::move(details));
       *report = std::move(batch.text);
       result.failedRecords = batch.failed;
     }

@@ -79,25 +79,44 @@ class Reader {
 
   bool readFields(CNMessageBase& message, pugi::xml_node node, int depth) {
     if (depth > kMaxMessageDepth) return fail(message, node.name(), "nested too deep");
-    pugi::xml_attribute next = node.first_attribute();  // fields are written in this order
-    for (const FieldInfo& info : message.fieldList())
-      if (!readField(message, info, node, next, depth)) return false;
+    const std::span<const FieldInfo> fields = message.fieldList();
+    std::size_t next = 0;  // attributes are written in the fields' order
+    for (pugi::xml_attribute attribute = node.first_attribute(); attribute;
+         attribute = attribute.next_attribute()) {
+      const std::size_t found = attributeField(fields, next, attribute.name());
+      if (found == fields.size()) continue;
+      if (!readScalar(message, fields[found], attribute.value())) return false;
+      next = found + 1;
+    }
+    if (!node.first_child()) return true;
+    for (const FieldInfo& info : fields)
+      if (!isAttribute(info) && !readChild(message, info, node.child(info.name), depth)) return false;
     return true;
   }
   std::size_t records() const { return elements_; }
   const std::string& error() const { return error_; }
 
  private:
-  bool readField(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node node, pugi::xml_attribute& next,
-                 int depth) {
-    if (info.kind == FieldInfo::Kind::kRecord) {
-      const pugi::xml_node child = node.child(info.name);
-      if (child && !isCounting_ && !take(info.elementBytes, info.name)) return false;
-      return !child || readFields(*static_cast<CNMessageBase*>(info.edit(owner)), child, depth + 1);
+  static bool isAttribute(const FieldInfo& info) {
+    return info.kind != FieldInfo::Kind::kRecord && info.kind != FieldInfo::Kind::kList;
+  }
+
+  // The field of this name, tried from `next` on and then from the start; the number of fields when there is
+  // none.
+  static std::size_t attributeField(std::span<const FieldInfo> fields, std::size_t next,
+                                    std::string_view name) {
+    for (std::size_t tried = 0; tried < fields.size(); ++tried, ++next) {
+      if (next == fields.size()) next = 0;
+      if (isAttribute(fields[next]) && name == fields[next].name) return next;
     }
-    if (info.kind == FieldInfo::Kind::kList) return readList(owner, info, node.child(info.name), depth);
-    const pugi::xml_attribute attribute = node.attribute(info.name, next);
-    return !attribute || readScalar(owner, info, attribute.value());
+    return fields.size();
+  }
+
+  bool readChild(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node child, int depth) {
+    if (!child) return true;
+    if (info.kind == FieldInfo::Kind::kList) return readList(owner, info, child, depth);
+    if (!isCounting_ && !take(info.elementBytes, info.name)) return false;
+    return readFields(*static_cast<CNMessageBase*>(info.edit(owner)), child, depth + 1);
   }
 
   // Records get their memory at once, when their number is known and found bearable.
@@ -115,7 +134,6 @@ class Reader {
   }
 
   bool readList(CNMessageBase& owner, const FieldInfo& info, pugi::xml_node list, int depth) {
-    if (!list) return true;
     if (!prepareList(owner, info, list)) return false;
     while (const pugi::xml_node child = list.first_child()) {
       if (child.type() == pugi::node_element) {
@@ -132,9 +150,11 @@ class Reader {
   }
 
   bool readScalar(CNMessageBase& owner, const FieldInfo& info, std::string_view text) {
-    void* const value = info.edit(owner);
     // A short text lies in the record itself.
-    if (!isCounting_ && text.size() >= sizeof(std::string) / 2 && !take(text.size(), info.name)) return false;
+    const std::size_t bytes = info.elementBytes + (text.size() < sizeof(std::string) / 2 ? 0 : text.size());
+    if (!isCounting_ && bytes != 0 && !take(bytes, info.name)) return false;
+    if (isCounting_ && info.kind == FieldInfo::Kind::kText && !lqmessage::isEscaped(text)) return true;
+    void* const value = info.edit(owner);
     switch (info.kind) {
       case FieldInfo::Kind::kText:
         return lqmessage::unescape(text, *static_cast<std::string*>(value)) ||

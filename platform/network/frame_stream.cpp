@@ -16,14 +16,22 @@ constexpr std::size_t kPieceBytes = 16U << 10;
 // What is taken in before others have their turn.
 constexpr std::size_t kBytesAtOnce = 1U << 20;
 
+constexpr std::size_t kReservedBytes = 8U << 20;
+
 void wipe(std::string& text) {
   OPENSSL_cleanse(text.data(), text.size());
 }
 
-// Grows the payload without leaving a copy of what it held behind.
-void grow(std::string& payload, std::size_t size) {
+// Grows the payload without leaving a copy of what it held behind. Once it grows at all, memory for all but
+// the largest frames is asked for at once: what is never touched costs a peer's promise nothing, and what has
+// come is not copied again and again.
+void grow(std::string& payload, std::size_t size, std::size_t whole) {
+  if (size <= payload.capacity()) {
+    payload.resize(size);
+    return;
+  }
   std::string larger;
-  larger.reserve(size);
+  larger.reserve(std::max(size, std::min(whole, kReservedBytes)));
   larger = payload;
   larger.resize(size);
   payload.swap(larger);
@@ -98,7 +106,7 @@ CWmError FrameStream::readPayload(Waiting& waiting) {
       return {};
     }
     if (have_ == frame_.payload.size())
-      grow(frame_.payload, std::min(size_, have_ + std::max(have_, kPieceBytes)));
+      grow(frame_.payload, std::min(size_, have_ + std::max(have_, kPieceBytes)), size_);
     std::size_t got = 0;
     CWmError error =
         connection_.tryRead(frame_.payload.data() + have_, frame_.payload.size() - have_, got, waiting);

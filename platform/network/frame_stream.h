@@ -71,7 +71,7 @@ class FrameStream {
   // ... and since when it has had memory, and how much of it has come, from 0 to 1. No time when it has none.
   struct Claimed {
     Deadline::Clock::duration elapsed{};
-    double share = 1;
+    double share{};
   };
   Claimed claimed() const;
 

@@ -31,24 +31,6 @@ std::string_view instanceOf(const std::string& focus) {
   return current == nullptr ? std::string_view() : std::string_view(current);
 }
 
-// The absolute path of a key as seen by an object with this focus.
-Outcome locate(const std::string& key, const std::string& focus, std::string& path) {
-  return lqregistry::ResolvePath(key, instanceOf(focus), path);
-}
-
-Outcome locate(const std::string& key, const std::string& name, const std::string& focus, std::string& path) {
-  Outcome outcome = lqregistry::CheckValueName(name);
-  return outcome.ok() ? locate(key, focus, path) : outcome;
-}
-
-// Reason, file, key and value in one text; empty for a success.
-std::string describe(const Outcome& outcome, const std::string& key, const std::string* name = nullptr) {
-  if (outcome.ok()) return {};
-  std::string text = outcome.reason + " (file \"" + lqregistry::File() + "\", key \"" + key + "\"";
-  if (name != nullptr) text += ", value \"" + *name + "\"";
-  return text + ")";
-}
-
 // The whole text as a decimal number.
 bool parseNumber(const std::string& text, std::int64_t& number) {
   const char* end = text.data() + text.size();
@@ -76,18 +58,40 @@ LQPlatformInfo::LQPlatformInfo(const char* focus) {
   if (focus != nullptr) focus_ = focus;
 }
 
-bool LQPlatformInfo::record(int error, std::string text) {
-  lastError_ = error;
-  lastErrorText_ = std::move(text);
-  return error == kRegOk;
+Outcome LQPlatformInfo::locate(const std::string& key) {
+  const std::string_view instance = instanceOf(focus_);
+  if (!place_.path.empty() && place_.key == key && place_.instance == instance) return {};
+  place_.path.clear();
+  Outcome outcome = lqregistry::ResolvePath(key, instance, place_.path);
+  place_.key = key;
+  place_.instance = instance;
+  return outcome;
+}
+
+Outcome LQPlatformInfo::locate(const std::string& key, const std::string& name) {
+  Outcome outcome = lqregistry::CheckValueName(name);
+  return outcome.ok() ? locate(key) : outcome;
+}
+
+bool LQPlatformInfo::record(Outcome outcome, const std::string& key, const std::string& name) {
+  lastError_ = outcome.code;
+  if (outcome.ok()) return true;
+  failure_ = {std::move(outcome.reason), key, name};
+  return false;
+}
+
+std::string LQPlatformInfo::getRegErrorText() const {
+  if (lastError_ == kRegOk) return {};
+  std::string text = failure_.reason + " (file \"" + lqregistry::File() + "\", key \"" + failure_.key + "\"";
+  if (!failure_.name.empty()) text += ", value \"" + failure_.name + "\"";
+  return text + ")";
 }
 
 bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name, unsigned& type,
                                  void* buffer, int& size) {
-  std::string path;
   StoredValue value;
-  Outcome outcome = locate(key, name, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().readValue(path, name, value);
+  Outcome outcome = locate(key, name);
+  if (outcome.ok()) outcome = RegistryStore::get().readValue(place_.path, name, value);
   if (outcome.ok()) {
     const std::size_t needed = value.data.size() + 1;  // a string's data() ends with a NUL
     if (buffer != nullptr && size > 0 && needed <= static_cast<std::size_t>(size)) {
@@ -98,82 +102,73 @@ bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name
       outcome = {kRegBufferTooSmall, "the value needs a buffer of " + std::to_string(needed) + " bytes"};
     }
   }
-  return record(outcome.code, describe(outcome, key, &name));
+  return record(std::move(outcome), key, name);
 }
 
 bool LQPlatformInfo::setRegValue(const std::string& key, const std::string& name, unsigned type,
                                  const void* data, int length) {
-  std::string path;
-  Outcome outcome = locate(key, name, focus_, path);
+  Outcome outcome = locate(key, name);
   if (outcome.ok() && (length < 0 || (data == nullptr && length > 0)))
     outcome = badName("the data has no length");
   if (outcome.ok()) {
     const std::string_view bytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
-    outcome = RegistryStore::get().writeValue(path, name, type, bytes);
+    outcome = RegistryStore::get().writeValue(place_.path, name, type, bytes);
   }
-  return record(outcome.code, describe(outcome, key, &name));
+  return record(std::move(outcome), key, name);
 }
 
 bool LQPlatformInfo::createRegKey(const std::string& key) {
-  std::string path;
-  Outcome outcome = locate(key, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().createKey(path);
-  return record(outcome.code, describe(outcome, key));
+  Outcome outcome = locate(key);
+  if (outcome.ok()) outcome = RegistryStore::get().createKey(place_.path);
+  return record(std::move(outcome), key);
 }
 
 bool LQPlatformInfo::delRegKey(const std::string& key) {
-  std::string path;
-  Outcome outcome = locate(key, focus_, path);
-  if (outcome.ok() && lqregistry::HoldsInstance(path))
+  Outcome outcome = locate(key);
+  if (outcome.ok() && lqregistry::HoldsInstance(place_.path))
     outcome = badName("the key is the root of the instance, or above it, and is not removed");
-  if (outcome.ok()) outcome = RegistryStore::get().removeKey(path);
-  return record(outcome.code, describe(outcome, key));
+  if (outcome.ok()) outcome = RegistryStore::get().removeKey(place_.path);
+  return record(std::move(outcome), key);
 }
 
 bool LQPlatformInfo::delRegField(const std::string& key, const std::string& name) {
-  std::string path;
-  Outcome outcome = locate(key, name, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().removeValue(path, name);
-  return record(outcome.code, describe(outcome, key, &name));
+  Outcome outcome = locate(key, name);
+  if (outcome.ok()) outcome = RegistryStore::get().removeValue(place_.path, name);
+  return record(std::move(outcome), key, name);
 }
 
 bool LQPlatformInfo::getSubKeys(const std::string& key, std::list<std::string>& names) {
-  std::string path;
-  Outcome outcome = locate(key, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().listSubKeys(path, names);
-  return record(outcome.code, describe(outcome, key));
+  Outcome outcome = locate(key);
+  if (outcome.ok()) outcome = RegistryStore::get().listSubKeys(place_.path, names);
+  return record(std::move(outcome), key);
 }
 
 bool LQPlatformInfo::getRegValues(const std::string& key, std::map<std::string, std::string>& values) {
-  std::string path;
-  Outcome outcome = locate(key, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().readValues(path, values);
-  return record(outcome.code, describe(outcome, key));
+  Outcome outcome = locate(key);
+  if (outcome.ok()) outcome = RegistryStore::get().readValues(place_.path, values);
+  return record(std::move(outcome), key);
 }
 
 bool LQPlatformInfo::getString(const std::string& section, const std::string& name, std::string& out) {
-  std::string path;
   StoredValue value;
-  Outcome outcome = locate(section, name, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().readValue(path, name, value);
+  Outcome outcome = locate(section, name);
+  if (outcome.ok()) outcome = RegistryStore::get().readValue(place_.path, name, value);
   if (outcome.ok()) out = std::move(value.data);
-  return record(outcome.code, describe(outcome, section, &name));
+  return record(std::move(outcome), section, name);
 }
 
 int LQPlatformInfo::setString(const std::string& section, const std::string& name, const std::string& value,
                               int) {
-  std::string path;
-  Outcome outcome = locate(section, name, focus_, path);
-  if (outcome.ok()) outcome = RegistryStore::get().writeValueCreatingKey(path, name, kTextType, value);
-  return record(outcome.code, describe(outcome, section, &name)) ? 1 : 0;
+  Outcome outcome = locate(section, name);
+  if (outcome.ok()) outcome = RegistryStore::get().writeValueCreatingKey(place_.path, name, kTextType, value);
+  return record(std::move(outcome), section, name) ? 1 : 0;
 }
 
 bool LQPlatformInfo::getNumber(const std::string& section, const std::string& name, std::int64_t& out) {
   std::string text;
   if (!getString(section, name, text)) return false;
   if (parseNumber(text, out)) return true;
-  const Outcome outcome{kRegValueMissing, "the value is not a number"};
-  return record(outcome.code, describe(outcome, section, &name));
+  return record({kRegValueMissing, "the value is not a number"}, section, name);
 }
 
 bool LQPlatformInfo::setNumber(const std::string& section, const std::string& name, std::int64_t value) {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+#include <thread>
 
 #include "lqregistry/FXFile.h"
 #include "platform/registry/registry_key.h"
@@ -25,11 +26,11 @@ constexpr std::int64_t kApplicationId = 0x4C515247;  // "LQRG", at a fixed place
 constexpr std::int64_t kSchemaVersion = 2;
 constexpr std::int64_t kVersionWithoutFacts = 1;
 constexpr mode_t kFileMode = 0600;  // SQLite gives its companion files the mode of the main one
-constexpr int kPrimaryCode = 0xFF;  // of an SQLite result; the bits above tell more
 constexpr mode_t kPermissionBits = 0777;
 constexpr const char* kLogSuffix = "-wal";
 constexpr const char* kIndexSuffix = "-shm";
 
+constexpr std::chrono::milliseconds kModePoll{5};  // between two tries to set it
 constexpr const char* kLogMode = "PRAGMA journal_mode = WAL";
 constexpr const char* kSettings =
     "PRAGMA synchronous = FULL;"
@@ -76,9 +77,10 @@ constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatem
     "SELECT name FROM keys WHERE parent = ?1 ORDER BY name",
     "SELECT k.id, v.type, v.data FROM keys k LEFT JOIN key_values v ON v.key_id = k.id AND v.name = ?2 "
     "WHERE k.path = ?1",
-    "INSERT OR REPLACE INTO key_values (key_id, name, type, data) VALUES (?1, ?2, ?3, ?4)",
+    "INSERT INTO key_values (type, data, key_id, name) VALUES (?1, ?2, ?3, ?4)",
+    "UPDATE key_values SET type = ?1, data = ?2 WHERE key_id = ?3 AND name = ?4",
     "DELETE FROM key_values WHERE key_id = ?1 AND name = ?2",
-    "SELECT name, data FROM key_values WHERE key_id = ?1 ORDER BY name",
+    "SELECT name, type, data FROM key_values WHERE key_id = ?1 AND name > ?2 ORDER BY name LIMIT ?3",
 };
 
 std::string systemText(int error) {
@@ -145,8 +147,7 @@ void alignCompanions(const std::string& path) {
 
 // SQLite refuses to read even an idle registry where it can neither find nor make the index of the log.
 bool needsCopy(int result, const std::string& path) {
-  const int kind = result & kPrimaryCode;
-  return (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY) && ::access(path.c_str(), R_OK) == 0 &&
+  return (result == SQLITE_CANTOPEN || result == SQLITE_READONLY) && ::access(path.c_str(), R_OK) == 0 &&
          ::access((path + kIndexSuffix).c_str(), W_OK) != 0 &&
          ::access(std::filesystem::path(path).parent_path().c_str(), W_OK) != 0;
 }
@@ -178,8 +179,8 @@ Outcome Connection::open(const std::string& path, Access access, std::chrono::mi
 
 Outcome Connection::openChecked(const std::string& path, Access access, std::chrono::milliseconds wait) {
   // Read-write without "create": SQLite itself falls back to reading when the file allows no more.
-  int result = sqlite3_open_v2(path.c_str(), &database_,
-                               SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+  int result =
+      sqlite3_open_v2(path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (result != SQLITE_OK) return failure(result);
   setWait(wait);
 
@@ -236,9 +237,16 @@ int Connection::identify(Identity& identity) {
 
 int Connection::configure(bool blank) {
   int result = execute(kLogMode);
+  // Of two that make a registry at once, one is refused without having waited: both hold what the other
+  // needs.
+  const auto deadline = std::chrono::steady_clock::now() + wait_;
+  while (result == SQLITE_BUSY && blank && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kModePoll);
+    result = execute(kLogMode);
+  }
   // The mode stays with the file. One that somebody copied into another mode works as well, just with more
   // waiting, until it is opened at a moment when nobody uses it.
-  if ((result & kPrimaryCode) == SQLITE_BUSY && !blank) result = SQLITE_OK;
+  if (result == SQLITE_BUSY && !blank) result = SQLITE_OK;
   if (result == SQLITE_OK) result = execute(kSettings);
   return result;
 }
@@ -268,7 +276,7 @@ Outcome Connection::settleKey(std::int64_t version, std::chrono::milliseconds wa
   setWait(std::chrono::milliseconds::zero());
   int result = execute("BEGIN IMMEDIATE");
   setWait(wait);
-  if (result != SQLITE_OK) return (result & kPrimaryCode) == SQLITE_BUSY ? Outcome{} : failure(result);
+  if (result != SQLITE_OK) return result == SQLITE_BUSY ? Outcome{} : failure(result);
   Identity identity;
   result = identify(identity);
   if (result == SQLITE_OK && identity.version < kSchemaVersion) result = execute(kFactsSchema);
@@ -371,12 +379,11 @@ int Connection::readNumber(const char* sql, std::int64_t& number) {
 }
 
 Outcome Connection::failure(int result) const {
-  const int kind = result & kPrimaryCode;
   std::string reason = database_ != nullptr ? sqlite3_errmsg(database_) : sqlite3_errstr(result);
   const int systemError = database_ != nullptr ? sqlite3_system_errno(database_) : 0;
-  if ((kind == SQLITE_CANTOPEN || kind == SQLITE_IOERR) && systemError != 0)
+  if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + systemText(systemError);
-  return {kRegUnavailable, std::move(reason), kind == SQLITE_BUSY};
+  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY};
 }
 
 Query::Query(Connection& connection, Sql statement) {

@@ -30,9 +30,10 @@ enum class Sql {
   kRemoveSubtree,
   kSubKeys,
   kFindValue,
-  kPutValue,
+  kAddValue,
+  kUpdateValue,
   kRemoveValue,
-  kValues,
+  kScanKey,
   kCount
 };
 

@@ -64,8 +64,7 @@ int readIntoMemory(const std::string& copy, sqlite3*& database) {
   sqlite3* source = nullptr;
   int result = sqlite3_open_v2(copy.c_str(), &source, SQLITE_OPEN_READWRITE, nullptr);
   if (result == SQLITE_OK)
-    result = sqlite3_open_v2(":memory:", &database,
-                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+    result = sqlite3_open_v2(":memory:", &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   sqlite3_backup* backup =
       result == SQLITE_OK ? sqlite3_backup_init(database, "main", source, "main") : nullptr;
   if (backup != nullptr) sqlite3_backup_step(backup, -1);

@@ -1,4 +1,4 @@
-// The public face of the registry file: which one it is, whether it is sound, and write batches.
+// The public face of the registry file: which one it is, whether it is sound, write batches and snapshots.
 #include "lqregistry/LqRegistryFile.h"
 
 #include <exception>
@@ -54,6 +54,14 @@ void WriteBatch::abandon() {
   if (!open_) return;
   open_ = false;
   RegistryStore::get().abandonBatch();
+}
+
+ReadSnapshot::ReadSnapshot() {
+  RegistryStore::get().beginSnapshot();
+}
+
+ReadSnapshot::~ReadSnapshot() {
+  RegistryStore::get().endSnapshot();
 }
 
 }  // namespace lqregistry

@@ -20,6 +20,7 @@ namespace lqregistry {
 namespace {
 
 constexpr std::int64_t kNoParent = 0;
+constexpr std::int64_t kNoLimit = -1;  // of the rows of a statement
 // How long a statement that only reads waits for another process, which the log mode makes rare: while a
 // registry is being created, or recovered after a crash.
 constexpr std::chrono::milliseconds kReadWait{5000};
@@ -32,6 +33,11 @@ Outcome keyMissing() {
 }
 Outcome valueMissing() {
   return {kRegValueMissing, "the value does not exist"};
+}
+
+// From a row whose columns 1 and 2 are type and data.
+StoredValue valueAt(const Query& query) {
+  return {static_cast<unsigned>(query.number(1)), std::string(query.bytes(2))};
 }
 
 std::string absolutePath(const std::string& path) {
@@ -92,6 +98,7 @@ void RegistryStore::useFile(const std::string& path) {
   path_ = path.empty() ? path : absolutePath(path);
   readFault_.clear();
   writeFault_.clear();
+  isFaulty_ = false;
   lqsecret::forgetKey();
 }
 
@@ -135,7 +142,7 @@ Outcome RegistryStore::openFor(Connection& connection, Access access) {
   return {};
 }
 
-Outcome RegistryStore::read(const std::function<Outcome(Connection&)>& look) {
+Outcome RegistryStore::read(FunctionRef<Outcome(Connection&)> look) {
   if (isInherited_) return inherited();
   if (isBatchHere()) {
     holdStill();
@@ -145,7 +152,7 @@ Outcome RegistryStore::read(const std::function<Outcome(Connection&)>& look) {
   return readFrom(reader_, look);
 }
 
-Outcome RegistryStore::readFrom(Connection& connection, const std::function<Outcome(Connection&)>& look) {
+Outcome RegistryStore::readFrom(Connection& connection, FunctionRef<Outcome(Connection&)> look) {
   Outcome outcome = openFor(connection, Access::kReading);
   if (outcome.ok()) outcome = look(connection);
   if (outcome.code == kRegUnavailable)
@@ -161,8 +168,11 @@ Outcome RegistryStore::readValue(const std::string& key, const std::string& name
     Outcome outcome = findSlot(connection, key, name, slot);
     if (!outcome.ok()) return outcome;
     if (!slot.keyExists) return keyMissing();
-    if (!slot.valueExists) return valueMissing();
-    value = std::move(slot.value);
+    if (slot.value == nullptr) return valueMissing();
+    if (slot.value == &slot.own)
+      value = std::move(slot.own);
+    else
+      value = *slot.value;
     return Outcome{};
   });
 }
@@ -172,12 +182,19 @@ Outcome RegistryStore::readValues(const std::string& key, std::map<std::string, 
     std::int64_t id = 0;
     Outcome outcome = findKey(connection, key, id);
     if (!outcome.ok()) return outcome;
+    // Whoever lists a key within a transaction asks for its values next.
+    SeenKey* const seen = isStill(connection) ? &seen_ : nullptr;
+    if (seen != nullptr) seen->turnTo(key, id);
+    bool isKept = seen != nullptr;
     std::map<std::string, std::string> found;
-    Query query(connection, Sql::kValues);
-    int result = query.bind(id).step();
-    for (; result == SQLITE_ROW; result = query.step())
-      found.emplace_hint(found.end(), query.bytes(0), query.bytes(1));
+    Query query(connection, Sql::kScanKey);
+    int result = query.bind(id).bind("").bind(kNoLimit).step();
+    for (; result == SQLITE_ROW; result = query.step()) {
+      isKept = isKept && seen->noteScanned(query.bytes(0), valueAt(query));
+      found.emplace_hint(found.end(), query.bytes(0), query.bytes(2));
+    }
     if (result != SQLITE_DONE) return connection.failure(result);
+    if (isKept) seen->noteScannedToTheEnd();
     values.swap(found);
     return Outcome{};
   });
@@ -205,7 +222,8 @@ Outcome RegistryStore::createKey(const std::string& key) {
     needed = outcome.code == kRegKeyMissing;
     return needed ? Outcome{} : outcome;
   };
-  return change({true, look, [&] { return ensureKey(key, id); }});
+  const auto act = [&] { return ensureKey(key, id); };
+  return change({true, look, act});
 }
 
 Outcome RegistryStore::writeValue(const std::string& key, const std::string& name, unsigned type,
@@ -214,10 +232,11 @@ Outcome RegistryStore::writeValue(const std::string& key, const std::string& nam
   const auto look = [&](bool& needed) {
     Outcome outcome = findSlot(writer_, key, name, slot);
     if (outcome.ok() && !slot.keyExists) return keyMissing();
-    needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
+    needed = !slot.holds(type, data);
     return outcome;
   };
-  return change({false, look, [&] { return putValue(slot.keyId, name, type, data); }});
+  const auto act = [&] { return putValue(slot, name, type, data); };
+  return change({false, look, act});
 }
 
 Outcome RegistryStore::writeValueCreatingKey(const std::string& key, const std::string& name, unsigned type,
@@ -225,12 +244,12 @@ Outcome RegistryStore::writeValueCreatingKey(const std::string& key, const std::
   Slot slot;
   const auto look = [&](bool& needed) {
     Outcome outcome = findSlot(writer_, key, name, slot);
-    needed = !slot.valueExists || slot.value.type != type || slot.value.data != data;
+    needed = !slot.holds(type, data);
     return outcome;
   };
   const auto act = [&] {
     const int result = slot.keyExists ? SQLITE_OK : ensureKey(key, slot.keyId);
-    return result == SQLITE_OK ? putValue(slot.keyId, name, type, data) : result;
+    return result == SQLITE_OK ? putValue(slot, name, type, data) : result;
   };
   return change({true, look, act});
 }
@@ -244,6 +263,7 @@ Outcome RegistryStore::removeKey(const std::string& key) {
   const auto act = [&] {
     const std::string afterKey = key + '/';
     const std::string afterSubtree = key + static_cast<char>('/' + 1);
+    seen_.forget();
     return Query(writer_, Sql::kRemoveSubtree).bind(key).bind(afterKey).bind(afterSubtree).step();
   };
   return change({false, look, act});
@@ -255,34 +275,67 @@ Outcome RegistryStore::removeValue(const std::string& key, const std::string& na
     Outcome outcome = findSlot(writer_, key, name, slot);
     if (!outcome.ok()) return outcome;
     if (!slot.keyExists) return keyMissing();
-    if (!slot.valueExists) return valueMissing();
+    if (slot.value == nullptr) return valueMissing();
     needed = true;
     return Outcome{};
   };
-  return change(
-      {false, look, [&] { return Query(writer_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step(); }});
+  const auto act = [&] {
+    const int result = Query(writer_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step();
+    if (result == SQLITE_DONE) seen_.note(name, {});
+    return result;
+  };
+  return change({false, look, act});
 }
 
 Outcome RegistryStore::findSlot(Connection& connection, const std::string& key, const std::string& name,
                                 Slot& slot) {
-  // What the write lock protects stays as it was seen, so a record that is compared, tested and then written
-  // is looked up once.
-  const bool isProtected = &connection == &writer_ && isWriting();
-  if (isProtected && last_.isValid && last_.key == key && last_.name == name) {
-    slot = last_.slot;
-    return {};
+  return isStill(connection) ? findSeen(key, name, slot) : lookUp(connection, key, name, slot);
+}
+
+Outcome RegistryStore::findSeen(const std::string& key, const std::string& name, Slot& slot) {
+  seen_.turnTo(key);
+  bool isKnown = seen_.knows(name, slot.value);
+  if (const std::size_t values = isKnown ? 0 : seen_.valuesToScan(); values != 0) {
+    Outcome outcome = scanSeen(values);
+    if (!outcome.ok()) return outcome;
+    isKnown = seen_.knows(name, slot.value);
   }
-  slot = {};
+  if (!isKnown) {
+    Outcome outcome = lookUp(writer_, key, name, slot);
+    if (!outcome.ok()) return outcome;
+    seen_.noteRow(slot.keyExists ? std::optional(slot.keyId) : std::nullopt);
+    seen_.note(name, slot.value != nullptr ? std::optional(slot.own) : std::nullopt);
+  }
+  slot.keyExists = seen_.id().has_value();
+  slot.keyId = seen_.id().value_or(kNoParent);
+  return {};
+}
+
+Outcome RegistryStore::lookUp(Connection& connection, const std::string& key, const std::string& name,
+                              Slot& slot) {
   Query query(connection, Sql::kFindValue);
   const int result = query.bind(key).bind(name).step();
   if (result != SQLITE_DONE && result != SQLITE_ROW) return connection.failure(result);
+  slot.value = nullptr;
   slot.keyExists = result == SQLITE_ROW;
-  if (slot.keyExists) {
-    slot.keyId = query.number(0);
-    slot.valueExists = !query.isNull(1);
+  if (!slot.keyExists) return {};
+  slot.keyId = query.number(0);
+  if (query.isNull(1)) return {};
+  slot.own = valueAt(query);
+  slot.value = &slot.own;
+  return {};
+}
+
+Outcome RegistryStore::scanSeen(std::size_t values) {
+  Query query(writer_, Sql::kScanKey);
+  const std::string from = seen_.scannedUpTo();
+  query.bind(*seen_.id()).bind(from).bind(static_cast<std::int64_t>(values));
+  int result = query.step();
+  for (; result == SQLITE_ROW; --values, result = query.step()) {
+    if (!seen_.noteScanned(query.bytes(0), valueAt(query))) return {};
   }
-  if (slot.valueExists) slot.value = {static_cast<unsigned>(query.number(1)), std::string(query.bytes(2))};
-  if (isProtected) last_ = {true, key, name, slot};
+  if (result != SQLITE_DONE) return writer_.failure(result);
+  if (values != 0) seen_.noteScannedToTheEnd();
   return {};
 }
 
@@ -313,25 +366,30 @@ int RegistryStore::ensureKey(const std::string& key, std::int64_t& id) {
     path = separator == std::string_view::npos ? std::string_view() : path.substr(0, separator);
   }
   std::reverse(missing.begin(), missing.end());
+  if (!seen_.isOf(key)) seen_.forget();  // it may be one of those that are created on the way
   for (const auto next : missing) {
     const auto name = next.substr(next.rfind('/') + 1);  // npos + 1 is the start
     const int result = Query(writer_, Sql::kAddKey).bind(next).bind(id).bind(name).step();
     if (result != SQLITE_DONE) return result;
     id = writer_.lastKeyId();
   }
+  if (!missing.empty() && seen_.isOf(key)) seen_.noteCreated(id);
   return SQLITE_OK;
 }
 
-int RegistryStore::putValue(std::int64_t keyId, const std::string& name, unsigned type,
-                            std::string_view data) {
-  Query query(writer_, Sql::kPutValue);
-  return query.bind(keyId).bind(name).bind(std::int64_t{type}).bind(data).step();
+int RegistryStore::putValue(const Slot& slot, const std::string& name, unsigned type, std::string_view data) {
+  Query query(writer_, slot.value != nullptr ? Sql::kUpdateValue : Sql::kAddValue);
+  const int result = query.bind(std::int64_t{type}).bind(data).bind(slot.keyId).bind(name).step();
+  if (result == SQLITE_DONE) seen_.note(name, StoredValue{type, std::string(data)});
+  return result;
 }
 
 void RegistryStore::reportSuccess(Access access) {
+  if (!isFaulty_) return;
   const std::lock_guard state(stateLock_);
   readFault_.clear();
   if (access == Access::kWriting) writeFault_.clear();
+  isFaulty_ = !writeFault_.empty();
 }
 
 void RegistryStore::reportFailure(Access access, const Outcome& outcome) {
@@ -342,6 +400,7 @@ void RegistryStore::reportFailure(Access access, const Outcome& outcome) {
     std::string& fault = access == Access::kReading ? readFault_ : writeFault_;
     const bool known = outcome.reason == readFault_ || outcome.reason == writeFault_;
     fault = outcome.reason;
+    isFaulty_ = true;
     if (known) return;
     path = pathInForce();
   }

@@ -17,7 +17,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <list>
 #include <map>
 #include <mutex>
@@ -26,14 +25,11 @@
 #include <thread>
 
 #include "lqregistry/LqRegistryFile.h"
+#include "platform/registry/function_ref.h"
 #include "platform/registry/registry_connection.h"
+#include "platform/registry/seen_key.h"
 
 namespace lqregistry {
-
-struct StoredValue {
-  unsigned type = 0;
-  std::string data;
-};
 
 class RegistryStore {
  public:
@@ -58,34 +54,36 @@ class RegistryStore {
   Outcome removeKey(const std::string& key);
   Outcome removeValue(const std::string& key, const std::string& name);
 
-  // Batches; see WriteBatch. Begin and end on the same thread.
+  // Batches and snapshots; see WriteBatch and ReadSnapshot. Begin and end on the same thread.
+  void beginSnapshot();
+  void endSnapshot();
   void beginBatch();
   void lockBatch();
   bool endBatch();
   void abandonBatch();
 
  private:
-  // A value's place: which key, and what it holds now.
+  // A value's place: which key, and what it holds now, if anything. The value is what the transaction has
+  // seen, or was read into the slot.
   struct Slot {
+    Slot() = default;
+    Slot(const Slot&) = delete;
+    Slot& operator=(const Slot&) = delete;
+    bool holds(unsigned type, std::string_view data) const {
+      return value != nullptr && value->type == type && value->data == data;
+    }
+
     std::int64_t keyId = 0;
     bool keyExists = false;
-    bool valueExists = false;
-    StoredValue value;
-  };
-
-  // The slot that was looked up last, while nothing can have changed it.
-  struct LastSlot {
-    bool isValid = false;
-    std::string key;
-    std::string name;
-    Slot slot;
+    const StoredValue* value = nullptr;
+    StoredValue own;
   };
 
   // A write: `look` finds out, without changing anything, whether there is something to do; `act` does it.
   struct Change {
     bool createsFile = false;
-    std::function<Outcome(bool& needed)> look;
-    std::function<int()> act;
+    FunctionRef<Outcome(bool& needed)> look;
+    FunctionRef<int()> act;
   };
 
   RegistryStore() = default;
@@ -94,8 +92,8 @@ class RegistryStore {
   Outcome inherited();
 
   Outcome openFor(Connection& connection, Access access);
-  Outcome read(const std::function<Outcome(Connection&)>& look);
-  Outcome readFrom(Connection& connection, const std::function<Outcome(Connection&)>& look);
+  Outcome read(FunctionRef<Outcome(Connection&)> look);
+  Outcome readFrom(Connection& connection, FunctionRef<Outcome(Connection&)> look);
   Outcome change(const Change& change);
   Outcome attempt(const Change& change);
   Outcome lookFor(const Change& change, bool& needed);
@@ -107,14 +105,22 @@ class RegistryStore {
   void holdStill();
   void noteLock(const Outcome& outcome);
   void noteLoss();
+  // Whether nothing but this thread's own writes can change what the connection shows.
+  bool isStill(const Connection& connection) const {
+    return &connection == &writer_ && writer_.inTransaction();
+  }
   bool isWriting() const { return writer_.inTransaction() && !isSnapshot_; }
   void leaveBatch();
 
+  // In a transaction of the writing connection, from what it has seen when that is enough.
   Outcome findSlot(Connection& connection, const std::string& key, const std::string& name, Slot& slot);
+  Outcome findSeen(const std::string& key, const std::string& name, Slot& slot);
+  static Outcome lookUp(Connection& connection, const std::string& key, const std::string& name, Slot& slot);
+  Outcome scanSeen(std::size_t values);
   static Outcome findKey(Connection& connection, std::string_view key, std::int64_t& id);
   static int lookUpKey(Connection& connection, std::string_view key, std::int64_t& id);
   int ensureKey(const std::string& key, std::int64_t& id);
-  int putValue(std::int64_t keyId, const std::string& name, unsigned type, std::string_view data);
+  int putValue(const Slot& slot, const std::string& name, unsigned type, std::string_view data);
 
   void reportSuccess(Access access);
   void reportFailure(Access access, const Outcome& outcome);
@@ -132,7 +138,7 @@ class RegistryStore {
   bool hasWaited_ = false;      // the batch waited for another process in vain, and does so only once
   bool pendingWrites_ = false;  // the open transaction holds changes
   bool lostWrites_ = false;     // changes of this batch, reported as successful, were rolled back
-  LastSlot last_;
+  SeenKey seen_;                // by the open transaction
 
   // Guarded by the reader lock.
   Connection reader_;
@@ -141,6 +147,7 @@ class RegistryStore {
   std::string path_;
   std::string readFault_;  // the reasons that were logged and have not gone away yet
   std::string writeFault_;
+  std::atomic<bool> isFaulty_{false};  // one of the two is there; read without the lock
 
   std::atomic<std::thread::id> batchOwner_;
   std::atomic<std::chrono::milliseconds> writeWait_{kDefaultWriteWait};

@@ -71,13 +71,13 @@ Outcome RegistryStore::lookFor(const Change& change, bool& needed) {
 }
 
 Outcome RegistryStore::act(const Change& change) {
-  last_.isValid = false;
   const int result = change.act();
   if (result == SQLITE_OK || result == SQLITE_DONE) {
     pendingWrites_ = true;
     return {};
   }
   Outcome outcome = writer_.failure(result);
+  seen_.forget();
   noteLoss();
   return outcome;
 }
@@ -100,9 +100,10 @@ Outcome RegistryStore::beginTransaction() {
 }
 
 Outcome RegistryStore::tryBegin() {
-  last_.isValid = false;
+  seen_.forget();
   Outcome outcome = openFor(writer_, Access::kWriting);
   if (!outcome.ok()) return outcome;
+  if (isSnapshot_) rollBack();  // what is to be written is compared with what is committed now
   const int result = writer_.runWithoutWaiting(Sql::kBegin);
   return result == SQLITE_OK ? outcome : writer_.failure(result);
 }
@@ -137,6 +138,7 @@ void RegistryStore::holdStill() {
   if (!locksAtOnce_ || writer_.inTransaction()) return;
   const Outcome outcome = beginTransaction();
   noteLock(outcome);
+  seen_.forget();
   if (!outcome.ok() && writer_.isOpen() && writer_.isReadOnly())
     isSnapshot_ = writer_.run(Sql::kBeginReading) == SQLITE_OK;
 }
@@ -153,6 +155,20 @@ void RegistryStore::beginBatch() {
   lostWrites_ = false;
   pendingWrites_ = false;
   batchOwner_ = std::this_thread::get_id();
+}
+
+void RegistryStore::beginSnapshot() {
+  if (isInherited_) return;
+  beginBatch();
+  if (batchDepth_ > 1 || !openFor(writer_, Access::kReading).ok()) return;
+  seen_.forget();
+  isSnapshot_ = writer_.run(Sql::kBeginReading) == SQLITE_OK;
+}
+
+void RegistryStore::endSnapshot() {
+  if (isInherited_) return;
+  if (batchDepth_ == 1 && isSnapshot_) rollBack();
+  static_cast<void>(endBatch());
 }
 
 void RegistryStore::lockBatch() {

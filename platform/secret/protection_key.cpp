@@ -132,7 +132,6 @@ std::shared_ptr<const Key> keyInForce(KeyUse use, const char* caller) {
   const CWmError error = loadKey(factsFor(use), *key);
   const std::lock_guard lock(s.mutex);
   if (!error.IsError()) {
-    s.complaint.clear();
     s.key = key;
     return key;
   }

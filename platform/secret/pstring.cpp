@@ -77,7 +77,7 @@ bool decodeBase64(std::string_view text, std::vector<unsigned char>& bytes) {
 
 pstring::pstring(std::string_view secret) : secret_(secret) {}
 pstring::~pstring() {
-  wipe();
+  if (!secret_.empty()) wipe();
 }
 pstring::pstring(const pstring& other) = default;
 pstring::pstring(pstring&& other) noexcept

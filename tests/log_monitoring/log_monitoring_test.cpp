@@ -76,33 +76,29 @@ TEST_F(LogMonitoring, TheKindOfMachineDecidesWhatTheCheckDoes) {
     start.push_back("0|" + kCheck + "LM Pruning is diabled");
     return start;
   };
-  const struct {
-    const char* what;
-    const char* platform;
-    const char* spoolhand;
-    const char* analytics;
-    const char* disabled;
-    Lines lines;
-    bool isChecked;
-    bool isCleared;
-  } cases[] = {{"neither Spoolhand nor server", kClient, "0", "1", "0", without, false, false},
-               {"Spoolhand without analytics", kClient, "1", "false", "0", with, false, false},
-               {"Spoolhand with analytics", kClient, "1", "true", "0", completed(with), true, false},
-               {"the same, switched off", kClient, "1", "true", "1", disabled(with), false, false},
-               {"the server, whatever the property says", kServer, "0", "0", "no number", completed(without),
-                true, true},
-               {"the server, switched off", kServer, "0", "1", "-1", disabled(without), false, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    setValue("Machine", "nPLATFORMTYPE", c.platform);
-    setValue("Packages", "bFULLSPOOLHAND", c.spoolhand);
-    setValue(kProperties, "AnalyticSearchEngineEnabled", c.analytics);
-    setValue("Spoolhand", "nDisableLMPrune", c.disabled);
+  // What it is, its platform type, Spoolhand, analytics, the switch, the lines, whether it is checked and
+  // cleared.
+  using Text = const char*;
+  const std::tuple<Text, Text, Text, Text, Text, Lines, bool, bool> cases[] = {
+      {"neither Spoolhand nor server", kClient, "0", "1", "0", without, false, false},
+      {"Spoolhand without analytics", kClient, "1", "false", "0", with, false, false},
+      {"Spoolhand with analytics", kClient, "1", "true", "0", completed(with), true, false},
+      {"the same, switched off", kClient, "1", "true", "1", disabled(with), false, false},
+      {"the server, whatever the property says", kServer, "0", "0", "no number", completed(without), true,
+       true},
+      {"the server, switched off", kServer, "0", "1", "-1", disabled(without), false, false}};
+  for (const auto& [what, platform, spoolhand, analytics, switchedOff, expected, isChecked, isCleared] :
+       cases) {
+    SCOPED_TRACE(what);
+    setValue("Machine", "nPLATFORMTYPE", platform);
+    setValue("Packages", "bFULLSPOOLHAND", spoolhand);
+    setValue(kProperties, "AnalyticSearchEngineEnabled", analytics);
+    setValue("Spoolhand", "nDisableLMPrune", switchedOff);
     writeFile(workFile_, "");
     EXPECT_EQ(checkLogs(), 0);
-    EXPECT_EQ(lines(), c.lines);
-    EXPECT_EQ(calls(), c.isChecked ? "space 4294967338\n" : "");
-    EXPECT_EQ(fs::exists(workFile_), !c.isCleared);
+    EXPECT_EQ(lines(), expected);
+    EXPECT_EQ(calls(), isChecked ? "space 4294967338\n" : "");
+    EXPECT_EQ(fs::exists(workFile_), !isCleared);
     EXPECT_EQ(dlopen(helper_.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << "released after each call";
   }
 }

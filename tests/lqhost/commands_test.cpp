@@ -40,24 +40,22 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
   expectRefused({"--machine", "a/b"}, 3, "cannot hold a \"/\": a/b");
   writeFile(dir_ / "file", "");
   expectRefused({"--base", dir_ / "file"}, 3, dir_ / "file");
-  expectErr(runProgram({programPath("lqhost"), "--registry", dir_.path().string(), "join", joinFile_,
-                        "--home", home_}),
-            3, {dir_.path().string()});
+  std::filesystem::create_directory(dir_ / "folder");
+  expectErr(
+      runProgram({programPath("lqhost"), "--registry", dir_ / "folder", "join", joinFile_, "--home", home_}),
+      3, {dir_ / "folder", "it is not a file"});
 
   expectOut(lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1", "--host", "host1"}), 0,
             {"Instance001 joined overhub at " + address_ + " as client web-1, id 42"});
   EXPECT_EQ(valueOf("Hosts/host1", "sCLIENTNAME"), "web-1");
   EXPECT_EQ(valueOf("SOFTWARE/Velmor/Clients/web-1", "nCLIENTID"), "42");
   EXPECT_EQ(valueOf("Base", "dBASEHOME"), home_ + "/Base");
-  EXPECT_TRUE(std::filesystem::is_directory(home_ + "/Log_Files"));
+  EXPECT_EQ(modeOf(home_ + "/Log_Files"), 0700U);
 }
 
 TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
-  for (const char* command : {"sync", "refresh", "upload", "status", "run"}) {
-    const auto result = lqhost({command});
-    expectErr(result, 3, {"lqhost join FILE"});
-    EXPECT_EQ(result.out, "");
-  }
+  for (const char* command : {"sync", "refresh", "upload", "status", "run", "monitor", "alerts"})
+    expectErr(lqhost({command}), 3, {"lqhost join FILE"});
   writeFile(clientRegistry_, std::string(5000, '#'));
   expectErr(lqhost({"sync"}), 3, {clientRegistry_, "not a database"});
   EXPECT_EQ(readFile(clientRegistry_), std::string(5000, '#'));
@@ -68,14 +66,15 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   expectErr(lqhost({"sync"}), 1,
             {"the registry is as it was", "Failed to connect to the remote machine " + address_});
   expectErr(lqhost({"refresh"}), 1, {"nothing to reapply"});
+  EXPECT_TRUE(contains(readFile(home_ + "/Log_Files/lqhost-command.log"), "Failed to connect"));
+  EXPECT_FALSE(contains(lqhost({"sync"}).err, " E [")) << "the log is not shown as well";
+  EXPECT_FALSE(std::filesystem::exists(home_ + "/Log_Files/lqhost.log")) << "is the resident host's";
 
   expectOk({"set", "web-1", "Limits", "nMAX", "10"});
   ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
   const auto server = serve();
   const auto synced = lqhost({"sync", "--watch", "Limits", "nMAX"});
-  EXPECT_EQ(synced.exitCode, 0) << synced.err;
-  for (const char* part : {"2 added", "callback ran: Limits nMAX", "acknowledged: taskStatus 3 (applied)"})
-    EXPECT_TRUE(contains(synced.out, part)) << synced.out;
+  expectOut(synced, 0, {"2 added", "callback ran: Limits nMAX", "acknowledged: taskStatus 3 (applied)"});
   EXPECT_FALSE(contains(synced.out + synced.err, "sesame"));
 
   // The cache keeps what could not be applied, so that a refresh tries, and reports, it too.
@@ -91,6 +90,10 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   expectOut(uploaded, 4, {"uploaded and kept"});
   expectErr(uploaded, 4, {"21 were left out", "~Long s1: 10240 bytes", "and 1 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
+
+  // The checks say why there is nothing to do.
+  expectOut(lqhost({"monitor"}), 0, {"Spoolhand is installed 0\ndone, or nothing to do on this machine\n"});
+  expectOut(lqhost({"alerts"}), 1, {"Index Server is not installed\nfailed\n"});
 
   setValue("EventManager", "bEnableRegistrySync", "0");
   expectOut(lqhost({"sync"}), 5, {"skipped"});

@@ -37,9 +37,7 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
     writeFile(dir_ / "batch.xml", batchText({key}));
     return ask({"push", "web-1", dir_ / "batch.xml"});
   };
-  const auto pushed = push(record("Pushed", "sVALUE", "at once"));
-  EXPECT_EQ(pushed.exitCode, 0) << pushed.err;
-  EXPECT_EQ(pushed.out, "applied\n");
+  expectOut(push(record("Pushed", "sVALUE", "at once")), 0, {"applied\n"});
   EXPECT_EQ(valueOf("Pushed", "sVALUE"), "at once");
   // A key that may not be created remotely.
   EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n");
@@ -47,9 +45,7 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
   expectOut(fetched, 1, {"sNONE   not there, or 1,024 bytes or more\nsVALUE  at once"});
   EXPECT_TRUE(contains(fetched.err, "lqhost upload")) << fetched.err;
-  const auto called = ask({"call", "web-1", "7", "world"});
-  EXPECT_EQ(called.exitCode, 0) << called.err;
-  EXPECT_EQ(called.out, "hello, world\n");
+  expectOut(ask({"call", "web-1", "7", "world"}), 0, {"hello, world\n"});
   expectErr(ask({"call", "web-1", "8", "world"}), 1, {"Callback function not implemented"});
 
   expectOut(lqhost({"upload"}), 0, {"records uploaded and kept by the server"});
@@ -139,9 +135,13 @@ TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
   setValue("Limits", "nMAX", "99");
   EXPECT_TRUE(statusSays(": failed"));
   expectOut(lqhost({"status"}), 6, {R"(~Limits nMAX is "99", should be "10")", "1 of 1 values differ"});
-  expectOut(lqhost({"refresh"}), 0, {"1 changed"});
-  expectOut(lqhost({"status"}), 1,
-            {"0 of 1 values differ", "sync          enabled"});  // the last pass failed
+  expectOut(lqhost({"refresh"}), 0,
+            {"1 changed", "the cache holds 1 records now, 1 before; the next refresh is due in 3600 s"});
+  expectOut(
+      lqhost({"status"}), 1,  // the last pass failed
+      {"0 of 1 values differ", "sync          enabled", "instance      Instance001 in " + clientRegistry_,
+       "joined to     overhub at " + address_ + " as client web-1, id 42",
+       "cache         1 records, written 2"});
   expectErr(lqhost({"upload"}), 1, {"nothing was uploaded"});
 
   expectOk({"set", "web-1", "Limits", "nMAX", "11"});
@@ -203,6 +203,14 @@ TEST_F(ResidentHost, DoesNotStartOnWhatItCannotUse) {
   refuses({"--module", LQ_LIB_DIR "/libLqPlatform.so"}, "LqHostModule_Register");
   const ScriptedPeer other(listen_, programs::kHostServicePort, "", "", [](PeerSession&) {});
   refuses({}, "--listen and --port name another place");
+  EXPECT_TRUE(std::filesystem::exists(home_ + "/Log_Files/lqhost.log"));
+
+  // Consistent in every tree, and a path is elsewhere than its name.
+  setValue("Odd/Leaf", "sVALUE", "x");
+  std::string damaged = readFile(clientRegistry_);
+  for (std::size_t at = 0; (at = damaged.find("Odd/Leaf", at)) != std::string::npos;) damaged[at + 7] = 'e';
+  writeFile(clientRegistry_, damaged);
+  expectErr(lqhost({"run", "--listen", listen_}), 3, {clientRegistry_});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Registry and settings cache stay together: what a pass came to by the word of the server and the fate of
 // the cache, and the note that stands between a pass or a push and the next refresh.
 #include <future>
+#include <regex>
 
 #include "common/file_lock.h"
 #include "lqhost/commands/before_work.h"
@@ -33,6 +34,9 @@ class Settled : public ProductTest {
     const PlayedServer server(address_, sessionKey_, {answering(batchText(keys)), taker});
     return lqhost(command);
   }
+  static void leaving(PlayedServer::Stage& stage) {
+    if (stage.acceptAttach()) stage.takeMessage();
+  }
   void expectStatus(int exitCode, const std::string& text) const {
     expectOut(lqhost("status"), exitCode, {text});
   }
@@ -43,17 +47,14 @@ class Settled : public ProductTest {
 };
 
 TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
-  const auto refusing = [](PlayedServer::Stage& stage) {
+  const auto forgetting = [](PlayedServer::Stage& stage) {
     if (!stage.acceptAttach()) return;
     stage.takeMessage();
     stage.peer.writeFrame(PeerSession::kRefuseRequest, "no \x1b[31mroom");
     stage.peer.answerGoodbye();
   };
-  const auto leaving = [](PlayedServer::Stage& stage) {
-    if (stage.acceptAttach()) stage.takeMessage();
-  };
   const std::tuple<PlayedServer::Script, int, const char*> cases[] = {
-      {refusing, 9, "not acknowledged: the server could not record the outcome: no \\x1b[31mroom"},
+      {forgetting, 9, "not acknowledged: the server could not record the outcome: no \\x1b[31mroom"},
       {leaving, 9, "did not say whether it recorded that"},
       {[](PlayedServer::Stage&) {}, 9, "not acknowledged: the server could not be told"},
       {taking(), 0, "acknowledged: taskStatus 3 (applied)"}};
@@ -61,6 +62,55 @@ TEST_F(Settled, OnlyAnAcknowledgementThatTheServerRecordedCounts) {
     expectOut(pass(one_, taker), exitCode, {text});
     expectStatus(exitCode, exitCode == 0 ? "applied and acknowledged" : "has not recorded");
     EXPECT_FALSE(std::filesystem::exists(noteFile())) << "the cache was stored: " << text;
+  }
+}
+
+TEST_F(Settled, TheReportSaysWhatBecameOfEachRecord) {
+  for (const char* const there : {"sCHANGED", "sSAME", "sGONE", "sOVER", "sOFF"}) setValue("A", there, "1");
+  const std::string longest(48, 'v');
+  const auto synced =
+      pass({record("~A", "sNEW", "is overruled"), record("A", "sNEW", longest),
+            record("A", "sLONG", longest + "v"), record("A", "sCHANGED", "2"), record("A", "sSAME", "1"),
+            removal("A", "sGONE"), record("A", "sOVER", "1"), record("A", "sOVER_UNTIL", "1"),
+            disabled("A", "sOFF", "1"), secretRecord("A", "sPW", "sesame"),
+            removal("EventManager", "dOBLOGDIR"), record("A", "", "x"), removal("A", ""),
+            record("Clients", "Other", "", "KEY"), record("A", std::string(1025, 'n'), "1")});
+  EXPECT_EQ(synced.exitCode, 4);
+  std::string text = synced.out.substr(0, synced.out.find("acknowledged"));
+  for (const auto& [from, to] :
+       {std::pair(" +", " "), std::pair("v{48}", "48v"), std::pair("n{1025}", "1025n")})
+    text = std::regex_replace(text, std::regex(from), to);
+  EXPECT_EQ(text, R"(OUTCOME KEY VALUE NOW NOTE
+added ~A sNEW 48v
+added ~A sLONG 48v...
+changed ~A sCHANGED 2
+left ~A sSAME 1
+removed ~A sGONE
+removed ~A sOVER expired
+left ~A sOVER_UNTIL expired
+removed ~A sOFF disabled
+added ~A sPW ******** protected
+reset ~EventManager dOBLOGDIR /opt/x/Log_Files removed by the server, reset to its default
+failed ~A a record without a name cannot be removed
+failed ~Clients Other keys may not be created remotely
+failed ~A 1025n see the log
+
+15 records: 3 added, 1 changed, 3 removed, 1 reset, 2 left as they were, 3 failed
+)");
+}
+
+TEST_F(Settled, AnUploadIsKeptWhenTheServerSaysSo) {
+  const std::tuple<PlayedServer::Script, int, const char*> cases[] = {
+      {answering(R"(<OBGui.RegistryTaskResp taskStatus="3"/>)"), 0,
+       "records uploaded and kept by the server"},
+      {answering(R"(<OBGui.RegistryTaskResp taskStatus="1"/>)"), 1,
+       "sent, but the server could not keep them"},
+      {leaving, 1, "records were sent, but the server gave no verdict"}};
+  for (const auto& [answer, exitCode, text] : cases) {
+    const PlayedServer server(address_, sessionKey_, {answer});
+    const auto uploaded = lqhost("upload");
+    EXPECT_EQ(uploaded.exitCode, exitCode) << text;
+    EXPECT_TRUE(contains(exitCode == 0 ? uploaded.out : uploaded.err, text)) << uploaded.out << uploaded.err;
   }
 }
 
@@ -173,13 +223,14 @@ TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
 
   host::ResidentSocket socket;
   ASSERT_FALSE(socket.open().IsError());
-  const auto echo = [](const std::string& question) {
-    return host::CommandResult{4, question + "\n", "err\n"};
+  const std::string longer(5'000'000, 'o');  // than a socket holds at a time
+  const auto echo = [&](const std::string& question) {
+    return host::CommandResult{4, longer + question + "\n", "err\x1b\n"};
   };
   ASSERT_FALSE(socket.serve(echo).IsError());
   const auto answered = lqhost("sync");
   EXPECT_EQ(answered.exitCode, 4);
-  EXPECT_EQ(answered.out + answered.err, "sync\nerr\n");
+  EXPECT_TRUE(answered.out == longer + "sync\n" && answered.err == "err\\x1b\n");
   EXPECT_TRUE(host::mayAsk(0, 7) && host::mayAsk(7, 7));
   EXPECT_FALSE(host::mayAsk(7, 0) || host::mayAsk(8, 7));
   EXPECT_EQ(host::waitingCallbacksText(9999), "9999 wait in the resident host");

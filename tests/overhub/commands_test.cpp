@@ -1,5 +1,6 @@
 // The commands that maintain the data directory, as a person or a script runs them.
 #include <algorithm>
+#include <climits>
 #include <ctime>
 
 #include "tests/overhub/overhub_fixture.h"
@@ -33,7 +34,7 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
             "server-host=\"mgmt.example\"\nserver-name=\"hub\"\nclient-name=\"web-1\"\nclient-id=3\n"
             "session-key=\"" +
                 key + "\"\n");
-  for (const char* const directory : {"", "/clients", "/keys", "/acks", "/join"})
+  for (const char* const directory : {"/..", "", "/clients", "/keys", "/acks", "/join"})
     EXPECT_EQ(modeOf(data_ + directory), 0700U) << directory;
   for (const std::string& file : {data_ + "/keys/web-1.key", batchFile("web-1"), joinFile})
     EXPECT_EQ(modeOf(file), 0600U) << file;
@@ -53,6 +54,9 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   EXPECT_TRUE(contains(overhub({"clients"}).out, "b      9223372036854775807  0        never"));
   EXPECT_EQ(overhub({"add-client", "c"}).exitCode, 1) << "there is no higher id";
   expectOk({"add-client", "c", "--id", "5"});
+  std::string here(HOST_NAME_MAX + 1, '\0');
+  ASSERT_EQ(gethostname(here.data(), here.size()), 0);
+  EXPECT_TRUE(contains(fileText("join/c.join"), std::string("server-host=\"") + here.c_str() + "\"\n"));
 }
 
 // Names become file names, and a second registration would silently replace a client's key.
@@ -109,21 +113,22 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
   expectOk({"set", "web-1", "~/Limits", "nMAX", "20", "--until", "1999999999"});
   expectOk({"set", "web-1", "~/Limits", "nMAX", "21", "--until", "2000000000", "--disabled"});
   expectOk({"set", "web-1", "~/Gone", "x", "--delete"});
-  const auto shown = overhub({"show", "web-1"});
-  EXPECT_EQ(shown.out,
-            "PATH      NAME        TYPE    VALUE       FLAGS\n"
-            "~/Limits  nMAX        STRING  21          disabled\n"
-            "~/Other   nMAX        NUMBER  -1\n"
-            "~         Local       KEY\n"
-            "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
-            "~/Gone    x           STRING              delete\n");
+  const std::string head = "PATH      NAME        TYPE    VALUE       FLAGS\n";
+  const std::string limit = "~/Limits  nMAX        STRING  21          disabled\n";
+  const std::string rest =
+      "~/Other   nMAX        NUMBER  -1\n"
+      "~         Local       KEY\n"
+      "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
+      "~/Gone    x           STRING              delete\n";
+  EXPECT_EQ(overhub({"show", "web-1"}).out, head + limit + rest);
 
   const auto batch = batchOf("web-1");
   for (const auto& key : batch.keys.get()) EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
 
   expectOk({"unset", "web-1", "~/Limits", "nMAX"});
-  EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", "nMAX"}).exitCode, 1);
-  EXPECT_TRUE(contains(overhub({"show", "web-1"}).out, "~/Other   nMAX"));
+  for (const char* const absent : {"nMAX", "nmax_until"})
+    EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", absent}).exitCode, 1);
+  EXPECT_EQ(overhub({"show", "web-1"}).out, head + rest);
 }
 
 // An expiry that is off by hours, or taken from a typing mistake, removes settings from machines.

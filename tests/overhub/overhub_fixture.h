@@ -102,6 +102,6 @@ class OverhubTest : public testing::Test {
   }
 
   TempDir dir_;
-  std::string data_ = dir_ / "data";
+  std::string data_ = dir_ / "made/data";
   std::string address_ = uniqueLoopbackAddress();
 };

@@ -63,9 +63,7 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
     });
     return atHost(command);
   };
-  const auto applied = push(OBGui::kTaskSuccess, {"push", "web-1"});
-  EXPECT_EQ(applied.exitCode, 0) << applied.err;
-  EXPECT_EQ(applied.out, "applied\n");
+  expectOut(push(OBGui::kTaskSuccess, {"push", "web-1"}), 0, {"applied\n"});
   ASSERT_EQ(sent.keys->size(), 2U);
   EXPECT_EQ(sent.keys.get()[0].value.get(), "10");
   EXPECT_EQ(sent.keys.get()[1].encryptedValue->reveal(), "sesame");
@@ -74,9 +72,7 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   writeFile(file,
             "<OBGui.RegistryTaskResp taskStatus='2'><client clientId='99'/><keys>"
             "<OBGui.RegistryKeyInfo valueName='n'/></keys></OBGui.RegistryTaskResp>");
-  const auto failed = push(OBGui::kTaskFailed, {"push", "web-1", file});
-  EXPECT_EQ(failed.exitCode, 1);
-  EXPECT_EQ(failed.out, "failed\n");
+  expectOut(push(OBGui::kTaskFailed, {"push", "web-1", file}), 1, {"failed\n"});
   EXPECT_TRUE(sent.keys->size() == 1U && sent.client->clientId == 7 &&
               sent.taskStatus == OBGui::kTaskSuccess);
   const std::string acks = overhub({"acks", "web-1"}).out;
@@ -96,9 +92,8 @@ TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
     answer.payload = std::to_string(message.messageType.get()) + "|" + message.payload.get();
     reply(session, answer);
   });
-  const auto echoed = atHost({"call", "web-1", "-9223372036854775808", "a\n\x1b\\<&> \xff"});
-  EXPECT_EQ(echoed.exitCode, 0) << echoed.err;
-  EXPECT_EQ(echoed.out, "-9223372036854775808|a\n\x1b\\<&> \xff\n");
+  expectOut(atHost({"call", "web-1", "-9223372036854775808", "a\n\x1b\\<&> \xff"}), 0,
+            {"-9223372036854775808|a\n\x1b\\<&> \xff\n"});
   const std::string asked = dir_ / "ask";
   writeFile(asked, "printf 'a\\n\\033[2J' | \"$OVERHUB\" call web-1 7 - --host " + address_);
   const auto shown = shell("script -qec 'sh " + asked + "' /dev/null </dev/null");
@@ -131,28 +126,24 @@ TEST_F(OverhubRequestTest, FindsTheClient) {
   EXPECT_EQ(overhub({"client-host", "web-1", "a*b"}).exitCode, 2);
   std::filesystem::remove(data_ + "/hosts/web-1");
   std::filesystem::create_directory(data_ + "/hosts/web-1");
-  const auto unreadable = overhub(push);
-  EXPECT_TRUE(unreadable.exitCode == 3 && contains(unreadable.err, "hosts/web-1")) << unreadable.err;
+  expectErr(overhub(push), 3, {"hosts/web-1"});
 }
 
 // Whatever the other end does, the command ends and says what it was.
 TEST_F(OverhubRequestTest, ErrorsNameTheClientAndTheReason) {
-  const struct {
-    Script script;
-    int exitCode;
-    const char* reason;
-    const char* seconds = "60";
-  } cases[] = {
+  // What the other end does, and what the command ends with and says, given so many seconds.
+  const std::tuple<Script, int, const char*, const char*> cases[] = {
       {[](PeerSession& session, const CNMessageBase&) {
          session.writeFrame(PeerSession::kRefuseRequest, "not today");
        },
-       1, "not today"},
+       1, "not today", "60"},
       {[](PeerSession& session, const CNMessageBase&) { reply(session, App::GenericResp()); }, 1,
-       "App.GenericResp"},
-      {verdictOf(2), 1, "task status 2"},
+       "App.GenericResp", "60"},
+      {verdictOf(2), 1, "task status 2", "60"},
       {[](PeerSession& session, const CNMessageBase&) { session.writeFrame(PeerSession::kGoodbye); }, 1,
-       "ended the session"},
-      {[](PeerSession& session, const CNMessageBase&) { session.reset(); }, 4, "may have been carried out"},
+       "ended the session", "60"},
+      {[](PeerSession& session, const CNMessageBase&) { session.reset(); }, 4, "may have been carried out",
+       "60"},
       {[](PeerSession&, const CNMessageBase&) {}, 4, "--timeout", "1"},
   };
   for (const auto& [script, exitCode, reason, seconds] : cases) {
@@ -166,9 +157,7 @@ TEST_F(OverhubRequestTest, ErrorsNameTheClientAndTheReason) {
                                 [](PeerSession& session) { session.handshake(); });
     expectErr(atHost({"push", "web-1"}), 1, {"lqhost join"});
   }
-  for (const char* const nobody : {"web-2", "@static"}) {
-    expectErr(overhub({"push", nobody}), 1, {nobody});
-  }
+  for (const char* const nobody : {"web-2", "@static"}) expectErr(overhub({"push", nobody}), 1, {nobody});
 }
 
 }  // namespace

@@ -51,8 +51,8 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
   EXPECT_TRUE(contains(overhub({"clients"}).out, "id=7 taskStatus=3 (applied)"));
   EXPECT_EQ(server->stop(), 0);
   EXPECT_TRUE(contains(server->output(), "web-1 on machine1: OBGui.RegistryTaskReq: 2 records"));
-  EXPECT_FALSE(contains(server->output(), "sesame"));
-  EXPECT_FALSE(contains(server->output(), "cut off"));
+  for (const char* const absent : {"sesame", "cut off", "cannot be let in"})
+    EXPECT_FALSE(contains(server->output(), absent)) << absent;
 }
 
 // Who is not let in, and hears why.
@@ -67,6 +67,7 @@ TEST_F(OverhubServerTest, RefusesStrangersAndUnknownServices) {
     CLqNetwork network;
     EXPECT_EQ(attach(network).GetCode(), kLqErrHandshake) << name;
   }
+  EXPECT_TRUE(contains(server->output(), "client keyless cannot be let in: " + data_)) << server->output();
   become("web-1");
   CLqNetwork network;
   const CWmError refused = attach(network, kLibrary, "sLPOTHER");

@@ -1,6 +1,7 @@
 // What clients upload of their registries: kept by the running server, looked at with the commands.
 
 #include "tests/overhub/overhub_fixture.h"
+#include "tests/support/product_fixture.h"
 
 namespace {
 
@@ -12,14 +13,6 @@ class OverhubUploadTest : public OverhubTest {
     upload.taskStatus = OBGui::kTaskUpload;
     upload.keys.edit();
     return upload;
-  }
-  static void add(OBGui::RegistryTaskResp& upload, const std::string& path, const std::string& name,
-                  const std::string& type, const std::string& value) {
-    OBGui::RegistryKeyInfo& key = upload.keys.edit().emplace_back();
-    key.keyPath = path;
-    key.valueName = name;
-    key.valueType = type;
-    key.value = value;
   }
   std::string uploadFile(const std::string& client) const { return data_ + "/uploads/" + client + ".xml"; }
 };
@@ -37,13 +30,12 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   std::string refusal;
 
   auto older = uploadOf(kWideIdNarrowed);
-  add(older, "Limits", "sLONG", "STRING", std::string(1 << 20, 'x'));
+  older.keys.edit() = {record("Limits", "sLONG", std::string(1 << 20, 'x'))};
   ask(network, older, refusal);
 
   auto upload = uploadOf(kWideIdNarrowed);
-  add(upload, "", "Limits", "KEY", "");
-  add(upload, "Limits", "sODD", "STRING", "a\nb\x1b[31m\\ \xff");
-  add(upload, "Limits", "sPW", "ENCRYPTED", "V8:abcd");
+  upload.keys.edit() = {record("", "Limits", "", "KEY"), record("Limits", "sODD", "a\nb\x1b[31m\\ \xff"),
+                        record("Limits", "sPW", "V8:abcd", "ENCRYPTED")};
   const auto verdict = ask(network, upload, refusal);
   EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
   EXPECT_EQ(verdict.client->clientId, kWideIdNarrowed);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <thread>
 
@@ -269,6 +270,8 @@ TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
   EXPECT_TRUE(FXFile::ReadContents(path_, text, 9).IsError()) << "more than that";
   EXPECT_FALSE(FXFile::ReplaceContents(path_, "").IsError());
   EXPECT_EQ(readFile(path_), "");
+  std::string longest(PATH_MAX - 3, 'd');
+  EXPECT_TRUE(FXPath::Append(longest, "f") && !FXPath::Append(longest, "f") && longest.ends_with("d/f"));
   EXPECT_EQ(fileCount(), 1);
 }
 

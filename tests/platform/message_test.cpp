@@ -108,6 +108,9 @@ TEST_F(MessageTest, TellsSetFromUnset) {
   set.point.edit();
   set.children.edit();
   EXPECT_FALSE(set.equals(unset));
+  Tree longer = set;
+  longer.children.edit().emplace_back();
+  EXPECT_FALSE(set.equals(longer) || longer.equals(set));
   for (const Tree* tree : {&unset, static_cast<const Tree*>(&set)}) {
     std::string text;
     ASSERT_EQ(tree->serialize(text, false), 0);

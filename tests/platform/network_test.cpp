@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <list>
 
 #include "lqregistry/CLqNetwork.h"
@@ -85,6 +86,15 @@ class EchoServer {
 
   void awaitOutcomes(std::size_t count) {
     while (outcomes().size() < count) std::this_thread::yield();
+  }
+
+  // As long as nothing comes, the room sleeps, whoever is in it.
+  static void expectSleeping() {
+    constexpr std::chrono::milliseconds kWatched{200};
+    const std::clock_t before = std::clock();
+    std::this_thread::sleep_for(kWatched);
+    const double spent = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
+    EXPECT_LT(spent, std::chrono::duration<double>(kWatched).count() / 4);
   }
 
   // Waits until so many wait before and after their attach.
@@ -195,7 +205,7 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
 
   Note large;
   std::string& text = large.text.edit();
-  while (text.size() < (1U << 19)) text += static_cast<char>(1 + text.size() % 255);
+  while (text.size() < (1U << 20)) text += static_cast<char>(1 + text.size() % 255);
   large.secret = pstring("a secret");
   std::string raw;
   ASSERT_FALSE(exchange(network, large, &raw).IsError());
@@ -204,6 +214,7 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
   large.serialize(expectedRaw, true);
   EXPECT_TRUE(raw == expectedRaw);
 
+  EchoServer::expectSleeping();
   expectError(exchange(network, noteOf("decline")), kLqErrRequestRefused, "not today");
   EXPECT_EQ(message, nullptr);
   EXPECT_TRUE(network.IsConnected());
@@ -242,11 +253,13 @@ TEST_F(NetworkTest, WhatPreventsTheConnectionIsNamed) {
   const CWmError nobody = attach(network);
   expectError(nobody, kLqErrConnect, address + " port 8400: Connection refused");
   expectError(nobody, kLqErrConnect, address + " port 8402: Connection refused");
-  expectError(attachTo("host*client*8400"), kLqErrBadTarget, "host*client*8400");
+  expectError(attachTo("host*client*8400"), kLqErrBadTarget, "the server: \"host*client*8400");
   expectError(attachTo("no host has this name*client*8400*8402"), kLqErrConnect, "no host has");
 
-  join(kIdentity, "00ff");
-  expectError(attach(network), kLqErrNoCredentials, "damaged");
+  for (const std::string& damaged : {std::string("00ff"), kKey + std::string("00")}) {
+    join(kIdentity, damaged);
+    expectError(attach(network), kLqErrNoCredentials, "damaged");
+  }
   lqregistry::UseFile(folder / "empty.db");
   expectError(attach(network), kLqErrNoCredentials, "lqhost join");
   EXPECT_FALSE(gone);
@@ -449,22 +462,26 @@ TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
 }
 
 TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
-  EchoServer server(address, kFirstPort);
-  const PlainSocket caller;
+  LqListener::Limits limits;
+  limits.patience = std::chrono::hours(1);  // so nobody makes room
+  EchoServer server(address, kFirstPort, limits);
+  const PlainSocket callers[2];
   const oblog::Capture log;
   rlimit whole{};
   getrlimit(RLIMIT_NOFILE, &whole);
   const int lowest = dup(0);
   close(lowest);
   const rlimit few{static_cast<rlim_t>(lowest) + 1, whole.rlim_max};  // but a part of them is kept for others
-  setrlimit(RLIMIT_NOFILE, &few);
-  ASSERT_TRUE(caller.connectTo(address, kFirstPort));
-  while (log.Lines().empty()) std::this_thread::yield();
-  EXPECT_EQ(server.listener.census().callers, 0U);
-  setrlimit(RLIMIT_NOFILE, &whole);
-  server.awaitCensus(1, 0);
-  ASSERT_EQ(log.Lines().size(), 1U);
-  EXPECT_TRUE(contains(log.Lines()[0].text, "cannot take callers on " + address));
+  for (std::size_t present = 0; present < 2; ++present) {
+    setrlimit(RLIMIT_NOFILE, &few);
+    ASSERT_TRUE(callers[present].connectTo(address, kFirstPort));
+    while (log.Lines().size() == present) std::this_thread::yield();
+    EXPECT_EQ(server.listener.census().callers, present);
+    setrlimit(RLIMIT_NOFILE, &whole);
+    server.awaitCensus(present + 1, 0);
+    ASSERT_EQ(log.Lines().size(), present + 1) << "one line each time";
+    EXPECT_TRUE(contains(log.Lines()[present].text, "cannot take callers on " + address));
+  }
 }
 
 // --- who waits, and who has to go --------------------------------------------------------------------------
@@ -475,8 +492,10 @@ class RoomTest : public NetworkTest {
   std::unique_ptr<PeerSession> askingPeer() {
     auto peer = PeerSession::call(address, kFirstPort, kIdentity, kKey);
     if (peer == nullptr) return nullptr;
-    peer->writeFrame(PeerSession::kAttach,
-                     R"(<Session.AttachRequest version="1" library="sLNTEST" entry="e" caller="machine1"/>)");
+    std::string request =
+        R"(<Session.AttachRequest version="1" library="sLNTEST" entry="e" caller="machine1")";
+    request.append(kMaxAttachFrameBytes - 1 - request.size() - 2, ' ');  // as long as one may be
+    peer->writeFrame(PeerSession::kAttach, request + "/>");
     return peer;
   }
   std::unique_ptr<PeerSession> attachedPeer() {
@@ -493,7 +512,7 @@ class RoomTest : public NetworkTest {
   }
 
   static constexpr std::size_t kBegun = (64U << 10) + 1;
-  const std::string large_ = "<Test.Note text=\"" + std::string(3 * kBegun, 'x') + "\"/>";
+  const std::string large_ = "<Test.Note text=\"" + std::string(3U << 20, 'x') + "\"/>";
   static constexpr std::chrono::milliseconds kForever = std::chrono::hours(1);
 };
 
@@ -519,11 +538,14 @@ TEST_F(RoomTest, WhoeverIsSilentCostsNobodyAnything) {
   for (const auto& stranger : strangers) stranger.send("\x03");  // and one more byte each
   expectGoodExchange();
   server.awaitCensus(300, 20);
+  EchoServer::expectSleeping();
   for (const auto& stranger : strangers) EXPECT_TRUE(stranger.isOpen());
   for (auto sleeper = std::next(sleepers.begin()); sleeper != sleepers.end(); ++sleeper) {
     (*sleeper)->writeFrame(PeerSession::kMessage, "<Test.Note/>");
     EXPECT_EQ((*sleeper)->readFrame().kind, PeerSession::kMessage);
   }
+  server.stop();
+  for (const auto& stranger : strangers) EXPECT_FALSE(stranger.isOpen());
 }
 
 // With no patience left, the oldest goes: of an address with too many, of the largest address when there are
@@ -609,7 +631,8 @@ TEST_F(RoomTest, CallersAndSessionsHaveTheirTime) {
 // is declined when its time to wait is over, and its session goes on; once there is memory, it is read.
 TEST_F(RoomTest, LargeMessagesWaitForMemoryAndHearWhenThereIsNone) {
   LqListener::Limits limits;
-  limits.patience = limits.requestTime = kForever;
+  limits.patience = std::chrono::minutes(1);  // which is over for those only who have had memory for so long
+  limits.requestTime = kForever;
   limits.turnTime = std::chrono::milliseconds(1);
   EchoServer server(address, kFirstPort, limits);
   auto first = largePeer();
@@ -623,6 +646,7 @@ TEST_F(RoomTest, LargeMessagesWaitForMemoryAndHearWhenThereIsNone) {
   } while (heard.kind == PeerSession::kMessage);
   EXPECT_EQ(heard.kind, PeerSession::kRefuseRequest);
   EXPECT_NE(heard.payload.find("no memory for so large a message"), std::string::npos) << heard.payload;
+  EchoServer::expectSleeping();
   third->writeFrame(PeerSession::kMessage, "<Test.Note text=\"small\"/>");
   EXPECT_EQ(third->readFrame().payload, "<Test.Note text=\"small\"/>");
   first.reset();

@@ -40,6 +40,8 @@ TEST_F(RegistryTest, APassExcludesOtherProcessesUntilItEndsOrDies) {
   EXPECT_TRUE(contains(reason, "process ") && !contains(reason, "process " + std::to_string(getpid())))
       << reason;
   EXPECT_TRUE(contains(reason, readFile(file))) << "the holder is noted in the file";
+  writeFile(file, "");
+  EXPECT_TRUE(contains(takeInVain(), "held by another process;")) << "which it is about to be";
 
   LQPI_Focus::setFocus("I2");
   EXPECT_TRUE(LqPassLock("of another instance").isHeld());

@@ -61,6 +61,19 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
   }
 }
 
+TEST_F(RegistryTest, ATroubleThatComesBackIsReportedAgain) {
+  ASSERT_TRUE(info_.setString("A", "name", "good 0", 0));
+  const oblog::Capture log;
+  for (const char* const next : {"good 1", "good 2", "good 3"}) {
+    sql("ALTER TABLE key_values RENAME TO away");
+    for (int i = 0; i < 2; ++i)
+      EXPECT_FALSE(valueOf("A", "name").has_value() || info_.setString("A", "name", "bad", 0));
+    sql("ALTER TABLE away RENAME TO key_values");
+    EXPECT_TRUE(valueOf("A", "name") && info_.setString("A", "name", next, 0));
+  }
+  EXPECT_EQ(log.Lines().size(), 3U) << "one trouble is one line";
+}
+
 // The connections are its parent's, and so are the locks that threads of the parent held.
 TEST_F(RegistryTest, AChildForkedFromOneThatHasItOpenIsRefused) {
   ASSERT_TRUE(info_.setString("A", "name", "data", 0));

@@ -1,6 +1,7 @@
 // A registry file of its own for each test, seen from instance "I1", and other processes that use it.
 #pragma once
 
+#include <sqlite3.h>
 #include <sys/socket.h>
 
 #include <csignal>
@@ -83,6 +84,15 @@ class RegistryTest : public ::testing::Test {
     if (order == "begin") return true;
     return order == "find it read-only" && info.setString("A", "name", "new", 0) == 0 &&
            info.getRegError() == kRegUnavailable && contains(info.getRegErrorText(), "read-only");
+  }
+
+  // A statement on the registry file, behind the library's back.
+  void sql(const std::string& statement) const {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(file_.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
   }
 
   TempDir dir_;

@@ -31,6 +31,7 @@ TEST_F(RegistryTest, LooksAtTheFocusOfTheObjectOrElseOfTheProcess) {
   EXPECT_EQ(data, "of I2");
   info_.setFocus("I2/A");
   EXPECT_FALSE(info_.createRegKey("~")) << "an instance's name is one component";
+  EXPECT_TRUE(contains(info_.getRegErrorText(), "the instance name holds"));
 
   LQPI_Focus::setFocus("");
   LQPlatformInfo nobody;
@@ -141,6 +142,12 @@ TEST_F(RegistryTest, CreatesTheFileForItsOwnerAloneAndOnlyWhenThereIsSomethingTo
   EXPECT_FALSE(std::filesystem::exists(file_));
   EXPECT_TRUE(log.Lines().empty());
 
+  lqregistry::UseFile(dir_ / "none/registry.db");
+  EXPECT_FALSE(info_.createRegKey("A"));
+  EXPECT_TRUE(contains(info_.getRegErrorText(), "it cannot be created: No such file"))
+      << info_.getRegErrorText();
+
+  lqregistry::UseFile(file_);
   EXPECT_TRUE(info_.createRegKey("A"));
   for (const char* companion : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(file_ + companion), 0600U) << companion;
 }

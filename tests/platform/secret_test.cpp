@@ -1,5 +1,4 @@
 // Protected values and their key: what is sealed, whose key it is, and what happens when the key is lost.
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include "lqregistry/pstring.h"
@@ -41,17 +40,11 @@ class Secrets : public RegistryTest {
     EXPECT_EQ(pstring("secret").getV8Password(), sealed);
   }
 
-  // A statement on the registry file, behind the library's back.
-  void sql(const std::string& statement) const {
+  void toFormat1() const {
     lqregistry::UseFile("/nowhere");
-    sqlite3* database = nullptr;
-    ASSERT_EQ(sqlite3_open(file_.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(database);
-    sqlite3_close(database);
+    sql("DROP TABLE facts; PRAGMA user_version = 1");
     restart();
   }
-  void toFormat1() const { sql("DROP TABLE facts; PRAGMA user_version = 1"); }
 
   std::string key_ = file_ + ".key";
   std::string sealed_;

@@ -1,9 +1,10 @@
-// The text form of an attach target, and the names that an attach asks with.
+// The text form of an attach target, the names that an attach asks with, and the time that it gets.
 #include "platform/network/target.h"
 
 #include <gtest/gtest.h>
 
 #include "lqregistry/CLqNetwork.h"
+#include "platform/network/deadline.h"
 
 TEST(Target, IsTakenApartFromTheRightAndUnchangedByWhatIsNone) {
   Target target;
@@ -21,4 +22,17 @@ TEST(Target, NamesAreCutToTheirRoomAndLeaveNothingOfLongerOnesBefore) {
   remote.setNames("library", std::string(5000, 'e'));
   EXPECT_EQ(std::string(remote.libraryName), "library");
   EXPECT_EQ(std::string(remote.entryName), std::string(sizeof remote.entryName - 1, 'e'));
+}
+
+TEST(Deadlines, AreTheEarlierOfTwoAndSharedAmongAttempts) {
+  using std::chrono::hours;
+  const std::pair<Deadline, int> cases[] = {{Deadline::in(-1).within(hours(1)), 1},
+                                            {Deadline::in(7200).within(hours(1)), 1},
+                                            {Deadline::in(3600).within(hours(2)), 1},
+                                            {Deadline::in(7200).share(2), 1},
+                                            {Deadline::in(0), 0},
+                                            {Deadline::in(3600).within(hours(-1)), 0}};
+  for (const auto& [deadline, left] : cases)
+    EXPECT_TRUE(deadline.limited() && std::chrono::ceil<hours>(deadline.remaining()) == hours(left));
+  EXPECT_FALSE(Deadline::in(-1).share(2).limited());
 }

@@ -119,42 +119,32 @@ TEST_F(Download, SecretsThatCannotBeProtectedLeaveTheCacheAsItWas) {
 
 // --- the log directory -------------------------------------------------------------------------------------
 
-TEST_F(Download, ARemovedLogDirectoryEndsAsTheDefaultOne) {
-  setValue("EventManager", "dOBLOGDIR", "/elsewhere");
-  setValue("Base", "dVELMORHOME", "/opt/x/");
-  const oblog::Capture log;
-  EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR"), record("A", "sSET", "1")}).taskStatus,
-            OBGui::kTaskSuccess);
-  EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), "/opt/x/Log_Files");
-  EXPECT_EQ(cachedNames(), Lines{"sSET"});
-  EXPECT_EQ(
-      linesOf(log, kRepairTag),
-      (Lines{
-          "plain|downLoadAndUpdateClient| Fetched dVELMORHOME regKey from client's registry :: /opt/x",
-          "plain|downLoadAndUpdateClient| dOBLOGDIR key added successfully at client's registry with default "
-          "path :: /opt/x/Log_Files"}));
-}
-
-TEST_F(Download, WithoutAHomeTheLogDirectoryStaysRemoved) {
-  for (const bool isEmpty : {true, false}) {
+TEST_F(Download, ARemovedLogDirectoryEndsAsTheDefaultOneWhereThereIsAHome) {
+  const Lines fetched = {
+      "plain|downLoadAndUpdateClient| Fetched dVELMORHOME regKey from client's registry :: /opt/x"};
+  const std::string place = "dOBLOGDIR key at client's registry with default path :: /opt/x/Log_Files";
+  // The home, as what the directory is removed, what it is afterwards, and the last line.
+  const std::tuple<std::optional<std::string>, const char*, std::optional<std::string>, std::string> cases[] =
+      {{"/opt/x/", "STRING", "/opt/x/Log_Files",
+        "plain|downLoadAndUpdateClient| dOBLOGDIR key added successfully at client's registry with default "
+        "path :: "
+        "/opt/x/Log_Files"},
+       {"/opt/x", "KEY", "/elsewhere", "error|downLoadAndUpdateClient|  Got issue while adding " + place},
+       {"", "STRING", {}, "error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"},
+       {{}, "STRING", {}, "error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"}};
+  for (const auto& [home, type, directory, line] : cases) {
     setValue("EventManager", "dOBLOGDIR", "/elsewhere");
-    setValue("Base", "dVELMORHOME", "");
-    if (!isEmpty) removeValue("Base", "dVELMORHOME");
+    setValue("Base", "dVELMORHOME", home.value_or(""));
+    if (!home) removeValue("Base", "dVELMORHOME");
     const oblog::Capture log;
-    EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR")}).taskStatus, OBGui::kTaskSuccess);
-    EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), std::nullopt);
-    EXPECT_EQ(linesOf(log, kRepairTag),
-              Lines{"error|downLoadAndUpdateClient|Cannot determine Velmor Home folder"});
+    EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR", type), record("A", "sSET", "1")}).taskStatus,
+              OBGui::kTaskSuccess);
+    EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), directory);
+    EXPECT_EQ(cachedNames(), Lines{"sSET"});
+    Lines lines = home.value_or("").empty() ? Lines() : fetched;
+    lines.push_back(line);
+    EXPECT_EQ(linesOf(log, kRepairTag), lines);
   }
-}
-
-TEST_F(Download, ARepairThatFailsIsReportedAndChangesNothingElse) {
-  const oblog::Capture log;
-  EXPECT_EQ(passWith({removal("EventManager", "dOBLOGDIR", "KEY")}).taskStatus, OBGui::kTaskSuccess);
-  EXPECT_TRUE(
-      hasLine(log,
-              "error|downLoadAndUpdateClient|  Got issue while adding dOBLOGDIR key at client's registry "
-              "with default path :: /opt/x/Log_Files"));
 }
 
 TEST_F(Download, OnlyTheExactNameMarkedForRemovalIsRepaired) {

@@ -32,8 +32,9 @@ class Session : public ProductTest {
 // --- the object --------------------------------------------------------------------------------------------
 
 TEST_F(Session, ThePlatformTypeIsWhatSessionsKnowOfTheMachines) {
-  const std::pair<const char*, std::uint32_t> cases[] = {{"0", 0}, {"1", 0}, {"2", 2}, {"4", 4},
-                                                         {"5", 4}, {"6", 2}, {"7", 2}, {"8", 0}};
+  const std::pair<const char*, std::uint32_t> cases[] = {{"0", 0},  {"1", 0},         {"2", 2}, {"4", 4},
+                                                         {"5", 4},  {"6", 2},         {"7", 2}, {"8", 0},
+                                                         {"-6", 4}, {"4294967298", 4}};
   for (const auto& [bits, type] : cases) {
     setValue("Machine", "nPLATFORMTYPE", bits);
     const LqRegistryManagerClnt client("");

@@ -1,8 +1,6 @@
 // The entry points.
 #include "lqregistry/sync_task.h"
 
-#include <dlfcn.h>
-
 #include <array>
 #include <ctime>
 
@@ -21,14 +19,6 @@ class EntryPoints : public ProductTest {
 
   LqPeriodicTaskStatus status_;
 };
-
-TEST_F(EntryPoints, AreFoundByTheirPlainNames) {
-  void* const library = dlopen(LQ_LIB_DIR "/libLqRegistryClnt.so", RTLD_NOW);
-  for (const char* name :
-       {"RegistryDownload_OnStart", "RegistryDownload_OnTimer", "fnLqSyncRegistryKeysInfo",
-        "updateRegistryKeys", "PrepareLqSyncRegistryKeys", "RegKeyGetVMName", "GetModuleFileName"})
-    EXPECT_NE(dlsym(library, name), nullptr) << name;
-}
 
 // --- the task ----------------------------------------------------------------------------------------------
 

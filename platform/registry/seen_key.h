@@ -1,0 +1,63 @@
+// What an open transaction has seen of the key that it looked at last.
+//
+// Within a transaction nothing changes but by its own writes, which are noted here as well, so a value that
+// was compared is not looked up again to be written. Batches come key by key: once several values of one key
+// were looked up, the store reads its values in one ordered scan, which costs a fraction of the look-ups that
+// it saves.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace lqregistry {
+
+struct StoredValue {
+  unsigned type = 0;
+  std::string data;
+};
+
+class SeenKey {
+ public:
+  // Nothing is known any more.
+  void forget() { isKnown_ = false; }
+  // What is known from here on is of this key, which another one's knowledge gives way to.
+  void turnTo(const std::string& path);
+  void turnTo(const std::string& path, std::int64_t id);
+  bool isOf(std::string_view path) const { return isKnown_ && path_ == path; }
+
+  // The key's row, once it is known; nothing when the key does not exist.
+  std::optional<std::int64_t> id() const { return id_; }
+  void noteRow(std::optional<std::int64_t> id);
+  void noteCreated(std::int64_t id);
+
+  // Whether it is known what the key holds under this name; then `value` is that, or null for nothing.
+  bool knows(const std::string& name, const StoredValue*& value) const;
+  // What a look-up found, or a write left.
+  void note(const std::string& name, std::optional<StoredValue> value);
+
+  // How many values are to be scanned before the next look-up; 0 for none.
+  std::size_t valuesToScan();
+  // Where the last scan ended; the next one begins behind it. Empty before the first.
+  const std::string& scannedUpTo() const { return scannedUpTo_; }
+  // One value of a scan, in the order of their names. False when the scan has kept enough in memory.
+  bool noteScanned(std::string_view name, StoredValue value);
+  void noteScannedToTheEnd() { isWhole_ = true; }
+
+ private:
+  bool isKnown_ = false;
+  bool isWhole_ = false;  // a name that is not among values_ is not there
+  std::string path_;
+  std::optional<std::int64_t> id_;
+  std::map<std::string, std::optional<StoredValue>, std::less<>> values_;
+  std::string scannedUpTo_;
+  std::size_t scannedValues_ = 0;
+  std::size_t scannedBytes_ = 0;
+  std::size_t lookUps_ = 0;
+  std::size_t nextScan_ = 0;
+};
+
+}  // namespace lqregistry
