@@ -4,14 +4,12 @@
 
 #include <string>
 
-#include "lqhost/exit_codes.h"
-
 namespace host {
 
 struct CommandResult {
-  int exitCode = kExitOk;
-  std::string out;  // for standard output, whole lines; texts from outside are escaped already
-  std::string err;  // for standard error, likewise
+  int exitCode = 0;  // of commands/exit_codes.h
+  std::string out;   // for standard output, whole lines; texts from outside are escaped already
+  std::string err;   // for standard error, likewise
 };
 
 // A failure in one line. `what` may hold anything; it is escaped here.

@@ -10,7 +10,7 @@
 #include "common/program_start.h"
 #include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
-#include "lqhost/exit_codes.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"

@@ -1,5 +1,6 @@
 #include "lqhost/commands/before_work.h"
 
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 
 namespace host {

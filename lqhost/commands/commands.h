@@ -23,9 +23,6 @@ void addStatus(CommandLine& line);
 inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
 
-// What a synchronisation with this outcome ends with.
-[[nodiscard]] int exitCodeOf(RunOutcome outcome);
-
 // What the resident host does for those who ask it, and what the commands do themselves when there is none.
 [[nodiscard]] CommandResult synchroniseNow(Passes& passes);
 [[nodiscard]] CommandResult refreshNow(Passes& passes);

@@ -11,6 +11,7 @@
 #include "common/join_file.h"
 #include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"

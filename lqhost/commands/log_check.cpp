@@ -3,6 +3,7 @@
 #include "common/terminal_text.h"
 #include "lqhost/command_result.h"
 #include "lqhost/commands/before_work.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/product_library.h"
 #include "lqregistry/ObLog.h"

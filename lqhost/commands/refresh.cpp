@@ -2,6 +2,7 @@
 // the cache is behind the registry, it synchronises instead.
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/service/command_socket.h"

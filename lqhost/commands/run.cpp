@@ -10,6 +10,7 @@
 #include "common/stop_signals.h"
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/command_socket.h"
 #include "lqhost/service/host_module.h"

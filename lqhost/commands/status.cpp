@@ -9,6 +9,7 @@
 #include "common/terminal_text.h"
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"

@@ -6,6 +6,7 @@
 #include "common/terminal_text.h"
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/service/command_socket.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
@@ -115,30 +116,6 @@ int sync(const CommandLine::Pairs& watched) {
 }
 
 }  // namespace
-
-int exitCodeOf(RunOutcome outcome) {
-  switch (outcome) {
-    case RunOutcome::kDone:
-    case RunOutcome::kApplied:
-      return kExitOk;
-    case RunOutcome::kPartly:
-      return kExitPartly;
-    case RunOutcome::kUnacknowledged:
-      return kExitUnacknowledged;
-    case RunOutcome::kSkipped:
-      return kExitSkipped;
-    case RunOutcome::kCacheLost:
-      return kExitCacheLost;
-    case RunOutcome::kCacheKept:
-      return kExitCacheKept;
-    case RunOutcome::kCacheUnreadable:
-      return kExitCacheUnreadable;
-    case RunOutcome::kFailed:
-    case RunOutcome::kPutOff:
-      break;
-  }
-  return kExitFailed;
-}
 
 CommandResult synchroniseNow(Passes& passes) {
   const oblog::Capture log(kRepeatedLevel);

@@ -11,6 +11,7 @@
 
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
+#include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/left_out.h"
 #include "lqhost/pass/wire_watch.h"

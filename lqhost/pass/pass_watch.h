@@ -1,62 +1,21 @@
-// The one watcher of a pass. It sees what went over the wire on the thread of the pass, and from that, and
-// from what became of the cache, follows one outcome: the command's report and exit code, the note that
-// `lqhost status` reads and the schedule of the resident host all go by it.
+// The one watcher of a pass. It sees what went over the wire on the thread of the pass; what that makes of
+// the pass is decided in pass_outcome.h.
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <string>
 #include <vector>
 
-#include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/current_value.h"
+#include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/OBGui.h"
 
 namespace host {
-
-// What a run came to. The numbers stand in notes on disk; add at the end.
-enum class RunOutcome {
-  kDone,             // a refresh, or another task that exchanges nothing
-  kApplied,          // applied, in the cache, and recorded by the server
-  kPartly,           // not everything could be applied
-  kUnacknowledged,   // applied, but the server has not recorded that
-  kSkipped,          // synchronisation is switched off, or joining is not finished
-  kFailed,           // no batch was received
-  kCacheLost,        // applied, but the cache could not be written
-  kCacheKept,        // applied, but the cache holds more records than the reply and was kept
-  kCacheUnreadable,  // applied, but the cache cannot be read and was not replaced
-  kPutOff,           // a refresh that was not run, since a synchronisation has to come first
-};
-inline constexpr int kLastOutcome = static_cast<int>(RunOutcome::kPutOff);
-
-// One line for people.
-const char* outcomeText(RunOutcome outcome);
 
 // What the records of a batch were before they were applied. Reading them costs as much again as applying
 // them, so only a command with a report to print asks for it.
 struct PassDetails {
   OBGui::KeyList batch;              // as it arrived
   std::vector<CurrentValue> before;  // for each record
-};
-
-struct PassResult {
-  bool batchReceived = false;
-  std::size_t records = 0;                     // of the batch
-  std::optional<std::int64_t> acknowledgedAs;  // the taskStatus sent; nothing when none was
-  bool isGoodbyeAnswered = false;              // after that: the server has dealt with it
-  std::string refusal;                         // why the server would not record it; empty when it did
-  int taskResult = 0;                          // of the product's callback
-  std::size_t failedRecords = 0;               // as the report counts them; 0 where none is made
-  CacheFate cache = CacheFate::kStored;
-  CWmError noteError;  // why the pass could not be noted before it began
-
-  // Sent, dealt with, and not refused.
-  bool isAcknowledged() const { return acknowledgedAs && isGoodbyeAnswered && refusal.empty(); }
-  // Where several hold, what leaves the machine furthest from what the server wants comes first.
-  RunOutcome outcome() const;
-  // Whether the schedule can leave it at that for a whole period.
-  bool hasEndedWell() const;
 };
 
 // Opened and closed on the thread that runs the pass.

@@ -5,8 +5,9 @@
 #include <cstddef>
 #include <optional>
 
+#include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_note.h"
-#include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/pass_outcome.h"
 
 namespace host {
 

@@ -7,6 +7,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_report.h"
+#include "lqhost/pass/pass_watch.h"
 #include "lqregistry/ObDebug.h"
 
 namespace host {

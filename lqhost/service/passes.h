@@ -19,7 +19,7 @@
 #include <string>
 
 #include "lqhost/pass/pass_note.h"
-#include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/service/product_library.h"
 #include "lqhost/service/task_times.h"

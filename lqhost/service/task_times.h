@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/pass_outcome.h"
 
 namespace host {
 

@@ -1,5 +1,5 @@
 // What a pass came to.
-#include "lqhost/pass/pass_watch.h"
+#include "lqhost/pass/pass_outcome.h"
 #include "tests/support/product_fixture.h"
 
 namespace {

@@ -1,10 +1,11 @@
-// What lqhost's exit codes mean, for scripts; the help text lists them.
+// What lqhost's exit codes mean, for scripts, and which outcome ends with which; the help text lists them.
 //
 // A pass can deserve several; it ends with the one that stands first in: 1, 5, 4, 7, 10, 8, 9. `lqhost
 // status` goes by 3, 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
 #pragma once
 
 #include "common/command_line.h"
+#include "lqhost/pass/pass_outcome.h"
 
 namespace host {
 
@@ -19,5 +20,8 @@ inline constexpr int kExitCacheLost = 7;  // applied, but the settings cache cou
 inline constexpr int kExitCacheKept = 8;  // applied, but the reply was shorter than the cache, which stays
 inline constexpr int kExitUnacknowledged = 9;    // applied, but the server has not recorded that
 inline constexpr int kExitCacheUnreadable = 10;  // applied, but a cache that cannot be read is not replaced
+
+// What a synchronisation or a refresh with this outcome ends with.
+[[nodiscard]] int exitCodeOf(RunOutcome outcome);
 
 }  // namespace host
