@@ -14,7 +14,7 @@
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/service/command_socket.h"
-#include "lqhost/service/task_times.h"
+#include "lqhost/service/task_notes.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"

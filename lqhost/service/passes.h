@@ -22,7 +22,7 @@
 #include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/service/product_library.h"
-#include "lqhost/service/task_times.h"
+#include "lqhost/service/task_notes.h"
 
 namespace host {
 

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "lqhost/service/product_library.h"
-#include "lqhost/service/task_times.h"
+#include "lqhost/service/task_notes.h"
 
 namespace host {
 

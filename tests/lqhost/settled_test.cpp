@@ -10,7 +10,7 @@
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_note.h"
 #include "lqhost/service/command_socket.h"
-#include "lqhost/service/task_times.h"
+#include "lqhost/service/task_notes.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 

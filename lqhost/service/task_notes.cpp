@@ -1,4 +1,4 @@
-#include "lqhost/service/task_times.h"
+#include "lqhost/service/task_notes.h"
 
 #include <array>
 #include <cstdio>
