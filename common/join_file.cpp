@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <string_view>
 #include <utility>
 
 #include "lqregistry/CLqNetwork.h"
@@ -19,10 +18,6 @@ constexpr const char* kClientName = "client-name";
 constexpr const char* kClientId = "client-id";
 constexpr const char* kSessionKey = "session-key";
 
-constexpr std::string_view kWordCharacters =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._:%-";
-constexpr std::size_t kMaxWord = 255;
-
 std::string quotedLine(const char* name, const std::string& value) {
   return std::string(name) + "=\"" + value + "\"\n";
 }
@@ -32,11 +27,6 @@ CWmError unusable(std::string why) {
 }
 
 }  // namespace
-
-bool fitsJoinFile(const std::string& word) {
-  return !word.empty() && word.size() <= kMaxWord &&
-         word.find_first_not_of(kWordCharacters) == std::string::npos;
-}
 
 std::string joinFileText(const JoinFile& join) {
   return "# Join file of client " + join.clientName +

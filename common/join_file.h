@@ -17,10 +17,8 @@ struct JoinFile {
   std::string sessionKeyHex;
 };
 
-// Whether a server's host or name can stand in a join file and in a target: letters, digits and . _ : % -
-bool fitsJoinFile(const std::string& word);
-
-// The file's text, as a reader of command-line configuration files takes it.
+// The file's text, as a reader of command-line configuration files takes it. The server's host and name have
+// to be acceptable (common/host_name.h).
 std::string joinFileText(const JoinFile& join);
 
 // Reads and checks a join file. The error's text may repeat what the file holds.

@@ -1,7 +1,7 @@
 // `overhub client-host`: records where a client is to be called from now on.
 #include <memory>
 
-#include "common/join_file.h"
+#include "common/host_name.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
@@ -13,7 +13,7 @@ constexpr const char* kFooter =
 directory to go back to that.)";
 
 int setHost(const DataStore& store, const std::string& client, const std::string& host) {
-  if (!programs::fitsJoinFile(host))
+  if (!programs::isAcceptableHostName(host))
     return complain(kExitUsage, "\"" + host + "\" is no host name or address");
   if (!store.hasClient(client)) return unknownClient(store, client);
   CWmError error = store.prepare();

@@ -4,7 +4,6 @@
 #include <limits>
 
 #include "common/host_name.h"
-#include "common/join_file.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/reporting.h"
 #include "records/service_names.h"
@@ -88,7 +87,7 @@ int ClientLink::findHost(const DataStore& store) {
                                       "--host HOST, or for good with \"overhub client-host " +
                                       client_ + " HOST\"");
   }
-  if (!programs::fitsJoinFile(host_)) {
+  if (!programs::isAcceptableHostName(host_)) {
     return complain(kExitRefused, "\"" + host_ + "\" is no host name or address; \"overhub client-host " +
                                       client_ + " HOST\" sets the right one");
   }

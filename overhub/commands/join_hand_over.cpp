@@ -16,7 +16,7 @@ int JoinHandOver::begin(const std::string& client, programs::JoinFile& join) con
   join.clientName = client;
   join.serverName = serverName_;
   join.serverHost = serverHost_.empty() ? programs::ownHostName() : serverHost_;
-  if (!programs::fitsJoinFile(join.serverHost) || !programs::fitsJoinFile(join.serverName)) {
+  if (!programs::isAcceptableHostName(join.serverHost) || !programs::isAcceptableHostName(join.serverName)) {
     return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
                                     "\" have to be a host name or address and a name; --server-host and "
                                     "--server-name set them");

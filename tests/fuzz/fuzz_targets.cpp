@@ -10,6 +10,7 @@
 #include <map>
 #include <string_view>
 
+#include "common/host_name.h"
 #include "common/join_file.h"
 #include "common/terminal_text.h"
 #include "lqregistry/App.h"
@@ -193,7 +194,7 @@ void joinFile(const std::string& bytes) {
   std::string key;
   demand(read.clientId > 0 && sessionKeyFromHex(read.sessionKeyHex, key), "an accepted join file is usable");
   for (const std::string& word : {read.serverHost, read.serverName, read.clientName})
-    if (!programs::fitsJoinFile(word)) return;
+    if (!programs::isAcceptableHostName(word)) return;
   writeFile(path, programs::joinFileText(read));
   programs::JoinFile again;
   demand(!programs::readJoinFile(path, again).IsError() &&
