@@ -123,7 +123,7 @@ int LqRegistryManagerClnt::updateRegistryKeysForClient(OBGui::KeyList& keys) {
 bool LqRegistryManagerClnt::updateRegistryAndSendResponse(OBGui::KeyList& keys,
                                                           OBGui::RegistryTaskResp& response) {
   const bool applied = updateRegistryKeysForClient(keys) == kResultOk;
-  response.taskStatus = applied ? OBGui::kTaskSuccess : OBGui::kTaskFailed;
+  response.taskStatus = OBGui::taskStatusOf(applied);
   if (!sendWithoutReply(response))
     logger.Error("updateRegistryAndSendResponse", "Failed to send the response to the server");
   return applied;

@@ -36,10 +36,9 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
   if (reply == nullptr) return kResultFailed;
 
   OBGui::RegistryTaskResp acknowledgement;
-  acknowledgement.taskStatus = OBGui::kTaskSuccess;
   acknowledgement.client.edit().clientId = static_cast<std::int64_t>(clientId);
-  if (updateRegistryKeysForClient(reply->keys.edit()) != kResultOk)
-    acknowledgement.taskStatus = OBGui::kTaskFailed;
+  const bool applied = updateRegistryKeysForClient(reply->keys.edit()) == kResultOk;
+  acknowledgement.taskStatus = OBGui::taskStatusOf(applied);
   OBGui::RegisterSubsystem();
   sendMessage = &acknowledgement;
 

@@ -27,7 +27,7 @@ unsigned LqRegistryManagerClnt::serverRequestHandler(OBGui::RegistryTaskResp& re
   serverRequest.keys.edit().clear();
   serverRequest.client.edit().clientId = narrowedClientId();
   const bool applied = updateRegistryKeysForClient(request.keys.edit()) == kResultOk;
-  serverRequest.taskStatus = applied ? OBGui::kTaskSuccess : OBGui::kTaskFailed;
+  serverRequest.taskStatus = OBGui::taskStatusOf(applied);
   sendMessage = &serverRequest;
   return kAnswered;
 }

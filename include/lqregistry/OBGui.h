@@ -21,6 +21,11 @@ inline constexpr std::int64_t kTaskFailed = 1;   // the batch failed, or no batc
 inline constexpr std::int64_t kTaskUpload = 2;   // the message is a key upload
 inline constexpr std::int64_t kTaskSuccess = 3;  // the batch was applied
 
+// The taskStatus for what could be done as the other side wants it, or not.
+constexpr std::int64_t taskStatusOf(bool isDone) {
+  return isDone ? kTaskSuccess : kTaskFailed;
+}
+
 // One registry value.
 struct RegistryKeyInfo : MessageClass<RegistryKeyInfo, kNamespace, 300> {
   static constexpr const char* kClassName = "OBGui.RegistryKeyInfo";

@@ -83,7 +83,7 @@ Answer answerUpload(const DataStore& store, const std::string& client,
 
   auto verdict = std::make_unique<OBGui::RegistryTaskResp>();
   verdict->client = upload.client.get();
-  verdict->taskStatus = error.IsError() ? OBGui::kTaskFailed : OBGui::kTaskSuccess;
+  verdict->taskStatus = OBGui::taskStatusOf(!error.IsError());
   return Answer::withReply(
       std::move(verdict), (error.IsError() ? "upload failed: " : "upload stored: ") + countText(upload.keys));
 }
