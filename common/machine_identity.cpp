@@ -9,8 +9,6 @@ namespace programs {
 
 namespace {
 
-constexpr std::string_view kProtectedPrefix = "V8:";
-
 // Without a name: every value of the key, and of what lies below it.
 constexpr std::array kIdentity{lqsettings::Setting{lqsettings::kServerKey, ""},
                                lqsettings::Setting{lqsettings::kSessionsKey, ""},
@@ -34,10 +32,6 @@ bool isMachineIdentity(std::string_view keyPath, std::string_view valueName) {
   while (keyPath.starts_with('/')) keyPath.remove_prefix(1);
   return std::any_of(kIdentity.begin(), kIdentity.end(),
                      [&](const lqsettings::Setting& place) { return isPlaceOf(place, keyPath, valueName); });
-}
-
-bool isSecretValue(std::string_view valueName, std::string_view value) {
-  return valueName == lqsettings::kSessionKey.name || value.starts_with(kProtectedPrefix);
 }
 
 }  // namespace programs

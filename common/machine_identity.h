@@ -9,7 +9,4 @@ namespace programs {
 // `keyPath` is relative to the instance root, with or without "~" or "~/" in front.
 bool isMachineIdentity(std::string_view keyPath, std::string_view valueName);
 
-// Whether a value may not be shown: a session key, or the stored form of a protected value.
-bool isSecretValue(std::string_view valueName, std::string_view value);
-
 }  // namespace programs

@@ -14,10 +14,6 @@ inline constexpr const char* STRINGTYPE = "STRING";
 inline constexpr const char* ENCRYPTEDTYPE = "ENCRYPTED";
 inline constexpr const char* KEYTYPE = "KEY";
 
-// What stands in the place of a secret wherever a person looks. It also stands in a protected record's
-// `value`, because a client writes nothing for a record whose `value` is empty.
-inline constexpr const char* kHiddenSecret = "********";
-
 // Values are read into a buffer of this size: longer ones, their end included, count as unreadable.
 inline constexpr int kValueBuffer = 10240;
 

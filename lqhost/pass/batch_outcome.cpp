@@ -6,6 +6,7 @@
 
 #include "records/expiry.h"
 #include "records/record_rules.h"
+#include "records/secret_values.h"
 
 #include "lqregistry/LqSettings.h"
 
@@ -15,10 +16,6 @@ namespace {
 
 // Longer values are cut: reports are for looking at, not for reading back.
 constexpr std::size_t kShownValueBytes = 48;
-
-bool isProtected(const OBGui::RegistryKeyInfo& key) {
-  return key.valueType.get() == ENCRYPTEDTYPE;
-}
 
 RecordFate judge(const OBGui::RegistryKeyInfo& key, const CurrentValue& before, const CurrentValue& now) {
   if (key.valueName->empty()) return isToBeRemoved(key) ? RecordFate::kFailed : RecordFate::kLeft;

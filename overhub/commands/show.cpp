@@ -6,7 +6,7 @@
 #include "overhub/commands/commands.h"
 #include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
-#include "overhub/store/batch_edit.h"
+#include "records/secret_values.h"
 
 namespace {
 

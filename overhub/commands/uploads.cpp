@@ -2,14 +2,14 @@
 #include <algorithm>
 #include <memory>
 
-#include "common/machine_identity.h"
 #include "common/text_table.h"
 #include "lqregistry/UtcText.h"
 #include "overhub/commands/client_table.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
-#include "overhub/store/batch_edit.h"
+#include "records/record_rules.h"
+#include "records/secret_values.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ int showUpload(const DataStore& store, const std::string& client) {
   programs::TextTable table({"KEY", "NAME", "VALUE"});
   for (const OBGui::RegistryKeyInfo& record : upload.keys.get()) {
     table.addRow({keyOf(record), isKey(record) ? "" : record.valueName.get(),
-                  isSecret(record) || programs::isSecretValue(record.valueName.get(), record.value.get())
+                  isSecret(record) || isSecretValue(record.valueName.get(), record.value.get())
                       ? kHiddenSecret
                       : record.value.get()});
   }

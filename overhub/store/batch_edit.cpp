@@ -1,11 +1,10 @@
 #include "overhub/store/batch_edit.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "records/expiry.h"
+#include "records/secret_values.h"
 
 namespace {
 
@@ -57,8 +56,4 @@ bool unsetRecord(OBGui::KeyList& keys, const std::string& path, const std::strin
   if (found == keys.end()) return false;
   keys.erase(found);
   return true;
-}
-
-bool isSecret(const OBGui::RegistryKeyInfo& key) {
-  return key.encryptedValue.isSet() || strcasecmp(key.valueType->c_str(), ENCRYPTEDTYPE) == 0;
 }

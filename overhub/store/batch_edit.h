@@ -26,6 +26,3 @@ void setRecord(OBGui::KeyList& keys, const RecordChange& change);
 
 // Takes the record out; false when there is none.
 bool unsetRecord(OBGui::KeyList& keys, const std::string& path, const std::string& name);
-
-// Whether the record's value is secret. In any letter case: whoever wrote "encrypted" by hand meant it.
-bool isSecret(const OBGui::RegistryKeyInfo& key);
