@@ -41,8 +41,7 @@ LQ_EXPORT std::string MangleHostName(const std::string& host, const std::string&
 inline constexpr std::uint16_t kFirstServicePort = 8400;
 inline constexpr std::uint16_t kSecondServicePort = 8402;
 
-// Bounds on a frame: before a caller is attached, and after.
-inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
+// The bound on a frame, once a caller is attached.
 inline constexpr std::size_t kMaxMessageFrameBytes = 64U << 20;
 
 // What large frames may hold of a process's memory together, on the accepting and on the calling side each:

@@ -17,6 +17,9 @@
 #include "platform/network/frame_budget.h"
 #include "platform/network/tls_connection.h"
 
+// The bound on a frame before a caller is attached; kMaxMessageFrameBytes is that after.
+inline constexpr std::size_t kMaxAttachFrameBytes = 64U << 10;
+
 enum class FrameKind : std::uint8_t {
   kAttachRequest = 1,
   kAttachConfirmed = 2,

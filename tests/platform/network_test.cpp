@@ -11,6 +11,7 @@
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
+#include "platform/network/frame_stream.h"
 #include "tests/support/scripted_peer.h"
 #include "tests/support/test_support.h"
 
