@@ -1,5 +1,6 @@
 // Whether a registry file is sound.
 #include "platform/registry/registry_connection.h"
+#include "platform/registry/sqlite_calls.h"
 
 namespace lqregistry {
 
@@ -21,12 +22,12 @@ Outcome damaged(const std::string& what) {
 
 Outcome Connection::check() {
   std::string found;
-  int result = firstRow(kIntegrityCheck, found);
+  int result = readText(database_, kIntegrityCheck, found);
   if (result == SQLITE_OK && found != kSound) return damaged(found);
   found.clear();
-  if (result == SQLITE_OK) result = firstRow(kOrphanCheck, found);
+  if (result == SQLITE_OK) result = readText(database_, kOrphanCheck, found);
   if (result == SQLITE_OK && !found.empty()) return damaged("it holds values without a key");
-  if (result == SQLITE_OK) result = firstRow(kPathCheck, found);
+  if (result == SQLITE_OK) result = readText(database_, kPathCheck, found);
   if (result == SQLITE_OK && !found.empty())
     return damaged("key " + found + " has another path than its parent and name say");
   return result == SQLITE_OK ? Outcome{} : failure(result);

@@ -1,8 +1,4 @@
-// Opening a registry file and talking SQL to it.
-//
-// Keys and values are rows. A key's row holds its full path, which makes a look-up one indexed query and a
-// subtree one index range, and its parent, which makes the children one index range as well. Names and data
-// are blobs: compared byte by byte, any byte allowed.
+// Opening a registry file, and the statements that are used on its tables (registry_schema.cpp).
 #include "platform/registry/registry_connection.h"
 
 #include <fcntl.h>
@@ -16,15 +12,14 @@
 
 #include "lqregistry/FXFile.h"
 #include "platform/registry/registry_key.h"
+#include "platform/registry/registry_schema.h"
+#include "platform/registry/sqlite_calls.h"
 #include "platform/secret/protection_key.h"
 
 namespace lqregistry {
 
 namespace {
 
-constexpr std::int64_t kApplicationId = 0x4C515247;  // "LQRG", at a fixed place in the file's header
-constexpr std::int64_t kSchemaVersion = 2;
-constexpr std::int64_t kVersionWithoutFacts = 1;
 constexpr mode_t kFileMode = 0600;  // SQLite gives its companion files the mode of the main one
 constexpr mode_t kPermissionBits = 0777;
 constexpr const char* kLogSuffix = "-wal";
@@ -35,35 +30,6 @@ constexpr const char* kLogMode = "PRAGMA journal_mode = WAL";
 constexpr const char* kSettings =
     "PRAGMA synchronous = FULL;"
     "PRAGMA foreign_keys = ON;";
-
-// The number is that of kApplicationId; that of kSchemaVersion comes with kFactsSchema.
-constexpr const char* kSchema =
-    "CREATE TABLE keys ("
-    "  id INTEGER PRIMARY KEY,"
-    "  path BLOB NOT NULL UNIQUE,"
-    "  parent INTEGER NOT NULL,"
-    "  name BLOB NOT NULL);"
-    "CREATE UNIQUE INDEX keys_by_parent ON keys (parent, name);"
-    "CREATE TABLE key_values ("
-    "  key_id INTEGER NOT NULL REFERENCES keys (id) ON DELETE CASCADE,"
-    "  name BLOB NOT NULL,"
-    "  type INTEGER NOT NULL,"
-    "  data BLOB NOT NULL,"
-    "  PRIMARY KEY (key_id, name)) WITHOUT ROWID;"
-    "PRAGMA application_id = 0x4C515247;";
-
-// Format 2 adds what the file knows of itself.
-constexpr const char* kFactsSchema =
-    "CREATE TABLE facts ("
-    "  name TEXT PRIMARY KEY,"
-    "  value TEXT NOT NULL) WITHOUT ROWID;"
-    "PRAGMA user_version = 2;";
-
-constexpr const char* kKeyFact = "protection key";
-constexpr const char* kReadFact = "SELECT value FROM facts WHERE name = ?1";
-constexpr const char* kAddFact = "INSERT INTO facts (name, value) VALUES (?1, ?2)";
-constexpr const char* kCountProtected =
-    "SELECT count(*) FROM key_values WHERE substr(data, 1, 3) = CAST('V8:' AS BLOB)";
 
 constexpr std::array<const char*, static_cast<std::size_t>(Sql::kCount)> kStatements = {
     "BEGIN IMMEDIATE",
@@ -112,13 +78,6 @@ Outcome inspect(const std::string& path, FileState& state) {
     return unavailable(
         "it is missing or empty although its write-ahead log is not; restore it from a backup");
   return {};
-}
-
-// A new registry would get a new key, and the values that this one protects would be lost with it.
-Outcome orphanedKey(const std::string& path) {
-  return unavailable(
-      "there is no registry in it, but a protection key that belongs to one: " + keyFileOf(path) +
-      "; put the registry back from a backup, or move the key away to begin a new one");
 }
 
 Outcome createFile(const std::string& path) {
@@ -182,29 +141,28 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
   int result =
       sqlite3_open_v2(path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (result != SQLITE_OK) return failure(result);
-  setWait(wait);
+  setWait(database_, wait);
 
   Identity identity;
-  result = identify(identity);
+  result = identify(database_, identity);
   if (needsCopy(result, path)) {
     Outcome outcome = openCopy(path);
     if (!outcome.ok()) return outcome;
-    result = identify(identity);
+    result = identify(database_, identity);
   }
   if (result != SQLITE_OK) return failure(result);
   if (identity.blank()) {
     if (access == Access::kReading) return {kRegKeyMissing, "nothing was written to the registry file yet"};
-  } else if (identity.applicationId != kApplicationId) {
-    return unavailable("it is a database of another application");
-  } else if (identity.version < kVersionWithoutFacts || identity.version > kSchemaVersion) {
-    return unavailable("it has format " + std::to_string(identity.version) + ", this program knows formats " +
-                       std::to_string(kVersionWithoutFacts) + " to " + std::to_string(kSchemaVersion));
+  } else {
+    Outcome outcome = checkFormat(identity);
+    if (!outcome.ok()) return outcome;
   }
 
   if (isReadOnly()) return {};
   result = configure(identity.blank());
   if (result != SQLITE_OK) return failure(result);
-  return identity.blank() ? createSchema() : settleKey(identity.version, wait);
+  return identity.blank() ? createSchema(database_, path)
+                          : settleKey(database_, path, identity.version, wait);
 }
 
 Outcome Connection::openCopy(const std::string& path) {
@@ -214,126 +172,24 @@ Outcome Connection::openCopy(const std::string& path) {
   return outcome;
 }
 
-int Connection::firstRow(const char* sql, std::string& text) {
-  sqlite3_stmt* statement = nullptr;
-  const int result = sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr);
-  if (result != SQLITE_OK) return result;
-  if (sqlite3_step(statement) == SQLITE_ROW) {
-    const unsigned char* const column = sqlite3_column_text(statement, 0);
-    text = column == nullptr ? "" : reinterpret_cast<const char*>(column);
-  }
-  return sqlite3_finalize(statement);
-}
-
-int Connection::identify(Identity& identity) {
-  // One snapshot: another process may be creating the registry between two of these reads.
-  int result = execute("SAVEPOINT identify");
-  if (result == SQLITE_OK) result = readNumber("PRAGMA application_id", identity.applicationId);
-  if (result == SQLITE_OK) result = readNumber("PRAGMA user_version", identity.version);
-  if (result == SQLITE_OK) result = readNumber("SELECT count(*) FROM sqlite_schema", identity.tables);
-  if (result == SQLITE_OK) result = execute("RELEASE identify");
-  return result;
-}
-
 int Connection::configure(bool blank) {
-  int result = execute(kLogMode);
+  int result = execute(database_, kLogMode);
   // Of two that make a registry at once, one is refused without having waited: both hold what the other
   // needs.
   const auto deadline = std::chrono::steady_clock::now() + wait_;
   while (result == SQLITE_BUSY && blank && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(kModePoll);
-    result = execute(kLogMode);
+    result = execute(database_, kLogMode);
   }
   // The mode stays with the file. One that somebody copied into another mode works as well, just with more
   // waiting, until it is opened at a moment when nobody uses it.
   if (result == SQLITE_BUSY && !blank) result = SQLITE_OK;
-  if (result == SQLITE_OK) result = execute(kSettings);
+  if (result == SQLITE_OK) result = execute(database_, kSettings);
   return result;
 }
 
-Outcome Connection::createSchema() {
-  int result = execute("BEGIN IMMEDIATE");
-  if (result != SQLITE_OK) return failure(result);
-  // Another process may have been first.
-  Identity identity;
-  result = identify(identity);
-  if (result == SQLITE_OK && !identity.blank()) result = execute("COMMIT");
-  if (result != SQLITE_OK || !identity.blank()) return ended(result);
-  if (lqsecret::keyFileExists(keyFileOf(path_))) {
-    execute("ROLLBACK");
-    return orphanedKey(path_);
-  }
-  result = execute(kSchema);
-  if (result == SQLITE_OK) result = execute(kFactsSchema);
-  return result == SQLITE_OK ? commitWithNewKey() : ended(result);
-}
-
-Outcome Connection::settleKey(std::int64_t version, std::chrono::milliseconds wait) {
-  std::string fingerprint;
-  if (version == kSchemaVersion && readKeyFingerprint(fingerprint) == SQLITE_OK && !fingerprint.empty())
-    return {};
-  // Whoever writes at this moment is not waited for: another opening comes.
-  setWait(std::chrono::milliseconds::zero());
-  int result = execute("BEGIN IMMEDIATE");
-  setWait(wait);
-  if (result != SQLITE_OK) return result == SQLITE_BUSY ? Outcome{} : failure(result);
-  Identity identity;
-  result = identify(identity);
-  if (result == SQLITE_OK && identity.version < kSchemaVersion) result = execute(kFactsSchema);
-  if (result == SQLITE_OK) result = readKeyFingerprint(fingerprint);
-  std::int64_t isProtecting = 0;
-  if (result == SQLITE_OK) result = readNumber(kCountProtected, isProtecting);
-  if (result != SQLITE_OK) return ended(result);
-  const std::string keyFile = keyFileOf(path_);
-  const bool hasKey = lqsecret::keyFileExists(keyFile);
-  if (fingerprint.empty() && !hasKey && isProtecting == 0) return commitWithNewKey();
-  // A key that cannot be used now is adopted by a later opening, when somebody has seen to it.
-  if (fingerprint.empty() && hasKey && !lqsecret::fingerprintOf(keyFile, fingerprint).IsError())
-    result = addKeyFingerprint(fingerprint);
-  return ended(result == SQLITE_OK ? execute("COMMIT") : result);
-}
-
-Outcome Connection::commitWithNewKey() {
-  const std::string keyFile = keyFileOf(path_);
-  std::string fingerprint;
-  const CWmError error = lqsecret::stageKey(keyFile, fingerprint);
-  if (error.IsError()) {
-    execute("ROLLBACK");
-    return unavailable(error.AsString());
-  }
-  int result = addKeyFingerprint(fingerprint);
-  if (result == SQLITE_OK) result = execute("COMMIT");
-  // A key that stays behind is found and put in place by who needs it first.
-  if (result == SQLITE_OK) static_cast<void>(lqsecret::placeKey(keyFile));
-  return ended(result);
-}
-
-Outcome Connection::ended(int result) {
-  if (result == SQLITE_OK) return {};
-  Outcome outcome = failure(result);
-  if (inTransaction()) execute("ROLLBACK");
-  return outcome;
-}
-
 int Connection::readKeyFingerprint(std::string& fingerprint) {
-  fingerprint.clear();
-  sqlite3_stmt* statement = nullptr;
-  int result = sqlite3_prepare_v2(database_, kReadFact, -1, &statement, nullptr);
-  if (result != SQLITE_OK) return result;
-  result = sqlite3_bind_text(statement, 1, kKeyFact, -1, SQLITE_STATIC);
-  if (result == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
-    fingerprint = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
-  return sqlite3_finalize(statement);
-}
-
-int Connection::addKeyFingerprint(const std::string& fingerprint) {
-  sqlite3_stmt* statement = nullptr;
-  int result = sqlite3_prepare_v2(database_, kAddFact, -1, &statement, nullptr);
-  if (result == SQLITE_OK) result = sqlite3_bind_text(statement, 1, kKeyFact, -1, SQLITE_STATIC);
-  if (result == SQLITE_OK) result = sqlite3_bind_text(statement, 2, fingerprint.c_str(), -1, SQLITE_STATIC);
-  if (result == SQLITE_OK) sqlite3_step(statement);
-  const int ending = sqlite3_finalize(statement);
-  return result == SQLITE_OK ? ending : result;
+  return lqregistry::readKeyFingerprint(database_, fingerprint);
 }
 
 void Connection::close() {
@@ -350,40 +206,20 @@ bool Connection::isReadOnly() const {
   return isCopy_ || sqlite3_db_readonly(database_, "main") == 1;
 }
 
-void Connection::setWait(std::chrono::milliseconds wait) {
-  sqlite3_busy_timeout(database_, static_cast<int>(wait.count()));
-}
-
 int Connection::run(Sql statement) {
   const int result = Query(*this, statement).step();
   return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
 int Connection::runWithoutWaiting(Sql statement) {
-  setWait(std::chrono::milliseconds::zero());
+  setWait(database_, std::chrono::milliseconds::zero());
   const int result = run(statement);
-  setWait(wait_);
+  setWait(database_, wait_);
   return result;
 }
 
-int Connection::execute(const char* sql) {
-  return sqlite3_exec(database_, sql, nullptr, nullptr, nullptr);
-}
-
-int Connection::readNumber(const char* sql, std::int64_t& number) {
-  sqlite3_stmt* statement = nullptr;
-  int result = sqlite3_prepare_v2(database_, sql, -1, &statement, nullptr);
-  if (result != SQLITE_OK) return result;
-  if (sqlite3_step(statement) == SQLITE_ROW) number = sqlite3_column_int64(statement, 0);
-  return sqlite3_finalize(statement);
-}
-
 Outcome Connection::failure(int result) const {
-  std::string reason = database_ != nullptr ? sqlite3_errmsg(database_) : sqlite3_errstr(result);
-  const int systemError = database_ != nullptr ? sqlite3_system_errno(database_) : 0;
-  if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
-    reason += ": " + systemText(systemError);
-  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY};
+  return failureOf(database_, result);
 }
 
 Query::Query(Connection& connection, Sql statement) {

@@ -77,28 +77,9 @@ class Connection {
  private:
   friend class Query;
 
-  struct Identity {
-    std::int64_t applicationId = 0;
-    std::int64_t version = 0;
-    std::int64_t tables = 0;
-    bool blank() const { return applicationId == 0 && version == 0 && tables == 0; }
-  };
-
   Outcome openChecked(const std::string& path, Access access, std::chrono::milliseconds wait);
   Outcome openCopy(const std::string& path);
-  void setWait(std::chrono::milliseconds wait);
-  int identify(Identity& identity);
   int configure(bool blank);
-  Outcome createSchema();
-  // Brings a file of an older format up to date, and records the key of one that does not know it yet.
-  Outcome settleKey(std::int64_t version, std::chrono::milliseconds wait);
-  Outcome commitWithNewKey();
-  // The outcome of a transaction that came to `result`; undoes it when it failed.
-  Outcome ended(int result);
-  int addKeyFingerprint(const std::string& fingerprint);
-  int readNumber(const char* sql, std::int64_t& number);
-  int firstRow(const char* sql, std::string& text);
-  int execute(const char* sql);
 
   sqlite3* database_ = nullptr;
   std::string path_;
