@@ -234,7 +234,6 @@ Query::Query(Connection& connection, Sql statement) {
 Query::~Query() {
   if (statement_ == nullptr) return;  // it could not be prepared, in a file without our tables, say
   sqlite3_reset(statement_);
-  sqlite3_clear_bindings(statement_);
 }
 
 Query& Query::bind(std::string_view bytes) {

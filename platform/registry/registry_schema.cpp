@@ -93,10 +93,11 @@ int identify(sqlite3* database, Identity& identity) {
 Outcome checkFormat(const Identity& identity) {
   if (identity.applicationId != kApplicationId)
     return {kRegUnavailable, "it is a database of another application"};
-  if (identity.version < kVersionWithoutFacts || identity.version > kSchemaVersion)
+  if (identity.version < kVersionWithoutFacts || identity.version > kSchemaVersion) {
     return {kRegUnavailable, "it has format " + std::to_string(identity.version) +
                                  ", this program knows formats " + std::to_string(kVersionWithoutFacts) +
                                  " to " + std::to_string(kSchemaVersion)};
+  }
   return {};
 }
 

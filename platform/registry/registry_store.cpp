@@ -281,7 +281,7 @@ Outcome RegistryStore::removeValue(const std::string& key, const std::string& na
   };
   const auto act = [&] {
     const int result = Query(writer_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step();
-    if (result == SQLITE_DONE) seen_.note(name, {});
+    if (result == SQLITE_DONE) seen_.noteAbsent(name);
     return result;
   };
   return change({false, look, act});
@@ -304,7 +304,10 @@ Outcome RegistryStore::findSeen(const std::string& key, const std::string& name,
     Outcome outcome = lookUp(writer_, key, name, slot);
     if (!outcome.ok()) return outcome;
     seen_.noteRow(slot.keyExists ? std::optional(slot.keyId) : std::nullopt);
-    seen_.note(name, slot.value != nullptr ? std::optional(slot.own) : std::nullopt);
+    if (slot.value != nullptr)
+      seen_.note(name, slot.value->type, slot.value->data);
+    else
+      seen_.noteAbsent(name);
   }
   slot.keyExists = seen_.id().has_value();
   slot.keyId = seen_.id().value_or(kNoParent);
@@ -380,7 +383,7 @@ int RegistryStore::ensureKey(const std::string& key, std::int64_t& id) {
 int RegistryStore::putValue(const Slot& slot, const std::string& name, unsigned type, std::string_view data) {
   Query query(writer_, slot.value != nullptr ? Sql::kUpdateValue : Sql::kAddValue);
   const int result = query.bind(std::int64_t{type}).bind(data).bind(slot.keyId).bind(name).step();
-  if (result == SQLITE_DONE) seen_.note(name, StoredValue{type, std::string(data)});
+  if (result == SQLITE_DONE) seen_.note(name, type, data);
   return result;
 }
 

@@ -54,8 +54,15 @@ bool SeenKey::knows(const std::string& name, const StoredValue*& value) const {
   return true;
 }
 
-void SeenKey::note(const std::string& name, std::optional<StoredValue> value) {
-  values_.insert_or_assign(name, std::move(value));
+void SeenKey::note(const std::string& name, unsigned type, std::string_view data) {
+  std::optional<StoredValue>& value = values_[name];
+  if (!value) value.emplace();
+  value->type = type;
+  value->data = data;
+}
+
+void SeenKey::noteAbsent(const std::string& name) {
+  values_[name].reset();
 }
 
 std::size_t SeenKey::valuesToScan() {

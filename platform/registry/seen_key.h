@@ -37,7 +37,8 @@ class SeenKey {
   // Whether it is known what the key holds under this name; then `value` is that, or null for nothing.
   bool knows(const std::string& name, const StoredValue*& value) const;
   // What a look-up found, or a write left.
-  void note(const std::string& name, std::optional<StoredValue> value);
+  void note(const std::string& name, unsigned type, std::string_view data);
+  void noteAbsent(const std::string& name);
 
   // How many values are to be scanned before the next look-up; 0 for none.
   std::size_t valuesToScan();
