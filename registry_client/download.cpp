@@ -1,4 +1,5 @@
 // The download pass: request the key batch, apply it, refresh the cache, acknowledge.
+#include <optional>
 #include <utility>
 
 #include "lqregistry/LQClient.h"
@@ -42,10 +43,18 @@ unsigned LqRegistryManagerClnt::downLoadAndUpdateClient() {
   OBGui::RegisterSubsystem();
   sendMessage = &acknowledgement;
 
-  if (mayReplaceSettingsCache(reply->keys->size())) {
-    for (const OBGui::RegistryKeyInfo& key : reply->keys.get())
-      if (isLogDirectoryRemoval(key)) resetLogDirectory(*this, key);
-    storeSettingsCache(*this, *reply, kPassTag);
+  const std::size_t repliedKeys = reply->keys->size();
+  const OBGui::KeyList resets = logDirectoryRemovals(reply->keys);
+  std::optional<std::string> settings = settingsTextOf(*reply);
+  if (mayReplaceSettingsCache(repliedKeys, settings)) {
+    for (const OBGui::RegistryKeyInfo& key : resets) resetLogDirectory(*this, key);
+    if (settings) {
+      setAdditionalSettingsCache(std::move(*settings));
+    } else {
+      logger.Error(
+          kPassTag,
+          "The Additional Settings cache is left as it was: its protected values cannot be protected");
+    }
   }
 
   if (!sendWithoutReply(acknowledgement))

@@ -9,8 +9,11 @@ constexpr const char* kFolderSeparator = "/";
 
 }  // namespace
 
-bool isLogDirectoryRemoval(const OBGui::RegistryKeyInfo& key) {
-  return key.deleteFlag == 1 && key.valueName.get() == lqsettings::kLogDirectory.name;
+OBGui::KeyList logDirectoryRemovals(const OBGui::KeyList& keys) {
+  OBGui::KeyList removals;
+  for (const OBGui::RegistryKeyInfo& key : keys)
+    if (key.deleteFlag == 1 && key.valueName.get() == lqsettings::kLogDirectory.name) removals.push_back(key);
+  return removals;
 }
 
 void resetLogDirectory(LqRegistryManagerClnt& client, const OBGui::RegistryKeyInfo& removed) {

@@ -59,7 +59,7 @@ std::string LqRegistryManagerClnt::getAdditionalSettingsCache() {
     event.DebugLvl(0, kLogContext, kTag, "Failed to write Additional Settings cache.[%s]", error.AsString());
     return {};
   }
-  std::string xml = contents.str();
+  std::string xml = std::move(contents).str();
   event.DebugLvl(4, kLogContext, kTag, "Additional Settings Cache XML [%s]", xml.c_str());
   return xml;
 }
@@ -85,20 +85,18 @@ void LqRegistryManagerClnt::setAdditionalSettingsCache(std::string xml) {
   }
 }
 
-bool mayReplaceSettingsCache(std::size_t repliedKeys) {
-  std::string text = LqRegistryManagerClnt::getAdditionalSettingsCache();
-  std::size_t cachedKeys = 0;
-  return text.empty() ||
-         (OBGui::RegistryTaskResp().isReadable(std::move(text), cachedKeys) && cachedKeys <= repliedKeys);
-}
-
-void storeSettingsCache(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& reply, const char* tag) {
+std::optional<std::string> settingsTextOf(OBGui::RegistryTaskResp& reply) {
   std::erase_if(reply.keys.edit(), [](const OBGui::RegistryKeyInfo& key) { return key.deleteFlag == 1; });
   std::string text;
-  if (reply.serialize(text, false) != 0) {
-    client.logger.Error(
-        tag, "The Additional Settings cache is left as it was: its protected values cannot be protected");
-    return;
-  }
-  LqRegistryManagerClnt::setAdditionalSettingsCache(std::move(text));
+  const bool isWhole = reply.serialize(text, false) == 0;
+  reply.keys = OBGui::KeyList();
+  return isWhole ? std::optional(std::move(text)) : std::nullopt;
+}
+
+bool mayReplaceSettingsCache(std::size_t repliedKeys, const std::optional<std::string>& text) {
+  std::string cached = LqRegistryManagerClnt::getAdditionalSettingsCache();
+  // Most replies bring what is there already; then there is nothing to count.
+  if (cached.empty() || cached == text) return true;
+  std::size_t cachedKeys = 0;
+  return OBGui::RegistryTaskResp().isReadable(std::move(cached), cachedKeys) && cachedKeys <= repliedKeys;
 }

@@ -103,11 +103,10 @@ class Reader {
 
   // The field of this name, tried from `next` on and then from the start; the number of fields when there is
   // none.
-  static std::size_t attributeField(std::span<const FieldInfo> fields, std::size_t next,
-                                    std::string_view name) {
+  static std::size_t attributeField(std::span<const FieldInfo> fields, std::size_t next, const char* name) {
     for (std::size_t tried = 0; tried < fields.size(); ++tried, ++next) {
       if (next == fields.size()) next = 0;
-      if (isAttribute(fields[next]) && name == fields[next].name) return next;
+      if (isAttribute(fields[next]) && std::strcmp(name, fields[next].name) == 0) return next;
     }
     return fields.size();
   }
