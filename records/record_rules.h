@@ -3,6 +3,8 @@
 // records whose time is over.
 #pragma once
 
+#include <strings.h>
+
 #include <string>
 
 #include "lqregistry/LqExport.h"
@@ -27,6 +29,12 @@ LQ_EXPORT std::string subKeyPath(const std::string& path, const std::string& nam
 // Whether the record names a sub-key, and no value.
 inline bool isKey(const OBGui::RegistryKeyInfo& record) {
   return record.valueType.get() == KEYTYPE;
+}
+
+// Whether a record that names a sub-key may create it. Creating keys remotely is what this guards: one name
+// alone, in any letter case.
+inline bool isCreatableKey(const OBGui::RegistryKeyInfo& record) {
+  return strcasecmp(record.valueName->c_str(), "Local") == 0;
 }
 
 // The key that the record names, or that holds its value; a key's record names its parent and itself.

@@ -1,6 +1,4 @@
 // One key record against the local registry: test, write, delete. The only place where applying writes to it.
-#include <strings.h>
-
 #include <array>
 
 #include "lqregistry/LqRegistryManagerClnt.h"
@@ -9,8 +7,7 @@
 
 namespace {
 
-// The only sub-key that the server may create, in any letter case, and the field that makes it exist.
-constexpr const char* kCreatableSubKey = "Local";
+// The field that makes a sub-key exist.
 constexpr const char* kMarkerField = ".internal.unique_id";
 constexpr const char* kMarkerValue = "0";
 
@@ -84,9 +81,8 @@ int LqRegistryManagerClnt::createRegistryKey(const OBGui::RegistryKeyInfo* key) 
     return createRegistryKeyField(path, key->valueName, type, data, length);
   }
 
-  // The path of a "KEY" record is taken as it stands, unlike in deleteRegistryKey; so is the restriction to
-  // one name, since creating keys remotely is what it guards.
-  if (strcasecmp(key->valueName->c_str(), kCreatableSubKey) != 0) {
+  // The path of a "KEY" record is taken as it stands, unlike in deleteRegistryKey.
+  if (!isCreatableKey(*key)) {
     logger.DebugLvl(0, kCreateTag, "Modifying %s remotely is not allowed", key->valueName->c_str());
     return kResultFailed;
   }

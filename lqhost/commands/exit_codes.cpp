@@ -1,6 +1,26 @@
 #include "lqhost/commands/exit_codes.h"
 
+#include <algorithm>
+#include <array>
+
 namespace host {
+
+namespace {
+
+// What is wrong, the worst first: what the cache lacks explains why values differ from it.
+constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitCacheKept,
+                                    kExitDrift,     kExitUnacknowledged,  kExitFailed};
+
+}  // namespace
+
+int worseOf(int one, int other) {
+  const auto rank = [](int exitCode) {
+    const auto* const place = std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode);
+    // One that a resident of another version ends with is a failure.
+    return place == kWorstFirst.end() && exitCode != kExitOk ? place - 1 : place;
+  };
+  return rank(one) <= rank(other) ? one : other;
+}
 
 int exitCodeOf(RunOutcome outcome) {
   switch (outcome) {

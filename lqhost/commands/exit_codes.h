@@ -1,7 +1,7 @@
 // What lqhost's exit codes mean, for scripts, and which outcome ends with which; the help text lists them.
 //
-// A pass can deserve several; it ends with the one that stands first in: 1, 5, 4, 7, 10, 8, 9. `lqhost
-// status` goes by 3, 7, 10, 8, 6, 9, 1: what the cache lacks explains why values differ from it.
+// A pass can deserve several; it ends with the one that stands first in: 1, 5, 4, 7, 10, 8, 9 (see
+// PassResult::outcome). `lqhost status` goes by 3, 7, 10, 8, 6, 9, 1: worseOf.
 #pragma once
 
 #include "common/command_line.h"
@@ -23,5 +23,8 @@ inline constexpr int kExitCacheUnreadable = 10;  // applied, but a cache that ca
 
 // What a synchronisation or a refresh with this outcome ends with.
 [[nodiscard]] int exitCodeOf(RunOutcome outcome);
+
+// Of two codes that `lqhost status` could end with, the one that it does.
+[[nodiscard]] int worseOf(int one, int other);
 
 }  // namespace host

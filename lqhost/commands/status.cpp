@@ -1,6 +1,5 @@
 // `lqhost status`: what a person wants to know of a client: joined to what, how the last passes went, when
 // the next are due, and which values differ from what the cache says they should be.
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -39,19 +38,6 @@ void addLine(std::string& text, const std::string& label, const std::string& con
   text += label;
   text.append(label.size() < kLabelWidth ? kLabelWidth - label.size() : 1, ' ');
   text += content + "\n";
-}
-
-// What is wrong, the worst first: what the cache lacks explains why values differ from it.
-constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitCacheKept,
-                                    kExitDrift,     kExitUnacknowledged,  kExitFailed};
-
-int worseOf(int one, int other) {
-  const auto rank = [](int exitCode) {
-    const auto* const place = std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode);
-    // One that a resident of another version ends with is a failure.
-    return place == kWorstFirst.end() && exitCode != kExitOk ? place - 1 : place;
-  };
-  return rank(one) <= rank(other) ? one : other;
 }
 
 // What a run in the past deserves now: there is nothing to do about one that was skipped, and which records

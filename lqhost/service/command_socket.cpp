@@ -30,6 +30,8 @@ constexpr mode_t kSocketMode = 0600;
 constexpr const char* kGreeting = "lqhost 1\n";
 // How long whoever is at the other end may say, or read, nothing.
 constexpr std::chrono::seconds kPatience{10};
+// How long commands that are under way may go on when the resident stops.
+constexpr std::chrono::seconds kStopWait{10};
 // How long an answer may still take to be read when the resident stops.
 constexpr std::chrono::seconds kLastWords{1};
 constexpr std::chrono::milliseconds kRetryEvery{50};
@@ -227,7 +229,7 @@ bool ResidentSocket::finish() {
   if (acceptor_.joinable()) acceptor_.join();
   if (listener_.isValid()) ::unlinkat(directory_.get(), kSocket, 0);
   listener_.reset();
-  return pool_.drain(kPatience);
+  return pool_.drain(kStopWait);
 }
 
 CWmError ResidentSocket::open() {

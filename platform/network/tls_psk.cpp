@@ -1,6 +1,5 @@
 #include "platform/network/tls_psk.h"
 
-#include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 
@@ -133,22 +132,4 @@ std::string TlsPsk::keyOf(const std::string& identity) const {
 
 bool usedSharedKey(const ssl_st* connection) {
   return SSL_session_reused(connection) == 1;
-}
-
-std::string handshakeFault(unsigned long error, bool callingSide) {
-  const char* detail = ERR_reason_error_string(error);
-  const std::string reason = detail != nullptr ? detail : "unknown TLS fault";
-  switch (ERR_GET_REASON(error)) {
-    case SSL_R_SSLV3_ALERT_ILLEGAL_PARAMETER:
-    case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
-    case SSL_R_TLSV1_ALERT_DECRYPT_ERROR:
-    case SSL_R_CERTIFICATE_VERIFY_FAILED:
-      if (!callingSide) return "the caller did not accept this server (" + reason + ")";
-      return "the session key of this machine is not the one the server knows; run \"lqhost join\" again (" +
-             reason + ")";
-    case SSL_R_BINDER_DOES_NOT_VERIFY:
-      return "the caller's session key is not the one known for its identity (" + reason + ")";
-    default:
-      return "the other end does not speak this protocol (" + reason + ")";
-  }
 }

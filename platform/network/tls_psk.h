@@ -45,6 +45,3 @@ class TlsPsk {
 
 // Whether the completed handshake was authenticated by the shared key.
 bool usedSharedKey(const ssl_st* connection);
-
-// What a failed handshake means to people, from OpenSSL's error number.
-std::string handshakeFault(unsigned long error, bool callingSide);
