@@ -221,12 +221,13 @@ TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   ASSERT_TRUE(unanswered.has_value());
   expectErr({unanswered->exitCode, "", unanswered->err}, 1, {"has a resident host, which does not answer"});
 
-  host::ResidentSocket socket;
-  ASSERT_FALSE(socket.open().IsError());
+  // What the socket's threads use outlives it.
   const std::string longer(5'000'000, 'o');  // than a socket holds at a time
   const auto echo = [&](const std::string& question) {
     return host::CommandResult{4, longer + question + "\n", "err\x1b\n"};
   };
+  host::ResidentSocket socket;
+  ASSERT_FALSE(socket.open().IsError());
   ASSERT_FALSE(socket.serve(echo).IsError());
   const auto answered = lqhost("sync");
   EXPECT_EQ(answered.exitCode, 4);
