@@ -31,7 +31,7 @@ void grow(std::string& payload, std::size_t size, std::size_t whole) {
     return;
   }
   std::string larger;
-  larger.reserve(std::max(size, std::min(whole, kReservedBytes)));
+  larger.reserve(payload.empty() ? size : std::max(size, std::min(whole, kReservedBytes)));
   larger = payload;
   larger.resize(size);
   payload.swap(larger);
