@@ -72,7 +72,7 @@ TEST_F(Settled, TheReportSaysWhatBecameOfEachRecord) {
       pass({record("~A", "sNEW", "is overruled"), record("A", "sNEW", longest),
             record("A", "sLONG", longest + "v"), record("A", "sCHANGED", "2"), record("A", "sSAME", "1"),
             removal("A", "sGONE"), record("A", "sOVER", "1"), record("A", "sOVER_UNTIL", "1"),
-            disabled("A", "sOFF", "1"), secretRecord("A", "sPW", "sesame"),
+            disabled("A", "sOFF", "1"), record("A", "sOFF_UNTIL", "1"), secretRecord("A", "sPW", "sesame"),
             removal("EventManager", "dOBLOGDIR"), record("A", "", "x"), removal("A", ""),
             record("Clients", "Other", "", "KEY"), record("A", std::string(1025, 'n'), "1")});
   EXPECT_EQ(synced.exitCode, 4);
@@ -89,13 +89,14 @@ removed ~A sGONE
 removed ~A sOVER expired
 left ~A sOVER_UNTIL expired
 removed ~A sOFF disabled
+left ~A sOFF_UNTIL expired
 added ~A sPW ******** protected
 reset ~EventManager dOBLOGDIR /opt/x/Log_Files removed by the server, reset to its default
 failed ~A a record without a name cannot be removed
 failed ~Clients Other keys may not be created remotely
 failed ~A 1025n see the log
 
-15 records: 3 added, 1 changed, 3 removed, 1 reset, 2 left as they were, 3 failed
+16 records: 3 added, 1 changed, 3 removed, 1 reset, 3 left as they were, 3 failed
 )");
 }
 
