@@ -11,6 +11,7 @@
 #include "common/terminal_text.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
+#include "lqhost/log_file.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -19,11 +20,6 @@
 namespace {
 
 constexpr const char* kDefaultInstance = "Instance001";
-
-// The resident host has a log of its own: two processes that rotate one file lose lines.
-constexpr const char* kResidentLogFile = "lqhost.log";
-constexpr const char* kCommandLogFile = "lqhost-command.log";
-constexpr const char* kStandardError = "-";
 
 constexpr const char* kFooter = R"(
 While a resident host (run) serves the instance, sync, refresh and upload are carried out there.
@@ -71,24 +67,6 @@ void describe(programs::CommandLine& line, Settings& settings) {
   host::addRun(line);
 }
 
-// Sets the log up. Where the command line names no place, it is the instance's own log directory, or standard
-// error while there is none that can be used. False when the place that was named cannot be used.
-bool setUpLog(programs::LogOptions log, const char* defaultName) {
-  const bool isPlaceGiven = !log.file.empty();
-  if (log.file == kStandardError) log.file.clear();
-  LQPI_EventManager eventManager(0, 1);
-  if (const char* const directory = eventManager.getLogFilesDirectory();
-      !isPlaceGiven && directory != nullptr)
-    log.file = std::string(directory) + "/" + defaultName;
-  CWmError error = programs::configureLog(log);
-  if (!error.IsError()) return true;
-  std::fputs(
-      host::complaint(0, std::string(error.AsString()) + "; --log-file names another place").err.c_str(),
-      stderr);
-  log.file.clear();
-  return !isPlaceGiven && !programs::configureLog(log).IsError();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -109,8 +87,14 @@ int main(int argc, char** argv) try {
   // Both, because the product lets the variable override the focus; and before any thread runs.
   setenv(lqsettings::kInstanceVariable, settings.instance.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   LQPI_Focus::setFocus(settings.instance.c_str());
-  const bool isResident = line.chosen() == host::kRunCommand;
-  if (!setUpLog(settings.log, isResident ? kResidentLogFile : kCommandLogFile)) return host::kExitUsage;
+  if (const CWmError error = host::setUpLog(settings.log, line.chosen() == host::kRunCommand);
+      error.IsError()) {
+    const bool isNamed = !settings.log.file.empty();
+    const int exitCode =
+        host::print(host::complaint(isNamed ? host::kExitUsage : host::kExitOk,
+                                    std::string(error.AsString()) + "; --log-file names another place"));
+    if (isNamed) return exitCode;
+  }
   host::WireWatch::install();
   return line.run();
 } catch (const std::exception& error) {  // out of memory, in all likelihood

@@ -81,11 +81,11 @@ unsigned additionalSettingsRefresh() {
   for (OBGui::RegistryKeyInfo& key : working)
     if (key.deleteFlag != 1) kept.push_back(std::move(key));
   std::string text;
-  if (message.serialize(text, false) != 0) {
+  if (message.serialize(text, false) == 0) {
+    LqRegistryManagerClnt::setAdditionalSettingsCache(std::move(text));
+  } else {
     logger.Error(kTag, "The cache is left as it was: its protected values cannot be protected");
-    return kPassDone;
   }
-  LqRegistryManagerClnt::setAdditionalSettingsCache(std::move(text));
   return kPassDone;
 }
 

@@ -93,8 +93,7 @@ std::vector<Written> settingsOf(const programs::JoinFile& file, const JoinOption
 
 // Writes everything as one change, for the instance in focus, creating the directories. After an error the
 // registry is as it was.
-CWmError record(const programs::JoinFile& file, JoinOptions options) {
-  fillDefaults(options);
+CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
   for (const std::string& name : {options.host, options.machine, file.clientName}) {
     if (name.find('/') != std::string::npos)
       return {kLqErrFile, "a host, machine or client name cannot hold a \"/\": " + name};
@@ -127,7 +126,7 @@ int join(const programs::JoinFile& file, const JoinOptions& options) {
 }
 
 // The join file is read as whoever started this, who may be the only one that it is for.
-int prepare(programs::JoinFile& file, JoinOptions options, std::vector<std::string>& places) {
+int prepare(programs::JoinFile& file, JoinOptions& options, std::vector<std::string>& places) {
   if (const CWmError error = programs::readJoinFile(options.file, file); error.IsError())
     return print(complaint(kExitUsage, error.AsString()));
   fillDefaults(options);

@@ -15,7 +15,8 @@
 #include "lqhost/service/command_socket.h"
 #include "lqhost/service/host_module.h"
 #include "lqhost/service/periodic_task.h"
-#include "lqhost/service/server_requests.h"
+#include "lqhost/service/request_service.h"
+#include "lqhost/service/resident_lock.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObDebug.h"
@@ -67,17 +68,19 @@ class Schedule {
         refresh_(
             kRefreshTask, nullptr,
             [&passes](LqPeriodicTaskStatus& status) { return refreshOnTime(passes, status); },
-            kDefaultFrequency),
-        hook_([this] { download_.runSoon(); }) {
-    // Left by a host that was killed, or by a pass that did not store the cache.
-    if (standingNote()) download_.runSoon();
-    download_.start(options.spread);
-    refresh_.start(options.spread);
+            kDefaultFrequency) {
+    onDownloadWanted([this] { download_.runSoon(); });
   }
-  ~Schedule() = default;
   Schedule(const Schedule&) = delete;
   Schedule& operator=(const Schedule&) = delete;
 
+  // Who serves the server's requests, and so asks for downloads, ends before this does.
+  void start(std::uint32_t spread) {
+    // Left by a host that was killed, or by a pass that did not store the cache.
+    if (standingNote()) download_.runSoon();
+    download_.start(spread);
+    refresh_.start(spread);
+  }
   void requestStop() {
     download_.requestStop();
     refresh_.requestStop();
@@ -86,13 +89,6 @@ class Schedule {
  private:
   PeriodicTask download_;
   PeriodicTask refresh_;
-  // The hook goes first, also where the second task does not start.
-  struct Hook {
-    explicit Hook(std::function<void()> action) { onDownloadWanted(std::move(action)); }
-    ~Hook() { onDownloadWanted({}); }
-    Hook(const Hook&) = delete;
-    Hook& operator=(const Hook&) = delete;
-  } hook_;
 };
 
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
@@ -104,10 +100,11 @@ void awaitCallbacks() {
 // Until a stop signal comes; everything under way has ended when it returns.
 CommandResult serveUntilStopped(const RunOptions& options, const programs::StopSignals& signals,
                                 Passes& passes, ResidentSocket& socket) {
+  Schedule schedule(passes, options);
   RequestService requests;
   if (const CWmError error = requests.start(options.address, options.port); error.IsError())
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
-  Schedule schedule(passes, options);
+  schedule.start(options.spread);
   if (const CWmError error =
           socket.serve([&passes](const std::string& question) { return answer(passes, question); });
       error.IsError())

@@ -48,16 +48,13 @@ class ProgressLine {
  private:
   void run() {
     std::unique_lock lock(mutex_);
-    for (int seconds = 0; !ended_; ++seconds) {
-      if (progress_.sent) {
-        std::fprintf(stderr, "\r%zu records sent, waiting for the server's verdict ... %d s",
-                     progress_.recordsSent.load(), seconds);
-      } else {
-        std::fprintf(stderr, "\rreading and sending the registry ... %d s", seconds);
-      }
-      std::fflush(stderr);
-      changed_.wait_for(lock, std::chrono::seconds(1), [this] { return ended_; });
-    }
+    int seconds = 0;
+    do {
+      const std::string phase = progress_.sent ? std::to_string(progress_.recordsSent) +
+                                                     " records sent, waiting for the server's verdict"
+                                               : "reading and sending the registry";
+      std::fprintf(stderr, "\r%s ... %d s", phase.c_str(), seconds++);
+    } while (!changed_.wait_for(lock, std::chrono::seconds(1), [this] { return ended_; }));
     std::fputs("\r\033[K", stderr);
   }
 

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "lqhost/pass/cache_watch.h"
-#include "lqhost/pass/pass_note.h"
 #include "lqhost/pass/pass_outcome.h"
+#include "lqhost/pass/unsettled_work.h"
 
 namespace host {
 

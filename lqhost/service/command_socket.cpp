@@ -16,15 +16,14 @@
 #include <string_view>
 #include <system_error>
 
-#include "common/file_lock.h"
 #include "lqhost/instance.h"
+#include "lqhost/service/resident_lock.h"
 #include "lqregistry/PrintableText.h"
 
 namespace host {
 
 namespace {
 
-constexpr const char* kResidentLock = "lqhost.lock";
 constexpr const char* kSocket = "lqhost.sock";
 constexpr mode_t kSocketMode = 0600;
 constexpr const char* kGreeting = "lqhost 1\n";
@@ -189,18 +188,6 @@ CWmError askOn(int connection, const std::string& question, std::optional<Comman
 }
 
 }  // namespace
-
-CWmError becomeResident() {
-  static const programs::FileLock lock = programs::FileLock::tryFor(pathInBase(kResidentLock));
-  if (lock.isHeld()) return {};
-  if (lock.isHeldElsewhere())
-    return {kLqErrFile, "instance " + instanceName() + " has a resident host already"};
-  return {kLqErrFile, pathInBase(kResidentLock) + " cannot be written, so nobody could find this host"};
-}
-
-bool isHostResident() {
-  return programs::FileLock::isTaken(pathInBase(kResidentLock));
-}
 
 bool mayAsk(uid_t peer, uid_t own) {
   return peer == 0 || peer == own;

@@ -34,13 +34,6 @@ inline constexpr const char* kAskRefresh = "refresh";
 inline constexpr const char* kAskUpload = "upload";
 inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number
 
-// Makes this process the resident host of the instance in focus, until it ends. An error when there is one
-// already, or the base directory cannot be written.
-CWmError becomeResident();
-
-// Whether a resident host serves the instance in focus.
-bool isHostResident();
-
 // What the resident host answers; nothing when there is none. One that is there and does not answer is an
 // error: working beside it is not an alternative. One that just starts or stops is waited for.
 inline constexpr std::chrono::milliseconds kResidentWait{10'000};

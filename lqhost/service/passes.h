@@ -1,5 +1,5 @@
 // Runs the product's two periodic tasks, for the schedule and for the commands, so that registry and settings
-// cache stay together: each run under the note of pass/pass_note.h, watched, logged, and noted for
+// cache stay together: each run under the note of pass/unsettled_work.h, watched, logged, and noted for
 // `lqhost status`.
 //
 // clang-format off
@@ -18,11 +18,11 @@
 #include <mutex>
 #include <string>
 
-#include "lqhost/pass/pass_note.h"
 #include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
+#include "lqhost/pass/unsettled_work.h"
 #include "lqhost/service/product_library.h"
-#include "lqhost/service/task_notes.h"
+#include "lqhost/service/task_runs.h"
 
 namespace host {
 
@@ -65,8 +65,7 @@ class PushScope {
   UnsettledWork work_;
 };
 
-// What to do when a synchronisation should come soon: set by the resident host while it runs tasks, empty
-// otherwise. Any thread.
+// What to do when a synchronisation should come soon: set by the resident host, empty otherwise. Any thread.
 void onDownloadWanted(std::function<void()> action);
 void wantDownload();
 

@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "lqhost/service/product_library.h"
-#include "lqhost/service/task_notes.h"
+#include "lqhost/service/task_runs.h"
 
 namespace host {
 

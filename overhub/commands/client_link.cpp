@@ -76,11 +76,12 @@ int ClientLink::complainOfAnswer(const std::string& what) const {
                                     "the same version as this server");
 }
 
+// What the command line says counts first, then what a person has set, then the address it last came from.
 int ClientLink::findHost(const DataStore& store) {
-  if (host_.empty()) {
-    CWmError error = store.findHost(client_, host_);
-    if (error.IsError()) return dataUnusable(error);
-  }
+  CWmError error;
+  if (host_.empty()) error = store.readHost(client_, host_);
+  if (!error.IsError() && host_.empty()) error = store.readAddress(client_, host_);
+  if (error.IsError()) return dataUnusable(error);
   if (host_.empty()) {
     return complain(kExitRefused, "where client " + client_ +
                                       " is, is not known, since it has not attached yet; name its host with "

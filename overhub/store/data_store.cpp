@@ -28,6 +28,12 @@ CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) 
   return {};
 }
 
+// The word that the file holds; none when there is no file.
+CWmError readWordIfAny(const std::string& path, std::string& word) {
+  word.clear();
+  return file_access::exists(path) ? file_access::readWord(path, word) : CWmError();
+}
+
 }  // namespace
 
 CWmError DataStore::open() const {
@@ -160,11 +166,12 @@ CWmError DataStore::writeMessage(const std::string& file, const OBGui::RegistryT
   return file_access::replace(file, text);
 }
 
-CWmError DataStore::findHost(const std::string& client, std::string& host) const {
-  host.clear();
-  for (const std::string& file : {hostFile(client), addressFile(client)})
-    if (file_access::exists(file)) return file_access::readWord(file, host);
-  return {};
+CWmError DataStore::readHost(const std::string& client, std::string& host) const {
+  return readWordIfAny(hostFile(client), host);
+}
+
+CWmError DataStore::readAddress(const std::string& client, std::string& address) const {
+  return readWordIfAny(addressFile(client), address);
 }
 
 CWmError DataStore::setHost(const std::string& client, const std::string& host) const {
@@ -174,8 +181,7 @@ CWmError DataStore::setHost(const std::string& client, const std::string& host) 
 CWmError DataStore::recordAddress(const std::string& client, const std::string& address) const {
   const std::string file = addressFile(client);
   std::string before;
-  if (file_access::exists(file) && !file_access::readWord(file, before).IsError() && before == address)
-    return {};
+  if (!readWordIfAny(file, before).IsError() && before == address) return {};
   return file_access::replace(file, address + '\n');
 }
 

@@ -62,9 +62,10 @@ class DataStore {
   CWmError readUpload(const std::string& client, OBGui::RegistryTaskResp& upload) const;
   CWmError writeUpload(const std::string& client, const OBGui::RegistryTaskResp& upload) const;
 
-  // Where a client is to be called: what a person has set, otherwise the address it last came from; empty
-  // when neither is known.
-  CWmError findHost(const std::string& client, std::string& host) const;
+  // The host that a person has set for a client, and the address that it last came from; empty when there is
+  // none.
+  CWmError readHost(const std::string& client, std::string& host) const;
+  CWmError readAddress(const std::string& client, std::string& address) const;
   CWmError setHost(const std::string& client, const std::string& host) const;
   // Writes only when the address is another one than before.
   CWmError recordAddress(const std::string& client, const std::string& address) const;

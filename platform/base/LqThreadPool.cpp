@@ -159,15 +159,16 @@ struct LqThreadPool::Impl {
         return 0;
       }
     }
-    if (pool->needsThread() && !startThread(pool) && pool->threads.empty()) {
-      if (laneName != nullptr) pool->lanes.erase(*laneName);
-      return -1;
-    }
+    const auto refuse =
+        [&] {  // and leave no lane behind, in which the next one would wait for this one's end
+          if (laneName != nullptr) pool->lanes.erase(*laneName);
+          return -1;
+        };
+    if (pool->needsThread() && !startThread(pool) && pool->threads.empty()) return refuse();
     try {
       pool->ready.push_back({item, lane});
     } catch (const std::bad_alloc&) {
-      if (laneName != nullptr) pool->lanes.erase(*laneName);
-      return -1;
+      return refuse();
     }
     ++pool->pending;
     pool->gaveUp = false;

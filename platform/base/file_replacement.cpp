@@ -74,7 +74,7 @@ CWmError notRegular(const std::string& path) {
 
 std::string directoryOf(const std::string& path) {
   const std::size_t separator = path.rfind('/');
-  return separator == std::string::npos ? "." : path.substr(0, separator + 1);
+  return separator == std::string::npos ? "./" : path.substr(0, separator + 1);
 }
 
 CWmError openRegular(const std::string& path, int flags, auto_handle& handle) {

@@ -18,7 +18,7 @@ std::size_t lqtext::printableLength(std::string_view bytes) {
   }
   constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
   const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
-  const bool isNoncharacter = code == 0xfffe || code == 0xffff;
+  const bool isNoncharacter = (code | 1) == 0xffff;
   const bool isC1Control = code < 0xa0;
   const bool isPrintable =
       code >= kSmallest[length] && code <= 0x10ffff && !isSurrogate && !isNoncharacter && !isC1Control;

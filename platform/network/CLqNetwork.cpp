@@ -2,6 +2,7 @@
 
 #include "platform/network/interruption.h"
 #include "platform/network/session.h"
+#include "platform/network/silence_limit.h"
 
 CLqNetwork::CLqNetwork() : impl_(std::make_unique<Impl>()) {}
 
@@ -28,7 +29,7 @@ void CLqNetwork::InterruptAll() {
 }
 
 void CLqNetwork::SetSilenceLimit(std::chrono::milliseconds limit) {
-  TlsConnection::setSilenceLimit(limit);
+  setSilenceLimit(limit);
 }
 
 bool CLqNetwork::IsConnected() const {

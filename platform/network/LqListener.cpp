@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "lqregistry/CLqNetwork.h"
+#include "platform/network/connect_socket.h"
 #include "platform/network/socket_address.h"
 #include "platform/network/waiting_room.h"
 
@@ -19,7 +20,7 @@ int listenOn(const SocketAddress& place) {
   if (descriptor < 0) return descriptor;
   const int on = 1;
   ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  TlsConnection::prepareSocket(descriptor);
+  prepareSocket(descriptor);
   if (::bind(descriptor, place.get(), place.size) == 0 && ::listen(descriptor, SOMAXCONN) == 0)
     return descriptor;
   const int fault = errno;

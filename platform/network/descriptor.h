@@ -15,6 +15,7 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
 
   int get() const { return number_; }
+  int release() { return std::exchange(number_, -1); }
   void close() {
     if (number_ >= 0) ::close(number_);
     number_ = -1;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/network/silence_limit.h"
+
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
@@ -163,7 +165,7 @@ CWmError FrameStream::tryReceive(Frame& frame, Waiting& waiting) {
 CWmError FrameStream::awaitStep(Waiting waiting, const Deadline& deadline) {
   if (waiting != Waiting::kTurn) return connection_.await(waiting, deadline);
   // Nothing is read meanwhile, so the wait counts as silence.
-  if (frame_.claim->await(deadline.within(TlsConnection::silenceLimitNow()))) return {};
+  if (frame_.claim->await(deadline.within(silenceLimitNow()))) return {};
   return {kLqErrTimeout, "there was no memory for a message of " + std::to_string(size_) + " bytes in time"};
 }
 

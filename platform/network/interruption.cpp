@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "lqregistry/CLqNetwork.h"
+
 namespace {
 
 std::atomic<bool> interrupted{false};
@@ -21,6 +23,10 @@ void interruptAll() {
 
 bool isInterrupted() {
   return interrupted;
+}
+
+CWmError stopping() {
+  return {kLqErrStopping, "this process is stopping"};
 }
 
 int interruptionDescriptor() {

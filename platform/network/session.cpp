@@ -126,7 +126,6 @@ CWmError CLqNetwork::Impl::readAttachRequest(const Frame& frame) {
                              std::to_string(kAttachProtocolVersion);
     // Nobody may wait here; but so short a text always fits into a socket that nothing was written to.
     static_cast<void>(frames->send(FrameKind::kAttachRefused, text, Deadline::in(0)));
-    frames->connection().shutdown();
     return {kLqErrProtocol, text};
   }
   asked.setNames(request.library, request.entry);
@@ -185,6 +184,7 @@ CWmError CLqNetwork::Impl::nextFrame(Frame& frame, const Deadline& deadline) {
   if (!hasReceived) return frames->receive(frame, deadline);
   hasReceived = false;
   frame.swap(received);
+  held = std::move(frame.claim);  // a request's records live until it has been answered
   return {};
 }
 
@@ -212,7 +212,6 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
   if (rawText != nullptr) *rawText = frame.payload;
   error = CNMessageBase::fromBuffer(frame.payload, message);
   if (error.IsError()) return {kLqErrBadMessage, error.AsString()};
-  if (seat != nullptr) held = std::move(frame.claim);
   observe({WireEvent::Kind::kReceived, message.get(), {}});
   return {};
 }

@@ -4,7 +4,6 @@
 
 #include <exception>
 #include <memory>
-#include <new>
 #include <string>
 
 #include "lqregistry/CLqNetwork.h"
@@ -53,10 +52,7 @@ struct CLqNetwork::Impl {
     try {
       error = step();
       if (error.IsError()) error = {error.GetCode(), doing + peerText + ": " + error.AsString()};
-    } catch (const std::bad_alloc&) {
-      close();
-      error = {kLqErrFrameTooLarge, "out of memory"};  // short enough to need none
-    } catch (const std::exception& fault) {
+    } catch (const std::exception& fault) {  // out of memory, too, whose text is short enough to need none
       close();
       error = {kLqErrProtocol, fault.what()};
     }
@@ -83,7 +79,7 @@ struct CLqNetwork::Impl {
   bool hasReceived = false;
   CWmError givenUp;
   std::shared_ptr<void> seat;
-  // The memory that the request takes is given back when it has been answered: until then its records live.
+  // The memory that the request takes, until it has been answered.
   std::unique_ptr<FrameBudget::Claim> held;
 
  private:

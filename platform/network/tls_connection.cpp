@@ -1,39 +1,21 @@
 #include "platform/network/tls_connection.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <limits>
 #include <system_error>
-#include <vector>
 
-#include "platform/network/interruption.h"
-#include "platform/network/socket_address.h"
+#include "platform/network/connect_socket.h"
+#include "platform/network/silence_limit.h"
 #include "platform/network/socket_bio.h"
 
 namespace {
 
-// How soon a peer that vanished without a word is noticed: after idle + interval * probes = two minutes.
-constexpr int kKeepAliveIdleSeconds = 60;
-constexpr int kKeepAliveIntervalSeconds = 10;
-constexpr int kKeepAliveProbes = 6;
-
 constexpr int kNoSocket = -1;
-
-std::atomic<std::chrono::milliseconds> silenceLimit{std::chrono::seconds(kSilenceLimitSeconds)};
-
-void setOption(int descriptor, int level, int name, int value) {
-  ::setsockopt(descriptor, level, name, &value, sizeof value);
-}
 
 std::string systemText(int fault) {
   return std::generic_category().message(fault);
@@ -58,66 +40,7 @@ std::string handshakeFault(unsigned long error, bool callingSide) {
   }
 }
 
-CWmError stopping() {
-  return {kLqErrStopping, "this process is stopping"};
-}
-
-enum class Wait { kReady, kTimedOut, kSilent, kInterrupted };
-
-// Milliseconds for poll(2), rounded up so that a wait never ends early and spins.
-int pollTime(std::chrono::nanoseconds time) {
-  const auto whole = std::chrono::ceil<std::chrono::milliseconds>(time).count();
-  return static_cast<int>(std::clamp<decltype(whole)>(whole, 0, std::numeric_limits<int>::max()));
-}
-
-Wait waitFor(int descriptor, short events, const Deadline& deadline) {
-  const auto begin = Deadline::Clock::now();
-  for (;;) {
-    const auto silence = begin + silenceLimit.load() - Deadline::Clock::now();
-    const bool isDeadlineFirst = deadline.limited() && deadline.remaining() <= silence;
-    const auto time = isDeadlineFirst ? deadline.remaining() : silence;
-    pollfd watched[] = {{descriptor, events, 0}, {interruptionDescriptor(), POLLIN, 0}};
-    const int ready = ::poll(watched, std::size(watched), isInterrupted() ? 0 : pollTime(time));
-    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category());
-    // What can be done without waiting is done even when the process stops.
-    if (ready > 0 && watched[0].revents != 0) return Wait::kReady;
-    if (isInterrupted()) return Wait::kInterrupted;
-    if (ready == 0) return isDeadlineFirst ? Wait::kTimedOut : Wait::kSilent;
-  }
-}
-
-// The addresses to try, in order: every address of the host on the first port, then on the second.
-std::vector<SocketAddress> candidates(const std::vector<SocketAddress>& found, const Target& target) {
-  std::vector<SocketAddress> list;
-  for (const std::uint16_t port : target.ports) {
-    for (SocketAddress address : found) {
-      address.setPort(port);
-      list.push_back(address);
-    }
-    if (target.ports[0] == target.ports[1]) break;
-  }
-  return list;
-}
-
-// Connects within the deadline: the fault's number, ETIMEDOUT when it passed without an answer.
-int connectWithin(int descriptor, const SocketAddress& place, const Deadline& deadline) {
-  if (::connect(descriptor, place.get(), place.size) == 0) return 0;
-  if (errno != EINPROGRESS && errno != EINTR) return errno;
-  if (waitFor(descriptor, POLLOUT, deadline) != Wait::kReady) return ETIMEDOUT;
-  int fault = 0;
-  socklen_t size = sizeof fault;
-  return ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &fault, &size) == 0 ? fault : errno;
-}
-
 }  // namespace
-
-void TlsConnection::prepareSocket(int descriptor) {
-  setOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdleSeconds);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
-  setOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, kKeepAliveProbes);
-  setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
-}
 
 void TlsConnection::FreeTls::operator()(ssl_st* tls) const {
   SSL_free(tls);
@@ -132,40 +55,9 @@ void TlsConnection::closeSocket() {
   descriptor_ = kNoSocket;
 }
 
-void TlsConnection::setSilenceLimit(std::chrono::milliseconds limit) {
-  silenceLimit = limit;
-}
-
-std::chrono::milliseconds TlsConnection::silenceLimitNow() {
-  return silenceLimit;
-}
-
 CWmError TlsConnection::connect(const Target& target, const Deadline& deadline) {
-  std::string fault;
-  const std::vector<SocketAddress> found = resolveHost(target.host, fault);
-  if (found.empty()) return {kLqErrConnect, fault};
-
-  const std::vector<SocketAddress> places = candidates(found, target);
-  std::string reasons;
-  bool isSilent = true;
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    const int descriptor =
-        ::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0) throw std::system_error(errno, std::generic_category());
-    closeSocket();
-    descriptor_ = descriptor;
-    prepareSocket(descriptor_);
-    const int problem = connectWithin(descriptor_, places[i], deadline.share(places.size() - i));
-    if (problem == 0) {
-      address_ = places[i].text();
-      return {};
-    }
-    if (isInterrupted()) return stopping();
-    isSilent = isSilent && problem == ETIMEDOUT;
-    reasons += (reasons.empty() ? "" : "; ") + places[i].text() + ": " +
-               (problem == ETIMEDOUT ? "no answer" : systemText(problem));
-  }
-  return {isSilent ? kLqErrTimeout : kLqErrConnect, reasons};
+  closeSocket();
+  return connectSocket(target, deadline, descriptor_, address_);
 }
 
 void TlsConnection::adopt(int descriptor, std::string address) {
@@ -269,17 +161,7 @@ CWmError TlsConnection::write(std::string_view first, std::string_view second, c
 
 CWmError TlsConnection::await(Waiting waiting, const Deadline& deadline) const {
   if (waiting == Waiting::kMore) return {};
-  switch (waitFor(descriptor_, waiting == Waiting::kWritable ? POLLOUT : POLLIN, deadline)) {
-    case Wait::kReady:
-      return {};
-    case Wait::kInterrupted:
-      return stopping();
-    case Wait::kSilent:
-      return {kLqErrConnectionLost, "not a byte has moved for as long as a session may be silent"};
-    case Wait::kTimedOut:
-      break;
-  }
-  return {kLqErrTimeout, "the time given has passed"};
+  return awaitSocket(descriptor_, waiting == Waiting::kWritable ? POLLOUT : POLLIN, deadline);
 }
 
 void TlsConnection::shutdown() {

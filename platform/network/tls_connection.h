@@ -2,13 +2,11 @@
 //
 // It is a non-blocking socket and a TLS state, bound to no thread: whoever holds it may go on with it, one
 // thread at a time. Each step comes in two forms: one that does what it can without waiting and says what it
-// waits for, and one that waits against a deadline. No wait outlasts the silence limit
-// (CLqNetwork::SetSilenceLimit) without a byte, or interruptAll(). Steps give kLqErrTimeout,
+// waits for, and one that waits as silence_limit.h has it. Steps give kLqErrTimeout,
 // kLqErrConnectionLost or a code of their own, with the bare reason as text; memory and descriptor shortage
 // are thrown as std::exception for the session to catch.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -35,13 +33,12 @@ class TlsConnection {
   TlsConnection(const TlsConnection&) = delete;
   TlsConnection& operator=(const TlsConnection&) = delete;
 
-  // Connects to the target's first port or, when nobody can be reached there, its second.
+  // As connectSocket() does.
   CWmError connect(const Target& target, const Deadline& deadline);
 
   // Takes over an accepted, non-blocking socket and the text of where it came from. Until the first byte
   // comes, it costs no TLS state. Its options are those of the listening socket, which accepted ones inherit.
   void adopt(int descriptor, std::string address);
-  static void prepareSocket(int descriptor);
 
   CWmError handshake(const Deadline& deadline);
   CWmError tryHandshake(Waiting& waiting);
@@ -66,10 +63,6 @@ class TlsConnection {
   const std::string& identity() const { return identity_; }
   // Address and port of the peer, for texts.
   const std::string& address() const { return address_; }
-
-  // How long a wait may go without a byte, whatever its deadline. For the whole process.
-  static void setSilenceLimit(std::chrono::milliseconds limit);
-  static std::chrono::milliseconds silenceLimitNow();
 
  private:
   struct FreeTls {

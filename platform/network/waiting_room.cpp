@@ -268,13 +268,13 @@ void WaitingRoom::greet() {
     if (looks && isShortOfDescriptors() && !putOutForDescriptor()) return rest("no descriptors are left");
     SocketAddress from;
     const int descriptor = ::accept4(listener_.get(), from.edit(), &from.size, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (descriptor >= 0) {
-      greetOne(descriptor, from);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      break;
-    } else if (errno != ECONNABORTED && errno != EINTR) {
-      return rest(std::generic_category().message(errno));
+    if (descriptor < 0) {
+      const bool isTrouble =
+          errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED && errno != EINTR;
+      if (isTrouble) return rest(std::generic_category().message(errno));
+      break;  // whoever still waits is reported anew
     }
+    greetOne(descriptor, from);
   }
   makeRoom();
 }

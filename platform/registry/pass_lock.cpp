@@ -145,9 +145,11 @@ struct LqPassLock::Hold {
       return refused("the lock " + path + " cannot be made: " + systemText(errno));
     }
     while (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK && errno != EINTR)
-        return refused("the lock " + path + " cannot be taken: " + systemText(errno));
-      if (Clock::now() >= end) return refused(heldBy(path, readNote(opened.get())));
+      const int fault = errno;
+      const bool isHeld = fault == EWOULDBLOCK || fault == EINTR;
+      if (!isHeld || Clock::now() >= end)
+        return refused(isHeld ? heldBy(path, readNote(opened.get()))
+                              : "the lock " + path + " cannot be taken: " + systemText(fault));
       std::this_thread::sleep_for(kPoll);
     }
     file = std::move(opened);

@@ -28,7 +28,8 @@ class PrivateFolder {
     if (!error && mkdtemp(name.data()) != nullptr)
       path_ = name;
     else
-      reason_ = name + ": " + std::generic_category().message(error ? error.value() : errno);
+      reason_ = error ? "the folder for temporary files, which TMPDIR names: " + error.message()
+                      : name + ": " + std::generic_category().message(errno);
   }
   ~PrivateFolder() {
     std::error_code ignored;
@@ -71,10 +72,6 @@ int readIntoMemory(const std::string& copy, sqlite3*& database) {
   if (result == SQLITE_OK)
     result = backup == nullptr ? sqlite3_errcode(database) : sqlite3_backup_finish(backup);
   sqlite3_close(source);
-  if (result != SQLITE_OK) {
-    sqlite3_close(database);
-    database = nullptr;
-  }
   return result;
 }
 
@@ -98,15 +95,15 @@ Outcome copyIntoMemory(const std::string& path, sqlite3*& database, FileStamp& s
   const PrivateFolder folder;
   if (!folder.reason().empty()) return notCopied(folder.reason());
   const std::string copy = (folder.path() / kCopyName).string();
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  for (int attempt = 1;; ++attempt) {
     std::error_code error;
     if (copyParts(path, copy, stamp, error)) {
       const int result = readIntoMemory(copy, database);
       return result == SQLITE_OK ? Outcome{} : notCopied(sqlite3_errstr(result));
     }
-    if (error) return notCopied(copy + ": " + error.message());
+    if (error || attempt == kAttempts)
+      return notCopied(error ? copy + ": " + error.message() : "it is being written to");
   }
-  return notCopied("it is being written to");
 }
 
 }  // namespace lqregistry

@@ -44,12 +44,10 @@ constexpr const char* kAddFact = "INSERT INTO facts (name, value) VALUES (?1, ?2
 constexpr const char* kCountProtected =
     "SELECT count(*) FROM key_values WHERE substr(data, 1, 3) = CAST('V8:' AS BLOB)";
 
-// The outcome of a transaction that came to `result`; undoes it when it failed.
+// The outcome of a transaction that came to `result`. One that failed is undone by who opens the file, and
+// closes it then.
 Outcome ended(sqlite3* database, int result) {
-  if (result == SQLITE_OK) return {};
-  Outcome outcome = failureOf(database, result);
-  if (sqlite3_get_autocommit(database) == 0) execute(database, "ROLLBACK");
-  return outcome;
+  return result == SQLITE_OK ? Outcome{} : failureOf(database, result);
 }
 
 int addKeyFingerprint(sqlite3* database, const std::string& fingerprint) {
@@ -66,10 +64,7 @@ Outcome commitWithNewKey(sqlite3* database, const std::string& path) {
   const std::string keyFile = keyFileOf(path);
   std::string fingerprint;
   const CWmError error = lqsecret::stageKey(keyFile, fingerprint);
-  if (error.IsError()) {
-    execute(database, "ROLLBACK");
-    return {kRegUnavailable, error.AsString()};
-  }
+  if (error.IsError()) return {kRegUnavailable, error.AsString()};
   int result = addKeyFingerprint(database, fingerprint);
   if (result == SQLITE_OK) result = execute(database, "COMMIT");
   // A key that stays behind is found and put in place by who needs it first.
@@ -109,10 +104,7 @@ Outcome createSchema(sqlite3* database, const std::string& path) {
   result = identify(database, identity);
   if (result == SQLITE_OK && !identity.blank()) result = execute(database, "COMMIT");
   if (result != SQLITE_OK || !identity.blank()) return ended(database, result);
-  if (lqsecret::keyFileExists(keyFileOf(path))) {
-    execute(database, "ROLLBACK");
-    return orphanedKey(path);
-  }
+  if (lqsecret::keyFileExists(keyFileOf(path))) return orphanedKey(path);
   result = execute(database, kSchema);
   if (result == SQLITE_OK) result = execute(database, kFactsSchema);
   return result == SQLITE_OK ? commitWithNewKey(database, path) : ended(database, result);

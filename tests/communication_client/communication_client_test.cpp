@@ -113,6 +113,7 @@ TEST_F(CommunicationClient, AnExchangeNeedsNoIdAndGoesToTheServerThatTheRegistry
   EXPECT_EQ(client.getRemoteHostName(), "");
   client.setRemoteHostName("elsewhere");
   EXPECT_TRUE(exchange(client));
+  EXPECT_EQ(client.getLocalPlatformType(), kPlatformUnix);
   const auto* reply = messageAs<App::AppCommunicationMessageResp>(client.receivedMessage.get());
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->payload.get(), "well received");

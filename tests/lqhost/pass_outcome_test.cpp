@@ -12,7 +12,8 @@ TEST(PassOutcome, IsTheWorstOfWhatWentWrong) {
   const std::tuple<std::function<void(PassResult&)>, RunOutcome, bool> cases[] = {
       {[](PassResult&) {}, RunOutcome::kApplied, true},
       {[](PassResult& pass) { pass.acknowledgedAs.reset(); }, RunOutcome::kUnacknowledged, false},
-      {[](PassResult& pass) { pass.isGoodbyeAnswered = false; }, RunOutcome::kUnacknowledged, false},
+      {[](PassResult& pass) { pass.isGoodbyeAnswered = PassResult().isGoodbyeAnswered; },
+       RunOutcome::kUnacknowledged, false},
       {[](PassResult& pass) { pass.refusal = "full"; }, RunOutcome::kUnacknowledged, false},
       {[](PassResult& pass) { pass.cache = host::CacheFate::kLost; }, RunOutcome::kCacheLost, false},
       {[](PassResult& pass) { pass.cache = host::CacheFate::kKept; }, RunOutcome::kCacheKept, false},

@@ -8,9 +8,10 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
-#include "lqhost/pass/pass_note.h"
+#include "lqhost/pass/unsettled_work.h"
 #include "lqhost/service/command_socket.h"
-#include "lqhost/service/task_notes.h"
+#include "lqhost/service/resident_lock.h"
+#include "lqhost/service/task_runs.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 

@@ -36,7 +36,8 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
                 key + "\"\n");
   for (const char* const directory : {"/..", "", "/clients", "/keys", "/acks", "/join"})
     EXPECT_EQ(modeOf(data_ + directory), 0700U) << directory;
-  for (const std::string& file : {data_ + "/keys/web-1.key", batchFile("web-1"), joinFile})
+  for (const std::string& file :
+       {data_ + "/keys/web-1.key", data_ + "/change.lock", batchFile("web-1"), joinFile})
     EXPECT_EQ(modeOf(file), 0600U) << file;
 
   // A new key for the same client: what it was and what it gets stay.

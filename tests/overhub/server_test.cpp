@@ -1,6 +1,8 @@
 // The running server, with this process as its clients over the wire.
 #include "overhub/server/server.h"
 
+#include <sys/resource.h>
+
 #include "tests/overhub/overhub_fixture.h"
 #include "tests/support/scripted_peer.h"
 
@@ -142,15 +144,28 @@ TEST_F(OverhubServerTest, ServesManyAtOnceThroughSilenceAndNoise) {
 
 // Two servers on one directory would race for its files.
 TEST_F(OverhubServerTest, IsAloneOnItsData) {
-  const auto server = serve();
-  expectErr(overhub({"serve", "--listen", uniqueLoopbackAddress()}), 1, {data_, "another overhub"});
-  EXPECT_EQ(server->stop(), 0);
-  serve();  // the lock went with the process
+  const auto refused = [&] { return overhub({"serve", "--listen", uniqueLoopbackAddress()}); };
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = 100;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  const auto first = serve();
+  prlimit(first->process(), RLIMIT_NOFILE, nullptr, &limit);
+  EXPECT_EQ(limit.rlim_cur, limit.rlim_max) << "as many clients as the system allows";
+  expectErr(refused(), 1, {data_, "another overhub"});
+  EXPECT_EQ(first->stop(), 0);
+  writeFile(data_ + "/serve.lock", "a long name of whoever had it before");
+  const auto second = serve();  // the lock went with the process
+  expectErr(refused(), 1, {"another overhub (process " + std::to_string(second->process()) + ") serves"});
 }
 
 TEST_F(OverhubServerTest, AClientThatNeverLeavesDoesNotKeepItFromStopping) {
   expectOk({"add-client", "web-1"});
   const DataStore store(data_);
+  std::size_t cutOff = 0;
+  Server idle(store);
+  ASSERT_FALSE(idle.listen(address_, 8401).IsError() || idle.start().IsError());
+  EXPECT_EQ(idle.stop(cutOff, std::chrono::hours(1)), 0U) << "who has nobody to wait for stops at once";
   Server server(store);
   for (const int port : {8400, 8402})
     ASSERT_FALSE(server.listen(address_, static_cast<std::uint16_t>(port)).IsError());
@@ -158,7 +173,6 @@ TEST_F(OverhubServerTest, AClientThatNeverLeavesDoesNotKeepItFromStopping) {
   become("web-1");
   CLqNetwork network;
   ASSERT_FALSE(attach(network).IsError());
-  std::size_t cutOff = 0;
   EXPECT_EQ(server.stop(cutOff, std::chrono::milliseconds(50)), 0U);
   EXPECT_EQ(cutOff, 1U);
   EXPECT_FALSE(network.IsConnected());

@@ -62,21 +62,21 @@ TEST_F(Log, AValueCannotForgeALine) {
   const oblog::Capture capture;
   // The last ones are controls to a terminal as well: in UTF-8, and raw.
   const std::string hostile =
-      "a\nE [forged] b\r\x1b[2J\x7f" + std::string(5000, 'x') + "\xc2\x9b\x9b\xc3\xa9\\";
+      "a\nE [forged] b\r\x1b[2J\x7f" + std::string(5000, 'x') + "\xc2\x9b\x9b\xc3\xa9\xef\xbf\xbf\\";
   ObEvent().Debug("tag\n", "value [%s]", hostile.c_str());
   const std::string text = readFile(dir_ / "host.log");
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
   EXPECT_NE(text.find("a\\x0aE [forged] b\\x0d\\x1b[2J\\x7fxxx"), std::string::npos) << text;
-  EXPECT_NE(text.find("x\\xc2\\x9b\\x9b\xc3\xa9\\]"), std::string::npos) << text;
+  EXPECT_NE(text.find("x\\xc2\\x9b\\x9b\xc3\xa9\\xef\\xbf\\xbf\\]"), std::string::npos) << text;
   EXPECT_NE(text.find("[tag\\x0a]"), std::string::npos) << text;
   EXPECT_EQ(capture.Lines().at(0).text, "value [" + hostile + "]") << "captured as formatted, and whole";
 }
 
 TEST_F(Log, TheFileIsTheOwnersSaysWhoWroteAndRotates) {
-  oblog::Settings settings = toFile(1);
+  oblog::Settings settings = toFile(10);
   settings.maxFileBytes = 2000;
   ASSERT_FALSE(oblog::Configure(settings).IsError());
-  for (int i = 0; i < 100; ++i) ObEvent().Debug("the::tag", "line %d of a log that has to turn over", i);
+  for (int i = 0; i < 100; ++i) ObEvent().DebugLvl(10, "the::tag", "line %d of a log that turns over", i);
   const std::string process = " " + std::to_string(getpid()) + " ";
   std::size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
@@ -247,7 +247,7 @@ class Files : public testing::Test {
   }
 
   TempDir dir_;
-  std::string path_ = dir_ / "file";
+  std::string path_ = dir_ / std::string(NAME_MAX, 'f');  // the longest name
 };
 
 TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
@@ -270,9 +270,16 @@ TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
   EXPECT_TRUE(FXFile::ReadContents(path_, text, 9).IsError()) << "more than that";
   EXPECT_FALSE(FXFile::ReplaceContents(path_, "").IsError());
   EXPECT_EQ(readFile(path_), "");
+  EXPECT_TRUE(contains(FXFile::DeleteMatchingFiles("/proc/self", "comm", 0).AsString(),
+                       "deleting \"comm\" in /proc/self"));  // a file that nobody can delete
   std::string longest(PATH_MAX - 3, 'd');
   EXPECT_TRUE(FXPath::Append(longest, "f") && !FXPath::Append(longest, "f") && longest.ends_with("d/f"));
   EXPECT_EQ(fileCount(), 1);
+  auto_handle late;
+  ASSERT_FALSE(open(FXFile::kGenericWrite, FXFile::kCreateAlways, late).IsError());
+  ASSERT_TRUE(std::filesystem::remove(path_) && std::filesystem::create_directory(path_));
+  std::uint64_t written = 1;
+  EXPECT_TRUE(FXFile::LQWriteFile(late, "text", 4, written).IsError() && written == 0) << "a folder by now";
 }
 
 TEST_F(Files, AProcessThatIsKilledLeavesTheOldTextAndTheNextOneTidiesUp) {

@@ -241,6 +241,7 @@ TEST_F(MessageTest, ReadingTakesBoundedMemory) {
       {probes(kMaxMessageRecords, empty), "times the memory"},
       {probes(kMaxMessageRecords + 1, ordinary), "more than 500000 records"},
       {unknown(probes(3'000'000, "<a/>")), "times the memory"},
+      {unknown(probes(200'000, "<a b='' b='' b='' b='' b='' b='' b='' b='' b=''/>")), "times the memory"},
       {unknown(probes(1'000'000, "x<" + std::string(16, 'b') + "/>")), "times the memory"},
       {unknown(probes(2'000'000, "<b/>xxxxx>")), "times the memory"}};
   for (const auto& [text, reason] : cases) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <future>
 #include <list>
 
 #include "lqregistry/CLqNetwork.h"
@@ -445,6 +446,7 @@ TEST_F(NetworkTest, VanishedPeersAreNoticedByWhoeverEndsTheSession) {
   ASSERT_FALSE(attach(network).IsError());
   ASSERT_FALSE(network.SendXMLMessage(noteOf("vanish"), 0, kPatience, gone).IsError());
   while (network.IsConnected()) std::this_thread::yield();
+  expectError(exchange(network, noteOf("vanish")), kLqErrConnectionLost, "cannot send to");
 }
 
 TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
@@ -453,7 +455,7 @@ TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
     ScriptedPeer peer = attaching([&](PeerSession& s) {
       s.writeFrame(PeerSession::kMessage, "<Test.Note/>");  // nobody reads it any more
       s.writeFrame(PeerSession::kGoodbye);
-      answered = s.readFrame().kind == PeerSession::kGoodbye;
+      answered = s.readFrame().kind == PeerSession::kGoodbye && s.endsInOrder();
     });
     ASSERT_FALSE(attach(network).IsError());
     network.ReplyDisconnect(kPatience, gone);
@@ -611,6 +613,21 @@ TEST_F(RoomTest, WhatOneClientAsksForDoesNotPileUp) {
   }
 }
 
+// However many threads serve, of one client they serve no more than its share; who waits for the end of one
+// hears of it.
+TEST_F(RoomTest, AClientIsServedInItsTurn) {
+  LqListener::Limits limits;
+  limits.servedPerIdentity = 1;
+  LqListener listener(findKey, limits);
+  ASSERT_FALSE(listener.open(address, kFirstPort).IsError());
+  const std::unique_ptr<PeerSession> peers[] = {askingPeer(), askingPeer()};
+  auto first = listener.accept();
+  auto second = std::async(std::launch::async, [&] { return listener.accept(); });
+  EXPECT_EQ(second.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  first.reset();
+  EXPECT_NE(second.get(), nullptr);
+}
+
 // Whose time has passed goes without anybody needing the place.
 TEST_F(RoomTest, CallersAndSessionsHaveTheirTime) {
   LqListener::Limits limits;
@@ -641,21 +658,23 @@ TEST_F(RoomTest, LargeMessagesWaitForMemoryAndHearWhenThereIsNone) {
   const auto third = attachedPeer();
   // Whether the others have their memory yet shows in what the third one hears.
   PeerFrame heard;
-  do {
-    third->writeFrame(PeerSession::kMessage, large_);
-    heard = third->readFrame();
-  } while (heard.kind == PeerSession::kMessage);
-  EXPECT_EQ(heard.kind, PeerSession::kRefuseRequest);
+  const auto askUntil = [&](int kind) {
+    do {
+      third->writeFrame(PeerSession::kMessage, large_);
+      heard = third->readFrame();
+    } while (heard.kind != kind && heard.kind != 0);
+  };
+  askUntil(PeerSession::kRefuseRequest);
   EXPECT_NE(heard.payload.find("no memory for so large a message"), std::string::npos) << heard.payload;
   EchoServer::expectSleeping();
   third->writeFrame(PeerSession::kMessage, "<Test.Note text=\"small\"/>");
   EXPECT_EQ(third->readFrame().payload, "<Test.Note text=\"small\"/>");
   first.reset();
-  do {
-    third->writeFrame(PeerSession::kMessage, large_);
-    heard = third->readFrame();
-  } while (heard.kind == PeerSession::kRefuseRequest);
+  askUntil(PeerSession::kMessage);
   EXPECT_EQ(heard.payload, large_);
+  first = largePeer();  // gets what the third one, whose session goes on, has given back
+  askUntil(PeerSession::kRefuseRequest);
+  EXPECT_EQ(heard.kind, PeerSession::kRefuseRequest);
 }
 
 TEST_F(RoomTest, WhoIsTooSlowWithALargeMessageGivesItsMemoryToOthers) {

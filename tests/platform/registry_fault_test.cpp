@@ -29,6 +29,7 @@ TEST_F(RegistryTest, ADamagedFileFailsEveryCallIsReportedOnceAndLeftAlone) {
   const std::string good = readFile(file_);
   const std::pair<const char*, std::string> damages[] = {
       {"garbage", std::string(9000, '#')},
+      {"garbage again, for a file named anew", std::string(9000, '#')},
       {"truncated", good.substr(0, good.size() / 2)},
       {"of another application", withByte(good, kApplicationPlace, 'X')},
       {"of a newer format", withByte(good, kVersionPlace + 3, 3)},
@@ -198,18 +199,37 @@ TEST_F(RegistryTest, IsReadWhereNothingCanBeWrittenAndNeverWithOldValues) {
   };
   put("idle");
   lqregistry::UseFile(file_);
-  OtherProcess reader([this](const std::string& step) {
+  OtherProcess reader([&](const std::string& step) {
     LQPlatformInfo info;
+    if (step == "hold nothing open") {
+      struct stat file {};
+      struct stat held {};
+      bool isHeld = stat(file_.c_str(), &file) != 0;
+      for (int i = 0; i < 256 && !isHeld; ++i)
+        isHeld = fstat(i, &held) == 0 && held.st_ino == file.st_ino && held.st_dev == file.st_dev;
+      return !isHeld;
+    }
     if (step == "enter") return becomeReaderOf(dir_.path());
     if (step == "reopen") lqregistry::UseFile(file_);
+    if (step == "find no room") {
+      setenv("TMPDIR", "/none", 1);
+      std::string data;
+      const bool isRead = info.getString("A", "name", data);
+      setenv("TMPDIR", copies.path().c_str(), 1);
+      if (isRead ||
+          !contains(info.getRegErrorText(), "a copy to read failed: the folder for temporary files"))
+        return false;
+      const FullDisk disk(0);
+      return !info.getString("A", "name", data) && contains(info.getRegErrorText(), "registry.db: ");
+    }
     if (step == "remove what is absent")
       return !info.delRegField("A", "absent") && info.getRegError() == kRegValueMissing;
     return step == "reopen" || (step == "check" ? !lqregistry::Check().IsError() : carryOut(step));
   });
-  ASSERT_TRUE(reader.ask("enter"));
+  ASSERT_TRUE(reader.ask("enter") && reader.ask("find no room"));
   // Neither log nor index is there; a batch that changes nothing is carried out.
-  for (const char* step : {"read idle", "find it read-only", "begin", "read idle", "write idle",
-                           "remove what is absent", "commit", "check"})
+  for (const char* step : {"read idle", "hold nothing open", "find it read-only", "begin", "read idle",
+                           "write idle", "remove what is absent", "commit", "check"})
     EXPECT_TRUE(reader.ask(step)) << step;
 
   // What a machine that lost its power leaves: the newest values are in the log alone, and there is no index.
@@ -257,7 +277,8 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
   };
   OtherProcess user(answers);
   OtherProcess writer(answers);
-  ASSERT_TRUE(user.ask("become") && writer.ask("become"));
+  OtherProcess later(answers);
+  ASSERT_TRUE(user.ask("become") && writer.ask("become") && later.ask("become"));
   ASSERT_TRUE(writer.ask("write data"));  // opened while it may be written
   ASSERT_EQ(chmod(file_.c_str(), 0), 0);
   EXPECT_TRUE(user.ask("fail to read"));
@@ -270,6 +291,9 @@ TEST_F(RegistryTest, ReadsAFileThatItMayNotWrite) {
     EXPECT_TRUE(user.ask(step)) << step;
   ASSERT_EQ(chmod(file_.c_str(), 0600), 0);
   EXPECT_TRUE(user.ask("write new"));
+  // Companions from the time when it was read-only do not keep it so.
+  for (const char* made : {"-wal", "-shm"}) ASSERT_EQ(chmod((file_ + made).c_str(), 0400), 0);
+  EXPECT_TRUE(later.ask("write newest"));
 }
 
 TEST_F(RegistryTest, ReportsABatchThatADiskTooFullUndid) {

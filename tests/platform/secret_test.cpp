@@ -80,6 +80,9 @@ TEST_F(Secrets, V8TextIsDeterministicPerKeyAndCannotBeAltered) {
 }
 
 TEST_F(Secrets, TheKeyComesWithTheRegistryAndIsOneForAllWhoMakeThemAtOnce) {
+  EXPECT_TRUE(contains(complaint(), file_));
+  EXPECT_EQ(pstring("").getV8Password(), "");
+  EXPECT_FALSE(fs::exists(file_)) << "only what is protected makes it";
   std::vector<pid_t> children;
   for (int i = 0; i < 6; ++i) {
     children.push_back(startChild([&] {

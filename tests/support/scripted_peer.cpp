@@ -226,6 +226,10 @@ bool PeerSession::acceptAttach(const std::function<void(const std::string&)>& ta
   return true;
 }
 
+bool PeerSession::endsInOrder() {
+  return readFrame().kind == 0 && (SSL_get_shutdown(tls_->connection) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
 bool PeerSession::answerGoodbye() {
   for (;;) {
     const PeerFrame frame = readFrame();

@@ -73,6 +73,7 @@ class PeerSession : public PlainSocket {
   bool acceptAttach(const std::function<void(const std::string&)>& take = {});
   // Reads on until the other end says goodbye, and answers it; false when it closes instead.
   bool answerGoodbye();
+  bool endsInOrder();  // with TLS's own word
 
  private:
   struct Tls;

@@ -82,6 +82,7 @@ class BackgroundProgram {
   // Waits until the log file holds `text`; false when the program ended, or a minute passed, without it.
   bool waitForOutput(const std::string& text) const;
   std::string output() const;
+  pid_t process() const { return pid_; }
   // Sends SIGTERM and waits for the end; the exit code as in ProgramResult.
   int stop();
 

@@ -1,4 +1,4 @@
-#include "lqhost/pass/pass_note.h"
+#include "lqhost/pass/unsettled_work.h"
 
 #include <unistd.h>
 

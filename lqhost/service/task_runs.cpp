@@ -1,4 +1,4 @@
-#include "lqhost/service/task_notes.h"
+#include "lqhost/service/task_runs.h"
 
 #include <array>
 #include <cstdio>

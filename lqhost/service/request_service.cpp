@@ -1,4 +1,4 @@
-#include "lqhost/service/server_requests.h"
+#include "lqhost/service/request_service.h"
 
 #include <cstring>  // explicit_bzero
 #include <exception>
