@@ -49,6 +49,7 @@ class ApplyPass {
       client_.regStatus = kRegStatusWriteFailed;
       return kResultFailed;
     }
+    const LqThreadPool::HandOver together(LqRegistryChangeMgr::callBackThreadPool);
     for (const OBGui::RegistryKeyInfo* key : changed_) changes_.HandleCallbackForRegistry(*key);
     return failed_ ? kResultFailed : kResultOk;
   }

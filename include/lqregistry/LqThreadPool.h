@@ -3,8 +3,8 @@
 // Constructed without threads; initThreadPool starts it. No work item is refused because many wait: whoever
 // hands over more than can be run in time bounds that itself, with pendingCount(). Items run in the order
 // they were queued, several at a time; items of one lane run one after the other. Any thread may queue work.
-// A real platform library provides initThreadPool and doWork with these arguments; what its four numbers mean
-// is for it to say, here they mean what is written below.
+// A real platform library provides initThreadPool and doWork with these arguments, and a HandOver that may do
+// nothing; what its four numbers mean is for it to say, here they mean what is written below.
 //
 // The destructor ends the pool in order: nothing new is accepted, everything accepted is run, the threads are
 // joined. It waits for that no longer than the exit wait; then it logs what has not run and leaves the
@@ -21,6 +21,8 @@
 #include "lqregistry/LqExport.h"
 
 class LQ_EXPORT LqThreadPool {
+  struct Impl;
+
  public:
   using Routine = void* (*)(void*);
 
@@ -51,6 +53,20 @@ class LQ_EXPORT LqThreadPool {
   // The same; items that name the same lane run one at a time, in the order they were queued.
   int doWork(Routine routine, void* argument, const std::string& lane);
 
+  // For many items that are handed over one after the other: while one lives, threads that sleep stay asleep,
+  // and are woken when it ends. Waking a thread for each item costs more than a short item does. Items are
+  // accepted as ever, and a thread that is awake may run them. One at a time; it must not outlive the pool.
+  class LQ_EXPORT HandOver {
+   public:
+    explicit HandOver(const LqThreadPool& pool);
+    ~HandOver();
+    HandOver(const HandOver&) = delete;
+    HandOver& operator=(const HandOver&) = delete;
+
+   private:
+    Impl& pool_;
+  };
+
   // Blocks until nothing waits and nothing runs. Not to be called from a work item.
   void waitIdle();
 
@@ -69,6 +85,5 @@ class LQ_EXPORT LqThreadPool {
   std::size_t threadCount() const;
 
  private:
-  struct Impl;
   std::shared_ptr<Impl> impl_;  // shared with the threads, which may have to be left behind
 };

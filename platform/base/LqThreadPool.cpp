@@ -37,7 +37,7 @@ struct LqThreadPool::Impl {
   };
   // A lane exists while one of its items waits in `ready` or runs; `behind` are those that come after it.
   struct Lane {
-    std::deque<Item> behind;
+    std::list<Item> behind;  // most often none, which then takes no memory
   };
   using Lanes = std::unordered_map<std::string, Lane>;  // its elements stay where they are
   struct Ready {
@@ -63,6 +63,7 @@ struct LqThreadPool::Impl {
   pid_t startedBy = 0;
   bool started = false;
   bool stopping = false;
+  bool gathers = false;    // nobody is woken for an item more
   bool gaveUp = false;     // what is pending was waited for in vain, and logged
   bool abandoned = false;  // the pool has ended without its threads, which leave everything as it is
 
@@ -172,7 +173,7 @@ struct LqThreadPool::Impl {
     }
     ++pool->pending;
     pool->gaveUp = false;
-    pool->workArrived.notify_one();
+    if (!pool->gathers) pool->workArrived.notify_one();
     return 0;
   }
 
@@ -254,6 +255,17 @@ int LqThreadPool::doWork(Routine routine, void* argument) {
 int LqThreadPool::doWork(Routine routine, void* argument, const std::string& lane) {
   const std::lock_guard lock(impl_->mutex);
   return Impl::accept(impl_, {routine, argument}, &lane);
+}
+
+LqThreadPool::HandOver::HandOver(const LqThreadPool& pool) : pool_(*pool.impl_) {
+  const std::lock_guard lock(pool_.mutex);
+  pool_.gathers = true;
+}
+
+LqThreadPool::HandOver::~HandOver() {
+  const std::lock_guard lock(pool_.mutex);
+  pool_.gathers = false;
+  pool_.workArrived.notify_all();
 }
 
 void LqThreadPool::waitIdle() {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <optional>
 #include <thread>
 
 #include "lqregistry/CWmLibrary.h"
@@ -192,6 +193,14 @@ TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {
     LqThreadPool pool;
     ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 1, 1));
     EXPECT_TRUE(pool.drain(std::chrono::milliseconds(0))) << "nothing was queued";
+    static Gate open;
+    open.open();
+    for (int i = 0; i < 100; ++i) {  // the thread sleeps most of the times
+      std::optional<LqThreadPool::HandOver> together(pool);
+      EXPECT_EQ(pool.doWork(&Gate::pass, &open), 0);
+      together.reset();
+      pool.waitIdle();  // because the end of it wakes whoever sleeps
+    }
     EXPECT_EQ(pool.doWork(&Gate::pass, &hanging, "lane 0"), 0);
     while (hanging.entered < 1) std::this_thread::yield();
     EXPECT_EQ(pool.doWork(&Gate::pass, &never, "lane 0"), 0);
