@@ -86,7 +86,7 @@ CWmError lqfile::writeAll(const auto_handle& handle, const void* data, std::uint
 void auto_handle::reset(int descriptor) {
   // Before the descriptor, whose lock says that the temporary file is in use.
   replacement_.reset();
-  if (descriptor_ >= 0) ::close(descriptor_);
+  if (isValid()) ::close(descriptor_);
   descriptor_ = descriptor;
 }
 

@@ -1,15 +1,17 @@
 #include "platform/network/frame_stream.h"
 
+#include <arpa/inet.h>
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "platform/network/silence_limit.h"
 
 namespace {
 
-constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kLengthBytes = sizeof(std::uint32_t);
 constexpr std::size_t kKindBytes = 1;
 
 // What is read at a time, at least; a payload gets memory as it arrives, so a header alone costs nothing.
@@ -61,9 +63,9 @@ void Frame::swap(Frame& other) noexcept {
 CWmError FrameStream::send(FrameKind kind, std::string_view payload, const Deadline& deadline) {
   const std::size_t length = kKindBytes + payload.size();
   if (length > bound_) return tooLarge(length, bound_);
+  const std::uint32_t lengthSent = htonl(static_cast<std::uint32_t>(length));
   std::array<char, kHeaderBytes> header{};
-  for (std::size_t i = 0; i < kLengthBytes; ++i)
-    header[i] = static_cast<char>(length >> (8 * (kLengthBytes - 1 - i)) & 0xFF);
+  std::memcpy(header.data(), &lengthSent, kLengthBytes);
   header[kLengthBytes] = static_cast<char>(kind);
 
   usable_ = false;
@@ -81,9 +83,9 @@ CWmError FrameStream::readHeader(Waiting& waiting) {
     if (error.IsError() || waiting != Waiting::kNothing) return error;
   }
   if (frame_.kind != FrameKind{}) return {};  // taken apart before
-  std::size_t length = 0;
-  for (std::size_t i = 0; i < kLengthBytes; ++i)
-    length = length << 8 | static_cast<unsigned char>(header_[i]);
+  std::uint32_t lengthSent = 0;
+  std::memcpy(&lengthSent, header_.data(), kLengthBytes);
+  const std::size_t length = ntohl(lengthSent);
   if (length > bound_) return tooLarge(length, bound_);
   if (length < kKindBytes) return {kLqErrProtocol, "a frame without a kind"};
   frame_.kind = static_cast<FrameKind>(header_[kLengthBytes]);

@@ -120,6 +120,7 @@ Outcome RegistryStore::commitTransaction() {
   if (writer_.inTransaction()) writer_.run(Sql::kRollback);
   lostWrites_ = lostWrites_ || pendingWrites_;
   pendingWrites_ = false;
+  reportFailure(Access::kWriting, outcome);
   return outcome;
 }
 
@@ -180,10 +181,8 @@ void RegistryStore::lockBatch() {
 bool RegistryStore::endBatch() {
   if (isInherited_) return false;
   noteLoss();
-  if (batchDepth_ == 1 && writer_.inTransaction()) {
-    const Outcome outcome = commitTransaction();
-    if (!outcome.ok()) reportFailure(Access::kWriting, outcome);
-  }
+  // What a commit that fails has lost is noted and reported there.
+  if (batchDepth_ == 1 && writer_.inTransaction()) static_cast<void>(commitTransaction());
   const bool survived = !lostWrites_;
   leaveBatch();
   return survived;

@@ -259,6 +259,10 @@ TEST_F(MessageTest, ReadingTakesBoundedMemory) {
     const std::size_t most = *std::max_element(Probe::seen.begin(), Probe::seen.end());
     EXPECT_LE(most, before + (kMaxReadFactor - 1) * text.size() + kReadAllowanceBytes) << text.substr(0, 80);
     EXPECT_LE(Probe::seen.back(), Probe::seen.front()) << "the tree is still there";
+    Probe::seen.clear();
+    std::size_t records = 0;
+    EXPECT_TRUE(Probes().isReadable(text, records));
+    EXPECT_LE(Probe::seen.back(), Probe::seen.front()) << "what is only counted was kept";
   }
 }
 
@@ -270,8 +274,7 @@ TEST_F(MessageTest, AStoredTextNeverHoldsTheSecret) {
   tree.children.edit().emplace_back().secret = pstring("hunter2-hunter2");
   std::string text;
   ASSERT_EQ(tree.serialize(text, false), 0);
-  EXPECT_EQ(text.find("hunter2"), std::string::npos);
-  EXPECT_EQ(text.find("clear:"), std::string::npos);
+  EXPECT_FALSE(contains(text, "hunter2") || contains(text, "clear:")) << text;
   EXPECT_EQ(reread(text).children->at(0).secret->reveal(), "hunter2-hunter2");
 
   ASSERT_EQ(tree.serialize(text, true), 0);
@@ -279,8 +282,7 @@ TEST_F(MessageTest, AStoredTextNeverHoldsTheSecret) {
 
   pstring::UseKeyFile(dir_ / "lost.key");
   std::string kept = "unchanged";
-  EXPECT_NE(tree.serialize(kept, false), 0);
-  EXPECT_EQ(kept, "unchanged");
+  EXPECT_TRUE(tree.serialize(kept, false) != 0 && kept == "unchanged") << kept;
   EXPECT_EQ(tree.serialize(kept, true), 0) << "needs no key";
   EXPECT_FALSE(std::filesystem::exists(dir_ / "lost.key"));
 }
@@ -290,9 +292,7 @@ TEST_F(MessageTest, OneThatCannotBeOpenedIsKeptAsItStandsAndNeverTold) {
   for (const std::string& text : {"V8:" + std::string(40, 'A'), std::string("V8:not base64")}) {
     ASSERT_EQ(tree.unserialize("<Test.Tree secret=\"" + text + "\"/>"), 0) << text;
     const pstring& secret = tree.secret.get();
-    EXPECT_TRUE(secret.isUnreadable());
-    EXPECT_FALSE(secret.empty());
-    EXPECT_EQ(secret.reveal(), "");
+    EXPECT_TRUE(secret.isUnreadable() && !secret.empty() && secret.reveal().empty()) << text;
     EXPECT_EQ(secret.getV8Password(), text);
     EXPECT_FALSE(secret == pstring());
 

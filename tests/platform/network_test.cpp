@@ -707,7 +707,7 @@ TEST_F(NetworkTest, ARefusalHeardAtTheGoodbyeIsToldAndSoIsTheEnd) {
   ScriptedPeer peer = attaching([](PeerSession& s) {
     s.readFrame();
     s.writeFrame(PeerSession::kRefuseRequest, "not recorded");
-    s.answerGoodbye();
+    EXPECT_TRUE(s.answerGoodbye() && s.endsInOrder());
   });
   std::string story;
   CLqNetwork::SetObserver([&](const CLqNetwork::WireEvent& event) {

@@ -26,8 +26,7 @@ TEST_F(EntryPoints, StartingOnlyRecordsTheTime) {
   const oblog::Capture log;
   const std::time_t before = std::time(nullptr);
   EXPECT_EQ(RegistryDownload_OnStart(&status_), 0);
-  EXPECT_GE(status_.getLastRunTime(), before);
-  EXPECT_LE(status_.getLastRunTime(), std::time(nullptr));
+  EXPECT_TRUE(before <= status_.getLastRunTime() && status_.getLastRunTime() <= std::time(nullptr));
   EXPECT_EQ(linesOf(log), Lines{"error|int RegistryDownload_OnStart(LqPeriodicTaskStatus*)|"
                                 "Skipping registry syncronize from space check on service start"});
 }
@@ -105,6 +104,9 @@ TEST_F(EntryPoints, TheEnvironmentChoosesTheInstanceThatPassesAndListsWorkOnAndN
       {answering(batchText({record("A", "sVALUE", "1"), removal("EventManager", "dOBLOGDIR")})), taking(),
        taking()});
   EXPECT_EQ(RegistryDownload_OnTimer(&status_), 0) << "enabled and joined are what the instance in focus is";
+  LQPI_Session chosenSession(0, 1);
+  chosenSession.setFocus("Instance002");
+  EXPECT_EQ(chosenSession.IsAntiChatterFlagOn(), 1) << "who names another instance is told of that one";
   OBGui::KeyList keys{record("A", "sHANDED", "1")};
   EXPECT_TRUE(updateRegistryKeys(&keys, 7));
   EXPECT_EQ(server.sessions(), 3);
