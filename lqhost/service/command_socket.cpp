@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -26,7 +27,7 @@ namespace {
 
 constexpr const char* kSocket = "lqhost.sock";
 constexpr mode_t kSocketMode = 0600;
-constexpr const char* kGreeting = "lqhost 1\n";
+constexpr const char* kGreeting = "lqhost 1";
 // How long whoever is at the other end may say, or read, nothing.
 constexpr std::chrono::seconds kPatience{10};
 // How long commands that are under way may go on when the resident stops.
@@ -112,15 +113,15 @@ bool waitToRead(int connection, int stop, int milliseconds) {
   return ready > 0 && both[0].revents != 0 && both[1].revents == 0;
 }
 
-// Reads up to and without the end of the line.
-bool readLine(int connection, int stop, int milliseconds, std::string& line) {
-  line.clear();
+// The next line without its end; none when that does not come.
+std::optional<std::string> readLine(int connection, int stop, int milliseconds) {
+  std::string line;
   for (char next = 0; line.size() < kMaxLine && waitToRead(connection, stop, milliseconds);) {
-    if (::recv(connection, &next, 1, 0) != 1) return false;
-    if (next == '\n') return true;
+    if (::recv(connection, &next, 1, 0) != 1) break;
+    if (next == '\n') return line;
     line += next;
   }
-  return false;
+  return std::nullopt;
 }
 
 bool readExactly(int connection, std::size_t size, std::string& text) {
@@ -139,10 +140,9 @@ auto_handle connectToResident() {
   const auto_handle directory = openBase();
   auto_handle connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = addressIn(directory);
-  std::string greeting;
   if (!directory.isValid() || !connection.isValid() ||
       ::connect(connection.get(), asAddress(address), sizeof(address)) != 0 ||
-      !readLine(connection.get(), -1, milliseconds(kPatience), greeting) || greeting + "\n" != kGreeting)
+      readLine(connection.get(), -1, milliseconds(kPatience)) != kGreeting)
     connection.reset();
   return connection;
 }
@@ -168,17 +168,18 @@ std::string printableLines(std::string_view text) {
 }
 
 CWmError askOn(int connection, const std::string& question, std::optional<CommandResult>& answer) {
-  std::string head;
   CommandResult result;
   std::size_t outBytes = 0;
   std::size_t errBytes = 0;
   // A command takes as long as it takes; a number that a busy resident does not tell is not worth a wait.
   const bool isNumber = question == kAskCallbacks;
-  if (!sendAll(connection, -1, question + "\n") ||
-      !readLine(connection, -1, isNumber ? milliseconds(kPatience) : kForever, head))
+  const bool isAsked = sendAll(connection, -1, question + "\n");
+  const int wait = isNumber ? milliseconds(kPatience) : kForever;
+  const std::optional<std::string> head = isAsked ? readLine(connection, -1, wait) : std::nullopt;
+  if (!head)
     return unanswered(isNumber ? "is too busy to say how it is"
                                : "ended before it had answered; what it did is in its log");
-  if (!(std::istringstream(head) >> result.exitCode >> outBytes >> errBytes) ||
+  if (!(std::istringstream(*head) >> result.exitCode >> outBytes >> errBytes) ||
       !readExactly(connection, outBytes, result.out) || !readExactly(connection, errBytes, result.err))
     return unanswered("gave an answer that breaks off");
   result.out = printableLines(result.out);
@@ -254,7 +255,7 @@ void ResidentSocket::accept() {
     auto_handle connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     // Greeted here, so that a caller learns that somebody is at home, however long earlier commands take.
     if (!connection.isValid() || pool_.pendingCount() >= kMaxCallers || !isPeerTrusted(connection.get()) ||
-        !sendAll(connection.get(), stop_.get(), kGreeting))
+        !sendAll(connection.get(), stop_.get(), std::string(kGreeting) + "\n"))
       continue;
     auto caller = std::make_unique<Caller>(Caller{this, std::move(connection)});
     if (pool_.doWork(&answerOnPool, caller.get()) == 0) static_cast<void>(caller.release());
@@ -268,9 +269,9 @@ void* ResidentSocket::answerOnPool(void* caller) {
 }
 
 void ResidentSocket::answerOn(int connection) const {
-  std::string question;
-  if (!readLine(connection, stop_.get(), milliseconds(kPatience), question)) return;
-  const CommandResult result = answer_(question);
+  const std::optional<std::string> question = readLine(connection, stop_.get(), milliseconds(kPatience));
+  if (!question) return;
+  const CommandResult result = answer_(*question);
   sendAll(connection, stop_.get(),
           std::to_string(result.exitCode) + " " + std::to_string(result.out.size()) + " " +
               std::to_string(result.err.size()) + "\n" + result.out + result.err);

@@ -16,8 +16,8 @@ struct SocketAddress {
 
   void setPort(std::uint16_t port);
   std::string host() const;  // the bare address
-  std::string network()
-      const;                 // what one machine is given: an IPv4 address, or the first half of an IPv6 one
+  // What one machine is given: an IPv4 address, or the first half of an IPv6 one.
+  std::string network() const;
   std::string text() const;  // "<address> port <port>"
 };
 

@@ -21,10 +21,15 @@ std::string systemText(int fault) {
   return std::generic_category().message(fault);
 }
 
+// What OpenSSL says of its error.
+std::string reasonOf(unsigned long error) {
+  const char* const reason = ERR_reason_error_string(error);
+  return reason != nullptr ? reason : "unknown";
+}
+
 // What a failed handshake means to people, from OpenSSL's error number.
 std::string handshakeFault(unsigned long error, bool callingSide) {
-  const char* detail = ERR_reason_error_string(error);
-  const std::string reason = detail != nullptr ? detail : "unknown TLS fault";
+  const std::string reason = reasonOf(error);
   switch (ERR_GET_REASON(error)) {
     case SSL_R_SSLV3_ALERT_ILLEGAL_PARAMETER:
     case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
@@ -100,8 +105,7 @@ CWmError TlsConnection::outcome(int result, Waiting& waiting) {
   if (ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING)
     return {kLqErrConnectionLost, "the peer closed the connection"};
   if (!established_) return {kLqErrHandshake, handshakeFault(error, !accepted_)};
-  const char* const detail = ERR_reason_error_string(error);
-  return {kLqErrProtocol, std::string("TLS fault: ") + (detail != nullptr ? detail : "unknown")};
+  return {kLqErrProtocol, "TLS fault: " + reasonOf(error)};
 }
 
 CWmError TlsConnection::tryHandshake(Waiting& waiting) {

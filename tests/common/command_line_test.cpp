@@ -44,6 +44,7 @@ TEST(CommandLine, RefusesWhatDoesNotGoTogetherOrIsOutOfRange) {
       {"overhub", {"push", "x", "--port", "0"}, "--port"},
       {"overhub", {"serve", "--ports", "8400"}, "--ports"},
       {"overhub", {"serve", "--ports", "8400,65536"}, "--ports"},
+      {"overhub", {"serve", "--ports", "0,8402"}, "--ports"},
       {"overhub", {"set", "x", "p", "n", "--secret", "--type", "STRING"}, "--type"},
       {"overhub", {"set", "x", "p", "n", "--secret", "--delete"}, "--delete"},
       {"overhub", {"uploads", "--out", "file"}, "CLIENT"}};

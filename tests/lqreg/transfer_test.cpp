@@ -7,6 +7,8 @@
 
 namespace {
 
+const std::string kSkipped = " skipped (marked for removal, or saying which machine it is)\n";
+
 class TransferTest : public ProductTest {
  protected:
   ProgramResult lqreg(const std::string& registry, const std::string& instance,
@@ -60,12 +62,9 @@ TEST_F(TransferTest, WhatIsExportedIsImportedByteForByte) {
   EXPECT_EQ(lqreg(registryFile_, "Instance001", {"export"}).out, text);
 
   EXPECT_EQ(lqreg(target_, "I2", {"import", file_}).out,
-            "6 keys and 9 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
-            "machine it is)\n");
+            "6 keys and 9 values written, 0 unchanged, 0" + kSkipped);
   EXPECT_EQ(imported(), text);
-  EXPECT_EQ(import(text),
-            "0 keys and 0 values written, 15 unchanged, 0 skipped (marked for removal, or saying which "
-            "machine it is)\n");
+  EXPECT_EQ(import(text), "0 keys and 0 values written, 15 unchanged, 0" + kSkipped);
   EXPECT_FALSE(contains(tree(), "elsewhere"));
 
   lqregistry::UseFile(target_);
@@ -83,9 +82,7 @@ TEST_F(TransferTest, AClientsUploadIsRestored) {
   OBGui::KeyList keys;
   LqRegistryManagerClnt client("Instance001");
   ASSERT_EQ(client.enumerateClientKeysInfo("", keys), 0U);
-  EXPECT_EQ(import(batchOf(keys)),
-            "3 keys and 2 values written, 0 unchanged, 0 skipped (marked for removal, or saying which "
-            "machine it is)\n");
+  EXPECT_EQ(import(batchOf(keys)), "3 keys and 2 values written, 0 unchanged, 0" + kSkipped);
   EXPECT_EQ(tree(),
             "SOFTWARE/\n  Velmor/\n    I2/\n      Machine/\n        Settings/\n"
             "          nTraceLevel = 5\n      SOFTWARE/\n        sValue = 1\n");
@@ -108,13 +105,13 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
                          record("A", "twice", "as it is")};
   keys[1].enabledFlag = 0;
   const std::string batch = batchOf(keys);
-  EXPECT_EQ(import(batch),
-            "0 keys and 3 values written, 0 unchanged, 5 skipped (marked for removal, or saying which "
-            "machine it is)\n");
+  EXPECT_EQ(import(batch), "0 keys and 3 values written, 0 unchanged, 5" + kSkipped);
   EXPECT_EQ(tree(), "SOFTWARE/\n  Velmor/\n    I2/\n      A/\n        kept = 1\n        secret = " + sealed +
                         "\n        twice = as it is\n");
 
-  // A machine with another key takes nothing of it.
+  // A machine that has lost its key takes no secret in clear; one with another key takes nothing of the file.
+  std::filesystem::remove(target_ + ".key");
+  EXPECT_TRUE(contains(import(batchText(keys)), "record 6: the value cannot be protected: " + target_));
   target_ = dir_ / "stranger.db";
   EXPECT_TRUE(contains(import(batch), "record 6: the value was not protected with this machine's key"));
   EXPECT_FALSE(contains(tree(), "twice"));

@@ -71,13 +71,12 @@ TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
   std::string refusal;
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskFailed) << refusal;
   EXPECT_TRUE(server->waitForOutput(uploadFile("web-1") + ": not a regular file"));
+  expectErr(overhub({"uploads"}), 3, {uploadFile("web-1") + ": not a regular file"});
   std::filesystem::remove(uploadFile("web-1"));
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
 
   writeFile(uploadFile("web-1"), "<broken");
-  const auto listed = overhub({"uploads"});
-  EXPECT_EQ(listed.exitCode, 3);
-  EXPECT_TRUE(contains(listed.out, "web-1   ?") && contains(listed.err, uploadFile("web-1"))) << listed.err;
+  expectOut(overhub({"uploads"}), 3, {"web-1   ?"});
 }
 
 }  // namespace

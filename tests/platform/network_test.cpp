@@ -351,7 +351,7 @@ using BrokenCallerTest = NetworkTest;
 TEST_F(BrokenAttachTest, GivesItsCodeAndNoSession) {
   const Fault faults[] = {
       {"no TLS", [](PeerSession& s) { s.send("220 ready to serve\r\n"); }, kLqErrHandshake,
-       "does not speak this protocol"},
+       "does not speak this protocol (wrong version number)"},
       {"reset after the request", afterRequest(resetting()), kLqErrConnectionLost, ""},
       {"goodbye", afterRequest(reply(PeerSession::kGoodbye)), kLqErrNotConnected, "ended the session"},
       {"message instead", afterRequest(reply(PeerSession::kMessage, "<a/>")), kLqErrProtocol, "kind 4"},

@@ -1,10 +1,11 @@
-// The text form of an attach target, the names that an attach asks with, and the time that it gets.
+// The text form of an attach target, the names that an attach asks with, its time, and callers' networks.
 #include "platform/network/target.h"
 
 #include <gtest/gtest.h>
 
 #include "lqregistry/CLqNetwork.h"
 #include "platform/network/deadline.h"
+#include "platform/network/socket_address.h"
 
 TEST(Target, IsTakenApartFromTheRightAndUnchangedByWhatIsNone) {
   Target target;
@@ -35,4 +36,12 @@ TEST(Deadlines, AreTheEarlierOfTwoAndSharedAmongAttempts) {
   for (const auto& [deadline, left] : cases)
     EXPECT_TRUE(deadline.limited() && std::chrono::ceil<hours>(deadline.remaining()) == hours(left));
   EXPECT_FALSE(Deadline::in(-1).share(2).limited());
+}
+
+TEST(Addresses, ThatAMachineChoosesItselfCountAsOne) {
+  SocketAddress address;
+  ASSERT_TRUE(parseAddress("2001:db8:1:2ff:ffff:ffff:ffff:ffff", 1, address));
+  EXPECT_EQ(address.network(), "2001:db8:1:2ff::");
+  ASSERT_TRUE(parseAddress("::ffff:192.0.2.1", 1, address));
+  EXPECT_EQ(address.network(), "::ffff:192.0.2.1") << "an IPv4 address is one machine's as a whole";
 }
