@@ -44,8 +44,7 @@ bool refreshOnTime(Passes& passes, LqPeriodicTaskStatus& status) {
 }
 
 CommandResult countCallbacks() {
-  const bool isUsed = LqRegistryChangeMgr::instance != nullptr;
-  return {kExitOk, std::to_string(isUsed ? LqRegistryChangeMgr::callBackThreadPool.pendingCount() : 0), ""};
+  return {kExitOk, std::to_string(LqRegistryChangeMgr::callBackThreadPool.pendingCount()), ""};
 }
 
 // What the commands of this machine ask for.
@@ -94,7 +93,7 @@ class Schedule {
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
 // not run by then is logged.
 void awaitCallbacks() {
-  if (LqRegistryChangeMgr::instance != nullptr) LqRegistryChangeMgr::callBackThreadPool.drain(kCallbackWait);
+  LqRegistryChangeMgr::callBackThreadPool.drain(kCallbackWait);
 }
 
 // Until a stop signal comes; everything under way has ended when it returns.

@@ -28,6 +28,10 @@ TEST_F(RefreshWithoutCache, LosesNothingAndIsToldApartFromOneThatCannotRead) {
   EXPECT_EQ(host::nothingToReapply(), kFailed);
   writeFile(cacheFile(), "<damaged");
   EXPECT_EQ(host::nothingToReapply(), kCacheUnreadable);
+  const host::CacheWatch damaged;
+  EXPECT_EQ(host::judgeRefresh(0, damaged), kCacheUnreadable);
+  writeFile(cacheFile(), "");
+  EXPECT_EQ(host::judgeRefresh(0, damaged), kCacheLost);
 }
 
 }  // namespace

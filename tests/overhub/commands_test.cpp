@@ -212,6 +212,8 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   const auto listed = overhub({"clients"});
   expectOut(listed, 3, {"web-1  ?   ?        ?\n"});
   expectErr(listed, 3, {batchFile("web-1")});
+  expectErr(shell("cd $OVERHUB_DATA; rm change.lock; mkdir change.lock; $OVERHUB set @static p n 1"), 3,
+            {data_ + "/change.lock: Is a directory"});
 }
 
 }  // namespace

@@ -50,6 +50,7 @@ class OverhubTest : public testing::Test {
         dir_ / "serve.log");
     EXPECT_TRUE(server->waitForOutput("overhub ready on " + address_ + ":8400 and " + address_ + ":8402"))
         << server->output();
+    EXPECT_TRUE(server->output().starts_with("overhub ready")) << "said, not only logged";
     return server;
   }
 

@@ -157,7 +157,7 @@ TEST_F(MessageTest, RefusesWhatItCannotReadAndStaysAsItWas) {
       {"<Test.Tree number=\"12x\"/>", "Test.Tree.number"},
       {"<Test.Tree number=\" 12\"/>", "Test.Tree.number"},
       {"<Test.Tree number=\"9223372036854775808\"/>", "Test.Tree.number"},
-      {"<Test.Tree text=\"\\q\"/>", "Test.Tree.text"},
+      {"<Test.Tree text=\"\\q00\"/>", "Test.Tree.text"},
       {"<Test.Tree text=\"cut \\x4\"/>", "Test.Tree.text"},
       {"<Test.Tree text=\"capital \\x4A\"/>", "Test.Tree.text"},
       {"<Test.Tree secret=\"in clear\"/>", "Test.Tree.secret"},

@@ -165,6 +165,7 @@ TEST_F(Secrets, ARegistryWithoutItsKeyAndAKeyWithoutItsRegistryAreToldApart) {
   EXPECT_FALSE(fs::exists(file_));
   writeFile(file_, "");
   EXPECT_EQ(info_.setString("A", "name", "data", 0), 0) << "an empty file is no registry either";
+  EXPECT_TRUE(!info_.delRegKey("A") && info_.getRegError() == kRegKeyMissing) << "nor is it made one";
   fs::rename(dir_ / "away", file_);
   expectKeyOf(sealed_);
 }

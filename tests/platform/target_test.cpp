@@ -19,10 +19,10 @@ TEST(Target, IsTakenApartFromTheRightAndUnchangedByWhatIsNone) {
 TEST(Target, NamesAreCutToTheirRoomAndLeaveNothingOfLongerOnesBefore) {
   lqsExecuteRemoteDllType remote;
   remote.setNames(std::string(5000, 'l'), "entry");
-  EXPECT_EQ(std::string(remote.libraryName), std::string(sizeof remote.libraryName - 1, 'l'));
+  EXPECT_EQ(std::string(remote.libraryName), std::string(256, 'l'));
   remote.setNames("library", std::string(5000, 'e'));
   EXPECT_EQ(std::string(remote.libraryName), "library");
-  EXPECT_EQ(std::string(remote.entryName), std::string(sizeof remote.entryName - 1, 'e'));
+  EXPECT_EQ(std::string(remote.entryName), std::string(256, 'e'));
 }
 
 TEST(Deadlines, AreTheEarlierOfTwoAndSharedAmongAttempts) {
