@@ -5,8 +5,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <mutex>
-#include <optional>
+#include <stop_token>
 #include <thread>
 
 #include "lqhost/commands/before_work.h"
@@ -28,42 +29,20 @@ struct Progress {
   std::atomic<bool> sent{false};
 };
 
-// Shows phase and seconds on standard error once a second.
-class ProgressLine {
- public:
-  explicit ProgressLine(const Progress& progress) : progress_(progress) {
-    thread_ = std::thread([this] { run(); });
-  }
-  ~ProgressLine() {
-    {
-      const std::lock_guard lock(mutex_);
-      ended_ = true;
-    }
-    changed_.notify_all();
-    thread_.join();
-  }
-  ProgressLine(const ProgressLine&) = delete;
-  ProgressLine& operator=(const ProgressLine&) = delete;
-
- private:
-  void run() {
-    std::unique_lock lock(mutex_);
-    int seconds = 0;
-    do {
-      const std::string phase = progress_.sent ? std::to_string(progress_.recordsSent) +
-                                                     " records sent, waiting for the server's verdict"
-                                               : "reading and sending the registry";
-      std::fprintf(stderr, "\r%s ... %d s", phase.c_str(), seconds++);
-    } while (!changed_.wait_for(lock, std::chrono::seconds(1), [this] { return ended_; }));
-    std::fputs("\r\033[K", stderr);
-  }
-
-  const Progress& progress_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool ended_ = false;
-  std::thread thread_;
-};
+// Shows phase and seconds on standard error once a second, until it is asked to end.
+void showProgress(const std::stop_token& end, const Progress& progress) {
+  std::mutex mutex;
+  std::condition_variable_any ended;  // nobody notifies it: the wait ends with the token
+  std::unique_lock lock(mutex);
+  int seconds = 0;
+  do {
+    const std::string phase = progress.sent ? std::to_string(progress.recordsSent) +
+                                                  " records sent, waiting for the server's verdict"
+                                            : "reading and sending the registry";
+    std::fprintf(stderr, "\r%s ... %d s", phase.c_str(), seconds++);
+  } while (!ended.wait_for(lock, end, std::chrono::seconds(1), [&] { return end.stop_requested(); }));
+  std::fputs("\r\033[K", stderr);
+}
 
 int upload() {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
@@ -90,8 +69,8 @@ CommandResult uploadNow() {
   unsigned result = kResultFailed;
   {
     // A resident host has nobody to show it to.
-    std::optional<ProgressLine> line;
-    if (isatty(STDERR_FILENO) != 0) line.emplace(progress);
+    std::jthread line;  // ended and joined with this block
+    if (isatty(STDERR_FILENO) != 0) line = std::jthread(showProgress, std::cref(progress));
     LqRegistryManagerClnt client(instanceName());
     result = client.uploadKeys();
   }

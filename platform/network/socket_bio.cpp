@@ -17,19 +17,24 @@ bool isPassing(int fault) {
   return fault == EAGAIN || fault == EWOULDBLOCK || fault == EINTR;
 }
 
-int writeSome(BIO* bio, const char* data, int size) {
+// What a call on the socket came to. One BIO serves both directions, so what the other one left is cleared: a
+// fault that looks as if it passed would be tried again for ever.
+int outcomeOf(BIO* bio, ssize_t result, int direction) {
   BIO_clear_retry_flags(bio);
-  const ssize_t sent = ::send(descriptorOf(bio), data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
-  if (sent < 0 && isPassing(errno)) BIO_set_retry_write(bio);
-  return static_cast<int>(sent);
+  if (result < 0 && isPassing(errno)) BIO_set_flags(bio, direction | BIO_FLAGS_SHOULD_RETRY);
+  return static_cast<int>(result);
+}
+
+int writeSome(BIO* bio, const char* data, int size) {
+  return outcomeOf(bio, ::send(descriptorOf(bio), data, static_cast<std::size_t>(size), MSG_NOSIGNAL),
+                   BIO_FLAGS_WRITE);
 }
 
 int readSome(BIO* bio, char* data, int size) {
-  BIO_clear_retry_flags(bio);
-  const ssize_t got = ::recv(descriptorOf(bio), data, static_cast<std::size_t>(size), 0);
-  if (got < 0 && isPassing(errno)) BIO_set_retry_read(bio);
+  const int got =
+      outcomeOf(bio, ::recv(descriptorOf(bio), data, static_cast<std::size_t>(size), 0), BIO_FLAGS_READ);
   if (got == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
-  return static_cast<int>(got);
+  return got;
 }
 
 long control(BIO* bio, int command, long, void*) {

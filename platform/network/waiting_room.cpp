@@ -128,9 +128,8 @@ void WaitingRoom::start() {
 // --- any thread --------------------------------------------------------------------------------------------
 
 void WaitingRoom::wake() const {
-  const std::uint64_t one = 1;
   // It fails only when the counter is full, and then the room is awake already.
-  [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
+  static_cast<void>(::eventfd_write(wake_.get(), 1));
 }
 
 bool WaitingRoom::isDrained() const {
@@ -343,8 +342,8 @@ void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string_view gr
 }
 
 void WaitingRoom::wakeUp() {
-  std::uint64_t ignored = 0;
-  [[maybe_unused]] const ssize_t got = ::read(wake_.get(), &ignored, sizeof ignored);
+  eventfd_t ignored{};
+  static_cast<void>(::eventfd_read(wake_.get(), &ignored));
   std::vector<std::unique_ptr<CLqNetwork>> returned;
   bool turnsAway = false;
   {

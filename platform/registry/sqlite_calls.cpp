@@ -33,8 +33,9 @@ void setWait(sqlite3* database, std::chrono::milliseconds wait) {
 }
 
 Outcome failureOf(sqlite3* database, int result) {
-  std::string reason = database != nullptr ? sqlite3_errmsg(database) : sqlite3_errstr(result);
-  const int systemError = database != nullptr ? sqlite3_system_errno(database) : 0;
+  // There is no database only when there was no memory for one, which is what SQLite says of none.
+  std::string reason = sqlite3_errmsg(database);
+  const int systemError = sqlite3_system_errno(database);
   if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + std::generic_category().message(systemError);
   return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY};

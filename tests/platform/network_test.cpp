@@ -222,8 +222,7 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
   EXPECT_TRUE(network.IsConnected());
 
   network.Disconnect(kPatience, gone);
-  EXPECT_FALSE(gone);
-  EXPECT_FALSE(network.IsConnected());
+  EXPECT_FALSE(gone || network.IsConnected());
   expectError(network.SendXMLMessage(large, 0, -1, gone), kLqErrNotConnected, "not attached");
   server.expectOutcomes({{kLqErrNotConnected, "ended the session"}});
 }
@@ -231,8 +230,7 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
 TEST_F(NetworkTest, RefusedAttachGivesTheReasonAndTheObjectCanAttachAgain) {
   EchoServer server(address, kSecondPort);  // nobody on the first port
   expectError(attach(network, kPatience, "refuse"), kLqErrAttachRefused, "no such entry here");
-  EXPECT_FALSE(gone);
-  EXPECT_FALSE(network.IsConnected());
+  EXPECT_FALSE(gone || network.IsConnected());
   EXPECT_FALSE(attach(network).IsError());
   EXPECT_TRUE(network.IsConnected());
   std::string peer;
@@ -375,7 +373,7 @@ TEST_F(BrokenReplyTest, GivesItsCodeAndLeavesTheSessionUsableOrClosed) {
       {"zero length", bytes({"\0\0\0\0\x4", 5}), kLqErrProtocol, "without a kind"},
       {"unknown kind", reply(99), kLqErrProtocol, "kind 99"},
       {"cut frame", resetting({"\0\0\1\0\x4<Test", 10}), kLqErrConnectionLost, "cannot receive from"},
-      {"reset", resetting(), kLqErrConnectionLost, "cannot receive from"},
+      {"reset", resetting(), kLqErrConnectionLost, "Connection reset by peer"},
       {"clear text in the middle", [](PeerSession& s) { s.send("HTTP/1.1 400 Bad\r\n\r\n"); }, kLqErrProtocol,
        "TLS fault"},
       {"goodbye", reply(PeerSession::kGoodbye), kLqErrNotConnected, "ended the session"},
@@ -439,8 +437,7 @@ TEST_F(NetworkTest, VanishedPeersAreNoticedByWhoeverEndsTheSession) {
     ASSERT_FALSE(attach(network).IsError());
     ASSERT_FALSE(network.SendXMLMessage(noteOf("vanish"), 0, kPatience, gone).IsError());
     (network.*end)(kPatience, gone);
-    EXPECT_TRUE(gone);
-    EXPECT_FALSE(network.IsConnected());
+    EXPECT_TRUE(gone && !network.IsConnected());
   }
   // A session that is idle when its peer goes away is known to be lost before anything is sent.
   ASSERT_FALSE(attach(network).IsError());
@@ -479,6 +476,7 @@ TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
     setrlimit(RLIMIT_NOFILE, &few);
     ASSERT_TRUE(callers[present].connectTo(address, kFirstPort));
     while (log.Lines().size() == present) std::this_thread::yield();
+    EchoServer::expectSleeping();
     EXPECT_EQ(server.listener.census().callers, present);
     setrlimit(RLIMIT_NOFILE, &whole);
     server.awaitCensus(present + 1, 0);
@@ -699,8 +697,7 @@ TEST_F(NetworkTest, APeerThatStaysSilentIsLostAlsoWithoutALimit) {
   ASSERT_FALSE(attach(network).IsError());
   CLqNetwork::SetSilenceLimit(std::chrono::milliseconds(20));
   expectError(receive(network, -1), kLqErrConnectionLost, "not a byte");
-  EXPECT_TRUE(gone);
-  EXPECT_FALSE(network.IsConnected());
+  EXPECT_TRUE(gone && !network.IsConnected());
 }
 
 TEST_F(NetworkTest, ARefusalHeardAtTheGoodbyeIsToldAndSoIsTheEnd) {
