@@ -36,7 +36,7 @@ CacheFate CacheWatch::fate(std::size_t repliedRecords) const {
 
 bool CacheWatch::sync() {
   const auto_handle file(::open(pathInBase(kSettingsCacheFile).c_str(), O_RDONLY | O_CLOEXEC));
-  const auto_handle directory(::open(baseDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const auto_handle directory(::open(baseDirectory().c_str(), O_RDONLY | O_CLOEXEC));
   return file.isValid() && directory.isValid() && ::fsync(file.get()) == 0 && ::fsync(directory.get()) == 0;
 }
 

@@ -41,6 +41,10 @@ std::uint32_t boundedFrequency(std::uint32_t seconds) {
   return seconds == 0 ? kDefaultFrequency : std::clamp(seconds, kMinFrequency, kMaxFrequency);
 }
 
+double firstDelay(std::uint32_t spread, std::uint32_t frequency, double random) {
+  return std::min(spread, boundedFrequency(frequency)) * random;
+}
+
 double nextDelay(std::uint32_t frequency, unsigned failures, double random) {
   const double regular = boundedFrequency(frequency);
   if (failures == 0) return regular;
@@ -60,8 +64,8 @@ PeriodicTask::~PeriodicTask() {
 
 void PeriodicTask::start(std::uint32_t spread) {
   if (onStart_ != nullptr) onStart_(&status_);
-  const double firstDelay = std::min(spread, boundedFrequency(status_.getFrequency())) * random();
-  thread_ = std::thread([this, firstDelay] { runAgainAndAgain(firstDelay); });
+  const double delay = firstDelay(spread, status_.getFrequency(), random());
+  thread_ = std::thread([this, delay] { runAgainAndAgain(delay); });
 }
 
 void PeriodicTask::runSoon() {
@@ -80,9 +84,8 @@ void PeriodicTask::requestStop() {
   changed_.notify_all();
 }
 
-void PeriodicTask::runAgainAndAgain(double firstDelay) {
-  unsigned failures = 0;
-  for (double delay = firstDelay;;) {
+void PeriodicTask::runAgainAndAgain(double delay) {
+  for (unsigned failures = 0;;) {
     noteNext(task_, std::time(nullptr) + std::lround(delay));
     if (!waitFor(delay)) break;
     failures = guarded(task_, [this] { return run_(status_); }) ? 0 : failures + 1;

@@ -33,7 +33,10 @@ inline constexpr std::uint32_t kDefaultSpread = 300;
 // A frequency held to the bounds; 0 gives the default.
 std::uint32_t boundedFrequency(std::uint32_t seconds);
 
-// Seconds until the next run after `failures` failed ones in a row; `random` is from 0 to 1.
+// Seconds until the first run, of first runs that are spread over `spread` seconds; `random` is from 0 to 1.
+double firstDelay(std::uint32_t spread, std::uint32_t frequency, double random);
+
+// Seconds until the next run after `failures` failed ones in a row; `random` likewise.
 double nextDelay(std::uint32_t frequency, unsigned failures, double random);
 
 class PeriodicTask {
@@ -58,7 +61,7 @@ class PeriodicTask {
   void requestStop();
 
  private:
-  void runAgainAndAgain(double firstDelay);
+  void runAgainAndAgain(double delay);
   // Until the time has passed or a run is wanted. False when the task is to stop.
   bool waitFor(double seconds);
   double random();

@@ -102,7 +102,6 @@ void TlsPsk::configure() {
   SSL_CTX_set_min_proto_version(context_, TLS1_3_VERSION);
   SSL_CTX_set_max_proto_version(context_, TLS1_3_VERSION);
   SSL_CTX_set_ciphersuites(context_, kCipherSuite);
-  SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_num_tickets(context_, 0);
   // A long text goes out record by record, each against the deadline; and a silent session holds no buffers.
   SSL_CTX_set_mode(context_, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_RELEASE_BUFFERS);

@@ -19,12 +19,12 @@ class ProgramStart : public HostTest {
     EXPECT_EQ(stat(path.c_str(), &file), 0) << path;
     return file.st_uid;
   }
-  // The user that a command is expected to run as where `path` belongs to nobody: nobody if root starts it.
+  // The user that a command is expected to run as where `path` belongs to `user`: that one if root starts it.
   // The ordinary user can give nothing away, and stays.
-  uid_t giveAway(const std::string& path) const {
+  uid_t giveAway(const std::string& path, uid_t user = kNobody) const {
     if (geteuid() != 0) return geteuid();
-    EXPECT_EQ(chown(path.c_str(), kNobody, kNobody), 0);
-    return kNobody;
+    EXPECT_EQ(chown(path.c_str(), user, user), 0);
+    return user;
   }
 };
 
@@ -49,8 +49,8 @@ TEST_F(ProgramStart, JoiningAsRootIsForTheUserThatTheInstallationBelongsTo) {
   addClient();
   fs::create_directory(home_);
   fs::permissions(home_, fs::perms::owner_all);
-  const uid_t user = giveAway(home_);
-  ASSERT_EQ(chmod(dir_.path().c_str(), 0711), 0);  // so that nobody can get there
+  const uid_t user = giveAway(home_, 54321);       // a number that no user has
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0711), 0);  // so that this user can get there
   const std::vector<std::string> join{"join", joinFile_, "--home", home_, "--machine", "machine1"};
   EXPECT_EQ(lqhost(join).exitCode, user == geteuid() ? 0 : 3) << "a registry that is not that user's";
   clientRegistry_ = home_ + "/registry.db";

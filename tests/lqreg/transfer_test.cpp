@@ -148,7 +148,8 @@ TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"import", dir_ / "none.xml"}, "none.xml: No such file"},
       {{"import", dir_.path()}, "not a regular file"},
-      {{"export", link}, "not a regular file"}};
+      {{"export", link}, "not a regular file"},
+      {{"export", dir_ / "none/file"}, "none/file: No such file"}};
   for (const auto& [arguments, reason] : cases) {
     const ProgramResult result = lqreg(registryFile_, "Instance001", arguments);
     expectErr(result, 4, {reason});

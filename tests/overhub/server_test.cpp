@@ -63,9 +63,8 @@ TEST_F(OverhubServerTest, RefusesStrangersAndUnknownServices) {
   expectOk({"add-client", "keyless"});
   std::filesystem::remove(data_ + "/keys/keyless.key");
   const auto server = serve();
-  const std::string wrongKey(64, 'a');
-  for (const char* const name : {"web-1", "keyless", "nobody", "../keys/web-1", "@static"}) {
-    become(name, wrongKey);
+  for (const std::string name : {"web-1", "keyless", "nobody", "../keys/web-1", "@static"}) {
+    become(name, name == "web-1" ? std::string(64, 'a') : keyOf("web-1"));
     CLqNetwork network;
     EXPECT_EQ(attach(network).GetCode(), kLqErrHandshake) << name;
   }
@@ -85,12 +84,14 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
   become("web-1");
   CLqNetwork network;
   ASSERT_FALSE(attach(network).IsError());
+  std::filesystem::create_directory(data_ + "/acks/web-1.log");
   const std::pair<std::unique_ptr<CNMessageBase>, const char*> cases[] = {
       // web-2's id, not web-1's: the batch of another client, with its secrets
       {std::make_unique<OBGui::RegistryTaskReq>(requestOf(4)), "unknown client id 4"},
       {std::make_unique<OBGui::RegistryTaskReq>(), "unknown client id 0"},
       {std::make_unique<OBGui::RegistryKeyInfo>(), "OBGui.RegistryKeyInfo is not handled"},
       {std::make_unique<OBGui::RegistryTaskResp>(acknowledgement(3, 5)), "task status 5"},
+      {std::make_unique<OBGui::RegistryTaskResp>(acknowledgement(3, 3)), "its log tells why"},
   };
   std::string refusal;
   for (const auto& [message, reason] : cases) {

@@ -357,11 +357,14 @@ TEST_F(BrokenAttachTest, GivesItsCodeAndNoSession) {
       {"oversized reason", afterRequest(bytes({"\0\x10\0\0\x3", 5})), kLqErrFrameTooLarge, "65536"}};
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
-    ScriptedPeer peer = playing([&fault](PeerSession& s) {
+    std::promise<void> left;
+    ScriptedPeer peer = playing([&](PeerSession& s) {
       fault.script(s);
       s.waitForClose();
+      left.set_value();
     });
     expectError(attach(network), fault.code, fault.text);
+    left.get_future().wait();  // nothing stays open for as long as the object is there
     EXPECT_EQ(gone, fault.code == kLqErrConnectionLost);
     EXPECT_FALSE(network.IsConnected());
   }
