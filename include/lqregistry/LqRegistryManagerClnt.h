@@ -79,7 +79,7 @@ class LQ_EXPORT LqRegistryManagerClnt {
   // Ends the connection in order and destroys it; only while there is one.
   void disconnect();
 
-  // --- local key operations (local_keys.cpp) ---------------------------------------------------------------
+  // --- one record in the local registry (record_store.cpp) ------------------------------------------------
 
   // Whether the record's value can be read; sets regStatus when it cannot. A null record is false.
   bool isRegistryKeyExists(const OBGui::RegistryKeyInfo* key);

@@ -6,6 +6,7 @@
 #include "overhub/commands/join_hand_over.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/store/client_ids.h"
+#include "overhub/store/client_name.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::Joi
 }
 
 int addClient(const DataStore& store, const AddClient& wanted) {
-  if (!DataStore::isClientName(wanted.name)) {
+  if (!isClientName(wanted.name)) {
     return complain(kExitUsage, "\"" + wanted.name +
                                     "\" cannot be a client's name: 1 to 64 characters of A-Z a-z 0-9 . _ - "
                                     "without a dot at the start");

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "lqregistry/ObDebug.h"
-#include "overhub/server/session.h"
+#include "overhub/server/serve_step.h"
 
 namespace {
 

@@ -7,12 +7,10 @@
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/ObDebug.h"
+#include "overhub/store/client_name.h"
 
 namespace {
 
-constexpr std::size_t kMaxClientName = 64;
-constexpr std::string_view kClientNameCharacters =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
 constexpr std::string_view kBatchSuffix = ".xml";
 // What makes a directory a store.
 constexpr const char* kClients = "/clients";
@@ -110,11 +108,6 @@ std::string DataStore::hostFile(const std::string& client) const {
 
 std::string DataStore::addressFile(const std::string& client) const {
   return directory_ + "/addresses/" + client;
-}
-
-bool DataStore::isClientName(const std::string& name) {
-  return !name.empty() && name.size() <= kMaxClientName && name[0] != '.' &&
-         name.find_first_not_of(kClientNameCharacters) == std::string::npos;
 }
 
 bool DataStore::hasClient(const std::string& name) const {

@@ -46,10 +46,6 @@ class DataStore {
   std::string idFile(const std::string& id) const;
   std::string serveLockFile() const;
 
-  // Whether it can be a client's name, which is also the name of its files: 1 to 64 characters of
-  // A-Z a-z 0-9 . _ - without a dot at the start.
-  static bool isClientName(const std::string& name);
-
   bool hasClient(const std::string& name) const;
   // The clients' names, ascending.
   CWmError clientNames(std::vector<std::string>& names) const;

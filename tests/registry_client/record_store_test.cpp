@@ -6,12 +6,12 @@ namespace {
 
 constexpr std::size_t kReadBuffer = 10240;
 
-class LocalKeys : public ProductTest {
+class RecordStore : public ProductTest {
  protected:
   LqRegistryManagerClnt client_{"Instance001"};
 };
 
-TEST_F(LocalKeys, EveryPathFormHasOnePlaceInTheClientsInstance) {
+TEST_F(RecordStore, EveryPathFormHasOnePlaceInTheClientsInstance) {
   LqRegistryManagerClnt other("Instance002");
   const std::string root = "SOFTWARE/Velmor/Instance002";
   const std::pair<const char*, std::string> cases[] = {{"", root},
@@ -30,7 +30,7 @@ TEST_F(LocalKeys, EveryPathFormHasOnePlaceInTheClientsInstance) {
   }
 }
 
-TEST_F(LocalKeys, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
+TEST_F(RecordStore, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
   const auto create = [this](const std::string& path, const std::string& name, const std::string& value) {
     const OBGui::RegistryKeyInfo key = record(path, name, value);
     client_.regStatus = 99;
@@ -59,7 +59,7 @@ TEST_F(LocalKeys, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
   EXPECT_EQ(client_.regStatus, kRegStatusValueMissing);
 }
 
-TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
+TEST_F(RecordStore, NothingToCreateSucceedsAndNothingToDeleteFails) {
   const OBGui::RegistryKeyInfo unnamed = record("Path", "", "value");
   client_.regStatus = 99;
   for (const OBGui::RegistryKeyInfo* key : {&unnamed, static_cast<const OBGui::RegistryKeyInfo*>(nullptr)}) {
@@ -72,7 +72,7 @@ TEST_F(LocalKeys, NothingToCreateSucceedsAndNothingToDeleteFails) {
   EXPECT_FALSE(LQPlatformInfo().getRegValues("~Path", values)) << "the key was created";
 }
 
-TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
+TEST_F(RecordStore, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
   const std::pair<const char*, std::int32_t> accepted[] = {
       {"Local", kRegStatusKeyMissing}, {"local", kRegStatusValueMissing}, {"LOCAL", kRegStatusValueMissing}};
   for (const auto& [name, status] : accepted) {
@@ -103,7 +103,7 @@ TEST_F(LocalKeys, OnlyTheLocalSubKeyCanBeCreatedAndAtItsPathAsItStands) {
   EXPECT_EQ(valueOf("Clients", "Other"), "text");
 }
 
-TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
+TEST_F(RecordStore, AKeyThatCannotBeCreatedIsReported) {
   std::string path;  // many components, so that the file has to grow
   for (int i = 0; i < 30; ++i) path += "/" + std::string(100, static_cast<char>('a' + i % 26));
   const oblog::Capture log;
@@ -120,7 +120,7 @@ TEST_F(LocalKeys, AKeyThatCannotBeCreatedIsReported) {
       Lines{"plain|LqRegistryManager::createRegistryKey|Failed To Create A Registry Key, Path=~" + path});
 }
 
-TEST_F(LocalKeys, ProtectedValuesAreStoredAsV8Text) {
+TEST_F(RecordStore, ProtectedValuesAreStoredAsV8Text) {
   OBGui::RegistryKeyInfo key = secretRecord("Secrets", "sPASSWORD", "hunter2");
   ASSERT_EQ(client_.createRegistryKey(&key), 0);
   EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), pstring("hunter2").getV8Password());
@@ -141,7 +141,7 @@ TEST_F(LocalKeys, ProtectedValuesAreStoredAsV8Text) {
   EXPECT_EQ(valueOf("Secrets", "sPASSWORD"), "plain") << "one that cannot be protected leaves the old value";
 }
 
-TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
+TEST_F(RecordStore, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
   setValue("Secrets", "sPASSWORD", "V8:old");
   const std::string foreign = "V8:" + std::string(40, 'A');
   OBGui::KeyList keys{record("Secrets", "sBEFORE", "1"), secretRecord("Secrets", "sPASSWORD", "hunter2"),
@@ -164,7 +164,7 @@ TEST_F(LocalKeys, ASecretThatCannotBeReadFailsAloneAndLeavesTheOldValue) {
   EXPECT_EQ(client_.regStatus, kRegStatusWriteFailed);
 }
 
-TEST_F(LocalKeys, DeletingWhatIsNotThereSucceeds) {
+TEST_F(RecordStore, DeletingWhatIsNotThereSucceeds) {
   setValue("Delete/Sub/Deeper", "sVALUE", "1");
   const std::pair<OBGui::RegistryKeyInfo, int> cases[] = {
       {record("Delete/Sub", "sABSENT", ""), 0},

@@ -1,4 +1,4 @@
-#include "overhub/server/session.h"
+#include "overhub/server/serve_step.h"
 
 #include <memory>
 #include <string>
