@@ -16,12 +16,12 @@ std::size_t lqtext::printableLength(std::string_view bytes) {
     if ((at(i) & 0xc0) != 0x80) return 0;
     code = code << 6 | (at(i) & 0x3f);
   }
-  constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  // Of two, three and four bytes; what two bytes could hold below that are the C1 controls.
+  constexpr std::uint32_t kSmallest[] = {0xa0, 0x800, 0x10000};
   const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
   const bool isNoncharacter = (code | 1) == 0xffff;
-  const bool isC1Control = code < 0xa0;
   const bool isPrintable =
-      code >= kSmallest[length] && code <= 0x10ffff && !isSurrogate && !isNoncharacter && !isC1Control;
+      code >= kSmallest[length - 2] && code <= 0x10ffff && !isSurrogate && !isNoncharacter;
   return isPrintable ? length : 0;
 }
 

@@ -188,8 +188,10 @@ int Connection::configure(bool blank) {
   return result;
 }
 
-int Connection::readKeyFingerprint(std::string& fingerprint) {
-  return lqregistry::readKeyFingerprint(database_, fingerprint);
+std::string Connection::keyFingerprint() {
+  std::string fingerprint;
+  static_cast<void>(readKeyFingerprint(database_, fingerprint));  // what cannot be read is not known
+  return fingerprint;
 }
 
 void Connection::close() {

@@ -67,9 +67,9 @@ class Connection {
   int runWithoutWaiting(Sql statement);
   std::int64_t lastKeyId() const { return sqlite3_last_insert_rowid(database_); }
 
-  // The fingerprint of the protection key that belongs to this registry; empty when it is not known. An
-  // SQLite result code; a file of format 1 has none to read.
-  int readKeyFingerprint(std::string& fingerprint);
+  // The fingerprint of the protection key that belongs to this registry; empty when it is not known, as in a
+  // file of format 1.
+  std::string keyFingerprint();
 
   // The outcome for an SQLite result code that the last call on this connection gave.
   Outcome failure(int result) const;

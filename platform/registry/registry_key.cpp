@@ -20,7 +20,7 @@ lqsecret::KeyFacts describeKey(lqsecret::KeyUse use) {
   const Access access = use == lqsecret::KeyUse::kProtect ? Access::kWriting : Access::kReading;
   const Outcome outcome = connection.open(file, access, kWait);
   if (outcome.ok()) {
-    connection.readKeyFingerprint(facts.fingerprint);  // none in a file of format 1
+    facts.fingerprint = connection.keyFingerprint();
   } else if (outcome.code == kRegKeyMissing) {
     facts.problem = file + ": " + outcome.reason + ", so no protection key belongs to it";
     if (lqsecret::keyFileExists(facts.path))

@@ -64,12 +64,11 @@ CWmError readKey(const std::string& path, Key& key) {
 
 std::string fingerprint(const Key& key) {
   unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int size = 0;
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
   if (EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1 ||
       EVP_DigestUpdate(context.get(), kFingerprintLabel.data(), kFingerprintLabel.size()) != 1 ||
       EVP_DigestUpdate(context.get(), key.bytes.data(), kKeyBytes) != 1 ||
-      EVP_DigestFinal_ex(context.get(), digest, &size) != 1)
+      EVP_DigestFinal_ex(context.get(), digest, nullptr) != 1)
     return {};
   std::string text;
   for (std::size_t i = 0; i < kFingerprintBytes; ++i) lqtext::appendHex(text, static_cast<char>(digest[i]));

@@ -141,8 +141,9 @@ bool pstring::fromV8Password(std::string_view text, pstring& out) {
 bool pstring::fromStoredText(std::string_view text, pstring& out) {
   if (fromV8Password(text, out)) return true;
   if (!text.starts_with(kPrefix)) return false;
-  out = pstring();
-  out.sealed_ = text;
+  pstring unreadable;
+  unreadable.sealed_ = text;
+  out = std::move(unreadable);
   return true;
 }
 

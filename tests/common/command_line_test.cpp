@@ -15,9 +15,7 @@ TEST(CommandLine, SaysItsVersionAndHowItIsUsed) {
   const std::string version = run("lqhost", {"--version"}).out.substr(std::string("lqhost ").size());
   EXPECT_EQ(version.find_first_not_of("0123456789.\n"), std::string::npos) << version;
   for (const std::string program : {"lqhost", "lqreg", "overhub"}) {
-    const auto said = run(program, {"--version"});
-    EXPECT_EQ(said.out, program + " " + version);
-    EXPECT_EQ(said.exitCode, 0);
+    EXPECT_EQ(outOf(run(program, {"--version"})), program + " " + version);
     expectOut(run(program, {"--help"}), 0, {"Usage: " + program, "Examples:", "Exit codes:"});
     for (const Words& mistake : {Words{}, Words{"frobnicate"}}) {
       const auto result = run(program, mistake);

@@ -102,9 +102,7 @@ TEST_F(ProgramStart, AFileThatMayGrowNoFurtherIsAnErrorThatIsTold) {
       {programPath("overhub"), "--data", data_, "set", "web-1", "p", "n", std::string(2000, 'v')}};
   for (std::vector<std::string> command : commands) {
     command.insert(command.begin(), {"sh", "-c", "ulimit -f 1; exec \"$0\" \"$@\""});
-    const auto result = runProgram(command);
-    EXPECT_EQ(result.exitCode, 3) << command[3] << ": " << result.err;
-    EXPECT_NE(result.err, "") << command[3];
+    expectErr(runProgram(command), 3, {": "});
   }
 }
 

@@ -22,7 +22,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
     arguments.insert(arguments.end(), more.begin(), more.end());
     const auto result = lqhost(arguments);
     expectErr(result, exitCode, {reason});
-    EXPECT_FALSE(contains(result.err, sessionKey())) << "the key is nobody's business";
+    EXPECT_FALSE(contains(result.err, keyOf("web-1"))) << "the key is nobody's business";
     EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), "(none)");
   };
   const std::pair<std::string, const char*> files[] = {
@@ -31,7 +31,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
       {damaged("client-id=42", "client-id=0"), "client-id is not a positive number: 0"},
       {damaged("client-id=42", "client-id=\"4\x1b]2\""), "not a positive number: 4\\x1b]2"},
       {damaged("client-id=42", "client-id=9223372036854775808"), "client-id is not"},
-      {damaged(sessionKey(), sessionKey().substr(1)), "session-key is not a key of 64"},
+      {damaged(keyOf("web-1"), keyOf("web-1").substr(1)), "session-key is not a key of 64"},
       {damaged("\"web-1\"", "\"web/1\""), "cannot hold a \"/\": web/1"}};
   for (const auto& [text, reason] : files) {
     writeFile(bad, text);

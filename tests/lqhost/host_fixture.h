@@ -48,7 +48,6 @@ class HostTest : public OverhubTest {
     const auto joined = lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1"});
     EXPECT_EQ(joined.exitCode, 0) << joined.err;
   }
-  std::string sessionKey() const { return fileText("keys/web-1.key").substr(0, 2 * kSessionKeyBytes); }
 
   // Its first runs come at once, and a pass every five seconds, unless `more` says otherwise.
   std::unique_ptr<BackgroundProgram> runHost(const std::vector<std::string>& more = {}) const {

@@ -155,31 +155,34 @@ TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
 
 // Whoever lacks the client's key gets nowhere, and a server that asks for the wrong thing is told so.
 TEST_F(ResidentHost, WhatItDoesNotServeIsDeclinedWithTheReason) {
-  const auto host = runHost({"--module", kModule});
+  const auto host = runHost({"--module", kModule, "--sync-every", "3600", "--spread", "3600"});
   {
     CLqNetwork stranger;
     EXPECT_EQ(attachToHost(stranger, std::string(64, 'a')).GetCode(), kLqErrHandshake);
   }
   CLqNetwork session;
-  const CWmError refused = attachToHost(session, sessionKey(), "sLPOTHER");
+  const CWmError refused = attachToHost(session, keyOf("web-1"), "sLPOTHER");
   EXPECT_EQ(refused.GetCode(), kLqErrAttachRefused);
   EXPECT_TRUE(contains(refused.AsString(), "sLPOTHER")) << refused.AsString();
-  ASSERT_FALSE(attachToHost(session, sessionKey()).IsError());
+  ASSERT_FALSE(attachToHost(session, keyOf("web-1")).IsError());
   std::string refusal;
   OverhubTest::ask(session, OBGui::RegistryStaticKeyReq(), refusal);
   EXPECT_TRUE(contains(refusal, "this client answers no OBGui.RegistryStaticKeyReq")) << refusal;
   leave(session);
+  setValue("SOFTWARE/Velmor/Clients/web-1", "nCLIENTID", "0");
+  expectErr(ask({"push", "web-1"}), 1, {"this client does not know its own id"});
+  EXPECT_FALSE(contains(readFile(base_ + "/lqhost.unsettled"), "push")) << "nothing was applied";
 
   // A server that has attached and asks nothing holds up nobody.
   CLqNetwork silent;
-  ASSERT_FALSE(attachToHost(silent, sessionKey()).IsError());
+  ASSERT_FALSE(attachToHost(silent, keyOf("web-1")).IsError());
   EXPECT_EQ(ask({"call", "web-1", "7", "world"}).out, "hello, world\n");
   EXPECT_EQ(host->stop(), 0) << "with sessions open";
 }
 
 TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {
   std::binary_semaphore asked{0};
-  const ScriptedPeer silent(address_, 8400, "web-1", sessionKey(), [&](PeerSession& session) {
+  const ScriptedPeer silent(address_, 8400, "web-1", keyOf("web-1"), [&](PeerSession& session) {
     if (!session.acceptAttach() || session.readFrame().kind != PeerSession::kMessage) return;
     asked.release();
     session.waitForClose();

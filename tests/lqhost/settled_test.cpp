@@ -153,7 +153,9 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   for (const auto& [outcome, exitCode] :
        {std::pair(host::RunOutcome::kCacheLost, 7), std::pair(host::RunOutcome::kCacheUnreadable, 10),
         std::pair(host::RunOutcome::kFailed, 1)}) {
+    const oblog::Capture log;
     host::noteRun(host::kRefreshTask, 1, 0, 0, outcome);
+    EXPECT_EQ(log.Lines().size(), 1U) << "how it ended, and no complaint";
     expectStatus(exitCode == 1 ? 1 : 0, "0 of 1 values differ");  // a cache that is there again is no loss
     std::filesystem::rename(cacheFile(), cacheFile() + ".aside");
     expectStatus(exitCode, "there is no cache yet");

@@ -25,21 +25,21 @@ TEST_F(LqregTest, WritesReadsShowsAndRemoves) {
       {"set", "A", "minus", "--", "-5"}};
   for (const auto& write : writes) EXPECT_EQ(lqreg(write).exitCode, 0) << write[2];
 
-  EXPECT_EQ(lqreg({"get", "A", "minus"}).out, "-5\n");
-  EXPECT_EQ(lqreg({"get", "A/list", "get"}).out, "[a,b]\n");
-  EXPECT_EQ(lqreg({"get", "~", "raw"}).out, "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9\n") << "as it is";
-  EXPECT_EQ(lqreg({"list", "A"}).out, "empty = \nminus = -5\ntext = two words\nlist/\n");
+  EXPECT_EQ(outOf(lqreg({"get", "A", "minus"})), "-5\n");
+  EXPECT_EQ(outOf(lqreg({"get", "A/list", "get"})), "[a,b]\n");
+  EXPECT_EQ(outOf(lqreg({"get", "~", "raw"})), "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9\n") << "as it is";
+  EXPECT_EQ(outOf(lqreg({"list", "A"})), "empty = \nminus = -5\ntext = two words\nlist/\n");
   const std::string tree =
       "~/\n  raw = 1\\n2\\t\\x1b[31m\\\\\\xc2\\x9b\xc3\xa9\n  A/\n    empty = \n    minus = -5\n"
       "    text = two words\n    list/\n      get = [a,b]\n";
-  EXPECT_EQ(lqreg({"tree"}).out, tree);
+  EXPECT_EQ(outOf(lqreg({"tree"})), tree);
   expectOut(lqreg({"tree"}, ""), 0, {"SOFTWARE/\n  Velmor/\n    I1/\n"});  // no instance: everything
-  EXPECT_EQ(lqreg({"list", "--instance", "I1", "A/list"}, "I2").out, "get = [a,b]\n") << "the option wins";
+  EXPECT_EQ(outOf(lqreg({"list", "--instance", "I1", "A/list"}, "I2")), "get = [a,b]\n") << "option wins";
 
   EXPECT_EQ(lqreg({"delete", "A", "minus"}).exitCode, 0);
   expectErr(lqreg({"delete", "A"}), 2, {"--recursive"});
   EXPECT_EQ(lqreg({"delete", "A", "--recursive"}).exitCode, 0);
-  EXPECT_EQ(lqreg({"tree"}).out, tree.substr(0, tree.find("  A/")));
+  EXPECT_EQ(outOf(lqreg({"tree"})), tree.substr(0, tree.find("  A/")));
 }
 
 TEST_F(LqregTest, SaysWhatIsWrongAndHowToGoOn) {

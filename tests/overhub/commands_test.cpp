@@ -21,10 +21,9 @@ class OverhubCommandsTest : public OverhubTest {
 // The join file is the contract with the client's machine, and, like the key, must be nobody else's.
 TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   const std::string joinFile = dir_ / "elsewhere.join";
-  const auto added = overhub({"add-client", "web-1", "--server-host", "mgmt.example", "--server-name", "hub",
-                              "--join-file", joinFile});
-  ASSERT_EQ(added.exitCode, 0) << added.err;
-  EXPECT_TRUE(contains(added.out, "id 3; its join file is " + joinFile + "\n")) << added.out;
+  expectOut(overhub({"add-client", "web-1", "--server-host", "mgmt.example", "--server-name", "hub",
+                     "--join-file", joinFile}),
+            0, {"id 3; its join file is " + joinFile + "\n"});
 
   const std::string key = keyOf("web-1");
   EXPECT_EQ(key.find_first_not_of("0123456789abcdef"), std::string::npos);
@@ -52,7 +51,7 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   expectOk({"add-client", "a", "--id", "9223372036854775806"});
   expectOk({"add-client", "b"});
   EXPECT_NE(keyOf("a"), keyOf("b"));
-  EXPECT_TRUE(contains(overhub({"clients"}).out, "b      9223372036854775807  0        never"));
+  expectOut(overhub({"clients"}), 0, {"b      9223372036854775807  0        never"});
   EXPECT_EQ(overhub({"add-client", "c"}).exitCode, 1) << "there is no higher id";
   expectOk({"add-client", "c", "--id", "5"});
   std::string here(HOST_NAME_MAX + 1, '\0');
@@ -121,7 +120,7 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
       "~         Local       KEY\n"
       "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
       "~/Gone    x           STRING              delete\n";
-  EXPECT_EQ(overhub({"show", "web-1"}).out, head + limit + rest);
+  EXPECT_EQ(outOf(overhub({"show", "web-1"})), head + limit + rest);
 
   const auto batch = batchOf("web-1");
   for (const auto& key : batch.keys.get()) EXPECT_TRUE(key.deleteFlag.isSet() && key.enabledFlag.isSet());
@@ -129,7 +128,7 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
   expectOk({"unset", "web-1", "~/Limits", "nMAX"});
   for (const char* const absent : {"nMAX", "nmax_until"})
     EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", absent}).exitCode, 1);
-  EXPECT_EQ(overhub({"show", "web-1"}).out, head + rest);
+  EXPECT_EQ(outOf(overhub({"show", "web-1"})), head + rest);
 }
 
 // An expiry that is off by hours, or taken from a typing mistake, removes settings from machines.
@@ -184,8 +183,7 @@ TEST_F(OverhubCommandsTest, ParallelSetsLoseNothing) {
       "\"$OVERHUB\" set web-1 p n$i $i & \"$OVERHUB\" add-client c$i > /dev/null & done; wait");
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(batchOf("web-1").keys->size(), 10U);
-  const auto ids = shell("\"$OVERHUB\" clients | awk 'NR>1{print $2}' | sort -u | wc -l");
-  EXPECT_EQ(std::stoi(ids.out), 11) << "ids given twice";
+  EXPECT_EQ(outOf(shell("\"$OVERHUB\" clients | awk 'NR>1{print $2}' | sort -u | wc -l")), "11\n");
 }
 
 // A value from outside must not drive the terminal, and a mistake must name what it is about.

@@ -29,10 +29,7 @@ class OverhubTest : public testing::Test {
   ProgramResult shell(const std::string& script) const {
     return runProgram({"sh", "-c", script}, {"OVERHUB=" + programPath("overhub"), "OVERHUB_DATA=" + data_});
   }
-  void expectOk(const std::vector<std::string>& arguments) const {
-    const auto result = overhub(arguments);
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-  }
+  void expectOk(const std::vector<std::string>& arguments) const { outOf(overhub(arguments)); }
   std::string fileText(const std::string& name) const { return readFile(data_ + "/" + name); }
   std::string batchFile(const std::string& client) const { return data_ + "/clients/" + client + ".xml"; }
   OBGui::RegistryTaskResp batchOf(const std::string& client) const {

@@ -96,10 +96,8 @@ TEST_F(OverhubRequestTest, CallCarriesPayloadsAsTheyAre) {
             {"-9223372036854775808|a\n\x1b\\<&> \xff\n"});
   const std::string asked = dir_ / "ask";
   writeFile(asked, "printf 'a\\n\\033[2J' | \"$OVERHUB\" call web-1 7 - --host " + address_);
-  const auto shown = shell("script -qec 'sh " + asked + "' /dev/null </dev/null");
-  EXPECT_TRUE(contains(shown.out, "7|a\r\n\\x1b[2J")) << shown.out << shown.err;
-  const auto piped = shell("printf 'x\\n' | \"$OVERHUB\" call web-1 7 - --host " + address_);
-  EXPECT_EQ(piped.out, "7|x\n\n") << piped.err;
+  expectOut(shell("script -qec 'sh " + asked + "' /dev/null </dev/null"), 0, {"7|a\r\n\\x1b[2J"});
+  EXPECT_EQ(outOf(shell("printf 'x\\n' | \"$OVERHUB\" call web-1 7 - --host " + address_)), "7|x\n\n");
   EXPECT_EQ(shell("printf 'a\\000b' | \"$OVERHUB\" call web-1 7 - --host " + address_).exitCode, 2);
 }
 

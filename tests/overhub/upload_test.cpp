@@ -43,11 +43,11 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
 
   ask(network, uploadOf(kWideId), refusal);
   EXPECT_TRUE(contains(refusal, "unknown client id 5000000000")) << refusal;
-  EXPECT_EQ(overhub({"uploads", "web-1"}).out,
+  EXPECT_EQ(outOf(overhub({"uploads", "web-1"})),
             "KEY     NAME  VALUE\nLimits\nLimits  sODD  a\\nb\\x1b[31m\\\\ \\xff\nLimits  sPW   ********\n");
-  const auto listed = overhub({"uploads"});
-  EXPECT_TRUE(contains(listed.out, "Z  1     2       ")) << listed.out;
-  EXPECT_FALSE(contains(listed.out, "web-2")) << listed.out;
+  const std::string listed = outOf(overhub({"uploads"}));
+  EXPECT_TRUE(contains(listed, "Z  1     2       ")) << listed;
+  EXPECT_FALSE(contains(listed, "web-2")) << listed;
 
   const std::string out = dir_ / "out.xml";
   expectOk({"uploads", "web-1", "--out", out});

@@ -38,17 +38,17 @@ TEST_F(RecordStore, RegStatusTellsWhatTheLastReadOrWriteFoundThere) {
     EXPECT_EQ(result, client_.regStatus == kRegStatusWriteFailed ? kResultFailed : kResultOk);
     return client_.regStatus;
   };
-  EXPECT_EQ(create("Status", "sFIRST", "1"), kRegStatusKeyMissing);
-  EXPECT_EQ(create("Status", "sSECOND", "1"), kRegStatusValueMissing);
-  EXPECT_EQ(create("Status", "sSECOND", "2"), kRegStatusOk);
+  EXPECT_EQ(create("Status", "sFIRST", "1"), 6) << "the key is missing; the numbers are the platform's";
+  EXPECT_EQ(create("Status", "sSECOND", "1"), 7) << "the value is missing";
+  EXPECT_EQ(create("Status", "sSECOND", "2"), 0);
   EXPECT_EQ(valueOf("Status", "sSECOND"), "2");
-  EXPECT_EQ(create("Status", std::string(2000, 'n'), "1"), kRegStatusWriteFailed);
+  EXPECT_EQ(create("Status", std::string(2000, 'n'), "1"), 8) << "it cannot be written";
 
   // A value that the test's buffer cannot hold, its NUL counted, is one that cannot be read, but is written.
   const std::string fits(kReadBuffer - 1, 'x');
   EXPECT_EQ(create("Status", "sLONG", fits), kRegStatusValueMissing);
   EXPECT_EQ(create("Status", "sLONG", fits + "x"), kRegStatusOk);
-  EXPECT_EQ(create("Status", "sLONG", std::string(200'000, 'y')), kRegStatusReadFailed);
+  EXPECT_EQ(create("Status", "sLONG", std::string(200'000, 'y')), 2) << "it cannot be read";
   EXPECT_EQ(valueOf("Status", "sLONG"), std::string(200'000, 'y'));
 
   setValue("Status", "sEMPTY", "");

@@ -24,6 +24,12 @@ inline void expectErr(const ProgramResult& result, int exitCode, const std::vect
   expectSaid(result, exitCode, result.err, parts, line);
 }
 
+// What a program said that did what it was asked for.
+inline std::string outOf(const ProgramResult& result, int line = __builtin_LINE()) {
+  expectOut(result, 0, {}, line);
+  return result.out;
+}
+
 // Every byte from this one on, in order.
 inline std::string everyByte(int first = 1) {
   std::string bytes;

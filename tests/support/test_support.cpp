@@ -41,6 +41,7 @@ pid_t start(const std::vector<std::string>& command, const std::vector<std::stri
   if (pid != 0) return pid;
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
+  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);  // whoever runs the tests
   execvpe(arguments[0], arguments.data(), variables.data());
   _exit(127);
 }
