@@ -6,7 +6,7 @@
 #include <string>
 
 #include "lqhost/command_result.h"
-#include "lqhost/service/command_socket.h"
+#include "lqhost/service/ask_resident.h"
 
 namespace host {
 

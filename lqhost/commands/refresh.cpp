@@ -5,7 +5,7 @@
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
-#include "lqhost/service/command_socket.h"
+#include "lqhost/service/ask_resident.h"
 
 namespace host {
 

@@ -12,6 +12,7 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqhost/service/command_protocol.h"
 #include "lqhost/service/command_socket.h"
 #include "lqhost/service/host_module.h"
 #include "lqhost/service/periodic_task.h"

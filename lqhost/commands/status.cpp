@@ -12,7 +12,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
-#include "lqhost/service/command_socket.h"
+#include "lqhost/service/ask_resident.h"
 #include "lqhost/service/resident_lock.h"
 #include "lqhost/service/task_runs.h"
 #include "lqregistry/LQClient.h"

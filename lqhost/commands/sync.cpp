@@ -8,7 +8,7 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
-#include "lqhost/service/command_socket.h"
+#include "lqhost/service/ask_resident.h"
 #include "lqhost/service/resident_lock.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryManagerClnt.h"

@@ -16,7 +16,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/left_out.h"
 #include "lqhost/pass/wire_watch.h"
-#include "lqhost/service/command_socket.h"
+#include "lqhost/service/ask_resident.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 
 namespace host {

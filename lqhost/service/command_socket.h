@@ -1,12 +1,4 @@
-// The resident host of an instance, as the other processes of the machine meet it.
-//
-// While one runs, modules and their change callbacks live there, so the commands that change or send
-// something ask it instead of working beside it. They do so through a Unix socket in the base directory, one
-// question a connection:
-//
-//   the resident   "lqhost 1\n"                              at once, which shows that it is alive
-//   the command    "sync\n"                                  one of the questions below
-//   the resident   "<exit code> <bytes> <bytes>\n"           then standard output and standard error
+// The resident host's end of the socket by which commands reach it (command_protocol.h).
 //
 // Whoever asks must be root or the user that the resident runs as; the socket's mode says so, and the
 // kernel's word on who is at the other end is checked as well.
@@ -27,18 +19,6 @@
 #include "lqregistry/LqThreadPool.h"
 
 namespace host {
-
-// The questions.
-inline constexpr const char* kAskSync = "sync";
-inline constexpr const char* kAskRefresh = "refresh";
-inline constexpr const char* kAskUpload = "upload";
-inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number
-
-// What the resident host answers; nothing when there is none. One that is there and does not answer is an
-// error: working beside it is not an alternative. One that just starts or stops is waited for.
-inline constexpr std::chrono::milliseconds kResidentWait{10'000};
-CWmError askResident(const std::string& question, std::optional<CommandResult>& answer,
-                     std::chrono::milliseconds wait = kResidentWait);
 
 // Whether a process of user `peer` may ask one of user `own`.
 bool mayAsk(uid_t peer, uid_t own);

@@ -91,10 +91,6 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   expectOut(uploaded, 4, {"uploaded and kept"});
   expectErr(uploaded, 4, {"21 were left out", "~Long s1: 10240 bytes", "and 1 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
-  // A person sees that it goes on, and nothing of that afterwards.
-  const std::string command = programPath("lqhost") + " --registry " + clientRegistry_ + " upload";
-  const auto shown = shell("script -qec '" + command + "' /dev/null </dev/null");
-  EXPECT_TRUE(contains(shown.out, " ... 0 s") && contains(shown.out, " s\r\x1b[K")) << shown.out;
 
   // The checks say why there is nothing to do.
   expectOut(lqhost({"monitor"}), 0, {"Spoolhand is installed 0\ndone, or nothing to do on this machine\n"});

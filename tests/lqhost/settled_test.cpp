@@ -120,7 +120,7 @@ TEST_F(Settled, AnUploadIsKeptWhenTheServerSaysSo) {
                         }});
     const auto shown = runProgram({"sh", "-c", upload, programPath("lqhost"), registryFile_, screen});
     const std::size_t records = server.message<OBGui::RegistryTaskResp>(0).keys->size();
-    expectOut(shown, exitCode, {std::to_string(records) + " records " + text});
+    expectOut(shown, exitCode, {" s\r\x1b[K", std::to_string(records) + " records " + text});
   }
 }
 
