@@ -2,13 +2,20 @@
 
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqSettings.h"
 
 namespace host {
 
 std::optional<CommandResult> whyNotJoined() {
-  const CWmError error = checkJoined();
-  if (!error.IsError()) return std::nullopt;
-  return complaint(kExitNotJoined, error.AsString());
+  LQPlatformInfo info;
+  std::string server;
+  if (info.getString(lqsettings::kServerHost.key, lqsettings::kServerHost.name, server)) return std::nullopt;
+  if (info.getRegError() == kRegUnavailable) return complaint(kExitNotJoined, info.getRegErrorText());
+  return complaint(kExitNotJoined, "instance " + instanceName() + " in " + lqregistry::File() +
+                                       " has not joined a server; run `lqhost join FILE` with the file that "
+                                       "`overhub add-client` wrote");
 }
 
 std::optional<CommandResult> answerOfResident(const std::string& question, std::chrono::milliseconds wait) {
