@@ -37,17 +37,16 @@ FileLock::FileLock(const std::string& path, int command)
     return;
   }
   struct flock whole = wholeFile();
-  int result = 0;
-  do {
-    result = ::fcntl(handle_.get(), command, &whole);
-  } while (result != 0 && errno == EINTR);
-  if (result == 0) {
-    state_ = State::kHeld;
-  } else if (errno == EAGAIN || errno == EACCES) {
-    state_ = State::kHeldElsewhere;
-  } else {
-    error_ = failed(path);
+  while (::fcntl(handle_.get(), command, &whole) != 0) {
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EACCES) {
+      state_ = State::kHeldElsewhere;
+    } else {
+      error_ = failed(path);
+    }
+    return;
   }
+  state_ = State::kHeld;
 }
 
 FileLock FileLock::tryFor(const std::string& path) {

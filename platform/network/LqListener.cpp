@@ -44,8 +44,8 @@ CWmError LqListener::open(const std::string& address, std::uint16_t port) {
     SocketAddress parsed;
     if (!parseAddress(address, port, parsed))
       return {kLqErrBadTarget, "cannot listen on " + place + ": not an address"};
-    Descriptor listening(listenOn(parsed));
-    if (listening.get() < 0)
+    auto_handle listening(listenOn(parsed));
+    if (!listening.isValid())
       return {kLqErrConnect, "cannot listen on " + place + ": " + std::generic_category().message(errno)};
     room_ = std::make_shared<WaitingRoom>(std::move(listening), std::make_shared<TlsPsk>(lookup_), limits_,
                                           place);

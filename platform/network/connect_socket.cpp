@@ -9,7 +9,7 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/network/descriptor.h"
+#include "lqregistry/FXFile.h"
 #include "platform/network/interruption.h"
 #include "platform/network/silence_limit.h"
 #include "platform/network/socket_address.h"
@@ -70,7 +70,7 @@ CWmError connectSocket(const Target& target, const Deadline& deadline, int& desc
   for (std::size_t i = 0; i < places.size(); ++i) {
     const int opened = ::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (opened < 0) throw std::system_error(errno, std::generic_category());
-    Descriptor closing(opened);
+    auto_handle closing(opened);
     prepareSocket(opened);
     const int problem = connectWithin(opened, places[i], deadline.share(places.size() - i));
     if (problem == 0) {

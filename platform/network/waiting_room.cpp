@@ -109,7 +109,7 @@ class WaitingRoom::Seat {
   std::string identity_;
 };
 
-WaitingRoom::WaitingRoom(Descriptor listeningSocket, std::shared_ptr<const TlsPsk> psk,
+WaitingRoom::WaitingRoom(auto_handle listeningSocket, std::shared_ptr<const TlsPsk> psk,
                          const LqListener::Limits& limits, std::string place)
     : psk_(std::move(psk)),
       limits_(limits),
@@ -228,7 +228,7 @@ void WaitingRoom::run() {
       ObEvent().Error(kTag, "the callers on %s cannot be watched well: %s", place_.c_str(), shortage.what());
     }
   }
-  listener_.close();
+  listener_.reset();
   callers_.clear();
   const std::lock_guard lock(mutex_);
   returned_.clear();
@@ -364,7 +364,7 @@ void WaitingRoom::wakeUp() {
 void WaitingRoom::closeDoor() {
   if (isDoorClosed_) return;
   isDoorClosed_ = isListening_ = true;
-  listener_.close();
+  listener_.reset();
   for (auto caller = callers_.begin(); caller != callers_.end();) {
     const auto next = std::next(caller);
     if (!caller->second.isAttached) letGo(caller, {kLqErrConnectionLost, "no callers are taken any more"});
@@ -542,7 +542,7 @@ void WaitingRoom::makeRoom() {
 bool WaitingRoom::isShortOfDescriptors() const {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
-  const Descriptor next(::fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
+  const auto_handle next(::fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
   const rlim_t reserve = std::min(kReservedDescriptors, limit.rlim_cur / kReservedPart);
-  return next.get() < 0 || static_cast<rlim_t>(next.get()) + reserve >= limit.rlim_cur;
+  return !next.isValid() || static_cast<rlim_t>(next.get()) + reserve >= limit.rlim_cur;
 }

@@ -27,9 +27,9 @@
 #include <vector>
 
 #include "lqregistry/CLqNetwork.h"
+#include "lqregistry/FXFile.h"
 #include "platform/network/caller_groups.h"
 #include "platform/network/deadline.h"
-#include "platform/network/descriptor.h"
 #include "platform/network/socket_address.h"
 #include "platform/network/tls_connection.h"
 
@@ -38,8 +38,8 @@ struct epoll_event;
 class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
  public:
   // Throws when the system is short of something.
-  WaitingRoom(Descriptor listeningSocket, std::shared_ptr<const TlsPsk> psk, const LqListener::Limits& limits,
-              std::string place);
+  WaitingRoom(auto_handle listeningSocket, std::shared_ptr<const TlsPsk> psk,
+              const LqListener::Limits& limits, std::string place);
   WaitingRoom(const WaitingRoom&) = delete;
   WaitingRoom& operator=(const WaitingRoom&) = delete;
 
@@ -115,8 +115,8 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   const std::string place_;
 
   // The room's thread alone.
-  Descriptor listener_;
-  Descriptor epoll_;
+  auto_handle listener_;
+  auto_handle epoll_;
   Callers callers_;
   CallerNumber lastNumber_ = 0;
   CallerGroups byAddress_;
@@ -130,7 +130,7 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   bool inShortage_ = false;
   bool isDoorClosed_ = false;
 
-  Descriptor wake_;
+  auto_handle wake_;
   std::thread thread_;
   std::mutex joining_;
 

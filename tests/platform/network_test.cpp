@@ -627,6 +627,10 @@ TEST_F(RoomTest, AClientIsServedInItsTurn) {
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   first.reset();
   EXPECT_NE(second.get(), nullptr);
+  const auto unserved = askingPeer();
+  while (listener.census().callers != 0) std::this_thread::yield();
+  listener.stop();
+  EXPECT_EQ(unserved->readFrame().kind, 0) << "still connected";
 }
 
 // Whose time has passed goes without anybody needing the place.
