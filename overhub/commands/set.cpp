@@ -3,17 +3,16 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 #include <cstring>  // explicit_bzero
-#include <ctime>
 #include <memory>
 #include <string_view>
 
-#include "lqregistry/LqRegistryFile.h"
 #include "overhub/commands/client_batch.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/data_directory.h"
+#include "overhub/commands/record_check.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/time_argument.h"
 #include "overhub/store/batch_edit.h"
 
 namespace {
@@ -33,7 +32,8 @@ struct Set {
   std::string client;
   RecordChange change;
   bool isSecret = false;  // the value comes from standard input
-  std::string until;      // seconds since the epoch, or +SECONDS from now; empty: none
+  std::string until;      // as time_argument.h has it; empty: none
+  bool isForced = false;  // also what may cut the machine off
 };
 
 CWmError misused(std::string why) {
@@ -59,21 +59,6 @@ CWmError readSecret(std::optional<pstring>& secret) {
   return isUsable ? CWmError() : misused("--secret needs 1 to 65536 bytes without NUL on standard input");
 }
 
-CWmError readTime(const std::string& text, std::optional<std::int64_t>& time) {
-  const bool isRelative = text.starts_with('+');
-  const char* const begin = text.data() + (isRelative ? 1 : 0);
-  const char* const end = text.data() + text.size();
-  std::int64_t seconds = 0;
-  const auto [stop, fault] = std::from_chars(begin, end, seconds);
-  const std::int64_t start = isRelative ? static_cast<std::int64_t>(std::time(nullptr)) : 0;
-  std::int64_t sum = 0;
-  if (fault != std::errc() || stop != end || seconds < 0 || __builtin_add_overflow(start, seconds, &sum))
-    return misused("--until takes seconds since the epoch, or +SECONDS from now; \"" + text +
-                   "\" is neither");
-  time = sum;
-  return {};
-}
-
 // What does not go together is an error.
 CWmError checkCombination(const Set& wanted) {
   const RecordChange& change = wanted.change;
@@ -94,16 +79,16 @@ CWmError checkCombination(const Set& wanted) {
 int set(const DataStore& store, const Set& wanted) {
   RecordChange change = wanted.change;  // and the secret no longer than that
   CWmError error = checkCombination(wanted);
-  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, change.until);
+  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, change.until.emplace());
   if (!error.IsError() && wanted.isSecret) error = readSecret(change.secret);
+  const OBGui::RegistryKeyInfo record = recordOf(change);
+  if (!error.IsError()) error = checkRecord(record);
   if (error.IsError())
     return complain(kExitUsage, std::string(error.AsString()) + "; see \"overhub set --help\"");
-  if (change.name.empty() || change.name.size() > lqregistry::kMaxNameBytes ||
-      change.path.size() > lqregistry::kMaxPathBytes) {
-    return complain(kExitUsage, "a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +
-                                    " bytes, a key's path at most " +
-                                    std::to_string(lqregistry::kMaxPathBytes));
-  }
+  if (!wanted.isForced) error = checkHarm(record);
+  if (error.IsError())
+    return complain(kExitRefused, std::string(error.AsString()) + ". --force sets it all the same");
+  if (const std::string doubt = doubtAbout(record); !doubt.empty()) warn(doubt);
   return editBatch(store, wanted.client, [&change](OBGui::KeyList& keys) {
     setRecord(keys, change);
     return kExitOk;
@@ -121,14 +106,19 @@ void addSet(programs::CommandLine& line, const std::string& data) {
       .required("PATH", change.path, "The key's path")
       .required("NAME", change.name, "The value's name; with --type KEY, the sub-key's")
       .option("VALUE", change.value, "The value")
-      .option("--type WORD", change.type, "Type word, such as STRING or KEY")
+      .option("--type WORD", change.type, "Type word: STRING, or KEY for a sub-key")
       .flag("--secret", wanted->isSecret, "Take the value from standard input and keep it encrypted")
       .excludes("--type")
       .flag("--delete", change.isRemoval, "The client is to remove the value")
       .excludes("--secret")
       .flag("--disabled", change.isDisabled, "Not wanted on the client for now, which removes it too")
-      .option("--until TIME", wanted->until,
-              "When the value ends: seconds since the epoch, or +SECONDS from now. Kept as the record "
-              "NAME_UNTIL, which counts for every NAME of the batch, whatever its path")
+      .flag(
+          "--force", wanted->isForced,
+          "Set also what a client needs to come back to its server, such as the server's host or the switch "
+          "of the synchronisation")
+      .option(
+          "--until TIME", wanted->until,
+          std::string("When the value ends: ") + kTimeForms +
+              ". Kept as the record NAME_UNTIL, which counts for every NAME of the batch, whatever its path")
       .footer(kFooter);
 }

@@ -23,6 +23,8 @@ void putRecord(OBGui::KeyList& keys, OBGui::RegistryKeyInfo record) {
   }
 }
 
+}  // namespace
+
 OBGui::RegistryKeyInfo recordOf(const RecordChange& change) {
   OBGui::RegistryKeyInfo record;
   record.keyPath = change.path;
@@ -38,8 +40,6 @@ OBGui::RegistryKeyInfo recordOf(const RecordChange& change) {
   record.enabledFlag = change.isDisabled ? 0 : 1;
   return record;
 }
-
-}  // namespace
 
 void setRecord(OBGui::KeyList& keys, const RecordChange& change) {
   putRecord(keys, recordOf(change));

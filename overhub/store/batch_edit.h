@@ -20,6 +20,9 @@ struct RecordChange {
   std::optional<std::int64_t> until;  // expiry, seconds since the epoch
 };
 
+// The record that the change makes.
+OBGui::RegistryKeyInfo recordOf(const RecordChange& change);
+
 // Adds the record, or puts it in the place of the one with its path and name; with an expiry, its companion
 // record likewise.
 void setRecord(OBGui::KeyList& keys, const RecordChange& change);

@@ -78,7 +78,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   EXPECT_TRUE(synced.err.empty() && !contains(synced.out, "sesame")) << synced.out << synced.err;
 
   // The cache keeps what could not be applied, so that a refresh tries, and reports, it too.
-  expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY"});
+  expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY", "--force"});
   expectOut(lqhost({"sync"}), 4, {"acknowledged: taskStatus 1 (failed)", "keys may not be created remotely"});
   setValue("Limits", "nMAX", "99");
   expectOut(lqhost({"refresh"}), 4, {"1 changed"});

@@ -108,7 +108,7 @@ TEST_F(OverhubCommandsTest, IdsStayUniqueThroughDamageAndRemoval) {
 TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
   expectOk({"add-client", "web-1"});
   expectOk({"set", "web-1", "~/Limits", "nMAX", "10"});
-  expectOk({"set", "web-1", "~/Other", "nMAX", "-1", "--type", "NUMBER"});
+  expectOk({"set", "web-1", "~/Other", "nMAX", "-1"});
   expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
   expectOk({"set", "web-1", "~/Limits", "nMAX", "20", "--until", "1999999999"});
   expectOk({"set", "web-1", "~/Limits", "nMAX", "21", "--until", "2000000000", "--disabled"});
@@ -116,7 +116,7 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
   const std::string head = "PATH      NAME        TYPE    VALUE       FLAGS\n";
   const std::string limit = "~/Limits  nMAX        STRING  21          disabled\n";
   const std::string rest =
-      "~/Other   nMAX        NUMBER  -1\n"
+      "~/Other   nMAX        STRING  -1\n"
       "~         Local       KEY\n"
       "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
       "~/Gone    x           STRING              delete\n";
@@ -131,18 +131,49 @@ TEST_F(OverhubCommandsTest, SetAndUnsetKeepOneRecordPerPathAndName) {
   EXPECT_EQ(outOf(overhub({"show", "web-1"})), head + rest);
 }
 
+// A value that takes away a machine's way to the server is applied, acknowledged or not, and never comes
+// back.
+TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
+  expectOk({"add-client", "web-1"});
+  const std::vector<std::string> wayBack[] = {{"EventManager", "bEnableRegistrySync", "0"},
+                                              {"~//Overhub/", "sOHHOSTNAME", "elsewhere"},
+                                              {"SOFTWARE/Velmor/I2/Overhub", "sSESSIONKEY", "--delete"},
+                                              {"Hosts/web-1", "sCLIENTNAME", "--disabled", "x"},
+                                              {"SOFTWARE/Velmor/Clients/web-1", "nCLIENTID", "4"},
+                                              {"~", "EventManager", "--type", "KEY", "--delete"},
+                                              {"Hosts", "web-1", "--type", "KEY", "--delete"},
+                                              {"Machine", "Other", "--type", "KEY"}};
+  for (std::vector<std::string> words : wayBack) {
+    words.insert(words.begin(), {"set", "web-1"});
+    expectErr(overhub(words), 1, {words[3], "in \"" + words[2], "--force"});
+    words.push_back("--force");
+    expectOk(words);
+  }
+  EXPECT_EQ(batchOf("web-1").keys->size(), std::size(wayBack));
+  expectOk({"set", "web-1", "EventManager", "nTimer", "5"});
+  expectOk({"set", "web-1", "Overhubs", "sOHHOSTNAME", "another key"});
+  expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
+}
+
 // An expiry that is off by hours, or taken from a typing mistake, removes settings from machines.
 TEST_F(OverhubCommandsTest, UntilTakesSecondsFromNowAndNothingElse) {
   expectOk({"add-client", "web-1"});
   const std::int64_t before = std::time(nullptr);
-  expectOk({"set", "web-1", "p", "n", "v", "--until", "+3600"});
+  expectOk({"set", "web-1", "p", "n", "v", "--until", "+60m"});
   const std::int64_t after = std::time(nullptr);
   const auto batch = batchOf("web-1");
   ASSERT_EQ(batch.keys->size(), 2U);
   const std::int64_t until = std::stoll(batch.keys.get()[1].value.get());
   EXPECT_TRUE(before + 3600 <= until && until <= after + 3600) << until;
-  for (const char* const bad : {"tomorrow", "12x", "+", "-5", "+-5", "9223372036854775807000"})
+  for (const char* const bad :
+       {"tomorrow", "12x", "+", "-5", "+-5", "+1y", "2027-02-29T00:00", "2027-01-01", "1969-12-31T23:59",
+        "2027-01-01T00:00+1", "9223372036854775807000", "+9223372036854775807w"})
     EXPECT_EQ(overhub({"set", "web-1", "p", "n", "v", std::string("--until=") + bad}).exitCode, 2) << bad;
+  for (const auto& [given, seconds] :
+       {std::pair("2027-01-01T06:00", "1798783200"), {"2028-02-29T23:59:58Z", "1835481598"}}) {
+    expectOk({"set", "web-1", "p", "n", "v", "--until", given});
+    EXPECT_EQ(batchOf("web-1").keys.get()[1].value.get(), seconds);
+  }
 }
 
 // What is asked for in secret must not lie about in clear, neither on disk nor on a terminal.
@@ -202,7 +233,17 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
                        "p     n\xc3\xa9    STRING  a\\nb\\x1b[31m\\\\\n"
                        "p     nn    STRING  1\n"));
   for (const char* const nobody : {"web-2", "../static"}) expectErr(overhub({"show", nobody}), 1, {nobody});
-  EXPECT_EQ(overhub({"set", "web-1", "p", std::string(1025, 'n'), "v"}).exitCode, 2);
+  const std::pair<std::vector<std::string>, const char*> refused[] = {
+      {{"p", std::string(1025, 'n'), "v"}, "1 to 1024 bytes"},
+      {{"/home/me/Limits", "n", "v"}, "quote \"~\""},
+      {{"--type", "NUMBER", "p", "n", "5"}, "no type word"},
+      {{"--", "p", "-n", "v"}, "\"-n\" looks like an option"},
+      {{"p\n", "n", "v"}, "no control characters"}};
+  for (auto [words, reason] : refused) {
+    words.insert(words.begin(), {"set", "web-1"});
+    expectErr(overhub(words), 2, {reason});
+  }
+  expectErr(overhub({"set", "web-1", "p", "nMAX", "ten"}), 0, {"\"ten\" is none"});
 
   writeFile(batchFile("web-1"), "<OBGui.RegistryTaskResp><keys>");
   expectErr(overhub({"set", "web-1", "p", "n", "v"}), 3, {batchFile("web-1")});

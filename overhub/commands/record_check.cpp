@@ -1,0 +1,69 @@
+#include "overhub/commands/record_check.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+#include "common/machine_identity.h"
+#include "lqregistry/LqRegistryFile.h"
+#include "records/record_rules.h"
+
+namespace {
+
+CWmError refused(std::string why) {
+  return {kLqErrArgument, std::move(why)};
+}
+
+bool hasControl(const std::string& text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; });
+}
+
+bool isNumber(const std::string& text) {
+  std::int64_t number = 0;
+  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return fault == std::errc() && end == text.data() + text.size();
+}
+
+}  // namespace
+
+CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
+  const std::string& path = record.keyPath;
+  const std::string& name = record.valueName;
+  const std::string& type = record.valueType;
+  if (name.empty() || name.size() > lqregistry::kMaxNameBytes || path.size() > lqregistry::kMaxPathBytes)
+    return refused("a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +
+                   " bytes, a key's path at most " + std::to_string(lqregistry::kMaxPathBytes));
+  if (path.starts_with('/'))
+    return refused("\"" + path +
+                   "\" is no registry path; quote \"~\", or the shell puts your home directory in its place");
+  if (name.starts_with('-') || path.starts_with('-'))
+    return refused("\"" + (name.starts_with('-') ? name : path) + "\" looks like an option");
+  if (hasControl(name) || hasControl(path)) return refused("names and paths hold no control characters");
+  if (type != STRINGTYPE && type != KEYTYPE && type != ENCRYPTEDTYPE)
+    return refused("\"" + type +
+                   "\" is no type word: STRING, or KEY for a sub-key; --secret makes a protected value");
+  return {};
+}
+
+CWmError checkHarm(const OBGui::RegistryKeyInfo& record) {
+  const std::string place = "\"" + record.valueName.get() + "\" in \"" + record.keyPath.get() + "\"";
+  if (programs::isWayBack(record))
+    return refused(place +
+                   " is what a client needs to come back to its server: a mistake in it, and nobody reaches "
+                   "the machine from here again");
+  if (isKey(record) && !isToBeRemoved(record) && !isCreatableKey(record))
+    return refused(
+        place +
+        ": clients create no sub-key but \"Local\"; others come with the values that are set in them");
+  return {};
+}
+
+std::string doubtAbout(const OBGui::RegistryKeyInfo& record) {
+  const std::string& name = record.valueName;
+  const bool isNumberName =
+      name.size() > 1 && name[0] == 'n' && std::isupper(static_cast<unsigned char>(name[1])) != 0;
+  const bool isPlain = record.valueType.get() == STRINGTYPE && !isToBeRemoved(record);
+  if (!isNumberName || !isPlain || isNumber(record.value)) return {};
+  return "\"" + name + "\" is named like a number, and \"" + record.value.get() + "\" is none";
+}
