@@ -10,6 +10,10 @@
 
 namespace {
 
+std::string quoted(const std::string& text) {
+  return '"' + text + '"';
+}
+
 CWmError refused(std::string why) {
   return {kLqErrArgument, std::move(why)};
 }
@@ -34,28 +38,30 @@ CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
   if (name.empty() || name.size() > lqregistry::kMaxNameBytes || path.size() > lqregistry::kMaxPathBytes)
     return refused("a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +
                    " bytes, a key's path at most " + std::to_string(lqregistry::kMaxPathBytes));
-  if (path.starts_with('/'))
-    return refused("\"" + path +
-                   "\" is no registry path; quote \"~\", or the shell puts your home directory in its place");
+  if (path.starts_with('/')) {
+    return refused(quoted(path) +
+                   " is no registry path; quote \"~\", or the shell puts your home directory in its place");
+  }
   if (name.starts_with('-') || path.starts_with('-'))
-    return refused("\"" + (name.starts_with('-') ? name : path) + "\" looks like an option");
+    return refused(quoted(name.starts_with('-') ? name : path) + " looks like an option");
   if (hasControl(name) || hasControl(path)) return refused("names and paths hold no control characters");
-  if (type != STRINGTYPE && type != KEYTYPE && type != ENCRYPTEDTYPE)
-    return refused("\"" + type +
-                   "\" is no type word: STRING, or KEY for a sub-key; --secret makes a protected value");
+  if (type != STRINGTYPE && type != KEYTYPE && type != ENCRYPTEDTYPE) {
+    return refused(quoted(type) +
+                   " is no type word: STRING, or KEY for a sub-key; --secret makes a protected value");
+  }
   return {};
 }
 
 CWmError checkHarm(const OBGui::RegistryKeyInfo& record) {
-  const std::string place = "\"" + record.valueName.get() + "\" in \"" + record.keyPath.get() + "\"";
-  if (programs::isWayBack(record))
+  const std::string place = quoted(record.valueName) + " in " + quoted(record.keyPath);
+  if (programs::isWayBack(record)) {
     return refused(place +
                    " is what a client needs to come back to its server: a mistake in it, and nobody reaches "
                    "the machine from here again");
-  if (isKey(record) && !isToBeRemoved(record) && !isCreatableKey(record))
-    return refused(
-        place +
-        ": clients create no sub-key but \"Local\"; others come with the values that are set in them");
+  }
+  if (isKey(record) && !isToBeRemoved(record) && !isCreatableKey(record)) {
+    return refused(place + ": clients create no sub-key but \"Local\"; others come with the values in them");
+  }
   return {};
 }
 
@@ -65,5 +71,5 @@ std::string doubtAbout(const OBGui::RegistryKeyInfo& record) {
       name.size() > 1 && name[0] == 'n' && std::isupper(static_cast<unsigned char>(name[1])) != 0;
   const bool isPlain = record.valueType.get() == STRINGTYPE && !isToBeRemoved(record);
   if (!isNumberName || !isPlain || isNumber(record.value)) return {};
-  return "\"" + name + "\" is named like a number, and \"" + record.value.get() + "\" is none";
+  return quoted(name) + " is named like a number, and " + quoted(record.value) + " is none";
 }

@@ -20,6 +20,25 @@ struct StoredValue {
   std::string data;
 };
 
+// Scans come after so many look-ups in one key and each time that number has doubled, and read so many
+// values for each of those: that costs about what the look-ups did. So a key of which a batch brings a few
+// values is hardly scanned, and one of which it brings many is soon known as a whole.
+inline constexpr std::size_t kFirstScan = 4;
+inline constexpr std::size_t kValuesPerLookUp = 16;
+
+// What is known of one key.
+struct KnownKey {
+  std::string path;
+  std::optional<std::int64_t> id;
+  bool isWhole = false;  // a name that is not among the values is not there
+  std::map<std::string, std::optional<StoredValue>, std::less<>> values;
+  std::string scannedUpTo;
+  std::size_t scannedValues = 0;
+  std::size_t scannedBytes = 0;
+  std::size_t lookUps = 0;
+  std::size_t nextScan = kFirstScan;
+};
+
 class SeenKey {
  public:
   // Nothing is known any more.
@@ -49,25 +68,7 @@ class SeenKey {
   void noteScannedToTheEnd() { key_->isWhole = true; }
 
  private:
-  // Scans come after so many look-ups in one key and each time that number has doubled, and read so many
-  // values for each of those: that costs about what the look-ups did. So a key of which a batch brings a few
-  // values is hardly scanned, and one of which it brings many is soon known as a whole.
-  static constexpr std::size_t kFirstScan = 4;
-  static constexpr std::size_t kValuesPerLookUp = 16;
-
-  struct Key {
-    std::string path;
-    std::optional<std::int64_t> id;
-    bool isWhole = false;  // a name that is not among the values is not there
-    std::map<std::string, std::optional<StoredValue>, std::less<>> values;
-    std::string scannedUpTo;
-    std::size_t scannedValues = 0;
-    std::size_t scannedBytes = 0;
-    std::size_t lookUps = 0;
-    std::size_t nextScan = kFirstScan;
-  };
-
-  std::optional<Key> key_;
+  std::optional<KnownKey> key_;
 };
 
 }  // namespace lqregistry

@@ -87,11 +87,12 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   // One line each for what is too long to be uploaded, as far as a person wants to read.
   for (int i = 0; i < 22; ++i)
     setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
-  LQPlatformInfo("Instance001").setRegValue("Bytes", "s", 0, "a\0b", 3);
+  lqregistry::UseFile(clientRegistry_);
+  ASSERT_TRUE(LQPlatformInfo("Instance001").setRegValue("Long", "bytes", 0, "a\0b", 3));
   const auto uploaded = lqhost({"upload"});
   expectOut(uploaded, 4, {"uploaded and kept"});
   expectErr(uploaded, 4,
-            {"22 were left out", "~Bytes s: uploaded only up to", "~Long s1: 10240 bytes", "and 2 more"});
+            {"22 were left out", "~Long bytes: uploaded only up to", "~Long s1: 10240 bytes", "and 2 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   // The checks say why there is nothing to do.
