@@ -6,8 +6,8 @@
 
 namespace {
 
-// Whether the record is an expiry time, and one that has passed. It is read as atoi reads it, without digits as
-// 0, but 64 bits wide: a time after 2038 has not passed.
+// Whether the record is an expiry time, and one that has passed. It is read as atoi reads it, without digits
+// as 0, but 64 bits wide: a time after 2038 has not passed.
 bool isExpired(const OBGui::RegistryKeyInfo& key, std::time_t now) {
   const std::string& name = key.valueName;
   return name.size() > _UNTIL.size() && name.ends_with(_UNTIL) &&

@@ -2,7 +2,6 @@
 // transaction is in registry_transactions.cpp.
 #include "platform/registry/registry_store.h"
 
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>

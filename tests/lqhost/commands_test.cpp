@@ -79,7 +79,9 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
 
   // The cache keeps what could not be applied, so that a refresh tries, and reports, it too.
   expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY", "--force"});
-  expectOut(lqhost({"sync"}), 4, {"acknowledged: taskStatus 1 (failed)", "keys may not be created remotely"});
+  const auto partly = lqhost({"sync"});
+  expectOut(partly, 4, {"acknowledged: taskStatus 1 (failed)", "keys may not be created remotely"});
+  expectErr(partly, 4, {"applied. The client says:\n", "  Modifying Other remotely is not allowed\n"});
   setValue("Limits", "nMAX", "99");
   expectOut(lqhost({"refresh"}), 4, {"1 changed"});
   EXPECT_EQ(lqhost({"status"}).exitCode, 6);
