@@ -15,22 +15,13 @@ TEST_F(BatchOutcome, IsJudgedByWhatTheRegistryHolds) {
   join();
   for (const char* const there : {"sCHANGED", "sSAME", "sGONE", "sOVER", "sOFF"}) setValue("A", there, "1");
   const std::string longest(48, 'v');
-  const OBGui::KeyList batch = {record("~A", "sNEW", "is overruled"),
-                                record("A", "sNEW", longest),
-                                record("A", "sLONG", longest + "v"),
-                                record("A", "sCHANGED", "2"),
-                                record("A", "sSAME", "1"),
-                                removal("A", "sGONE"),
-                                record("A", "sOVER", "1"),
-                                record("A", "sOVER_UNTIL", "1"),
-                                disabled("A", "sOFF", "1"),
-                                record("A", "sOFF_UNTIL", "1"),
-                                secretRecord("A", "sPW", "sesame"),
-                                removal("EventManager", "dOBLOGDIR"),
-                                record("A", "", "x"),
-                                removal("A", ""),
-                                record("Clients", "Other", "", "KEY"),
-                                record("A", std::string(1025, 'n'), "1")};
+  const auto batch = OBGui::KeyList(
+      {record("~A", "sNEW", "is overruled"), record("A", "sNEW", longest),
+       record("A", "sLONG", longest + "v"), record("A", "sCHANGED", "2"), record("A", "sSAME", "1"),
+       removal("A", "sGONE"), record("A", "sOVER", "1"), record("A", "sOVER_UNTIL", "1"),
+       disabled("A", "sOFF", "1"), record("A", "sOFF_UNTIL", "1"), secretRecord("A", "sPW", "sesame"),
+       removal("EventManager", "dOBLOGDIR"), record("A", "", "x"), removal("A", ""),
+       record("Clients", "Other", "", "KEY"), record("A", std::string(1025, 'n'), "1")});
   host::PassDetails details{batch, host::currentValues(batch)};
   OBGui::KeyList applied = batch;
   EXPECT_EQ(LqRegistryManagerClnt("").updateRegistryKeysForClient(applied), kResultFailed);
