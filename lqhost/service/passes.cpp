@@ -55,30 +55,19 @@ UnsettledWork beginPass() {
   return UnsettledWork(Unsettled::kPass);
 }
 
+// Why refreshes are held back after a pass that brought a batch; nothing when its cache is on disk.
+std::optional<Unsettled> whyHeldBack(CacheFate cache) {
+  if (cache == CacheFate::kStored && CacheWatch::sync()) return std::nullopt;
+  if (cache == CacheFate::kKept) return Unsettled::kCacheKept;
+  return cache == CacheFate::kUnreadable ? Unsettled::kCacheUnreadable : Unsettled::kCacheLost;
+}
+
 // Ends the note of a pass by what became of it.
 void endPass(UnsettledWork& work, const PassResult& result) {
-  if (!result.batchReceived) {
-    work.restore();
-    return;
-  }
-  switch (result.cache) {
-    case CacheFate::kStored:
-      if (CacheWatch::sync()) {
-        work.settle();
-      } else {
-        work.leave(Unsettled::kCacheLost);
-      }
-      break;
-    case CacheFate::kLost:
-      work.leave(Unsettled::kCacheLost);
-      break;
-    case CacheFate::kKept:
-      work.leave(Unsettled::kCacheKept);
-      break;
-    case CacheFate::kUnreadable:
-      work.leave(Unsettled::kCacheUnreadable);
-      break;
-  }
+  if (!result.batchReceived) return work.restore();
+  const std::optional<Unsettled> why = whyHeldBack(result.cache);
+  if (why) return work.leave(*why);
+  work.settle();
 }
 
 }  // namespace

@@ -68,9 +68,8 @@ CWmError lqfile::writeAll(const auto_handle& handle, const void* data, std::uint
   const off_t start = ::lseek(handle.get(), 0, appends ? SEEK_END : SEEK_CUR);
   struct stat before {};
   const bool isAtEnd = start >= 0 && ::fstat(handle.get(), &before) == 0 && before.st_size == start;
-  while (bytesWritten < size) {
-    const ssize_t put =
-        ::write(handle.get(), static_cast<const char*>(data) + bytesWritten, size - bytesWritten);
+  for (std::string_view rest(static_cast<const char*>(data), size); !rest.empty();) {
+    const ssize_t put = ::write(handle.get(), rest.data(), rest.size());
     if (put < 0 && errno == EINTR) continue;
     if (put < 0) {
       CWmError error = errorOf("writing " + nameOf(handle));
@@ -78,7 +77,8 @@ CWmError lqfile::writeAll(const auto_handle& handle, const void* data, std::uint
       if (isAtEnd && ::ftruncate(handle.get(), start) == 0) bytesWritten = 0;
       return error;
     }
-    bytesWritten += static_cast<std::uint64_t>(put);
+    rest.remove_prefix(static_cast<std::size_t>(put));
+    bytesWritten = size - rest.size();
   }
   return {};
 }

@@ -68,7 +68,6 @@ CWmError FrameStream::send(FrameKind kind, std::string_view payload, const Deadl
   std::memcpy(header.data(), &lengthSent, kLengthBytes);
   header[kLengthBytes] = static_cast<char>(kind);
 
-  usable_ = false;
   CWmError error = connection_.write({header.data(), header.size()}, payload, deadline);
   usable_ = !error.IsError();
   return error;

@@ -57,6 +57,7 @@ TEST_F(LqregTest, SaysWhatIsWrongAndHowToGoOn) {
   for (const auto& [arguments, exitCode, words] : cases) {
     const auto result = lqreg(arguments);
     EXPECT_EQ(result.out, "");
+    EXPECT_FALSE(contains(result.err, " E [")) << "the log is not shown as well";
     expectErr(result, exitCode, words);
   }
   expectErr(lqreg({"get", "A", "name"}, ""), 2, {"--instance"});
