@@ -133,7 +133,7 @@ CommandResult synchroniseNow(Passes& passes) {
     result.out +=
         "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "
         "finished (Session bANTICHATTER)\n";
-  } else if (!pass.batchReceived) {
+  } else if (!pass.received) {
     result.err +=
         "lqhost: no batch was received; the registry is as it was. The client says:\n" + repeated(log);
   } else {

@@ -32,7 +32,7 @@ const char* outcomeText(RunOutcome outcome) {
 
 RunOutcome PassResult::outcome() const {
   if (taskResult != 0) return RunOutcome::kFailed;
-  if (!batchReceived) return RunOutcome::kSkipped;
+  if (!received) return RunOutcome::kSkipped;
   if (failedRecords != 0 || acknowledgedAs == OBGui::kTaskFailed) return RunOutcome::kPartly;
   switch (cache) {
     case CacheFate::kLost:

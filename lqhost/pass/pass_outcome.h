@@ -32,8 +32,7 @@ inline constexpr int kLastOutcome = static_cast<int>(RunOutcome::kPutOff);
 const char* outcomeText(RunOutcome outcome);
 
 struct PassResult {
-  bool batchReceived = false;
-  std::size_t records = 0;                     // of the batch
+  std::optional<std::size_t> received;         // how many records the batch had; nothing when none came
   std::optional<std::int64_t> acknowledgedAs;  // the taskStatus sent; nothing when none was
   bool isGoodbyeAnswered = false;              // after that: the server has dealt with it
   std::string refusal;                         // why the server would not record it; empty when it did

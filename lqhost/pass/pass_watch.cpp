@@ -27,8 +27,7 @@ void PassWatch::onEvent(const WireWatch::Event& event, const OBGui::RegistryTask
 }
 
 void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
-  result_.batchReceived = true;
-  result_.records = batch.keys->size();
+  result_.received = batch.keys->size();
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
   details_->before = currentValues(batch.keys);

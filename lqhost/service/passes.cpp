@@ -64,7 +64,7 @@ std::optional<Unsettled> whyHeldBack(CacheFate cache) {
 
 // Ends the note of a pass by what became of it.
 void endPass(UnsettledWork& work, const PassResult& result) {
-  if (!result.batchReceived) return work.restore();
+  if (!result.received) return work.restore();
   const std::optional<Unsettled> why = whyHeldBack(result.cache);
   if (why) return work.leave(*why);
   work.settle();
@@ -100,8 +100,8 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   PassResult result = pass.result();
   result.taskResult = taskResult;
   result.noteError = work.error();
-  if (result.batchReceived) {
-    result.cache = cache.fate(result.records);
+  if (result.received) {
+    result.cache = cache.fate(*result.received);
     if (report != nullptr) {
       BatchReport batch = reportOf(std::move(details));
       *report = std::move(batch.text);

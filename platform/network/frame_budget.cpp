@@ -30,11 +30,8 @@ Deadline::Clock::time_point FrameBudget::Claim::grantedAt() const {
 
 bool FrameBudget::Claim::await(const Deadline& deadline) const {
   std::unique_lock lock(budget_.mutex_);
-  while (!isGranted_ && !isInterrupted()) {
-    const auto left = deadline.limited() ? deadline.remaining() : kStopLook;
-    if (left <= left.zero()) return false;
-    budget_.changed_.wait_for(lock, std::min<Deadline::Clock::duration>(left, kStopLook));
-  }
+  while (!isGranted_ && !isInterrupted() && deadline.remaining() != Deadline::Clock::duration::zero())
+    budget_.changed_.wait_for(lock, std::min<Deadline::Clock::duration>(deadline.remaining(), kStopLook));
   return isGranted_;
 }
 

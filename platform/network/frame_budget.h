@@ -32,7 +32,7 @@ class FrameBudget {
     Claim& operator=(const Claim&) = delete;
     bool isGranted() const;
     Deadline::Clock::time_point grantedAt() const;
-    // Waits for the grant; false when the deadline passed or the process stops.
+    // Waits for the grant; false when the deadline, a limited one, passed or the process stops.
     bool await(const Deadline& deadline) const;
 
    private:

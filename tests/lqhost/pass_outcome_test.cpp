@@ -17,11 +17,12 @@ TEST(PassOutcome, IsTheWorstOfWhatWentWrong) {
       {[](PassResult& pass) { pass.refusal = "full"; }, RunOutcome::kUnacknowledged, false},
       {[](PassResult& pass) { pass.cache = host::CacheFate::kLost; }, RunOutcome::kCacheLost, false},
       {[](PassResult& pass) { pass.cache = host::CacheFate::kKept; }, RunOutcome::kCacheKept, false},
-      {[](PassResult& pass) { pass.batchReceived = false; }, RunOutcome::kSkipped, true},
+      {[](PassResult& pass) { pass.received.reset(); }, RunOutcome::kSkipped, true},
       {[](PassResult& pass) { pass.taskResult = -1; }, RunOutcome::kFailed, false}};
   for (const auto& [spoil, outcome, isWell] : cases) {
     PassResult pass;
-    pass.batchReceived = pass.isGoodbyeAnswered = true;
+    pass.received = 1;
+    pass.isGoodbyeAnswered = true;
     pass.acknowledgedAs = OBGui::kTaskSuccess;
     spoil(pass);
     EXPECT_EQ(pass.outcome(), outcome);

@@ -94,7 +94,10 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
   lqregistry::UseFile(registryFile_);
   for (const char* const part : {"", ".key"})
     std::filesystem::copy_file(registryFile_ + part, target_ + part);
-  import(batchOf({record("A", "kept", "1"), record("A", "twice", "as it is")}));
+  const std::string begun =
+      batchOf({record("", "A", "", "KEY"), record("A", "kept", "1"), record("A", "twice", "as it is")});
+  import(begun);
+  EXPECT_EQ(imported(), begun);
   OBGui::KeyList keys = {removal("A", "kept"),
                          record("A", "disabled", "1"),
                          removal("A", "removed key", "KEY"),

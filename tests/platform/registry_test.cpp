@@ -129,6 +129,8 @@ TEST_F(RegistryTest, CallersBuffersAreNeverOverrun) {
   EXPECT_STREQ(buffer, "");
   EXPECT_TRUE(info_.getClientHostName("box.example", buffer, 5));
   EXPECT_STREQ(buffer, "box.e");
+  EXPECT_FALSE(info_.getClientHostName(nullptr, buffer, 5) || info_.getClientHostName("box", nullptr, 5));
+  EXPECT_STREQ(buffer, "");
 }
 
 TEST_F(RegistryTest, CreatesTheFileForItsOwnerAloneAndOnlyWhenThereIsSomethingToWrite) {
