@@ -66,7 +66,6 @@ CWmError connectSocket(const Target& target, const Deadline& deadline, int& desc
 
   const std::vector<SocketAddress> places = candidates(found, target);
   std::string reasons;
-  bool isSilent = true;
   for (std::size_t i = 0; i < places.size(); ++i) {
     const int opened = ::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (opened < 0) throw std::system_error(errno, std::generic_category());
@@ -79,9 +78,8 @@ CWmError connectSocket(const Target& target, const Deadline& deadline, int& desc
       return {};
     }
     if (isInterrupted()) return stopping();
-    isSilent = isSilent && problem == ETIMEDOUT;
     reasons += (reasons.empty() ? "" : "; ") + places[i].text() + ": " +
                (problem == ETIMEDOUT ? "no answer" : std::generic_category().message(problem));
   }
-  return {isSilent ? kLqErrTimeout : kLqErrConnect, reasons};
+  return {kLqErrConnect, reasons};
 }

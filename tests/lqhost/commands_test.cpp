@@ -40,10 +40,8 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
   expectRefused({"--machine", "a/b"}, 3, "cannot hold a \"/\": a/b");
   writeFile(dir_ / "file", "");
   expectRefused({"--base", dir_ / "file"}, 3, dir_ / "file");
-  std::filesystem::create_directory(dir_ / "folder");
-  expectErr(
-      runProgram({programPath("lqhost"), "--registry", dir_ / "folder", "join", joinFile_, "--home", home_}),
-      3, {dir_ / "folder", "it is not a file"});
+  expectErr(runProgram({programPath("lqhost"), "--registry", data_, "join", joinFile_, "--home", home_}), 3,
+            {data_, "it is not a file"});
 
   expectOut(lqhost({"join", joinFile_, "--home", home_, "--machine", "machine1", "--host", "host1"}), 0,
             {"Instance001 joined overhub at " + address_ + " as client web-1, id 42"});
@@ -89,12 +87,14 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   // One line each for what is too long to be uploaded, as far as a person wants to read.
   for (int i = 0; i < 22; ++i)
     setValue("Long", "s" + std::to_string(i), std::string(i == 0 ? 10239 : 10240, 'x'));
+  setValue("~", "sROOT", "x");
   lqregistry::UseFile(clientRegistry_);
   ASSERT_TRUE(LQPlatformInfo("Instance001").setRegValue("Long", "bytes", 0, "a\0b", 3));
   const auto uploaded = lqhost({"upload"});
   expectOut(uploaded, 4, {"uploaded and kept"});
   expectErr(uploaded, 4,
-            {"22 were left out", "~Long bytes: uploaded only up to", "~Long s1: 10240 bytes", "and 2 more"});
+            {"23 were left out", "~ sROOT: values of the root itself are not uploaded",
+             "~Long bytes: uploaded only up to", "~Long s1: 10240 bytes", "and 3 more"});
   EXPECT_FALSE(contains(uploaded.err, "~Long s0:"));
 
   // The checks say why there is nothing to do.

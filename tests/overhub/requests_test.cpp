@@ -64,9 +64,8 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
     return atHost(command);
   };
   expectOut(push(OBGui::kTaskSuccess, {"push", "web-1"}), 0, {"applied\n"});
-  ASSERT_EQ(sent.keys->size(), 2U);
-  EXPECT_EQ(sent.keys.get()[0].value.get(), "10");
-  EXPECT_EQ(sent.keys.get()[1].encryptedValue->reveal(), "sesame");
+  EXPECT_TRUE(sent.keys->size() == 2U && sent.keys->at(0).value.get() == "10" &&
+              sent.keys->at(1).encryptedValue->reveal() == "sesame");
 
   const std::string file = dir_ / "other.xml";
   writeFile(file,
@@ -112,9 +111,8 @@ TEST_F(OverhubRequestTest, FindsTheClient) {
     leave(network);
     EXPECT_EQ(fileText("addresses/web-1"), "127.0.0.1\n");
   }
-  constexpr std::uint16_t kOtherPort = 8405;
-  const auto listening = host(verdictOf(OBGui::kTaskSuccess), kOtherPort);
-  const std::vector<std::string> push{"push", "web-1", "--port", std::to_string(kOtherPort)};
+  const auto listening = host(verdictOf(OBGui::kTaskSuccess), 8405);
+  const std::vector<std::string> push{"push", "web-1", "--port", "8405"};
   const std::string elsewhere = uniqueLoopbackAddress();
   writeFile(data_ + "/addresses/web-1", address_ + "\n");
   EXPECT_EQ(overhub(push).out, "applied\n");
@@ -155,6 +153,7 @@ TEST_F(OverhubRequestTest, ErrorsNameTheClientAndTheReason) {
                                 [](PeerSession& session) { session.handshake(); });
     expectErr(atHost({"push", "web-1"}), 1, {"lqhost join"});
   }
+  expectErr(overhub({"fetch", "web-1", "SOFTWARE/Velmor", "n"}), 2, {"below the root of its instance"});
   for (const char* const nobody : {"web-2", "@static"}) expectErr(overhub({"push", nobody}), 1, {nobody});
 }
 

@@ -19,6 +19,8 @@
 
 namespace {
 
+constexpr uid_t kNobody = 65534;
+
 // --- log ---------------------------------------------------------------------------------------------------
 
 class Log : public testing::Test {
@@ -67,9 +69,8 @@ TEST_F(Log, AValueCannotForgeALine) {
   ObEvent().Debug("tag\n", "value [%s]", hostile.c_str());
   const std::string text = readFile(dir_ / "host.log");
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-  EXPECT_NE(text.find("a\\x0aE [forged] b\\x0d\\x1b[2J\\x7fxxx"), std::string::npos) << text;
+  EXPECT_TRUE(contains(text, "[tag\\x0a] value [a\\x0aE [forged] b\\x0d\\x1b[2J\\x7fxxx")) << text;
   EXPECT_NE(text.find("x\\xc2\\x9b\\x9b\xc3\xa9\\xef\\xbf\\xbf\\]"), std::string::npos) << text;
-  EXPECT_NE(text.find("[tag\\x0a]"), std::string::npos) << text;
   EXPECT_EQ(capture.Lines().at(0).text, "value [" + hostile + "]") << "captured as formatted, and whole";
 }
 
@@ -128,6 +129,16 @@ class Gate {
 };
 
 TEST(ThreadPool, GrowsWithWhatWaitsShrinksAfterItAndRefusesNothingUntilItEnds) {
+  // Unless the system has no thread to give: then the caller hears of it, each time.
+  EXPECT_EQ(endOf(startChild([] {
+              const rlimit none{};
+              const bool isShort =
+                  setrlimit(RLIMIT_NPROC, &none) == 0 && (geteuid() != 0 || setuid(kNobody) == 0);
+              LqThreadPool pool;
+              const auto refuses = [&] { return pool.doWork(&Gate::pass, nullptr, "lane") == -1; };
+              return isShort && pool.initThreadPool("Pool", 0, 1, 1, 0) && refuses() && refuses() ? 0 : 1;
+            })),
+            0);
   Gate gate;
   Gate last;
   std::thread opener;
@@ -270,8 +281,7 @@ TEST_F(Files, AreTheOwnersAndReplacedOrWrittenInto) {
     ASSERT_FALSE(open(FXFile::kGenericWrite, FXFile::kCreateAlways, unused).IsError());
     EXPECT_EQ(readFile(path_), "A new one") << "until the new text is there";
   }
-  EXPECT_FALSE(FXFile::AppendContents(path_, "!").IsError());
-  EXPECT_EQ(readFile(path_), "A new one!");
+  EXPECT_TRUE(!FXFile::AppendContents(path_, "!").IsError() && readFile(path_) == "A new one!");
   std::string text;
   EXPECT_TRUE(!FXFile::ReadContents(path_, text, 10).IsError() && text == "A new one!");
   EXPECT_TRUE(FXFile::ReadContents(path_, text, 9).IsError()) << "more than that";
@@ -342,7 +352,6 @@ TEST_F(Files, AFullDiskLeavesAnEmptyNewFileTheOldContentsOrTheOldEnd) {
   const FullDisk disk(1000);
   ASSERT_FALSE(FXFile::ReplaceContents(path_, "old\n").IsError());
   EXPECT_TRUE(contains(FXFile::ReplaceContents(path_, tooMuch).AsString(), "File too large"));
-  EXPECT_EQ(readFile(path_), "old\n");
   EXPECT_TRUE(FXFile::AppendContents(path_, tooMuch).IsError());
   EXPECT_EQ(readFile(path_), "old\n");
   EXPECT_TRUE(write(tooMuch).IsError());
@@ -442,7 +451,6 @@ TEST_F(Files, AreTrustedWhenNobodyElseCouldWriteThemOrPutOthersInTheirPlace) {
 }
 
 TEST_F(Files, OfSomebodyElseAreNotTrusted) {
-  constexpr uid_t kNobody = 65534;
   writeFile(path_, "");
   if (geteuid() != 0) {
     EXPECT_FALSE(FXFile::CheckTrusted("/etc/passwd").IsError()) << "root's are";

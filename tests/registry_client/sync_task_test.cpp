@@ -123,11 +123,11 @@ TEST_F(EntryPoints, TheEnvironmentChoosesTheInstanceThatPassesAndListsWorkOnAndN
 // --- names -------------------------------------------------------------------------------------------------
 
 TEST_F(EntryPoints, TheInstanceNameComesFromTheEnvironmentFirst) {
-  std::array<char, kInstanceNameBuffer> name{};
+  std::array<char, kInstanceNameBuffer + 1> name{};  // and a byte that is not the buffer's
   const auto found = [&] {
     name.fill('?');
     const unsigned result = RegKeyGetVMName(name.data());
-    EXPECT_EQ(result == kInstanceNameFound, name[0] != '?');
+    EXPECT_TRUE((result == kInstanceNameFound) == (name[0] != '?') && name.back() == '?');
     return result;
   };
   EXPECT_EQ(found(), 4U);
