@@ -69,12 +69,8 @@ class ApplyPass {
   }
 
   void remove(const OBGui::RegistryKeyInfo& key, bool hasCallback) {
-    bool changed = false;
-    if (hasCallback && key.deleteFlag != 0) {
-      changed = true;
-    } else if (hasCallback && key.enabledFlag == 0) {
-      changed = client_.isRegistryKeyExists(&key);
-    }
+    // One that is only switched off changes nothing where there is nothing.
+    const bool changed = hasCallback && (key.deleteFlag != 0 || client_.isRegistryKeyExists(&key));
     if (client_.deleteRegistryKey(&key) == kResultFailed) failed_ = true;
     if (!failed_ && changed) changed_.push_back(&key);
   }

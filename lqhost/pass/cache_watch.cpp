@@ -13,14 +13,14 @@ namespace host {
 
 bool CacheWatch::Identity::operator==(const Identity& other) const {
   // The size tells nothing that the time of the last change does not.
-  return device == other.device && number == other.number && changed.tv_sec == other.changed.tv_sec &&
+  return number == other.number && changed.tv_sec == other.changed.tv_sec &&
          changed.tv_nsec == other.changed.tv_nsec;
 }
 
 CacheWatch::Identity CacheWatch::look() {
   struct stat file {};
   if (::stat(pathInBase(kSettingsCacheFile).c_str(), &file) != 0) return {};
-  return {file.st_dev, file.st_ino, file.st_ctim, file.st_size};
+  return {file.st_ino, file.st_ctim, file.st_size};
 }
 
 CacheWatch::CacheWatch() : before_(look()) {}

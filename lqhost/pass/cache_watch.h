@@ -33,7 +33,6 @@ class CacheWatch {
 
  private:
   struct Identity {
-    dev_t device = 0;
     ino_t number = 0;
     timespec changed{};
     off_t size = 0;

@@ -137,6 +137,7 @@ TEST_F(ResidentHost, AServerThatGoesAndComesBackIsFoundAgain) {
   expectOut(lqhost({"status"}), 6, {R"(~Limits nMAX is "99", should be "10")", "1 of 1 values differ"});
   expectOut(lqhost({"refresh"}), 0,
             {"1 changed", "the cache holds 1 records now, 1 before; the next refresh is due in 3600 s"});
+  EXPECT_TRUE(contains(host->output(), "is set to [60].")) << "the log's level is 2, as asked for";
   expectOut(
       lqhost({"status"}), 1,  // the last pass failed
       {"0 of 1 values differ", "sync          enabled", "instance      Instance001 in " + clientRegistry_,

@@ -78,11 +78,11 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
   for (const char* const client : {"web-1", "web-2"}) expectOk({"add-client", client});
   const auto server = serve();
   become("web-1");
-  std::filesystem::create_directory(data_ + "/addresses/web-1");  // where it comes from cannot be noted
-  std::filesystem::create_directory(data_ + "/acks/web-1.log");
   CLqNetwork network;
+  for (const char* const noFile : {"/acks/web-1.log", "/addresses/web-1"})
+    ASSERT_TRUE(std::filesystem::create_directories(data_ + noFile));
   ASSERT_FALSE(attach(network).IsError());
-  EXPECT_TRUE(server->waitForOutput("client web-1: " + data_ + "/addresses/web-1: ")) << server->output();
+  EXPECT_TRUE(server->waitForOutput("client web-1: " + data_ + "/addresses/web-1: not a regular file"));
   const std::pair<std::unique_ptr<CNMessageBase>, const char*> cases[] = {
       // web-2's id, not web-1's: the batch of another client, with its secrets
       {std::make_unique<OBGui::RegistryTaskReq>(requestOf(4)), "unknown client id 4"},

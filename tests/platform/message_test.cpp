@@ -111,6 +111,11 @@ TEST_F(MessageTest, TellsSetFromUnset) {
   Tree longer = set;
   longer.children.edit().emplace_back();
   EXPECT_FALSE(set.equals(longer) || longer.equals(set));
+  std::string forPeople;
+  EXPECT_EQ(longer.serializeForPeople(forPeople), 0);
+  EXPECT_EQ(forPeople,
+            "<Test.Tree text=\"\" number=\"0\" secret=\"\">\n  <point />\n  <children>\n    <Test.Tree />\n"
+            "  </children>\n</Test.Tree>\n");
   for (const Tree* tree : {&unset, static_cast<const Tree*>(&set)}) {
     std::string text;
     ASSERT_EQ(tree->serialize(text, false), 0);

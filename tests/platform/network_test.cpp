@@ -1,10 +1,6 @@
 // The session from both ends over loopback, and each end against a peer that breaks the rules.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <ctime>
 #include <future>
 #include <list>
 
@@ -13,8 +9,8 @@
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/ObLog.h"
 #include "platform/network/frame_stream.h"
+#include "tests/support/expectations.h"
 #include "tests/support/scripted_peer.h"
-#include "tests/support/test_support.h"
 
 namespace {
 
@@ -88,15 +84,6 @@ class EchoServer {
 
   void awaitOutcomes(std::size_t count) {
     while (outcomes().size() < count) std::this_thread::yield();
-  }
-
-  // As long as nothing comes, the room sleeps, whoever is in it.
-  static void expectSleeping() {
-    constexpr std::chrono::milliseconds kWatched{200};
-    const std::clock_t before = std::clock();
-    std::this_thread::sleep_for(kWatched);
-    const double spent = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
-    EXPECT_LT(spent, std::chrono::duration<double>(kWatched).count() / 4);
   }
 
   // Waits until so many wait before and after their attach.
@@ -216,7 +203,7 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
   large.serialize(expectedRaw, true);
   EXPECT_TRUE(raw == expectedRaw);
 
-  EchoServer::expectSleeping();
+  expectSleeping();
   expectError(exchange(network, noteOf("decline")), kLqErrRequestRefused, "not today");
   EXPECT_EQ(message, nullptr);
   EXPECT_TRUE(network.IsConnected());
@@ -448,6 +435,7 @@ TEST_F(NetworkTest, VanishedPeersAreNoticedByWhoeverEndsTheSession) {
   ASSERT_FALSE(network.SendXMLMessage(noteOf("vanish"), 0, kPatience, gone).IsError());
   while (network.IsConnected()) std::this_thread::yield();
   expectError(exchange(network, noteOf("vanish")), kLqErrConnectionLost, "cannot send to");
+  expectError(exchange(network, noteOf("vanish")), kLqErrNotConnected, "not attached");
 }
 
 TEST_F(NetworkTest, ReplyDisconnectWaitsForTheGoodbyeAndAnswersIt) {
@@ -480,7 +468,7 @@ TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
     setrlimit(RLIMIT_NOFILE, &few);
     ASSERT_TRUE(callers[present].connectTo(address, kFirstPort));
     while (log.Lines().size() == present) std::this_thread::yield();
-    EchoServer::expectSleeping();
+    expectSleeping();
     EXPECT_EQ(server.listener.census().callers, present);
     setrlimit(RLIMIT_NOFILE, &whole);
     server.awaitCensus(present + 1, 0);
@@ -543,7 +531,7 @@ TEST_F(RoomTest, WhoeverIsSilentCostsNobodyAnything) {
   for (const auto& stranger : strangers) stranger.send("\x03");  // and one more byte each
   expectGoodExchange();
   server.awaitCensus(300, 20);
-  EchoServer::expectSleeping();
+  expectSleeping();
   for (const auto& stranger : strangers) EXPECT_TRUE(stranger.isOpen());
   for (auto sleeper = std::next(sleepers.begin()); sleeper != sleepers.end(); ++sleeper) {
     (*sleeper)->writeFrame(PeerSession::kMessage, "<Test.Note/>");
@@ -672,7 +660,7 @@ TEST_F(RoomTest, LargeMessagesWaitForMemoryAndHearWhenThereIsNone) {
   };
   askUntil(PeerSession::kRefuseRequest);
   EXPECT_NE(heard.payload.find("no memory for so large a message"), std::string::npos) << heard.payload;
-  EchoServer::expectSleeping();
+  expectSleeping();
   third->writeFrame(PeerSession::kMessage, "<Test.Note text=\"small\"/>");
   EXPECT_EQ(third->readFrame().payload, "<Test.Note text=\"small\"/>");
   first.reset();

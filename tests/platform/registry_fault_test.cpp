@@ -112,7 +112,7 @@ TEST_F(RegistryTest, WaitsForAProcessThatKeepsTheFileLockedButOnlyOncePerBatch) 
   // Long enough for whoever lets go in the end.
   ASSERT_TRUE(holder.ask("begin") && holder.ask("write of the holder"));
   std::thread writer([] { EXPECT_TRUE(LQPlatformInfo("I1").setString("B", "name", "waited", 0)); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  expectSleeping();
   ASSERT_TRUE(holder.ask("commit"));
   writer.join();
   EXPECT_EQ(valueOf("A", "name"), "of the holder");

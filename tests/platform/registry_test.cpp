@@ -8,8 +8,6 @@
 
 namespace {
 
-const std::string kNul(1, '\0');
-
 TEST_F(RegistryTest, TakesTheLongestNamesAndRefusesOthers) {
   const std::string longestName(lqregistry::kMaxNameBytes, 'n');
   const std::string longestKey = "SOFTWARE/" + std::string(lqregistry::kMaxPathBytes - 9, 'k');
@@ -55,7 +53,7 @@ TEST_F(RegistryTest, KeepsEveryByteOfNamesAndData) {
   int size = static_cast<int>(buffer.size());
   unsigned type = 0;
   ASSERT_TRUE(info_.getRegValue(key, name, type, buffer.data(), size)) << info_.getRegErrorText();
-  EXPECT_EQ(buffer, data + kNul);
+  EXPECT_EQ(buffer, data + '\0');
   EXPECT_EQ(size, static_cast<int>(buffer.size()));
   EXPECT_EQ(type, 0xFFFFFFFF);
 

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <thread>
+
 #include "tests/support/test_support.h"
 
 namespace test_support {
@@ -28,6 +31,14 @@ inline void expectErr(const ProgramResult& result, int exitCode, const std::vect
 inline std::string outOf(const ProgramResult& result, int line = __builtin_LINE()) {
   expectOut(result, 0, {}, line);
   return result.out;
+}
+
+// As long as nothing comes, this process sleeps, whoever waits in it.
+inline void expectSleeping() {
+  constexpr double kSeconds = 0.2;
+  const std::clock_t before = std::clock();
+  std::this_thread::sleep_for(std::chrono::duration<double>(kSeconds));
+  EXPECT_LT(static_cast<double>(std::clock() - before), kSeconds / 4 * CLOCKS_PER_SEC);
 }
 
 // Every byte from this one on, in order.
