@@ -47,14 +47,13 @@ std::string beginningOf(const std::string& process) {
   return in ? field : std::string();
 }
 
-// Begins with the process and its beginning, see isUnderWay.
+// Begins with the process and its beginning, see isUnderWay. The count tells what one process does apart, the
+// time what processes do that began alike, before and after a restart of the machine.
 std::string newToken() {
-  static std::atomic<unsigned> count{0};
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
+  static std::atomic<unsigned> count;
   const std::string process = std::to_string(::getpid());
-  return process + "." + beginningOf(process) + "." + std::to_string(now.tv_sec) + "." +
-         std::to_string(now.tv_nsec) + "." + std::to_string(++count);
+  return process + "." + beginningOf(process) + "." + std::to_string(std::time(nullptr)) + "." +
+         std::to_string(++count);
 }
 
 std::string fileText(const UnsettledNote& note) {

@@ -3,9 +3,7 @@
 // The whole batch is checked before anything is written, and then written as one transaction. Its paths are
 // below the root of the instance, also one that begins with "SOFTWARE": a file that came from elsewhere
 // cannot reach other parts of the registry.
-#include <unistd.h>
-
-#include <cstdio>
+#include <algorithm>
 #include <memory>
 
 #include "common/machine_identity.h"
@@ -21,8 +19,6 @@ using lqsettings::kInstanceRoot;
 
 namespace {
 
-constexpr std::size_t kProgressStep = 5000;
-constexpr const char* kClearLine = "\r\x1b[K";
 // Asked for to learn of a key whether it is there; whether it has such a value does not matter.
 constexpr const char* kProbe = "probe";
 
@@ -58,14 +54,8 @@ class Import {
 
   // Writes the records; false at the first that fails, for which the registry object has the error.
   [[nodiscard]] bool write() {
-    std::size_t done = 0;
-    while (done < records_.size() && write(records_[done])) {
-      ++done;
-      if (isOnTerminal_ && done % kProgressStep == 0)
-        std::fprintf(stderr, "%s%zu of %zu records", kClearLine, done, records_.size());
-    }
-    if (isOnTerminal_) std::fputs(kClearLine, stderr);
-    return done == records_.size();
+    return std::all_of(records_.begin(), records_.end(),
+                       [this](const auto& record) { return write(record); });
   }
 
   std::string summary() const {
@@ -135,7 +125,6 @@ class Import {
   std::size_t values_ = 0;
   std::size_t unchanged_ = 0;
   std::size_t skipped_ = 0;
-  const bool isOnTerminal_ = isatty(STDERR_FILENO) != 0;
 };
 
 CWmError readBatch(const std::string& file, OBGui::RegistryTaskResp& batch) {

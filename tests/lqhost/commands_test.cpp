@@ -1,6 +1,7 @@
 // The host's commands that run once: joining and what keeps from it, and one pass with its report, judged by
 // the exit codes that scripts go by.
 
+#include "lqhost/pass/left_out.h"
 #include "tests/lqhost/host_fixture.h"
 
 namespace {
@@ -54,6 +55,7 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
 TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
   for (const char* command : {"sync", "refresh", "upload", "status", "run", "monitor", "alerts"})
     expectErr(lqhost({command}), 3, {"lqhost join FILE"});
+  EXPECT_EQ(host::leftOutOf({}).lines, "  ~: its values cannot be read\n  ~: its keys cannot be read\n");
   writeFile(clientRegistry_, std::string(5000, '#'));
   expectErr(lqhost({"sync"}), 3, {"not a database (file \"" + clientRegistry_ + "\", key \"Overhub\""});
   EXPECT_EQ(readFile(clientRegistry_), std::string(5000, '#'));

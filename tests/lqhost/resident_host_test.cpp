@@ -179,6 +179,7 @@ TEST_F(ResidentHost, WhatItDoesNotServeIsDeclinedWithTheReason) {
   ASSERT_FALSE(attachToHost(silent, keyOf("web-1")).IsError());
   EXPECT_EQ(ask({"call", "web-1", "7", "world"}).out, "hello, world\n");
   EXPECT_EQ(host->stop(), 0) << "with sessions open";
+  EXPECT_FALSE(contains(host->output(), "no session with")) << "strangers do not fill the log";
 }
 
 TEST_F(ResidentHost, StopsWhileAPassWaitsForASilentServer) {

@@ -24,6 +24,7 @@ TEST_F(LqregTest, WritesReadsShowsAndRemoves) {
       {"set", "~", "raw", "1\n2\t\x1b[31m\\\xc2\x9b\xc3\xa9"},
       {"set", "A", "minus", "--", "-5"}};
   for (const auto& write : writes) EXPECT_EQ(lqreg(write).exitCode, 0) << write[2];
+  EXPECT_FALSE(std::filesystem::exists(file_ + "-wal")) << "it is one file for whoever copies it";
 
   EXPECT_EQ(outOf(lqreg({"get", "A", "minus"})), "-5\n");
   EXPECT_EQ(outOf(lqreg({"get", "A/list", "get"})), "[a,b]\n");
