@@ -120,10 +120,9 @@ CWmError DataStore::clientNames(std::vector<std::string>& names) const {
   const std::string folder = directory_ + "/clients";
   auto entry = std::filesystem::directory_iterator(folder, fault);
   for (const std::filesystem::directory_iterator end; !fault && entry != end; entry.increment(fault)) {
-    const std::string file = entry->path().filename().string();
-    if (!file.ends_with(kBatchSuffix)) continue;
-    const std::string name = file.substr(0, file.size() - kBatchSuffix.size());
-    if (isClientName(name)) names.push_back(name);
+    const std::filesystem::path& file = entry->path();
+    const std::string name = file.stem().string();
+    if (file.extension() == kBatchSuffix && isClientName(name)) names.push_back(name);
   }
   if (fault) return {kLqErrFile, folder + ": " + fault.message()};
   std::sort(names.begin(), names.end());

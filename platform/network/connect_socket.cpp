@@ -40,6 +40,7 @@ std::vector<SocketAddress> candidates(const std::vector<SocketAddress>& found, c
 
 // Connects within the deadline: the fault's number, ETIMEDOUT when it passed without an answer.
 int connectWithin(int descriptor, const SocketAddress& place, const Deadline& deadline) {
+  prepareSocket(descriptor);
   if (::connect(descriptor, place.get(), place.size) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;
   if (awaitSocket(descriptor, POLLOUT, deadline).IsError()) return ETIMEDOUT;
@@ -67,13 +68,12 @@ CWmError connectSocket(const Target& target, const Deadline& deadline, int& desc
   const std::vector<SocketAddress> places = candidates(found, target);
   std::string reasons;
   for (std::size_t i = 0; i < places.size(); ++i) {
-    const int opened = ::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (opened < 0) throw std::system_error(errno, std::generic_category());
-    auto_handle closing(opened);
-    prepareSocket(opened);
-    const int problem = connectWithin(opened, places[i], deadline.share(places.size() - i));
+    auto_handle opened(::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // That this machine lacks the family of one address does not speak against the next one.
+    const int problem =
+        opened.isValid() ? connectWithin(opened.get(), places[i], deadline.share(places.size() - i)) : errno;
     if (problem == 0) {
-      descriptor = closing.release();
+      descriptor = opened.release();
       address = places[i].text();
       return {};
     }

@@ -130,7 +130,7 @@ TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
   const std::vector<std::string> wayBack[] = {{"EventManager", "bEnableRegistrySync", "0"},
                                               {"~//Overhub/", "sOHHOSTNAME", "elsewhere"},
                                               {"SOFTWARE/Velmor/I2/Overhub", "sSESSIONKEY", "--delete"},
-                                              {"Hosts/web-1", "sCLIENTNAME", "--disabled", "x"},
+                                              {"~Hosts/web-1", "sCLIENTNAME", "--disabled", "x"},
                                               {"SOFTWARE/Velmor/Clients/web-1", "nCLIENTID", "4"},
                                               {"~", "EventManager", "--type", "KEY", "--delete"},
                                               {"Hosts", "web-1", "--type", "KEY", "--delete"},
@@ -202,6 +202,7 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
 TEST_F(OverhubCommandsTest, ParallelSetsLoseNothing) {
   expectOk({"add-client", "web-1"});
   const auto result = shell(
+      "touch \"$OVERHUB_DATA\"/clients/web-1.xml.bak; "  // is no client
       "for i in 1 2 3 4 5 6 7 8 9 10; do "
       "\"$OVERHUB\" set web-1 p n$i $i & \"$OVERHUB\" add-client c$i > /dev/null & done; wait");
   EXPECT_EQ(result.err, "");

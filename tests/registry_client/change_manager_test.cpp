@@ -35,7 +35,9 @@ void demanding(OBGui::RegistryKeyInfo key) {
 }
 
 OBGui::RegistryKeyInfo received;
+char threadName[16];
 void receiving(OBGui::RegistryKeyInfo key) {
+  pthread_getname_np(pthread_self(), threadName, sizeof threadName);
   received = std::move(key);
 }
 
@@ -120,6 +122,7 @@ TEST_F(ChangeManager, ACallbackGetsTheWholeRecord) {
   EXPECT_EQ(manager_.HandleCallbackForRegistry(key), 0);
   LqRegistryChangeMgr::callBackThreadPool.waitIdle();
   EXPECT_TRUE(received.equals(key));
+  EXPECT_STREQ(threadName, "RegistryManager") << "as much of the pool's name as there is room for";
 }
 
 TEST_F(ChangeManager, AHundredThousandChangesAreToldOnceEachAndInTheOrderOfTheirPair) {
