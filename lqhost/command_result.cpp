@@ -6,8 +6,12 @@
 
 namespace host {
 
+std::string complaintLine(const std::string& what) {
+  return "lqhost: " + programs::escapedForTerminal(what) + "\n";
+}
+
 CommandResult complaint(int exitCode, const std::string& what) {
-  return {exitCode, "", "lqhost: " + programs::escapedForTerminal(what) + "\n"};
+  return {exitCode, "", complaintLine(what)};
 }
 
 int print(const CommandResult& result) {

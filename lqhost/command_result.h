@@ -12,7 +12,10 @@ struct CommandResult {
   std::string err;   // for standard error, likewise
 };
 
-// A failure in one line. `what` may hold anything; it is escaped here.
+// One line for standard error. `what` may hold anything; it is escaped here.
+[[nodiscard]] std::string complaintLine(const std::string& what);
+
+// A failure of which that line is all there is to say.
 [[nodiscard]] CommandResult complaint(int exitCode, const std::string& what);
 
 // Prints both texts; the exit code.

@@ -22,7 +22,7 @@ int refresh() {
 
 CommandResult synchroniseInstead(Passes& passes, const UnsettledNote& reason) {
   CommandResult result = synchroniseNow(passes);
-  result.err = complaint(0, unsettledText(reason) + "; synchronising instead of refreshing").err + result.err;
+  result.err = complaintLine(unsettledText(reason) + "; synchronising instead of refreshing") + result.err;
   return result;
 }
 
@@ -76,7 +76,7 @@ CommandResult refreshNow(Passes& passes) {
   result.exitCode = exitCodeOf(refreshed.outcome());
   result.out = report.text + "the cache holds " + std::to_string(kept.keys.size()) + " records now, " +
                std::to_string(cached.keys.size()) + " before" + next;
-  if (error.IsError()) result.err = complaint(0, error.AsString()).err;
+  if (error.IsError()) result.err = complaintLine(error.AsString());
   return result;
 }
 

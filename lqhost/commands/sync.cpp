@@ -127,7 +127,7 @@ CommandResult synchroniseNow(Passes& passes) {
   result.exitCode = exitCodeOf(outcome);
   if (pass.noteError.IsError()) {
     const std::string what = "what is under way could not be noted on disk: ";
-    result.err += complaint(0, what + pass.noteError.AsString()).err;
+    result.err += complaintLine(what + pass.noteError.AsString());
   }
   if (outcome == RunOutcome::kSkipped) {
     result.out +=

@@ -6,7 +6,7 @@
 // arguments of accepted items belong to the routines that free them.
 #include "lqregistry/LqThreadPool.h"
 
-#include <pthread.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -21,14 +21,7 @@
 
 #include "lqregistry/ObDebug.h"
 
-namespace {
-
-// The kernel keeps this many characters of a thread's name.
-constexpr std::size_t kThreadNameLength = 15;
-
 using std::chrono::milliseconds;
-
-}  // namespace
 
 struct LqThreadPool::Impl {
   struct Item {
@@ -92,7 +85,7 @@ struct LqThreadPool::Impl {
   }
 
   void run(std::list<std::thread>::iterator self) {
-    pthread_setname_np(pthread_self(), name.substr(0, kThreadNameLength).c_str());
+    ::prctl(PR_SET_NAME, name.c_str());  // of which the kernel keeps the beginning
     std::unique_lock lock(mutex);
     while (!abandoned) {
       if (!ready.empty()) {

@@ -47,12 +47,12 @@ CWmError LqListener::open(const std::string& address, std::uint16_t port) {
     auto_handle listening(listenOn(parsed));
     if (!listening.isValid())
       return {kLqErrConnect, "cannot listen on " + place + ": " + std::generic_category().message(errno)};
-    room_ = std::make_shared<WaitingRoom>(std::move(listening), std::make_shared<TlsPsk>(lookup_), limits_,
-                                          place);
-    room_->start();
+    auto room = std::make_shared<WaitingRoom>(std::move(listening), std::make_shared<TlsPsk>(lookup_),
+                                              limits_, place);
+    room->start();
+    room_ = std::move(room);
     return {};
   } catch (const std::exception& fault) {
-    room_.reset();
     return {kLqErrConnect, "cannot listen on " + address + ": " + fault.what()};
   }
 }

@@ -15,18 +15,9 @@ namespace {
 constexpr char kCipherSuite[] = "TLS_AES_128_GCM_SHA256";
 constexpr unsigned char kCipherSuiteId[] = {0x13, 0x01};
 
-// Where a context keeps its TlsPsk, and a connection the text that gets the caller's identity.
-int configurationSlot() {
-  static const int slot = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-  return slot;
-}
-int identitySlot() {
-  static const int slot = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-  return slot;
-}
-
+// A context's own data is its TlsPsk, a connection's the text that gets the caller's identity.
 const TlsPsk& configurationOf(SSL* connection) {
-  return *static_cast<const TlsPsk*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), configurationSlot()));
+  return *static_cast<const TlsPsk*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)));
 }
 
 // An external key in the form that TLS 1.3 takes it: a session that never happened. Null on failure.
@@ -55,7 +46,7 @@ int offerKey(SSL* connection, const EVP_MD* /*hash: there is one suite*/, const 
 int findKey(SSL* connection, const unsigned char* identity, std::size_t identityBytes,
             SSL_SESSION** session) {
   try {
-    auto& caller = *static_cast<std::string*>(SSL_get_ex_data(connection, identitySlot()));
+    auto& caller = *static_cast<std::string*>(SSL_get_app_data(connection));
     caller.assign(reinterpret_cast<const char*>(identity), std::min(identityBytes, kMaxIdentityBytes + 1));
     std::string key = configurationOf(connection).keyOf(caller);
     *session = sessionFromKey(connection, key);
@@ -98,7 +89,7 @@ TlsPsk::~TlsPsk() {
 
 void TlsPsk::configure() {
   if (context_ == nullptr) throw std::runtime_error("TLS is not available on this machine");
-  SSL_CTX_set_ex_data(context_, configurationSlot(), this);
+  SSL_CTX_set_app_data(context_, this);
   SSL_CTX_set_min_proto_version(context_, TLS1_3_VERSION);
   SSL_CTX_set_max_proto_version(context_, TLS1_3_VERSION);
   SSL_CTX_set_ciphersuites(context_, kCipherSuite);
@@ -113,7 +104,7 @@ void TlsPsk::configure() {
 ssl_st* TlsPsk::newConnection(std::string& identity) const {
   SSL* connection = SSL_new(context_);
   if (connection == nullptr) throw std::bad_alloc();
-  SSL_set_ex_data(connection, identitySlot(), &identity);
+  SSL_set_app_data(connection, &identity);
   return connection;
 }
 

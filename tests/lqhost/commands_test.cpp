@@ -105,6 +105,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
 
   setValue("EventManager", "bEnableRegistrySync", "0");
   expectOut(lqhost({"sync"}), 5, {"skipped"});
+  expectOut(lqhost({"status"}), 6, {"sync          switched off", ": skipped: switched off"});
 }
 
 }  // namespace

@@ -156,7 +156,9 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
     UnsettledWork pass(Unsettled::kPass);
     EXPECT_EQ(standing(), Unsettled::kPass);
     writeFile(cacheFile(), batchText({}));
-    expectStatus(0, "a synchronisation is under way");
+    expectStatus(0,
+                 "last refresh  never\n  next        no resident host is running\n"
+                 "unsettled     a synchronisation is under way");
     UnsettledWork push(Unsettled::kPush);
     pass.settle();
     EXPECT_EQ(standing(), Unsettled::kPush) << "the pass began before the push";
@@ -213,6 +215,8 @@ TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   EXPECT_TRUE(host::mayAsk(0, 7) && host::mayAsk(7, 7) && !host::mayAsk(7, 0) && !host::mayAsk(8, 7));
   EXPECT_EQ(host::waitingCallbacksText(9999), "9999 wait in the resident host");
   EXPECT_TRUE(contains(host::waitingCallbacksText(10000), "WARNING"));
+  host::ProductLibrary product;  // a product of another version lacks what this host looks for
+  EXPECT_TRUE(product.find("No_OnTimer") == nullptr && contains(product.error().AsString(), "No_OnTimer"));
 }
 
 }  // namespace

@@ -173,9 +173,10 @@ TEST(ThreadPool, GrowsWithWhatWaitsShrinksAfterItAndRefusesNothingUntilItEnds) {
 TEST(ThreadPool, RunsTheItemsOfALaneInTurnAndOtherLanesBesideThem) {
   Gate gate;
   LqThreadPool pool;
-  ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 3, 1));
+  ASSERT_TRUE(pool.initThreadPool("Pool of the lanes", 300, 1, 3, 1));
   for (int i = 0; i < 4; ++i) EXPECT_EQ(pool.doWork(&Gate::pass, &gate, "held"), 0);
   while (gate.entered < 1) std::this_thread::yield();
+  EXPECT_TRUE(contains(runProgram({"sh", "-c", "cat /proc/$PPID/task/*/comm"}).out, "Pool of the lan\n"));
   // What is in another lane, or in none, does not wait for the gate.
   static std::string order;
   const auto note = [](void* letter) -> void* {
