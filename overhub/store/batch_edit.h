@@ -13,11 +13,11 @@ struct RecordChange {
   std::string path;
   std::string name;
   std::string type = STRINGTYPE;
-  std::optional<std::string> value;
-  std::optional<pstring> secret;  // makes the record a protected one
-  bool isRemoval = false;         // the client is to remove the value
+  std::optional<std::string> value = std::nullopt;
+  std::optional<pstring> secret = std::nullopt;  // makes the record a protected one
+  bool isRemoval = false;                        // the client is to remove the value
   bool isDisabled = false;
-  std::optional<std::int64_t> until;  // expiry, seconds since the epoch
+  std::optional<std::int64_t> until = std::nullopt;  // expiry, seconds since the epoch
 };
 
 // The record that the change makes.

@@ -156,9 +156,7 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
     UnsettledWork pass(Unsettled::kPass);
     EXPECT_EQ(standing(), Unsettled::kPass);
     writeFile(cacheFile(), batchText({}));
-    expectStatus(0,
-                 "last refresh  never\n  next        no resident host is running\n"
-                 "unsettled     a synchronisation is under way");
+    expectStatus(0, "last refresh  never\n  next        no resident host is running\nunsettled     a sync");
     UnsettledWork push(Unsettled::kPush);
     pass.settle();
     EXPECT_EQ(standing(), Unsettled::kPush) << "the pass began before the push";

@@ -98,14 +98,11 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
       batchOf({record("", "A", "", "KEY"), record("A", "kept", "1"), record("A", "twice", "as it is")});
   import(begun);
   EXPECT_EQ(imported(), begun);
-  OBGui::KeyList keys = {removal("A", "kept"),
-                         record("A", "disabled", "1"),
-                         removal("A", "removed key", "KEY"),
-                         record("Overhub", "sSESSIONKEY", "another machine's"),
-                         record("~/Machine", "sHOSTNAME", "another machine"),
-                         secretRecord("~A", "secret", "secret"),
-                         record("A", "twice", "changed"),
-                         record("A", "twice", "as it is")};
+  auto keys = OBGui::KeyList(
+      {removal("A", "kept"), record("A", "disabled", "1"), removal("A", "removed key", "KEY"),
+       record("Overhub", "sSESSIONKEY", "another machine's"),
+       record("~/Machine", "sHOSTNAME", "another machine"), secretRecord("~A", "secret", "secret"),
+       record("A", "twice", "changed"), record("A", "twice", "as it is")});
   keys[1].enabledFlag = 0;
   const std::string batch = batchOf(keys);
   EXPECT_EQ(import(batch), "0 keys and 3 values written, 0 unchanged, 5" + kSkipped);

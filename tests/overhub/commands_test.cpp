@@ -110,36 +110,36 @@ TEST_F(OverhubCommandsTest, WhatIsSetIsShownUntilItIsTakenOut) {
   expectOk({"set", "web-1", "~/Other", "nMAX", "-1"});
   expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
   expectOk({"set", "web-1", "~/Gone", "x", "--delete"});
-  const std::string head = "PATH      NAME        TYPE    VALUE       FLAGS\n";
-  const std::string limit = "~/Limits  nMAX        STRING  21          disabled\n";
-  const std::string rest =
-      "~/Limits  nMAX_UNTIL  STRING  2000000000\n"
-      "~/Other   nMAX        STRING  -1\n"
-      "~         Local       KEY\n"
-      "~/Gone    x           STRING              delete\n";
-  EXPECT_EQ(outOf(overhub({"show", "web-1"})), head + limit + rest);
-  expectOk({"unset", "web-1", "~/Limits", "nMAX"});
-  EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", "nMAX"}).exitCode, 1);
-  EXPECT_EQ(outOf(overhub({"show", "web-1"})), head + rest);
+  EXPECT_EQ(outOf(overhub({"show", "web-1"})), R"(PATH      NAME        TYPE    VALUE       FLAGS
+~/Limits  nMAX        STRING  21          disabled
+~/Limits  nMAX_UNTIL  STRING  2000000000
+~/Other   nMAX        STRING  -1
+~         Local       KEY
+~/Gone    x           STRING              delete
+)");
+  for (const int exitCode : {0, 1})
+    EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", "nMAX"}).exitCode, exitCode);
 }
 
 // A value that takes away a machine's way to the server is applied, acknowledged or not, and never comes
 // back.
 TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
   expectOk({"add-client", "web-1"});
-  const std::vector<std::string> wayBack[] = {{"EventManager", "bEnableRegistrySync", "0"},
-                                              {"~//Overhub/", "sOHHOSTNAME", "elsewhere"},
-                                              {"SOFTWARE/Velmor/I2/Overhub", "sSESSIONKEY", "--delete"},
-                                              {"~Hosts/web-1", "sCLIENTNAME", "--disabled", "x"},
-                                              {"SOFTWARE/Velmor/Clients/web-1", "nCLIENTID", "4"},
-                                              {"~", "EventManager", "--type", "KEY", "--delete"},
-                                              {"Hosts", "web-1", "--type", "KEY", "--delete"},
-                                              {"Machine", "Other", "--type", "KEY"}};
-  for (std::vector<std::string> words : wayBack) {
-    words.insert(words.begin(), {"set", "web-1"});
-    expectErr(overhub(words), 1, {words[3], "in \"" + words[2], "--force"});
-    words.push_back("--force");
-    expectOk(words);
+  const char* const wayBack[] = {"EventManager bEnableRegistrySync 0",
+                                 "~//Overhub/ sOHHOSTNAME elsewhere",
+                                 "SOFTWARE/Velmor/I2/Overhub sSESSIONKEY --delete",
+                                 "~Hosts/web-1 sCLIENTNAME --disabled x",
+                                 "SOFTWARE/Velmor/Clients/web-1 nCLIENTID 4",
+                                 "~ EventManager --type KEY --delete",
+                                 "Hosts web-1 --type KEY --delete",
+                                 "Machine Other --type KEY"};
+  for (const std::string words : wayBack) {
+    const auto refused =
+        shell("\"$OVERHUB\" set web-1 '" + std::string(words).replace(words.find(' '), 1, "' "));
+    expectErr(refused, 1, {"in \"" + words.substr(0, words.find(' ')) + "\"", "--force"});
+    EXPECT_EQ(shell("\"$OVERHUB\" set web-1 --force '" + std::string(words).replace(words.find(' '), 1, "' "))
+                  .exitCode,
+              0);
   }
   EXPECT_EQ(batchOf("web-1").keys->size(), std::size(wayBack));
   expectOk({"set", "web-1", "EventManager", "nTimer", "5"});
