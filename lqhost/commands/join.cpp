@@ -106,9 +106,11 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
 
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
-  bool written = LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
+  bool written = true;
   for (const Written& setting : settingsOf(file, options))
     written = written && info.setString(setting.key, setting.name, setting.value, 0) != 0;
+  // Last, because it does not tell why it fails: what keeps everything from being written is known by now.
+  written = written && LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
   if (written && batch.commit()) return {};
   batch.abandon();
   std::string why = info.getRegErrorText();

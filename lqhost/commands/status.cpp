@@ -74,8 +74,9 @@ int addTask(std::string& text, const std::string& label, const Task& task, bool 
     last = lqtext::utcText(note->lastRun) + duration.data() + outcomeText(note->outcome);
   }
   addLine(text, label, last);
-  const bool isScheduled = note && note->nextRun != 0 && isResident;
-  addLine(text, "  next", isScheduled ? lqtext::utcText(note->nextRun) : "no resident host is running");
+  std::string next = "no resident host is running";
+  if (isResident) next = note && note->nextRun != 0 ? lqtext::utcText(note->nextRun) : "not noted yet";
+  addLine(text, "  next", next);
   return hasRun ? exitCodeNow(note->outcome) : kExitOk;
 }
 

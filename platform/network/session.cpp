@@ -176,7 +176,6 @@ CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadl
     return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
   CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
   if (!error.IsError()) observe({WireEvent::Kind::kSent, &message, {}});
-  held.reset();
   return error;
 }
 
@@ -184,7 +183,7 @@ CWmError CLqNetwork::Impl::nextFrame(Frame& frame, const Deadline& deadline) {
   if (!hasReceived) return frames->receive(frame, deadline);
   hasReceived = false;
   frame.swap(received);
-  held = std::move(frame.claim);  // a request's records live until it has been answered
+  held = std::move(frame.claim);  // a request's records live until the session is back in its room
   return {};
 }
 
@@ -192,7 +191,6 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
                                           const Deadline& deadline) {
   if (givenUp.IsError()) return givenUp;
   if (state != State::kAttached) return notAttached();
-  held.reset();
   Frame frame;
   CWmError error = nextFrame(frame, deadline);
   if (error.IsError()) return error;
@@ -218,7 +216,6 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
 
 CWmError CLqNetwork::Impl::sendRefusal(const std::string& reason) {
   if (state != State::kAttached) return notAttached();
-  held.reset();
   return frames->send(FrameKind::kRequestRefused, shortened(reason), shortFrameDeadline());
 }
 

@@ -79,7 +79,7 @@ struct CLqNetwork::Impl {
   bool hasReceived = false;
   CWmError givenUp;
   std::shared_ptr<void> seat;
-  // The memory that the request takes, until it has been answered.
+  // The memory that the request takes, until the session is back in its room.
   std::unique_ptr<FrameBudget::Claim> held;
 
  private:

@@ -205,11 +205,10 @@ TEST_F(Settled, AResidentHostThatDoesNotAnswerIsSaidSo) {
   host::ResidentSocket socket;
   ASSERT_FALSE(socket.open().IsError());
   ASSERT_FALSE(socket.serve(echo).IsError());
-  const auto answered = lqhost("sync");
-  EXPECT_EQ(answered.exitCode, 4);
-  EXPECT_TRUE(answered.out == longer + "sync\\x1b\n" && answered.err == "err\\x1b\n");
+  const auto sync = lqhost("sync");
+  EXPECT_TRUE(sync.exitCode == 4 && sync.out == longer + "sync\\x1b\n" && sync.err == "err\\x1b\n");
   expectErr(lqhost("upload"), 1, {"ended before it had answered; what it did is in its log"});
-  expectStatus(1, "is too busy to say how it is");
+  expectOut(lqhost("status"), 1, {"  next        not noted yet", "is too busy to say how it is"});
   EXPECT_TRUE(host::mayAsk(0, 7) && host::mayAsk(7, 7) && !host::mayAsk(7, 0) && !host::mayAsk(8, 7));
   EXPECT_EQ(host::waitingCallbacksText(9999), "9999 wait in the resident host");
   EXPECT_TRUE(contains(host::waitingCallbacksText(10000), "WARNING"));

@@ -185,12 +185,6 @@ TEST_F(MessageTest, RefusesWhatItCannotReadAndStaysAsItWas) {
   EXPECT_EQ(tree.unserialize(nested(kMaxMessageDepth)), 0);
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
-
 // --- what reading takes ------------------------------------------------------------------------------------
 
 std::size_t memoryInUse() {

@@ -471,8 +471,9 @@ TEST_F(NetworkTest, CallersWaitWhileDescriptorsAreShort) {
     while (log.Lines().size() == present) std::this_thread::yield();
     expectSleeping();
     EXPECT_EQ(server.listener.census().callers, present);
-    // The first caller has the only descriptor by now.
-    if (present == 1) expectError(attach(network), kLqErrConnect, "port 8400: Too many open files");
+    // The first caller has the only descriptor by now; a sanitizer would need one to look at memory.
+    if (present == 1 && !kIsSanitized)
+      expectError(attach(network), kLqErrConnect, "port 8400: Too many open files");
     setrlimit(RLIMIT_NOFILE, &whole);
     server.awaitCensus(present + 1, 0);
     ASSERT_EQ(log.Lines().size(), present + 1) << "one line each time";

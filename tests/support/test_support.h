@@ -70,6 +70,13 @@ std::string programPath(const std::string& name);
 ProgramResult runProgram(const std::vector<std::string>& command,
                          const std::vector<std::string>& environment = {});
 
+// A sanitizer has a heap of its own and needs descriptors to look at memory.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kIsSanitized = true;
+#else
+inline constexpr bool kIsSanitized = false;
+#endif
+
 // A program running in the background; killed at the end if it still runs. Its standard output and standard
 // error go to `logFile`.
 class BackgroundProgram {
