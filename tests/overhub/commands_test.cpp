@@ -144,7 +144,6 @@ TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
   EXPECT_EQ(batchOf("web-1").keys->size(), std::size(wayBack));
   expectOk({"set", "web-1", "EventManager", "nTimer", "5"});
   expectOk({"set", "web-1", "Overhubs", "sOHHOSTNAME", "another key"});
-  expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
 }
 
 // An expiry that is off by hours, or taken from a typing mistake, removes settings from machines.
