@@ -66,7 +66,6 @@ CWmError checkCombination(const Set& wanted) {
     return misused("--secret takes the value from standard input, not from the command line");
   if (!wanted.isSecret && strcasecmp(change.type.c_str(), ENCRYPTEDTYPE) == 0)
     return misused("a protected value is set with --secret, which sets its type too");
-  if (change.type.empty()) return misused("--type takes a word");
   const bool needsValue = !wanted.isSecret && !change.isRemoval && change.type != KEYTYPE;
   if (needsValue && !change.value) {
     return misused(

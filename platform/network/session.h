@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "lqregistry/CLqNetwork.h"
@@ -52,7 +53,10 @@ struct CLqNetwork::Impl {
     try {
       error = step();
       if (error.IsError()) error = {error.GetCode(), doing + peerText + ": " + error.AsString()};
-    } catch (const std::exception& fault) {  // out of memory, too, whose text is short enough to need none
+    } catch (const std::bad_alloc&) {
+      close();
+      error = {kLqErrFrameTooLarge, "out of memory"};  // short enough to need none
+    } catch (const std::exception& fault) {
       close();
       error = {kLqErrProtocol, fault.what()};
     }
