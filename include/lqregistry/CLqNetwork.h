@@ -117,6 +117,10 @@ class LQ_EXPORT CLqNetwork {
   // Declines a received request with a reason that the caller's ReceiveXMLMessage reports.
   CWmError SendRefusal(const std::string& reason);
 
+  // A number that the accepting side keeps with a session from one request to the next; 0 at first.
+  void SetTicket(std::int64_t ticket);
+  std::int64_t GetTicket() const;
+
   // --- for hosts that stop ---------------------------------------------------------------------------------
 
   // Ends every wait of every session of this process, from any thread: what can be done without waiting is

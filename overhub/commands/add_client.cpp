@@ -1,72 +1,133 @@
-// `overhub add-client`: registers a client: id, session key, join file, last its file, which makes it known.
+// `overhub add-client`: registers a client, or all that a file lists: id, session key, groups, join file.
 #include <memory>
 #include <optional>
 
+#include "overhub/commands/change_options.h"
+#include "overhub/commands/client_list.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/join_hand_over.h"
 #include "overhub/commands/reporting.h"
-#include "overhub/store/client_ids.h"
-#include "overhub/store/client_name.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/store/session_keys.h"
 
 namespace {
 
+constexpr const char* kFooter = R"(Examples:
+  overhub add-client web-1 --server-host mgmt.example --groups web,berlin
+  overhub add-client --from machines.csv --join-dir /root/joins
+
+A line of the file names a client, its groups with ";" between them, and its host; the last two may be left out:
+  web-1,web;berlin,10.0.0.7)";
+
 struct AddClient {
-  std::string name;
+  ListedClient client;
+  std::string groups;
+  std::string list;                // a file, instead of one client
   std::optional<std::int64_t> id;  // otherwise the highest handed out plus 1
   JoinHandOver handOver;
+  ChangeOptions change;
 };
 
-// Takes the id for the client and writes what makes it one.
-CWmError writeClient(const DataStore& store, ClientIds& ids, const programs::JoinFile& join,
-                     const JoinHandOver& handOver) {
-  CWmError error = handOver.write(store, join);
-  if (!error.IsError()) error = store.writeSessionKey(join.clientName, join.sessionKeyHex);
-  if (!error.IsError()) error = ids.assign(join.clientId, join.clientName);
-  OBGui::RegistryTaskResp batch;
-  batch.client.edit().clientId = join.clientId;
-  batch.keys.edit();
-  if (!error.IsError()) error = store.writeBatch(join.clientName, batch);
+struct Joining {
+  ListedClient client;
+  programs::JoinFile join;
+  std::string protectedKey;
+};
+
+CWmError makeReady(const Store& store, const AddClient& wanted, const ListedClient& client, Joining& joining) {
+  joining.client = client;
+  CWmError error = checkListed(client);
+  if (!error.IsError()) error = wanted.handOver.begin(store, client.name, joining.join);
+  if (!error.IsError()) error = protectSessionKey(store, joining.join.sessionKeyHex, joining.protectedKey);
   return error;
 }
 
-int addClient(const DataStore& store, const AddClient& wanted) {
-  if (!isClientName(wanted.name)) {
-    return complain(kExitUsage, "\"" + wanted.name +
-                                    "\" cannot be a client's name: 1 to 64 characters of A-Z a-z 0-9 . _ - "
-                                    "without a dot at the start");
+CWmError build(soci::session& session, const AddClient& wanted, const std::vector<Joining>& joining,
+               ChangeSet& changes) {
+  if (wanted.id && isIdTaken(session, *wanted.id))
+    return {kLqErrRequestRefused, "the id " + std::to_string(*wanted.id) +
+                                      " has been given to a client already, and none is given twice"};
+  for (const Joining& each : joining) {
+    if (findClient(session, each.client.name)) {
+      return {kLqErrRequestRefused, "there is a client \"" + each.client.name +
+                                        "\" already; choose another name, or give this one a new key with "
+                                        "\"overhub renew-client\""};
+    }
+    changes.newClients.push_back({{wanted.id.value_or(0), each.client.name, each.client.host}, each.protectedKey});
+    for (const std::string& group : each.client.groups)
+      changes.members.push_back({{group, each.client.name}, true});
   }
-  programs::JoinFile join;
-  if (const int exitCode = wanted.handOver.begin(wanted.name, join); exitCode != kExitOk) return exitCode;
+  return {};
+}
 
-  CWmError error = store.prepare();
-  programs::FileLock lock;
-  if (!error.IsError()) error = store.lockForChange(lock);
-  if (error.IsError()) return dataUnusable(error);
-  if (store.hasClient(wanted.name)) {
-    return complain(kExitRefused, "there is a client \"" + wanted.name + "\" in " + store.directory() +
-                                      " already; choose another name, or give this one a new key with "
-                                      "renew-client");
+// Fills the join files of the clients that there are now.
+CWmError handOver(const Store& store, const AddClient& wanted, std::vector<Joining>& joining,
+                  const std::vector<Client>& added) {
+  for (std::size_t i = 0; i < added.size(); ++i) {
+    joining[i].join.clientId = added[i].id;
+    const CWmError error = wanted.handOver.write(store, joining[i].join);
+    if (error.IsError()) return error;
   }
-  ClientIds ids(store);
-  std::string skipped;
-  error = ids.load(skipped);
-  if (error.IsError()) return dataUnusable(error);
-  if (!skipped.empty()) warn("not counted among the ids in use, since it cannot be read: " + skipped);
-  error = ids.choose(wanted.id, join.clientId);
-  if (error.IsError()) return complain(kExitRefused, error.AsString());
-  error = writeClient(store, ids, join, wanted.handOver);
-  if (error.IsError()) return dataUnusable(error);
-  wanted.handOver.printNextSteps(store, join);
-  return kExitOk;
+  return {};
+}
+
+int addAll(const Store& store, const AddClient& wanted, std::vector<Joining>& joining) {
+  const std::string command =
+      wanted.list.empty() ? "add-client " + wanted.client.name : "add-client --from " + wanted.list;
+  ChangeResult result;
+  const int exitCode = wanted.change.make(
+      store, command,
+      [&](soci::session& session, ChangeSet& changes) { return build(session, wanted, joining, changes); },
+      result);
+  if (result.newClients.empty()) {
+    for (const Joining& each : joining) wanted.handOver.discard(store, each.join);
+    return exitCode;
+  }
+  const CWmError error = handOver(store, wanted, joining, result.newClients);
+  if (error.IsError()) return storeFailed(error);
+  if (wanted.list.empty()) {
+    wanted.handOver.printNextSteps(store, joining.front().join);
+  } else {
+    print(std::to_string(joining.size()) + " clients added; their join files are such as " +
+          wanted.handOver.place(store, joining.front().client.name) + "\n");
+  }
+  return exitCode;
+}
+
+int addClient(const Store& store, const AddClient& wanted) {
+  std::vector<ListedClient> clients;
+  CWmError error;
+  if (wanted.list.empty()) {
+    clients.push_back(wanted.client);
+    clients.back().groups = splitWords(wanted.groups, ',');
+  } else {
+    error = readClientList(wanted.list, clients);
+  }
+  std::vector<Joining> joining(clients.size());
+  std::size_t ready = 0;
+  while (!error.IsError() && ready < clients.size()) {
+    error = makeReady(store, wanted, clients[ready], joining[ready]);
+    if (!error.IsError()) ++ready;
+  }
+  if (!error.IsError() && clients.empty()) return complain(kExitUsage, wanted.list + " lists no client");
+  if (!error.IsError()) return addAll(store, wanted, joining);
+  for (std::size_t i = 0; i < ready; ++i) wanted.handOver.discard(store, joining[i].join);
+  return error.GetCode() == kLqErrArgument ? complain(kExitUsage, error.AsString()) : storeFailed(error);
 }
 
 }  // namespace
 
-void addAddClient(programs::CommandLine& line, const std::string& data) {
+void addAddClient(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<AddClient>();
-  auto options = line.add("add-client", "Register a client and write its join file",
-                          [&data, wanted] { return addClient(DataStore(data), *wanted); });
-  options.required("NAME", wanted->name, "The client's name: letters, digits, . _ -")
-      .option("--id N", wanted->id, 1, "Its id; otherwise the highest handed out plus 1");
+  auto options = line.add("add-client", "Register clients and write their join files",
+                          onMadeStore(place, [wanted](const Store& store) { return addClient(store, *wanted); }));
+  options.option("NAME", wanted->client.name, "The client's name: letters, digits, . _ -")
+      .option("--id N", wanted->id, 1, "Its id; otherwise the highest ever given plus 1")
+      .option("--groups GROUP,GROUP", wanted->groups, "The groups that it is in")
+      .option("--host HOST", wanted->client.host, "Where it is called; otherwise where it last came from")
+      .option("--from FILE", wanted->list, "Add all clients that this file lists, in one revision")
+      .excludes("NAME");
   wanted->handOver.describe(options);
+  wanted->change.describe(options);
+  options.footer(kFooter);
 }

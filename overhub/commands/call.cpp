@@ -10,8 +10,9 @@
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/client_link.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/store/file_access.h"
 
 namespace {
 
@@ -54,8 +55,7 @@ struct Call {
   std::string payload;
 };
 
-int call(const DataStore& store, Call& wanted) {
-  if (!store.hasClient(wanted.link.client())) return unknownClient(store, wanted.link.client());
+int call(const Store& store, Call& wanted) {
   if (const int exitCode = readPayload(wanted.payload); exitCode != kExitOk) return exitCode;
   App::RegisterSubsystem();
   App::AppCommunicationMessageReq request;
@@ -74,11 +74,11 @@ int call(const DataStore& store, Call& wanted) {
 
 }  // namespace
 
-void addCall(programs::CommandLine& line, const std::string& data) {
+void addCall(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Call>();
   auto options =
       line.add("call", "Send an application message to a client",
-               onExisting(data, [wanted](const DataStore& store) { return call(store, *wanted); }));
+               onStore(place, [wanted](const Store& store) { return call(store, *wanted); }));
   wanted->link.describe(options);
   options.required("TYPE N", wanted->messageType, "The message type that the client has a handler for")
       .required("PAYLOAD", wanted->payload, "What the handler gets; \"-\" takes it from standard input")

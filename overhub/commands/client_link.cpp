@@ -6,6 +6,8 @@
 #include "common/host_name.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/target.h"
+#include "overhub/store/session_keys.h"
 #include "records/service_names.h"
 
 namespace {
@@ -77,11 +79,16 @@ int ClientLink::complainOfAnswer(const std::string& what) const {
 }
 
 // What the command line says counts first, then what a person has set, then the address it last came from.
-int ClientLink::findHost(const DataStore& store) {
-  CWmError error;
-  if (host_.empty()) error = store.readHost(client_, host_);
-  if (!error.IsError() && host_.empty()) error = store.readAddress(client_, host_);
-  if (error.IsError()) return dataUnusable(error);
+int ClientLink::findHost(const Store& store) {
+  std::string known;
+  const CWmError error = store.database().read([&](soci::session& session) {
+    Client client;
+    const CWmError fault = oneClient(session, client_, client);
+    if (!fault.IsError()) known = client.host.empty() ? contactOf(session, client.id).address : client.host;
+    return fault;
+  });
+  if (error.IsError()) return storeFailed(error);
+  if (host_.empty()) host_ = known;
   if (host_.empty()) {
     return complain(kExitRefused, "where client " + client_ +
                                       " is, is not known, since it has not attached yet; name its host with "
@@ -101,12 +108,12 @@ int ClientLink::explain(const CWmError& error, Step step) const {
   return complain(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.hint);
 }
 
-int ClientLink::exchange(const DataStore& store, const CNMessageBase& request,
+int ClientLink::exchange(const Store& store, const CNMessageBase& request,
                          std::unique_ptr<CNMessageBase>& answer) {
   if (const int exitCode = findHost(store); exitCode != kExitOk) return exitCode;
   std::string key;
-  CWmError error = store.readSessionKey(client_, key);
-  if (error.IsError()) return dataUnusable(error);
+  CWmError error = readSessionKey(store, client_, key);
+  if (error.IsError()) return storeFailed(error);
   CLqNetwork network;
   network.UseCredentials(client_, key);
   explicit_bzero(key.data(), key.size());

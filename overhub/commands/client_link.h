@@ -12,7 +12,7 @@
 #include "common/host_service.h"
 #include "lqregistry/CNMessageBase.h"
 #include "overhub/commands/reporting.h"
-#include "overhub/store/data_store.h"
+#include "overhub/store/store.h"
 
 class ClientLink {
  public:
@@ -24,7 +24,7 @@ class ClientLink {
   // Sends `request` and takes the answer, which has to be an M. Returns an exit code; unless it is kExitOk,
   // what went wrong has been said.
   template <class M>
-  [[nodiscard]] int ask(const DataStore& store, const CNMessageBase& request, M& answer) {
+  [[nodiscard]] int ask(const Store& store, const CNMessageBase& request, M& answer) {
     std::unique_ptr<CNMessageBase> message;
     const int exitCode = exchange(store, request, message);
     if (exitCode != kExitOk) return exitCode;
@@ -42,9 +42,9 @@ class ClientLink {
  private:
   enum class Step { kAttach, kExchange };
 
-  [[nodiscard]] int exchange(const DataStore& store, const CNMessageBase& request,
+  [[nodiscard]] int exchange(const Store& store, const CNMessageBase& request,
                              std::unique_ptr<CNMessageBase>& answer);
-  [[nodiscard]] int findHost(const DataStore& store);
+  [[nodiscard]] int findHost(const Store& store);
   [[nodiscard]] int explain(const CWmError& error, Step step) const;
 
   std::string client_;

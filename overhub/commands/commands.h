@@ -1,21 +1,32 @@
 // The commands of overhub. Each adds its description and its options to the command line, with what it does;
-// see the file of the same name. `data` is the data directory, which is known once the line is parsed.
+// see the file of the same name. `place` is where the store is, which is known once the line is parsed.
 #pragma once
 
-#include <string>
-
 #include "common/command_line.h"
+#include "overhub/store/store.h"
 
-void addServe(programs::CommandLine& line, const std::string& data);
-void addAddClient(programs::CommandLine& line, const std::string& data);
-void addRenewClient(programs::CommandLine& line, const std::string& data);
-void addSet(programs::CommandLine& line, const std::string& data);
-void addUnset(programs::CommandLine& line, const std::string& data);
-void addShow(programs::CommandLine& line, const std::string& data);
-void addClients(programs::CommandLine& line, const std::string& data);
-void addAcks(programs::CommandLine& line, const std::string& data);
-void addUploads(programs::CommandLine& line, const std::string& data);
-void addClientHost(programs::CommandLine& line, const std::string& data);
-void addPush(programs::CommandLine& line, const std::string& data);
-void addFetch(programs::CommandLine& line, const std::string& data);
-void addCall(programs::CommandLine& line, const std::string& data);
+void addServe(programs::CommandLine& line, const Store::Place& place);
+
+void addAddClient(programs::CommandLine& line, const Store::Place& place);
+void addRenewClient(programs::CommandLine& line, const Store::Place& place);
+void addRemoveClient(programs::CommandLine& line, const Store::Place& place);
+void addClientHost(programs::CommandLine& line, const Store::Place& place);
+void addClients(programs::CommandLine& line, const Store::Place& place);
+// groups.cpp
+void addGroups(programs::CommandLine& line, const Store::Place& place);
+void addAddGroup(programs::CommandLine& line, const Store::Place& place);
+void addRemoveGroup(programs::CommandLine& line, const Store::Place& place);
+void addJoinGroup(programs::CommandLine& line, const Store::Place& place);
+void addLeaveGroup(programs::CommandLine& line, const Store::Place& place);
+
+void addSet(programs::CommandLine& line, const Store::Place& place);
+void addUnset(programs::CommandLine& line, const Store::Place& place);
+void addShow(programs::CommandLine& line, const Store::Place& place);
+
+void addAcks(programs::CommandLine& line, const Store::Place& place);
+void addUploads(programs::CommandLine& line, const Store::Place& place);
+void addResend(programs::CommandLine& line, const Store::Place& place);
+
+void addPush(programs::CommandLine& line, const Store::Place& place);
+void addFetch(programs::CommandLine& line, const Store::Place& place);
+void addCall(programs::CommandLine& line, const Store::Place& place);

@@ -6,9 +6,9 @@
 #include "lqregistry/LqSettings.h"
 #include "overhub/commands/client_link.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
-#include "overhub/store/batch_edit.h"
+#include "overhub/commands/store_place.h"
+#include "records/record_rules.h"
 
 namespace {
 
@@ -40,11 +40,10 @@ struct Fetch {
   std::vector<std::string> names;
 };
 
-int fetch(const DataStore& store, Fetch& wanted) {
+int fetch(const Store& store, Fetch& wanted) {
   if (wanted.path.starts_with(subKeyPath(lqsettings::kAbsoluteRoot, "")))
     return complain(kExitUsage, "a client hands out only what is below the root of its instance, and \"" +
                                     wanted.path + "\" is not");
-  if (!store.hasClient(wanted.link.client())) return unknownClient(store, wanted.link.client());
   App::RegisterSubsystem();
   programs::TextTable table({"NAME", "VALUE"});
   bool isWhole = true;
@@ -66,11 +65,11 @@ int fetch(const DataStore& store, Fetch& wanted) {
 
 }  // namespace
 
-void addFetch(programs::CommandLine& line, const std::string& data) {
+void addFetch(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Fetch>();
   auto options =
       line.add("fetch", "Print values of a client's registry",
-               onExisting(data, [wanted](const DataStore& store) { return fetch(store, *wanted); }));
+               onStore(place, [wanted](const Store& store) { return fetch(store, *wanted); }));
   wanted->link.describe(options);
   options.required("PATH", wanted->path, "The key's path below the instance's root, with or without \"~\"")
       .required("NAME", wanted->names, "The values' names")

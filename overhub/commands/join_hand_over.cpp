@@ -1,45 +1,61 @@
 #include "overhub/commands/join_hand_over.h"
-#include "common/host_name.h"
 
+#include <unistd.h>
+
+#include "common/host_name.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/store/file_access.h"
 
-void JoinHandOver::describe(programs::CommandLine::Options& options) {
+void JoinHandOver::describe(programs::CommandLine::Options options) {
   options
       .option("--server-host HOST", serverHost_,
               "Under which name or address the client reaches this server; otherwise its host name")
       .option("--server-name NAME", serverName_, "The server's own client name")
-      .option("--join-file FILE", file_, "Where to write the join file; otherwise DIR/join/NAME.join");
+      .option("--join-file FILE", file_, "Where to write the join file; otherwise NAME.join in the directory")
+      .option("--join-dir DIRECTORY", folder_, "The directory of join files; otherwise DIR/join")
+      .excludes("--join-file");
 }
 
-int JoinHandOver::begin(const std::string& client, programs::JoinFile& join) const {
+CWmError JoinHandOver::begin(const Store& store, const std::string& client, programs::JoinFile& join) const {
   join.clientName = client;
   join.serverName = serverName_;
   join.serverHost = serverHost_.empty() ? programs::ownHostName() : serverHost_;
   if (!programs::isAcceptableHostName(join.serverHost) || !programs::isAcceptableHostName(join.serverName)) {
-    return complain(kExitUsage, "\"" + join.serverHost + "\" and \"" + join.serverName +
-                                    "\" have to be a host name or address and a name; --server-host and "
-                                    "--server-name set them");
+    return {kLqErrArgument, "\"" + join.serverHost + "\" and \"" + join.serverName +
+                                "\" have to be a host name or address and a name; --server-host and "
+                                "--server-name set them"};
   }
-  if (!file_.empty() && file_access::exists(file_))
-    return complain(kExitRefused, file_ + " exists already; choose another --join-file");
+  // In the store's own directory an old one is replaced: it is of no use any more.
+  const std::string file = place(store, client);
+  const bool isOwn = file_.empty() && folder_.empty();
+  if (!isOwn && file_access::exists(file))
+    return {kLqErrRequestRefused, file + " exists already; choose another place for the join file"};
   join.sessionKeyHex = newSessionKeyHex();
-  return kExitOk;
+  return file_access::replace(file, "");
 }
 
-CWmError JoinHandOver::write(const DataStore& store, const programs::JoinFile& join) const {
-  return file_access::replace(place(store, join), programs::joinFileText(join));
+CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join) const {
+  const CWmError error = file_access::replace(place(store, join.clientName), programs::joinFileText(join));
+  if (!error.IsError()) return {};
+  return {error.GetCode(), std::string(error.AsString()) + "; the client is registered, and \"overhub renew-client " +
+                               join.clientName + "\" writes another join file"};
 }
 
-void JoinHandOver::printNextSteps(const DataStore& store, const programs::JoinFile& join) const {
+void JoinHandOver::discard(const Store& store, const programs::JoinFile& join) const {
+  ::unlink(place(store, join.clientName).c_str());
+}
+
+void JoinHandOver::printNextSteps(const Store& store, const programs::JoinFile& join) const {
   print("client " + join.clientName + " has the id " + std::to_string(join.clientId) + "; its join file is " +
-        place(store, join) +
+        place(store, join.clientName) +
         "\n"
         "Copy that file to the client's machine in a way that nobody else can read, run there\n"
         "  lqhost join FILE\n"
         "and delete both copies: the file holds the client's session key.\n");
 }
 
-std::string JoinHandOver::place(const DataStore& store, const programs::JoinFile& join) const {
-  return file_.empty() ? store.joinFile(join.clientName) : file_;
+std::string JoinHandOver::place(const Store& store, const std::string& client) const {
+  if (!file_.empty()) return file_;
+  return folder_.empty() ? store.joinFile(client) : folder_ + "/" + client + ".join";
 }

@@ -1,4 +1,7 @@
-// The join file that `add-client` and `renew-client` hand over to a client's machine.
+// The join files that `add-client` and `renew-client` hand over to clients' machines.
+//
+// A file is made, empty, before the store is changed, and filled after it: a place that cannot be written is
+// noticed while nothing has happened yet.
 #pragma once
 
 #include <string>
@@ -6,25 +9,27 @@
 #include "common/command_line.h"
 #include "common/join_file.h"
 #include "lqregistry/CWmError.h"
-#include "overhub/store/data_store.h"
+#include "overhub/store/store.h"
 
 class JoinHandOver {
  public:
-  // Adds the options that say what stands in the file, and where it is written.
-  void describe(programs::CommandLine::Options& options);
+  // Adds the options that say what stands in the files, and where they are written.
+  void describe(programs::CommandLine::Options options);
 
-  // The file's contents with a new session key, but without the client's id; an exit code, for which it has
-  // been said why they cannot be had.
-  [[nodiscard]] int begin(const std::string& client, programs::JoinFile& join) const;
+  // The contents for a client, with a new session key, but without its id. kLqErrArgument for what the command
+  // line says wrong, kLqErrRequestRefused for a file that is there.
+  CWmError begin(const Store& store, const std::string& client, programs::JoinFile& join) const;
+  CWmError write(const Store& store, const programs::JoinFile& join) const;
+  // Takes back what begin() made.
+  void discard(const Store& store, const programs::JoinFile& join) const;
 
-  [[nodiscard]] CWmError write(const DataStore& store, const programs::JoinFile& join) const;
-
-  void printNextSteps(const DataStore& store, const programs::JoinFile& join) const;
+  // What to do with the file, for one client.
+  void printNextSteps(const Store& store, const programs::JoinFile& join) const;
+  std::string place(const Store& store, const std::string& client) const;
 
  private:
-  std::string place(const DataStore& store, const programs::JoinFile& join) const;
-
   std::string serverHost_;  // empty: this machine's host name
   std::string serverName_ = "overhub";
-  std::string file_;  // empty: in the data directory
+  std::string file_;    // empty: NAME.join in the directory
+  std::string folder_;  // empty: the store's own
 };

@@ -1,13 +1,19 @@
 // `overhub push`: has a client apply its batch now.
 #include <memory>
-#include <utility>
+#include <vector>
 
 #include "common/machine_identity.h"
+#include "overhub/commands/change_options.h"
 #include "overhub/commands/client_link.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/commands/target.h"
 #include "overhub/store/acknowledgements.h"
+#include "overhub/store/file_access.h"
+#include "overhub/store/hand_out.h"
+#include "overhub/store/scope.h"
+#include "records/record_rules.h"
 
 namespace {
 
@@ -17,8 +23,8 @@ Examples:
   overhub push web-1
   overhub push web-1 web-1.xml             (a file that "uploads web-1 --out" has written, or one like it))";
 
-// The records of a file to push to a client instead of its own.
-int readFile(const std::string& client, const std::string& file, OBGui::KeyList& keys) {
+// The records of a file, as settings of the client's own.
+int readFile(const std::string& client, const std::string& file, std::vector<Setting>& settings) {
   std::string text;
   if (const CWmError error = file_access::readWhole(file, text); error.IsError())
     return complain(kExitRefused, error.AsString());
@@ -26,51 +32,73 @@ int readFile(const std::string& client, const std::string& file, OBGui::KeyList&
   if (std::string error; given.unserialize(text, &error) != 0)
     return complain(kExitRefused, file + " is not a batch such as \"overhub uploads " + client +
                                       " --out FILE\" writes: " + error);
-  keys = std::move(given.keys.edit());
+  OBGui::KeyList& keys = given.keys.edit();
   // An upload holds who its machine is to the server; another machine must not become that one.
   const std::size_t left = std::erase_if(keys, [](const auto& key) {
     return programs::isMachineIdentity(key.keyPath.get(), key.valueName.get());
   });
   if (left != 0) warn(std::to_string(left) + " values that say which machine it is are not pushed");
-  return kExitOk;
+  // Keys come with the values in them; no client takes them from a server.
+  std::erase_if(keys, [](const auto& key) { return isKey(key) && !isToBeRemoved(key) && !isCreatableKey(key); });
+  const CWmError error = settingsOf(keys, settings);
+  return error.IsError() ? complain(kExitRefused, file + ": " + error.AsString()) : kExitOk;
 }
 
-// The batch to push. The client is told its own id, whosever batch the file holds.
-int readPushed(const DataStore& store, const std::string& client, const std::string& file,
-               OBGui::RegistryTaskResp& batch) {
-  const CWmError error = store.readBatch(client, batch);
-  if (error.IsError()) return dataUnusable(error);
-  batch.taskStatus = OBGui::kTaskSuccess;
-  OBGui::KeyList& keys = batch.keys.edit();
-  return file.empty() ? kExitOk : readFile(client, file, keys);
+// Makes what the file holds the client's own settings, in one revision.
+int setFromFile(const Store& store, const std::string& client, const std::string& file, const ChangeOptions& change) {
+  std::vector<Setting> settings;
+  if (const int exitCode = readFile(client, file, settings); exitCode != kExitOk) return exitCode;
+  return change.make(store, "push " + client + " " + file, [&](soci::session& session, ChangeSet& changes) {
+    Client found;
+    const CWmError error = oneClient(session, client, found);
+    for (Setting& setting : settings) {
+      setting.scope = machineScope(found.id);
+      changes.put(setting);
+    }
+    return error;
+  });
 }
 
-// The batch of the client, or the one in `file` unless that is empty; records how it went.
-int push(const DataStore& store, ClientLink& link, const std::string& file) {
-  const std::string& client = link.client();
-  if (!store.hasClient(client)) return unknownClient(store, client);
-  OBGui::RegistryTaskResp batch;
-  if (const int exitCode = readPushed(store, client, file, batch); exitCode != kExitOk) return exitCode;
+int sendBatch(const Store& store, ClientLink& link) {
+  HandOut out;
+  CWmError error = handOutForPush(store, link.client(), out);
+  if (error.IsError()) return storeFailed(error);
+  if (!out.refusal.empty()) return complain(kExitRefused, out.refusal);
   OBGui::RegistryTaskResp answer;
-  if (const int exitCode = link.ask(store, batch, answer); exitCode != kExitOk) return exitCode;
+  if (const int exitCode = link.ask(store, out.batch, answer); exitCode != kExitOk) return exitCode;
   const std::int64_t status = answer.taskStatus;
   if (status != OBGui::kTaskSuccess && status != OBGui::kTaskFailed)
     return link.complainOfAnswer("the task status " + std::to_string(status));
-  const bool isApplied = status == OBGui::kTaskSuccess;
-  print(isApplied ? "applied\n" : "failed\n");
-  const CWmError error = recordAcknowledgement(store, client, answer.client->clientId, status);
-  if (error.IsError()) return dataUnusable(error);
-  return isApplied ? kExitOk : kExitRefused;
+  print(outcomeText(status) + "\n");
+  // A push does not reach the client's cache and proves no hand-out.
+  constexpr std::int64_t kNoHandOut = 0;
+  error = acknowledge(store, link.client(), kNoHandOut, answer.client->clientId, status);
+  if (error.IsError()) return storeFailed(error);
+  return status == OBGui::kTaskSuccess ? kExitOk : kExitRefused;
+}
+
+struct Push {
+  ClientLink link;
+  std::string file;
+  ChangeOptions change;
+};
+
+int push(const Store& store, Push& wanted) {
+  if (!wanted.file.empty()) {
+    const int exitCode = setFromFile(store, wanted.link.client(), wanted.file, wanted.change);
+    if (exitCode != kExitOk || wanted.change.isDryRun()) return exitCode;
+  }
+  return sendBatch(store, wanted.link);
 }
 
 }  // namespace
 
-void addPush(programs::CommandLine& line, const std::string& data) {
-  const auto link = std::make_shared<ClientLink>();
-  const auto file = std::make_shared<std::string>();
-  auto options =
-      line.add("push", "Have a client apply its batch now",
-               onExisting(data, [link, file](const DataStore& store) { return push(store, *link, *file); }));
-  link->describe(options);
-  options.option("FILE", *file, "Another batch than the client's own, which stays as it is").footer(kFooter);
+void addPush(programs::CommandLine& line, const Store::Place& place) {
+  const auto wanted = std::make_shared<Push>();
+  auto options = line.add("push", "Have a client apply its batch now",
+                          onStore(place, [wanted](const Store& store) { return push(store, *wanted); }));
+  wanted->link.describe(options);
+  options.option("FILE", wanted->file, "Set what this file holds for the client first, in one revision");
+  wanted->change.describe(options);
+  options.footer(kFooter);
 }

@@ -6,6 +6,8 @@
 
 #include "common/machine_identity.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/PrintableText.h"
+#include "overhub/store/setting.h"
 #include "records/record_rules.h"
 
 namespace {
@@ -21,6 +23,17 @@ CWmError refused(std::string why) {
 bool hasControl(const std::string& text) {
   return std::any_of(text.begin(), text.end(),
                      [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; });
+}
+
+// What every database engine and every message takes as it is.
+bool isText(std::string_view text) {
+  while (!text.empty()) {
+    const bool isSpace = text.front() == '\n' || text.front() == '\t' || text.front() == '\r';
+    const std::size_t length = isSpace ? 1 : lqtext::printableLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
 }
 
 bool isNumber(const std::string& text) {
@@ -44,7 +57,11 @@ CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
   }
   if (name.starts_with('-') || path.starts_with('-'))
     return refused(quoted(name.starts_with('-') ? name : path) + " looks like an option");
-  if (hasControl(name) || hasControl(path)) return refused("names and paths hold no control characters");
+  if (hasControl(name) || hasControl(path) || !isText(name) || !isText(path))
+    return refused("names and paths are text in UTF-8 without control characters");
+  if (!valueOfExpiry(name).empty())
+    return refused(quoted(name) + " says when " + quoted(valueOfExpiry(name)) + " ends; set that with --until");
+  if (!isText(record.value.get())) return refused("a value is text in UTF-8 without control characters");
   if (type != STRINGTYPE && type != KEYTYPE && type != ENCRYPTEDTYPE) {
     return refused(quoted(type) +
                    " is no type word: STRING, or KEY for a sub-key; --secret makes a protected value");

@@ -1,40 +1,60 @@
-// `overhub renew-client`: a new session key and join file for a client; its id and batch stay, its old key is
-// worth nothing from now on.
+// `overhub renew-client`: a new session key and join file for a client; its id and its settings stay, its old key
+// is worth nothing from now on.
 #include <memory>
 
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
 #include "overhub/commands/join_hand_over.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/commands/target.h"
+#include "overhub/store/session_keys.h"
 
 namespace {
 
-int renewClient(const DataStore& store, const std::string& client, const JoinHandOver& handOver) {
-  if (!store.hasClient(client)) return unknownClient(store, client);
-  programs::JoinFile join;
-  if (const int exitCode = handOver.begin(client, join); exitCode != kExitOk) return exitCode;
+CWmError changeKey(const Store& store, const std::string& name, const std::string& protectedKey,
+                   programs::JoinFile& join) {
+  return store.database().writeOnce([&](soci::session& session) {
+    Client client;
+    const CWmError error = oneClient(session, name, client);
+    if (error.IsError()) return error;
+    join.clientId = client.id;
+    setProtectedKey(session, client.id, protectedKey);
+    // Another machine may join with it.
+    doubtCache(session, client.id);
+    return error;
+  });
+}
 
-  programs::FileLock lock;
-  OBGui::RegistryTaskResp batch;
-  CWmError error = store.lockForChange(lock);
-  if (!error.IsError()) error = store.readBatch(client, batch);
-  join.clientId = batch.client->clientId;
-  if (!error.IsError()) error = handOver.write(store, join);
-  if (!error.IsError()) error = store.writeSessionKey(client, join.sessionKeyHex);
-  if (error.IsError()) return dataUnusable(error);
+int renewClient(const Store& store, const std::string& name, const JoinHandOver& handOver) {
+  programs::JoinFile join;
+  std::string protectedKey;
+  Client client;
+  CWmError error =
+      store.database().read([&](soci::session& session) { return oneClient(session, name, client); });
+  if (error.IsError()) return storeFailed(error);
+  error = handOver.begin(store, name, join);
+  if (error.GetCode() == kLqErrArgument) return complain(kExitUsage, error.AsString());
+  if (error.IsError()) return storeFailed(error);
+  error = protectSessionKey(store, join.sessionKeyHex, protectedKey);
+  if (!error.IsError()) error = changeKey(store, name, protectedKey, join);
+  if (error.IsError()) {
+    handOver.discard(store, join);
+    return storeFailed(error);
+  }
+  error = handOver.write(store, join);
+  if (error.IsError()) return storeFailed(error);
   handOver.printNextSteps(store, join);
   return kExitOk;
 }
 
 }  // namespace
 
-void addRenewClient(programs::CommandLine& line, const std::string& data) {
+void addRenewClient(programs::CommandLine& line, const Store::Place& place) {
   const auto client = std::make_shared<std::string>();
   const auto handOver = std::make_shared<JoinHandOver>();
-  auto options = line.add("renew-client", "Give a client a new session key and join file",
-                          onExisting(data, [client, handOver](const DataStore& store) {
-                            return renewClient(store, *client, *handOver);
-                          }));
-  options.required("NAME", *client, "The client's name; its id and its batch stay");
+  auto options = line.add(
+      "renew-client", "Give a client a new session key and join file",
+      onStore(place, [client, handOver](const Store& store) { return renewClient(store, *client, *handOver); }));
+  options.required("NAME", *client, "The client's name; its id and its settings stay");
   handOver->describe(options);
 }

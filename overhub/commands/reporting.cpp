@@ -8,8 +8,9 @@ void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-int dataUnusable(const CWmError& error) {
-  return complain(kExitDataUnusable, error.AsString());
+int storeFailed(const CWmError& error) {
+  const bool isRefusal = error.GetCode() == kLqErrRequestRefused;
+  return complain(isRefusal ? kExitRefused : kExitDataUnusable, error.AsString());
 }
 
 void warn(const std::string& text) {
@@ -19,10 +20,4 @@ void warn(const std::string& text) {
 int complain(int exitCode, const std::string& text) {
   warn(text);
   return exitCode;
-}
-
-int unknownClient(const DataStore& store, const std::string& client) {
-  return complain(kExitRefused, "there is no client \"" + client + "\" in " + store.directory() +
-                                    "; \"overhub clients\" lists those there are, \"overhub add-client\" "
-                                    "adds one");
 }

@@ -6,7 +6,6 @@
 
 #include "common/command_line.h"
 #include "lqregistry/CWmError.h"
-#include "overhub/store/data_store.h"
 
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitRefused = 1;  // not found, or refused
@@ -22,6 +21,6 @@ void warn(const std::string& text);
 // Says on standard error what went wrong, and returns `exitCode`.
 [[nodiscard]] int complain(int exitCode, const std::string& text);
 
-// The same for two things that go wrong everywhere.
-[[nodiscard]] int dataUnusable(const CWmError& error);
-[[nodiscard]] int unknownClient(const DataStore& store, const std::string& client);
+// The same for what came of work on the store: kExitRefused for what was refused or not found, kExitDataUnusable
+// when the store is at fault.
+[[nodiscard]] int storeFailed(const CWmError& error);

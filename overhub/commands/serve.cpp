@@ -1,6 +1,4 @@
 // `overhub serve`: answers the clients until it is asked to stop.
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -13,7 +11,9 @@
 #include "lqregistry/ObDebug.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/store_place.h"
 #include "overhub/server/server.h"
+#include "overhub/store/clients.h"
 
 namespace {
 
@@ -35,22 +35,6 @@ std::string placeText(const std::string& address, std::uint16_t port) {
   return (isV6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
 }
 
-// Takes the directory for this process; an exit code.
-[[nodiscard]] int takeDirectory(const DataStore& store, programs::FileLock& lock) {
-  if (const CWmError error = store.prepare(); error.IsError()) return dataUnusable(error);
-  lock = programs::FileLock::tryFor(store.serveLockFile());
-  if (lock.isHeldElsewhere()) {
-    std::string holder;
-    // Who it is only helps; without it the refusal stands just the same.
-    static_cast<void>(file_access::readWhole(store.serveLockFile(), holder));
-    return complain(kExitRefused, "another overhub (process " + holder + ") serves " + store.directory() +
-                                      " already; stop it first, or name another directory with --data");
-  }
-  CWmError error = lock.error();
-  if (!error.IsError()) error = lock.write(std::to_string(::getpid()));
-  return error.IsError() ? dataUnusable(error) : kExitOk;
-}
-
 CWmError listenEverywhere(Server& server, const Serve& options, std::string& places) {
   std::vector<std::string> list;
   const std::vector<std::string> any{kAnyAddress};
@@ -66,13 +50,22 @@ CWmError listenEverywhere(Server& server, const Serve& options, std::string& pla
   return {};
 }
 
-void announce(const DataStore& store, const std::string& places) {
-  std::vector<std::string> clients;
-  const CWmError error = store.clientNames(clients);
+void announce(const Store& store, const std::string& places) {
+  std::size_t clients = 0;
+  std::string doubt;
+  const CWmError error = store.database().read([&](soci::session& session) -> CWmError {
+    clients = allClients(session).size();
+    doubt = store.database().engine().doubt(session);
+    return {};
+  });
   const std::string known = error.IsError()
                                 ? std::string("but the clients cannot be listed: ") + error.AsString()
-                                : std::to_string(clients.size()) + " clients";
-  const std::string text = "overhub ready on " + places + ", data in " + store.directory() + ", " + known;
+                                : std::to_string(clients) + " clients";
+  if (!doubt.empty()) {
+    warn(doubt);
+    ObEvent().Error(kTag, "%s", doubt.c_str());
+  }
+  const std::string text = "overhub ready on " + places + ", store " + store.place() + ", " + known;
   print(programs::escapedForTerminal(text) + '\n');
   std::fflush(stdout);
   ObEvent().DebugLvl(0, kTag, "%s", text.c_str());
@@ -91,14 +84,12 @@ void stop(Server& server) {
 }
 
 // Does not return when sessions had to be cut off.
-int serve(const DataStore& store, const Serve& options) {
+int serve(const Store& store, const Serve& options) {
   CWmError error = programs::configureLog(options.log);
   if (error.IsError()) return complain(kExitUsage, error.AsString());
   const programs::StopSignals stopSignals;
   programs::raiseDescriptorLimit();
 
-  programs::FileLock lock;
-  if (const int exitCode = takeDirectory(store, lock); exitCode != kExitOk) return exitCode;
   Server server(store);
   std::string places;
   error = listenEverywhere(server, options, places);
@@ -116,10 +107,10 @@ int serve(const DataStore& store, const Serve& options) {
 
 }  // namespace
 
-void addServe(programs::CommandLine& line, const std::string& data) {
+void addServe(programs::CommandLine& line, const Store::Place& place) {
   const auto options = std::make_shared<Serve>();
   line.add("serve", "Answer the clients until asked to stop",
-           [&data, options] { return serve(DataStore(data), *options); })
+           onMadeStore(place, [options](const Store& store) { return serve(store, *options); }))
       .option("--listen ADDRESS", options->addresses,
               std::string("Address to listen on, may be repeated; otherwise ") + kAnyAddress)
       .ports("--ports FIRST,SECOND", options->ports, "The two service ports")

@@ -1,4 +1,4 @@
-// `overhub set`: adds or replaces a record of a client's batch.
+// `overhub set`: sets a value for machines, groups or all.
 #include <strings.h>
 #include <unistd.h>
 
@@ -7,33 +7,43 @@
 #include <memory>
 #include <string_view>
 
-#include "overhub/commands/client_batch.h"
+#include "overhub/commands/change_options.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
 #include "overhub/commands/record_check.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/commands/target.h"
 #include "overhub/commands/time_argument.h"
-#include "overhub/store/batch_edit.h"
+#include "records/secret_values.h"
 
 namespace {
 
 constexpr const char* kFooter =
     R"(Paths: "SOFTWARE/..." is absolute, anything else is below the root of the client's instance, which is "~".
 Quote "~", or the shell puts your home directory in its place.
-The client applies the record at its next synchronisation.
+Of what is set for a machine, for its groups and for all, the nearest counts: the machine's own before its groups',
+that of the group with the higher number before the others, those before @all. A machine applies it at its next
+synchronisation.
 
 Examples:
   overhub set web-1 '~/Limits' nMAX 20
+  overhub set @all '~/Limits' nMAX 50 --why "ticket 4711" --dry-run
+  overhub set @berlin,web-2 '~/Trial' bON 1 --until +1d
   overhub set web-1 '~/Limits' nMAX --delete            (the client removes the value)
   overhub set web-1 '~/Proxy' sPASSWORD --secret < password.txt
   overhub set @static '~/Limits' nMAX 20                (what clients get that ask for the static list))";
 
 struct Set {
-  std::string client;
-  RecordChange change;
-  bool isSecret = false;  // the value comes from standard input
-  std::string until;      // as time_argument.h has it; empty: none
-  bool isForced = false;  // also what may cut the machine off
+  std::string target;
+  std::string path;
+  std::string name;
+  std::string type = STRINGTYPE;
+  std::optional<std::string> value;
+  bool isSecret = false;    // the value comes from standard input
+  bool isRemoval = false;   // the client is to remove the value
+  bool isDisabled = false;  // not wanted for now
+  std::string until;        // as time_argument.h has it; empty: none
+  ChangeOptions change;
 };
 
 CWmError misused(std::string why) {
@@ -44,7 +54,7 @@ CWmError misused(std::string why) {
 constexpr std::size_t kMaxSecret = 64U << 10;
 
 // Standard input up to its end, without the newline that a shell puts there.
-CWmError readSecret(std::optional<pstring>& secret) {
+CWmError readSecret(pstring& secret) {
   std::array<char, kMaxSecret + 1> buffer{};
   std::size_t size = 0;
   ssize_t got = 0;
@@ -61,13 +71,14 @@ CWmError readSecret(std::optional<pstring>& secret) {
 
 // What does not go together is an error.
 CWmError checkCombination(const Set& wanted) {
-  const RecordChange& change = wanted.change;
-  if (wanted.isSecret && change.value)
+  if (wanted.isSecret && wanted.value)
     return misused("--secret takes the value from standard input, not from the command line");
-  if (!wanted.isSecret && strcasecmp(change.type.c_str(), ENCRYPTEDTYPE) == 0)
+  if (!wanted.isSecret && strcasecmp(wanted.type.c_str(), ENCRYPTEDTYPE) == 0)
     return misused("a protected value is set with --secret, which sets its type too");
-  const bool needsValue = !wanted.isSecret && !change.isRemoval && change.type != KEYTYPE;
-  if (needsValue && !change.value) {
+  if (!wanted.until.empty() && (wanted.isRemoval || wanted.type == KEYTYPE))
+    return misused("--until says when a value ends; a removal and a sub-key have no end");
+  const bool needsValue = !wanted.isSecret && !wanted.isRemoval && wanted.type != KEYTYPE;
+  if (needsValue && !wanted.value) {
     return misused(
         "VALUE is missing (for an empty value write \"\"; none is needed with --delete, --secret or "
         "--type KEY)");
@@ -75,49 +86,68 @@ CWmError checkCombination(const Set& wanted) {
   return {};
 }
 
-int set(const DataStore& store, const Set& wanted) {
-  RecordChange change = wanted.change;  // and the secret no longer than that
+CWmError makeRecord(const Set& wanted, OBGui::RegistryKeyInfo& record) {
+  record.keyPath = wanted.path;
+  record.valueName = wanted.name;
+  record.valueType = wanted.type;
+  if (wanted.value) record.value = *wanted.value;
+  record.deleteFlag = wanted.isRemoval ? 1 : 0;
+  record.enabledFlag = wanted.isDisabled ? 0 : 1;
+  if (!wanted.isSecret) return {};
+  record.valueType = std::string(ENCRYPTEDTYPE);
+  record.value = std::string(kHiddenSecret);
+  return readSecret(record.encryptedValue.edit());
+}
+
+int set(const Store& store, const Set& wanted) {
+  OBGui::RegistryKeyInfo record;
+  std::int64_t expires = 0;
   CWmError error = checkCombination(wanted);
-  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, change.until.emplace());
-  if (!error.IsError() && wanted.isSecret) error = readSecret(change.secret);
-  const OBGui::RegistryKeyInfo record = recordOf(change);
+  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, expires);
+  if (!error.IsError()) error = makeRecord(wanted, record);
   if (!error.IsError()) error = checkRecord(record);
   if (error.IsError())
     return complain(kExitUsage, std::string(error.AsString()) + "; see \"overhub set --help\"");
-  if (!wanted.isForced) error = checkHarm(record);
+  if (!wanted.change.isForced()) error = checkHarm(record);
   if (error.IsError())
     return complain(kExitRefused, std::string(error.AsString()) + ". --force sets it all the same");
   if (const std::string doubt = doubtAbout(record); !doubt.empty()) warn(doubt);
-  return editBatch(store, wanted.client, [&change](OBGui::KeyList& keys) {
-    setRecord(keys, change);
-    return kExitOk;
-  });
+
+  Setting setting = settingOf("", record);
+  setting.expires = expires;
+  if (wanted.isSecret && !setting.isSecret())
+    return complain(kExitDataUnusable, "the secret cannot be protected with " + store.keyFile());
+  return wanted.change.make(store, "set " + wanted.target + " " + wanted.path + " " + wanted.name,
+                            [&](soci::session& session, ChangeSet& changes) {
+                              std::vector<std::string> scopes;
+                              const CWmError fault = scopesOfTarget(session, wanted.target, scopes);
+                              for (const std::string& scope : scopes) {
+                                setting.scope = scope;
+                                changes.put(setting);
+                              }
+                              return fault;
+                            });
 }
 
 }  // namespace
 
-void addSet(programs::CommandLine& line, const std::string& data) {
+void addSet(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Set>();
-  RecordChange& change = wanted->change;
-  line.add("set", "Add or replace a record of a client's batch",
-           onExisting(data, [wanted](const DataStore& store) { return set(store, *wanted); }))
-      .required("CLIENT", wanted->client, "The client's name, or @static for the static list")
-      .required("PATH", change.path, "The key's path")
-      .required("NAME", change.name, "The value's name; with --type KEY, the sub-key's")
-      .option("VALUE", change.value, "The value")
-      .option("--type WORD", change.type, "Type word: STRING, or KEY for a sub-key")
+  auto options = line.add("set", "Set a value for machines, groups or all",
+                          onStore(place, [wanted](const Store& store) { return set(store, *wanted); }));
+  options.required("TARGET", wanted->target, std::string(kTargetForms) + "; @static for the static list")
+      .required("PATH", wanted->path, "The key's path")
+      .required("NAME", wanted->name, "The value's name; with --type KEY, the sub-key's")
+      .option("VALUE", wanted->value, "The value")
+      .option("--type WORD", wanted->type, "Type word: STRING, or KEY for a sub-key")
       .flag("--secret", wanted->isSecret, "Take the value from standard input and keep it encrypted")
       .excludes("--type")
-      .flag("--delete", change.isRemoval, "The client is to remove the value")
+      .flag("--delete", wanted->isRemoval, "The client is to remove the value")
       .excludes("--secret")
-      .flag("--disabled", change.isDisabled, "Not wanted on the client for now, which removes it too")
-      .flag(
-          "--force", wanted->isForced,
-          "Set also what a client needs to come back to its server, such as the server's host or the switch "
-          "of the synchronisation")
-      .option(
-          "--until TIME", wanted->until,
-          std::string("When the value ends: ") + kTimeForms +
-              ". Kept as the record NAME_UNTIL, which counts for every NAME of the batch, whatever its path")
-      .footer(kFooter);
+      .flag("--disabled", wanted->isDisabled, "Not wanted on the client for now, which removes it too")
+      .option("--until TIME", wanted->until,
+              std::string("When the value ends: ") + kTimeForms +
+                  ". Sent as NAME_UNTIL, by which a client ends every NAME of its batch, whatever its path");
+  wanted->change.describe(options);
+  options.footer(kFooter);
 }

@@ -1,37 +1,86 @@
-// `overhub show`: a client's batch, secrets hidden.
+// `overhub show`: what is set for machines, groups or all, or what a machine gets; secrets hidden.
 #include <memory>
 
-#include "common/text_table.h"
-#include "overhub/commands/client_batch.h"
 #include "overhub/commands/commands.h"
-#include "overhub/commands/data_directory.h"
+#include "overhub/commands/listing.h"
 #include "overhub/commands/reporting.h"
-#include "records/secret_values.h"
+#include "overhub/commands/store_place.h"
+#include "overhub/commands/target.h"
+#include "overhub/store/change.h"
+#include "overhub/store/hand_out.h"
+#include "overhub/store/settings.h"
 
 namespace {
 
-std::string flagsOf(const OBGui::RegistryKeyInfo& key) {
-  const bool isDisabled = key.enabledFlag.isSet() && key.enabledFlag == 0;
-  if (key.deleteFlag == 0) return isDisabled ? "disabled" : "";
-  return isDisabled ? "delete, disabled" : "delete";
+constexpr const char* kFooter = R"(Examples:
+  overhub show @all
+  overhub show web-1                (what is set for this machine alone)
+  overhub show web-1 --effective    (what it gets, and from where))";
+
+struct Show {
+  std::string target;
+  bool isEffective = false;
+  Listing list{"settings",
+               {{"PATH", "path", Listing::Kind::text},
+                {"NAME", "name", Listing::Kind::text},
+                {"TYPE", "type", Listing::Kind::text},
+                {"VALUE", "value", Listing::Kind::text},
+                {"UNTIL", "until", Listing::Kind::time},
+                {"FLAGS", "flags", Listing::Kind::text},
+                {"SCOPE", "scope", Listing::Kind::text},
+                {"REVISION", "revision", Listing::Kind::number}}};
+};
+
+void addRow(Listing& list, const Setting& setting, const std::string& flags, const ScopeNames& names) {
+  // A removal and a sub-key have no value.
+  const bool hasValue = !setting.isRemoval && !setting.identity.isKey;
+  list.addRow({setting.path, setting.identity.name, setting.type, hasValue ? shownValue(setting) : "",
+               setting.expires, flags, names.of(setting.scope), setting.validFrom});
 }
 
-int show(const DataStore& store, const std::string& client) {
-  OBGui::RegistryTaskResp batch;
-  if (const int exitCode = readBatch(store, client, batch); exitCode != kExitOk) return exitCode;
-  programs::TextTable table({"PATH", "NAME", "TYPE", "VALUE", "FLAGS"});
-  for (const OBGui::RegistryKeyInfo& key : batch.keys.get())
-    table.addRow({key.keyPath, key.valueName, key.valueType, isSecret(key) ? kHiddenSecret : key.value.get(),
-                  flagsOf(key)});
-  print(table.text());
+CWmError listScopes(soci::session& session, Show& wanted) {
+  std::vector<std::string> scopes;
+  const CWmError error = scopesOfTarget(session, wanted.target, scopes);
+  const ScopeNames names(session);
+  const std::int64_t revision = newestRevision(session);
+  for (const std::string& scope : scopes)
+    for (const Setting& setting : settingsOf(session, scope, revision))
+      addRow(wanted.list, setting, shownFlags(setting), names);
+  return error;
+}
+
+CWmError listEffective(const Database& database, soci::session& session, Show& wanted) {
+  Client client;
+  CWmError error = oneClient(session, wanted.target, client);
+  if (error.IsError()) return error;
+  const ScopeNames names(session);
+  MachineState state;
+  error = machineState(session, client.id, client.name, database.now(session), state);
+  for (const auto& [identity, effective] : state.settings)
+    addRow(wanted.list, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting), names);
+  return error;
+}
+
+int show(const Store& store, Show& wanted) {
+  const Database& database = store.database();
+  const Listing empty = wanted.list;
+  const CWmError error = database.read([&](soci::session& session) {
+    wanted.list = empty;
+    return wanted.isEffective ? listEffective(database, session, wanted) : listScopes(session, wanted);
+  });
+  if (error.IsError()) return storeFailed(error);
+  print(wanted.list.output());
   return kExitOk;
 }
 
 }  // namespace
 
-void addShow(programs::CommandLine& line, const std::string& data) {
-  const auto client = std::make_shared<std::string>();
-  line.add("show", "Print a client's batch, secrets hidden",
-           onExisting(data, [client](const DataStore& store) { return show(store, *client); }))
-      .required("CLIENT", *client, "The client's name, or @static");
+void addShow(programs::CommandLine& line, const Store::Place& place) {
+  const auto wanted = std::make_shared<Show>();
+  auto options = line.add("show", "Print what is set, or with --effective what a machine gets; secrets hidden",
+                          onStore(place, [wanted](const Store& store) { return show(store, *wanted); }));
+  options.required("TARGET", wanted->target, std::string(kTargetForms) + "; @static for the static list")
+      .flag("--effective", wanted->isEffective, "All that this one machine gets, with scope and revision");
+  wanted->list.describe(options);
+  options.footer(kFooter);
 }

@@ -5,6 +5,8 @@
 #include "lqregistry/OBGui.h"
 #include "lqregistry/ObDebug.h"
 #include "overhub/store/acknowledgements.h"
+#include "overhub/store/hand_out.h"
+#include "overhub/store/uploads.h"
 
 namespace {
 
@@ -12,73 +14,51 @@ std::string countText(const OBGui::KeyList& keys) {
   return std::to_string(keys.size()) + " records";
 }
 
-// Clients put their id into uploads narrowed to 32 bits, so one of 2^31 and above comes as another number.
-std::int64_t asUploaded(std::int64_t clientId) {
-  return static_cast<std::int32_t>(clientId);
+// What is wrong with the store is for the log, and for whoever looks after it; a client is told to come again.
+Answer storeUnusable(const CWmError& error, const std::string& what) {
+  ObEvent().Error("registryManager", "%s", error.AsString());
+  return Answer::refused("the server cannot " + what + " now; its log tells why, come again later");
 }
 
-Answer unknownId(std::int64_t claimed, const std::string& client, std::int64_t idOnFile) {
-  return Answer::refused("unknown client id " + std::to_string(claimed) + ": " + client + " is client " +
-                         std::to_string(idOnFile));
-}
-
-// A secret that the server's key does not open cannot be handed out, nor may the batch go without it.
-CWmError requireReadable(const std::string& list, const OBGui::KeyList& keys) {
-  for (const OBGui::RegistryKeyInfo& key : keys) {
-    if (!key.encryptedValue->isUnreadable()) continue;
-    return {kLqErrFile, "the batch of " + list + " cannot be handed out: its secret " + key.keyPath.get() +
-                            " " + key.valueName.get() + " was protected with another key; set it anew"};
+Answer handedOut(HandOut& out) {
+  if (!out.refusal.empty()) {
+    ObEvent().Error("registryManager", "%s", out.refusal.c_str());
+    return Answer::refused(out.refusal);
   }
-  return {};
-}
-
-// The reply to a request for `list`, which is a client's name or the static list. `expectedId`, if not null,
-// must be the id on file.
-Answer replyWithBatch(const DataStore& store, const std::string& list, const std::int64_t* expectedId) {
-  auto batch = std::make_unique<OBGui::RegistryTaskResp>();
-  CWmError error = store.readBatch(list, *batch);
-  if (!error.IsError()) error = requireReadable(list, batch->keys);
-  if (error.IsError()) {
-    ObEvent().Error("registryManager", "%s", error.AsString());
-    return Answer::refused("the server cannot read the batch of " + list +
-                           "; its log tells why, and somebody there has to mend the file");
-  }
-  const std::int64_t idOnFile = batch->client->clientId;
-  if (expectedId != nullptr && *expectedId != idOnFile) return unknownId(*expectedId, list, idOnFile);
-  batch->taskStatus = OBGui::kTaskSuccess;
-  batch->keys.edit();
+  auto batch = std::make_unique<OBGui::RegistryTaskResp>(std::move(out.batch));
   std::string summary = countText(batch->keys);
+  if (out.number != 0)
+    summary += ", hand-out " + std::to_string(out.number) + " of revision " + std::to_string(out.revision);
   return Answer::withReply(std::move(batch), std::move(summary));
 }
 
-Answer answerBatchRequest(const DataStore& store, const std::string& client, const CNMessageBase& message) {
+Answer answerBatchRequest(const Store& store, Caller& caller, const CNMessageBase& message) {
+  HandOut out;
   const std::int64_t id = messageAs<OBGui::RegistryTaskReq>(&message)->client->clientId;
-  return replyWithBatch(store, client, &id);
+  const CWmError error = handOut(store, caller.client, id, out);
+  if (error.IsError()) return storeUnusable(error, "hand out the batch of " + caller.client);
+  if (out.number != 0) caller.handOut = out.number;
+  return handedOut(out);
 }
 
-Answer answerStaticRequest(const DataStore& store, const std::string&, const CNMessageBase&) {
-  return replyWithBatch(store, DataStore::kStaticList, nullptr);
+Answer answerStaticRequest(const Store& store, Caller& caller, const CNMessageBase&) {
+  HandOut out;
+  const CWmError error = handOutStaticList(store, caller.client, out);
+  if (error.IsError()) return storeUnusable(error, "hand out the static list");
+  caller.handOut = 0;
+  return handedOut(out);
 }
 
-Answer acknowledged(const DataStore& store, const std::string& client,
-                    const OBGui::RegistryTaskResp& response) {
-  const CWmError error = recordAcknowledgement(store, client, response.client->clientId, response.taskStatus);
-  if (error.IsError()) {
-    ObEvent().Error("registryManager", "%s", error.AsString());
-    return Answer::refused("the server cannot record the acknowledgement; its log tells why");
-  }
-  return Answer::withoutReply(response.taskStatus.get() == OBGui::kTaskSuccess ? "acknowledged: applied"
-                                                                               : "acknowledged: failed");
+Answer acknowledged(const Store& store, const Caller& caller, const OBGui::RegistryTaskResp& response) {
+  const CWmError error =
+      acknowledge(store, caller.client, caller.handOut, response.client->clientId, response.taskStatus);
+  if (error.IsError()) return storeUnusable(error, "record the acknowledgement");
+  return Answer::withoutReply("acknowledged: " + outcomeText(response.taskStatus));
 }
 
-Answer answerUpload(const DataStore& store, const std::string& client,
-                    const OBGui::RegistryTaskResp& upload) {
-  OBGui::RegistryTaskResp batch;
-  CWmError error = store.readBatch(client, batch);
-  const std::int64_t idOnFile = batch.client->clientId;
-  if (!error.IsError() && upload.client->clientId.get() != asUploaded(idOnFile))
-    return unknownId(upload.client->clientId, client, idOnFile);
-  if (!error.IsError()) error = store.writeUpload(client, upload);
+Answer answerUpload(const Store& store, const Caller& caller, const OBGui::RegistryTaskResp& upload) {
+  const CWmError error = addUpload(store, caller.client, upload);
+  if (error.GetCode() == kLqErrRequestRefused) return Answer::refused(error.AsString());
   if (error.IsError()) ObEvent().Error("registryManager", "%s", error.AsString());
 
   auto verdict = std::make_unique<OBGui::RegistryTaskResp>();
@@ -89,14 +69,14 @@ Answer answerUpload(const DataStore& store, const std::string& client,
 }
 
 // What a response is, its task status tells.
-Answer answerResponse(const DataStore& store, const std::string& client, const CNMessageBase& message) {
+Answer answerResponse(const Store& store, Caller& caller, const CNMessageBase& message) {
   const auto& response = *messageAs<OBGui::RegistryTaskResp>(&message);
   switch (response.taskStatus) {
     case OBGui::kTaskFailed:
     case OBGui::kTaskSuccess:
-      return acknowledged(store, client, response);
+      return acknowledged(store, caller, response);
     case OBGui::kTaskUpload:
-      return answerUpload(store, client, response);
+      return answerUpload(store, caller, response);
     default:
       return Answer::refused("a registry task response with task status " +
                              std::to_string(response.taskStatus) + " is not handled here");

@@ -5,15 +5,19 @@
 
 #include "lqregistry/ObDebug.h"
 #include "overhub/server/service.h"
+#include "overhub/store/hand_out.h"
 
 namespace {
 
 constexpr const char* kTag = "overhub::session";
 
-// Where a client comes from is where it is called, unless a person has named another host.
-void noteAddress(const CLqNetwork& network, const DataStore& store, const std::string& client) {
-  const CWmError error = store.recordAddress(client, network.GetPeerAddress());
+// Where a client comes from is where it is called, unless a person has named another host; and which hand-out an
+// acknowledgement would prove.
+void noteArrival(CLqNetwork& network, const Store& store, const std::string& client) {
+  std::int64_t proving = 0;
+  const CWmError error = noteAttached(store, client, network.GetPeerAddress(), proving);
   if (error.IsError()) ObEvent().Error(kTag, "client %s: %s", client.c_str(), error.AsString());
+  network.SetTicket(proving);
 }
 
 // Who calls, and what it asked for when it attached.
@@ -37,7 +41,7 @@ CWmError identify(CLqNetwork& network, Client& client) {
 }
 
 // Lets the caller in, if it asks for a service that there is.
-bool attach(CLqNetwork& network, const DataStore& store, const Client& client) {
+bool attach(CLqNetwork& network, const Store& store, const Client& client) {
   if (client.service == nullptr) {
     ObEvent().Debug(kTag, "client %s refused: it asks for %s", client.who.c_str(), client.wanted.c_str());
     network.RefuseAttach("this server does not offer " + client.wanted);
@@ -48,17 +52,19 @@ bool attach(CLqNetwork& network, const DataStore& store, const Client& client) {
     ObEvent().Debug(kTag, "%s", error.AsString());
     return false;
   }
-  noteAddress(network, store, client.name);
+  noteArrival(network, store, client.name);
   return true;
 }
 
 // False when the answer could not be sent, which ends the session.
-bool answerRequest(CLqNetwork& network, const DataStore& store, const Client& client,
+bool answerRequest(CLqNetwork& network, const Store& store, const Client& client,
                    const CNMessageBase& message) {
   const Handler handler = client.service->find(message.getTagID());
+  Caller caller{client.name, network.GetTicket()};
   const Answer answer = handler != nullptr
-                            ? handler(store, client.name, message)
+                            ? handler(store, caller, message)
                             : Answer::refused(std::string(message.className()) + " is not handled here");
+  network.SetTicket(caller.handOut);
   CWmError error;
   bool peerGone = false;
   if (!answer.refusal.empty()) {
@@ -79,7 +85,7 @@ bool refuseUnreadable(CLqNetwork& network, const std::string& who, const CWmErro
 
 }  // namespace
 
-bool serveStep(CLqNetwork& network, const DataStore& store) {
+bool serveStep(CLqNetwork& network, const Store& store) {
   Client client;
   CWmError error = identify(network, client);
   if (error.IsError()) {

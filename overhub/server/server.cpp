@@ -6,6 +6,7 @@
 
 #include "lqregistry/ObDebug.h"
 #include "overhub/server/serve_step.h"
+#include "overhub/store/session_keys.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ constexpr const char* kTag = "overhub::Server";
 
 CWmError Server::listen(const std::string& address, std::uint16_t port) {
   auto listener = std::make_unique<LqListener>(
-      [this](const std::string& identity, std::string& key) { return store_.findSessionKey(identity, key); });
+      [this](const std::string& identity, std::string& key) { return findSessionKey(store_, identity, key); });
   CWmError error = listener->open(address, port);
   if (!error.IsError()) listeners_.push_back(std::move(listener));
   return error;

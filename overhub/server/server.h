@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "lqregistry/CLqNetwork.h"
-#include "overhub/store/data_store.h"
+#include "overhub/store/store.h"
 
 // A client that leaves its reply unread holds one for kReplySeconds; hence more than there are processors.
 inline constexpr std::size_t kThreadsPerPort = 32;
@@ -27,7 +27,7 @@ inline constexpr std::chrono::milliseconds kLastWait{1000};
 
 class Server {
  public:
-  explicit Server(const DataStore& store) : store_(store) {}
+  explicit Server(const Store& store) : store_(store) {}
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
@@ -48,7 +48,7 @@ class Server {
   void serveOne(LqListener& listener, std::unique_ptr<CLqNetwork> session);
   bool awaitThreads(std::chrono::milliseconds wait);
 
-  const DataStore& store_;
+  const Store& store_;
   std::vector<std::unique_ptr<LqListener>> listeners_;
   std::vector<std::thread> threads_;
 

@@ -4,12 +4,13 @@
 // new service is a table of its own and a line in services.cpp.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 
 #include "lqregistry/CNMessageBase.h"
-#include "overhub/store/data_store.h"
+#include "overhub/store/store.h"
 
 // A handler's answer: a reply, a refusal with a reason, or neither. `summary` is for the log's line.
 struct Answer {
@@ -22,8 +23,16 @@ struct Answer {
   static Answer refused(std::string reason);
 };
 
-// Answers a message of the client that has proven to be `client`. Several run at once.
-using Handler = Answer (*)(const DataStore& store, const std::string& client, const CNMessageBase& message);
+// Who has proven to be on the other side of a session.
+struct Caller {
+  std::string client;
+  // The hand-out that an acknowledgement in this session proves: what was open at its beginning, or was handed
+  // out in it since. So one that comes late, by another server even, proves nothing else.
+  std::int64_t handOut = 0;
+};
+
+// Answers a message. Several run at once, one a session.
+using Handler = Answer (*)(const Store& store, Caller& caller, const CNMessageBase& message);
 
 struct MessageHandler {
   unsigned long tag;

@@ -1,50 +1,44 @@
 #include "overhub/store/acknowledgements.h"
-#include "lqregistry/UtcText.h"
 
-#include <ctime>
-#include <sstream>
+#include "lqregistry/OBGui.h"
+#include "overhub/store/query.h"
 
 namespace {
 
-// More than a line takes.
-constexpr std::size_t kLastLineBytes = 512;
+using soci::into;
+using soci::use;
 
-void appendLines(const std::string& text, const std::string& client, std::vector<Acknowledgement>& list) {
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    const std::size_t blank = line.find(' ');
-    if (blank != std::string::npos) list.push_back({line.substr(0, blank), client, line.substr(blank + 1)});
-  }
-}
+constexpr std::int64_t kKeptSeconds = 90 * 86400;
+constexpr std::int64_t kKept = 1000;
 
 }  // namespace
 
-CWmError recordAcknowledgement(const DataStore& store, const std::string& client, std::int64_t clientId,
-                               std::int64_t taskStatus) {
-  const char* const meaning = taskStatus == OBGui::kTaskSuccess ? "applied" : "failed";
-  return file_access::appendLine(store.acknowledgementsFile(client),
-                                 lqtext::utcText(std::time(nullptr)) + " id=" + std::to_string(clientId) +
-                                     " taskStatus=" + std::to_string(taskStatus) + " (" + meaning + ")");
+void addAcknowledgement(soci::session& session, std::int64_t clientId, const Acknowledgement& acknowledgement) {
+  std::int64_t number = 0;
+  session << "SELECT COALESCE(MAX(number), 0) + 1 FROM acknowledgements WHERE client = :client",
+      use(clientId, "client"), into(number);
+  session << "INSERT INTO acknowledgements (client, number, time, named_id, status) VALUES (:client, :number,"
+             " :time, :id, :status)",
+      use(clientId, "client"), use(number, "number"), use(acknowledgement.time, "time"),
+      use(acknowledgement.namedId, "id"), use(acknowledgement.taskStatus, "status");
+  const std::int64_t since = acknowledgement.time - kKeptSeconds;
+  const std::int64_t last = number - kKept;
+  session << "DELETE FROM acknowledgements WHERE client = :client AND (time < :since OR number <= :last)",
+      use(clientId, "client"), use(since, "since"), use(last, "last");
 }
 
-CWmError readAcknowledgements(const DataStore& store, const std::string& client,
-                              std::vector<Acknowledgement>& list) {
-  const std::string file = store.acknowledgementsFile(client);
-  if (!file_access::exists(file)) return {};
-  std::string text;
-  CWmError error = file_access::readWhole(file, text);
-  if (!error.IsError()) appendLines(text, client, list);
-  return error;
-}
-
-CWmError lastAcknowledgement(const DataStore& store, const std::string& client, Acknowledgement& last) {
-  last = Acknowledgement();
-  const std::string file = store.acknowledgementsFile(client);
-  if (!file_access::exists(file)) return {};
-  std::string text;
-  CWmError error = file_access::readEnd(file, kLastLineBytes, text);
+std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,
+                                                const std::string& client) {
   std::vector<Acknowledgement> list;
-  if (!error.IsError()) appendLines(text, client, list);
-  if (!list.empty()) last = list.back();
-  return error;
+  Acknowledgement row;
+  row.client = client;
+  forEachRow(
+      session, "SELECT time, named_id, status FROM acknowledgements WHERE client = :client ORDER BY number",
+      [&] { list.push_back(row); }, into(row.time), into(row.namedId), into(row.taskStatus),
+      use(clientId, "client"));
+  return list;
+}
+
+std::string outcomeText(std::int64_t taskStatus) {
+  return taskStatus == OBGui::kTaskSuccess ? "applied" : "failed";
 }

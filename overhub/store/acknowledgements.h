@@ -1,29 +1,28 @@
-// The clients' acknowledgements: for each client a log of lines such as
-// "2026-11-22T20:11:08Z id=7 taskStatus=3 (applied)", newest last.
+// The clients' acknowledgements: what each said of what it was handed, newest last. Those of the last ninety
+// days are kept, at most a thousand a client.
 //
-// Any thread may record, several at once.
+// Within a unit of work (database.h), which gives the session; what goes wrong is thrown to it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "lqregistry/CWmError.h"
-#include "overhub/store/data_store.h"
+#include "overhub/store/database.h"
 
 struct Acknowledgement {
-  std::string time;  // UTC, as in the line
+  std::int64_t time = 0;  // seconds since the epoch
   std::string client;
-  std::string outcome;  // the rest of the line
+  std::int64_t namedId = 0;  // the id that the client said it has
+  std::int64_t taskStatus = 0;
 };
 
-// Records an acknowledgement that came now.
-CWmError recordAcknowledgement(const DataStore& store, const std::string& client, std::int64_t clientId,
-                               std::int64_t taskStatus);
+// Adds one; with the client's row taken, so that they have an order.
+void addAcknowledgement(soci::session& session, std::int64_t clientId, const Acknowledgement& acknowledgement);
 
-// Appends all acknowledgements of a client; none when it has sent none yet.
-CWmError readAcknowledgements(const DataStore& store, const std::string& client,
-                              std::vector<Acknowledgement>& list);
+// Of one client, oldest first.
+std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,
+                                                const std::string& client);
 
-// The client's newest acknowledgement; empty when it has sent none yet.
-CWmError lastAcknowledgement(const DataStore& store, const std::string& client, Acknowledgement& last);
+// Such as "applied".
+std::string outcomeText(std::int64_t taskStatus);

@@ -87,6 +87,14 @@ void CLqNetwork::GetLastErrorGenericText(std::uint32_t& code, std::string& text,
   text = impl_->lastError.AsString();
 }
 
+void CLqNetwork::SetTicket(std::int64_t ticket) {
+  impl_->ticket = ticket;
+}
+
+std::int64_t CLqNetwork::GetTicket() const {
+  return impl_->ticket;
+}
+
 bool CLqNetwork::IsAsking() const {
   return impl_->state == Impl::State::kAsked;
 }

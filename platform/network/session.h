@@ -83,6 +83,7 @@ struct CLqNetwork::Impl {
   bool hasReceived = false;
   CWmError givenUp;
   std::shared_ptr<void> seat;
+  std::int64_t ticket = 0;  // CLqNetwork.h
   // The memory that the request takes, until the session is back in its room.
   std::unique_ptr<FrameBudget::Claim> held;
 

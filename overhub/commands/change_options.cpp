@@ -1,0 +1,87 @@
+#include "overhub/commands/change_options.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+
+#include "common/host_name.h"
+#include "common/text_table.h"
+#include "overhub/commands/reporting.h"
+
+namespace {
+
+// Who types, also behind sudo, and where.
+std::string whoTypes() {
+  std::string user;
+  if (const char* const original = std::getenv("SUDO_USER"); original != nullptr && ::geteuid() == 0) {
+    user = original;
+  } else {
+    std::array<char, 4096> buffer{};
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
+      user = entry.pw_name;
+  }
+  if (user.empty()) user = "user " + std::to_string(::geteuid());
+  const std::string host = programs::ownHostName();
+  return host.empty() ? user : user + "@" + host;
+}
+
+std::string counted(std::size_t number, const char* one) {
+  return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+}
+
+void printEffects(const Effects& effects) {
+  programs::TextTable table({"PATH", "NAME", "BEFORE", "AFTER", "MACHINES"});
+  for (const Effect& effect : effects.values) {
+    table.addRow({effect.identity.place, effect.identity.name, effect.before, effect.after,
+                  std::to_string(effect.machines)});
+  }
+  if (!effects.values.empty()) print(table.text());
+  print(counted(effects.machines.size(), "machine") + " would get something else than before\n");
+  if (!effects.wayBack.empty())
+    print(counted(effects.wayBack.size(), "machine") +
+          " might no longer call, because of " + effects.wayBackValue + "; first of them " +
+          effects.wayBack.front() + "\n");
+}
+
+}  // namespace
+
+void ChangeOptions::describe(programs::CommandLine::Options options) {
+  options.option("--why TEXT", why_, "The reason, for \"overhub log\"")
+      .flag("--dry-run", isDryRun_, "Only show which machines would get what")
+      .option("--expect REVISION", expected_, 0,
+              "Refuse if what is changed here was changed after this revision")
+      .flag("--force", isForced_,
+            "Change also what a client needs to come back to its server, such as the server's host or the switch "
+            "of the synchronisation");
+}
+
+int ChangeOptions::make(const Store& store, const std::string& command, const ChangeBuilder& build) const {
+  ChangeResult result;
+  return make(store, command, build, result);
+}
+
+int ChangeOptions::make(const Store& store, const std::string& command, const ChangeBuilder& build,
+                        ChangeResult& result) const {
+  ChangeNote note;
+  note.who = whoTypes();
+  note.why = why_;
+  note.command = command;
+  note.isForced = isForced_;
+  note.isDryRun = isDryRun_;
+  note.expected = expected_;
+  const CWmError error = makeChange(store.database(), note, build, result);
+  if (error.IsError()) return storeFailed(error);
+  if (result.isNothing) {
+    print("nothing to change: all is so already\n");
+  } else if (isDryRun_) {
+    printEffects(result.effects);
+  } else {
+    print("revision " + std::to_string(result.revision) + ": " +
+          counted(result.effects.machines.size(), "machine") + " will get something else at the next pass\n");
+  }
+  return kExitOk;
+}

@@ -1,0 +1,34 @@
+// What every command that changes something takes, and says when it has: why, a dry run, and whether somebody
+// was faster.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "common/command_line.h"
+#include "overhub/store/change.h"
+#include "overhub/store/store.h"
+
+class ChangeOptions {
+ public:
+  // Adds --why, --dry-run, --expect and --force.
+  void describe(programs::CommandLine::Options options);
+
+  bool isForced() const { return isForced_; }
+  bool isDryRun() const { return isDryRun_; }
+
+  // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no secret.
+  // An exit code.
+  [[nodiscard]] int make(const Store& store, const std::string& command, const ChangeBuilder& build) const;
+
+  // The same, with what became of it for a command that says more.
+  [[nodiscard]] int make(const Store& store, const std::string& command, const ChangeBuilder& build,
+                         ChangeResult& result) const;
+
+ private:
+  std::string why_;
+  bool isDryRun_ = false;
+  bool isForced_ = false;
+  std::optional<std::int64_t> expected_;
+};

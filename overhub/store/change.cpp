@@ -1,0 +1,313 @@
+#include "overhub/store/change.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "common/machine_identity.h"
+#include "lqregistry/CLqNetwork.h"
+#include "overhub/store/effects.h"
+#include "overhub/store/query.h"
+#include "overhub/store/revisions.h"
+#include "overhub/store/schema.h"
+#include "overhub/store/scope.h"
+#include "overhub/store/settings.h"
+
+namespace {
+
+using soci::into;
+using soci::use;
+
+CWmError refused(std::string why) {
+  return {kLqErrRequestRefused, std::move(why)};
+}
+
+// Takes the next revision number. Whoever else is about to change something waits here until this is done.
+std::int64_t takeRevision(soci::session& session) {
+  session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(std::string(kRevisionCounter));
+  return newestRevision(session);
+}
+
+// The revision of a change that was made already, by an attempt whose answer was lost; 0: there is none.
+std::int64_t revisionOf(soci::session& session, const std::string& operation) {
+  std::int64_t revision = 0;
+  session << "SELECT number FROM revisions WHERE operation = :operation", use(operation), into(revision);
+  return revision;
+}
+
+// One attempt at a change, within its transaction.
+class Attempt {
+ public:
+  Attempt(soci::session& session, const ChangeNote& note, std::int64_t revision)
+      : session_(session), note_(note), revision_(revision) {}
+
+  // Weighs the change; isNothing when all is so already.
+  CWmError weighAll(ChangeSet& changes, ChangeResult& result) {
+    lookAround(changes);
+    dropWhatIsSo(changes);
+    result.isNothing = changes.isEmpty();
+    if (result.isNothing) return {};
+    CWmError error = checkExpected(changes);
+    if (error.IsError()) return error;
+    error = checkGroups();
+    if (error.IsError()) return error;
+    result.effects = weigh(names_, before_, after_, fleetBefore_, fleetAfter_);
+    noteWayBack(changes, result.effects);
+    return checkEffects(result.effects);
+  }
+
+  CWmError write(ChangeSet& changes, const std::string& operation, std::int64_t now, ChangeResult& result) {
+    writeRevision(session_, {revision_, now, note_.who, note_.why, note_.command}, operation);
+    for (const auto& edit : changes.settings) {
+      endSetting(session_, edit.scope, edit.identity, revision_);
+      if (edit.after) beginSetting(session_, *edit.after, revision_);
+    }
+    for (const auto& edit : changes.groups) {
+      endGroup(session_, edit.name, revision_);
+      if (edit.number) beginGroup(session_, {edit.name, *edit.number}, revision_);
+    }
+    for (const auto& edit : changes.members) {
+      if (edit.isMember) {
+        beginMember(session_, edit.member, revision_);
+      } else {
+        endMember(session_, edit.member, revision_);
+      }
+    }
+    for (const std::string& scope : touchedScopes(changes)) touchScope(scope);
+    for (const std::int64_t id : result.effects.newScopesFor) touchClient(session_, id, revision_);
+    for (const std::int64_t id : changes.removedClients) removeClient(session_, id, revision_);
+    return addClients(changes, result);
+  }
+
+ private:
+  // Reads what the change may touch, as it is, and makes of it what will be.
+  void lookAround(ChangeSet& changes) {
+    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_)};
+    endWithGroups(changes);
+    for (const auto& edit : changes.settings) names_.insert(edit.identity.name);
+    for (const std::string& group : touchedGroups(changes))
+      for (const Setting& setting : settingsOf(session_, groupScope(group), revision_))
+        names_.insert(setting.identity.name);
+    for (const std::string& name : names_)
+      for (Setting& setting : settingsNamed(session_, name))
+        before_[{setting.scope, name}].push_back(std::move(setting));
+    after_ = before_;
+    for (const auto& edit : changes.settings) editSetting(edit);
+    fleetAfter_ = fleetBefore_;
+    for (const auto& edit : changes.groups) editGroup(edit);
+    for (const auto& edit : changes.members) editMember(edit);
+    std::erase_if(fleetAfter_.clients, [&changes](const Client& client) {
+      const auto& removed = changes.removedClients;
+      return std::find(removed.begin(), removed.end(), client.id) != removed.end();
+    });
+  }
+
+  // With a group goes who was in it and what was said to it, and with a machine what was said to it.
+  void endWithGroups(ChangeSet& changes) {
+    std::vector<std::string> scopes;
+    for (const std::int64_t id : changes.removedClients) scopes.push_back(machineScope(id));
+    for (const auto& edit : changes.groups) {
+      if (edit.number) continue;
+      scopes.push_back(groupScope(edit.name));
+      for (const Member& member : fleetBefore_.members)
+        if (member.group == edit.name) changes.members.push_back({member, false});
+    }
+    for (const std::string& scope : scopes)
+      for (const Setting& setting : settingsOf(session_, scope, revision_))
+        changes.withdraw(scope, setting.identity);
+  }
+
+  static std::set<std::string> touchedGroups(const ChangeSet& changes) {
+    std::set<std::string> groups;
+    for (const auto& edit : changes.groups) groups.insert(edit.name);
+    for (const auto& edit : changes.members) groups.insert(edit.member.group);
+    return groups;
+  }
+
+  static std::set<std::string> touchedScopes(const ChangeSet& changes) {
+    std::set<std::string> scopes;
+    for (const auto& edit : changes.settings) scopes.insert(edit.scope);
+    for (const std::string& group : touchedGroups(changes)) scopes.insert(groupScope(group));
+    return scopes;
+  }
+
+  const Setting* find(const TouchedSettings& settings, const std::string& scope, const Identity& identity) const {
+    const auto said = settings.find({scope, identity.name});
+    if (said == settings.end()) return nullptr;
+    const auto found = std::find_if(said->second.begin(), said->second.end(), [&identity](const Setting& setting) {
+      return setting.identity == identity;
+    });
+    return found == said->second.end() ? nullptr : &*found;
+  }
+
+  void editSetting(const ChangeSet::SettingEdit& edit) {
+    std::vector<Setting>& said = after_[{edit.scope, edit.identity.name}];
+    std::erase_if(said, [&edit](const Setting& setting) { return setting.identity == edit.identity; });
+    if (edit.after) said.push_back(*edit.after);
+  }
+
+  void editGroup(const ChangeSet::GroupEdit& edit) {
+    std::erase_if(fleetAfter_.groups, [&edit](const Group& group) { return group.name == edit.name; });
+    if (edit.number) fleetAfter_.groups.push_back({edit.name, *edit.number});
+  }
+
+  void editMember(const ChangeSet::MemberEdit& edit) {
+    std::erase(fleetAfter_.members, edit.member);
+    if (edit.isMember) fleetAfter_.members.push_back(edit.member);
+  }
+
+  void dropWhatIsSo(ChangeSet& changes) {
+    // Of two edits of one thing the later counts, and only where it changes something.
+    std::set<std::pair<std::string, Identity>> seen;
+    std::vector<ChangeSet::SettingEdit> kept;
+    for (auto edit = changes.settings.rbegin(); edit != changes.settings.rend(); ++edit) {
+      if (!seen.emplace(edit->scope, edit->identity).second) continue;
+      const Setting* const is = find(before_, edit->scope, edit->identity);
+      const bool isSo = edit->after ? is != nullptr && is->saysAs(*edit->after) : is == nullptr;
+      if (!isSo) kept.push_back(std::move(*edit));
+    }
+    changes.settings.assign(std::make_move_iterator(kept.rbegin()), std::make_move_iterator(kept.rend()));
+    std::erase_if(changes.groups, [this](const ChangeSet::GroupEdit& edit) {
+      const auto is = std::find_if(fleetBefore_.groups.begin(), fleetBefore_.groups.end(),
+                                   [&edit](const Group& group) { return group.name == edit.name; });
+      return is == fleetBefore_.groups.end() ? !edit.number : edit.number == is->number;
+    });
+    const std::set<Member> members(fleetBefore_.members.begin(), fleetBefore_.members.end());
+    std::set<Member> edited;
+    std::erase_if(changes.members, [&](const ChangeSet::MemberEdit& edit) {
+      return members.contains(edit.member) == edit.isMember || !edited.insert(edit.member).second;
+    });
+  }
+
+  // Nobody may have changed what this edits since the person looked at it.
+  CWmError checkExpected(const ChangeSet& changes) {
+    if (!note_.expected) return {};
+    std::string later;
+    for (const std::string& scope : touchedScopes(changes)) {
+      std::int64_t touched = 0;
+      session_ << "SELECT touched FROM scopes WHERE scope = :scope", use(scope), into(touched);
+      if (touched <= *note_.expected) continue;
+      const auto revision = findRevision(session_, touched);
+      later += (later.empty() ? "" : "; ") + std::string("revision ") + std::to_string(touched) +
+               (revision ? " of " + revision->who + " (" + revision->command + ")" : std::string());
+    }
+    if (later.empty()) return {};
+    return refused("somebody was faster: " + later + " came after revision " + std::to_string(*note_.expected) +
+                   "; look again with \"overhub log\", and repeat it with the newest revision");
+  }
+
+  CWmError checkGroups() {
+    std::map<std::int64_t, std::string> byNumber;
+    for (const Group& group : fleetAfter_.groups) {
+      const auto [other, isFree] = byNumber.try_emplace(group.number, group.name);
+      if (!isFree)
+        return refused("the groups " + other->second + " and " + group.name + " would both have the number " +
+                       std::to_string(group.number) +
+                       "; it decides which of them counts, so each group has one of its own");
+    }
+    for (const Member& member : fleetAfter_.members) {
+      const bool isThere = std::any_of(fleetAfter_.groups.begin(), fleetAfter_.groups.end(),
+                                       [&member](const Group& group) { return group.name == member.group; });
+      if (!isThere) return refused("there is no group \"" + member.group + "\"; \"overhub groups\" lists those there are");
+    }
+    return {};
+  }
+
+  // Also where no machine gets it now: one may tomorrow.
+  void noteWayBack(const ChangeSet& changes, Effects& effects) const {
+    for (const auto& edit : changes.settings) {
+      const Setting* const was = find(before_, edit.scope, edit.identity);
+      const bool isRemovedClient = clientOfScope(edit.scope) != 0 &&
+                                   std::find(changes.removedClients.begin(), changes.removedClients.end(),
+                                             clientOfScope(edit.scope)) != changes.removedClients.end();
+      if (isRemovedClient) continue;
+      for (const Setting* const setting : {was, edit.after ? &*edit.after : nullptr})
+        if (setting != nullptr && programs::isWayBack(recordOf(*setting)))
+          effects.wayBackValue = "\"" + edit.identity.name + "\" in \"" + setting->path + "\"";
+    }
+  }
+
+  CWmError checkEffects(const Effects& effects) const {
+    if (!effects.conflict.empty()) return refused(effects.conflict);
+    if (effects.wayBackValue.empty() || note_.isForced || note_.isDryRun) return {};
+    return refused(effects.wayBackValue +
+                   " is what a client needs to come back to its server: a mistake in it, and nobody reaches the "
+                   "machine from here again (" +
+                   std::to_string(effects.wayBack.size()) +
+                   " machines would get another one). --force does it all the same, --dry-run shows it");
+  }
+
+  void touchScope(const std::string& scope) {
+    session_ << "INSERT INTO scopes (scope, touched) VALUES (:scope, :revision) ON CONFLICT (scope) DO UPDATE"
+                " SET touched = excluded.touched",
+        use(scope), use(revision_);
+  }
+
+  CWmError addClients(ChangeSet& changes, ChangeResult& result) {
+    std::int64_t highest = 0;
+    session_ << "SELECT value FROM counters WHERE name = :name", use(std::string(kClientIdCounter)), into(highest);
+    const std::int64_t before = highest;
+    for (ChangeSet::NewClient& wanted : changes.newClients) {
+      Client& client = wanted.client;
+      if (client.id == 0) {
+        if (highest == kOpen) return refused("the highest id is in use; choose a free one with --id");
+        client.id = highest + 1;
+      }
+      highest = std::max(highest, client.id);
+      client.validFrom = revision_;
+      addClient(session_, client, wanted.protectedKey);
+      result.newClients.push_back(client);
+    }
+    if (highest != before)
+      session_ << "UPDATE counters SET value = :value WHERE name = :name", use(highest),
+          use(std::string(kClientIdCounter));
+    return {};
+  }
+
+  soci::session& session_;
+  const ChangeNote& note_;
+  std::int64_t revision_;
+  std::set<std::string> names_;
+  TouchedSettings before_;
+  TouchedSettings after_;
+  Fleet fleetBefore_;
+  Fleet fleetAfter_;
+};
+
+}  // namespace
+
+bool ChangeSet::isEmpty() const {
+  return settings.empty() && groups.empty() && members.empty() && newClients.empty() && removedClients.empty();
+}
+
+std::int64_t newestRevision(soci::session& session) {
+  std::int64_t revision = 0;
+  session << "SELECT value FROM counters WHERE name = :name", use(std::string(kRevisionCounter)), into(revision);
+  return revision;
+}
+
+CWmError makeChange(const Database& database, const ChangeNote& note, const ChangeBuilder& build,
+                    ChangeResult& result) {
+  const std::string operation = newSessionKeyHex();  // as random as an operation has to be
+  bool isLeft = false;  // weighed, and there is nothing to write
+  const CWmError error = database.writeOnce([&](soci::session& session) -> CWmError {
+    isLeft = false;
+    const std::int64_t revision = takeRevision(session);
+    if (const std::int64_t done = revisionOf(session, operation); done != 0) {
+      result.revision = done;
+      return {};
+    }
+    result = ChangeResult();
+    ChangeSet changes;
+    CWmError fault = build(session, changes);
+    if (fault.IsError()) return fault;
+    Attempt attempt(session, note, revision);
+    fault = attempt.weighAll(changes, result);
+    if (fault.IsError()) return fault;
+    isLeft = result.isNothing || note.isDryRun;
+    if (isLeft) return refused("nothing is written");
+    result.revision = revision;
+    return attempt.write(changes, operation, database.now(session), result);
+  });
+  return isLeft ? CWmError() : error;
+}

@@ -1,0 +1,63 @@
+// The clients: who they are, where they are called, and what they were last seen doing.
+//
+// Within a unit of work (database.h), which gives the session; what goes wrong is thrown to it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "overhub/store/database.h"
+
+struct Client {
+  std::int64_t id = 0;
+  std::string name;
+  std::string host;  // where a person has said that it is called; empty: where it last came from
+  std::int64_t validFrom = 0;
+};
+
+// What the store knows of a client's passes. hand_out.h tells how the numbers go together.
+struct Contact {
+  std::int64_t client = 0;
+  std::string address;  // that it last came from
+  std::int64_t firstSeen = 0;  // seconds since the epoch; 0: never
+  std::int64_t lastSeen = 0;
+  std::int64_t handed = 0;  // the number of its newest hand-out
+  std::int64_t handedRevision = 0;
+  std::int64_t handedTime = 0;
+  std::int64_t records = 0;      // of that hand-out
+  std::int64_t mostRecords = 0;  // of any
+  std::int64_t proving = 0;      // the hand-out that the next acknowledgement proves; 0: none
+  std::int64_t proven = 0;       // the newest that was
+  std::int64_t provenRevision = 0;
+  std::int64_t base = 0;     // what hand-outs from this number on carried may still be on the machine
+  std::int64_t touched = 0;  // the newest revision that changed which groups it is in, or made it one
+  bool isCacheUnknown = false;
+  std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
+  std::int64_t outcomeTime = 0;
+  std::string refusal;  // why it was handed nothing the last time; empty: it was
+};
+
+std::optional<Client> findClient(soci::session& session, const std::string& name);
+// All that have not been removed; in no order.
+std::vector<Client> allClients(soci::session& session);
+// Whether the id was ever given to anybody.
+bool isIdTaken(soci::session& session, std::int64_t id);
+
+void addClient(soci::session& session, const Client& client, const std::string& protectedKey);
+// Its name is free and its key gone from the revision on; its id is not given again.
+void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
+
+// A client's session key, as the text that protects it.
+std::string protectedKeyOf(soci::session& session, std::int64_t id);
+void setProtectedKey(soci::session& session, std::int64_t id, const std::string& protectedKey);
+void setHost(soci::session& session, std::int64_t id, const std::string& host);
+
+Contact contactOf(soci::session& session, std::int64_t id);
+std::vector<Contact> allContacts(soci::session& session);
+void setAddress(soci::session& session, std::int64_t id, const std::string& address, std::int64_t now);
+// That the client's scopes are others from the revision on.
+void touchClient(soci::session& session, std::int64_t id, std::int64_t revision);
+// What it may hold is not known any more: all that it was ever handed counts as held again.
+void doubtCache(soci::session& session, std::int64_t id);

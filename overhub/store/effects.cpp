@@ -1,0 +1,169 @@
+#include "overhub/store/effects.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "common/machine_identity.h"
+#include "overhub/store/machine_batch.h"
+#include "overhub/store/scope.h"
+
+namespace {
+
+// The scopes of any machine, found fast: names are looked up, and only patterns are tried.
+class ScopeFinder {
+ public:
+  explicit ScopeFinder(const Fleet& fleet) {
+    for (const Group& group : fleet.groups) numbers_[group.name] = group.number;
+    for (const Member& member : fleet.members) {
+      if (isPattern(member.pattern)) {
+        patterns_.push_back(member);
+      } else {
+        byName_[member.pattern].push_back(member.group);
+      }
+    }
+  }
+
+  // The farthest first.
+  std::vector<std::string> scopesOf(const Client& client) const {
+    std::vector<std::pair<std::int64_t, std::string>> groups;
+    const auto add = [&](const std::string& name) {
+      const auto number = numbers_.find(name);
+      if (number != numbers_.end()) groups.emplace_back(number->second, name);
+    };
+    if (const auto named = byName_.find(client.name); named != byName_.end())
+      for (const std::string& group : named->second) add(group);
+    for (const Member& member : patterns_)
+      if (isMeantBy(member.pattern, client.name)) add(member.group);
+    std::sort(groups.begin(), groups.end());
+    groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
+    std::vector<std::string> scopes{kAllScope};
+    for (const auto& group : groups) scopes.push_back(groupScope(group.second));
+    scopes.push_back(machineScope(client.id));
+    return scopes;
+  }
+
+ private:
+  std::unordered_map<std::string, std::int64_t> numbers_;
+  std::unordered_map<std::string, std::vector<std::string>> byName_;
+  std::vector<Member> patterns_;
+};
+
+EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<std::string>& names,
+                         const TouchedSettings& settings) {
+  std::vector<std::vector<Setting>> said;
+  for (const std::string& scope : scopes) {
+    std::vector<Setting>& here = said.emplace_back();
+    for (const std::string& name : names)
+      if (const auto found = settings.find({scope, name}); found != settings.end())
+        here.insert(here.end(), found->second.begin(), found->second.end());
+  }
+  // Whether a time has come is the hand-out's to see; a change is weighed as if none had.
+  return effectiveSettings(said, 0);
+}
+
+bool isWayBack(const Setting& setting) {
+  return programs::isWayBack(recordOf(setting));
+}
+
+struct Difference {
+  const Setting* before;  // null: nothing
+  const Setting* after;
+};
+
+std::map<Identity, Difference> differences(const EffectiveSettings& before, const EffectiveSettings& after) {
+  std::map<Identity, Difference> found;
+  for (const auto& [identity, was] : before) {
+    const auto is = after.find(identity);
+    if (is == after.end()) {
+      found[identity] = {&was.setting, nullptr};
+    } else if (!was.setting.saysAs(is->second.setting)) {
+      found[identity] = {&was.setting, &is->second.setting};
+    }
+  }
+  for (const auto& [identity, is] : after)
+    if (!before.contains(identity)) found[identity] = {nullptr, &is.setting};
+  return found;
+}
+
+std::string shown(const Setting* setting) {
+  if (setting == nullptr) return "(not set)";
+  std::string text = shownValue(*setting);
+  if (setting->isDisabled) text += " (disabled)";
+  if (setting->expires != 0) text += " until " + std::to_string(setting->expires);
+  return text;
+}
+
+// Machines for which a change does the same: what they hear of these values comes from the same scopes.
+struct Kind {
+  std::vector<std::string> before;
+  std::vector<std::string> after;
+
+  auto operator<=>(const Kind&) const = default;
+};
+
+std::vector<std::string> speaking(const std::vector<std::string>& scopes, const std::set<std::string>& speakers) {
+  std::vector<std::string> heard;
+  std::copy_if(scopes.begin(), scopes.end(), std::back_inserter(heard),
+               [&speakers](const std::string& scope) { return speakers.contains(scope); });
+  return heard;
+}
+
+std::set<std::string> speakersOf(const TouchedSettings& settings) {
+  std::set<std::string> scopes;
+  for (const auto& [place, said] : settings)
+    if (!said.empty()) scopes.insert(place.first);
+  return scopes;
+}
+
+void add(const Identity& identity, const Difference& difference, const std::vector<const Client*>& machines,
+         std::map<std::tuple<Identity, std::string, std::string>, std::int64_t>& values, Effects& effects) {
+  values[{identity, shown(difference.before), shown(difference.after)}] +=
+      static_cast<std::int64_t>(machines.size());
+  for (const Setting* const setting : {difference.before, difference.after}) {
+    if (setting == nullptr || !isWayBack(*setting)) continue;
+    effects.wayBackValue = "\"" + identity.name + "\" in \"" + setting->path + "\"";
+    for (const Client* const client : machines) effects.wayBack.push_back(client->name);
+  }
+}
+
+void sortUnique(std::vector<std::string>& names) {
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+}
+
+}  // namespace
+
+Effects weigh(const std::set<std::string>& names, const TouchedSettings& before, const TouchedSettings& after,
+              const Fleet& fleetBefore, const Fleet& fleetAfter) {
+  Effects effects;
+  const ScopeFinder finderBefore(fleetBefore);
+  const ScopeFinder finderAfter(fleetAfter);
+  const std::set<std::string> speakersBefore = speakersOf(before);
+  const std::set<std::string> speakersAfter = speakersOf(after);
+  std::map<Kind, std::vector<const Client*>> kinds;
+  for (const Client& client : fleetAfter.clients) {
+    const std::vector<std::string> scopesBefore = finderBefore.scopesOf(client);
+    const std::vector<std::string> scopesAfter = finderAfter.scopesOf(client);
+    if (scopesBefore != scopesAfter) effects.newScopesFor.push_back(client.id);
+    kinds[{speaking(scopesBefore, speakersBefore), speaking(scopesAfter, speakersAfter)}].push_back(&client);
+  }
+
+  std::map<std::tuple<Identity, std::string, std::string>, std::int64_t> values;
+  for (const auto& [kind, machines] : kinds) {
+    const EffectiveSettings was = merged(kind.before, names, before);
+    const EffectiveSettings is = merged(kind.after, names, after);
+    const auto found = differences(was, is);
+    if (found.empty()) continue;
+    for (const auto& [identity, difference] : found) add(identity, difference, machines, values, effects);
+    for (const Client* const client : machines) effects.machines.push_back(client->name);
+    if (effects.conflict.empty()) {
+      effects.conflict = expiryConflict(is);
+      if (!effects.conflict.empty()) effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
+    }
+  }
+  for (const auto& [key, machines] : values)
+    effects.values.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), machines});
+  sortUnique(effects.machines);
+  sortUnique(effects.wayBack);
+  return effects;
+}

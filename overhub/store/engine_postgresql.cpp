@@ -1,0 +1,116 @@
+#include <soci/postgresql/soci-postgresql.h>
+#include <soci/soci.h>
+
+#include <regex>
+#include <stdexcept>
+
+#include "overhub/store/engine.h"
+
+namespace {
+
+// How long one host is tried, and how long what was sent may stay unanswered by the other machine's kernel.
+constexpr const char* kConnectSeconds = "10";
+constexpr const char* kUnansweredMilliseconds = "20000";
+
+// No session that has died in the middle, or hangs, keeps the others waiting for good. A COMMIT is never cut
+// short: it would have been carried out here, and perhaps not on the standby.
+constexpr const char* kSettings[] = {"SET idle_in_transaction_session_timeout = '60s'",
+                                     "SET lock_timeout = '60s'", "SET client_min_messages = 'error'"};
+
+std::string stateOf(const std::exception& fault) {
+  const auto* const theirs = dynamic_cast<const soci::postgresql_soci_error*>(&fault);
+  return theirs == nullptr ? "" : theirs->sqlstate();
+}
+
+// The library has no word of its own for a server that cannot be reached.
+struct Unreachable : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Class 08 is the connection's, 57P0 a server that is ending or starting; 25006 one that has become a standby.
+bool isLost(const std::exception& fault) {
+  const std::string state = stateOf(fault);
+  return dynamic_cast<const Unreachable*>(&fault) != nullptr || state.starts_with("08") ||
+         state.starts_with("57P0") || state == "25006";
+}
+
+// Not what(): that has the values of the statement in it, and some are secrets.
+std::string reasonOf(const std::exception& fault) {
+  const auto* const general = dynamic_cast<const soci::soci_error*>(&fault);
+  std::string reason = general == nullptr ? fault.what() : general->get_error_message();
+  while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) reason.pop_back();
+  return reason;
+}
+
+// The URI with one more parameter, unless it has that one already.
+std::string withParameter(const std::string& uri, const std::string& name, const std::string& value) {
+  if (uri.find(name + '=') != std::string::npos) return uri;
+  return uri + (uri.find('?') == std::string::npos ? '?' : '&') + name + '=' + value;
+}
+
+class Postgresql : public Engine {
+ public:
+  explicit Postgresql(const std::string& uri)
+      : Engine(std::regex_replace(std::regex_replace(uri, std::regex("(://[^:/@?]*):[^@/?]*@"), "$1:********@"),
+                                  std::regex("(password=)[^&]*"), "$1********")) {
+    uri_ = withParameter(uri, "connect_timeout", kConnectSeconds);
+    uri_ = withParameter(uri_, "tcp_user_timeout", kUnansweredMilliseconds);
+    uri_ = withParameter(uri_, "target_session_attrs", "read-write");
+  }
+
+  std::unique_ptr<soci::session> connect() const override {
+    std::unique_ptr<soci::session> session;
+    try {
+      session = std::make_unique<soci::session>(*soci::factory_postgresql(), uri_);
+    } catch (const std::exception& fault) {
+      throw Unreachable(reasonOf(fault));
+    }
+    for (const char* const setting : kSettings) *session << setting;
+    return session;
+  }
+
+  CWmError check() const override { return {}; }
+  CWmError prepare() const override { return {}; }
+
+  Fault faultOf(const std::exception& fault) const override {
+    const std::string state = stateOf(fault);
+    // A deadlock, a state that has moved on, a lock that was not had in time.
+    if (state == "40P01" || state == "40001" || state == "55P03") return Fault::kOutOfTurn;
+    if (state.starts_with("23")) return Fault::kConstraint;
+    return isLost(fault) ? Fault::kLost : Fault::kOther;
+  }
+
+  std::string explain(const std::exception& fault) const override {
+    const std::string text = place() + ": " + reasonOf(fault);
+    const std::string state = stateOf(fault);
+    if (state == "42501" || state.starts_with("28"))
+      return text + "; see that its user may connect, and owns the tables";
+    if (state == "53100") return text + "; free space on its disk, nothing was changed";
+    if (isLost(fault)) return text + "; see that PostgreSQL runs there";
+    return text;
+  }
+
+  std::string doubt(soci::session& session) const override {
+    std::string value;
+    session << "SELECT setting FROM pg_settings WHERE name = 'synchronous_commit'", soci::into(value);
+    if (value != "off") {
+      session << "SELECT setting FROM pg_settings WHERE name = 'fsync'", soci::into(value);
+      if (value != "off") return {};
+      return place() + " runs with fsync = off: a power cut may damage the store";
+    }
+    return place() + " runs with synchronous_commit = off: a crash may lose what was acknowledged last";
+  }
+
+  const char* beginReading() const override { return "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"; }
+  const char* beginWriting() const override { return "BEGIN"; }
+  const char* now() const override { return "CAST(EXTRACT(EPOCH FROM clock_timestamp()) AS BIGINT)"; }
+
+ private:
+  std::string uri_;
+};
+
+}  // namespace
+
+std::unique_ptr<Engine> postgresqlEngine(const std::string& uri) {
+  return std::make_unique<Postgresql>(uri);
+}

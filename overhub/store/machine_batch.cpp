@@ -1,0 +1,115 @@
+#include "overhub/store/machine_batch.h"
+
+#include <utility>
+
+#include "records/record_rules.h"
+
+namespace {
+
+// A key and names that no machine has a value under.
+constexpr const char* kNoSuchKey = "~/Overhub/Withdrawn";
+constexpr const char* kNoSuchName = "nothing";
+
+bool isOver(const Setting& setting, std::int64_t now) {
+  return setting.expires != 0 && setting.expires < now;
+}
+
+OBGui::RegistryKeyInfo removalOf(const std::string& path, const std::string& name) {
+  OBGui::RegistryKeyInfo record;
+  record.keyPath = path;
+  record.valueName = name;
+  record.valueType = std::string(STRINGTYPE);
+  record.deleteFlag = 1;
+  record.enabledFlag = 1;
+  return record;
+}
+
+Setting asWithdrawn(const Identity& identity, const std::string& path) {
+  Setting setting;
+  setting.identity = identity;
+  setting.path = path;
+  return setting;
+}
+
+void removeValue(const Identity& identity, const std::string& path, bool withExpiry, OBGui::KeyList& batch) {
+  if (identity.isKey) {
+    // The sub-key stays, with what is in it; it only goes out of the client's cache.
+    batch.push_back(removalOf(subKeyPath(path, identity.name), kNoSuchName));
+    return;
+  }
+  batch.push_back(removalOf(path, identity.name));
+  if (withExpiry) batch.push_back(expiryRecordOf(asWithdrawn(identity, path), true));
+}
+
+void addRemovals(const EffectiveSettings& settings, const HeldSettings& held, OBGui::KeyList& batch) {
+  for (const auto& [identity, before] : held) {
+    const auto now = settings.find(identity);
+    if (now == settings.end()) {
+      removeValue(identity, before.path, before.hasExpiry, batch);
+    } else if (before.hasExpiry && now->second.setting.expires == 0 && !identity.isKey) {
+      batch.push_back(expiryRecordOf(asWithdrawn(identity, before.path), true));
+    }
+  }
+  for (const auto& [identity, effective] : settings) {
+    if (effective.isExpired) {
+      removeValue(identity, effective.setting.path, true, batch);
+    } else if (!effective.setting.isLive()) {
+      batch.push_back(recordOf(effective.setting));
+      if (effective.setting.expires != 0) batch.push_back(expiryRecordOf(effective.setting, true));
+    }
+  }
+}
+
+}  // namespace
+
+EffectiveSettings effectiveSettings(const std::vector<std::vector<Setting>>& scopes, std::int64_t now) {
+  EffectiveSettings merged;
+  for (const std::vector<Setting>& scope : scopes) {
+    for (const Setting& setting : scope) {
+      const bool isExpired = isOver(setting, now);
+      const auto [place, isNew] = merged.try_emplace(setting.identity, Effective{setting, isExpired});
+      if (!isNew && (!isExpired || place->second.isExpired)) place->second = {setting, isExpired};
+    }
+  }
+  return merged;
+}
+
+std::string expiryConflict(const EffectiveSettings& settings) {
+  std::map<std::string, const Setting*> firstOfName;
+  for (const auto& [identity, effective] : settings) {
+    if (effective.isExpired || !effective.setting.isLive()) continue;
+    const auto [other, isFirst] = firstOfName.try_emplace(identity.name, &effective.setting);
+    if (isFirst || other->second->expires == effective.setting.expires) continue;
+    const Setting& here = *other->second;
+    const Setting& there = effective.setting;
+    const auto text = [](const Setting& setting) {
+      return "\"" + setting.path + "\" " +
+             (setting.expires == 0 ? std::string("has no end") : "ends at " + std::to_string(setting.expires));
+    };
+    return "clients end a value by its name in all keys at once, and \"" + identity.name + "\" in " + text(here) +
+           " while that in " + text(there) + "; give both the same --until, or none";
+  }
+  return {};
+}
+
+void addHeld(const Setting& setting, HeldSettings& held) {
+  MayHold& entry = held[setting.identity];
+  entry.path = setting.path;
+  entry.hasExpiry = entry.hasExpiry || setting.expires != 0;
+}
+
+OBGui::KeyList batchOf(const EffectiveSettings& settings, const HeldSettings& held, std::size_t atLeast) {
+  OBGui::KeyList batch;
+  addRemovals(settings, held, batch);
+  std::size_t live = 0;
+  for (const auto& [identity, effective] : settings)
+    if (!effective.isExpired && effective.setting.isLive()) live += effective.setting.expires == 0 ? 1 : 2;
+  for (std::size_t n = 1; batch.size() + live < atLeast; ++n)
+    batch.push_back(removalOf(kNoSuchKey, kNoSuchName + std::to_string(n)));
+  for (const auto& [identity, effective] : settings) {
+    if (effective.isExpired || !effective.setting.isLive()) continue;
+    batch.push_back(recordOf(effective.setting));
+    if (effective.setting.expires != 0) batch.push_back(expiryRecordOf(effective.setting, false));
+  }
+  return batch;
+}

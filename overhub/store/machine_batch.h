@@ -1,0 +1,45 @@
+// What a machine gets: the settings of its scopes merged, and what it should no longer hold, as one batch.
+//
+// Pure computation, so that it can be looked at without a store.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "overhub/store/setting.h"
+
+// What counts for one value of a machine, after all its scopes were heard.
+struct Effective {
+  Setting setting;
+  bool isExpired = false;  // its time has come, and nothing farther takes its place
+};
+
+using EffectiveSettings = std::map<Identity, Effective>;
+
+// Merges what the scopes say, the farthest first. The nearest counts, with its expiry or without one: a value
+// and its expiry come from the same scope. One whose time has come counts only where no other scope has
+// something to say.
+EffectiveSettings effectiveSettings(const std::vector<std::vector<Setting>>& scopes, std::int64_t now);
+
+// Clients end a value by name alone: when the time of X comes in one key, X ends in all keys. So a batch in
+// which X ends here and stays there cannot be handed out. Says which, or nothing.
+std::string expiryConflict(const EffectiveSettings& settings);
+
+// What a machine may hold of an earlier batch.
+struct MayHold {
+  std::string path;
+  bool hasExpiry = false;
+};
+
+using HeldSettings = std::map<Identity, MayHold>;
+
+// Adds what a machine may hold because one of its scopes said so. More than it really does, where a nearer scope
+// removed it, does no harm: it is gone already.
+void addHeld(const Setting& setting, HeldSettings& held);
+
+// The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's
+// cache is in it, as a value or as a removal; for a batch with fewer records than the cache the client keeps
+// the old one. With `atLeast`, removals of what nobody has fill it up to that many records.
+OBGui::KeyList batchOf(const EffectiveSettings& settings, const HeldSettings& held, std::size_t atLeast);

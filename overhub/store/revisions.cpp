@@ -1,0 +1,43 @@
+#include "overhub/store/revisions.h"
+
+#include <algorithm>
+
+#include "overhub/store/query.h"
+
+namespace {
+
+using soci::into;
+using soci::use;
+
+template <class... Uses>
+std::vector<Revision> select(soci::session& session, const std::string& rest, Uses&&... uses) {
+  std::vector<Revision> revisions;
+  Revision row;
+  forEachRow(
+      session, "SELECT number, time, who, why, command FROM revisions " + rest,
+      [&] { revisions.push_back(row); }, into(row.number), into(row.time), into(row.who), into(row.why),
+      into(row.command), std::forward<Uses>(uses)...);
+  return revisions;
+}
+
+}  // namespace
+
+void writeRevision(soci::session& session, const Revision& revision, const std::string& operation) {
+  // A clock that was set back must not make an older change look newer.
+  std::int64_t newest = 0;
+  session << "SELECT time FROM revisions WHERE number = (SELECT MAX(number) FROM revisions)", into(newest);
+  const std::int64_t time = std::max(newest, revision.time);
+  session << "INSERT INTO revisions (number, time, who, why, command, operation) VALUES (:number, :time, :who,"
+             " :why, :command, :operation)",
+      use(revision.number, "number"), use(time, "time"), use(revision.who, "who"), use(revision.why, "why"),
+      use(revision.command, "command"), use(operation, "operation");
+}
+
+std::optional<Revision> findRevision(soci::session& session, std::int64_t number) {
+  const auto found = select(session, "WHERE number = :number", use(number, "number"));
+  return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+std::vector<Revision> allRevisions(soci::session& session) {
+  return select(session, "ORDER BY number");
+}

@@ -1,0 +1,24 @@
+// The revisions: who changed what machines are to hold, when and why.
+//
+// Within a unit of work (database.h), which gives the session; what goes wrong is thrown to it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "overhub/store/database.h"
+
+struct Revision {
+  std::int64_t number = 0;
+  std::int64_t time = 0;  // seconds since the epoch; never before that of an older one
+  std::string who;
+  std::string why;
+  std::string command;
+};
+
+void writeRevision(soci::session& session, const Revision& revision, const std::string& operation);
+std::optional<Revision> findRevision(soci::session& session, std::int64_t number);
+// Ascending by number.
+std::vector<Revision> allRevisions(soci::session& session);

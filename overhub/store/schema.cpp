@@ -1,0 +1,104 @@
+#include "overhub/store/schema.h"
+
+#include <soci/soci.h>
+
+#include <string>
+#include <vector>
+
+#include "lqregistry/LQClient.h"
+
+namespace {
+
+// Of the tables below. A newer program adds what changes an older store, in one transaction.
+constexpr std::int64_t kVersion = 1;
+constexpr const char* kVersionCounter = "schema";
+
+// TEXT, BIGINT and INTEGER mean the same on all engines, and nothing is ever NULL.
+constexpr const char* kTables[] = {
+    "CREATE TABLE counters (name TEXT NOT NULL PRIMARY KEY, value BIGINT NOT NULL)",
+    // What the store says of itself: who it is, and by which key its secrets are protected.
+    "CREATE TABLE facts (name TEXT NOT NULL PRIMARY KEY, value TEXT NOT NULL)",
+    "CREATE TABLE revisions (number BIGINT NOT NULL PRIMARY KEY, time BIGINT NOT NULL, who TEXT NOT NULL,"
+    " why TEXT NOT NULL, command TEXT NOT NULL, operation TEXT NOT NULL UNIQUE)",
+
+    "CREATE TABLE settings (scope TEXT NOT NULL, place TEXT NOT NULL, name TEXT NOT NULL,"
+    " is_key INTEGER NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL, path TEXT NOT NULL,"
+    " type TEXT NOT NULL, value TEXT NOT NULL, secret TEXT NOT NULL, is_removal INTEGER NOT NULL,"
+    " is_disabled INTEGER NOT NULL, expires BIGINT NOT NULL,"
+    " PRIMARY KEY (scope, place, name, is_key, valid_from))",
+    "CREATE UNIQUE INDEX settings_by_scope ON settings (scope, valid_to, place, name, is_key)",
+    "CREATE INDEX settings_by_name ON settings (name, valid_to)",
+    "CREATE INDEX settings_by_start ON settings (valid_from)",
+    "CREATE INDEX settings_by_end ON settings (valid_to)",
+    // The newest revision that changed something in a scope.
+    "CREATE TABLE scopes (scope TEXT NOT NULL PRIMARY KEY, touched BIGINT NOT NULL)",
+
+    "CREATE TABLE machine_groups (name TEXT NOT NULL, number BIGINT NOT NULL, valid_from BIGINT NOT NULL,"
+    " valid_to BIGINT NOT NULL, PRIMARY KEY (name, valid_from))",
+    "CREATE UNIQUE INDEX machine_groups_by_name ON machine_groups (name, valid_to)",
+    "CREATE UNIQUE INDEX machine_groups_by_number ON machine_groups (number, valid_to)",
+    "CREATE TABLE members (machine_group TEXT NOT NULL, pattern TEXT NOT NULL, is_live INTEGER NOT NULL,"
+    " valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL, PRIMARY KEY (machine_group, pattern, valid_from))",
+    "CREATE UNIQUE INDEX members_by_group ON members (machine_group, pattern, valid_to)",
+    "CREATE INDEX members_by_pattern ON members (pattern, valid_to)",
+    "CREATE INDEX members_by_kind ON members (is_live, valid_to)",
+
+    "CREATE TABLE clients (id BIGINT NOT NULL PRIMARY KEY, name TEXT NOT NULL, session_key TEXT NOT NULL,"
+    " host TEXT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL)",
+    "CREATE UNIQUE INDEX clients_by_name ON clients (name, valid_to)",
+    // What changes with every pass of a client stands apart from what people change. hand_out.h explains it.
+    "CREATE TABLE contacts (client BIGINT NOT NULL PRIMARY KEY, address TEXT NOT NULL,"
+    " first_seen BIGINT NOT NULL, last_seen BIGINT NOT NULL, handed BIGINT NOT NULL,"
+    " handed_revision BIGINT NOT NULL, handed_time BIGINT NOT NULL, records BIGINT NOT NULL,"
+    " most_records BIGINT NOT NULL, proving BIGINT NOT NULL, proven BIGINT NOT NULL,"
+    " proven_revision BIGINT NOT NULL, base BIGINT NOT NULL, touched BIGINT NOT NULL,"
+    " is_cache_unknown INTEGER NOT NULL, outcome BIGINT NOT NULL, outcome_time BIGINT NOT NULL,"
+    " refusal TEXT NOT NULL)",
+    "CREATE TABLE held (client BIGINT NOT NULL, revision BIGINT NOT NULL, first_number BIGINT NOT NULL,"
+    " last_number BIGINT NOT NULL, time BIGINT NOT NULL, PRIMARY KEY (client, revision))",
+
+    "CREATE TABLE acknowledgements (client BIGINT NOT NULL, number BIGINT NOT NULL, time BIGINT NOT NULL,"
+    " named_id BIGINT NOT NULL, status BIGINT NOT NULL, PRIMARY KEY (client, number))",
+    "CREATE TABLE uploads (client BIGINT NOT NULL, number BIGINT NOT NULL, time BIGINT NOT NULL,"
+    " key_count BIGINT NOT NULL, value_count BIGINT NOT NULL, bytes BIGINT NOT NULL, text TEXT NOT NULL,"
+    " PRIMARY KEY (client, number))",
+};
+
+bool hasTables(soci::session& session) {
+  // Both engines name what they hold in a view of the library's own.
+  std::string name;
+  soci::statement tables = (session.prepare_table_names(), soci::into(name));
+  tables.execute();
+  while (tables.fetch())
+    if (name == "counters") return true;
+  return false;
+}
+
+}  // namespace
+
+CWmError schema::look(soci::session& session, bool& isThere) {
+  isThere = hasTables(session);
+  if (!isThere) return {};
+  std::int64_t version = 0;
+  session << "SELECT value FROM counters WHERE name = :name", soci::use(std::string(kVersionCounter)),
+      soci::into(version);
+  if (version == kVersion) return {};
+  if (version == 0) return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
+  return {kLqErrFile, "the store is of version " + std::to_string(version) + ", and this overhub knows " +
+                          std::to_string(kVersion) + "; use the overhub that wrote it, or a newer one"};
+}
+
+CWmError schema::prepare(soci::session& session) {
+  bool isThere = false;
+  const CWmError error = look(session, isThere);
+  if (error.IsError() || isThere) return error;
+  for (const char* const table : kTables) session << table;
+  const std::pair<const char*, std::int64_t> counters[] = {
+      {kVersionCounter, kVersion},
+      {kRevisionCounter, 0},
+      {kClientIdCounter, static_cast<std::int64_t>(kServerClientId)}};
+  for (const auto& [name, value] : counters)
+    session << "INSERT INTO counters (name, value) VALUES (:name, :value)", soci::use(std::string(name)),
+        soci::use(value);
+  return {};
+}

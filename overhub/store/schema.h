@@ -1,0 +1,34 @@
+// The tables of the store, and their version.
+//
+// What says which settings machines are to hold is never overwritten: a row is valid from one revision up to
+// another, at first up to kOpen, and a change closes it and writes the next one. So what a machine was to hold
+// at any revision can be asked at any time.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+
+#include "lqregistry/CWmError.h"
+
+namespace soci {
+class session;
+}
+
+// The revision up to which a row is valid that no change has closed. A number and not NULL, so that a row may
+// be open only once is for the engine to see to.
+inline constexpr std::int64_t kOpen = std::numeric_limits<std::int64_t>::max();
+
+// The counters (a row each in the table `counters`): the highest revision and the highest id of a client.
+inline constexpr const char* kRevisionCounter = "revision";
+inline constexpr const char* kClientIdCounter = "client_id";
+
+namespace schema {
+
+// Whether there is a store. An error for one of a newer version than this program's, or for a database that
+// holds something else.
+CWmError look(soci::session& session, bool& isThere);
+
+// Makes the tables, or brings those of an older version up to date; nothing when they are.
+CWmError prepare(soci::session& session);
+
+}  // namespace schema

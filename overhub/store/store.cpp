@@ -1,0 +1,113 @@
+#include "overhub/store/store.h"
+
+#include "common/file_lock.h"
+#include "lqregistry/CLqNetwork.h"
+#include "lqregistry/FXFile.h"
+#include "lqregistry/OBGui.h"
+#include "lqregistry/pstring.h"
+#include "overhub/store/file_access.h"
+#include "overhub/store/query.h"
+#include "overhub/store/schema.h"
+
+namespace {
+
+constexpr const char* kKeyFact = "key";    // what tells the store's key from another
+constexpr const char* kStoreFact = "store";  // which store it is, as random as an id has to be
+constexpr const char* kKeyProbe = "overhub";
+
+std::unique_ptr<Engine> engineOf(const Store::Place& place) {
+  if (place.uri.empty()) return sqliteEngine(place.directory + "/overhub.db");
+  return postgresqlEngine(place.uri);
+}
+
+// The same key makes the same text of it, and nothing can be told from that.
+std::string fingerprint() {
+  return pstring(kKeyProbe).getV8Password();
+}
+
+void writeFact(soci::session& session, const std::string& name, const std::string& value) {
+  session << "INSERT INTO facts (name, value) VALUES (:name, :value)", soci::use(name), soci::use(value);
+}
+
+}  // namespace
+
+Store::Store(const Place& place) : directory_(place.directory), database_(engineOf(place)) {}
+
+std::string Store::joinFile(const std::string& client) const {
+  return directory_ + "/join/" + client + ".join";
+}
+
+std::string Store::keyFile() const {
+  return directory_ + "/secret.key";
+}
+
+CWmError Store::readFacts(std::string& fingerprint, bool& isThere) const {
+  return database_.read([&](soci::session& session) -> CWmError {
+    CWmError error = schema::look(session, isThere);
+    if (error.IsError()) return {kLqErrFile, place() + ": " + error.AsString()};
+    if (isThere)
+      session << "SELECT value FROM facts WHERE name = :name", soci::use(std::string(kKeyFact)),
+          soci::into(fingerprint);
+    return {};
+  });
+}
+
+CWmError Store::checkKey(const std::string& known) const {
+  CWmError error = pstring::CheckKey();
+  if (error.IsError()) return error;
+  if (fingerprint() == known) return {};
+  return {kLqErrFile, keyFile() + " is not the key of the store " + place() +
+                          "; copy the secret.key of the machine that made the store, or of its backup"};
+}
+
+CWmError Store::open() {
+  CWmError error = database_.engine().check();
+  // What others could have put here would be handed to every client.
+  if (!error.IsError()) error = FXFile::CheckTrusted(directory_);
+  if (error.IsError()) return error;
+  pstring::UseKeyFile(keyFile());
+  OBGui::RegisterSubsystem();
+  std::string known;
+  bool isThere = false;
+  error = readFacts(known, isThere);
+  if (error.IsError()) return error;
+  if (!isThere)
+    return {kLqErrFile, place() + ": there is no store in it; \"overhub add-client NAME\" makes one"};
+  return checkKey(known);
+}
+
+CWmError Store::prepare() {
+  CWmError error = file_access::makeDirectory(directory_);
+  if (!error.IsError()) error = FXFile::CheckTrusted(directory_);
+  if (!error.IsError()) error = file_access::makeDirectory(directory_ + "/join");
+  programs::FileLock lock;
+  if (!error.IsError()) {
+    lock = programs::FileLock::waitFor(directory_ + "/store.lock");
+    error = lock.error();
+  }
+  if (!error.IsError()) error = database_.engine().prepare();
+  std::string known;
+  bool isThere = false;
+  if (!error.IsError()) error = readFacts(known, isThere);
+  // The key comes before the store, so that none is ever without one, and never after it.
+  if (!error.IsError() && !isThere && !file_access::exists(keyFile()))
+    error = pstring::CreateKeyFile(keyFile());
+  if (error.IsError()) return error;
+  if (!isThere) {
+    pstring::UseKeyFile(keyFile());
+    error = pstring::CheckKey();
+    if (error.IsError()) return error;
+    error = database_.writeOnce([](soci::session& session) -> CWmError {
+      bool isMade = false;
+      CWmError fault = schema::look(session, isMade);
+      if (fault.IsError() || isMade) return fault;
+      fault = schema::prepare(session);
+      if (fault.IsError()) return fault;
+      writeFact(session, kKeyFact, fingerprint());
+      writeFact(session, kStoreFact, newSessionKeyHex());
+      return {};
+    });
+    if (error.IsError()) return error;
+  }
+  return open();
+}

@@ -1,0 +1,48 @@
+// The store: what the server knows of its clients and what they are to hold.
+//
+// clang-format off
+//   DIR/overhub.db   the database, unless another one is named: clients, groups, settings and their history,
+//                    hand-outs, acknowledgements, uploads (schema.cpp has the tables)
+//   DIR/secret.key   the key that protects the secrets in it; made with the store and never replaced. Each
+//                    server of a store has a copy, and the store knows its fingerprint
+//   DIR/join/NAME.join   join files, unless they were asked for elsewhere
+// clang-format on
+//
+// Any thread, and any number of processes; what the database is and how work is done in it says database.h.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "lqregistry/CWmError.h"
+#include "overhub/store/database.h"
+
+class Store {
+ public:
+  // Where a store is: the directory, and the database's URI unless it lies in the directory.
+  struct Place {
+    std::string directory;
+    std::string uri;
+  };
+
+  explicit Store(const Place& place);
+
+  // Names the protection key of this process, and sees that it is the store's. An error when there is none.
+  CWmError open();
+  // The same; what is missing is made: directory, key, tables.
+  CWmError prepare();
+
+  const Database& database() const { return database_; }
+  const std::string& directory() const { return directory_; }
+  // For texts.
+  const std::string& place() const { return database_.engine().place(); }
+  std::string joinFile(const std::string& client) const;
+  std::string keyFile() const;
+
+ private:
+  CWmError readFacts(std::string& fingerprint, bool& isThere) const;
+  CWmError checkKey(const std::string& fingerprint) const;
+
+  std::string directory_;
+  Database database_;
+};

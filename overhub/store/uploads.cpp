@@ -1,0 +1,73 @@
+#include "overhub/store/uploads.h"
+
+#include <algorithm>
+
+#include "overhub/store/clients.h"
+#include "overhub/store/query.h"
+#include "records/record_rules.h"
+
+namespace {
+
+using soci::into;
+using soci::use;
+
+}  // namespace
+
+CWmError addUpload(const Store& store, const std::string& name, const OBGui::RegistryTaskResp& upload) {
+  std::string text;
+  if (upload.serializeForPeople(text) != 0)
+    return {kLqErrFile, "the upload of " + name + " is not stored, since its secrets cannot be protected with " +
+                            store.keyFile()};
+  // What is no text in it stands escaped, so that every engine takes it.
+  const auto bytes = static_cast<std::int64_t>(text.size());
+  const auto keys = static_cast<std::int64_t>(std::count_if(upload.keys->begin(), upload.keys->end(), isKey));
+  const std::int64_t values = static_cast<std::int64_t>(upload.keys->size()) - keys;
+  const Database& database = store.database();
+  return database.write([&](soci::session& session) -> CWmError {
+    const auto client = findClient(session, name);
+    if (!client) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
+    if (upload.client->clientId.get() != static_cast<std::int32_t>(client->id)) {
+      return {kLqErrRequestRefused, "unknown client id " + std::to_string(upload.client->clientId.get()) + ": " +
+                                        name + " is client " + std::to_string(client->id)};
+    }
+    const std::int64_t now = database.now(session);
+    session << "UPDATE contacts SET last_seen = :now WHERE client = :client", use(now, "now"),
+        use(client->id, "client");
+    std::int64_t number = 0;
+    session << "SELECT COALESCE(MAX(number), 0) + 1 FROM uploads WHERE client = :client",
+        use(client->id, "client"), into(number);
+    session << "INSERT INTO uploads (client, number, time, key_count, value_count, bytes, text) VALUES"
+               " (:client, :number, :time, :keys, :values, :bytes, :text)",
+        use(client->id, "client"), use(number, "number"), use(now, "time"), use(keys, "keys"),
+        use(values, "values"), use(bytes, "bytes"), use(text, "text");
+    const std::int64_t last = number - 2;
+    session << "DELETE FROM uploads WHERE client = :client AND number <= :last", use(client->id, "client"),
+        use(last, "last");
+    return {};
+  });
+}
+
+CWmError listUploads(const Store& store, std::vector<Upload>& uploads) {
+  return store.database().read([&](soci::session& session) -> CWmError {
+    uploads.clear();
+    Upload row;
+    forEachRow(
+        session,
+        "SELECT c.name, u.time, u.key_count, u.value_count, u.bytes FROM uploads u JOIN clients c ON"
+        " c.id = u.client WHERE u.number = (SELECT MAX(number) FROM uploads n WHERE n.client = u.client)",
+        [&] { uploads.push_back(row); }, into(row.client), into(row.time), into(row.keys), into(row.values),
+        into(row.bytes));
+    return {};
+  });
+}
+
+CWmError readUpload(const Store& store, const std::string& name, std::string& text) {
+  return store.database().read([&](soci::session& session) -> CWmError {
+    text.clear();
+    const auto client = findClient(session, name);
+    if (!client) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
+    session << "SELECT text FROM uploads WHERE client = :client ORDER BY number DESC LIMIT 1", use(client->id),
+        into(text);
+    return {};
+  });
+}

@@ -1,0 +1,30 @@
+// What clients have uploaded of their registries: of each the newest upload, and the one before.
+//
+// Any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lqregistry/CWmError.h"
+#include "lqregistry/OBGui.h"
+#include "overhub/store/store.h"
+
+struct Upload {
+  std::string client;
+  std::int64_t time = 0;  // seconds since the epoch
+  std::int64_t keys = 0;
+  std::int64_t values = 0;
+  std::int64_t bytes = 0;
+};
+
+// Keeps an upload of a client that says that it has this id, which comes narrowed to 32 bits. A refusal, which
+// says why, is an error with kLqErrRequestRefused; any other is the store's.
+CWmError addUpload(const Store& store, const std::string& client, const OBGui::RegistryTaskResp& upload);
+
+// The newest of each client.
+CWmError listUploads(const Store& store, std::vector<Upload>& uploads);
+
+// The newest one as text, in which secrets are protected; empty when there is none.
+CWmError readUpload(const Store& store, const std::string& client, std::string& text);
