@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "overhub/store/setting_place.h"
+
 namespace {
 
 // A record is added once and replaced afterwards, and so is its companion; the flags are what clients act on.
@@ -30,6 +32,18 @@ TEST(BatchEdit, KeepsOneRecordPerPathAndName) {
   EXPECT_TRUE(unsetRecord(keys, "~/Limits", "nMAX"));
   for (const char* const absent : {"nMAX", "nmax_until"}) EXPECT_FALSE(unsetRecord(keys, "~/Limits", absent));
   EXPECT_EQ(text(), rest);
+}
+
+TEST(SettingPlace, IsOneForEveryFormOfAPath) {
+  const std::pair<const char*, std::vector<const char*>> forms[] = {
+      {"~", {"", "~", "~/", "/"}},
+      {"~/A/B", {"A/B", "~A/B", "~/A/B", "~//A//B/", "/A/B"}},
+      {"~/~A", {"~~A", "~/~A"}},
+      {"~/SOFTWARE", {"~SOFTWARE", "/SOFTWARE", "~/SOFTWARE/"}},
+      {"SOFTWARE/Other", {"SOFTWARE//Other/"}},
+      {"SOFTWARE", {"SOFTWARE/"}}};
+  for (const auto& [place, paths] : forms)
+    for (const char* path : paths) EXPECT_EQ(settingPlace(path), place) << path;
 }
 
 }  // namespace
