@@ -1,0 +1,91 @@
+// What every command that lists prints: a table for people, or with --json the same rows for programs.
+//
+// The columns are told once, where the command is put together:
+//
+//   const auto list = std::make_shared<Listing>("clients", std::vector<Listing::Column>{
+//       {"Name", "name", Listing::Kind::text}, {"Last seen", "lastSeen", Listing::Kind::age}});
+//   list->describe(line.add("clients", "List the clients", action));
+//
+// and the action adds rows and prints output(). One thread at a time.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "common/command_line.h"
+
+class Listing {
+ public:
+  enum class Kind {
+    text,
+    number,
+    yesNo,
+    time,  // seconds since the epoch, 0 for never; people read UTC, programs ISO 8601, and nothing for never
+    age    // the same, of which people read how long ago that was
+  };
+
+  struct Column {
+    std::string title;  // for people: "Last seen"
+    std::string key;    // for programs: "lastSeen"; never changes once a release had it
+    Kind kind;
+  };
+
+  // What stands in one place. Made without a value it is something that could not be found out: "?", or null.
+  class Cell {
+   public:
+    Cell() = default;
+    Cell(std::string text) : value_(std::move(text)) {}
+    Cell(const char* text) : value_(text) {}
+    Cell(std::same_as<bool> auto isSo) : value_(isSo) {}  // a template, as every pointer is a bool else
+    template <std::integral Number>
+    Cell(Number number) : value_(std::int64_t{}) {
+      // Beyond what has a sign only what is larger than everything else here.
+      if (std::in_range<std::int64_t>(number)) {
+        value_ = static_cast<std::int64_t>(number);
+      } else {
+        value_ = static_cast<std::uint64_t>(number);
+      }
+    }
+
+   private:
+    friend class Listing;
+    // In the order in which cells of one column are sorted that hold different ones.
+    std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string> value_;
+  };
+
+  // `name` is what programs find the rows under.
+  Listing(std::string name, std::vector<Column> columns);
+
+  // Adds --json to a command. What is given there is kept here, so the list must outlive the command line.
+  void describe(programs::CommandLine::Options options);
+
+  // A cell for each column; those that are missing at the end could not be found out.
+  void addRow(std::vector<Cell> cells);
+
+  // Sorts by the column with this key: names as people count, numbers and times by size, the unknown first.
+  // Rows that are the same there keep their order.
+  void sortBy(const std::string& key);
+
+  // What the command prints: text() of this moment, or json().
+  std::string output() const;
+  std::string text(std::int64_t now) const;
+  // In ASCII, with everything else escaped, so it drives no terminal; bytes that are not UTF-8 become U+FFFD.
+  // Keys in the order of the columns.
+  std::string json() const;
+
+  // For others that lay rows out: the cells of one row as people read them, unescaped.
+  const std::vector<Column>& columns() const { return columns_; }
+  std::size_t rowCount() const { return rows_.size(); }
+  std::vector<std::string> cellTexts(std::size_t row, std::int64_t now) const;
+
+ private:
+  std::string name_;
+  std::vector<Column> columns_;
+  std::vector<std::vector<Cell>> rows_;
+  bool isJson_ = false;
+};
