@@ -19,7 +19,7 @@ std::size_t characters(const std::string& text) {
 
 }  // namespace
 
-TextTable::TextTable(std::vector<std::string> header) {
+TextTable::TextTable(std::vector<std::string> header) : isRight_(header.size()) {
   rows_.push_back(std::move(header));
 }
 
@@ -27,20 +27,21 @@ void TextTable::addRow(const std::vector<std::string>& cells) {
   std::vector<std::string> row;
   row.reserve(cells.size());
   for (const std::string& cell : cells) row.push_back(escapedForTerminal(cell));
+  row.resize(isRight_.size());
   rows_.push_back(std::move(row));
 }
 
 std::string TextTable::text() const {
   std::vector<std::size_t> widths(rows_.front().size());
   for (const auto& row : rows_)
-    for (std::size_t i = 0; i < widths.size() && i < row.size(); ++i)
-      widths[i] = std::max(widths[i], characters(row[i]));
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], characters(row[i]));
 
   std::string result;
   for (const auto& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      result += row[i];
-      if (i + 1 < row.size()) result.append(widths[i] + kGap - characters(row[i]), ' ');
+      const std::string padding(widths[i] - characters(row[i]), ' ');
+      result += isRight_[i] ? padding + row[i] : row[i] + padding;
+      result.append(kGap, ' ');
     }
     result.erase(result.find_last_not_of(' ') + 1);
     result += '\n';
