@@ -41,14 +41,15 @@ class Listing {
     Cell() = default;
     Cell(std::string text) : value_(std::move(text)) {}
     Cell(const char* text) : value_(text) {}
-    Cell(std::same_as<bool> auto isSo) : value_(isSo) {}  // a template, as every pointer is a bool else
-    template <std::integral Number>
-    Cell(Number number) : value_(std::int64_t{}) {
-      // Beyond what has a sign only what is larger than everything else here.
-      if (std::in_range<std::int64_t>(number)) {
-        value_ = static_cast<std::int64_t>(number);
+    // A yes or no, or a number; a template, as every pointer is a yes else.
+    template <std::integral Value>
+    Cell(Value value) {
+      if constexpr (std::same_as<Value, bool>) {
+        value_ = value;
+      } else if (std::in_range<std::int64_t>(value)) {
+        value_ = static_cast<std::int64_t>(value);
       } else {
-        value_ = static_cast<std::uint64_t>(number);
+        value_ = static_cast<std::uint64_t>(value);
       }
     }
 

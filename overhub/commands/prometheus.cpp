@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 
 #include "lqregistry/PrintableText.h"
 
@@ -28,10 +29,14 @@ std::string escaped(std::string_view text, std::string_view special) {
   return result;
 }
 
-// The shortest form that is read back as the same number, and the format's own words for what is none.
+// Counts in full, everything else in the shortest form that is read back as the same number, and what is no
+// number in the format's own words.
 std::string numberText(double value) {
   if (std::isnan(value)) return "NaN";
   if (std::isinf(value)) return value < 0 ? "-Inf" : "+Inf";
+  constexpr double kExact = 9007199254740992;  // 2 to the 53rd, up to where a double holds every count
+  if (std::abs(value) <= kExact && std::trunc(value) == value)
+    return std::to_string(static_cast<std::int64_t>(value));
   std::array<char, 32> text{};  // the longest has 24 characters
   return {text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr};
 }
