@@ -34,7 +34,8 @@ std::weak_ordering order(std::string_view a, std::string_view b) {
       if (left.size() != right.size()) return left.size() <=> right.size();
       if (left != right) return left <=> right;
     } else {
-      if (const auto first = withoutCase(a.front()) <=> withoutCase(b.front()); first != 0) return first;
+      if (const auto first = withoutCase(a.front()) <=> withoutCase(b.front()); std::is_neq(first))
+        return first;
       a.remove_prefix(1);
       b.remove_prefix(1);
     }
@@ -46,7 +47,7 @@ std::weak_ordering order(std::string_view a, std::string_view b) {
 
 bool comesBefore(std::string_view a, std::string_view b) {
   const std::weak_ordering first = order(a, b);
-  return first != 0 ? first < 0 : a < b;
+  return std::is_eq(first) ? a < b : std::is_lt(first);
 }
 
 }  // namespace programs

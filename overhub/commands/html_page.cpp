@@ -45,8 +45,9 @@ thead th { color: var(--muted); font-weight: 600; white-space: nowrap; border-bo
 tbody th { font-weight: 500; }
 tbody tr:nth-child(even) { background: var(--band); }
 th.number, td.number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
-.chart th, .chart td { border: 0; vertical-align: middle; } .chart tbody tr { background: none; }
-.chart th { width: 1%; min-width: 8rem; max-width: 20rem; overflow-wrap: anywhere; } .chart .number { width: 1%; }
+.chart { margin: 1.75rem 0; } .chart caption { font-size: 1rem; } .chart tbody tr { background: none; }
+.chart th, .chart td { padding: 0.2rem 0.75rem 0.2rem 0; border: 0; vertical-align: middle; }
+.chart th { width: 26%; overflow-wrap: anywhere; } .chart .number { width: 1%; padding-right: 0; }
 .chart svg { display: block; width: 100%; height: 0.9rem; }
 @media print {
   body { max-width: none; padding: 0; font-size: 10.5pt; }
@@ -59,7 +60,7 @@ th.number, td.number { text-align: right; font-variant-numeric: tabular-nums; wh
 // Charts are drawn this wide and stretched by the page.
 constexpr double kWidth = 1000;
 // One machine of ten thousand is seen, too.
-constexpr double kLeastWidth = 4;
+constexpr double kLeastWidth = 6;
 
 const char* className(Tone tone) {
   switch (tone) {
@@ -153,9 +154,12 @@ std::string escapedForHtml(std::string_view text) {
 }
 
 HtmlPage::HtmlPage(std::string_view title, std::int64_t now) : now_(now), text_(kHead) {
-  const std::string asOf = lqtext::utcText(now);
+  const std::string time = lqtext::utcText(now);  // in the form for programs, in which a T parts day and hour
+  std::string forPeople = time;
+  std::replace(forPeople.begin(), forPeople.end(), 'T', ' ');
+  forPeople.replace(forPeople.size() - 1, 1, " UTC");
   text_ += element("title", title) + "\n</head>\n<body>\n<header>" + element("h1", title) +
-           "<p class=\"asof\">As of <time>" + asOf + "</time></p></header>\n";
+           "<p class=\"asof\">As of <time datetime=\"" + time + "\">" + forPeople + "</time></p></header>\n";
 }
 
 void HtmlPage::section(std::string_view heading) {

@@ -17,10 +17,10 @@ namespace {
 TEST(NaturalOrder, PutsNamesAsPeopleCountAndCase) {
   const std::string digits(30, '9');
   const std::vector<std::string> ordered = {
-      "",      "-",     "007",    "07",     "7",   "8",  "10",  digits, "1" + digits, ":",
-      "@",     "[",     "_",      "a",      "a00", "a0", "a0b", "a00c", "a1",         "a1b1",
-      "a1b02", "A1b2",  "a1b2",   "a1-",    "a2",  "aa", "B",   "b",    "Web-1",      "web-02",
-      "WEB-2", "web-2", "web-2a", "web-10", "Z",   "z",  "{",   "\x7f", "\xc3\xa9"};
+      "",       "-",     "007",    "07",     "7",  "8",   "10",  digits, "1" + digits, ":",
+      "@",      "[",     "_",      "a",      "a0", "a00", "a0b", "a00c", "a1",         "a1-",
+      "a1b1",   "A1b2",  "a1b02",  "a1b2",   "a2", "aa",  "B",   "b",    "Web-1",      "WEB-2",
+      "web-02", "web-2", "web-2a", "web-10", "Z",  "z",   "{",   "\x7f", "\xc3\xa9"};
   for (std::size_t i = 0; i < ordered.size(); ++i)
     for (std::size_t j = 0; j < ordered.size(); ++j)
       EXPECT_EQ(programs::comesBefore(ordered[i], ordered[j]), i < j) << ordered[i] << " and " << ordered[j];
