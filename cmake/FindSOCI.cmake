@@ -5,7 +5,11 @@ find_path(SOCI_INCLUDE_DIR soci/soci.h)
 find_path(SOCI_BOOST_INCLUDE_DIR boost/version.hpp)  # SOCI's headers include Boost's
 mark_as_advanced(SOCI_INCLUDE_DIR SOCI_BOOST_INCLUDE_DIR)
 foreach(part core sqlite3 postgresql)
-  find_library(SOCI_${part}_LIBRARY soci_${part})
+  set(soci_name soci_${part})
+  if(LQ_SANITIZE MATCHES "undefined")  # it asks for type information that the shared libraries keep to themselves
+    set(soci_name libsoci_${part}.a)
+  endif()
+  find_library(SOCI_${part}_LIBRARY ${soci_name})
   mark_as_advanced(SOCI_${part}_LIBRARY)
 endforeach()
 
