@@ -65,6 +65,7 @@ TEST_F(RegistryTest, APassExcludesOtherThreadsAndItsOwnAtOnce) {
     auto lock = std::make_unique<LqPassLock>("first");
     ASSERT_TRUE(lock->isHeld()) << lock->reason();
     EXPECT_EQ(lock->reason(), "");
+    const OtherProcess child(holdOrRelease);  // has the lock's descriptor, and may live on
     // With the wait of a minute: who waited for itself would wait here.
     const auto begin = std::chrono::steady_clock::now();
     const LqPassLock again("again");
