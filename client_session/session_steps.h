@@ -73,17 +73,14 @@ void setPlatformTypesAndHosts(Client& client, const std::string& serverHost, con
   client.setLocalHostName(localHost);
 }
 
-// The constructor's defaults, once initialize() has run. The server's host name that initialize() stored is
-// dropped, because it may be another one by the time of a connection: each looks it up afresh.
+// The constructor's defaults that initialize() leaves open. The server's host name that it stored is dropped,
+// because it may be another one by the time of a connection: each looks it up afresh.
 template <class Client>
 void setDefaults(Client& client) {
-  client.sendMessage = nullptr;
-  client.receivedMessage.reset();
   client.remoteLibraryName = kServerLibraryName;
   client.remoteEntryName = kServerEntryName;
   client.remoteHostName.clear();
   client.localHostName = localClientHostName(client.platformInfo);
-  client.sendOnly = false;
 }
 
 // A platform type that has not been determined; connecting is refused with it.

@@ -22,8 +22,7 @@ bool findOwner(const std::string& path, struct stat& status) {
   if (path.empty()) return false;
   if (::stat(path.c_str(), &status) == 0) return true;
   if (errno != ENOENT) return false;
-  const std::string directory = std::filesystem::path(path).parent_path().string();
-  return ::stat(directory.empty() ? "." : directory.c_str(), &status) == 0;
+  return ::stat((std::filesystem::path(".") / path).parent_path().c_str(), &status) == 0;
 }
 
 // All three ids of each kind, so that there is no way back, and the groups of that user instead of root's. A

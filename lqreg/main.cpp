@@ -1,5 +1,6 @@
 // lqreg: looks at the registry of this machine and changes it, for people and for scripts. Each command has a
 // file of its own.
+#include <cstdio>
 #include <exception>
 
 #include "common/program_start.h"
@@ -31,7 +32,7 @@ changes; it removes nothing, skips records that are marked for removal, and take
 root. It reads a client's upload as the server stores it, too.
 
 Exit codes: 0 done, 1 no such key or value, 2 wrong usage, 3 the registry file cannot be used,
-4 the file of an export or import cannot be used.)";
+4 the file of an export or import, or standard output, cannot be used.)";
 
 struct Settings {
   std::string file;
@@ -73,7 +74,10 @@ int main(int argc, char** argv) try {
   quiet.toStandardError = false;
   static_cast<void>(oblog::Configure(quiet));  // fails over a log file only
   registry.setFocus(settings.instance);
-  return line.run();
-} catch (const std::exception& error) {  // out of memory, in all likelihood
-  return complain(kExitUnavailable, error.what());
+  const int exitCode = line.run();
+  static_cast<void>(std::fflush(stdout));  // the error indicator tells of any write, this one included
+  if (std::ferror(stdout) == 0) return exitCode;
+  return complain(kExitFile, "standard output cannot be written");
+} catch (const std::exception& error) {
+  return complain(kExitUnavailable, std::string("not enough memory, in all likelihood: ") + error.what());
 }

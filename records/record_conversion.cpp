@@ -26,8 +26,7 @@ OBGui::RegistryKeyInfo converted(const App::RegistryKeyInfo& source) {
   // The fields above are always written, an unset one with its default; these two only when there is
   // something to write, so that what was not there stays unset for whoever the record is passed on to.
   if (source.encryptedValue.isSet()) record.encryptedValue = source.encryptedValue.get();
-  if (source.association.isSet() && source.association->id.isSet() && source.association->id != 0)
-    record.association = source.association.get();
+  if (source.association->id != 0) record.association = source.association.get();
   return record;
 }
 

@@ -24,7 +24,6 @@ constexpr session_steps::Style kStyle{
 LqRegistryManagerClnt::LqRegistryManagerClnt(const std::string& focus) {
   if (!focus.empty()) platformInfo.setFocus(focus);
   logger.Initialize(session_steps::kLogId, 0, false, "");
-  clientId = 0;
   initialize();
   session_steps::setDefaults(*this);
 }

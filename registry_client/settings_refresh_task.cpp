@@ -67,8 +67,7 @@ unsigned additionalSettingsRefresh() {
     return kPassDone;
   }
 
-  const char* const focus = LQPI_Focus::getFocus();
-  LqRegistryManagerClnt client(focus == nullptr ? "" : focus);
+  LqRegistryManagerClnt client("");  // works on the instance in focus
   OBGui::KeyList working = message.keys.get();
   std::erase_if(working, [](const auto& key) { return key.valueName.get() == kExcludedSetting; });
   if (client.updateRegistryKeysForClient(working) != kResultOk)

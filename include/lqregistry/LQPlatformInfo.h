@@ -127,8 +127,12 @@ class LQ_EXPORT LQPlatformInfo {
   };
 
   lqregistry::Outcome locate(const std::string& key);
-  lqregistry::Outcome locate(const std::string& key, const std::string& name);
   bool record(lqregistry::Outcome outcome, const std::string& key, const std::string& name = {});
+  // A call about a key, or about a value: `step` runs once it is located, and what it came to is recorded.
+  template <class Step>
+  bool onKey(const std::string& key, const Step& step);
+  template <class Step>
+  bool onValue(const std::string& key, const std::string& name, const Step& step);
 
   std::string focus_;
   Place place_;

@@ -20,8 +20,7 @@ struct Settings {
   int threshold = kLqLogDefaultLevel;  // highest level that is written; errors always are
   bool toStandardError = true;
   std::string file;  // empty: no file. Created with mode 0600; its folder must exist. No link, pipe or device
-  std::size_t maxFileBytes = 5U << 20;
-  std::size_t maxFiles = 3;  // the current file and the rotated ones before it
+  std::size_t maxFileBytes = 5U << 20;  // of it, and of each of the two rotated ones before it
 };
 
 // Replaces the settings. On an error (the file cannot be opened) the previous settings stay in force.

@@ -14,11 +14,7 @@ constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitC
 }  // namespace
 
 int worseOf(int one, int other) {
-  const auto rank = [](int exitCode) {
-    const auto* const place = std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode);
-    // One that a resident of another version ends with is a failure.
-    return place == kWorstFirst.end() && exitCode != kExitOk ? place - 1 : place;
-  };
+  const auto rank = [](int exitCode) { return std::find(kWorstFirst.begin(), kWorstFirst.end(), exitCode); };
   return rank(one) <= rank(other) ? one : other;
 }
 

@@ -26,8 +26,8 @@ CommandResult synchroniseInstead(Passes& passes, const UnsettledNote& reason) {
   return result;
 }
 
-CommandResult noCache(RunOutcome outcome, const CWmError& error) {
-  return complaint(exitCodeOf(outcome), std::string("nothing to reapply: ") + error.AsString());
+CommandResult noCache(const CWmError& error) {
+  return complaint(exitCodeOf(nothingToReapply()), std::string("nothing to reapply: ") + error.AsString());
 }
 
 // Another pass may have replaced the cache before this refresh had its turn: what counts then is what the
@@ -48,7 +48,7 @@ CommandResult refreshNow(Passes& passes) {
   CachedSettings cached;
   CWmError error = readCachedSettings(cached);
   const bool wasRead = !error.IsError();
-  if (!wasRead && !standingNote()) return noCache(nothingToReapply(), error);
+  if (!wasRead && !standingNote()) return noCache(error);
   PassDetails details;
   details.batch = cached.keys;
   details.before = currentValues(details.batch);
@@ -59,18 +59,10 @@ CommandResult refreshNow(Passes& passes) {
   const std::string next = "; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   CachedSettings kept;
   error = readCachedSettings(kept);
-  // The note was of a pass under way, which the refresh has waited for: it reapplied what that stored.
-  if (!wasRead) {
-    if (error.IsError()) return noCache(refreshed.outcomeWithoutCache(), error);
-    const RunOutcome outcome = refreshed.outcome();
-    if (outcome != RunOutcome::kDone) return complaint(exitCodeOf(outcome), outcomeText(outcome));
-    return {kExitOk,
-            "reapplied " + std::to_string(kept.keys.size()) +
-                " records, which a synchronisation has just stored" + next,
-            ""};
-  }
+  if (!wasRead && error.IsError()) return noCache(error);
   BatchReport report = reportOf(details);
-  if (!error.IsError() && report.failed != 0) report = reportOf(rebased(details, kept.keys));
+  // Without a cache to begin with, the note was of a pass under way, which the refresh has waited for.
+  if (!error.IsError() && (!wasRead || report.failed != 0)) report = reportOf(rebased(details, kept.keys));
   refreshed.failedRecords = report.failed;
   CommandResult result;
   result.exitCode = exitCodeOf(refreshed.outcome());

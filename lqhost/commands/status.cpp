@@ -95,12 +95,12 @@ int addUnsettled(std::string& text) {
 int addResident(std::string& text) {
   const std::optional<CommandResult> answer = answerOfResident(kAskCallbacks);
   if (!answer) return kExitOk;
-  if (answer->exitCode == kExitOk) {
-    addLine(text, "callbacks", waitingCallbacksText(std::strtoull(answer->out.c_str(), nullptr, 10)));
-  } else {
+  if (answer->exitCode != kExitOk) {
     text += answer->err;
+    return kExitFailed;
   }
-  return answer->exitCode;
+  addLine(text, "callbacks", waitingCallbacksText(std::strtoull(answer->out.c_str(), nullptr, 10)));
+  return kExitOk;
 }
 
 // The values that differ, one line each; their number.

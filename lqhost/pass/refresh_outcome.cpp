@@ -9,10 +9,6 @@ RunOutcome RefreshResult::outcome() const {
   return isCacheUsed && failedRecords != 0 ? RunOutcome::kPartly : run;
 }
 
-RunOutcome RefreshResult::outcomeWithoutCache() const {
-  return run == RunOutcome::kDone ? RunOutcome::kFailed : run;
-}
-
 RunOutcome judgeRefresh(int taskResult, const CacheWatch& cache) {
   if (taskResult != 0) return RunOutcome::kFailed;
   if (!cache.wasThere()) return RunOutcome::kDone;

@@ -18,8 +18,6 @@ struct RefreshResult {
 
   // Where several hold, what leaves the machine furthest from what the server wants comes first.
   RunOutcome outcome() const;
-  // The same for one that left no cache which could be read.
-  RunOutcome outcomeWithoutCache() const;
 };
 
 // A refresh that ran with this result, and of which `cache` has seen the beginning. It has rewritten the

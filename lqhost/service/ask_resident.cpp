@@ -1,6 +1,5 @@
 #include "lqhost/service/ask_resident.h"
 
-#include <cerrno>
 #include <sstream>
 #include <string_view>
 #include <thread>
@@ -17,13 +16,8 @@ constexpr std::chrono::milliseconds kRetryEvery{50};
 
 bool readExactly(int connection, std::size_t size, std::string& text) {
   text.resize(size);
-  for (std::size_t got = 0; got < size;) {
-    const ssize_t now = ::recv(connection, text.data() + got, size - got, 0);
-    if (now < 0 && errno == EINTR) continue;
-    if (now <= 0) return false;
-    got += static_cast<std::size_t>(now);
-  }
-  return true;
+  // For nothing, this waits until there is more to read or the connection ends, one of which comes next.
+  return ::recv(connection, text.data(), size, MSG_WAITALL) == static_cast<ssize_t>(size);
 }
 
 // A connection on which the resident has shown that it is alive; invalid when there is none.

@@ -22,12 +22,11 @@ constexpr mode_t kSocketMode = 0600;
 constexpr std::chrono::seconds kStopWait{10};
 
 // Commands: seconds until a spare thread ends, callers waiting until another thread joins, threads at most,
-// threads that stay; and how many may be answered or wait.
+// threads that stay. Any number may wait: whoever may ask could as well stop the resident.
 constexpr std::uint64_t kIdleSeconds = 30;
 constexpr std::uint64_t kCallersPerThread = 1;
 constexpr std::uint32_t kMaxThreads = 4;
 constexpr std::uint32_t kMinThreads = 1;
-constexpr std::size_t kMaxCallers = 64;
 
 CWmError systemError(const std::string& what) {
   return {kLqErrFile, what + ": " + std::system_category().message(errno)};
@@ -96,7 +95,7 @@ void ResidentSocket::accept() {
   while (waitToRead(listener_.get(), stop_.get(), kForever)) {
     auto_handle connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     // Greeted here, so that a caller learns that somebody is at home, however long earlier commands take.
-    if (!connection.isValid() || pool_.pendingCount() >= kMaxCallers || !isPeerTrusted(connection.get()) ||
+    if (!connection.isValid() || !isPeerTrusted(connection.get()) ||
         !sendAll(connection.get(), stop_.get(), std::string(kGreeting) + "\n"))
       continue;
     auto caller = std::make_unique<Caller>(Caller{this, std::move(connection)});

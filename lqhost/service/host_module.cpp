@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <filesystem>
+
 #include "lqregistry/FXFile.h"
 
 namespace host {
@@ -15,12 +17,12 @@ CWmError unloadable(const std::string& path, const std::string& why) {
 }  // namespace
 
 CWmError loadModules(const std::vector<std::string>& paths) {
-  for (const std::string& path : paths) {
+  for (const std::string& name : paths) {
+    // Without a directory, the loader would look for it elsewhere.
+    const std::string path = std::filesystem::absolute(name);
     // Its code runs with all that the host may do.
     if (const CWmError error = FXFile::CheckTrusted(path); error.IsError())
       return unloadable(path, error.AsString());
-    if (path.find('/') == std::string::npos)
-      return unloadable(path, "name it with its directory, as in ./" + path);
     void* const handle = dlopen(path.c_str(), RTLD_NOW);
     void* const entry = handle == nullptr ? nullptr : dlsym(handle, kModuleEntry);
     if (entry == nullptr) {

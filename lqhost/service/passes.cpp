@@ -109,7 +109,6 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
     }
   }
   endPass(work, result);
-  status.setLastRunTime(started);
   noteRun(kDownloadTask, started, watch.seconds(), taskResult, result.outcome());
   if (!result.refusal.empty())
     ObEvent().Error(kTag, "The server could not record the acknowledgement: %s", result.refusal.c_str());
@@ -133,7 +132,6 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   if (result.run == RunOutcome::kCacheLost) {
     const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
   }
-  status.setLastRunTime(started);
   noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.run);
   return result;
 }

@@ -2,7 +2,6 @@
 //
 // The batch is what a client uploads to its server, so that a file from either source can be imported: for
 // each key below the root a "KEY" record and then its values, with paths relative to the root.
-#include <cstdio>
 #include <memory>
 
 #include "lqreg/commands/commands.h"
@@ -47,10 +46,6 @@ void append(OBGui::KeyList& records, const WalkedKey& key) {
   for (const auto& [name, data] : key.values) records.push_back(recordOf(path, name, STRINGTYPE, data));
 }
 
-bool printWhole(const std::string& text) {
-  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-}
-
 // To standard output when `file` is empty.
 int exportTo(LQPlatformInfo& registry, const std::string& file) {
   if (!hasInstance(registry)) return kExitUsage;
@@ -64,8 +59,8 @@ int exportTo(LQPlatformInfo& registry, const std::string& file) {
   if (batch.serializeForPeople(text) != 0)
     return complain(kExitUnavailable, "not enough memory for the export");
   if (file.empty()) {
-    if (printWhole(text)) return kExitDone;
-    return complain(kExitFile, "the export could not be written to standard output");
+    print(text);
+    return kExitDone;
   }
   const CWmError error = FXFile::ReplaceContents(file, text);
   return error.IsError() ? complain(kExitFile, error.AsString()) : kExitDone;

@@ -16,6 +16,7 @@ struct WalkedKey {
 };
 
 // Calls `visit` for the key `root` and for each key below it, parents first, siblings ascending. False when a
-// key could not be read, for which the registry object then has the error.
+// key could not be read, for which the registry object then has the error. All of it is the registry of one
+// moment; `visit` waits for nobody, because the registry's log cannot be cleared before the walk has ended.
 [[nodiscard]] bool walkKeys(LQPlatformInfo& registry, const std::string& root,
                             const std::function<void(const WalkedKey&)>& visit);

@@ -15,8 +15,8 @@ int list(LQPlatformInfo& registry, const std::string& key) {
   if (!registry.getRegValues(key, values) || !registry.getSubKeys(key, subKeys))
     return refused(registry, key);
   for (const auto& [name, data] : values)
-    printLine(0, escapedForTerminal(name) + " = " + escapedForTerminal(data));
-  for (const auto& name : subKeys) printLine(0, escapedForTerminal(name) + "/");
+    print(lineOf(0, escapedForTerminal(name) + " = " + escapedForTerminal(data)));
+  for (const auto& name : subKeys) print(lineOf(0, escapedForTerminal(name) + "/"));
   return kExitDone;
 }
 

@@ -15,8 +15,8 @@ void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-void printLine(std::size_t depth, const std::string& text) {
-  print(std::string(depth * kIndent, ' ') + text + "\n");
+std::string lineOf(std::size_t depth, const std::string& text) {
+  return std::string(depth * kIndent, ' ') + text + "\n";
 }
 
 void warn(const std::string& text) {

@@ -12,11 +12,12 @@ inline constexpr int kExitDone = 0;
 inline constexpr int kExitNotFound = 1;
 inline constexpr int kExitUsage = programs::kExitUsage;
 inline constexpr int kExitUnavailable = 3;
-inline constexpr int kExitFile = 4;  // of an export or import
+inline constexpr int kExitFile = 4;  // of an export or import, or standard output
 
+// main() looks at the end whether all of it could be written.
 void print(const std::string& text);
-// A line of it, `depth` levels in; the caller has made it harmless for a terminal.
-void printLine(std::size_t depth, const std::string& text);
+// A line to print, `depth` levels in; the caller has made it harmless for a terminal.
+std::string lineOf(std::size_t depth, const std::string& text);
 
 // Says on standard error what should be known, made harmless for a terminal.
 void warn(const std::string& text);

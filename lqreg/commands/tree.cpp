@@ -16,12 +16,15 @@ int tree(LQPlatformInfo& registry, std::string key) {
   if (key.empty() && registry.focus().empty()) key = lqsettings::kAbsoluteRoot;
 
   const std::string rootName = key.empty() ? lqsettings::kInstanceRoot : key;
-  const auto printKey = [&rootName](const WalkedKey& walked) {
-    printLine(walked.depth, escapedForTerminal(walked.depth == 0 ? rootName : walked.name) + "/");
+  std::string text;
+  const auto append = [&](const WalkedKey& walked) {
+    text += lineOf(walked.depth, escapedForTerminal(walked.depth == 0 ? rootName : walked.name) + "/");
     for (const auto& [name, data] : walked.values)
-      printLine(walked.depth + 1, escapedForTerminal(name) + " = " + escapedForTerminal(data));
+      text += lineOf(walked.depth + 1, escapedForTerminal(name) + " = " + escapedForTerminal(data));
   };
-  return walkKeys(registry, key, printKey) ? kExitDone : refused(registry, key);
+  if (!walkKeys(registry, key, append)) return refused(registry, key);
+  print(text);
+  return kExitDone;
 }
 
 }  // namespace

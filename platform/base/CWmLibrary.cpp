@@ -31,9 +31,8 @@ CWmError CWmLibrary::Load(const std::string& path, bool) {
 }
 
 CWmError CWmLibrary::GetProcedure(const char* name, void*& procedure) const {
-  procedure = nullptr;
+  procedure = handle_ == nullptr ? nullptr : dlsym(handle_, name);
   if (handle_ == nullptr) return {kLqErrLibrary, "no library is loaded"};
-  procedure = dlsym(handle_, name);
   return procedure == nullptr ? loaderError() : CWmError();
 }
 

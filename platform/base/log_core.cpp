@@ -22,6 +22,8 @@ std::atomic<int> effectiveLevel{kLqLogDefaultLevel};
 
 namespace {
 
+constexpr std::size_t kRotatedFiles = 2;
+
 // Runs before each opening of the file, also when the log turns over. The log holds whatever the product logs
 // of the registry, so the file is made here, for its owner only; and a link or a pipe that somebody put in
 // its place is neither written to nor waited for.
@@ -38,8 +40,7 @@ std::shared_ptr<spdlog::logger> makeLogger(const Settings& settings) {
     spdlog::file_event_handlers handlers;
     handlers.before_open = &prepareLogFile;
     sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
-        settings.file, settings.maxFileBytes, std::max<std::size_t>(settings.maxFiles, 1) - 1, false,
-        handlers));
+        settings.file, settings.maxFileBytes, kRotatedFiles, false, handlers));
   }
   auto logger = std::make_shared<spdlog::logger>("oblog", sinks.begin(), sinks.end());
   logger->set_level(spdlog::level::trace);

@@ -122,9 +122,7 @@ class Reader {
   }
 
   bool readScalar(CNMessageBase& owner, const FieldInfo& info, std::string_view text) {
-    // A short text lies in the record itself.
-    const std::size_t bytes = info.elementBytes + (text.size() < sizeof(std::string) / 2 ? 0 : text.size());
-    if (!isCounting_ && bytes != 0 && !take(bytes, info.name)) return false;
+    if (!isCounting_ && !take(info.elementBytes + text.size(), info.name)) return false;
     if (isCounting_ && info.kind == FieldInfo::Kind::kText && !lqmessage::isEscaped(text)) return true;
     void* const value = info.edit(owner);
     switch (info.kind) {

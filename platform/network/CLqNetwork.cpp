@@ -47,12 +47,10 @@ CWmError CLqNetwork::ReceiveXMLMessage(std::string* rawText, std::unique_ptr<CNM
                                        bool& peerGone) {
   message.reset();
   if (rawText != nullptr) rawText->clear();
-  CWmError error = impl_->run("cannot receive from ", peerGone, [&]() -> CWmError {
+  return impl_->run("cannot receive from ", peerGone, [&]() -> CWmError {
     if (protocolHeader != nullptr) return {kLqErrProtocol, "there are no protocol headers here"};
     return impl_->receiveMessage(rawText, message, Deadline::in(timeoutSeconds));
   });
-  if (error.IsError()) message.reset();
-  return error;
 }
 
 void CLqNetwork::Disconnect(int timeoutSeconds, bool& peerGone) {

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <span>
 #include <system_error>
 #include <vector>
 
@@ -67,18 +68,19 @@ CWmError connectSocket(const Target& target, const Deadline& deadline, int& desc
 
   const std::vector<SocketAddress> places = candidates(found, target);
   std::string reasons;
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    auto_handle opened(::socket(places[i].storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  for (std::span left(places); !left.empty(); left = left.subspan(1)) {
+    const SocketAddress& place = left.front();
+    auto_handle opened(::socket(place.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     // That this machine lacks the family of one address does not speak against the next one.
     const int problem =
-        opened.isValid() ? connectWithin(opened.get(), places[i], deadline.share(places.size() - i)) : errno;
+        opened.isValid() ? connectWithin(opened.get(), place, deadline.share(left.size())) : errno;
     if (problem == 0) {
       descriptor = opened.release();
-      address = places[i].text();
+      address = place.text();
       return {};
     }
     if (isInterrupted()) return stopping();
-    reasons += (reasons.empty() ? "" : "; ") + places[i].text() + ": " +
+    reasons += (reasons.empty() ? "" : "; ") + place.text() + ": " +
                (problem == ETIMEDOUT ? "no answer" : std::generic_category().message(problem));
   }
   return {kLqErrConnect, reasons};

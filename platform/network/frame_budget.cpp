@@ -1,7 +1,7 @@
 #include "platform/network/frame_budget.h"
 
-#include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "lqregistry/CLqNetwork.h"
@@ -9,8 +9,8 @@
 
 namespace {
 
-// How often a waiting thread looks whether the process stops; only those that wait for memory do.
-constexpr std::chrono::milliseconds kStopLook{100};
+// How often a thread that waits for memory looks, also whether the process stops.
+constexpr std::chrono::milliseconds kPoll{20};
 
 }  // namespace
 
@@ -29,10 +29,9 @@ Deadline::Clock::time_point FrameBudget::Claim::grantedAt() const {
 }
 
 bool FrameBudget::Claim::await(const Deadline& deadline) const {
-  std::unique_lock lock(budget_.mutex_);
-  while (!isGranted_ && !isInterrupted() && deadline.remaining() != Deadline::Clock::duration::zero())
-    budget_.changed_.wait_for(lock, std::min<Deadline::Clock::duration>(deadline.remaining(), kStopLook));
-  return isGranted_;
+  while (!isGranted() && !isInterrupted() && deadline.remaining() != Deadline::Clock::duration::zero())
+    std::this_thread::sleep_for(kPoll);
+  return isGranted();
 }
 
 std::unique_ptr<FrameBudget::Claim> FrameBudget::claim(std::size_t bytes, std::function<void()> granted) {
@@ -70,7 +69,6 @@ void FrameBudget::grantNext() {
     grant(next);
     next.granted_();
   }
-  changed_.notify_all();
 }
 
 bool FrameBudget::isContested() const {

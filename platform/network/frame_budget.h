@@ -10,7 +10,6 @@
 // call and so never waits for itself. Any thread may use a budget.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <list>
@@ -65,7 +64,6 @@ class FrameBudget {
   void grantNext();
 
   mutable std::mutex mutex_;  // guards what follows, and isGranted_ of every claim
-  mutable std::condition_variable changed_;
   std::size_t free_;
   std::list<Claim*> queue_;
 };

@@ -150,7 +150,6 @@ FrameStream::Claimed FrameStream::claimed() const {
 }
 
 CWmError FrameStream::tryReceive(Frame& frame, Waiting& waiting) {
-  waiting = Waiting::kNothing;
   CWmError error = readHeader(waiting);
   if (!error.IsError() && waiting == Waiting::kNothing)
     error = frame_.isDropped ? dropOn(waiting) : readPayload(waiting);

@@ -175,8 +175,9 @@ CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadl
   if (message.serialize(clear.text, true) != 0)
     return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
   CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
-  if (!error.IsError()) observe({WireEvent::Kind::kSent, &message, {}});
-  return error;
+  if (error.IsError()) return error;
+  observe({WireEvent::Kind::kSent, &message, {}});
+  return {};
 }
 
 CWmError CLqNetwork::Impl::nextFrame(Frame& frame, const Deadline& deadline) {
@@ -226,7 +227,6 @@ CWmError CLqNetwork::Impl::sayGoodbye(const Deadline& deadline) {
   while (!error.IsError()) {
     Frame frame;
     error = nextFrame(frame, deadline);
-    if (error.IsError()) break;
     if (frame.kind == FrameKind::kRequestRefused)
       observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
     if (frame.kind == FrameKind::kGoodbye) {
@@ -243,7 +243,7 @@ CWmError CLqNetwork::Impl::awaitGoodbye(const Deadline& deadline) {
   while (!error.IsError()) {
     Frame frame;
     error = nextFrame(frame, deadline);
-    if (!error.IsError() && frame.kind == FrameKind::kGoodbye) {
+    if (frame.kind == FrameKind::kGoodbye) {
       static_cast<void>(answerGoodbye());  // that the session has ended is no error here
       break;
     }

@@ -74,6 +74,6 @@ std::vector<SocketAddress> resolveHost(const std::string& host, std::string& fau
   std::vector<SocketAddress> all;
   for (const addrinfo* entry = found.get(); entry != nullptr; entry = entry->ai_next)
     all.push_back(copyOf(*entry));
-  if (all.empty()) fault = gai_strerror(code);
+  fault = gai_strerror(code);
   return all;
 }

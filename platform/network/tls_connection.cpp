@@ -17,10 +17,6 @@ namespace {
 
 constexpr int kNoSocket = -1;
 
-std::string systemText(int fault) {
-  return std::generic_category().message(fault);
-}
-
 // What OpenSSL says of its error.
 std::string reasonOf(unsigned long error) {
   const char* const reason = ERR_reason_error_string(error);
@@ -73,6 +69,8 @@ void TlsConnection::adopt(int descriptor, std::string address) {
 }
 
 ssl_st& TlsConnection::tls() {
+  // What another connection has left in this thread's queue would be taken for a fault of this one.
+  ERR_clear_error();
   if (tls_ != nullptr) return *tls_;
   tls_.reset(psk_->newConnection(identity_));
   BIO* const socket = newSocketBio(descriptor_);
@@ -97,7 +95,7 @@ CWmError TlsConnection::outcome(int result, Waiting& waiting) {
     case SSL_ERROR_ZERO_RETURN:
       return {kLqErrConnectionLost, "the peer closed the connection"};
     case SSL_ERROR_SYSCALL:
-      return {kLqErrConnectionLost, fault == 0 ? "the peer closed the connection" : systemText(fault)};
+      return {kLqErrConnectionLost, std::generic_category().message(fault)};
     default:
       break;
   }
@@ -109,13 +107,9 @@ CWmError TlsConnection::outcome(int result, Waiting& waiting) {
 }
 
 CWmError TlsConnection::tryHandshake(Waiting& waiting) {
-  waiting = Waiting::kNothing;
-  ssl_st& connection = tls();
-  ERR_clear_error();
-  errno = 0;
-  const int result = SSL_do_handshake(&connection);
+  const int result = SSL_do_handshake(&tls());
   if (result != 1) return outcome(result, waiting);
-  if (!usedSharedKey(&connection))
+  if (!usedSharedKey(tls_.get()))
     return {kLqErrHandshake, "the other end did not prove that it holds the session key"};
   established_ = true;
   return {};
@@ -133,9 +127,6 @@ CWmError TlsConnection::handshake(const Deadline& deadline) {
 
 CWmError TlsConnection::tryRead(char* data, std::size_t size, std::size_t& got, Waiting& waiting) {
   got = 0;
-  waiting = Waiting::kNothing;
-  ERR_clear_error();
-  errno = 0;
   const int result = SSL_read_ex(&tls(), data, size, &got);
   return result == 1 ? CWmError() : outcome(result, waiting);
 }
@@ -143,8 +134,6 @@ CWmError TlsConnection::tryRead(char* data, std::size_t size, std::size_t& got, 
 CWmError TlsConnection::writeAll(std::string_view bytes, const Deadline& deadline) {
   while (!bytes.empty()) {
     std::size_t written = 0;
-    ERR_clear_error();
-    errno = 0;
     const int result = SSL_write_ex(&tls(), bytes.data(), bytes.size(), &written);
     if (result == 1) {
       bytes.remove_prefix(written);
@@ -169,10 +158,7 @@ CWmError TlsConnection::await(Waiting waiting, const Deadline& deadline) const {
 }
 
 void TlsConnection::shutdown() {
-  if (established_) {
-    ERR_clear_error();
-    SSL_shutdown(tls_.get());
-  }
+  if (established_) SSL_shutdown(tls_.get());
   closeSocket();
 }
 

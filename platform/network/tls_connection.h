@@ -17,7 +17,7 @@
 #include "platform/network/target.h"
 #include "platform/network/tls_psk.h"
 
-// What a step that was begun waits for.
+// What a step that was begun waits for. Steps get it as kNothing, and leave it so when they are done.
 enum class Waiting {
   kNothing,   // it is done, or has failed
   kReadable,  // bytes from the peer
@@ -69,6 +69,7 @@ class TlsConnection {
     void operator()(ssl_st* tls) const;
   };
 
+  // Made at first use; for each call of the TLS library whose result outcome() is asked about.
   ssl_st& tls();
   void closeSocket();
   // What a TLS operation that did not succeed has come to.

@@ -175,10 +175,12 @@ void WaitingRoom::await(std::unique_ptr<CLqNetwork> session) {
   if (session == nullptr || session->impl_->state != CLqNetwork::Impl::State::kAttached) return;
   session->impl_->held.reset();
   const std::shared_ptr<void> seat = std::move(session->impl_->seat);  // left when the session is back
+  const std::string identity = session->impl_->peerName;
+  Entrant entrant = entrantOf(std::move(session), identity);
   {
     const std::lock_guard lock(mutex_);
     if (isStopped_) return;
-    returned_.push_back(std::move(session));
+    returned_.push_back(std::move(entrant));
     ++census_.attached;
   }
   wake();
@@ -291,12 +293,12 @@ void WaitingRoom::greetOne(int descriptor, const SocketAddress& from) {
     descriptor = -1;
     impl.peerAddress = from.host();
     impl.state = CLqNetwork::Impl::State::kAccepted;
-    const std::string group = from.network();
+    Entrant entrant = entrantOf(std::move(session), from.network());
     {
       const std::lock_guard lock(mutex_);
       ++census_.callers;
     }
-    enter(std::move(session), group);
+    enter(std::move(entrant));
     inShortage_ = false;
   } catch (const std::exception& shortage) {
     if (descriptor >= 0) ::close(descriptor);
@@ -319,41 +321,42 @@ void WaitingRoom::listen(bool listens) {
   watchFor(epoll_.get(), EPOLL_CTL_MOD, listener_.get(), listens ? EPOLLIN : 0U, kListenerEvent);
 }
 
-void WaitingRoom::enter(std::unique_ptr<CLqNetwork> session, std::string_view group) {
-  const CallerNumber number = ++lastNumber_;
-  const bool isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
+WaitingRoom::Entrant WaitingRoom::entrantOf(std::unique_ptr<CLqNetwork> session, const std::string& group) {
+  Callers alone;
+  Caller& caller = alone[0];
+  caller.isAttached = session->impl_->state == CLqNetwork::Impl::State::kAttached;
+  caller.session = std::move(session);
+  caller.group = group;
+  caller.waiting = Waiting::kReadable;
+  return alone.extract(alone.begin());
+}
+
+void WaitingRoom::enter(Entrant entrant) {
+  entrant.key() = ++lastNumber_;
+  const auto place = callers_.insert(std::move(entrant)).position;
+  auto& [number, caller] = *place;
   try {
-    Caller& caller = callers_[number];
-    caller.isAttached = isAttached;
-    caller.session = std::move(session);
-    caller.group = group;
-    caller.waiting = Waiting::kReadable;
     caller.since = caller.owesSince = Clock::now();
     (caller.isAttached ? byIdentity_ : byAddress_).add(caller.group, number);
     watchFor(epoll_.get(), EPOLL_CTL_ADD, caller.session->impl_->frames->connection().descriptor(), EPOLLIN,
              number);
   } catch (const std::exception& shortage) {
-    if (const auto caller = callers_.find(number); caller != callers_.end()) {
-      letGo(caller, {kLqErrConnectionLost, shortage.what()});
-    } else {
-      putIntoReady(nullptr, isAttached);  // only uncounts it
-    }
+    letGo(place, {kLqErrConnectionLost, shortage.what()});
   }
 }
 
 void WaitingRoom::wakeUp() {
   eventfd_t ignored{};
   static_cast<void>(::eventfd_read(wake_.get(), &ignored));
-  std::vector<std::unique_ptr<CLqNetwork>> returned;
+  std::vector<Entrant> returned;
   bool turnsAway = false;
   {
     const std::lock_guard lock(mutex_);
     returned.swap(returned_);
     turnsAway = turnsAway_;
   }
-  for (auto& session : returned) {
-    const std::string_view identity = session->impl_->peerName;  // stays where it is
-    enter(std::move(session), identity);
+  for (Entrant& entrant : returned) {
+    enter(std::move(entrant));
     serve(lastNumber_);  // TLS may hold bytes that the socket does not show any more
   }
   for (const CallerNumber number : std::set<CallerNumber>(inQueue_)) serve(number);

@@ -22,7 +22,6 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -63,6 +62,8 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
     Clock::duration inTurn{};     // how long it has waited for memory, which is no time of its own
   };
   using Callers = std::map<CallerNumber, Caller>;
+  // A caller on its way into the room, with the memory that it takes there.
+  using Entrant = Callers::node_type;
   // The place of a session among those of its identity that are handed out; leaving is its destructor.
   class Seat;
 
@@ -74,10 +75,11 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   void closeDoor();
   void greet();
   void greetOne(int descriptor, const SocketAddress& from);
+  static Entrant entrantOf(std::unique_ptr<CLqNetwork> session, const std::string& group);
   void rest(const std::string& reason);
   void listen(bool listens);
-  // Takes a session in, which the census counts already; one that there is no room for is let go.
-  void enter(std::unique_ptr<CLqNetwork> session, std::string_view group);
+  // Takes a caller in, whom the census counts already; one that cannot be watched is let go.
+  void enter(Entrant entrant);
   // Goes on with a caller as far as that is possible now.
   void serve(CallerNumber number);
   void watch(CallerNumber number, Caller& caller, Waiting waiting);
@@ -137,7 +139,7 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom> {
   mutable std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
   std::deque<std::unique_ptr<CLqNetwork>> ready_;
-  std::vector<std::unique_ptr<CLqNetwork>> returned_;
+  std::vector<Entrant> returned_;
   std::map<std::string, std::size_t> served_;  // sessions handed out, by identity
   LqListener::Census census_;
   bool turnsAway_ = false;

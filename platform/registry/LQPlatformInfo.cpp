@@ -44,11 +44,10 @@ bool parseNumber(const std::string& text, std::int64_t& number) {
 // Copies a text whole or not at all; a name that is cut would be another name.
 bool copyText(const std::string& text, char* buffer, std::size_t size) {
   if (buffer == nullptr || size == 0) return false;
-  const bool fits = text.size() < size;
-  const std::size_t length = fits ? text.size() : 0;
-  std::memcpy(buffer, text.data(), length);
-  buffer[length] = '\0';
-  return fits && length != 0;
+  std::string_view whole = text;
+  if (whole.size() >= size) whole = {};
+  buffer[whole.copy(buffer, size)] = '\0';
+  return !whole.empty();
 }
 
 }  // namespace
@@ -68,11 +67,6 @@ Outcome LQPlatformInfo::locate(const std::string& key) {
   return outcome;
 }
 
-Outcome LQPlatformInfo::locate(const std::string& key, const std::string& name) {
-  Outcome outcome = lqregistry::CheckValueName(name);
-  return outcome.ok() ? locate(key) : outcome;
-}
-
 bool LQPlatformInfo::record(Outcome outcome, const std::string& key, const std::string& name) {
   lastError_ = outcome.code;
   if (outcome.ok()) return true;
@@ -87,81 +81,85 @@ std::string LQPlatformInfo::getRegErrorText() const {
   return text + ")";
 }
 
+template <class Step>
+bool LQPlatformInfo::onKey(const std::string& key, const Step& step) {
+  Outcome outcome = locate(key);
+  if (outcome.ok()) outcome = step(RegistryStore::get());
+  return record(std::move(outcome), key);
+}
+
+template <class Step>
+bool LQPlatformInfo::onValue(const std::string& key, const std::string& name, const Step& step) {
+  Outcome outcome = lqregistry::CheckValueName(name);
+  if (outcome.ok()) outcome = locate(key);
+  if (outcome.ok()) outcome = step(RegistryStore::get());
+  return record(std::move(outcome), key, name);
+}
+
 bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name, unsigned& type,
                                  void* buffer, int& size) {
-  StoredValue value;
-  Outcome outcome = locate(key, name);
-  if (outcome.ok()) outcome = RegistryStore::get().readValue(place_.path, name, value);
-  if (outcome.ok()) {
+  return onValue(key, name, [&](RegistryStore& store) {
+    StoredValue value;
+    Outcome outcome = store.readValue(place_.path, name, value);
+    if (!outcome.ok()) return outcome;
     const std::size_t needed = value.data.size() + 1;  // a string's data() ends with a NUL
-    if (buffer != nullptr && size > 0 && needed <= static_cast<std::size_t>(size)) {
-      std::memcpy(buffer, value.data.data(), needed);
-      size = static_cast<int>(needed);
-      type = value.type;
-    } else {
-      outcome = {kRegBufferTooSmall, "the value needs a buffer of " + std::to_string(needed) + " bytes"};
-    }
-  }
-  return record(std::move(outcome), key, name);
+    if (buffer == nullptr || size <= 0 || needed > static_cast<std::size_t>(size))
+      return Outcome{kRegBufferTooSmall, "the value needs a buffer of " + std::to_string(needed) + " bytes"};
+    std::memcpy(buffer, value.data.data(), needed);
+    size = static_cast<int>(needed);
+    type = value.type;
+    return outcome;
+  });
 }
 
 bool LQPlatformInfo::setRegValue(const std::string& key, const std::string& name, unsigned type,
                                  const void* data, int length) {
-  Outcome outcome = locate(key, name);
-  if (outcome.ok() && (length < 0 || (data == nullptr && length > 0)))
-    outcome = badName("the data has no length");
-  if (outcome.ok()) {
+  return onValue(key, name, [&](RegistryStore& store) {
+    if (length < 0 || (data == nullptr && length > 0)) return badName("the data has no length");
     const std::string_view bytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
-    outcome = RegistryStore::get().writeValue(place_.path, name, type, bytes);
-  }
-  return record(std::move(outcome), key, name);
+    return store.writeValue(place_.path, name, type, bytes);
+  });
 }
 
 bool LQPlatformInfo::createRegKey(const std::string& key) {
-  Outcome outcome = locate(key);
-  if (outcome.ok()) outcome = RegistryStore::get().createKey(place_.path);
-  return record(std::move(outcome), key);
+  return onKey(key, [&](RegistryStore& store) { return store.createKey(place_.path); });
 }
 
 bool LQPlatformInfo::delRegKey(const std::string& key) {
-  Outcome outcome = locate(key);
-  if (outcome.ok() && lqregistry::HoldsInstance(place_.path))
-    outcome = badName("the key is the root of the instance, or above it, and is not removed");
-  if (outcome.ok()) outcome = RegistryStore::get().removeKey(place_.path);
-  return record(std::move(outcome), key);
+  return onKey(key, [&](RegistryStore& store) {
+    return lqregistry::HoldsInstance(place_.path)
+               ? badName("the key is the root of the instance, or above it, and is not removed")
+               : store.removeKey(place_.path);
+  });
 }
 
 bool LQPlatformInfo::delRegField(const std::string& key, const std::string& name) {
-  Outcome outcome = locate(key, name);
-  if (outcome.ok()) outcome = RegistryStore::get().removeValue(place_.path, name);
-  return record(std::move(outcome), key, name);
+  return onValue(key, name, [&](RegistryStore& store) { return store.removeValue(place_.path, name); });
 }
 
 bool LQPlatformInfo::getSubKeys(const std::string& key, std::list<std::string>& names) {
-  Outcome outcome = locate(key);
-  if (outcome.ok()) outcome = RegistryStore::get().listSubKeys(place_.path, names);
-  return record(std::move(outcome), key);
+  return onKey(key, [&](RegistryStore& store) { return store.listSubKeys(place_.path, names); });
 }
 
 bool LQPlatformInfo::getRegValues(const std::string& key, std::map<std::string, std::string>& values) {
-  Outcome outcome = locate(key);
-  if (outcome.ok()) outcome = RegistryStore::get().readValues(place_.path, values);
-  return record(std::move(outcome), key);
+  return onKey(key, [&](RegistryStore& store) { return store.readValues(place_.path, values); });
 }
 
 bool LQPlatformInfo::getString(const std::string& section, const std::string& name, std::string& out) {
-  StoredValue value;
-  Outcome outcome = locate(section, name);
-  if (outcome.ok()) outcome = RegistryStore::get().readValue(place_.path, name, value);
-  if (outcome.ok()) out = std::move(value.data);
-  return record(std::move(outcome), section, name);
+  return onValue(section, name, [&](RegistryStore& store) {
+    StoredValue value;
+    Outcome outcome = store.readValue(place_.path, name, value);
+    if (outcome.ok()) out = std::move(value.data);
+    return outcome;
+  });
 }
 
 int LQPlatformInfo::setString(const std::string& section, const std::string& name, const std::string& value,
                               int) {
-  Outcome outcome = locate(section, name);
-  if (outcome.ok()) outcome = RegistryStore::get().writeValueCreatingKey(place_.path, name, kTextType, value);
-  return record(std::move(outcome), section, name) ? 1 : 0;
+  const auto write = [&](RegistryStore& store) {
+    return store.writeValueCreatingKey(place_.path, name, kTextType, value);
+  };
+  return onValue(section, name, write) ? 1 : 0;
 }
 
 bool LQPlatformInfo::getNumber(const std::string& section, const std::string& name, std::int64_t& out) {

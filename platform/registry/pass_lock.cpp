@@ -159,15 +159,12 @@ struct LqPassLock::Hold {
 };
 
 LqPassLock::LqPassLock(const std::string& task) {
-  const std::string path = lockPath();
-  if (lqregistry::IsInBatch()) {
-    // Its holder would wait for this thread's batch, and this thread for the holder.
-    reason_ = "this thread writes to the registry in a batch that has not ended";
-    return;
-  }
   const std::string note = noteOf(task);
   const auto end = Clock::now() + waitInForce.load();
-  CWmError error = Hold::enterThread(path, note, end, hold_);
+  // In a batch of this thread, the lock's holder would wait for the batch, and this thread for the holder.
+  CWmError error = lqregistry::IsInBatch()
+                       ? refused("this thread writes to the registry in a batch that has not ended")
+                       : Hold::enterThread(lockPath(), note, end, hold_);
   if (hold_) error = hold_->lockFile(note, end);
   if (error.IsError()) hold_.reset();
   reason_ = error.AsString();

@@ -161,8 +161,12 @@ Outcome Connection::openChecked(const std::string& path, Access access, std::chr
   if (isReadOnly()) return {};
   result = configure(identity.blank());
   if (result != SQLITE_OK) return failure(result);
-  return identity.blank() ? createSchema(database_, path)
-                          : settleKey(database_, path, identity.version, wait);
+  if (identity.blank()) return createSchema(database_, path);
+  if (isKeySettled(database_, identity)) return {};
+  // Whoever writes at this moment is not waited for: another opening comes.
+  result = runWithoutWaiting(Sql::kBegin);
+  if (result == SQLITE_OK) return settleKey(database_, path);
+  return result == SQLITE_BUSY ? Outcome{} : failure(result);
 }
 
 Outcome Connection::openCopy(const std::string& path) {

@@ -110,19 +110,16 @@ Outcome createSchema(sqlite3* database, const std::string& path) {
   return result == SQLITE_OK ? commitWithNewKey(database, path) : ended(database, result);
 }
 
-Outcome settleKey(sqlite3* database, const std::string& path, std::int64_t version,
-                  std::chrono::milliseconds wait) {
+bool isKeySettled(sqlite3* database, const Identity& identity) {
   std::string fingerprint;
-  if (version == kSchemaVersion && readKeyFingerprint(database, fingerprint) == SQLITE_OK &&
-      !fingerprint.empty())
-    return {};
-  // Whoever writes at this moment is not waited for: another opening comes.
-  setWait(database, std::chrono::milliseconds::zero());
-  int result = execute(database, "BEGIN IMMEDIATE");
-  setWait(database, wait);
-  if (result != SQLITE_OK) return result == SQLITE_BUSY ? Outcome{} : failureOf(database, result);
+  return identity.version == kSchemaVersion && readKeyFingerprint(database, fingerprint) == SQLITE_OK &&
+         !fingerprint.empty();
+}
+
+Outcome settleKey(sqlite3* database, const std::string& path) {
+  std::string fingerprint;
   Identity identity;
-  result = identify(database, identity);
+  int result = identify(database, identity);
   if (result == SQLITE_OK && identity.version < kSchemaVersion) result = execute(database, kFactsSchema);
   if (result == SQLITE_OK) result = readKeyFingerprint(database, fingerprint);
   std::int64_t isProtecting = 0;
@@ -138,7 +135,6 @@ Outcome settleKey(sqlite3* database, const std::string& path, std::int64_t versi
 }
 
 int readKeyFingerprint(sqlite3* database, std::string& fingerprint) {
-  fingerprint.clear();
   sqlite3_stmt* statement = nullptr;
   int result = sqlite3_prepare_v2(database, kReadFact, -1, &statement, nullptr);
   if (result != SQLITE_OK) return result;

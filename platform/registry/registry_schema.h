@@ -4,7 +4,6 @@
 
 #include <sqlite3.h>
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -29,13 +28,15 @@ Outcome checkFormat(const Identity& identity);
 // Makes the tables of the registry at `path`, together with the protection key of its values.
 Outcome createSchema(sqlite3* database, const std::string& path);
 
-// Brings a file of an older format up to date, and records the key of one that does not know it yet. `wait`
-// is what later statements wait for other processes.
-Outcome settleKey(sqlite3* database, const std::string& path, std::int64_t version,
-                  std::chrono::milliseconds wait);
+// Whether a registry is of the newest format and knows its key.
+bool isKeySettled(sqlite3* database, const Identity& identity);
 
-// The fingerprint of the protection key that belongs to the registry; empty when it is not known. An SQLite
-// result code; a file of format 1 has none to read.
+// Ends a transaction that writes, in which it brings a file of an older format up to date and records the key
+// of one that does not know it yet.
+Outcome settleKey(sqlite3* database, const std::string& path);
+
+// The fingerprint of the protection key that belongs to the registry; what is read into stays as it is when
+// it is not known. An SQLite result code; a file of format 1 has none to read.
 int readKeyFingerprint(sqlite3* database, std::string& fingerprint);
 
 // A new registry would get a new key, and the values that the one beside `path` protects would be lost with

@@ -23,6 +23,9 @@ TEST(CommandLine, SaysItsVersionAndHowItIsUsed) {
       expectErr(result, 2, {"--help"});
     }
   }
+  expectOut(run("lqhost", {"run", "--help"}), 0, {"=0.0.0.0 ", "=8404 ", "=900\n", "=300\n"});
+  expectOut(run("lqhost", {"sync", "--help"}), 0, {"--watch PATH NAME "});
+  expectOut(run("overhub", {"push", "--help"}), 0, {"Examples:\n  overhub push web-1\n"});
 }
 
 // Each would do something else than was asked for, if it did anything.
@@ -30,6 +33,7 @@ TEST(CommandLine, RefusesWhatDoesNotGoTogetherOrIsOutOfRange) {
   const std::tuple<const char*, Words, const char*> cases[] = {
       {"lqhost", {"run", "--sync-every", "4"}, "--sync-every"},
       {"lqhost", {"--log-level", "11", "status"}, "--log-level"},
+      {"lqhost", {"--log-file", "/dev/null/log", "status"}, "--log-file names another place"},
       {"lqhost", {"join"}, "FILE"},
       {"lqreg", {"get", "A"}, "NAME"},
       {"lqreg", {"import", "file", "--instance", ""}, "--instance"},

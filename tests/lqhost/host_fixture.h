@@ -75,10 +75,6 @@ class HostTest : public OverhubTest {
     }
     return true;
   }
-  // A run is noted a moment after it is logged.
-  bool statusSays(const std::string& text) const {
-    return becomesTrue([&] { return contains(lqhost({"status"}).out, text); });
-  }
   static int countOf(const BackgroundProgram& program, const std::string& text) {
     const std::string output = program.output();
     int count = 0;

@@ -85,7 +85,12 @@ TEST_F(Settled, AnUploadIsKeptWhenTheServerSaysSo) {
     const auto shown = runProgram({"sh", "-c", upload, programPath("lqhost"), registryFile_, screen});
     const std::size_t records = server.message<OBGui::RegistryTaskResp>(0).keys->size();
     expectOut(shown, exitCode, {" s\r\x1b[K", std::to_string(records) + " records " + text});
+    EXPECT_FALSE(contains(shown.out, " 99 s")) << "one line a second";
   }
+  if (kIsSanitized) return;  // what follows leaves no room for its stacks either
+  const auto noThread = "ulimit -s 200000000000; " + upload;
+  expectOut(runProgram({"sh", "-c", noThread, programPath("lqhost"), registryFile_, screen}), 1,
+            {"lqhost: Resource temporarily unavailable"});
 }
 
 // Each way in which the cache can be left behind has its words and its exit code, and no refresh uses it.
@@ -98,6 +103,7 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
     EXPECT_EQ(valueOf("Limits", "nMAX"), keys[0].value.get()) << "not what the cache says";
     EXPECT_EQ(lqhost("sync").exitCode, 1);
     expectStatus(exitCode, why);  // a pass without a batch changes nothing about it
+    expectStatus(exitCode, "put off: a synchronisation has to come first");
   };
   EXPECT_EQ(pass(two_).exitCode, 0);
   expectUnsettled(one_, 8, "cache kept: ", "the settings cache was kept");
@@ -110,23 +116,33 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   std::filesystem::remove(cacheFile());
   EXPECT_EQ(pass(one_).exitCode, 0);
   expectStatus(0, "0 of 1 values differ");
-  setValue("Limits", "nMAX", "99");
-  EXPECT_EQ(lqhost("refresh").exitCode, 0) << "nothing stands in its way any more";
-  EXPECT_EQ(valueOf("Limits", "nMAX"), "1");
 
-  for (const auto& [outcome, exitCode] :
-       {std::pair(host::RunOutcome::kCacheLost, 7), std::pair(host::RunOutcome::kCacheUnreadable, 10),
-        std::pair(host::RunOutcome::kFailed, 1)}) {
+  using enum host::RunOutcome;  // with a cache that is there again, which is no loss, and without one
+  const std::tuple<host::RunOutcome, int, int> refreshes[] = {
+      {kCacheLost, 0, 7}, {kCacheUnreadable, 0, 10}, {kFailed, 1, 1}, {kPartly, 1, 1}, {kSkipped, 0, 1}};
+  for (const auto& [outcome, with, exitCode] : refreshes) {
     const oblog::Capture log;
     host::noteRun(host::kRefreshTask, 1, 0, 0, outcome);
     EXPECT_EQ(log.Lines().size(), 1U) << "how it ended, and no complaint";
-    expectStatus(exitCode == 1 ? 1 : 0, "0 of 1 values differ");  // a cache that is there again is no loss
+    expectStatus(with, "0 of 1 values differ");
     std::filesystem::rename(cacheFile(), cacheFile() + ".aside");
     expectStatus(exitCode, "there is no cache yet");
     std::filesystem::rename(cacheFile() + ".aside", cacheFile());
   }
   const host::CacheWatch watch;
   EXPECT_EQ(watch.fate(1), host::CacheFate::kLost) << "it would have been replaced";
+
+  writeFile(cacheFile(), batchText({record("A", "sLONG", std::string(200'000, 'x')), record("A", "s", "1"),
+                                    record("A", "sCOHDbStatus", "1"), disabled("A", "sOFF", "1")}));
+  setValue("A", "sOFF", "2");
+  expectStatus(6, "~A s is absent, should be \"1\"\n  ~A sOFF is \"2\", should be absent\n");
+  EXPECT_EQ(lqhost("refresh").exitCode, 0) << "nothing stands in its way any more";
+  // A refresh that has no room for the cache: registry and log fit.
+  const std::string command = "ulimit -f 100; exec \"$0\" --registry \"$1\" --log-file - refresh";
+  EXPECT_EQ(runProgram({"sh", "-c", command, programPath("lqhost"), registryFile_}).exitCode, 7);
+  expectStatus(7, "unsettled     the settings cache could not be written");
+  std::filesystem::remove(registryFile_ + ".key");
+  expectStatus(7, "\nprotection    " + registryFile_ + ".key: ");
 }
 
 // A pass of another process is killed after it has applied a batch, while a refresh waits for it.
@@ -188,6 +204,9 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   EXPECT_TRUE(contains(unwritten.error().AsString(), "lqhost.unsettled")) << unwritten.error().AsString();
   EXPECT_EQ(standing(), Unsettled::kPush);
   expectErr(pass(one_), 0, {"could not be noted on disk"});  // it is done all the same
+  std::filesystem::remove(noteFile());
+  unwritten.settle();
+  EXPECT_EQ(standing(), std::nullopt);
 }
 
 // A host that holds the lock and does not answer is not worked beside, whoever asks.

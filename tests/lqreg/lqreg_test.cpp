@@ -51,9 +51,10 @@ TEST_F(LqregTest, SaysWhatIsWrongAndHowToGoOn) {
   const std::tuple<Words, int, Words> cases[] = {
       {{"get", "A", "nothing"}, 1, {file_, "\"A\"", "\"nothing\"", "lqreg tree"}},
       {{"list", "B\n"}, 1, {file_, R"("B\n")"}},
-      {{"list", "A", "--registry", dir_ / "none.db"}, 1, {"does not exist", "none.db"}},
+      {{"delete", "B"}, 1, {file_, "\"B\""}},
+      {{"export", "--registry", dir_ / "none.db"}, 1, {"does not exist", "none.db"}},
       {{"list", "A", "--registry", damaged}, 3, {damaged, "not a database", "--registry"}},
-      {{"set", "A", "", "data"}, 2, {file_, "\"A\"", "empty"}},
+      {{"set", "A", "", "data"}, 2, {file_, "\"A\"", "empty", "lqreg --help"}},
       {{"delete", "~", "--recursive"}, 2, {file_, "\"~\""}}};
   for (const auto& [arguments, exitCode, words] : cases) {
     const auto result = lqreg(arguments);

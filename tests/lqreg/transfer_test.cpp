@@ -98,11 +98,11 @@ TEST_F(TransferTest, EachRecordIsTakenForWhatItSays) {
       batchOf({record("", "A", "", "KEY"), record("A", "kept", "1"), record("A", "twice", "as it is")});
   import(begun);
   EXPECT_EQ(imported(), begun);
-  auto keys = OBGui::KeyList(
-      {removal("A", "kept"), record("A", "disabled", "1"), removal("A", "removed key", "KEY"),
-       record("Overhub", "sSESSIONKEY", "another machine's"),
-       record("~/Machine", "sHOSTNAME", "another machine"), secretRecord("~A", "secret", "secret"),
-       record("A", "twice", "changed"), record("A", "twice", "as it is")});
+  auto keys = OBGui::KeyList({removal("A", "kept"), record("A", "disabled", "1"), removal("A", "", "KEY"),
+                              record("Overhub", "sSESSIONKEY", "another machine's"),
+                              record("~/Machine", "sHOSTNAME", "another machine"),
+                              secretRecord("~A", "secret", "secret"), record("A", "twice", "changed"),
+                              record("A", "twice", "as it is")});
   keys[1].enabledFlag = 0;
   const std::string batch = batchOf(keys);
   EXPECT_EQ(import(batch), "0 keys and 3 values written, 0 unchanged, 5" + kSkipped);
@@ -154,6 +154,32 @@ TEST_F(TransferTest, WhatCannotBeReadOrReplacedIsNamed) {
     EXPECT_EQ(result.out, "");
   }
   EXPECT_EQ(readFile(file_), "mine");
+
+  writeFile(file_, batchOf({record("A", "name", std::string(200'000, 'v'))}));
+  for (const char* const command : {"export", "import"})
+    expectErr(lqreg(target_, "", {command, file_}), 2, {"no instance is in focus; name one with --instance"});
+  {
+    const FullDisk full(100'000);
+    expectErr(lqreg(registryFile_, "Instance001", {"import", file_}), 3,
+              {registryFile_, "repeat the import"});
+  }
+  writeFile(target_, "no registry");
+  expectErr(lqreg(target_, "I2", {"import", file_}), 3, {target_, "--registry"});
+}
+
+TEST_F(TransferTest, WhatCannotBeWrittenOrHeldInMemoryIsSaid) {
+  setValue("A", "name", std::string(16 << 20, '"'));  // takes six times as much room in the text
+  const auto shell = [this](const std::string& words) {
+    return runProgram({"sh", "-c", words, programPath("lqreg")},
+                      {"VELMOR_REGISTRY=" + registryFile_, "VELMOR_VM=Instance001"});
+  };
+  expectErr(shell("exec $0 list '~' >/dev/full"), 4, {"standard output cannot be written"});
+  if (kIsSanitized) return;  // it needs more than there is
+  for (const char* const kilobytes : {"32000", "36000", "40000", "44000", "64000", "90000"}) {
+    const ProgramResult result = shell(std::string("ulimit -v ") + kilobytes + "; exec $0 export");
+    expectErr(result, 3, {" memory"});
+    EXPECT_EQ(result.out, "");
+  }
 }
 
 }  // namespace

@@ -35,7 +35,8 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
 
   auto upload = uploadOf(kWideIdNarrowed);
   upload.keys.edit() = {record("", "Limits", "", "KEY"), record("Limits", "sODD", "a\nb\x1b[31m\\ \xff"),
-                        record("Limits", "sPW", "V8:abcd", "ENCRYPTED")};
+                        record("Limits", "sPW", "abcd", "encrypted"), record("Limits", "sSEALED", "V8:abcd"),
+                        record("Overhub", "sSESSIONKEY", "abcd")};
   const auto verdict = ask(network, upload, refusal);
   EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
   EXPECT_EQ(verdict.client->clientId, kWideIdNarrowed);
@@ -43,10 +44,12 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
 
   ask(network, uploadOf(kWideId), refusal);
   EXPECT_TRUE(contains(refusal, "unknown client id 5000000000")) << refusal;
-  EXPECT_EQ(outOf(overhub({"uploads", "web-1"})),
-            "KEY     NAME  VALUE\nLimits\nLimits  sODD  a\\nb\\x1b[31m\\\\ \\xff\nLimits  sPW   ********\n");
+  EXPECT_EQ(
+      outOf(overhub({"uploads", "web-1"})),
+      "KEY      NAME         VALUE\nLimits\nLimits   sODD         a\\nb\\x1b[31m\\\\ \\xff\n"
+      "Limits   sPW          ********\nLimits   sSEALED      ********\nOverhub  sSESSIONKEY  ********\n");
   const std::string listed = outOf(overhub({"uploads"}));
-  EXPECT_TRUE(contains(listed, "Z  1     2       ")) << listed;
+  EXPECT_TRUE(contains(listed, "Z  1     4       ")) << listed;
   EXPECT_FALSE(contains(listed, "web-2")) << listed;
 
   const std::string out = dir_ / "out.xml";

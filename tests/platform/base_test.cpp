@@ -480,6 +480,9 @@ TEST_F(Files, ALibraryIsLoadedFromAPlaceThatIsTrustedOnly) {
   ASSERT_EQ(chmod(path_.c_str(), 0606), 0);
   expectRefusal(path_, "\"chmod go-w " + path_ + "\"");
   for (const char* name : {"libLqPlatform.so", ""}) expectRefusal(name, "names no library by its path");
+  void* procedure = this;
+  EXPECT_TRUE(contains(loader.GetProcedure("malloc", procedure).AsString(), "no library is loaded"));
+  EXPECT_EQ(procedure, nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 // The text form of messages and protected strings: whatever a field holds comes back, whatever cannot be read
 // is refused with a reason, and a secret never stands in clear where it is stored.
-#include <malloc.h>
-
 #include <algorithm>
 #include <clocale>
 #include <cstdlib>
@@ -187,11 +185,6 @@ TEST_F(MessageTest, RefusesWhatItCannotReadAndStaysAsItWas) {
 
 // --- what reading takes ------------------------------------------------------------------------------------
 
-std::size_t memoryInUse() {
-  const struct mallinfo2 heap = mallinfo2();
-  return heap.uordblks + heap.hblkhd;
-}
-
 // Notes, whenever a thousand are made, what the process uses.
 struct Probe : MessageClass<Probe, 90, 3> {
   static constexpr const char* kClassName = "Test.Probe";
@@ -277,6 +270,8 @@ TEST_F(MessageTest, AStoredTextNeverHoldsTheSecret) {
   ASSERT_EQ(tree.serialize(text, false), 0);
   EXPECT_FALSE(contains(text, "hunter2") || contains(text, "clear:")) << text;
   EXPECT_EQ(reread(text).children->at(0).secret->reveal(), "hunter2-hunter2");
+  std::size_t records = 0;
+  EXPECT_TRUE(tree.isReadable(text, records) && records == 1);
 
   ASSERT_EQ(tree.serialize(text, true), 0);
   EXPECT_NE(text.find("clear:hunter2-hunter2"), std::string::npos);
@@ -300,6 +295,7 @@ TEST_F(MessageTest, OneThatCannotBeOpenedIsKeptAsItStandsAndNeverTold) {
     pstring copied("another");
     copied = secret;
     pstring moved(std::move(copied));
+    EXPECT_TRUE(copied.empty());
     copied = pstring(moved);
     EXPECT_EQ(copied.getV8Password(), text);
     copied = pstring("readable");

@@ -204,9 +204,8 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
   EXPECT_TRUE(raw == expectedRaw);
 
   expectSleeping();
-  expectError(exchange(network, noteOf("decline")), kLqErrRequestRefused, "not today");
-  EXPECT_EQ(message, nullptr);
-  EXPECT_TRUE(network.IsConnected());
+  expectError(exchange(network, noteOf("decline"), &raw), kLqErrRequestRefused, "not today");
+  EXPECT_TRUE(network.IsConnected() && message == nullptr && raw.empty());
 
   network.Disconnect(kPatience, gone);
   EXPECT_FALSE(gone || network.IsConnected());
@@ -271,7 +270,8 @@ TEST_F(NetworkTest, OnlyAServerWithTheSameKeyIsTrustedAndUnknownCallersLookLikeW
     EXPECT_STREQ(attach(network).AsString(), wrongKey.AsString());
     join(kIdentity, kKey);
     server.expectOutcomes(
-        {{kLqErrHandshake, std::string(kIdentity) + " (127.0.0.1 port "}, {kLqErrHandshake, "nobody"}});
+        {{kLqErrHandshake, "): the caller's session key is not the one known for its identity"},
+         {kLqErrHandshake, "nobody (127.0.0.1 port "}});
   }
   // An impostor that shows a certificate, and a good server on the other port that is not to be asked.
   ScriptedPeer impostor = playing([](PeerSession& s) {
@@ -371,6 +371,9 @@ TEST_F(BrokenReplyTest, GivesItsCodeAndLeavesTheSessionUsableOrClosed) {
       {"refusal", reply(PeerSession::kRefuseRequest, "busy"), kLqErrRequestRefused, "busy", true},
       {"broken XML", reply(PeerSession::kMessage, "<Test.Note text="), kLqErrBadMessage, "broken XML", true},
       {"unknown class", reply(PeerSession::kMessage, "<No.Such/>"), kLqErrBadMessage, "No.Such", true}};
+  EchoServer server(address, kSecondPort);
+  CLqNetwork bystander;  // on this thread as well
+  ASSERT_FALSE(attach(bystander).IsError());
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
     ScriptedPeer peer = attaching([&fault](PeerSession& s) {
@@ -386,6 +389,7 @@ TEST_F(BrokenReplyTest, GivesItsCodeAndLeavesTheSessionUsableOrClosed) {
     EXPECT_EQ(message, nullptr);
     EXPECT_EQ(gone, fault.code == kLqErrConnectionLost);
     EXPECT_EQ(network.IsConnected(), fault.connectedAfterwards);
+    EXPECT_STREQ(exchange(bystander, noteOf("undisturbed")).AsString(), "");
     const CWmError again = exchange(network, noteOf("another"));
     EXPECT_EQ(again.GetCode(), fault.connectedAfterwards ? 0U : kLqErrNotConnected) << again.AsString();
   }
@@ -503,12 +507,13 @@ class RoomTest : public NetworkTest {
   // One who has sent the beginning of the largest message: as much as it takes to need memory for all of it.
   std::unique_ptr<PeerSession> largePeer() {
     auto peer = attachedPeer();
-    peer->writeInTls(PeerSession::frameHeader(PeerSession::kMessage, kMaxMessageFrameBytes - 1) +
-                     std::string(kBegun, '<'));
+    peer->writeInTls(begun_);
     return peer;
   }
 
   static constexpr std::size_t kBegun = (64U << 10) + 1;
+  const std::string begun_ =
+      PeerSession::frameHeader(PeerSession::kMessage, kMaxMessageFrameBytes - 1) + std::string(kBegun, '<');
   const std::string large_ = "<Test.Note text=\"" + std::string(3U << 20, 'x') + "\"/>";
   static constexpr std::chrono::milliseconds kForever = std::chrono::hours(1);
 };
@@ -690,10 +695,48 @@ TEST_F(RoomTest, WhoIsTooSlowWithALargeMessageGivesItsMemoryToOthers) {
   expectError(server.outcomes()[0], kLqErrTimeout, "slow to send a large message");
 }
 
+// Two who have got the beginning of the largest answer hold all the memory there is for those who call.
+TEST_F(RoomTest, WhoeverCallsWaitsForMemoryOrTheEndOfItsTime) {
+  EchoServer server(address, kFirstPort);
+  std::list<CLqNetwork> callers(2);
+  std::vector<std::future<CWmError>> holders;
+  std::list<ScriptedPeer> peers;
+  for (CLqNetwork& caller : callers) {
+    const std::string place = uniqueLoopbackAddress();
+    peers.emplace_back(place, kFirstPort, kIdentity, kKey, [this](PeerSession& s) {
+      if (s.acceptAttach()) s.writeInTls(begun_);
+      s.waitForClose();
+    });
+    ASSERT_FALSE(attach(caller, kPatience, "", MangleHostName(place, "s", kFirstPort, kFirstPort)).IsError());
+    holders.push_back(std::async(std::launch::async, [&caller] {
+      bool lost = false;
+      std::unique_ptr<CNMessageBase> none;
+      return caller.ReceiveXMLMessage(nullptr, none, nullptr, 0, -1, lost);
+    }));
+  }
+  const auto ask = [&](int seconds) {
+    EXPECT_FALSE(attach(network).IsError());
+    EXPECT_FALSE(network.SendXMLMessage(noteOf(std::string(kBegun, 'x')), 0, kPatience, gone).IsError());
+    return receive(network, seconds);
+  };
+  CWmError answer;
+  while (!answer.IsError()) answer = ask(2);  // until both hold theirs
+  expectError(answer, kLqErrTimeout, "there was no memory for a message of");
+  auto waiting = std::async(std::launch::async, ask, kPatience);
+  expectSleeping();
+  peers.clear();
+  EXPECT_STREQ(waiting.get().AsString(), "");
+}
+
 // --- what ends a wait without limit ------------------------------------------------------------------------
 
 TEST_F(NetworkTest, APeerThatStaysSilentIsLostAlsoWithoutALimit) {
   ScriptedPeer mute = attaching([](PeerSession& s) { s.waitForClose(); });
+  for (const auto end : {&CLqNetwork::Disconnect, &CLqNetwork::ReplyDisconnect}) {
+    ASSERT_FALSE(attach(network).IsError());
+    (network.*end)(0, gone);
+    EXPECT_FALSE(gone || network.IsConnected()) << "it ends in time all the same";
+  }
   ASSERT_FALSE(attach(network).IsError());
   CLqNetwork::SetSilenceLimit(std::chrono::milliseconds(20));
   expectError(receive(network, -1), kLqErrConnectionLost, "not a byte");

@@ -1,6 +1,8 @@
 // The pass lock: who is excluded, for how long, and what those who wait in vain are told.
 #include "lqregistry/LqPassLock.h"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -14,6 +16,7 @@ using std::chrono::milliseconds;
 // Takes the lock and keeps it until asked to let go of it, or killed.
 bool holdOrRelease(const std::string& step) {
   static std::unique_ptr<LqPassLock> lock;
+  if (step == "give up root's rights") return geteuid() != 0 || setuid(65534) == 0;
   if (step == "release") {
     lock.reset();
     return true;
@@ -56,6 +59,14 @@ TEST_F(RegistryTest, APassExcludesOtherProcessesUntilItEndsOrDies) {
   EXPECT_TRUE(LqPassLock("after a death").isHeld());
   ASSERT_TRUE(std::filesystem::remove(file) && std::filesystem::create_directory(file));
   EXPECT_TRUE(contains(takeInVain(), "the lock " + file + " cannot be made: Is a directory"));
+
+  // Where nobody may make a file, there is nothing to lock; one that may not be opened is another's.
+  OtherProcess reader(holdOrRelease);
+  ASSERT_TRUE(std::filesystem::remove(file) && chmod(dir_.path().c_str(), 0555) == 0);
+  EXPECT_TRUE(reader.ask("give up root's rights") && reader.ask("refresh") && reader.ask("release"));
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+  writeFile(file, "");
+  EXPECT_TRUE(chmod(file.c_str(), 0) == 0 && !reader.ask("refresh"));
 }
 
 TEST_F(RegistryTest, APassExcludesOtherThreadsAndItsOwnAtOnce) {
@@ -65,6 +76,7 @@ TEST_F(RegistryTest, APassExcludesOtherThreadsAndItsOwnAtOnce) {
     auto lock = std::make_unique<LqPassLock>("first");
     ASSERT_TRUE(lock->isHeld()) << lock->reason();
     EXPECT_EQ(lock->reason(), "");
+    const OtherProcess child(holdOrRelease);  // has the lock's descriptor, and may live on
     // With the wait of a minute: who waited for itself would wait here.
     const auto begin = std::chrono::steady_clock::now();
     const LqPassLock again("again");

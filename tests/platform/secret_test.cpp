@@ -27,7 +27,7 @@ class Secrets : public RegistryTest {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(pstring("secret").getV8Password(), "");
     pstring opened;
     EXPECT_FALSE(pstring::fromV8Password(sealed_, opened));
-    ASSERT_FALSE(log.Lines().empty());
+    ASSERT_TRUE(log.Lines().size() == 1 || log.Lines().size() == 2);  // reading has a cause of its own
     for (const std::string& word : words) {
       EXPECT_TRUE(contains(log.Lines()[0].text, word)) << word << " in " << log.Lines()[0].text;
       EXPECT_TRUE(contains(complaint(), word)) << word << " in " << complaint();

@@ -91,6 +91,18 @@ TEST_F(SeenKeyTest, ABatchShowsWhatItsWritesLeave) {
   expectModel();
 }
 
+// Scans would read 128 values for these look-ups, and of larger ones they keep a few only.
+TEST_F(SeenKeyTest, LargeValuesAreNotKept) {
+  const std::string large(1U << 19, 'x');
+  for (int i = 0; i < 100; ++i) setValue("large", std::to_string(i), large);
+  lqregistry::UseFile(file_);
+  lqregistry::WriteBatch batch;
+  batch.lock();
+  const std::size_t before = memoryInUse();
+  for (int i = 0; i < 8; ++i) expectValue("large", "none " + std::to_string(i));
+  EXPECT_LT(memoryInUse(), before + 16 * large.size());
+}
+
 TEST_F(SeenKeyTest, ASnapshotStaysAsItWasUntilItEndsOrIsWrittenIn) {
   OtherProcess other(&carryOut);
   ASSERT_TRUE(other.ask("write old"));

@@ -5,6 +5,7 @@
 
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
+#include "records/expiry.h"
 #include "tests/platform/registry_fixture.h"
 #include "tests/support/product_fixture.h"
 
@@ -57,6 +58,7 @@ TEST_F(Apply, AnEmptyListTouchesNothing) {
   EXPECT_TRUE(
       hasLine(log, "10|LqRegistryManager::updateRegistryKeysForClient|NO RECODRDS FOR CLIENT REGISTRY KEYS"));
   EXPECT_FALSE(std::filesystem::exists(registryFile_));
+  EXPECT_TRUE(LqRegistryChangeMgr::isThreadPoolInitialized) << "it starts with the first list";
 }
 
 TEST_F(Apply, FlagsDecideBetweenWritingAndRemoving) {
@@ -104,6 +106,13 @@ TEST_F(Apply, ExpiredValuesGoWithTheirCompanionsWhateverTheirPath) {
       EXPECT_EQ(keys[i].deleteFlag, stays[i] ? 0 : 1) << what << i << ": the caller's list tells";
     }
   }
+  OBGui::KeyList reached{record("A", "Trace_UNTIL", "1000"), record("B", "Trace", "1")};
+  reached[1].deleteFlag = 2;  // neither a removal nor absent: the expiry decides
+  for (const bool isOver : {false, true}) {
+    markExpired(reached, isOver ? 1001 : 1000);
+    EXPECT_TRUE(reached[0].deleteFlag == (isOver ? 1 : 0) && reached[1].deleteFlag == (isOver ? 1 : 2))
+        << isOver;
+  }
 }
 
 TEST_F(Apply, TheLaterOfTwoRecordsWins) {
@@ -118,10 +127,12 @@ TEST_F(Apply, TheLaterOfTwoRecordsWins) {
 // --- callbacks ---------------------------------------------------------------------------------------------
 
 TEST_F(Apply, CallbacksSeeEveryChangeOnDiskAndNothingElse) {
-  for (const char* name : {"a_same", "e_tilde", "f_removed", "h_disabled", "k_wrongcase"})
+  const std::string longest(1023, 'x');  // of what is compared
+  for (const char* name : {"e_tilde", "f_removed", "h_disabled", "k_wrongcase"})
     setValue("Watched", name, "1");
+  setValue("Watched", "a_same", longest);
   setValue("Watched", "b_changed", "old");
-  setValue("Watched", "d_long", std::string(1024, 'x'));
+  setValue("Watched", "d_long", longest + "x");
   for (const char* name : {"a_same", "b_changed", "c_new", "d_long", "f_removed", "g_notthere", "h_disabled",
                            "i_disabledabsent", "l_oddflag"})
     watch("Watched", name);
@@ -131,25 +142,24 @@ TEST_F(Apply, CallbacksSeeEveryChangeOnDiskAndNothingElse) {
   OBGui::RegistryKeyInfo oddFlag = disabled("Watched", "l_oddflag", "1");
   oddFlag.deleteFlag = 2;  // any deleteFlag but 0 asks for a removal
 
-  auto keys = OBGui::KeyList(
-      {record("Watched", "a_same", "1"), record("Watched", "b_changed", "new"),
-       record("Watched", "c_new", "1"), record("Watched", "d_long", std::string(1024, 'x')),
-       record("~Watched", "e_tilde", "1"), removal("Watched", "f_removed"), removal("Watched", "g_notthere"),
-       disabled("Watched", "h_disabled", "1"), disabled("Watched", "i_disabledabsent", "1"),
-       record("Watched", "k_wrongcase", "2"), oddFlag});
+  auto keys = OBGui::KeyList({record("Watched", "a_same", longest), record("Watched", "b_changed", "new"),
+                              record("Watched", "c_new", "1"), record("Watched", "d_long", longest + "x"),
+                              record("~Watched", "e_tilde", "1"), removal("Watched", "f_removed"),
+                              removal("Watched", "g_notthere"), disabled("Watched", "h_disabled", "1"),
+                              disabled("Watched", "i_disabledabsent", "1"),
+                              record("Watched", "k_wrongcase", "2"), oddFlag});
   // Enough to come that the callbacks look while the pass is still at work.
   for (int i = 0; i < 3000; ++i) keys.push_back(record("Rest", std::to_string(i), "1"));
   const oblog::Capture log;
   EXPECT_EQ(client_.updateRegistryKeysForClient(keys), 0);
-  EXPECT_EQ(told(),
-            (std::vector<Change>{{"b_changed", "new\n"},
-                                 {"c_new", "1\n"},
-                                 {"d_long", std::string(1024, 'x') + "\n"},  // longer than what is compared
-                                 {"e_tilde", "1\n"},  // looked for at "~~Watched", where nothing is
-                                 {"f_removed", "gone"},
-                                 {"g_notthere", "gone"},
-                                 {"h_disabled", "gone"},
-                                 {"l_oddflag", "gone"}}));
+  EXPECT_EQ(told(), (std::vector<Change>{{"b_changed", "new\n"},
+                                         {"c_new", "1\n"},
+                                         {"d_long", longest + "x\n"},
+                                         {"e_tilde", "1\n"},  // looked for at "~~Watched", where nothing is
+                                         {"f_removed", "gone"},
+                                         {"g_notthere", "gone"},
+                                         {"h_disabled", "gone"},
+                                         {"l_oddflag", "gone"}}));
   // Handed over in the order of the records.
   const std::string tag = "LqRegistryChangeMgr::HandleCallbackForRegistry";
   Lines handed = linesOf(log, tag);
@@ -261,15 +271,16 @@ TEST_F(Apply, AHostileBatchIsAppliedAsFarAsPossible) {
 // --- another module's list ---------------------------------------------------------------------------------
 
 TEST_F(Apply, AnotherModulesListGivesTheStatusOfTheLastOperation) {
-  const auto applyForModule = [this](const std::string& path, const std::string& name,
-                                     const std::string& type) {
+  LqRegistryManagerClnt client("Instance002");  // the list is for the instance in focus all the same
+  const auto applyForModule = [&client](const std::string& path, const std::string& name,
+                                        const std::string& type) {
     App::KeyList keys(1);
     keys[0].keyPath = path;
     keys[0].valueName = name;
     keys[0].valueType = type;
     keys[0].value = "1";
     keys[0].enabledFlag = 1;
-    return client_.updateRegistryKeyForTPPM(keys);
+    return client.updateRegistryKeyForTPPM(keys);
   };
   const oblog::Capture log(2);
   EXPECT_EQ(applyForModule("Module", "sFIRST", "VALUE"), 6U);

@@ -78,6 +78,7 @@ TEST_F(Enumeration, ValuesAreTakenAsTextAndThoseTooLongForTheBufferPassedOver) {
 
   OBGui::KeyList records{record("kept", "as it was", "")};
   EXPECT_EQ(client_.fillKeyFieldInformation("A", {{"gone meanwhile", ""}, {"d", ""}}, records), 0U);
+  EXPECT_EQ(client_.fillKeyFieldInformation("", {{"d", ""}}, records), 3U) << "the root has no record";
   ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[2].valueName.get(), "d");
 }
@@ -104,7 +105,8 @@ TEST_F(Enumeration, AParentIsListedWithTheRootsSignAndWithoutIt) {
     EXPECT_EQ(keys, below);
   }
   std::list<std::string> none;
-  EXPECT_EQ(client_.getAllClientKeys("~Absent", none), 3U);
+  for (const char* parent : {"~Absent", static_cast<const char*>(nullptr)})
+    EXPECT_EQ(client_.getAllClientKeys(parent, none), 3U);
   const auto all = enumerated();
   EXPECT_NE(std::find(all.begin(), all.end(), "~A|E|KEY|"), all.end()) << "a name is not taken for a path";
 }

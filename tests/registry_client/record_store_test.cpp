@@ -186,7 +186,7 @@ TEST_F(RecordStore, DeletingWhatIsNotThereSucceeds) {
 
 TEST(HexToNum, SkipsWhatIsNoDigit) {
   EXPECT_EQ(hextonum("0x1F"), 31U);
-  EXPECT_EQ(hextonum("aBcDeF0189"), 0xabcdef0189U);
+  EXPECT_EQ(hextonum("aBcDeFA0189"), 0xabcdefa0189U);
   EXPECT_EQ(hextonum("-g\xff\n7"), 7U);
   EXPECT_EQ(hextonum("1ffffffffffffffff"), 0xffffffffffffffffU) << "wraps";
 }

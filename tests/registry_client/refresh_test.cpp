@@ -118,6 +118,14 @@ TEST_F(Refresh, OneSecretThatCannotBeReadCostsTheOthersNothing) {
   EXPECT_EQ(additionalSettingsRefresh(), 1U);
   EXPECT_EQ(valuesOf("A", {"sFIRST", "sLAST", "sPASSWORD"}), "1 1 -");
   EXPECT_EQ(readFile(cacheFile()), text) << "with the right key it can be read again";
+
+  text = batchText({secretRecord("A", "sPASSWORD", "sesame")});  // in clear, as the server sends it
+  writeFile(cacheFile(), text);
+  pstring::UseKeyFile(dir_ / "no/such/folder");
+  const oblog::Capture log;
+  EXPECT_EQ(additionalSettingsRefresh(), 1U);
+  EXPECT_TRUE(hasLine(log, "error|" + kTag + "|The cache is left as it was"));
+  EXPECT_EQ(readFile(cacheFile()), text);
 }
 
 // --- the client id -----------------------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -39,6 +40,12 @@ inline void expectSleeping() {
   const std::clock_t before = std::clock();
   std::this_thread::sleep_for(std::chrono::duration<double>(kSeconds));
   EXPECT_LT(static_cast<double>(std::clock() - before), kSeconds / 4 * CLOCKS_PER_SEC);
+}
+
+// What this process has taken of its heap; 0 under a sanitizer, which has one of its own.
+inline std::size_t memoryInUse() {
+  const struct mallinfo2 heap = mallinfo2();
+  return heap.uordblks + heap.hblkhd;
 }
 
 // Every byte from this one on, in order.
