@@ -134,7 +134,7 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options, bool
   written = written && LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
   // Before the commit: a kill in between costs the former client a cache, which its next pass stores.
   for (const std::string& base : {baseBefore, options.base}) {
-    const CWmError error = written && lock ? dropCachedSettings(*lock, base, isCacheDropped) : CWmError();
+    CWmError error = written && lock ? dropCachedSettings(*lock, base, isCacheDropped) : CWmError();
     if (!error.IsError()) continue;
     batch.abandon();
     return error;
