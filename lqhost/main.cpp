@@ -27,6 +27,7 @@ While a resident host (run) serves the instance, sync, refresh and upload are ca
 Examples:
   lqhost join client42.join --home /opt/velmor
   lqhost sync
+  lqhost sync --fresh
   lqhost sync --watch Machine/Settings nTraceLevel
   lqhost --log-level 10 --log-file - refresh
   lqhost run --sync-every 3600
@@ -36,7 +37,7 @@ Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the h
 answer), 2 wrong usage or join file, 3 not joined or the registry cannot be used, 4 not everything could be
 applied or uploaded, 5 skipped (synchronisation is switched off, or joining not finished), 6 values differ from
 the cache, 7 the settings cache could not be written, 8 the settings cache was kept, because it holds more
-records than the server's reply, 9 the server has not recorded the acknowledgement, 10 the settings cache cannot
+records than the server's reply (sync --fresh drops it), 9 the server has not recorded the acknowledgement, 10 the settings cache cannot
 be read and was not replaced. Where several hold, sync and refresh end with the first of 1, 5, 4, 7, 10, 8, 9,
 status with the first of 3, 7, 10, 8, 6, 9, 1.)";
 

@@ -24,7 +24,7 @@ inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
 
 // What the resident host does for those who ask it, and what the commands do themselves when there is none.
-[[nodiscard]] CommandResult synchroniseNow(Passes& passes);
+[[nodiscard]] CommandResult synchroniseNow(Passes& passes, OldCache oldCache = OldCache::kStays);
 [[nodiscard]] CommandResult refreshNow(Passes& passes);
 [[nodiscard]] CommandResult uploadNow();
 

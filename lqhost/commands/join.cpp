@@ -5,6 +5,7 @@
 #include <array>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "common/host_name.h"
@@ -13,10 +14,12 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/cached_settings.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqSettings.h"
 
@@ -91,9 +94,24 @@ std::vector<Written> settingsOf(const programs::JoinFile& file, const JoinOption
   };
 }
 
-// Writes everything as one change, for the instance in focus, creating the directories. After an error the
-// registry is as it was.
-CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
+// Whether the instance in focus has joined before as another client, or another server: its settings cache is
+// of a batch that has nothing to do with this client's.
+bool wasAnother(const programs::JoinFile& file) {
+  const auto isOther = [](const lqsettings::Setting& setting, const std::string& value) {
+    std::string before;
+    return LQPlatformInfo().getString(setting.key, setting.name, before) != 0 && before != value;
+  };
+  std::uint64_t id = 0;
+  const bool isIdKnown = LQClient(file.clientName, false, 0).getClientId(id, nullptr) == 0;
+  return isOther(lqsettings::kServerHost, file.serverHost) ||
+         isOther(lqsettings::kServerName, file.serverName) ||
+         isOther(lqsettings::kSessionIdentity, file.clientName) ||
+         (isIdKnown && id != static_cast<std::uint64_t>(file.clientId));
+}
+
+// Writes everything as one change, for the instance in focus, creating the directories, and drops a cache
+// that is another client's. After an error the registry is as it was.
+CWmError record(const programs::JoinFile& file, const JoinOptions& options, bool& isCacheDropped) {
   for (const std::string& name : {options.host, options.machine, file.clientName}) {
     if (name.find('/') != std::string::npos)
       return {kLqErrFile, "a host, machine or client name cannot hold a \"/\": " + name};
@@ -104,6 +122,9 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
     if (CWmError error = makeDirectory(directory); error.IsError()) return error;
   }
 
+  const std::string baseBefore = baseDirectory();
+  std::optional<LqPassLock> lock;  // to the end, so that no pass of the former client stores its cache again
+  if (wasAnother(file)) lock.emplace("join");
   lqregistry::WriteBatch batch;
   LQPlatformInfo info;
   bool written = true;
@@ -111,6 +132,13 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
     written = written && info.setString(setting.key, setting.name, setting.value, 0) != 0;
   // Last, because it does not tell why it fails: what keeps everything from being written is known by now.
   written = written && LQClient::recordClient(file.clientName, static_cast<std::uint64_t>(file.clientId));
+  // Before the commit: a kill in between costs the former client a cache, which its next pass stores.
+  for (const std::string& base : {baseBefore, options.base}) {
+    CWmError error = written && lock ? dropCachedSettings(*lock, base, isCacheDropped) : CWmError();
+    if (!error.IsError()) continue;
+    batch.abandon();
+    return error;
+  }
   if (written && batch.commit()) return {};
   batch.abandon();
   std::string why = info.getRegErrorText();
@@ -119,12 +147,17 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options) {
 }
 
 int join(const programs::JoinFile& file, const JoinOptions& options) {
-  if (const CWmError error = record(file, options); error.IsError())
+  bool isCacheDropped = false;
+  if (const CWmError error = record(file, options, isCacheDropped); error.IsError())
     return print(complaint(kExitNotJoined, error.AsString()));
-  const std::string said = instanceName() + " joined " + file.serverName + " at " + file.serverHost +
-                           " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
-                           "; the registry is " + lqregistry::File();
-  return print({kExitOk, programs::escapedForTerminal(said) + "\n", ""});
+  std::string said =
+      programs::escapedForTerminal(instanceName() + " joined " + file.serverName + " at " + file.serverHost +
+                                   " as client " + file.clientName + ", id " + std::to_string(file.clientId) +
+                                   "; the registry is " + lqregistry::File()) +
+      "\n";
+  if (isCacheDropped)
+    said += "the settings cache was another client's, or of another server, and is dropped\n";
+  return print({kExitOk, said, ""});
 }
 
 // The join file is read as whoever started this, who may be the only one that it is for.

@@ -51,6 +51,7 @@ CommandResult countCallbacks() {
 // What the commands of this machine ask for.
 CommandResult answer(Passes& passes, const std::string& question) {
   if (question == kAskSync) return synchroniseNow(passes);
+  if (question == kAskFreshSync) return synchroniseNow(passes, OldCache::kDropped);
   if (question == kAskRefresh) return refreshNow(passes);
   if (question == kAskUpload) return uploadNow();
   if (question == kAskCallbacks) return countCallbacks();
@@ -71,10 +72,11 @@ class Schedule {
             kDefaultFrequency) {
     onDownloadWanted([this] { download_.runSoon(); });
   }
+  // A command that is still at it may want one.
+  ~Schedule() { onDownloadWanted({}); }
   Schedule(const Schedule&) = delete;
   Schedule& operator=(const Schedule&) = delete;
 
-  // Who serves the server's requests, and so asks for downloads, ends before this does.
   void start(std::uint32_t spread) {
     // Left by a host that was killed, or by a pass that did not store the cache.
     if (standingNote()) download_.runSoon();

@@ -58,6 +58,7 @@ int exitCodeOf(Unsettled why) {
       return kExitCacheUnreadable;
     case Unsettled::kPass:
     case Unsettled::kPush:
+    case Unsettled::kCacheDropped:
       break;
   }
   return kExitFailed;

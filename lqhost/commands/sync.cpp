@@ -56,6 +56,13 @@ class CallbackWatch {
 std::mutex CallbackWatch::mutex_;
 std::string CallbackWatch::lines_;
 
+struct SyncOptions {
+  CommandLine::Pairs watched;
+  bool isFresh = false;
+
+  OldCache oldCache() const { return isFresh ? OldCache::kDropped : OldCache::kStays; }
+};
+
 std::string acknowledgementText(const PassResult& pass) {
   if (!pass.acknowledgedAs) return "not acknowledged: the server could not be told of the outcome\n";
   if (!pass.refusal.empty())
@@ -78,14 +85,17 @@ std::string cacheText(CacheFate fate) {
     case CacheFate::kKept:
       return "cache kept: " + path +
              " holds more records than the server's reply, so it was not replaced and works against the "
-             "server; "
-             "have the server send removals for what it no longer sets, or remove the file and synchronise "
-             "again\n";
+             "server; have the server send removals for what it no longer sets, or drop it with "
+             "`lqhost sync --fresh`\n";
     case CacheFate::kUnreadable:
-      return "cache not replaced: " + path + " cannot be read; remove the file and synchronise again\n";
+      return "cache not replaced: " + path + " cannot be read; drop it with `lqhost sync --fresh`\n";
   }
   return {};
 }
+
+constexpr const char* kDroppedText =
+    "cache dropped: a synchronisation stores another as soon as the server is reached; there is no refresh "
+    "before\n";
 
 // The log lines that tell why, whatever the log's own threshold and place are.
 std::string repeated(const oblog::Capture& log) {
@@ -94,35 +104,41 @@ std::string repeated(const oblog::Capture& log) {
   return text;
 }
 
-int syncHere(const CommandLine::Pairs& watched) {
+int syncHere(const SyncOptions& options) {
   ProductLibrary product;
   Passes passes(product);
   if (passes.error().IsError()) return print(complaint(kExitFailed, passes.error().AsString()));
-  const CallbackWatch callbacks(watched);
-  CommandResult result = synchroniseNow(passes);
+  const CallbackWatch callbacks(options.watched);
+  CommandResult result = synchroniseNow(passes, options.oldCache());
   result.out += CallbackWatch::text();
   return print(result);
 }
 
-int sync(const CommandLine::Pairs& watched) {
+int sync(const SyncOptions& options) {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
-  if (!watched.empty() && isHostResident()) {
+  if (!options.watched.empty() && isHostResident()) {
     return print(
         complaint(kExitFailed,
                   "--watch is for machines without a resident host: callbacks run in the process that "
                   "synchronises, which is the resident host here; its log shows what they did"));
   }
-  if (const auto answered = answerOfResident(kAskSync)) return print(*answered);
-  return syncHere(watched);
+  if (const auto answered = answerOfResident(options.isFresh ? kAskFreshSync : kAskSync))
+    return print(*answered);
+  return syncHere(options);
 }
 
 }  // namespace
 
-CommandResult synchroniseNow(Passes& passes) {
+CommandResult synchroniseNow(Passes& passes, OldCache oldCache) {
   const oblog::Capture log(kRepeatedLevel);
   LqPeriodicTaskStatus status;
   CommandResult result;
-  const PassResult pass = passes.downloadWithReport(status, result.out);
+  const PassResult pass = passes.downloadWithReport(status, result.out, oldCache);
+  if (pass.dropError.IsError()) {
+    const std::string what =
+        "nothing was synchronised, because the settings cache could not be dropped first: ";
+    return complaint(kExitFailed, what + pass.dropError.AsString());
+  }
   const RunOutcome outcome = pass.outcome();
   result.exitCode = exitCodeOf(outcome);
   if (pass.noteError.IsError()) {
@@ -134,6 +150,7 @@ CommandResult synchroniseNow(Passes& passes) {
         "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "
         "finished (Session bANTICHATTER)\n";
   } else if (!pass.received) {
+    if (pass.isCacheDropped) result.out += kDroppedText;
     result.err +=
         "lqhost: no batch was received; the registry is as it was. The client says:\n" + repeated(log);
   } else {
@@ -145,10 +162,14 @@ CommandResult synchroniseNow(Passes& passes) {
 }
 
 void addSync(CommandLine& line) {
-  const auto watched = std::make_shared<CommandLine::Pairs>();
-  line.add("sync", "Synchronise once now, and report what changed", [watched] { return sync(*watched); })
+  const auto options = std::make_shared<SyncOptions>();
+  line.add("sync", "Synchronise once now, and report what changed", [options] { return sync(*options); })
+      .flag(
+          "--fresh", options->isFresh,
+          "Drop the settings cache first, so that another one is stored even if the server's reply has fewer "
+          "records; for a machine that was set back to an older state, say")
       .option(
-          "--watch PATH NAME", *watched,
+          "--watch PATH NAME", options->watched,
           "Register a change callback for a key path and a value name, spelled as the server spells them; "
           "may be repeated. Not while a resident host runs");
 }

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "lqregistry/CWmError.h"
+#include "lqregistry/LqPassLock.h"
 #include "lqregistry/OBGui.h"
 
 namespace host {
@@ -17,5 +19,9 @@ struct CachedSettings {
 
 // The cache of the instance in focus; an error, with `settings` unchanged, when none can be read.
 CWmError readCachedSettings(CachedSettings& settings);
+
+// Removes the cache from this base directory; sets `wasThere` when there was one. It takes the pass lock,
+// because a refresh under way would write what it has read back, and an error says so when that is not held.
+CWmError dropCachedSettings(const LqPassLock& lock, const std::string& base, bool& wasThere);
 
 }  // namespace host

@@ -39,7 +39,9 @@ struct PassResult {
   int taskResult = 0;                          // of the product's callback
   std::size_t failedRecords = 0;               // as the report counts them; 0 where none is made
   CacheFate cache = CacheFate::kStored;
-  CWmError noteError;  // why the pass could not be noted before it began
+  CWmError noteError;           // why the pass could not be noted before it began
+  bool isCacheDropped = false;  // before it began
+  CWmError dropError;           // why that was wanted and could not be done; there was no pass then
 
   // Sent, dealt with, and not refused.
   bool isAcknowledged() const { return acknowledgedAs && isGoodbyeAnswered && refusal.empty(); }

@@ -26,8 +26,8 @@ constexpr const char* kNoteFile = "lqhost.unsettled";
 constexpr const char* kNoteLock = "lqhost.unsettled.lock";
 
 // As they stand in the file, in the order of Unsettled.
-constexpr std::array<const char*, 5> kWords = {"synchronisation", "push", "cache-lost", "cache-kept",
-                                               "cache-unreadable"};
+constexpr std::array<const char*, 6> kWords = {"synchronisation",  "push",         "cache-lost", "cache-kept",
+                                               "cache-unreadable", "cache-dropped"};
 
 std::mutex noteMutex;                       // the same within the process
 std::optional<UnsettledNote> onlyInMemory;  // a note that could not be written; guarded by noteMutex
@@ -128,6 +128,8 @@ std::string unsettledText(const UnsettledNote& note) {
     case Unsettled::kCacheKept:
       return "the settings cache was kept, because the server's reply has fewer records" + since +
              "; it works against the server until it is replaced";
+    case Unsettled::kCacheDropped:
+      return "the settings cache was dropped, and no synchronisation has stored another" + since;
     case Unsettled::kCacheUnreadable:
       break;
   }

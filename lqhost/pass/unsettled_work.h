@@ -30,6 +30,7 @@ enum class Unsettled {
   kCacheLost,        // the cache could not be written
   kCacheKept,        // the cache was kept, because the reply was shorter
   kCacheUnreadable,  // the cache cannot be read, and was not replaced
+  kCacheDropped,     // the cache was dropped, and no synchronisation has followed
 };
 
 struct UnsettledNote {

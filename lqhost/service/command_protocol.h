@@ -23,6 +23,7 @@ namespace host {
 
 // The questions.
 inline constexpr const char* kAskSync = "sync";
+inline constexpr const char* kAskFreshSync = "sync --fresh";
 inline constexpr const char* kAskRefresh = "refresh";
 inline constexpr const char* kAskUpload = "upload";
 inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number

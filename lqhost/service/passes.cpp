@@ -6,8 +6,12 @@
 #include "common/file_lock.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cache_watch.h"
+#include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/pass/pass_watch.h"
+#include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqPassLock.h"
+#include "lqregistry/LqSettings.h"
 #include "lqregistry/ObDebug.h"
 
 namespace host {
@@ -15,6 +19,7 @@ namespace host {
 namespace {
 
 constexpr const char* kTag = "host::Passes";
+constexpr int kNotBegun = -1;  // in place of what the product's callback would have said
 
 // Taken in this order. A download holds the first for its length and the second while it begins; a refresh
 // holds both; a push holds the second.
@@ -55,6 +60,19 @@ UnsettledWork beginPass() {
   return UnsettledWork(Unsettled::kPass);
 }
 
+// As the product asks before it begins: nothing would replace a cache that is dropped now.
+bool isSwitchedOff() {
+  std::int64_t enabled = 0;
+  LQPlatformInfo().getNumber(lqsettings::kSyncEnabled.key, lqsettings::kSyncEnabled.name, enabled);
+  return enabled == 0 || LQPI_Session(0, 1).IsAntiChatterFlagOn() != 0;
+}
+
+// The note comes first: a kill from here on leaves it, and so a synchronisation and no refresh.
+CWmError dropCache(const UnsettledWork& work, bool& wasThere) {
+  if (work.error().IsError()) return work.error();
+  return dropCachedSettings(LqPassLock("drop of the cache"), baseDirectory(), wasThere);
+}
+
 // Why refreshes are held back after a pass that brought a batch; nothing when its cache is on disk.
 std::optional<Unsettled> whyHeldBack(CacheFate cache) {
   if (cache == CacheFate::kStored && CacheWatch::sync()) return std::nullopt;
@@ -64,7 +82,11 @@ std::optional<Unsettled> whyHeldBack(CacheFate cache) {
 
 // Ends the note of a pass by what became of it.
 void endPass(UnsettledWork& work, const PassResult& result) {
-  if (!result.received) return work.restore();
+  if (!result.received) {
+    if (!result.isCacheDropped) return work.restore();
+    work.leave(Unsettled::kCacheDropped);
+    return wantDownload();
+  }
   const std::optional<Unsettled> why = whyHeldBack(result.cache);
   if (why) return work.leave(*why);
   work.settle();
@@ -81,16 +103,28 @@ Passes::Passes(ProductLibrary& product)
 }
 
 PassResult Passes::download(LqPeriodicTaskStatus& status) {
-  return runDownload(status, nullptr);
+  return runDownload(status, nullptr, OldCache::kStays);
 }
 
-PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string& report) {
-  return runDownload(status, &report);
+PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string& report, OldCache oldCache) {
+  return runDownload(status, &report, oldCache);
 }
 
-PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report) {
+PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache) {
   const Turn turn;
   UnsettledWork work = beginPass();
+  bool isCacheDropped = false;
+  if (oldCache == OldCache::kDropped && !isSwitchedOff()) {
+    const CWmError error = dropCache(work, isCacheDropped);
+    if (error.IsError()) {
+      PassResult none;
+      none.taskResult = kNotBegun;
+      none.isCacheDropped = isCacheDropped;
+      none.dropError = error;
+      endPass(work, none);
+      return none;
+    }
+  }
   const std::time_t started = std::time(nullptr);
   const Stopwatch watch;
   const CacheWatch cache;
@@ -100,6 +134,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   PassResult result = pass.result();
   result.taskResult = taskResult;
   result.noteError = work.error();
+  result.isCacheDropped = isCacheDropped;
   if (result.received) {
     result.cache = cache.fate(*result.received);
     if (report != nullptr) {

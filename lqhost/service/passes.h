@@ -26,6 +26,9 @@
 
 namespace host {
 
+// What becomes, before a synchronisation begins, of the cache that there is.
+enum class OldCache { kStays, kDropped };
+
 class Passes {
  public:
   // Finds the callbacks in the product, which must outlive this.
@@ -36,15 +39,16 @@ class Passes {
   TaskCallback downloadStart() const { return downloadStart_; }
 
   // Runs a synchronisation on this thread. With `report`, which gets the text of pass_report.h, each value is
-  // looked at before and after, and the outcome goes by what is found.
+  // looked at before and after, and the outcome goes by what is found. A cache is dropped only where the note
+  // stands on disk and synchronisation is not switched off.
   PassResult download(LqPeriodicTaskStatus& status);
-  PassResult downloadWithReport(LqPeriodicTaskStatus& status, std::string& report);
+  PassResult downloadWithReport(LqPeriodicTaskStatus& status, std::string& report, OldCache oldCache);
 
   // Runs a refresh on this thread, unless a note stands.
   RefreshResult refresh(LqPeriodicTaskStatus& status);
 
  private:
-  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report);
+  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache);
 
   CWmError error_;
   TaskCallback downloadStart_ = nullptr;

@@ -54,6 +54,25 @@ TEST_F(HostCommands, JoiningWritesEverythingAClientNeedsOrNothing) {
   EXPECT_EQ(valueOf("SOFTWARE/Velmor/Clients/web-1", "nCLIENTID"), "42");
   EXPECT_EQ(valueOf("Base", "dBASEHOME"), dir_ / "b");
   EXPECT_EQ(valueOf("EventManager", "dOBLOGDIR"), dir_ / "h/Log_Files");
+  EXPECT_EQ(lqhost({"join", joinFile_, "--home", home_}).exitCode, 0);
+  EXPECT_EQ(modeOf(home_ + "/Log_Files"), 0700U);
+
+  // Another client's settings, or another server's, are not reapplied to this one.
+  const std::string cache = base_ + "/AdditionalSettingsCache.xml";
+  for (std::string before = good;
+       const std::string& text :
+       {good, damaged("client-id=42", "client-id=43"), good, damaged("\"web-1\"", "\"web-2\""), good,
+        damaged(address_, "hub.example"), good, damaged("\"overhub\"", "\"hub-2\"")}) {
+    writeFile(bad, text);
+    writeFile(cache, "cached");
+    const auto joined = lqhost({"join", bad, "--home", text == good ? home_ : dir_ / "elsewhere"});
+    EXPECT_EQ(std::filesystem::exists(cache), text == before) << text;
+    EXPECT_EQ(contains(joined.out, " is dropped\n"), text != before) << joined.out << joined.err;
+    before = text;
+  }
+  std::filesystem::create_directory(cache);
+  expectErr(lqhost({"join", joinFile_, "--home", home_}), 3, {cache + " cannot be removed"});
+  EXPECT_EQ(valueOf("Overhub", "sOHCLIENTNAME"), "hub-2");
 }
 
 TEST_F(HostCommands, AMachineThatHasNotJoinedIsToldHowTo) {
@@ -109,7 +128,7 @@ TEST_F(HostCommands, APassTellsByItsExitCodeWhatBecameOfIt) {
   expectOut(lqhost({"alerts"}), 1, {"Index Server is not installed\nfailed\n"});
 
   setValue("EventManager", "bEnableRegistrySync", "0");
-  expectOut(lqhost({"sync"}), 5, {"skipped"});
+  expectOut(lqhost({"sync", "--fresh"}), 5, {"skipped"});
   expectOut(lqhost({"status"}), 6, {"sync          switched off", ": skipped: switched off"});
   std::filesystem::rename(home_ + "/Log_Files", home_ + "/moved");
   writeFile(home_ + "/Log_Files", "");

@@ -73,6 +73,11 @@ TEST_F(ResidentHost, CommandsAreCarriedOutByTheResidentHost) {
   const int refreshes = countOf(*host, "Task [AdditionalSettingsRefresh] ended");
   EXPECT_EQ(lqhost({"refresh"}).exitCode, 0);
   EXPECT_EQ(countOf(*host, "Task [AdditionalSettingsRefresh] ended"), refreshes + 1);
+  writeFile(base_ + "/AdditionalSettingsCache.xml", batchText(OBGui::KeyList(2, record("A", "s", "1"))));
+  EXPECT_EQ(lqhost({"sync", "--fresh"}).exitCode, 0);
+  EXPECT_TRUE(contains(host->output(), "/AdditionalSettingsCache.xml is dropped")) << host->output();
+  EXPECT_EQ(lqhost({"upload"}).exitCode, 0);
+  EXPECT_TRUE(contains(host->output(), "Received Success Response")) << host->output();
   expectOut(lqhost({"status"}), 0,
             {"  next        2", "callbacks     0 wait in the resident host", "registry      sound"});
   expectErr(lqhost({"sync", "--watch", "Machine/Settings", "nTraceLevel"}), 1,
@@ -103,9 +108,11 @@ TEST_F(ResidentHost, APushHolds) {
   EXPECT_EQ(countOf(*host, kPassDone), passes + 1) << "once";
 
   EXPECT_EQ(server->stop(), 0);
+  expectOut(lqhost({"sync", "--fresh"}), 1, {"cache dropped"});
+  EXPECT_TRUE(becomesTrue([&] { return countOf(*host, kPassFailed) > 1; })) << "another one follows at once";
   expectOk({"set", "web-1", "Limits", "nMAX", "12"});
   EXPECT_EQ(ask({"push", "web-1"}).out, "applied\n");
-  EXPECT_TRUE(host->waitForOutput(kPassFailed));
+  EXPECT_TRUE(becomesTrue([&] { return countOf(*host, kPassFailed) > 2; }));
   expectErr(lqhost({"refresh"}), 1, {"the server pushed a batch"});
   EXPECT_EQ(valueOf("Limits", "nMAX"), "12");
   EXPECT_TRUE(contains(lqhost({"status"}).out, "unsettled     the server pushed a batch"));

@@ -11,6 +11,7 @@
 #include "lqhost/service/command_socket.h"
 #include "lqhost/service/resident_lock.h"
 #include "lqhost/service/task_runs.h"
+#include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqRegistryManagerClnt.h"
 #include "tests/support/product_fixture.h"
 
@@ -25,8 +26,8 @@ class Settled : public ProductTest {
   Settled() { join(); }
 
   ProgramResult lqhost(const std::string& command) const {
-    return runProgram(
-        {programPath("lqhost"), "--registry", registryFile_, "--log-file", dir_ / "lqhost.log", command});
+    return runProgram({"sh", "-c", "exec $0 --registry $1 --log-file $2 " + command, programPath("lqhost"),
+                       registryFile_, dir_ / "lqhost.log"});
   }
   // A synchronisation in which the server sends these records and takes the acknowledgement like that.
   ProgramResult pass(const OBGui::KeyList& keys, const PlayedServer::Script& taker = taking(),
@@ -107,14 +108,15 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   };
   EXPECT_EQ(pass(two_).exitCode, 0);
   expectUnsettled(one_, 8, "cache kept: ", "the settings cache was kept");
+  expectOut(lqhost("sync --fresh"), 1, {"cache dropped: "});
+  expectStatus(1, "the settings cache was dropped");
   writeFile(cacheFile(), "<damaged");
   expectUnsettled(two_, 10, "cache not replaced: ", "the settings cache cannot be read");
   std::filesystem::remove(cacheFile());
   std::filesystem::create_symlink(dir_ / "none/none", cacheFile());
   expectUnsettled(one_, 7, "cache lost: ", "the settings cache could not be written");
 
-  std::filesystem::remove(cacheFile());
-  EXPECT_EQ(pass(one_).exitCode, 0);
+  EXPECT_EQ(pass(one_, taking(), "sync --fresh").exitCode, 0);
   expectStatus(0, "0 of 1 values differ");
 
   using enum host::RunOutcome;  // with a cache that is there again, which is no loss, and without one
@@ -132,6 +134,12 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   const host::CacheWatch watch;
   EXPECT_EQ(watch.fate(1), host::CacheFate::kLost) << "it would have been replaced";
 
+  host::ProductLibrary product;
+  host::Passes passes(product);
+  const LqPassLock another("pass");  // of this thread, which is not waited for
+  const host::CommandResult refused = host::synchroniseNow(passes, host::OldCache::kDropped);
+  EXPECT_TRUE(contains(refused.err, cacheFile() + " was not removed: ")) << refused.err;
+  EXPECT_FALSE(std::filesystem::exists(noteFile())) << "nothing has changed";
   writeFile(cacheFile(), batchText({record("A", "sLONG", std::string(200'000, 'x')), record("A", "s", "1"),
                                     record("A", "sCOHDbStatus", "1"), disabled("A", "sOFF", "1")}));
   setValue("A", "sOFF", "2");
@@ -203,6 +211,8 @@ TEST_F(Settled, ANoteGoesOnlyWithTheWorkThatWroteItLast) {
   UnsettledWork unwritten(Unsettled::kPush);
   EXPECT_TRUE(contains(unwritten.error().AsString(), "lqhost.unsettled")) << unwritten.error().AsString();
   EXPECT_EQ(standing(), Unsettled::kPush);
+  expectErr(lqhost("sync --fresh"), 1, {"could not be dropped first: ", "lqhost.unsettled"});
+  EXPECT_TRUE(std::filesystem::exists(cacheFile())) << "a kill would leave neither a cache nor a note";
   expectErr(pass(one_), 0, {"could not be noted on disk"});  // it is done all the same
   std::filesystem::remove(noteFile());
   unwritten.settle();
