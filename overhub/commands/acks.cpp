@@ -37,7 +37,8 @@ int acks(const Store& store, Acks& wanted) {
   std::stable_sort(found.begin(), found.end(),
                    [](const Acknowledgement& a, const Acknowledgement& b) { return a.time < b.time; });
   for (const Acknowledgement& entry : found)
-    wanted.list.addRow({entry.time, entry.client, entry.namedId, entry.taskStatus, outcomeText(entry.taskStatus)});
+    wanted.list.addRow(
+        {entry.time, entry.client, entry.namedId, entry.taskStatus, outcomeText(entry.taskStatus)});
   print(wanted.list.output());
   return kExitOk;
 }

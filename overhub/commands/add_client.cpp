@@ -34,7 +34,8 @@ struct Joining {
   std::string protectedKey;
 };
 
-CWmError makeReady(const Store& store, const AddClient& wanted, const ListedClient& client, Joining& joining) {
+CWmError makeReady(const Store& store, const AddClient& wanted, const ListedClient& client,
+                   Joining& joining) {
   joining.client = client;
   CWmError error = checkListed(client);
   if (!error.IsError()) error = wanted.handOver.begin(store, client.name, joining.join);
@@ -53,7 +54,8 @@ CWmError build(soci::session& session, const AddClient& wanted, const std::vecto
                                         "\" already; choose another name, or give this one a new key with "
                                         "\"overhub renew-client\""};
     }
-    changes.newClients.push_back({{wanted.id.value_or(0), each.client.name, each.client.host}, each.protectedKey});
+    changes.newClients.push_back(
+        {{wanted.id.value_or(0), each.client.name, each.client.host}, each.protectedKey});
     for (const std::string& group : each.client.groups)
       changes.members.push_back({{group, each.client.name}, true});
   }
@@ -119,8 +121,9 @@ int addClient(const Store& store, const AddClient& wanted) {
 
 void addAddClient(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<AddClient>();
-  auto options = line.add("add-client", "Register clients and write their join files",
-                          onMadeStore(place, [wanted](const Store& store) { return addClient(store, *wanted); }));
+  auto options =
+      line.add("add-client", "Register clients and write their join files",
+               onMadeStore(place, [wanted](const Store& store) { return addClient(store, *wanted); }));
   options.option("NAME", wanted->client.name, "The client's name: letters, digits, . _ -")
       .option("--id N", wanted->id, 1, "Its id; otherwise the highest ever given plus 1")
       .option("--groups GROUP,GROUP", wanted->groups, "The groups that it is in")

@@ -76,9 +76,8 @@ int call(const Store& store, Call& wanted) {
 
 void addCall(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Call>();
-  auto options =
-      line.add("call", "Send an application message to a client",
-               onStore(place, [wanted](const Store& store) { return call(store, *wanted); }));
+  auto options = line.add("call", "Send an application message to a client",
+                          onStore(place, [wanted](const Store& store) { return call(store, *wanted); }));
   wanted->link.describe(options);
   options.required("TYPE N", wanted->messageType, "The message type that the client has a handler for")
       .required("PAYLOAD", wanted->payload, "What the handler gets; \"-\" takes it from standard input")

@@ -42,9 +42,8 @@ void printEffects(const Effects& effects) {
   if (!effects.values.empty()) print(table.text());
   print(counted(effects.machines.size(), "machine") + " would get something else than before\n");
   if (!effects.wayBack.empty())
-    print(counted(effects.wayBack.size(), "machine") +
-          " might no longer call, because of " + effects.wayBackValue + "; first of them " +
-          effects.wayBack.front() + "\n");
+    print(counted(effects.wayBack.size(), "machine") + " might no longer call, because of " +
+          effects.wayBackValue + "; first of them " + effects.wayBack.front() + "\n");
 }
 
 }  // namespace
@@ -55,7 +54,8 @@ void ChangeOptions::describe(programs::CommandLine::Options options) {
       .option("--expect REVISION", expected_, 0,
               "Refuse if what is changed here was changed after this revision")
       .flag("--force", isForced_,
-            "Change also what a client needs to come back to its server, such as the server's host or the switch "
+            "Change also what a client needs to come back to its server, such as the server's host or the "
+            "switch "
             "of the synchronisation");
 }
 

@@ -18,8 +18,8 @@ class ChangeOptions {
   bool isForced() const { return isForced_; }
   bool isDryRun() const { return isDryRun_; }
 
-  // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no secret.
-  // An exit code.
+  // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no
+  // secret. An exit code.
   [[nodiscard]] int make(const Store& store, const std::string& command, const ChangeBuilder& build) const;
 
   // The same, with what became of it for a command that says more.

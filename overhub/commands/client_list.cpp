@@ -24,7 +24,8 @@ CWmError readLine(const std::string& line, ListedClient& client) {
   if (cells.size() > 3) return {kLqErrArgument, "has more than name, groups and host"};
   client.name = trimmed(cells[0]);
   if (cells.size() > 1)
-    for (const std::string& group : splitWords(trimmed(cells[1]), ';')) client.groups.push_back(trimmed(group));
+    for (const std::string& group : splitWords(trimmed(cells[1]), ';'))
+      client.groups.push_back(trimmed(group));
   if (cells.size() > 2) client.host = trimmed(cells[2]);
   return checkListed(client);
 }

@@ -1,5 +1,6 @@
-// Clients to be added, as a file lists them: CSV with a line each, of name, groups and host. The groups of one
-// client have ";" between them; groups and host may be left out, and so may the first line with the columns' names.
+// Clients to be added, as a file lists them: CSV with a line each, of name, groups and host. The groups of
+// one client have ";" between them; groups and host may be left out, and so may the first line with the
+// columns' names.
 #pragma once
 
 #include <cstdint>

@@ -67,9 +67,8 @@ int fetch(const Store& store, Fetch& wanted) {
 
 void addFetch(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Fetch>();
-  auto options =
-      line.add("fetch", "Print values of a client's registry",
-               onStore(place, [wanted](const Store& store) { return fetch(store, *wanted); }));
+  auto options = line.add("fetch", "Print values of a client's registry",
+                          onStore(place, [wanted](const Store& store) { return fetch(store, *wanted); }));
   wanted->link.describe(options);
   options.required("PATH", wanted->path, "The key's path below the instance's root, with or without \"~\"")
       .required("NAME", wanted->names, "The values' names")

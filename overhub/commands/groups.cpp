@@ -37,14 +37,16 @@ std::vector<Group> groupsNow(soci::session& session) {
 
 bool isGroup(soci::session& session, const std::string& name) {
   const auto groups = groupsNow(session);
-  return std::any_of(groups.begin(), groups.end(), [&name](const Group& group) { return group.name == name; });
+  return std::any_of(groups.begin(), groups.end(),
+                     [&name](const Group& group) { return group.name == name; });
 }
 
 int addGroup(const Store& store, const GroupCommand& wanted) {
   const std::string name = plain(wanted.name);
   if (!isClientName(name) || name == "all" || name == "static")
-    return complain(kExitUsage, "\"" + name + "\" cannot be a group's name: it is made like a client's, and not "
-                                              "\"all\" or \"static\"");
+    return complain(kExitUsage, "\"" + name +
+                                    "\" cannot be a group's name: it is made like a client's, and not "
+                                    "\"all\" or \"static\"");
   return wanted.change.make(store, "add-group " + name + " --number " + std::to_string(wanted.number),
                             [&](soci::session&, ChangeSet& changes) {
                               changes.groups.push_back({name, wanted.number});
@@ -133,8 +135,9 @@ void addGroups(programs::CommandLine& line, const Store::Place& place) {
 
 void addAddGroup(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<GroupCommand>();
-  auto options = line.add("add-group", "Make a group of machines, or give one another number",
-                          onMadeStore(place, [wanted](const Store& store) { return addGroup(store, *wanted); }));
+  auto options =
+      line.add("add-group", "Make a group of machines, or give one another number",
+               onMadeStore(place, [wanted](const Store& store) { return addGroup(store, *wanted); }));
   options.required("NAME", wanted->name, "The group's name, made like a client's")
       .required("--number N", wanted->number,
                 "Of a machine's groups the one with the higher number counts; each has one of its own");
@@ -143,17 +146,19 @@ void addAddGroup(programs::CommandLine& line, const Store::Place& place) {
 
 void addRemoveGroup(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<GroupCommand>();
-  auto options = line.add("remove-group", "Remove a group, with what is set for it",
-                          onStore(place, [wanted](const Store& store) { return removeGroup(store, *wanted); }));
+  auto options =
+      line.add("remove-group", "Remove a group, with what is set for it",
+               onStore(place, [wanted](const Store& store) { return removeGroup(store, *wanted); }));
   options.required("NAME", wanted->name, "The group's name");
   wanted->change.describe(options);
 }
 
 void addJoinGroup(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<GroupCommand>();
-  auto options = line.add("join-group", "Put machines into a group", onStore(place, [wanted](const Store& store) {
-                            return changeMembers(store, *wanted, "join-group", true);
-                          }));
+  auto options =
+      line.add("join-group", "Put machines into a group", onStore(place, [wanted](const Store& store) {
+                 return changeMembers(store, *wanted, "join-group", true);
+               }));
   options.required("GROUP", wanted->name, "The group's name")
       .required("MEMBER", wanted->members, "Clients' names and live patterns");
   wanted->change.describe(options);

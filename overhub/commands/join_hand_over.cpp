@@ -38,8 +38,9 @@ CWmError JoinHandOver::begin(const Store& store, const std::string& client, prog
 CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join) const {
   const CWmError error = file_access::replace(place(store, join.clientName), programs::joinFileText(join));
   if (!error.IsError()) return {};
-  return {error.GetCode(), std::string(error.AsString()) + "; the client is registered, and \"overhub renew-client " +
-                               join.clientName + "\" writes another join file"};
+  return {error.GetCode(), std::string(error.AsString()) +
+                               "; the client is registered, and \"overhub renew-client " + join.clientName +
+                               "\" writes another join file"};
 }
 
 void JoinHandOver::discard(const Store& store, const programs::JoinFile& join) const {

@@ -16,8 +16,8 @@ class JoinHandOver {
   // Adds the options that say what stands in the files, and where they are written.
   void describe(programs::CommandLine::Options options);
 
-  // The contents for a client, with a new session key, but without its id. kLqErrArgument for what the command
-  // line says wrong, kLqErrRequestRefused for a file that is there.
+  // The contents for a client, with a new session key, but without its id. kLqErrArgument for what the
+  // command line says wrong, kLqErrRequestRefused for a file that is there.
   CWmError begin(const Store& store, const std::string& client, programs::JoinFile& join) const;
   CWmError write(const Store& store, const programs::JoinFile& join) const;
   // Takes back what begin() made.

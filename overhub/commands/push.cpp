@@ -39,13 +39,15 @@ int readFile(const std::string& client, const std::string& file, std::vector<Set
   });
   if (left != 0) warn(std::to_string(left) + " values that say which machine it is are not pushed");
   // Keys come with the values in them; no client takes them from a server.
-  std::erase_if(keys, [](const auto& key) { return isKey(key) && !isToBeRemoved(key) && !isCreatableKey(key); });
+  std::erase_if(keys,
+                [](const auto& key) { return isKey(key) && !isToBeRemoved(key) && !isCreatableKey(key); });
   const CWmError error = settingsOf(keys, settings);
   return error.IsError() ? complain(kExitRefused, file + ": " + error.AsString()) : kExitOk;
 }
 
 // Makes what the file holds the client's own settings, in one revision.
-int setFromFile(const Store& store, const std::string& client, const std::string& file, const ChangeOptions& change) {
+int setFromFile(const Store& store, const std::string& client, const std::string& file,
+                const ChangeOptions& change) {
   std::vector<Setting> settings;
   if (const int exitCode = readFile(client, file, settings); exitCode != kExitOk) return exitCode;
   return change.make(store, "push " + client + " " + file, [&](soci::session& session, ChangeSet& changes) {

@@ -60,7 +60,8 @@ CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
   if (hasControl(name) || hasControl(path) || !isText(name) || !isText(path))
     return refused("names and paths are text in UTF-8 without control characters");
   if (!valueOfExpiry(name).empty())
-    return refused(quoted(name) + " says when " + quoted(valueOfExpiry(name)) + " ends; set that with --until");
+    return refused(quoted(name) + " says when " + quoted(valueOfExpiry(name)) +
+                   " ends; set that with --until");
   if (!isText(record.value.get())) return refused("a value is text in UTF-8 without control characters");
   if (type != STRINGTYPE && type != KEYTYPE && type != ENCRYPTEDTYPE) {
     return refused(quoted(type) +

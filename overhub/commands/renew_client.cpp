@@ -1,5 +1,5 @@
-// `overhub renew-client`: a new session key and join file for a client; its id and its settings stay, its old key
-// is worth nothing from now on.
+// `overhub renew-client`: a new session key and join file for a client; its id and its settings stay, its old
+// key is worth nothing from now on.
 #include <memory>
 
 #include "overhub/commands/commands.h"
@@ -52,9 +52,10 @@ int renewClient(const Store& store, const std::string& name, const JoinHandOver&
 void addRenewClient(programs::CommandLine& line, const Store::Place& place) {
   const auto client = std::make_shared<std::string>();
   const auto handOver = std::make_shared<JoinHandOver>();
-  auto options = line.add(
-      "renew-client", "Give a client a new session key and join file",
-      onStore(place, [client, handOver](const Store& store) { return renewClient(store, *client, *handOver); }));
+  auto options = line.add("renew-client", "Give a client a new session key and join file",
+                          onStore(place, [client, handOver](const Store& store) {
+                            return renewClient(store, *client, *handOver);
+                          }));
   options.required("NAME", *client, "The client's name; its id and its settings stay");
   handOver->describe(options);
 }

@@ -57,7 +57,8 @@ CWmError listEffective(const Database& database, soci::session& session, Show& w
   MachineState state;
   error = machineState(session, client.id, client.name, database.now(session), state);
   for (const auto& [identity, effective] : state.settings)
-    addRow(wanted.list, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting), names);
+    addRow(wanted.list, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting),
+           names);
   return error;
 }
 
@@ -77,8 +78,9 @@ int show(const Store& store, Show& wanted) {
 
 void addShow(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Show>();
-  auto options = line.add("show", "Print what is set, or with --effective what a machine gets; secrets hidden",
-                          onStore(place, [wanted](const Store& store) { return show(store, *wanted); }));
+  auto options =
+      line.add("show", "Print what is set, or with --effective what a machine gets; secrets hidden",
+               onStore(place, [wanted](const Store& store) { return show(store, *wanted); }));
   options.required("TARGET", wanted->target, std::string(kTargetForms) + "; @static for the static list")
       .flag("--effective", wanted->isEffective, "All that this one machine gets, with scope and revision");
   wanted->list.describe(options);

@@ -31,6 +31,7 @@ programs::CommandLine::Action onStore(const Store::Place& place, std::function<i
   return on(place, &Store::open, std::move(command));
 }
 
-programs::CommandLine::Action onMadeStore(const Store::Place& place, std::function<int(const Store&)> command) {
+programs::CommandLine::Action onMadeStore(const Store::Place& place,
+                                          std::function<int(const Store&)> command) {
   return on(place, &Store::prepare, std::move(command));
 }

@@ -14,4 +14,5 @@ void describeStore(programs::CommandLine::Options options, Store::Place& place);
 programs::CommandLine::Action onStore(const Store::Place& place, std::function<int(const Store&)> command);
 
 // For one that makes it, if need be.
-programs::CommandLine::Action onMadeStore(const Store::Place& place, std::function<int(const Store&)> command);
+programs::CommandLine::Action onMadeStore(const Store::Place& place,
+                                          std::function<int(const Store&)> command);

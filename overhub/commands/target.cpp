@@ -26,7 +26,8 @@ CWmError notFound(std::string why) {
 }
 
 CWmError noClient(const std::string& name) {
-  return notFound("there is no client \"" + name + "\"; \"overhub clients\" lists those there are, "
+  return notFound("there is no client \"" + name +
+                  "\"; \"overhub clients\" lists those there are, "
                   "\"overhub add-client\" adds one");
 }
 
@@ -34,7 +35,8 @@ CWmError findGroup(soci::session& session, const std::string& item) {
   const std::string name = item.substr(1);
   for (const Group& group : groupsAt(session, newestRevision(session)))
     if (group.name == name) return {};
-  return notFound("there is no group \"" + name + "\"; \"overhub groups\" lists those there are, \"overhub "
+  return notFound("there is no group \"" + name +
+                  "\"; \"overhub groups\" lists those there are, \"overhub "
                   "add-group\" adds one");
 }
 
@@ -133,7 +135,9 @@ std::string ScopeNames::of(const std::string& scope) const {
   if (const std::string group = groupOfScope(scope); !group.empty()) return kGroupMark + group;
   const std::int64_t id = clientOfScope(scope);
   if (id == 0) return scope;
-  const auto found = std::lower_bound(clients_.begin(), clients_.end(), id,
-                                      [](const Client& client, std::int64_t wanted) { return client.id < wanted; });
-  return found != clients_.end() && found->id == id ? found->name : "client " + std::to_string(id) + " (removed)";
+  const auto found =
+      std::lower_bound(clients_.begin(), clients_.end(), id,
+                       [](const Client& client, std::int64_t wanted) { return client.id < wanted; });
+  return found != clients_.end() && found->id == id ? found->name
+                                                    : "client " + std::to_string(id) + " (removed)";
 }

@@ -1,4 +1,5 @@
-// Whom a command is about: "pc1", "web-*", "@berlin", "@all", "@static", and several of them with commas between.
+// Whom a command is about: "pc1", "web-*", "@berlin", "@all", "@static", and several of them with commas
+// between.
 //
 // Within a unit of work (database.h), which gives the session; what cannot be found is an error that says so.
 #pragma once
@@ -13,8 +14,8 @@
 inline constexpr const char* kTargetForms =
     "a client, a pattern such as 'web-*', a group such as @berlin, @all, or several with commas between";
 
-// The scopes that a setting is put into: a group's or that of all is one, a pattern gives each machine's own that
-// it matches now.
+// The scopes that a setting is put into: a group's or that of all is one, a pattern gives each machine's own
+// that it matches now.
 CWmError scopesOfTarget(soci::session& session, const std::string& target, std::vector<std::string>& scopes);
 
 // The machines that are meant, each once, as people count.

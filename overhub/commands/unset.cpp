@@ -59,14 +59,13 @@ CWmError build(soci::session& session, const Unset& wanted, ChangeSet& changes) 
   const std::vector<Setting> named = settingsNamed(session, value.empty() ? wanted.name : value);
   bool isFound = false;
   for (const std::string& scope : scopes) {
-    const bool isHere = value.empty() ? withdraw(named, scope, place, changes)
-                                      : withdrawExpiry(named, scope, place, changes);
+    const bool isHere =
+        value.empty() ? withdraw(named, scope, place, changes) : withdrawExpiry(named, scope, place, changes);
     isFound = isFound || isHere;
   }
   if (error.IsError() || isFound) return error;
   return {kLqErrRequestRefused, "nothing is set for " + wanted.target + " as \"" + wanted.name + "\" in \"" +
-                                    wanted.path + "\"; \"overhub show " + wanted.target +
-                                    "\" lists what is"};
+                                    wanted.path + "\"; \"overhub show " + wanted.target + "\" lists what is"};
 }
 
 int unset(const Store& store, const Unset& wanted) {

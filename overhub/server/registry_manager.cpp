@@ -14,7 +14,8 @@ std::string countText(const OBGui::KeyList& keys) {
   return std::to_string(keys.size()) + " records";
 }
 
-// What is wrong with the store is for the log, and for whoever looks after it; a client is told to come again.
+// What is wrong with the store is for the log, and for whoever looks after it; a client is told to come
+// again.
 Answer storeUnusable(const CWmError& error, const std::string& what) {
   ObEvent().Error("registryManager", "%s", error.AsString());
   return Answer::refused("the server cannot " + what + " now; its log tells why, come again later");

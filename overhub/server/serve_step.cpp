@@ -11,8 +11,8 @@ namespace {
 
 constexpr const char* kTag = "overhub::session";
 
-// Where a client comes from is where it is called, unless a person has named another host; and which hand-out an
-// acknowledgement would prove.
+// Where a client comes from is where it is called, unless a person has named another host; and which hand-out
+// an acknowledgement would prove.
 void noteArrival(CLqNetwork& network, const Store& store, const std::string& client) {
   std::int64_t proving = 0;
   const CWmError error = noteAttached(store, client, network.GetPeerAddress(), proving);

@@ -26,8 +26,8 @@ struct Answer {
 // Who has proven to be on the other side of a session.
 struct Caller {
   std::string client;
-  // The hand-out that an acknowledgement in this session proves: what was open at its beginning, or was handed
-  // out in it since. So one that comes late, by another server even, proves nothing else.
+  // The hand-out that an acknowledgement in this session proves: what was open at its beginning, or was
+  // handed out in it since. So one that comes late, by another server even, proves nothing else.
   std::int64_t handOut = 0;
 };
 

@@ -13,7 +13,8 @@ constexpr std::int64_t kKept = 1000;
 
 }  // namespace
 
-void addAcknowledgement(soci::session& session, std::int64_t clientId, const Acknowledgement& acknowledgement) {
+void addAcknowledgement(soci::session& session, std::int64_t clientId,
+                        const Acknowledgement& acknowledgement) {
   std::int64_t number = 0;
   session << "SELECT COALESCE(MAX(number), 0) + 1 FROM acknowledgements WHERE client = :client",
       use(clientId, "client"), into(number);

@@ -18,7 +18,8 @@ struct Acknowledgement {
 };
 
 // Adds one; with the client's row taken, so that they have an order.
-void addAcknowledgement(soci::session& session, std::int64_t clientId, const Acknowledgement& acknowledgement);
+void addAcknowledgement(soci::session& session, std::int64_t clientId,
+                        const Acknowledgement& acknowledgement);
 
 // Of one client, oldest first.
 std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,

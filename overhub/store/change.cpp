@@ -131,12 +131,13 @@ class Attempt {
     return scopes;
   }
 
-  const Setting* find(const TouchedSettings& settings, const std::string& scope, const Identity& identity) const {
+  const Setting* find(const TouchedSettings& settings, const std::string& scope,
+                      const Identity& identity) const {
     const auto said = settings.find({scope, identity.name});
     if (said == settings.end()) return nullptr;
-    const auto found = std::find_if(said->second.begin(), said->second.end(), [&identity](const Setting& setting) {
-      return setting.identity == identity;
-    });
+    const auto found =
+        std::find_if(said->second.begin(), said->second.end(),
+                     [&identity](const Setting& setting) { return setting.identity == identity; });
     return found == said->second.end() ? nullptr : &*found;
   }
 
@@ -192,7 +193,8 @@ class Attempt {
                (revision ? " of " + revision->who + " (" + revision->command + ")" : std::string());
     }
     if (later.empty()) return {};
-    return refused("somebody was faster: " + later + " came after revision " + std::to_string(*note_.expected) +
+    return refused("somebody was faster: " + later + " came after revision " +
+                   std::to_string(*note_.expected) +
                    "; look again with \"overhub log\", and repeat it with the newest revision");
   }
 
@@ -208,7 +210,9 @@ class Attempt {
     for (const Member& member : fleetAfter_.members) {
       const bool isThere = std::any_of(fleetAfter_.groups.begin(), fleetAfter_.groups.end(),
                                        [&member](const Group& group) { return group.name == member.group; });
-      if (!isThere) return refused("there is no group \"" + member.group + "\"; \"overhub groups\" lists those there are");
+      if (!isThere)
+        return refused("there is no group \"" + member.group +
+                       "\"; \"overhub groups\" lists those there are");
     }
     return {};
   }
@@ -230,11 +234,12 @@ class Attempt {
   CWmError checkEffects(const Effects& effects) const {
     if (!effects.conflict.empty()) return refused(effects.conflict);
     if (effects.wayBackValue.empty() || note_.isForced || note_.isDryRun) return {};
-    return refused(effects.wayBackValue +
-                   " is what a client needs to come back to its server: a mistake in it, and nobody reaches the "
-                   "machine from here again (" +
-                   std::to_string(effects.wayBack.size()) +
-                   " machines would get another one). --force does it all the same, --dry-run shows it");
+    return refused(
+        effects.wayBackValue +
+        " is what a client needs to come back to its server: a mistake in it, and nobody reaches the "
+        "machine from here again (" +
+        std::to_string(effects.wayBack.size()) +
+        " machines would get another one). --force does it all the same, --dry-run shows it");
   }
 
   void touchScope(const std::string& scope) {
@@ -245,7 +250,8 @@ class Attempt {
 
   CWmError addClients(ChangeSet& changes, ChangeResult& result) {
     std::int64_t highest = 0;
-    session_ << "SELECT value FROM counters WHERE name = :name", use(std::string(kClientIdCounter)), into(highest);
+    session_ << "SELECT value FROM counters WHERE name = :name", use(std::string(kClientIdCounter)),
+        into(highest);
     const std::int64_t before = highest;
     for (ChangeSet::NewClient& wanted : changes.newClients) {
       Client& client = wanted.client;
@@ -277,19 +283,21 @@ class Attempt {
 }  // namespace
 
 bool ChangeSet::isEmpty() const {
-  return settings.empty() && groups.empty() && members.empty() && newClients.empty() && removedClients.empty();
+  return settings.empty() && groups.empty() && members.empty() && newClients.empty() &&
+         removedClients.empty();
 }
 
 std::int64_t newestRevision(soci::session& session) {
   std::int64_t revision = 0;
-  session << "SELECT value FROM counters WHERE name = :name", use(std::string(kRevisionCounter)), into(revision);
+  session << "SELECT value FROM counters WHERE name = :name", use(std::string(kRevisionCounter)),
+      into(revision);
   return revision;
 }
 
 CWmError makeChange(const Database& database, const ChangeNote& note, const ChangeBuilder& build,
                     ChangeResult& result) {
   const std::string operation = newSessionKeyHex();  // as random as an operation has to be
-  bool isLeft = false;  // weighed, and there is nothing to write
+  bool isLeft = false;                               // weighed, and there is nothing to write
   const CWmError error = database.writeOnce([&](soci::session& session) -> CWmError {
     isLeft = false;
     const std::int64_t revision = takeRevision(session);

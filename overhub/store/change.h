@@ -1,8 +1,8 @@
 // A change of what machines are to hold: what it edits, what that does to which machine, and its revision.
 //
 // All changes go one way: one transaction takes the next revision number, which makes changes wait for each
-// other; what is edited is found out in it, compared with what is there, and weighed for every machine that it
-// reaches; only then it is written, with the revision that tells who made it, when and why.
+// other; what is edited is found out in it, compared with what is there, and weighed for every machine that
+// it reaches; only then it is written, with the revision that tells who made it, when and why.
 #pragma once
 
 #include <cstdint>
@@ -70,9 +70,9 @@ struct Effects {
 struct ChangeNote {
   std::string who;
   std::string why;
-  std::string command;     // as it was typed, without secrets
-  bool isForced = false;   // also what machines need to come back
-  bool isDryRun = false;   // weighed, and not made
+  std::string command;                   // as it was typed, without secrets
+  bool isForced = false;                 // also what machines need to come back
+  bool isDryRun = false;                 // weighed, and not made
   std::optional<std::int64_t> expected;  // refused when what it edits has been changed after this revision
 };
 
@@ -86,8 +86,8 @@ struct ChangeResult {
 // Finds out, with what the store holds, what a change edits. May run more than once.
 using ChangeBuilder = std::function<CWmError(soci::session& session, ChangeSet& changes)>;
 
-// Makes the change. An error with kLqErrRequestRefused, which says why, when it may not be made; any other is the
-// store's.
+// Makes the change. An error with kLqErrRequestRefused, which says why, when it may not be made; any other is
+// the store's.
 CWmError makeChange(const Database& database, const ChangeNote& note, const ChangeBuilder& build,
                     ChangeResult& result);
 

@@ -62,10 +62,11 @@ void addClient(soci::session& session, const Client& client, const std::string& 
              " :session_key, :host, :revision, :open)",
       use(client.id, "id"), use(client.name, "name"), use(protectedKey, "session_key"),
       use(client.host, "host"), use(client.validFrom, "revision"), use(kOpen, "open");
-  session << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
-             " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
-             " is_cache_unknown, outcome, outcome_time, refusal) VALUES (:client, '', 0, 0, 0, 0, 0, 0, 0, 0, 0,"
-             " 0, 0, :revision, 0, 0, 0, '')",
+  session
+      << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
+         " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
+         " is_cache_unknown, outcome, outcome_time, refusal) VALUES (:client, '', 0, 0, 0, 0, 0, 0, 0, 0, 0,"
+         " 0, 0, :revision, 0, 0, 0, '')",
       use(client.id, "client"), use(client.validFrom, "revision");
 }
 

@@ -20,7 +20,7 @@ struct Client {
 // What the store knows of a client's passes. hand_out.h tells how the numbers go together.
 struct Contact {
   std::int64_t client = 0;
-  std::string address;  // that it last came from
+  std::string address;         // that it last came from
   std::int64_t firstSeen = 0;  // seconds since the epoch; 0: never
   std::int64_t lastSeen = 0;
   std::int64_t handed = 0;  // the number of its newest hand-out

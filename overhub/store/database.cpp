@@ -10,8 +10,8 @@ namespace {
 // More than that wait for each other: a server has a thread a session, and an engine fewer connections.
 constexpr std::size_t kMaxSessions = 16;
 
-// How often work is begun again, and how long it is waited in between: a quarter of a second, twice that, and so
-// on. In all about half a minute, which a standby takes at most to become the primary.
+// How often work is begun again, and how long it is waited in between: a quarter of a second, twice that, and
+// so on. In all about half a minute, which a standby takes at most to become the primary.
 constexpr int kTries = 8;
 constexpr int kTriesOnTheSpot = 3;  // for what somebody waits for, who can come again
 constexpr std::chrono::milliseconds kFirstPause{250};

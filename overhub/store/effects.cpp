@@ -101,7 +101,8 @@ struct Kind {
   auto operator<=>(const Kind&) const = default;
 };
 
-std::vector<std::string> speaking(const std::vector<std::string>& scopes, const std::set<std::string>& speakers) {
+std::vector<std::string> speaking(const std::vector<std::string>& scopes,
+                                  const std::set<std::string>& speakers) {
   std::vector<std::string> heard;
   std::copy_if(scopes.begin(), scopes.end(), std::back_inserter(heard),
                [&speakers](const std::string& scope) { return speakers.contains(scope); });
@@ -158,7 +159,8 @@ Effects weigh(const std::set<std::string>& names, const TouchedSettings& before,
     for (const Client* const client : machines) effects.machines.push_back(client->name);
     if (effects.conflict.empty()) {
       effects.conflict = expiryConflict(is);
-      if (!effects.conflict.empty()) effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
+      if (!effects.conflict.empty())
+        effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
     }
   }
   for (const auto& [key, machines] : values)

@@ -40,8 +40,9 @@ class Engine {
   virtual std::string doubt(soci::session& session) const = 0;
 
   virtual const char* beginReading() const = 0;  // a transaction that sees one state and changes nothing
-  virtual const char* beginWriting() const = 0;  // one that waits its turn at its beginning, or at its first write
-  virtual const char* now() const = 0;           // the store's clock, whole seconds since the epoch
+  virtual const char* beginWriting()
+      const = 0;                        // one that waits its turn at its beginning, or at its first write
+  virtual const char* now() const = 0;  // the store's clock, whole seconds since the epoch
 
   // For texts; without passwords.
   const std::string& place() const { return place_; }

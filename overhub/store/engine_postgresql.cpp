@@ -27,7 +27,8 @@ struct Unreachable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Class 08 is the connection's, 57P0 a server that is ending or starting; 25006 one that has become a standby.
+// Class 08 is the connection's, 57P0 a server that is ending or starting; 25006 one that has become a
+// standby.
 bool isLost(const std::exception& fault) {
   const std::string state = stateOf(fault);
   return dynamic_cast<const Unreachable*>(&fault) != nullptr || state.starts_with("08") ||
@@ -51,8 +52,9 @@ std::string withParameter(const std::string& uri, const std::string& name, const
 class Postgresql : public Engine {
  public:
   explicit Postgresql(const std::string& uri)
-      : Engine(std::regex_replace(std::regex_replace(uri, std::regex("(://[^:/@?]*):[^@/?]*@"), "$1:********@"),
-                                  std::regex("(password=)[^&]*"), "$1********")) {
+      : Engine(
+            std::regex_replace(std::regex_replace(uri, std::regex("(://[^:/@?]*):[^@/?]*@"), "$1:********@"),
+                               std::regex("(password=)[^&]*"), "$1********")) {
     uri_ = withParameter(uri, "connect_timeout", kConnectSeconds);
     uri_ = withParameter(uri_, "tcp_user_timeout", kUnansweredMilliseconds);
     uri_ = withParameter(uri_, "target_session_attrs", "read-write");

@@ -66,8 +66,9 @@ class Sqlite : public Engine {
   CWmError check() const override {
     if (::access(place().c_str(), F_OK) == 0) return {};
     if (errno == ENOENT)
-      return {kLqErrFile, place() + ": there is no store; name the right one with --data or --store, or make "
-                                    "one with \"overhub add-client NAME\""};
+      return {kLqErrFile, place() +
+                              ": there is no store; name the right one with --data or --store, or make "
+                              "one with \"overhub add-client NAME\""};
     return {kLqErrFile, place() + ": " + std::strerror(errno)};
   }
 

@@ -24,15 +24,15 @@ bool isPattern(const std::string& text) {
 }
 
 bool isMeantBy(const std::string& pattern, const std::string& client) {
-  return isPattern(pattern) ? ::fnmatch(pattern.c_str(), client.c_str(), FNM_NOESCAPE) == 0 : pattern == client;
+  return isPattern(pattern) ? ::fnmatch(pattern.c_str(), client.c_str(), FNM_NOESCAPE) == 0
+                            : pattern == client;
 }
 
 std::vector<Group> groupsAt(soci::session& session, std::int64_t revision) {
   std::vector<Group> groups;
   Group row;
   forEachRow(
-      session,
-      "SELECT name, number FROM machine_groups WHERE valid_from <= :revision AND valid_to > :at",
+      session, "SELECT name, number FROM machine_groups WHERE valid_from <= :revision AND valid_to > :at",
       [&] { groups.push_back(row); }, into(row.name), into(row.number), use(revision, "revision"),
       use(revision, "at"));
   return groups;
@@ -42,8 +42,7 @@ std::vector<Member> membersAt(soci::session& session, std::int64_t revision) {
   std::vector<Member> members;
   Member row;
   forEachRow(
-      session,
-      "SELECT machine_group, pattern FROM members WHERE valid_from <= :revision AND valid_to > :at",
+      session, "SELECT machine_group, pattern FROM members WHERE valid_from <= :revision AND valid_to > :at",
       [&] { members.push_back(row); }, into(row.group), into(row.pattern), use(revision, "revision"),
       use(revision, "at"));
   return members;
@@ -59,15 +58,15 @@ std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId,
                                     [&row](const Group& group) { return group.name == row.name; });
     if (isNew && isMeantBy(pattern, client)) groups.push_back(row);
   };
-  // Names by their index, so that a machine's pass costs the same however many members there are; patterns all,
-  // since they are few.
+  // Names by their index, so that a machine's pass costs the same however many members there are; patterns
+  // all, since they are few.
   const std::string select =
       "SELECT g.name, g.number, m.pattern FROM members m JOIN machine_groups g ON g.name = m.machine_group"
       " AND g.valid_from <= :since AND g.valid_to > :until"
       " WHERE m.valid_from <= :revision AND m.valid_to > :at AND ";
-  forEachRow(session, select + "m.is_live = 0 AND m.pattern = :client", keep, into(row.name), into(row.number),
-             into(pattern), use(revision, "since"), use(revision, "until"), use(revision, "revision"),
-             use(revision, "at"), use(client, "client"));
+  forEachRow(session, select + "m.is_live = 0 AND m.pattern = :client", keep, into(row.name),
+             into(row.number), into(pattern), use(revision, "since"), use(revision, "until"),
+             use(revision, "revision"), use(revision, "at"), use(client, "client"));
   forEachRow(session, select + "m.is_live = 1", keep, into(row.name), into(row.number), into(pattern),
              use(revision, "since"), use(revision, "until"), use(revision, "revision"), use(revision, "at"));
   order(groups);
@@ -78,8 +77,9 @@ std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId,
 }
 
 void beginGroup(soci::session& session, const Group& group, std::int64_t revision) {
-  session << "INSERT INTO machine_groups (name, number, valid_from, valid_to) VALUES (:name, :number, :revision,"
-             " :open)",
+  session
+      << "INSERT INTO machine_groups (name, number, valid_from, valid_to) VALUES (:name, :number, :revision,"
+         " :open)",
       use(group.name, "name"), use(group.number, "number"), use(revision, "revision"), use(kOpen, "open");
 }
 
@@ -90,8 +90,9 @@ void endGroup(soci::session& session, const std::string& name, std::int64_t revi
 
 void beginMember(soci::session& session, const Member& member, std::int64_t revision) {
   const int isLive = isPattern(member.pattern) ? 1 : 0;
-  session << "INSERT INTO members (machine_group, pattern, is_live, valid_from, valid_to) VALUES (:machine_group,"
-             " :pattern, :is_live, :revision, :open)",
+  session
+      << "INSERT INTO members (machine_group, pattern, is_live, valid_from, valid_to) VALUES (:machine_group,"
+         " :pattern, :is_live, :revision, :open)",
       use(member.group, "machine_group"), use(member.pattern, "pattern"), use(isLive, "is_live"),
       use(revision, "revision"), use(kOpen, "open");
 }

@@ -41,7 +41,8 @@ std::vector<std::int64_t> heldRevisions(soci::session& session, const Contact& c
   std::vector<std::int64_t> revisions;
   std::int64_t revision = 0;
   forEachRow(
-      session, "SELECT revision FROM held WHERE client = :client AND last_number >= :base ORDER BY"
+      session,
+      "SELECT revision FROM held WHERE client = :client AND last_number >= :base ORDER BY"
       " revision",
       [&] { revisions.push_back(revision); }, into(revision), use(contact.client, "client"),
       use(contact.base, "base"));
@@ -71,9 +72,10 @@ HeldSettings heldSettings(soci::session& session, const Contact& contact, const 
 }
 
 void noteHeld(soci::session& session, const Contact& contact, std::int64_t revision, std::int64_t now) {
-  session << "INSERT INTO held (client, revision, first_number, last_number, time) VALUES (:client, :revision,"
-             " :first, :last, :time) ON CONFLICT (client, revision) DO UPDATE SET"
-             " last_number = excluded.last_number, time = excluded.time",
+  session
+      << "INSERT INTO held (client, revision, first_number, last_number, time) VALUES (:client, :revision,"
+         " :first, :last, :time) ON CONFLICT (client, revision) DO UPDATE SET"
+         " last_number = excluded.last_number, time = excluded.time",
       use(contact.client, "client"), use(revision, "revision"), use(contact.handed, "first"),
       use(contact.handed, "last"), use(now, "time");
   std::int64_t oldest = 0;
@@ -109,8 +111,8 @@ void noteRefusal(soci::session& session, std::int64_t client, const std::string&
       use(client, "client");
 }
 
-// Makes the next hand-out of a client that was found, whose row is taken by the first statement: of two servers
-// that one client asks at once, one waits.
+// Makes the next hand-out of a client that was found, whose row is taken by the first statement: of two
+// servers that one client asks at once, one waits.
 CWmError makeHandOut(const Database& database, soci::session& session, const Client& client, HandOut& out) {
   const std::int64_t now = database.now(session);
   session << "UPDATE contacts SET last_seen = :now, first_seen = CASE WHEN first_seen = 0 THEN :first ELSE"
@@ -126,8 +128,9 @@ CWmError makeHandOut(const Database& database, soci::session& session, const Cli
   out.number = ++contact.handed;
   const auto records = static_cast<std::int64_t>(out.batch.keys->size());
   const std::int64_t most = std::max(records, contact.mostRecords);
-  session << "UPDATE contacts SET handed = :number, handed_revision = :revision, handed_time = :now,"
-             " records = :records, most_records = :most, proving = :proving, refusal = '' WHERE client = :client",
+  session
+      << "UPDATE contacts SET handed = :number, handed_revision = :revision, handed_time = :now,"
+         " records = :records, most_records = :most, proving = :proving, refusal = '' WHERE client = :client",
       use(out.number, "number"), use(out.revision, "revision"), use(now, "now"), use(records, "records"),
       use(most, "most"), use(out.number, "proving"), use(client.id, "client");
   noteHeld(session, contact, out.revision, now);

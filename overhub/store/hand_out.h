@@ -1,9 +1,9 @@
 // Hand-outs: what a client is given, and what proves that it has it.
 //
-// A hand-out is a number, one more each time, and a revision. It is on disk before the batch is sent, and so is a
-// push, which has the number of the hand-out before it. Until two hand-outs in a row were acknowledged as
-// applied, all that those since the first of the two brought may be on the machine or in its cache (`base` is
-// that one's number); what of it the machine should no longer have is sent along as removals. An
+// A hand-out is a number, one more each time, and a revision. It is on disk before the batch is sent, and so
+// is a push, which has the number of the hand-out before it. Until two hand-outs in a row were acknowledged
+// as applied, all that those since the first of the two brought may be on the machine or in its cache (`base`
+// is that one's number); what of it the machine should no longer have is sent along as removals. An
 // acknowledgement alone proves nothing of the cache, which the client stores after it has sent it.
 //
 // Any thread, any server: all that counts is in the store.
@@ -35,8 +35,8 @@ CWmError handOutForPush(const Store& store, const std::string& client, HandOut& 
 // The static list. Whoever asks for it acknowledges no hand-out next.
 CWmError handOutStaticList(const Store& store, const std::string& client, HandOut& out);
 
-// Notes where a client has come from when it attaches. `proving` gets the hand-out that an acknowledgement would
-// prove now, for the session to keep from its beginning on.
+// Notes where a client has come from when it attaches. `proving` gets the hand-out that an acknowledgement
+// would prove now, for the session to keep from its beginning on.
 CWmError noteAttached(const Store& store, const std::string& client, const std::string& address,
                       std::int64_t& proving);
 

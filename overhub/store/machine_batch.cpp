@@ -84,10 +84,11 @@ std::string expiryConflict(const EffectiveSettings& settings) {
     const Setting& there = effective.setting;
     const auto text = [](const Setting& setting) {
       return "\"" + setting.path + "\" " +
-             (setting.expires == 0 ? std::string("has no end") : "ends at " + std::to_string(setting.expires));
+             (setting.expires == 0 ? std::string("has no end")
+                                   : "ends at " + std::to_string(setting.expires));
     };
-    return "clients end a value by its name in all keys at once, and \"" + identity.name + "\" in " + text(here) +
-           " while that in " + text(there) + "; give both the same --until, or none";
+    return "clients end a value by its name in all keys at once, and \"" + identity.name + "\" in " +
+           text(here) + " while that in " + text(there) + "; give both the same --until, or none";
   }
   return {};
 }

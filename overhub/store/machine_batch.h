@@ -35,8 +35,8 @@ struct MayHold {
 
 using HeldSettings = std::map<Identity, MayHold>;
 
-// Adds what a machine may hold because one of its scopes said so. More than it really does, where a nearer scope
-// removed it, does no harm: it is gone already.
+// Adds what a machine may hold because one of its scopes said so. More than it really does, where a nearer
+// scope removed it, does no harm: it is gone already.
 void addHeld(const Setting& setting, HeldSettings& held);
 
 // The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's

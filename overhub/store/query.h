@@ -1,5 +1,5 @@
-// Runs a query of the store and calls `each` for each row, with what it binds: soci::into() for the columns in
-// their order, soci::use() for the parameters in theirs.
+// Runs a query of the store and calls `each` for each row, with what it binds: soci::into() for the columns
+// in their order, soci::use() for the parameters in theirs.
 #pragma once
 
 #include <soci/soci.h>

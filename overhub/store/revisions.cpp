@@ -27,8 +27,9 @@ void writeRevision(soci::session& session, const Revision& revision, const std::
   std::int64_t newest = 0;
   session << "SELECT time FROM revisions WHERE number = (SELECT MAX(number) FROM revisions)", into(newest);
   const std::int64_t time = std::max(newest, revision.time);
-  session << "INSERT INTO revisions (number, time, who, why, command, operation) VALUES (:number, :time, :who,"
-             " :why, :command, :operation)",
+  session
+      << "INSERT INTO revisions (number, time, who, why, command, operation) VALUES (:number, :time, :who,"
+         " :why, :command, :operation)",
       use(revision.number, "number"), use(time, "time"), use(revision.who, "who"), use(revision.why, "why"),
       use(revision.command, "command"), use(operation, "operation");
 }

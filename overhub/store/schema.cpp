@@ -38,7 +38,8 @@ constexpr const char* kTables[] = {
     "CREATE UNIQUE INDEX machine_groups_by_name ON machine_groups (name, valid_to)",
     "CREATE UNIQUE INDEX machine_groups_by_number ON machine_groups (number, valid_to)",
     "CREATE TABLE members (machine_group TEXT NOT NULL, pattern TEXT NOT NULL, is_live INTEGER NOT NULL,"
-    " valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL, PRIMARY KEY (machine_group, pattern, valid_from))",
+    " valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL, PRIMARY KEY (machine_group, pattern, "
+    "valid_from))",
     "CREATE UNIQUE INDEX members_by_group ON members (machine_group, pattern, valid_to)",
     "CREATE INDEX members_by_pattern ON members (pattern, valid_to)",
     "CREATE INDEX members_by_kind ON members (is_live, valid_to)",
@@ -83,7 +84,8 @@ CWmError schema::look(soci::session& session, bool& isThere) {
   session << "SELECT value FROM counters WHERE name = :name", soci::use(std::string(kVersionCounter)),
       soci::into(version);
   if (version == kVersion) return {};
-  if (version == 0) return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
+  if (version == 0)
+    return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
   return {kLqErrFile, "the store is of version " + std::to_string(version) + ", and this overhub knows " +
                           std::to_string(kVersion) + "; use the overhub that wrote it, or a newer one"};
 }

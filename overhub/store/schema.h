@@ -1,8 +1,8 @@
 // The tables of the store, and their version.
 //
 // What says which settings machines are to hold is never overwritten: a row is valid from one revision up to
-// another, at first up to kOpen, and a change closes it and writes the next one. So what a machine was to hold
-// at any revision can be asked at any time.
+// another, at first up to kOpen, and a change closes it and writes the next one. So what a machine was to
+// hold at any revision can be asked at any time.
 #pragma once
 
 #include <cstdint>

@@ -42,8 +42,10 @@ CWmError readSessionKey(const Store& store, const std::string& client, std::stri
   pstring key;
   if (!pstring::fromV8Password(protectedKey, key))
     return {kLqErrFile, "the session key of " + client + " was protected with another key than " +
-                            store.keyFile() + "; put the right one back, or give the client a new one with "
-                                              "\"overhub renew-client " + client + "\""};
+                            store.keyFile() +
+                            "; put the right one back, or give the client a new one with "
+                            "\"overhub renew-client " +
+                            client + "\""};
   hex = key.reveal();
   return {};
 }

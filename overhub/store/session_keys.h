@@ -11,7 +11,8 @@
 // How a key stands in the store; an error when it cannot be protected.
 CWmError protectSessionKey(const Store& store, const std::string& hex, std::string& protectedKey);
 
-// A client's key as bytes, into `key`; false, with the reason in the log, when there is none that can be used.
+// A client's key as bytes, into `key`; false, with the reason in the log, when there is none that can be
+// used.
 bool findSessionKey(const Store& store, const std::string& client, std::string& key);
 
 // The same as 64 hexadecimal digits, for the caller to wipe.

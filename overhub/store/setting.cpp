@@ -55,7 +55,8 @@ CWmError settingsOf(const OBGui::KeyList& records, std::vector<Setting>& setting
     const auto [rest, fault] = std::from_chars(text.data(), text.data() + text.size(), time);
     if (fault != std::errc() || rest != text.data() + text.size() || time <= 0)
       return {kLqErrArgument, "\"" + end->valueName.get() + "\" in \"" + end->keyPath.get() +
-                                  "\" is the time when \"" + name + "\" ends, and \"" + text + "\" is no time"};
+                                  "\" is the time when \"" + name + "\" ends, and \"" + text +
+                                  "\" is no time"};
     if (value == places.end())
       return {kLqErrArgument, "\"" + end->valueName.get() + "\" in \"" + end->keyPath.get() +
                                   "\" says when \"" + name + "\" ends, which is not set there"};
@@ -75,7 +76,8 @@ OBGui::RegistryKeyInfo recordOf(const Setting& setting) {
   record.valueName = setting.identity.name;
   record.valueType = setting.type;
   if (!setting.value.empty() || (setting.isLive() && !setting.identity.isKey)) record.value = setting.value;
-  if (setting.isSecret()) static_cast<void>(pstring::fromStoredText(setting.secret, record.encryptedValue.edit()));
+  if (setting.isSecret())
+    static_cast<void>(pstring::fromStoredText(setting.secret, record.encryptedValue.edit()));
   record.deleteFlag = setting.isRemoval ? 1 : 0;
   record.enabledFlag = setting.isDisabled ? 0 : 1;
   return record;

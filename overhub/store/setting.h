@@ -13,8 +13,8 @@
 #include "lqregistry/OBGui.h"
 #include "overhub/store/schema.h"
 
-// Which value of a machine's registry, however its path was written, or which sub-key: of one name there may be
-// both.
+// Which value of a machine's registry, however its path was written, or which sub-key: of one name there may
+// be both.
 struct Identity {
   std::string place;  // setting_place.h
   std::string name;
@@ -29,9 +29,9 @@ struct Setting {
   std::string path;  // as it was typed, and is sent
   std::string type;
   std::string value;
-  std::string secret;       // its protected text; empty: the setting is not secret
-  bool isRemoval = false;   // the client is to remove it
-  bool isDisabled = false;  // not wanted for now, which removes it too
+  std::string secret;        // its protected text; empty: the setting is not secret
+  bool isRemoval = false;    // the client is to remove it
+  bool isDisabled = false;   // not wanted for now, which removes it too
   std::int64_t expires = 0;  // seconds since the epoch; 0: never
   std::int64_t validFrom = 0;
   std::int64_t validTo = kOpen;
@@ -46,15 +46,15 @@ struct Setting {
 // The setting that a record makes, without its expiry.
 Setting settingOf(const std::string& scope, const OBGui::RegistryKeyInfo& record);
 
-// The settings that the records of a batch make: NAME_UNTIL becomes the end of NAME. Without their scope. An error
-// for an end of something that the batch does not hold, or that is no number.
+// The settings that the records of a batch make: NAME_UNTIL becomes the end of NAME. Without their scope. An
+// error for an end of something that the batch does not hold, or that is no number.
 CWmError settingsOf(const OBGui::KeyList& records, std::vector<Setting>& settings);
 
 // The record that says it, without its expiry. A secret that the store's key does not open stays unreadable.
 OBGui::RegistryKeyInfo recordOf(const Setting& setting);
 
-// The companion that carries its expiry, or, with isRemoval, takes one away from a client: then with a time that
-// never passes, because one that has passed would end the value as well.
+// The companion that carries its expiry, or, with isRemoval, takes one away from a client: then with a time
+// that never passes, because one that has passed would end the value as well.
 OBGui::RegistryKeyInfo expiryRecordOf(const Setting& setting, bool isRemoval);
 
 // The value that NAME_UNTIL is the end of; empty for any other name.

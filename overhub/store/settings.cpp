@@ -61,8 +61,9 @@ std::vector<Setting> settingsEndedBy(soci::session& session, std::int64_t revisi
 void endSetting(soci::session& session, const std::string& scope, const Identity& identity,
                 std::int64_t revision) {
   const int isKey = identity.isKey ? 1 : 0;
-  session << "UPDATE settings SET valid_to = :revision WHERE scope = :scope AND place = :place AND name = :name"
-             " AND is_key = :is_key AND valid_to = :open",
+  session
+      << "UPDATE settings SET valid_to = :revision WHERE scope = :scope AND place = :place AND name = :name"
+         " AND is_key = :is_key AND valid_to = :open",
       soci::use(revision, "revision"), soci::use(scope, "scope"), soci::use(identity.place, "place"),
       soci::use(identity.name, "name"), soci::use(isKey, "is_key"), soci::use(kOpen, "open");
 }
@@ -71,9 +72,10 @@ void beginSetting(soci::session& session, const Setting& setting, std::int64_t r
   const int isKey = setting.identity.isKey ? 1 : 0;
   const int isRemoval = setting.isRemoval ? 1 : 0;
   const int isDisabled = setting.isDisabled ? 1 : 0;
-  session << "INSERT INTO settings (scope, place, name, is_key, valid_from, valid_to, path, type, value, secret,"
-             " is_removal, is_disabled, expires) VALUES (:scope, :place, :name, :is_key, :revision, :open,"
-             " :path, :type, :value, :secret, :is_removal, :is_disabled, :expires)",
+  session
+      << "INSERT INTO settings (scope, place, name, is_key, valid_from, valid_to, path, type, value, secret,"
+         " is_removal, is_disabled, expires) VALUES (:scope, :place, :name, :is_key, :revision, :open,"
+         " :path, :type, :value, :secret, :is_removal, :is_disabled, :expires)",
       soci::use(setting.scope, "scope"), soci::use(setting.identity.place, "place"),
       soci::use(setting.identity.name, "name"), soci::use(isKey, "is_key"), soci::use(revision, "revision"),
       soci::use(kOpen, "open"), soci::use(setting.path, "path"), soci::use(setting.type, "type"),

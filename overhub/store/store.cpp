@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kKeyFact = "key";    // what tells the store's key from another
+constexpr const char* kKeyFact = "key";      // what tells the store's key from another
 constexpr const char* kStoreFact = "store";  // which store it is, as random as an id has to be
 constexpr const char* kKeyProbe = "overhub";
 

@@ -16,8 +16,8 @@ using soci::use;
 CWmError addUpload(const Store& store, const std::string& name, const OBGui::RegistryTaskResp& upload) {
   std::string text;
   if (upload.serializeForPeople(text) != 0)
-    return {kLqErrFile, "the upload of " + name + " is not stored, since its secrets cannot be protected with " +
-                            store.keyFile()};
+    return {kLqErrFile, "the upload of " + name +
+                            " is not stored, since its secrets cannot be protected with " + store.keyFile()};
   // What is no text in it stands escaped, so that every engine takes it.
   const auto bytes = static_cast<std::int64_t>(text.size());
   const auto keys = static_cast<std::int64_t>(std::count_if(upload.keys->begin(), upload.keys->end(), isKey));
@@ -27,8 +27,8 @@ CWmError addUpload(const Store& store, const std::string& name, const OBGui::Reg
     const auto client = findClient(session, name);
     if (!client) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
     if (upload.client->clientId.get() != static_cast<std::int32_t>(client->id)) {
-      return {kLqErrRequestRefused, "unknown client id " + std::to_string(upload.client->clientId.get()) + ": " +
-                                        name + " is client " + std::to_string(client->id)};
+      return {kLqErrRequestRefused, "unknown client id " + std::to_string(upload.client->clientId.get()) +
+                                        ": " + name + " is client " + std::to_string(client->id)};
     }
     const std::int64_t now = database.now(session);
     session << "UPDATE contacts SET last_seen = :now WHERE client = :client", use(now, "now"),
@@ -66,8 +66,8 @@ CWmError readUpload(const Store& store, const std::string& name, std::string& te
     text.clear();
     const auto client = findClient(session, name);
     if (!client) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
-    session << "SELECT text FROM uploads WHERE client = :client ORDER BY number DESC LIMIT 1", use(client->id),
-        into(text);
+    session << "SELECT text FROM uploads WHERE client = :client ORDER BY number DESC LIMIT 1",
+        use(client->id), into(text);
     return {};
   });
 }

@@ -19,8 +19,8 @@ struct Upload {
   std::int64_t bytes = 0;
 };
 
-// Keeps an upload of a client that says that it has this id, which comes narrowed to 32 bits. A refusal, which
-// says why, is an error with kLqErrRequestRefused; any other is the store's.
+// Keeps an upload of a client that says that it has this id, which comes narrowed to 32 bits. A refusal,
+// which says why, is an error with kLqErrRequestRefused; any other is the store's.
 CWmError addUpload(const Store& store, const std::string& client, const OBGui::RegistryTaskResp& upload);
 
 // The newest of each client.
