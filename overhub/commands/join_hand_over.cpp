@@ -26,13 +26,13 @@ CWmError JoinHandOver::begin(const Store& store, const std::string& client, prog
                                 "\" have to be a host name or address and a name; --server-host and "
                                 "--server-name set them"};
   }
-  // In the store's own directory an old one is replaced: it is of no use any more.
-  const std::string file = place(store, client);
-  const bool isOwn = file_.empty() && folder_.empty();
-  if (!isOwn && file_access::exists(file))
-    return {kLqErrRequestRefused, file + " exists already; choose another place for the join file"};
   join.sessionKeyHex = newSessionKeyHex();
-  return file_access::replace(file, "");
+  const std::string file = place(store, client);
+  if (!file_access::exists(file)) return file_access::create(file, "");
+  // In the store's own directory an old one is replaced, once its key is worth nothing any more.
+  const bool isOwn = file_.empty() && folder_.empty();
+  if (isOwn) return {};
+  return {kLqErrRequestRefused, file + " exists already; choose another place for the join file"};
 }
 
 CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join) const {
@@ -44,7 +44,9 @@ CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join)
 }
 
 void JoinHandOver::discard(const Store& store, const programs::JoinFile& join) const {
-  ::unlink(place(store, join.clientName).c_str());
+  const std::string file = place(store, join.clientName);
+  std::string text;
+  if (!file_access::readWhole(file, text).IsError() && text.empty()) ::unlink(file.c_str());
 }
 
 void JoinHandOver::printNextSteps(const Store& store, const programs::JoinFile& join) const {
