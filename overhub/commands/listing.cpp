@@ -17,12 +17,13 @@ using Json = nlohmann::ordered_json;
 constexpr int kIndent = 2;
 
 bool isTime(Kind kind) {
-  return kind == Kind::time || kind == Kind::age;
+  return kind == Kind::time || kind == Kind::end || kind == Kind::age;
 }
 
 std::string timeText(Kind kind, std::int64_t time, std::int64_t now) {
   if (kind == Kind::age) return programs::ageText(time, now);
-  return time == 0 ? "never" : lqtext::utcText(time);
+  if (time != 0) return lqtext::utcText(time);
+  return kind == Kind::end ? "" : "never";
 }
 
 // What is no time, as people read it.

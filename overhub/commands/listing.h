@@ -26,6 +26,7 @@ class Listing {
     number,
     yesNo,
     time,  // seconds since the epoch, 0 for never; people read UTC, programs ISO 8601, and nothing for never
+    end,   // the same for a time at which something ends; people read nothing either where it does not
     age    // the same, of which people read how long ago that was
   };
 
