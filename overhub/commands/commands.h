@@ -23,6 +23,8 @@ void addSet(programs::CommandLine& line, const Store::Place& place);
 void addUnset(programs::CommandLine& line, const Store::Place& place);
 void addShow(programs::CommandLine& line, const Store::Place& place);
 
+void addStatus(programs::CommandLine& line, const Store::Place& place);
+void addReport(programs::CommandLine& line, const Store::Place& place);
 void addAcks(programs::CommandLine& line, const Store::Place& place);
 void addUploads(programs::CommandLine& line, const Store::Place& place);
 void addResend(programs::CommandLine& line, const Store::Place& place);

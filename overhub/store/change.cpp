@@ -73,7 +73,9 @@ class Attempt {
         endMember(session_, edit.member, revision_);
       }
     }
-    for (const std::string& scope : touchedScopes(changes)) touchScope(scope);
+    std::set<std::string> speaking;
+    for (const auto& edit : changes.settings) speaking.insert(edit.scope);
+    for (const std::string& scope : touchedScopes(changes)) touchScope(scope, speaking.contains(scope));
     for (const std::int64_t id : result.effects.newScopesFor) touchClient(session_, id, revision_);
     for (const std::int64_t id : changes.removedClients) removeClient(session_, id, revision_);
     return addClients(changes, result);
@@ -242,10 +244,12 @@ class Attempt {
         " machines would get another one). --force does it all the same, --dry-run shows it");
   }
 
-  void touchScope(const std::string& scope) {
-    session_ << "INSERT INTO scopes (scope, touched) VALUES (:scope, :revision) ON CONFLICT (scope) DO UPDATE"
-                " SET touched = excluded.touched",
-        use(scope), use(revision_);
+  void touchScope(const std::string& scope, bool saysSomethingElse) {
+    const std::int64_t said = saysSomethingElse ? revision_ : 0;
+    session_ << "INSERT INTO scopes (scope, touched, said) VALUES (:scope, :revision, :said) ON CONFLICT"
+                " (scope) DO UPDATE SET touched = excluded.touched, said = CASE WHEN excluded.said = 0 THEN"
+                " scopes.said ELSE excluded.said END",
+        use(scope, "scope"), use(revision_, "revision"), use(said, "said");
   }
 
   CWmError addClients(ChangeSet& changes, ChangeResult& result) {

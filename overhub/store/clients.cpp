@@ -31,13 +31,13 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
   forEachRow(session,
              "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
              " most_records, proving, proven, proven_revision, base, touched, is_cache_unknown, outcome,"
-             " outcome_time, refusal FROM contacts" +
+             " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
                  condition,
              keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen),
              into(row.handed), into(row.handedRevision), into(row.handedTime), into(row.records),
              into(row.mostRecords), into(row.proving), into(row.proven), into(row.provenRevision),
              into(row.base), into(row.touched), into(isUnknown), into(row.outcome), into(row.outcomeTime),
-             into(row.refusal), std::forward<Uses>(uses)...);
+             into(row.outcomeSince), into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
 
@@ -62,11 +62,11 @@ void addClient(soci::session& session, const Client& client, const std::string& 
              " :session_key, :host, :revision, :open)",
       use(client.id, "id"), use(client.name, "name"), use(protectedKey, "session_key"),
       use(client.host, "host"), use(client.validFrom, "revision"), use(kOpen, "open");
-  session
-      << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
-         " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
-         " is_cache_unknown, outcome, outcome_time, refusal) VALUES (:client, '', 0, 0, 0, 0, 0, 0, 0, 0, 0,"
-         " 0, 0, :revision, 0, 0, 0, '')",
+  session << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
+             " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
+             " is_cache_unknown, outcome, outcome_time, outcome_since, refusal, refused_since) VALUES "
+             "(:client, '', 0,"
+             " 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, :revision, 0, 0, 0, 0, '', 0)",
       use(client.id, "client"), use(client.validFrom, "revision");
 }
 

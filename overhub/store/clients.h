@@ -36,7 +36,9 @@ struct Contact {
   bool isCacheUnknown = false;
   std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
   std::int64_t outcomeTime = 0;
-  std::string refusal;  // why it was handed nothing the last time; empty: it was
+  std::int64_t outcomeSince = 0;  // when acknowledgements began to say the same as that one
+  std::string refusal;            // why it was handed nothing the last time; empty: it was
+  std::int64_t refusedSince = 0;  // when that began
 };
 
 std::optional<Client> findClient(soci::session& session, const std::string& name);

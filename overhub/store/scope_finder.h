@@ -1,0 +1,35 @@
+// The scopes of any machine of a fleet, found fast: names are looked up, and only patterns are tried.
+//
+// For who asks about all machines at once; scopesOf() of groups.h asks the store about one. Any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "overhub/store/clients.h"
+#include "overhub/store/groups.h"
+
+// Who is in which group.
+struct Fleet {
+  std::vector<Client> clients;
+  std::vector<Group> groups;
+  std::vector<Member> members;
+};
+
+class ScopeFinder {
+ public:
+  explicit ScopeFinder(const Fleet& fleet) : ScopeFinder(fleet.groups, fleet.members) {}
+  ScopeFinder(const std::vector<Group>& groups, const std::vector<Member>& members);
+
+  // The names of its groups, the farthest first.
+  std::vector<std::string> groupsOf(const Client& client) const;
+  // The farthest first.
+  std::vector<std::string> scopesOf(const Client& client) const;
+
+ private:
+  std::unordered_map<std::string, std::int64_t> numbers_;
+  std::unordered_map<std::string, std::vector<std::string>> byName_;
+  std::vector<Member> patterns_;
+};
