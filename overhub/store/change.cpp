@@ -62,10 +62,10 @@ class Attempt {
       endSetting(session_, edit.scope, edit.identity, revision_);
       if (edit.after) beginSetting(session_, *edit.after, revision_);
     }
-    for (const auto& edit : changes.groups) {
-      endGroup(session_, edit.name, revision_);
+    // Two groups may swap their numbers, and no two have the same one for a moment.
+    for (const auto& edit : changes.groups) endGroup(session_, edit.name, revision_);
+    for (const auto& edit : changes.groups)
       if (edit.number) beginGroup(session_, {edit.name, *edit.number}, revision_);
-    }
     for (const auto& edit : changes.members) {
       if (edit.isMember) {
         beginMember(session_, edit.member, revision_);
