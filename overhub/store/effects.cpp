@@ -21,10 +21,12 @@ class ScopeFinder {
         byName_[member.pattern].push_back(member.group);
       }
     }
+    withdrawn_ = fleet.withdrawn;
   }
 
   // The farthest first.
   std::vector<std::string> scopesOf(const Client& client) const {
+    if (withdrawn_.contains(client.id)) return {};
     std::vector<std::pair<std::int64_t, std::string>> groups;
     const auto add = [&](const std::string& name) {
       const auto number = numbers_.find(name);
@@ -46,6 +48,7 @@ class ScopeFinder {
   std::unordered_map<std::string, std::int64_t> numbers_;
   std::unordered_map<std::string, std::vector<std::string>> byName_;
   std::vector<Member> patterns_;
+  std::set<std::int64_t> withdrawn_;
 };
 
 EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<std::string>& names,
@@ -85,14 +88,6 @@ std::map<Identity, Difference> differences(const EffectiveSettings& before, cons
   return found;
 }
 
-std::string shown(const Setting* setting) {
-  if (setting == nullptr) return "(not set)";
-  std::string text = shownValue(*setting);
-  if (setting->isDisabled) text += " (disabled)";
-  if (setting->expires != 0) text += " until " + std::to_string(setting->expires);
-  return text;
-}
-
 // Machines for which a change does the same: what they hear of these values comes from the same scopes.
 struct Kind {
   std::vector<std::string> before;
@@ -118,7 +113,7 @@ std::set<std::string> speakersOf(const TouchedSettings& settings) {
 
 void add(const Identity& identity, const Difference& difference, const std::vector<const Client*>& machines,
          std::map<std::tuple<Identity, std::string, std::string>, std::int64_t>& values, Effects& effects) {
-  values[{identity, shown(difference.before), shown(difference.after)}] +=
+  values[{identity, shownInFull(difference.before), shownInFull(difference.after)}] +=
       static_cast<std::int64_t>(machines.size());
   for (const Setting* const setting : {difference.before, difference.after}) {
     if (setting == nullptr || !isWayBack(*setting)) continue;

@@ -17,6 +17,7 @@ struct Fleet {
   std::vector<Client> clients;
   std::vector<Group> groups;
   std::vector<Member> members;
+  std::set<std::int64_t> withdrawn;  // the ids of clients from which everything is withdrawn
 };
 
 // Compares what machines get before and after, of these names.

@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 
+#include "lqregistry/UtcText.h"
 #include "overhub/store/setting_place.h"
 #include "records/expiry.h"
 #include "records/record_rules.h"
@@ -98,6 +99,14 @@ std::string shownValue(const Setting& setting) {
   if (setting.isRemoval) return "(removed)";
   if (setting.identity.isKey) return "(sub-key)";
   return setting.isSecret() ? kHiddenSecret : setting.value;
+}
+
+std::string shownInFull(const Setting* setting) {
+  if (setting == nullptr) return "(not set)";
+  std::string text = shownValue(*setting);
+  if (setting->isDisabled) text += " (disabled)";
+  if (setting->expires != 0) text += " until " + lqtext::utcText(setting->expires);
+  return text;
 }
 
 std::string shownFlags(const Setting& setting) {
