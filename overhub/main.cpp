@@ -45,6 +45,9 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addSet(line, place);
   addUnset(line, place);
   addShow(line, place);
+  addLog(line, place);
+  addDiff(line, place);
+  addUndo(line, place);
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);

@@ -23,6 +23,10 @@ void addSet(programs::CommandLine& line, const Store::Place& place);
 void addUnset(programs::CommandLine& line, const Store::Place& place);
 void addShow(programs::CommandLine& line, const Store::Place& place);
 
+void addLog(programs::CommandLine& line, const Store::Place& place);
+void addDiff(programs::CommandLine& line, const Store::Place& place);
+void addUndo(programs::CommandLine& line, const Store::Place& place);
+
 void addAcks(programs::CommandLine& line, const Store::Place& place);
 void addUploads(programs::CommandLine& line, const Store::Place& place);
 void addResend(programs::CommandLine& line, const Store::Place& place);

@@ -383,7 +383,8 @@ ShownDifference shown(const SettingDifference& difference) {
   const Setting* const after = difference.after ? &*difference.after : nullptr;
   ShownDifference texts{shownInFull(before), shownInFull(after)};
   if (before == nullptr || after == nullptr) return texts;
-  if (before->isSecret() && after->isSecret() && before->secret != after->secret) texts.after += " (set anew)";
+  const bool isSameText = shownValue(*before) == shownValue(*after);
+  if (isSameText && (before->secret != after->secret || before->value != after->value)) texts.after += " (set anew)";
   if (before->path != after->path) texts.after += " (as " + after->path + ")";
   if (texts.before == texts.after) texts.after += " (as " + after->type + ")";
   return texts;

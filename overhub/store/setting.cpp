@@ -98,7 +98,8 @@ OBGui::RegistryKeyInfo expiryRecordOf(const Setting& setting, bool isRemoval) {
 std::string shownValue(const Setting& setting) {
   if (setting.isRemoval) return "(removed)";
   if (setting.identity.isKey) return "(sub-key)";
-  return setting.isSecret() ? kHiddenSecret : setting.value;
+  const bool isHidden = setting.isSecret() || isSecretValue(setting.identity.name, setting.value);
+  return isHidden ? kHiddenSecret : setting.value;
 }
 
 std::string shownInFull(const Setting* setting) {
