@@ -49,6 +49,9 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addShow(line, place);
   addStatus(line, place);
   addReport(line, place);
+  addLog(line, place);
+  addDiff(line, place);
+  addUndo(line, place);
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);

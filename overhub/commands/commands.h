@@ -25,6 +25,10 @@ void addShow(programs::CommandLine& line, const Store::Place& place);
 
 void addStatus(programs::CommandLine& line, const Store::Place& place);
 void addReport(programs::CommandLine& line, const Store::Place& place);
+void addLog(programs::CommandLine& line, const Store::Place& place);
+void addDiff(programs::CommandLine& line, const Store::Place& place);
+void addUndo(programs::CommandLine& line, const Store::Place& place);
+
 void addAcks(programs::CommandLine& line, const Store::Place& place);
 void addUploads(programs::CommandLine& line, const Store::Place& place);
 void addResend(programs::CommandLine& line, const Store::Place& place);

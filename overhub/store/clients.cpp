@@ -77,6 +77,33 @@ void removeClient(soci::session& session, std::int64_t id, std::int64_t revision
     session << "DELETE FROM " << table << " WHERE client = :id", use(id, "id");
 }
 
+std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision) {
+  std::set<std::int64_t> ids;
+  std::int64_t id = 0;
+  forEachRow(
+      session, "SELECT client FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
+      [&] { ids.insert(id); }, into(id), use(revision, "revision"), use(revision, "at"));
+  return ids;
+}
+
+bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision) {
+  std::int64_t found = 0;
+  session << "SELECT COUNT(*) FROM withdrawals WHERE client = :client AND valid_from <= :revision AND"
+             " valid_to > :at",
+      use(id, "client"), use(revision, "revision"), use(revision, "at"), into(found);
+  return found != 0;
+}
+
+void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision) {
+  session << "INSERT INTO withdrawals (client, valid_from, valid_to) VALUES (:client, :revision, :open)",
+      use(id, "client"), use(revision, "revision"), use(kOpen, "open");
+}
+
+void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision) {
+  session << "UPDATE withdrawals SET valid_to = :revision WHERE client = :client AND valid_to = :open",
+      use(revision, "revision"), use(id, "client"), use(kOpen, "open");
+}
+
 std::string protectedKeyOf(soci::session& session, std::int64_t id) {
   std::string key;
   session << "SELECT session_key FROM clients WHERE id = :id", use(id, "id"), into(key);

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,13 @@ bool isIdTaken(soci::session& session, std::int64_t id);
 void addClient(soci::session& session, const Client& client, const std::string& protectedKey);
 // Its name is free and its key gone from the revision on; its id is not given again.
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
+
+// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is taken
+// back.
+std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision);
+bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision);
+void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
+void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
 
 // A client's session key, as the text that protects it.
 std::string protectedKeyOf(soci::session& session, std::int64_t id);

@@ -45,14 +45,6 @@ std::map<Identity, Difference> differences(const EffectiveSettings& before, cons
   return found;
 }
 
-std::string shown(const Setting* setting) {
-  if (setting == nullptr) return "(not set)";
-  std::string text = shownValue(*setting);
-  if (setting->isDisabled) text += " (disabled)";
-  if (setting->expires != 0) text += " until " + std::to_string(setting->expires);
-  return text;
-}
-
 // Machines for which a change does the same: what they hear of these values comes from the same scopes.
 struct Kind {
   std::vector<std::string> before;
@@ -78,7 +70,7 @@ std::set<std::string> speakersOf(const TouchedSettings& settings) {
 
 void add(const Identity& identity, const Difference& difference, const std::vector<const Client*>& machines,
          std::map<std::tuple<Identity, std::string, std::string>, std::int64_t>& values, Effects& effects) {
-  values[{identity, shown(difference.before), shown(difference.after)}] +=
+  values[{identity, shownInFull(difference.before), shownInFull(difference.after)}] +=
       static_cast<std::int64_t>(machines.size());
   for (const Setting* const setting : {difference.before, difference.after}) {
     if (setting == nullptr || !isWayBack(*setting)) continue;

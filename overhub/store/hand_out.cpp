@@ -93,7 +93,7 @@ CWmError makeBatch(soci::session& session, const Client& client, const Contact& 
   MachineState state;
   CWmError error = machineState(session, client.id, client.name, now, state);
   if (error.IsError()) return error;
-  out.revision = newestRevision(session);
+  out.revision = state.revision;
   out.refusal = expiryConflict(state.settings);
   const std::int64_t atLeast =
       contact.isCacheUnknown ? std::max(contact.mostRecords, kUnknownCacheRecords) : 0;
@@ -145,7 +145,9 @@ CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t 
 
 CWmError machineState(soci::session& session, std::int64_t clientId, const std::string& client,
                       std::int64_t now, MachineState& state) {
+  // Once: a newer one may come while this goes on, and the batch has to be that of the revision it is noted with.
   const std::int64_t revision = newestRevision(session);
+  state.revision = revision;
   const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, revision);
   std::vector<std::vector<Setting>> scopes;
   for (const std::string& scope : scopesNow) scopes.push_back(settingsOf(session, scope, revision));

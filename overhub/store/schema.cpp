@@ -48,6 +48,8 @@ constexpr const char* kTables[] = {
     "CREATE TABLE clients (id BIGINT NOT NULL PRIMARY KEY, name TEXT NOT NULL, session_key TEXT NOT NULL,"
     " host TEXT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL)",
     "CREATE UNIQUE INDEX clients_by_name ON clients (name, valid_to)",
+    "CREATE TABLE withdrawals (client BIGINT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL,"
+    " PRIMARY KEY (client, valid_from))",
     // What changes with every pass of a client stands apart from what people change. hand_out.h explains it.
     "CREATE TABLE contacts (client BIGINT NOT NULL PRIMARY KEY, address TEXT NOT NULL,"
     " first_seen BIGINT NOT NULL, last_seen BIGINT NOT NULL, handed BIGINT NOT NULL,"

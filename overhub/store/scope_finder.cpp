@@ -33,6 +33,7 @@ std::vector<std::string> ScopeFinder::groupsOf(const Client& client) const {
 }
 
 std::vector<std::string> ScopeFinder::scopesOf(const Client& client) const {
+  if (withdrawn_.contains(client.id)) return {};
   std::vector<std::string> scopes{kAllScope};
   for (const std::string& group : groupsOf(client)) scopes.push_back(groupScope(group));
   scopes.push_back(machineScope(client.id));

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,11 +17,14 @@ struct Fleet {
   std::vector<Client> clients;
   std::vector<Group> groups;
   std::vector<Member> members;
+  std::set<std::int64_t> withdrawn;  // the ids of clients from which everything is withdrawn
 };
 
 class ScopeFinder {
  public:
-  explicit ScopeFinder(const Fleet& fleet) : ScopeFinder(fleet.groups, fleet.members) {}
+  explicit ScopeFinder(const Fleet& fleet) : ScopeFinder(fleet.groups, fleet.members) {
+    withdrawn_ = fleet.withdrawn;
+  }
   ScopeFinder(const std::vector<Group>& groups, const std::vector<Member>& members);
 
   // The names of its groups, the farthest first.
@@ -32,4 +36,5 @@ class ScopeFinder {
   std::unordered_map<std::string, std::int64_t> numbers_;
   std::unordered_map<std::string, std::vector<std::string>> byName_;
   std::vector<Member> patterns_;
+  std::set<std::int64_t> withdrawn_;
 };
