@@ -45,12 +45,16 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addSet(line, place);
   addUnset(line, place);
   addShow(line, place);
+  addExport(line, place);
+  addApply(line, place);
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);
   addPush(line, place);
   addFetch(line, place);
   addCall(line, place);
+  addBackup(line, place);
+  addImport(line, place);
 }
 
 }  // namespace
