@@ -64,7 +64,8 @@ std::string readQuoted(std::string_view& rest, std::string& text) {
       rest.remove_prefix(1);
       continue;
     }
-    const std::size_t special = rest.size() < 2 ? std::string_view::npos : std::string_view("\"\\nrt").find(rest[1]);
+    const std::size_t special =
+        rest.size() < 2 ? std::string_view::npos : std::string_view("\"\\nrt").find(rest[1]);
     if (special != std::string_view::npos) {
       text += "\"\\\n\r\t"[special];
       rest.remove_prefix(2);
@@ -124,7 +125,8 @@ std::string readEntry(const std::vector<Word>& words, Line& line) {
 
 std::string readUntil(const Word& word, std::int64_t& expires) {
   // So much from now would be another time whenever the folder is applied.
-  const bool isTime = !word.isQuoted && !word.text.starts_with('+') && !readTime(word.text, expires).IsError();
+  const bool isTime =
+      !word.isQuoted && !word.text.starts_with('+') && !readTime(word.text, expires).IsError();
   return isTime && expires > 0 ? "" : "\"until\" is followed by a time in UTC such as 2027-01-01T06:00:00Z";
 }
 
@@ -173,7 +175,8 @@ std::string readRest(Words words, Line& line, bool& hasValue) {
 
 std::string readSetting(const std::vector<Word>& words, Line& line) {
   line.kind = Kind::kSetting;
-  if (words.size() < 2 || !words[1].isQuoted) return "a setting begins with a path and a name, both in quotes";
+  if (words.size() < 2 || !words[1].isQuoted)
+    return "a setting begins with a path and a name, both in quotes";
   Setting& setting = line.setting;
   bool hasValue = false;
   if (std::string fault = readRest({words, 2}, line, hasValue); !fault.empty()) return fault;
@@ -194,8 +197,8 @@ bool isHidden(const Setting& setting) {
 }
 
 std::string settingLine(const Setting& setting) {
-  const bool hasValue = !setting.value.empty() || setting.isSecret() ||
-                        (!setting.isRemoval && !setting.identity.isKey);
+  const bool hasValue =
+      !setting.value.empty() || setting.isSecret() || (!setting.isRemoval && !setting.identity.isKey);
   const bool isSecret = hasValue && isHidden(setting);
   std::string line = quoted(setting.path) + " " + quoted(setting.identity.name);
   if (setting.type != (isSecret ? ENCRYPTEDTYPE : STRINGTYPE))

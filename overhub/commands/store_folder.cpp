@@ -70,8 +70,8 @@ class Reader {
   std::vector<std::string> namesIn(const std::string& part) {
     std::set<std::string> names;
     std::error_code fault;
-    for (auto entry = fs::directory_iterator(pathOf(part), fault); !fault && entry != fs::directory_iterator();
-         entry.increment(fault)) {
+    for (auto entry = fs::directory_iterator(pathOf(part), fault);
+         !fault && entry != fs::directory_iterator(); entry.increment(fault)) {
       const std::string file = entry->path().filename().string();
       if (file.starts_with('.')) continue;
       const std::string name = entry->path().stem().string();
@@ -127,9 +127,9 @@ class Reader {
     if ((isGroups && topic.group.empty()) || (line.kind == Kind::kClient) != topic.isClients)
       return "such a line has its place in another file";
     const bool isSetting = line.kind == Kind::kSetting;
-    const std::string key =
-        isSetting ? line.setting.identity.place + '\n' + line.setting.identity.name + (line.setting.identity.isKey ? "\nk" : "\nv")
-                  : std::to_string(static_cast<int>(line.kind)) + line.name;
+    const std::string key = isSetting ? line.setting.identity.place + '\n' + line.setting.identity.name +
+                                            (line.setting.identity.isKey ? "\nk" : "\nv")
+                                      : std::to_string(static_cast<int>(line.kind)) + line.name;
     const auto [first, isNew] = firstPlaces_.try_emplace(key, number);
     if (!isNew) return "line " + std::to_string(first->second) + " says something of the same already";
     if (isSetting) {
@@ -216,9 +216,10 @@ class Comparison {
     kept_.insert(key);
     if (said.isHidden) {
       if (is == settings_.end() || !folder_text::isHidden(is->second)) {
-        faults_.push_back(said.place + inQuotes(setting.identity.name) + " in " + inQuotes(setting.path) +
-                          " is no secret in the store that could stay as it is; \"overhub set --secret\" sets "
-                          "one");
+        faults_.push_back(
+            said.place + inQuotes(setting.identity.name) + " in " + inQuotes(setting.path) +
+            " is no secret in the store that could stay as it is; \"overhub set --secret\" sets "
+            "one");
         return;
       }
       setting.value = is->second.value;

@@ -27,7 +27,8 @@ Files filesOf(soci::session& session);
 struct Written {
   std::size_t written = 0;  // the others held that text already
   std::size_t removed = 0;
-  std::vector<std::string> strange;  // files in the place of a group's or a machine's that export did not make
+  std::vector<std::string>
+      strange;  // files in the place of a group's or a machine's that export did not make
 };
 
 // Makes the folder hold these files, and no other ones of its own. An error with kLqErrRequestRefused for a
@@ -40,7 +41,7 @@ using Place = std::string;
 // What a folder says.
 struct Folder {
   struct Said {
-    Setting setting;      // a machine's without its scope
+    Setting setting;  // a machine's without its scope
     bool isHidden = false;
     std::string machine;  // whose scope it is; empty: not a machine's
     Place place;

@@ -62,15 +62,17 @@ CWmError checkOurs(const std::string& folder) {
        entry.increment(fault)) {
     const std::string name = entry->path().filename().string();
     if (!name.starts_with('.')) {
-      return {kLqErrRequestRefused, folder + " holds \"" + name + "\" and no " + kMarkFile +
-                                        ", so it is no folder of \"overhub export\"; name an empty or a new one"};
+      return {kLqErrRequestRefused,
+              folder + " holds \"" + name + "\" and no " + kMarkFile +
+                  ", so it is no folder of \"overhub export\"; name an empty or a new one"};
     }
   }
   return fault ? failed(folder, fault) : CWmError();
 }
 
 // What is of a group or a machine that is there no more.
-CWmError removeGone(const std::string& folder, const std::string& part, const Files& files, Written& written) {
+CWmError removeGone(const std::string& folder, const std::string& part, const Files& files,
+                    Written& written) {
   std::error_code fault;
   std::vector<fs::path> gone;
   for (auto entry = fs::directory_iterator(folder + "/" + part, fault);
@@ -93,8 +95,8 @@ CWmError removeGone(const std::string& folder, const std::string& part, const Fi
 
 Files filesOf(soci::session& session) {
   Files files;
-  files[kMarkFile] =
-      folder_text::kMark + std::string("a store as text; \"overhub apply\" makes the store what it says") + kFormat;
+  files[kMarkFile] = folder_text::kMark +
+                     std::string("a store as text; \"overhub apply\" makes the store what it says") + kFormat;
   files[kAllFile] = headed("what is set for all machines");
   files[kStaticFile] = headed("the static list");
   std::string& list = files[kClientsFile];
@@ -134,7 +136,8 @@ CWmError write(const std::string& folder, const Files& files, Written& written) 
     if (error.IsError()) return error;
     const std::string file = folder + "/" + name;
     std::string before;
-    if (file_access::exists(file) && !file_access::readWhole(file, before).IsError() && before == text) continue;
+    if (file_access::exists(file) && !file_access::readWhole(file, before).IsError() && before == text)
+      continue;
     error = file_access::replace(file, text);
     if (!error.IsError()) ++written.written;
   }
