@@ -52,12 +52,16 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addLog(line, place);
   addDiff(line, place);
   addUndo(line, place);
+  addExport(line, place);
+  addApply(line, place);
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);
   addPush(line, place);
   addFetch(line, place);
   addCall(line, place);
+  addBackup(line, place);
+  addImport(line, place);
 }
 
 }  // namespace

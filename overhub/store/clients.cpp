@@ -138,5 +138,7 @@ void touchClient(soci::session& session, std::int64_t id, std::int64_t revision)
 }
 
 void doubtCache(soci::session& session, std::int64_t id) {
-  session << "UPDATE contacts SET base = 0, is_cache_unknown = 1 WHERE client = :client", use(id, "client");
+  session
+      << "UPDATE contacts SET base = 0, proving = 0, proven = 0, is_cache_unknown = 1 WHERE client = :client",
+      use(id, "client");
 }

@@ -69,5 +69,6 @@ std::vector<Contact> allContacts(soci::session& session);
 void setAddress(soci::session& session, std::int64_t id, const std::string& address, std::int64_t now);
 // That the client's scopes are others from the revision on.
 void touchClient(soci::session& session, std::int64_t id, std::int64_t revision);
-// What it may hold is not known any more: all that it was ever handed counts as held again.
+// What it may hold is not known any more: all that it was ever handed counts as held again, and what it has
+// acknowledged proves nothing of what comes.
 void doubtCache(soci::session& session, std::int64_t id);
