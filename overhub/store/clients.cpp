@@ -138,7 +138,8 @@ void touchClient(soci::session& session, std::int64_t id, std::int64_t revision)
 }
 
 void doubtCache(soci::session& session, std::int64_t id) {
+  // Nor does what was handed out before, or is on its way, prove anything of what is there now.
   session
-      << "UPDATE contacts SET base = 0, proving = 0, proven = 0, is_cache_unknown = 1 WHERE client = :client",
+      << "UPDATE contacts SET base = 0, is_cache_unknown = 1, proving = 0, proven = 0 WHERE client = :client",
       use(id, "client");
 }

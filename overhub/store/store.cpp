@@ -32,7 +32,10 @@ void writeFact(soci::session& session, const std::string& name, const std::strin
 
 }  // namespace
 
-Store::Store(const Place& place) : directory_(place.directory), database_(engineOf(place)) {}
+Store::Store(const Place& place) : Store(place.directory, engineOf(place)) {}
+
+Store::Store(std::string directory, std::unique_ptr<Engine> engine)
+    : directory_(std::move(directory)), database_(std::move(engine)) {}
 
 std::string Store::joinFile(const std::string& client) const {
   return directory_ + "/join/" + client + ".join";

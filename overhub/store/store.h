@@ -11,7 +11,7 @@
 // Any thread, and any number of processes; what the database is and how work is done in it says database.h.
 #pragma once
 
-#include <functional>
+#include <memory>
 #include <string>
 
 #include "lqregistry/CWmError.h"
@@ -26,6 +26,8 @@ class Store {
   };
 
   explicit Store(const Place& place);
+  // In a database of the caller's choice.
+  Store(std::string directory, std::unique_ptr<Engine> engine);
 
   // Names the protection key of this process, and sees that it is the store's. An error when there is none.
   CWmError open();
