@@ -1,5 +1,6 @@
 // `overhub remove-client`: takes clients away, with their keys and what was set for them.
 #include <memory>
+#include <set>
 
 #include "overhub/commands/change_options.h"
 #include "overhub/commands/commands.h"
@@ -24,9 +25,10 @@ CWmError build(soci::session& session, const RemoveClient& wanted, ChangeSet& ch
   const CWmError error = clientsOfTarget(session, wanted.target, clients);
   for (const Client& client : clients) changes.removedClients.push_back(client.id);
   // Their names leave the groups, or a new client of the same name would be in them.
+  std::set<std::string> names;
+  for (const Client& client : clients) names.insert(client.name);
   for (const Member& member : membersAt(session, newestRevision(session)))
-    for (const Client& client : clients)
-      if (member.pattern == client.name) changes.members.push_back({member, false});
+    if (names.contains(member.pattern)) changes.members.push_back({member, false});
   return error;
 }
 

@@ -9,8 +9,14 @@ void print(const std::string& text) {
 }
 
 int storeFailed(const CWmError& error) {
-  const bool isRefusal = error.GetCode() == kLqErrRequestRefused;
-  return complain(isRefusal ? kExitRefused : kExitDataUnusable, error.AsString());
+  switch (error.GetCode()) {
+    case kLqErrRequestRefused:
+      return complain(kExitRefused, error.AsString());
+    case kLqErrArgument:
+      return complain(kExitUsage, error.AsString());
+    default:
+      return complain(kExitDataUnusable, error.AsString());
+  }
 }
 
 void warn(const std::string& text) {

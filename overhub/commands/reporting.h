@@ -22,6 +22,6 @@ void warn(const std::string& text);
 // Says on standard error what went wrong, and returns `exitCode`.
 [[nodiscard]] int complain(int exitCode, const std::string& text);
 
-// The same for what came of work on the store: kExitRefused for what was refused or not found,
-// kExitDataUnusable when the store is at fault.
+// The same for what came of work on the store: kExitUsage for what somebody wrote, kExitRefused for what was
+// refused or not found, kExitDataUnusable when the store is at fault.
 [[nodiscard]] int storeFailed(const CWmError& error);

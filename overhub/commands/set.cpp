@@ -108,7 +108,7 @@ int set(const Store& store, const Set& wanted) {
   if (!error.IsError()) error = checkRecord(record);
   if (error.IsError())
     return complain(kExitUsage, std::string(error.AsString()) + "; see \"overhub set --help\"");
-  if (!wanted.change.isForced()) error = checkHarm(record);
+  if (!wanted.change.isForced() && !wanted.change.isDryRun()) error = checkHarm(record);
   if (error.IsError())
     return complain(kExitRefused, std::string(error.AsString()) + ". --force sets it all the same");
   if (const std::string doubt = doubtAbout(record); !doubt.empty()) warn(doubt);

@@ -28,16 +28,17 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
     row.isCacheUnknown = isUnknown != 0;
     contacts.push_back(row);
   };
-  forEachRow(session,
-             "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
-             " most_records, proving, proven, proven_revision, base, touched, is_cache_unknown, outcome,"
-             " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
-                 condition,
-             keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen),
-             into(row.handed), into(row.handedRevision), into(row.handedTime), into(row.records),
-             into(row.mostRecords), into(row.proving), into(row.proven), into(row.provenRevision),
-             into(row.base), into(row.touched), into(isUnknown), into(row.outcome), into(row.outcomeTime),
-             into(row.outcomeSince), into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
+  forEachRow(
+      session,
+      "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
+      " most_records, proving, proven, proven_revision, base, touched, doubted, is_cache_unknown, outcome,"
+      " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
+          condition,
+      keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen), into(row.handed),
+      into(row.handedRevision), into(row.handedTime), into(row.records), into(row.mostRecords),
+      into(row.proving), into(row.proven), into(row.provenRevision), into(row.base), into(row.touched),
+      into(row.doubted), into(isUnknown), into(row.outcome), into(row.outcomeTime), into(row.outcomeSince),
+      into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
 
@@ -62,12 +63,8 @@ void addClient(soci::session& session, const Client& client, const std::string& 
              " :session_key, :host, :revision, :open)",
       use(client.id, "id"), use(client.name, "name"), use(protectedKey, "session_key"),
       use(client.host, "host"), use(client.validFrom, "revision"), use(kOpen, "open");
-  session << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
-             " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
-             " is_cache_unknown, outcome, outcome_time, outcome_since, refusal, refused_since) VALUES "
-             "(:client, '', 0,"
-             " 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, :revision, 0, 0, 0, 0, '', 0)",
-      use(client.id, "client"), use(client.validFrom, "revision");
+  session << "INSERT INTO contacts (client, touched) VALUES (:client, :revision)", use(client.id, "client"),
+      use(client.validFrom, "revision");
 }
 
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision) {
@@ -139,7 +136,7 @@ void touchClient(soci::session& session, std::int64_t id, std::int64_t revision)
 
 void doubtCache(soci::session& session, std::int64_t id) {
   // Nor does what was handed out before, or is on its way, prove anything of what is there now.
-  session
-      << "UPDATE contacts SET base = 0, is_cache_unknown = 1, proving = 0, proven = 0 WHERE client = :client",
-      use(id, "client");
+  session << "UPDATE contacts SET base = 0, is_cache_unknown = 1, proving = 0, proven = 0, doubted ="
+             " (SELECT value FROM counters WHERE name = :counter) WHERE client = :client",
+      use(kRevisionCounter, "counter"), use(id, "client");
 }

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/machine_identity.h"
 #include "records/record_rules.h"
 
 namespace {
@@ -44,7 +45,9 @@ void removeValue(const Identity& identity, const std::string& path, bool withExp
 void addRemovals(const EffectiveSettings& settings, const HeldSettings& held, OBGui::KeyList& batch) {
   for (const auto& [identity, before] : held) {
     const auto now = settings.find(identity);
-    if (now == settings.end()) {
+    if (now == settings.end() && before.isLeft) {
+      batch.push_back(removalOf(subKeyPath(kNoSuchKey, identity.place), identity.name));
+    } else if (now == settings.end()) {
       removeValue(identity, before.path, before.hasExpiry, batch);
     } else if (before.hasExpiry && now->second.setting.expires == 0 && !identity.isKey) {
       batch.push_back(expiryRecordOf(asWithdrawn(identity, before.path), true));
@@ -93,8 +96,11 @@ std::string expiryConflict(const EffectiveSettings& settings) {
   return {};
 }
 
-void addHeld(const Setting& setting, HeldSettings& held) {
-  MayHold& entry = held[setting.identity];
+void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held) {
+  const bool isLeft = setting.validTo <= doubted && programs::isWayBack(recordOf(setting));
+  const auto [place, isFirst] = held.try_emplace(setting.identity);
+  MayHold& entry = place->second;
+  entry.isLeft = isLeft && (isFirst || entry.isLeft);
   entry.path = setting.path;
   entry.hasExpiry = entry.hasExpiry || setting.expires != 0;
 }

@@ -31,13 +31,17 @@ std::string expiryConflict(const EffectiveSettings& settings);
 struct MayHold {
   std::string path;
   bool hasExpiry = false;
+  // Withdrawn before it was doubted what the machine holds, and something that it needs to come back to its
+  // server: it may have been joined anew since, with a value of its own, which stays.
+  bool isLeft = false;
 };
 
 using HeldSettings = std::map<Identity, MayHold>;
 
 // Adds what a machine may hold because one of its scopes said so. More than it really does, where a nearer
 // scope removed it, does no harm: it is gone already.
-void addHeld(const Setting& setting, HeldSettings& held);
+// `doubted` is the revision at which it was last doubted what the machine holds.
+void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held);
 
 // The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's
 // cache is in it, as a value or as a removal; for a batch with fewer records than the cache the client keeps

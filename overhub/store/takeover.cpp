@@ -102,7 +102,7 @@ CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverN
   const std::string operation = newSessionKeyHex();
   const Database& database = store.database();
   return database.writeOnce([&](soci::session& session) -> CWmError {
-    session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(std::string(kRevisionCounter));
+    session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(kRevisionCounter);
     std::int64_t done = 0;  // by an attempt whose answer was lost
     session << "SELECT number FROM revisions WHERE operation = :operation", use(operation), into(done);
     if (done != 0) return {};
@@ -114,7 +114,7 @@ CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverN
     writeSettings(session, kStaticScope, staticList, revision);
     for (const Ready& client : clients) writeClient(session, client, revision, now);
     session << "UPDATE counters SET value = :value WHERE name = :name", use(former.highestId),
-        use(std::string(kClientIdCounter));
+        use(kClientIdCounter);
     return {};
   });
 }
