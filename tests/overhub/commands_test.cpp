@@ -82,7 +82,7 @@ TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
 // An id that two clients had would give one the settings of the other, and what is left of a client that was
 // taken away must not come to the next one of its name.
 TEST_F(OverhubCommandsTest, AnIdIsNeverGivenTwice) {
-  expectOk({"add-group", "web", "1"});
+  expectOk({"add-group", "web", "--number", "1"});
   expectOk({"set", "@web", "p", "sGROUP", "v"});
   expectOk({"add-client", "a", "--id", "40"});
   expectOk({"add-client", "b", "--groups", "web", "--host", "elsewhere"});
@@ -270,7 +270,7 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   meddle("UPDATE settings SET value = '\x1b[31m' WHERE name = 'nn'");
   expectOut(overhub({"show", "@static"}), 0,
             {"p     nn    STRING  \\x1b[31m                @static         3\n",
-             "p     n\xc3\xa9    STRING  a\\nb\\\\                   @static         2\n"});
+             "p     n\xc3\xa9    STRING  a\\nb\\\\                  @static         2\n"});
   for (const char* const command : {"show", "acks", "uploads", "renew-client", "push"})
     for (const char* const who : {"web-2", "../static"}) expectErr(overhub({command, who}), 1, {who});
   for (const char* const command : {"unset", "fetch", "call"})
