@@ -109,7 +109,8 @@ TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
   ASSERT_EQ(runProgram({programPath("overhub"), "--data", dir_ / "other", "add-client", "pc1"}).exitCode, 0);
   const auto sql = [this](const char* statement) { return [this, statement] { meddle(statement); }; };
   const std::tuple<const char*, std::function<void()>, std::vector<std::string>> faults[] = {
-      {"no database", [&] { writeFile(storeFile(), std::string(5000, '#')); },
+      {"no database",
+       [&] { writeFile(storeFile(), std::string(5000, '#')); },
        {storeFile(), "not a database", "no store of overhub's"}},
       {"damaged", [&] { std::filesystem::resize_file(storeFile(), 8192); }, {storeFile(), "put a backup"}},
       {"a directory",
@@ -118,9 +119,11 @@ TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
          std::filesystem::create_directory(storeFile());
        },
        {storeFile()}},
-      {"of a newer version", sql("UPDATE counters SET value = 999 WHERE name = 'schema'"),
+      {"of a newer version",
+       sql("UPDATE counters SET value = 999 WHERE name = 'schema'"),
        {storeFile(), "version 999", "use the overhub that wrote it, or a newer one"}},
-      {"another program's", sql("DELETE FROM counters WHERE name = 'schema'"),
+      {"another program's",
+       sql("DELETE FROM counters WHERE name = 'schema'"),
        {storeFile(), "not overhub's; name an empty database"}},
       {"another store's key",
        [&] {
@@ -243,8 +246,7 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
 // Scripts set values for many records at once.
 TEST_F(OverhubCommandsTest, ParallelChangesLoseNothing) {
   // Whoever comes first makes the store.
-  const auto made = shell(
-      "for i in 1 2 3 4; do \"$OVERHUB\" add-client web-$i > /dev/null & done; wait");
+  const auto made = shell("for i in 1 2 3 4; do \"$OVERHUB\" add-client web-$i > /dev/null & done; wait");
   EXPECT_EQ(made.err, "");
   const auto result = shell(
       "for i in 1 2 3 4 5 6 7 8 9 10; do "
