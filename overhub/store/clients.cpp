@@ -1,5 +1,6 @@
 #include "overhub/store/clients.h"
 
+#include "lqregistry/LQClient.h"
 #include "overhub/store/query.h"
 #include "overhub/store/schema.h"
 
@@ -55,7 +56,8 @@ std::vector<Client> allClients(soci::session& session) {
 }
 
 bool isIdTaken(soci::session& session, std::int64_t id) {
-  return !selectClients(session, "id = :id", use(id, "id")).empty();
+  return id == static_cast<std::int64_t>(kServerClientId) ||
+         !selectClients(session, "id = :id", use(id, "id")).empty();
 }
 
 void addClient(soci::session& session, const Client& client, const std::string& protectedKey) {

@@ -46,7 +46,7 @@ struct Contact {
 std::optional<Client> findClient(soci::session& session, const std::string& name);
 // All that have not been removed; in no order.
 std::vector<Client> allClients(soci::session& session);
-// Whether the id was ever given to anybody.
+// Whether the id was ever given to anybody, or is the server's own.
 bool isIdTaken(soci::session& session, std::int64_t id);
 
 void addClient(soci::session& session, const Client& client, const std::string& protectedKey);

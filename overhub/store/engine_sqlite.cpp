@@ -31,10 +31,15 @@ int codeOf(const std::exception& fault) {
   return ours == nullptr ? 0 : ours->result() & kPrimaryCode;
 }
 
-// Not what(): that has the values of the statement in it, and some are secrets.
+// Not what(): that has the values of the statement in it, and some are secrets. Nor the function of the
+// library's that noticed, which the text begins with.
 std::string reasonOf(const std::exception& fault) {
   const auto* const general = dynamic_cast<const soci::soci_error*>(&fault);
-  return general == nullptr ? fault.what() : general->get_error_message();
+  if (general == nullptr) return fault.what();
+  std::string reason = general->get_error_message();
+  const std::size_t end = reason.find(": ");
+  if (end != std::string::npos && reason.find("::") < end) reason.erase(0, end + 2);
+  return reason;
 }
 
 // As a URI, which alone can say that a file that is not there must not be made; any path can be written so.
