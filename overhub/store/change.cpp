@@ -92,7 +92,8 @@ class Attempt {
   // Reads what the change may touch, as it is, and makes of it what will be.
   void lookAround(ChangeSet& changes) {
     fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_),
-                    withdrawnAt(session_, revision_)};
+                    {}};
+    for (const auto& [client, since] : withdrawalsAt(session_, revision_)) fleetBefore_.withdrawn.insert(client);
     endWithGroups(changes);
     for (const auto& edit : changes.settings) names_.insert(edit.identity.name);
     for (const std::string& group : touchedGroups(changes))
