@@ -59,9 +59,10 @@ std::string ClientLink::place() const {
 }
 
 RequestOutcome ClientLink::answeredWith(const std::string& what) const {
-  return failedRequest(kExitRefused, place() + " has answered with " + what +
-                                         ", which is no answer to this request; see that its host service is of "
-                                         "the same version as this server");
+  return failedRequest(kExitRefused,
+                       place() + " has answered with " + what +
+                           ", which is no answer to this request; see that its host service is of "
+                           "the same version as this server");
 }
 
 // What the command line says counts first, then what a person has set, then the address it last came from.
@@ -76,14 +77,16 @@ RequestOutcome ClientLink::findHost() {
     if (error.IsError()) return failedRequest(error);
   }
   if (way_.host.empty()) {
-    return failedRequest(kExitRefused, "where client " + name +
-                                           " is, is not known, since it has not attached yet; name its host with "
-                                           "--host HOST, or for good with \"overhub client-host " +
-                                           name + " HOST\"");
+    return failedRequest(kExitRefused,
+                         "where client " + name +
+                             " is, is not known, since it has not attached yet; name its host with "
+                             "--host HOST, or for good with \"overhub client-host " +
+                             name + " HOST\"");
   }
   if (!programs::isAcceptableHostName(way_.host)) {
-    return failedRequest(kExitRefused, "\"" + way_.host + "\" is no host name or address; \"overhub client-host " +
-                                           name + " HOST\" sets the right one");
+    return failedRequest(kExitRefused, "\"" + way_.host +
+                                           "\" is no host name or address; \"overhub client-host " + name +
+                                           " HOST\" sets the right one");
   }
   return {};
 }

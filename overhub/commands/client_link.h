@@ -36,8 +36,8 @@ class ClientLink {
 
   const Client& client() const { return client_; }
 
-  // Sends `request` and takes the answer, which has to be an M. Unless the exit code is kExitOk, the outcome says
-  // what went wrong.
+  // Sends `request` and takes the answer, which has to be an M. Unless the exit code is kExitOk, the outcome
+  // says what went wrong.
   template <class M>
   [[nodiscard]] RequestOutcome ask(const CNMessageBase& request, M& answer) {
     std::unique_ptr<CNMessageBase> message;

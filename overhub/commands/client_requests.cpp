@@ -78,7 +78,8 @@ int ClientRequests::find(const Store& store, std::vector<Client>& clients) const
   return kExitOk;
 }
 
-int ClientRequests::make(const Store& store, const std::vector<Client>& clients, const Request& request) const {
+int ClientRequests::make(const Store& store, const std::vector<Client>& clients,
+                         const Request& request) const {
   std::vector<RequestOutcome> outcomes(clients.size());
   std::atomic<std::size_t> next = 0;
   std::mutex printing;

@@ -55,9 +55,10 @@ RequestOutcome fetchFrom(ClientLink& link, const Fetch& wanted) {
   }
   RequestOutcome outcome;
   if (!isWhole)
-    outcome = failedRequest(kExitRefused,
-                            "a fetch has no room for longer values; `lqhost upload` on the client brings those "
-                            "of up to 10,239 bytes");
+    outcome =
+        failedRequest(kExitRefused,
+                      "a fetch has no room for longer values; `lqhost upload` on the client brings those "
+                      "of up to 10,239 bytes");
   outcome.output = table.text();
   return outcome;
 }

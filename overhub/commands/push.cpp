@@ -17,7 +17,8 @@
 
 namespace {
 
-constexpr const char* kFooter = R"(Prints "applied" or "failed", which "acks" lists too; for several machines in a table.
+constexpr const char* kFooter =
+    R"(Prints "applied" or "failed", which "acks" lists too; for several machines in a table.
 
 Examples:
   overhub push web-1
@@ -79,7 +80,9 @@ RequestOutcome sendBatch(const Store& store, ClientLink& link) {
   constexpr std::int64_t kNoHandOut = 0;
   error = acknowledge(store, name, kNoHandOut, answer.client->clientId, status);
   if (error.IsError()) outcome.complaint = error.AsString();
-  outcome.exitCode = error.IsError() ? exitCodeOf(error) : status == OBGui::kTaskSuccess ? kExitOk : kExitRefused;
+  outcome.exitCode = error.IsError()                 ? exitCodeOf(error)
+                     : status == OBGui::kTaskSuccess ? kExitOk
+                                                     : kExitRefused;
   return outcome;
 }
 
@@ -94,7 +97,8 @@ int push(const Store& store, const Push& wanted) {
   int exitCode = wanted.requests.find(store, clients);
   if (exitCode != kExitOk) return exitCode;
   if (!wanted.file.empty()) {
-    if (clients.size() != 1) return complain(kExitUsage, "a file is pushed to one client; what it says is set for it");
+    if (clients.size() != 1)
+      return complain(kExitUsage, "a file is pushed to one client; what it says is set for it");
     exitCode = setFromFile(store, clients.front().name, wanted.file, wanted.change);
     if (exitCode != kExitOk || wanted.change.isDryRun()) return exitCode;
   }

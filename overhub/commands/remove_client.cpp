@@ -1,5 +1,5 @@
-// `overhub remove-client`: takes clients away, with their keys and what was set for them; with --withdraw only once
-// their machines have given back what the server had set there.
+// `overhub remove-client`: takes clients away, with their keys and what was set for them; with --withdraw
+// only once their machines have given back what the server had set there.
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -55,7 +55,8 @@ void remove(soci::session& session, const std::vector<Client>& clients, ChangeSe
 }
 
 int removeNow(const Store& store, const RemoveClient& wanted) {
-  if (wanted.target.empty()) return complain(kExitUsage, "which clients are to be removed? TARGET is missing");
+  if (wanted.target.empty())
+    return complain(kExitUsage, "which clients are to be removed? TARGET is missing");
   return wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
     std::vector<Client> clients;
     const CWmError error = clientsOfTarget(session, wanted.target, clients);
@@ -108,15 +109,17 @@ CWmError look(const Database& database, soci::session& session, const std::vecto
       continue;
     }
     if (since == withdrawn.end()) progress.fresh.push_back(client);
-    progress.waiting.addRow({client.name, contact.lastSeen,
-                             waitsFor(contact, since != withdrawn.end(),
-                                      since != withdrawn.end() ? since->second : 0)});
+    progress.waiting.addRow(
+        {client.name, contact.lastSeen,
+         waitsFor(contact, since != withdrawn.end(), since != withdrawn.end() ? since->second : 0)});
   }
   return {};
 }
 
-// Goes one step with all of them: whoever holds nothing is removed, whoever has not begun begins. An exit code.
-int step(const Store& store, const RemoveClient& wanted, const std::vector<Client>& clients, Progress& progress) {
+// Goes one step with all of them: whoever holds nothing is removed, whoever has not begun begins. An exit
+// code.
+int step(const Store& store, const RemoveClient& wanted, const std::vector<Client>& clients,
+         Progress& progress) {
   const Database& database = store.database();
   const CWmError error =
       database.read([&](soci::session& session) { return look(database, session, clients, progress); });
@@ -132,8 +135,8 @@ int step(const Store& store, const RemoveClient& wanted, const std::vector<Clien
 
 int withdraw(const Store& store, const RemoveClient& wanted) {
   std::vector<Client> clients;
-  const CWmError error = store.database().read(
-      [&](soci::session& session) { return findClients(session, wanted, clients); });
+  const CWmError error =
+      store.database().read([&](soci::session& session) { return findClients(session, wanted, clients); });
   if (error.IsError()) return storeFailed(error);
   if (clients.empty()) print("no client is being withdrawn\n");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(wanted.waitSeconds);
@@ -151,10 +154,11 @@ int withdraw(const Store& store, const RemoveClient& wanted) {
 
 void addRemoveClient(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<RemoveClient>();
-  auto options = line.add("remove-client", "Take clients away, with their keys and settings",
-                          onStore(place, [wanted](const Store& store) {
-                            return wanted->isWithdrawing ? withdraw(store, *wanted) : removeNow(store, *wanted);
-                          }));
+  auto options =
+      line.add("remove-client", "Take clients away, with their keys and settings",
+               onStore(place, [wanted](const Store& store) {
+                 return wanted->isWithdrawing ? withdraw(store, *wanted) : removeNow(store, *wanted);
+               }));
   options.option("TARGET", wanted->target, std::string(kTargetForms) + "; with --withdraw may be missing")
       .flag("--withdraw", wanted->isWithdrawing, "First withdraw everything from their machines")
       .bounded("--wait SECONDS", wanted->waitSeconds, 1, std::numeric_limits<int>::max(),

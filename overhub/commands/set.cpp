@@ -101,9 +101,9 @@ CWmError makeRecord(const Set& wanted, OBGui::RegistryKeyInfo& record) {
   return readSecret(record.encryptedValue.edit());
 }
 
-// Whether the record is as somebody has defined it. --force does not help: it is there for changes that may cut a
-// machine off, and whoever makes such a one mistypes as easily as anybody. What should fit is for the definitions
-// to say.
+// Whether the record is as somebody has defined it. --force does not help: it is there for changes that may
+// cut a machine off, and whoever makes such a one mistypes as easily as anybody. What should fit is for the
+// definitions to say.
 int checkDefined(const Store& store, const Set& wanted, const OBGui::RegistryKeyInfo& record) {
   Definitions definitions;
   CWmError error = loadDefinitions(wanted.definitions, store.directory(), definitions);

@@ -77,8 +77,7 @@ CWmError listEffective(const Database& database, soci::session& session, Show& w
   MachineState state;
   error = machineState(session, client.id, client.name, database.now(session), state);
   for (const auto& [identity, effective] : state.settings)
-    addRow(wanted, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting),
-           names);
+    addRow(wanted, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting), names);
   return error;
 }
 

@@ -91,9 +91,9 @@ class Attempt {
  private:
   // Reads what the change may touch, as it is, and makes of it what will be.
   void lookAround(ChangeSet& changes) {
-    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_),
-                    {}};
-    for (const auto& [client, since] : withdrawalsAt(session_, revision_)) fleetBefore_.withdrawn.insert(client);
+    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_), {}};
+    for (const auto& [client, since] : withdrawalsAt(session_, revision_))
+      fleetBefore_.withdrawn.insert(client);
     endWithGroups(changes);
     for (const auto& edit : changes.settings) names_.insert(edit.identity.name);
     for (const std::string& group : touchedGroups(changes))
@@ -305,8 +305,8 @@ class Attempt {
 }  // namespace
 
 bool ChangeSet::isEmpty() const {
-  return settings.empty() && groups.empty() && members.empty() && newClients.empty() && removedClients.empty() &&
-         withdrawals.empty();
+  return settings.empty() && groups.empty() && members.empty() && newClients.empty() &&
+         removedClients.empty() && withdrawals.empty();
 }
 
 std::int64_t newestRevision(soci::session& session) {

@@ -83,7 +83,8 @@ std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::
   std::int64_t since = 0;
   forEachRow(
       session, "SELECT client, valid_from FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
-      [&] { withdrawals[id] = since; }, into(id), into(since), use(revision, "revision"), use(revision, "at"));
+      [&] { withdrawals[id] = since; }, into(id), into(since), use(revision, "revision"),
+      use(revision, "at"));
   return withdrawals;
 }
 

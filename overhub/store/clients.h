@@ -52,8 +52,8 @@ void addClient(soci::session& session, const Client& client, const std::string& 
 // Its name is free and its key gone from the revision on; its id is not given again.
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
 
-// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is taken
-// back. By id, with the revision that it began with.
+// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is
+// taken back. By id, with the revision that it began with.
 std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::int64_t revision);
 bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision);
 void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);

@@ -53,9 +53,9 @@ class History : public testing::TestWithParam<EngineKind> {
   }
   // Why it is refused, or nothing; what it leaves out is in leftOut_.
   std::string undo(std::int64_t revision, const ChangeNote& note = {}) {
-    return hub_.change(
-        [&](soci::session& session, ChangeSet& changes) { return buildUndo(session, revision, changes, leftOut_); },
-        note);
+    return hub_.change([&](soci::session& session,
+                           ChangeSet& changes) { return buildUndo(session, revision, changes, leftOut_); },
+                       note);
   }
 
   template <class Look>
@@ -85,7 +85,8 @@ class History : public testing::TestWithParam<EngineKind> {
     return text;
   }
   // The revisions of which a filter leaves something.
-  std::string told(const std::string& target, const std::string& path = "", const std::string& name = "") const {
+  std::string told(const std::string& target, const std::string& path = "",
+                   const std::string& name = "") const {
     std::string numbers;
     look([&](soci::session& session) {
       HistoryFilter filter;
@@ -114,7 +115,8 @@ class History : public testing::TestWithParam<EngineKind> {
   LeftOut leftOut_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Store, History, testing::Values(EngineKind::kSqlite, EngineKind::kPostgresql), nameOf);
+INSTANTIATE_TEST_SUITE_P(Store, History, testing::Values(EngineKind::kSqlite, EngineKind::kPostgresql),
+                         nameOf);
 
 TEST_P(History, TellsEachChangeBeforeAndAfterAndNoSecret) {
   const std::int64_t id = hub_.add("pc1");
@@ -148,26 +150,25 @@ TEST_P(History, TellsEachChangeBeforeAndAfterAndNoSecret) {
   EXPECT_EQ(between(made - 1, made + 1),
             "@berlin: group: (none) -> number 11\n@berlin: member pc1: (none) -> member\n"
             "@berlin: member x\\n*: (none) -> member\n");
-  EXPECT_EQ(between(made, first), "pc1 (client " + std::to_string(id) +
-                                      ", removed): ~/Limits nMAX: (not set) -> 10\n" +
-                                      "")
+  EXPECT_EQ(between(made, first),
+            "pc1 (client " + std::to_string(id) + ", removed): ~/Limits nMAX: (not set) -> 10\n" + "")
       << "forth and back";
 }
 
 // Whoever asks about a machine wants to know all that it may have got a value from, also of what is no more.
 TEST_P(History, TellsOfATarget) {
-  const std::int64_t id = hub_.add("pc1");                  // 1
-  hub_.add("db1");                                          // 2
-  group("web", 10, {"pc*"});                                // 3
-  group("data", 20, {"db1"});                               // 4
-  set(kAllScope, "nMAX", "1");                              // 5
-  set(groupScope("web"), "nMAX", "2");                      // 6
-  set(groupScope("data"), "nMAX", "3");                     // 7
-  set(machineScope(id), "nMIN", "4");                       // 8
-  set(kStaticScope, "nMAX", "5");                           // 9
-  set(machineScope(id), recordFor("~/Other", "nMIN", "4")); // 10
-  group("web", std::nullopt);                               // 11
-  remove(id);                                               // 12
+  const std::int64_t id = hub_.add("pc1");                   // 1
+  hub_.add("db1");                                           // 2
+  group("web", 10, {"pc*"});                                 // 3
+  group("data", 20, {"db1"});                                // 4
+  set(kAllScope, "nMAX", "1");                               // 5
+  set(groupScope("web"), "nMAX", "2");                       // 6
+  set(groupScope("data"), "nMAX", "3");                      // 7
+  set(machineScope(id), "nMIN", "4");                        // 8
+  set(kStaticScope, "nMAX", "5");                            // 9
+  set(machineScope(id), recordFor("~/Other", "nMIN", "4"));  // 10
+  group("web", std::nullopt);                                // 11
+  remove(id);                                                // 12
   const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
       {"", "", "", "1 2 3 4 5 6 7 8 9 10 11 12"},
       {"pc1", "", "", "1 3 5 6 8 10 11 12"},
