@@ -151,8 +151,10 @@ TEST_P(History, TellsEachChangeBeforeAndAfterAndNoSecret) {
             "@berlin: group: (none) -> number 11\n@berlin: member pc1: (none) -> member\n"
             "@berlin: member x\\n*: (none) -> member\n");
   EXPECT_EQ(between(made, first),
-            "pc1 (client " + std::to_string(id) + ", removed): ~/Limits nMAX: (not set) -> 10\n" + "")
-      << "forth and back";
+            "@berlin: group: number 10 -> (none)\n@berlin: member pc1: member -> (none)\n"
+            "@berlin: member x\\n*: member -> (none)\n@all: ~/Proxy sPW: ******** -> (not set)\n" +
+                gone + ": ~/Limits nMAX: (not set) -> 10\n" + gone +
+                ": ~/Overhub2 sSESSIONKEY: ******** -> (not set)\n");
 }
 
 // Whoever asks about a machine wants to know all that it may have got a value from, also of what is no more.
@@ -213,7 +215,7 @@ TEST_P(History, PutsARevisionBackUnlessALaterOneHasBeenAtIt) {
   };
   EXPECT_TRUE(names(undo(set1), set2));
   EXPECT_EQ(undo(set2), "");
-  EXPECT_TRUE(names(undo(set1), hub_.result.revision) || names(undo(set1), set2 + 1));
+  EXPECT_TRUE(names(undo(set1), set2 + 1)) << "the newest one";
   EXPECT_EQ(between(set1, set2 + 1), "");
   const std::int64_t west = group("west", 30);
   const std::int64_t joined = group("west", 0, {"pc1"});
@@ -237,7 +239,7 @@ TEST_P(History, PutsARevisionBackUnlessALaterOneHasBeenAtIt) {
   const std::int64_t machine = set(machineScope(id), "nTOP", "1");
   const std::int64_t unsaid = unset(machineScope(id), "nTOP");
   const std::int64_t gone = remove(id);
-  EXPECT_TRUE(names(undo(machine), gone) || names(undo(machine), unsaid));
+  EXPECT_TRUE(names(undo(machine), unsaid));
   EXPECT_TRUE(names(undo(unsaid), gone));
   EXPECT_TRUE(contains(undo(gone), "stay away (pc1)")) << undo(gone);
   EXPECT_TRUE(contains(undo(start - 1), "stay (pc1)")) << undo(start - 1);
