@@ -8,15 +8,21 @@ void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-int storeFailed(const CWmError& error) {
+int exitCodeOf(const CWmError& error) {
   switch (error.GetCode()) {
+    case kLqErrNone:
+      return kExitOk;
     case kLqErrRequestRefused:
-      return complain(kExitRefused, error.AsString());
+      return kExitRefused;
     case kLqErrArgument:
-      return complain(kExitUsage, error.AsString());
+      return kExitUsage;
     default:
-      return complain(kExitDataUnusable, error.AsString());
+      return kExitDataUnusable;
   }
+}
+
+int storeFailed(const CWmError& error) {
+  return complain(exitCodeOf(error), error.AsString());
 }
 
 void warn(const std::string& text) {

@@ -106,8 +106,9 @@ class Attempt {
  private:
   // Reads what the change may touch, as it is, and makes of it what will be.
   void lookAround(ChangeSet& changes) {
-    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_),
-                    withdrawnAt(session_, revision_)};
+    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_), {}};
+    for (const auto& [client, since] : withdrawalsAt(session_, revision_))
+      fleetBefore_.withdrawn.insert(client);
     endWithGroups(changes);
     keepLast(changes.settings, [](const auto& edit) { return std::pair(edit.scope, edit.identity); });
     keepLast(changes.groups, [](const auto& edit) { return edit.name; });

@@ -76,13 +76,15 @@ void removeClient(soci::session& session, std::int64_t id, std::int64_t revision
     session << "DELETE FROM " << table << " WHERE client = :id", use(id, "id");
 }
 
-std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision) {
-  std::set<std::int64_t> ids;
+std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::int64_t revision) {
+  std::map<std::int64_t, std::int64_t> withdrawals;
   std::int64_t id = 0;
+  std::int64_t since = 0;
   forEachRow(
-      session, "SELECT client FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
-      [&] { ids.insert(id); }, into(id), use(revision, "revision"), use(revision, "at"));
-  return ids;
+      session, "SELECT client, valid_from FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
+      [&] { withdrawals[id] = since; }, into(id), into(since), use(revision, "revision"),
+      use(revision, "at"));
+  return withdrawals;
 }
 
 bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision) {

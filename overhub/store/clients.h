@@ -4,8 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -54,8 +54,8 @@ void addClient(soci::session& session, const Client& client, const std::string& 
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
 
 // The clients from which everything is withdrawn: they are in no scope, until they are removed or that is
-// taken back.
-std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision);
+// taken back. By id, with the revision that it began with.
+std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::int64_t revision);
 bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision);
 void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
 void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
