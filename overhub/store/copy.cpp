@@ -149,7 +149,8 @@ CWmError beginEpoch(const Database& database, std::string& notice) {
     writeRevision(session, {revision, database.now(session), "overhub", "", command}, operation);
     notice = "this store is the copy of " + time + ", restored: revisions go on from " +
              std::to_string(revision) +
-             ", and until two passes in a row a client is handed all removals that it may need";
+             ", and each client is handed all removals that it may need until it has acknowledged two passes "
+             "in a row";
     return {};
   });
   return isOthers ? CWmError() : begun;

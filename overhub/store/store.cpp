@@ -78,7 +78,8 @@ CWmError Store::open() {
   if (error.IsError()) return error;
   if (!isThere)
     return {kLqErrFile, place() + ": there is no store in it; \"overhub add-client NAME\" makes one"};
-  return checkKey(known);
+  error = checkKey(known);
+  return error.IsError() ? error : beginEpoch(database_, notice_);
 }
 
 CWmError Store::prepare() {
