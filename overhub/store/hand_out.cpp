@@ -67,7 +67,7 @@ HeldSettings heldSettings(soci::session& session, const Contact& contact, const 
   HeldSettings held;
   for (const auto& [scope, revisions] : heard)
     for (const Setting& setting : settingsSince(session, scope, revisions.front()))
-      if (setting.isLive() && wasValidAtAny(setting, revisions)) addHeld(setting, held);
+      if (wasValidAtAny(setting, revisions)) addHeld(setting, held);
   return held;
 }
 

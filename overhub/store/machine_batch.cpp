@@ -31,12 +31,12 @@ Setting asWithdrawn(const Identity& identity, const std::string& path) {
   return setting;
 }
 
+// Takes it out of the client's cache and leaves what the machine has alone.
+void forget(const Identity& identity, const std::string& path, OBGui::KeyList& batch) {
+  batch.push_back(removalOf(subKeyPath(path, identity.name), kNoSuchName));
+}
+
 void removeValue(const Identity& identity, const std::string& path, bool withExpiry, OBGui::KeyList& batch) {
-  if (identity.isKey) {
-    // The sub-key stays, with what is in it; it only goes out of the client's cache.
-    batch.push_back(removalOf(subKeyPath(path, identity.name), kNoSuchName));
-    return;
-  }
   batch.push_back(removalOf(path, identity.name));
   if (withExpiry) batch.push_back(expiryRecordOf(asWithdrawn(identity, path), true));
 }
@@ -44,7 +44,10 @@ void removeValue(const Identity& identity, const std::string& path, bool withExp
 void addRemovals(const EffectiveSettings& settings, const HeldSettings& held, OBGui::KeyList& batch) {
   for (const auto& [identity, before] : held) {
     const auto now = settings.find(identity);
-    if (now == settings.end()) {
+    if (now == settings.end() && (identity.isKey || !before.wasLive)) {
+      // A sub-key stays, with what is in it; and what was only switched off may be somebody's by now.
+      forget(identity, before.path, batch);
+    } else if (now == settings.end()) {
       removeValue(identity, before.path, before.hasExpiry, batch);
     } else if (before.hasExpiry && now->second.setting.expires == 0 && !identity.isKey) {
       batch.push_back(expiryRecordOf(asWithdrawn(identity, before.path), true));
@@ -94,9 +97,11 @@ std::string expiryConflict(const EffectiveSettings& settings) {
 }
 
 void addHeld(const Setting& setting, HeldSettings& held) {
+  if (setting.isRemoval) return;
   MayHold& entry = held[setting.identity];
   entry.path = setting.path;
-  entry.hasExpiry = entry.hasExpiry || setting.expires != 0;
+  entry.wasLive = entry.wasLive || setting.isLive();
+  entry.hasExpiry = entry.hasExpiry || (setting.isLive() && setting.expires != 0);
 }
 
 OBGui::KeyList batchOf(const EffectiveSettings& settings, const HeldSettings& held, std::size_t atLeast) {
