@@ -168,14 +168,14 @@ class History {
 
   void step() {
     const int kind = pick(100);
-    if (kind < 36) return edit();
-    if (kind < 46) return regroup();
-    if (kind < 50) return isOneIn(3) && machines_.size() > 1 ? leave() : join();
-    if (kind < 58) return wait();
-    if (kind < 86) return pass(anyMachine());
-    if (kind < 91) return push(anyMachine());
-    if (kind < 94) return refresh(anyMachine());
-    if (kind < 97) return snapshot(anyMachine());
+    if (kind < 34) return edit();
+    if (kind < 42) return regroup();
+    if (kind < 45) return isOneIn(3) && machines_.size() > 1 ? leave() : join();
+    if (kind < 50) return wait();
+    if (kind < 78) return pass(anyMachine());
+    if (kind < 88) return push(anyMachine());
+    if (kind < 91) return refresh(anyMachine());
+    if (kind < 95) return snapshot(anyMachine());
     goBack(anyMachine());
   }
 
@@ -188,14 +188,22 @@ class History {
     return oneOf(scopes);
   }
 
+  std::string anySpeaker() {
+    std::vector<std::string> scopes;
+    for (const auto& [scope, said] : rules_.said)
+      if (!said.empty()) scopes.push_back(scope);
+    return scopes.empty() ? std::string("@all") : oneOf(scopes);
+  }
+
   void edit() {
     Rules after = rules_;
     ChangeSet changes;
     std::string text;
-    for (int n = 1 + pick(4); n > 0; --n) {
-      const std::string scope = anyScope();
+    for (int n = 1 + pick(3); n > 0; --n) {
+      const bool isWithdrawal = isOneIn(2);
+      const std::string scope = isWithdrawal ? anySpeaker() : anyScope();
       auto& said = after.said[scope];
-      if (isOneIn(2) && !said.empty()) {
+      if (isWithdrawal && !said.empty()) {
         const auto which = std::next(said.begin(), pick(static_cast<int>(said.size())));
         changes.withdraw(scope, {which->first.place, which->first.name, which->first.isSubKey});
         text += scope + " withdraws " + which->first.place + " " + which->first.name + "; ";
@@ -409,12 +417,12 @@ class History {
       kStaticListBetween
     };
     static const std::vector<Fate> kFates{
-        kWhole,   kWhole,          kWhole,  kReplyLost,  kKilledBeforeCache, kKilledBeforeAck,
-        kAckLate, kCacheNotStored, kFailed, kHalfFailed, kStaticListBetween};
+        kWhole,  kWhole,          kReplyLost,      kKilledBeforeCache, kKilledBeforeAck,  kAckLate,
+        kFailed, kCacheNotStored, kCacheNotStored, kHalfFailed,        kStaticListBetween};
     Fate fate = oneOf(kFates);
     // A cache that cannot be written twice in a row, while everything is said to be applied, nobody can help.
     if (machine.isCacheBehind && fate == kCacheNotStored) fate = kWhole;
-    if (isOneIn(12)) {
+    if (isOneIn(20)) {
       machine.client.cache.clear();
       tell(machine.name + " drops its cache");
     }
