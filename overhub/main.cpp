@@ -20,6 +20,7 @@ constexpr const char* kFooter =
   overhub set @berlin '~/Trial' bON 1 --until +1d
   overhub show web-1 --effective
   overhub serve --log-file /var/log/overhub.log
+  overhub status
   overhub acks web-1
   overhub uploads web-1
   overhub push web-1
@@ -27,7 +28,8 @@ constexpr const char* kFooter =
   overhub call web-1 7 'hello'
 
 Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store
-cannot be used, 4 the client could not be reached, or did not answer.)";
+cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not
+current (status).)";
 
 void describe(programs::CommandLine& line, Store::Place& place) {
   describeStore(line.options(), place);
@@ -45,12 +47,21 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addSet(line, place);
   addUnset(line, place);
   addShow(line, place);
+  addStatus(line, place);
+  addReport(line, place);
+  addLog(line, place);
+  addDiff(line, place);
+  addUndo(line, place);
+  addExport(line, place);
+  addApply(line, place);
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);
   addPush(line, place);
   addFetch(line, place);
   addCall(line, place);
+  addBackup(line, place);
+  addImport(line, place);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <random>
 #include <thread>
 
+#include "common/sync_period.h"
 #include "lqhost/service/product_library.h"
 #include "lqhost/service/task_runs.h"
 
@@ -22,7 +23,7 @@ namespace host {
 
 // Seconds between two runs: of a task whose status object says nothing, and the bounds that what it says is
 // held to.
-inline constexpr std::uint32_t kDefaultFrequency = 900;
+inline constexpr std::uint32_t kDefaultFrequency = programs::kSynchronisationPeriod;
 inline constexpr std::uint32_t kMinFrequency = 5;
 inline constexpr std::uint32_t kMaxFrequency = 7 * 24 * 3600;
 // The first retry after a failure comes after about this many seconds; each further failure doubles it.

@@ -34,7 +34,7 @@ struct Joining {
   std::string protectedKey;
 };
 
-CWmError makeReady(const Store& store, const AddClient& wanted, const ListedClient& client,
+CWmError makeReady(const Store& store, AddClient& wanted, const ListedClient& client,
                    Joining& joining) {
   joining.client = client;
   CWmError error = checkListed(client);
@@ -73,7 +73,7 @@ CWmError handOver(const Store& store, const AddClient& wanted, std::vector<Joini
   return {};
 }
 
-int addAll(const Store& store, const AddClient& wanted, std::vector<Joining>& joining) {
+int addAll(const Store& store, AddClient& wanted, std::vector<Joining>& joining) {
   const std::string command =
       wanted.list.empty() ? "add-client " + wanted.client.name : "add-client --from " + wanted.list;
   ChangeResult result;
@@ -82,7 +82,7 @@ int addAll(const Store& store, const AddClient& wanted, std::vector<Joining>& jo
       [&](soci::session& session, ChangeSet& changes) { return build(session, wanted, joining, changes); },
       result);
   if (result.newClients.empty()) {
-    for (const Joining& each : joining) wanted.handOver.discard(store, each.join);
+    wanted.handOver.discard();
     return exitCode;
   }
   const CWmError error = handOver(store, wanted, joining, result.newClients);
@@ -96,7 +96,7 @@ int addAll(const Store& store, const AddClient& wanted, std::vector<Joining>& jo
   return exitCode;
 }
 
-int addClient(const Store& store, const AddClient& wanted) {
+int addClient(const Store& store, AddClient& wanted) {
   std::vector<ListedClient> clients;
   CWmError error;
   if (wanted.list.empty()) {
@@ -106,14 +106,11 @@ int addClient(const Store& store, const AddClient& wanted) {
     error = readClientList(wanted.list, clients);
   }
   std::vector<Joining> joining(clients.size());
-  std::size_t ready = 0;
-  while (!error.IsError() && ready < clients.size()) {
-    error = makeReady(store, wanted, clients[ready], joining[ready]);
-    if (!error.IsError()) ++ready;
-  }
+  for (std::size_t i = 0; i < clients.size() && !error.IsError(); ++i)
+    error = makeReady(store, wanted, clients[i], joining[i]);
   if (!error.IsError() && clients.empty()) return complain(kExitUsage, wanted.list + " lists no client");
   if (!error.IsError()) return addAll(store, wanted, joining);
-  for (std::size_t i = 0; i < ready; ++i) wanted.handOver.discard(store, joining[i].join);
+  wanted.handOver.discard();
   return error.GetCode() == kLqErrArgument ? complain(kExitUsage, error.AsString()) : storeFailed(error);
 }
 

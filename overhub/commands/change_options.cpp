@@ -12,23 +12,6 @@
 
 namespace {
 
-// Who types, also behind sudo, and where.
-std::string whoTypes() {
-  std::string user;
-  if (const char* const original = std::getenv("SUDO_USER"); original != nullptr && ::geteuid() == 0) {
-    user = original;
-  } else {
-    std::array<char, 4096> buffer{};
-    passwd entry{};
-    passwd* found = nullptr;
-    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
-      user = entry.pw_name;
-  }
-  if (user.empty()) user = "user " + std::to_string(::geteuid());
-  const std::string host = programs::ownHostName();
-  return host.empty() ? user : user + "@" + host;
-}
-
 std::string counted(std::size_t number, const char* one) {
   return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
 }
@@ -47,6 +30,22 @@ void printEffects(const Effects& effects) {
 }
 
 }  // namespace
+
+std::string whoTypes() {
+  std::string user;
+  if (const char* const original = std::getenv("SUDO_USER"); original != nullptr && ::geteuid() == 0) {
+    user = original;
+  } else {
+    std::array<char, 4096> buffer{};
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
+      user = entry.pw_name;
+  }
+  if (user.empty()) user = "user " + std::to_string(::geteuid());
+  const std::string host = programs::ownHostName();
+  return host.empty() ? user : user + "@" + host;
+}
 
 void ChangeOptions::describe(programs::CommandLine::Options options) {
   options.option("--why TEXT", why_, "The reason, for \"overhub log\"")

@@ -10,6 +10,9 @@
 #include "overhub/store/change.h"
 #include "overhub/store/store.h"
 
+// Who types, also behind sudo, and where: for revisions.
+std::string whoTypes();
+
 class ChangeOptions {
  public:
   // Adds --why, --dry-run, --expect and --force.

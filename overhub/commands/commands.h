@@ -23,6 +23,14 @@ void addSet(programs::CommandLine& line, const Store::Place& place);
 void addUnset(programs::CommandLine& line, const Store::Place& place);
 void addShow(programs::CommandLine& line, const Store::Place& place);
 
+void addStatus(programs::CommandLine& line, const Store::Place& place);
+void addReport(programs::CommandLine& line, const Store::Place& place);
+void addLog(programs::CommandLine& line, const Store::Place& place);
+void addDiff(programs::CommandLine& line, const Store::Place& place);
+void addUndo(programs::CommandLine& line, const Store::Place& place);
+void addExport(programs::CommandLine& line, const Store::Place& place);
+void addApply(programs::CommandLine& line, const Store::Place& place);
+
 void addAcks(programs::CommandLine& line, const Store::Place& place);
 void addUploads(programs::CommandLine& line, const Store::Place& place);
 void addResend(programs::CommandLine& line, const Store::Place& place);
@@ -30,3 +38,6 @@ void addResend(programs::CommandLine& line, const Store::Place& place);
 void addPush(programs::CommandLine& line, const Store::Place& place);
 void addFetch(programs::CommandLine& line, const Store::Place& place);
 void addCall(programs::CommandLine& line, const Store::Place& place);
+
+void addBackup(programs::CommandLine& line, const Store::Place& place);
+void addImport(programs::CommandLine& line, const Store::Place& place);

@@ -17,7 +17,7 @@ void JoinHandOver::describe(programs::CommandLine::Options options) {
       .excludes("--join-file");
 }
 
-CWmError JoinHandOver::begin(const Store& store, const std::string& client, programs::JoinFile& join) const {
+CWmError JoinHandOver::begin(const Store& store, const std::string& client, programs::JoinFile& join) {
   join.clientName = client;
   join.serverName = serverName_;
   join.serverHost = serverHost_.empty() ? programs::ownHostName() : serverHost_;
@@ -26,13 +26,18 @@ CWmError JoinHandOver::begin(const Store& store, const std::string& client, prog
                                 "\" have to be a host name or address and a name; --server-host and "
                                 "--server-name set them"};
   }
+  join.sessionKeyHex = newSessionKeyHex();
   // In the store's own directory an old one is replaced: it is of no use any more.
   const std::string file = place(store, client);
   const bool isOwn = file_.empty() && folder_.empty();
   if (!isOwn && file_access::exists(file))
     return {kLqErrRequestRefused, file + " exists already; choose another place for the join file"};
-  join.sessionKeyHex = newSessionKeyHex();
-  return file_access::replace(file, "");
+  if (!file_.empty()) {
+    const CWmError error = file_access::replace(file_, "");
+    isFileMade_ = !error.IsError();
+    return error;
+  }
+  return isOwn ? CWmError() : file_access::makeDirectory(folder_);
 }
 
 CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join) const {
@@ -43,8 +48,8 @@ CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join)
                                "\" writes another join file"};
 }
 
-void JoinHandOver::discard(const Store& store, const programs::JoinFile& join) const {
-  ::unlink(place(store, join.clientName).c_str());
+void JoinHandOver::discard() {
+  if (isFileMade_) ::unlink(file_.c_str());
 }
 
 void JoinHandOver::printNextSteps(const Store& store, const programs::JoinFile& join) const {

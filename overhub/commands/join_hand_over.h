@@ -1,7 +1,7 @@
 // The join files that `add-client` and `renew-client` hand over to clients' machines.
 //
-// A file is made, empty, before the store is changed, and filled after it: a place that cannot be written is
-// noticed while nothing has happened yet.
+// A file that was named is made, empty, before the store is changed, and filled after it; a directory is made then,
+// too: a place that cannot be written is noticed while nothing has happened yet.
 #pragma once
 
 #include <string>
@@ -18,10 +18,10 @@ class JoinHandOver {
 
   // The contents for a client, with a new session key, but without its id. kLqErrArgument for what the
   // command line says wrong, kLqErrRequestRefused for a file that is there.
-  CWmError begin(const Store& store, const std::string& client, programs::JoinFile& join) const;
+  CWmError begin(const Store& store, const std::string& client, programs::JoinFile& join);
   CWmError write(const Store& store, const programs::JoinFile& join) const;
-  // Takes back what begin() made.
-  void discard(const Store& store, const programs::JoinFile& join) const;
+  // Takes back what begin() made, and nothing else.
+  void discard();
 
   // What to do with the file, for one client.
   void printNextSteps(const Store& store, const programs::JoinFile& join) const;
@@ -32,4 +32,5 @@ class JoinHandOver {
   std::string serverName_ = "overhub";
   std::string file_;    // empty: NAME.join in the directory
   std::string folder_;  // empty: the store's own
+  bool isFileMade_ = false;
 };

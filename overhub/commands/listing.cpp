@@ -17,12 +17,13 @@ using Json = nlohmann::ordered_json;
 constexpr int kIndent = 2;
 
 bool isTime(Kind kind) {
-  return kind == Kind::time || kind == Kind::age;
+  return kind == Kind::time || kind == Kind::end || kind == Kind::age;
 }
 
 std::string timeText(Kind kind, std::int64_t time, std::int64_t now) {
   if (kind == Kind::age) return programs::ageText(time, now);
-  return time == 0 ? "never" : lqtext::utcText(time);
+  if (time != 0) return lqtext::utcText(time);
+  return kind == Kind::end ? "" : "never";
 }
 
 // What is no time, as people read it.
@@ -54,6 +55,10 @@ Listing::Listing(std::string name, std::vector<Column> columns)
 
 void Listing::describe(programs::CommandLine::Options options) {
   options.flag("--json", isJson_, "Print the list as JSON, for programs");
+}
+
+void Listing::addFact(Column column, Cell value) {
+  facts_.emplace_back(std::move(column), std::move(value));
 }
 
 void Listing::addRow(std::vector<Cell> cells) {
@@ -90,20 +95,22 @@ std::string Listing::text(std::int64_t now) const {
 }
 
 std::string Listing::json() const {
+  const auto put = [](const Column& column, const Cell& cell, Json& object) {
+    const auto* const time = std::get_if<std::int64_t>(&cell.value_);
+    if (time == nullptr || !isTime(column.kind)) {
+      object[column.key] = std::visit(ForPrograms(), cell.value_);
+    } else if (*time != 0) {
+      object[column.key] = lqtext::utcText(*time);
+    }
+  };
   Json rows = Json::array();
   for (const std::vector<Cell>& cells : rows_) {
     Json object = Json::object();
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-      const auto* const time = std::get_if<std::int64_t>(&cells[i].value_);
-      if (time == nullptr || !isTime(columns_[i].kind)) {
-        object[columns_[i].key] = std::visit(ForPrograms(), cells[i].value_);
-      } else if (*time != 0) {
-        object[columns_[i].key] = lqtext::utcText(*time);
-      }
-    }
+    for (std::size_t i = 0; i < columns_.size(); ++i) put(columns_[i], cells[i], object);
     rows.push_back(std::move(object));
   }
-  Json whole;
+  Json whole = Json::object();
+  for (const auto& [column, value] : facts_) put(column, value, whole);
   whole[name_] = std::move(rows);
   return whole.dump(kIndent, ' ', true, Json::error_handler_t::replace) + "\n";
 }

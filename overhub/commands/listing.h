@@ -26,6 +26,7 @@ class Listing {
     number,
     yesNo,
     time,  // seconds since the epoch, 0 for never; people read UTC, programs ISO 8601, and nothing for never
+    end,   // the same for a time at which something ends; people read nothing either where it does not
     age    // the same, of which people read how long ago that was
   };
 
@@ -65,6 +66,10 @@ class Listing {
   // Adds --json to a command. What is given there is kept here, so the list must outlive the command line.
   void describe(programs::CommandLine::Options options);
 
+  // Something that holds for the whole list: programs find it beside the rows, in the order of the calls, and
+  // who prints the list tells people in words of their own.
+  void addFact(Column column, Cell value);
+
   // A cell for each column; those that are missing at the end could not be found out.
   void addRow(std::vector<Cell> cells);
 
@@ -72,6 +77,7 @@ class Listing {
   // Rows that are the same there keep their order.
   void sortBy(const std::string& key);
 
+  bool isForPrograms() const { return isJson_; }
   // What the command prints: text() of this moment, or json().
   std::string output() const;
   std::string text(std::int64_t now) const;
@@ -87,6 +93,7 @@ class Listing {
  private:
   std::string name_;
   std::vector<Column> columns_;
+  std::vector<std::pair<Column, Cell>> facts_;
   std::vector<std::vector<Cell>> rows_;
   bool isJson_ = false;
 };

@@ -25,7 +25,14 @@ bool hasControl(const std::string& text) {
                      [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; });
 }
 
-// What every database engine and every message takes as it is.
+bool isNumber(const std::string& text) {
+  std::int64_t number = 0;
+  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return fault == std::errc() && end == text.data() + text.size();
+}
+
+}  // namespace
+
 bool isText(std::string_view text) {
   while (!text.empty()) {
     const bool isSpace = text.front() == '\n' || text.front() == '\t' || text.front() == '\r';
@@ -35,14 +42,6 @@ bool isText(std::string_view text) {
   }
   return true;
 }
-
-bool isNumber(const std::string& text) {
-  std::int64_t number = 0;
-  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return fault == std::errc() && end == text.data() + text.size();
-}
-
-}  // namespace
 
 CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
   const std::string& path = record.keyPath;

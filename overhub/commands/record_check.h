@@ -2,9 +2,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "lqregistry/CWmError.h"
 #include "lqregistry/OBGui.h"
+
+// Whether every database engine and every message takes the text as it is.
+bool isText(std::string_view text);
 
 // An error that says what is wrong with a record that a person has typed, and the way out.
 CWmError checkRecord(const OBGui::RegistryKeyInfo& record);

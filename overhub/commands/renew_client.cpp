@@ -25,7 +25,7 @@ CWmError changeKey(const Store& store, const std::string& name, const std::strin
   });
 }
 
-int renewClient(const Store& store, const std::string& name, const JoinHandOver& handOver) {
+int renewClient(const Store& store, const std::string& name, JoinHandOver& handOver) {
   programs::JoinFile join;
   std::string protectedKey;
   Client client;
@@ -38,7 +38,7 @@ int renewClient(const Store& store, const std::string& name, const JoinHandOver&
   error = protectSessionKey(store, join.sessionKeyHex, protectedKey);
   if (!error.IsError()) error = changeKey(store, name, protectedKey, join);
   if (error.IsError()) {
-    handOver.discard(store, join);
+    handOver.discard();
     return storeFailed(error);
   }
   error = handOver.write(store, join);

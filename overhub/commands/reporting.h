@@ -12,6 +12,7 @@ inline constexpr int kExitRefused = 1;  // not found, or refused
 inline constexpr int kExitUsage = programs::kExitUsage;
 inline constexpr int kExitDataUnusable = 3;
 inline constexpr int kExitUnreachable = 4;  // the client could not be reached, or did not answer
+inline constexpr int kExitNotCurrent = 6;   // a machine that was asked about is not as it should be
 
 void print(const std::string& text);
 

@@ -25,7 +25,7 @@ struct Show {
                 {"NAME", "name", Listing::Kind::text},
                 {"TYPE", "type", Listing::Kind::text},
                 {"VALUE", "value", Listing::Kind::text},
-                {"UNTIL", "until", Listing::Kind::time},
+                {"UNTIL", "until", Listing::Kind::end},
                 {"FLAGS", "flags", Listing::Kind::text},
                 {"SCOPE", "scope", Listing::Kind::text},
                 {"REVISION", "revision", Listing::Kind::number}}};

@@ -11,7 +11,9 @@ programs::CommandLine::Action on(const Store::Place& place, CWmError (Store::*be
   return [&place, begin, command = std::move(command)] {
     Store store(place);
     const CWmError error = (store.*begin)();
-    return error.IsError() ? storeFailed(error) : command(store);
+    if (error.IsError()) return storeFailed(error);
+    if (!store.notice().empty()) warn(store.notice());
+    return command(store);
   };
 }
 

@@ -6,7 +6,6 @@
 
 #include "lqregistry/ObDebug.h"
 #include "overhub/server/serve_step.h"
-#include "overhub/store/session_keys.h"
 
 namespace {
 
@@ -15,9 +14,8 @@ constexpr const char* kTag = "overhub::Server";
 }  // namespace
 
 CWmError Server::listen(const std::string& address, std::uint16_t port) {
-  auto listener = std::make_unique<LqListener>([this](const std::string& identity, std::string& key) {
-    return findSessionKey(store_, identity, key);
-  });
+  auto listener = std::make_unique<LqListener>(
+      [this](const std::string& identity, std::string& key) { return keys_.find(identity, key); });
   CWmError error = listener->open(address, port);
   if (!error.IsError()) listeners_.push_back(std::move(listener));
   return error;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lqregistry/CLqNetwork.h"
+#include "overhub/server/known_keys.h"
 #include "overhub/store/store.h"
 
 // A client that leaves its reply unread holds one for kReplySeconds; hence more than there are processors.
@@ -49,6 +50,7 @@ class Server {
   bool awaitThreads(std::chrono::milliseconds wait);
 
   const Store& store_;
+  KnownKeys keys_{store_};
   std::vector<std::unique_ptr<LqListener>> listeners_;
   std::vector<std::thread> threads_;
 

@@ -62,10 +62,10 @@ class Attempt {
       endSetting(session_, edit.scope, edit.identity, revision_);
       if (edit.after) beginSetting(session_, *edit.after, revision_);
     }
-    for (const auto& edit : changes.groups) {
-      endGroup(session_, edit.name, revision_);
+    // Two groups may swap their numbers, and no two have the same one for a moment.
+    for (const auto& edit : changes.groups) endGroup(session_, edit.name, revision_);
+    for (const auto& edit : changes.groups)
       if (edit.number) beginGroup(session_, {edit.name, *edit.number}, revision_);
-    }
     for (const auto& edit : changes.members) {
       if (edit.isMember) {
         beginMember(session_, edit.member, revision_);
@@ -73,7 +73,16 @@ class Attempt {
         endMember(session_, edit.member, revision_);
       }
     }
-    for (const std::string& scope : touchedScopes(changes)) touchScope(scope);
+    for (const auto& [client, isWithdrawn] : changes.withdrawals) {
+      if (isWithdrawn) {
+        beginWithdrawal(session_, client, revision_);
+      } else {
+        endWithdrawal(session_, client, revision_);
+      }
+    }
+    std::set<std::string> speaking;
+    for (const auto& edit : changes.settings) speaking.insert(edit.scope);
+    for (const std::string& scope : touchedScopes(changes)) touchScope(scope, speaking.contains(scope));
     for (const std::int64_t id : result.effects.newScopesFor) touchClient(session_, id, revision_);
     for (const std::int64_t id : changes.removedClients) removeClient(session_, id, revision_);
     return addClients(changes, result);
@@ -82,12 +91,15 @@ class Attempt {
  private:
   // Reads what the change may touch, as it is, and makes of it what will be.
   void lookAround(ChangeSet& changes) {
-    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_)};
+    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_),
+                    withdrawnAt(session_, revision_)};
     endWithGroups(changes);
     for (const auto& edit : changes.settings) names_.insert(edit.identity.name);
     for (const std::string& group : touchedGroups(changes))
       for (const Setting& setting : settingsOf(session_, groupScope(group), revision_))
         names_.insert(setting.identity.name);
+    if (!changes.withdrawals.empty())
+      for (const Setting& setting : allSettings(session_)) names_.insert(setting.identity.name);
     for (const std::string& name : names_)
       for (Setting& setting : settingsNamed(session_, name))
         before_[{setting.scope, name}].push_back(std::move(setting));
@@ -96,6 +108,10 @@ class Attempt {
     fleetAfter_ = fleetBefore_;
     for (const auto& edit : changes.groups) editGroup(edit);
     for (const auto& edit : changes.members) editMember(edit);
+    for (const auto& [client, isWithdrawn] : changes.withdrawals) {
+      fleetAfter_.withdrawn.erase(client);
+      if (isWithdrawn) fleetAfter_.withdrawn.insert(client);
+    }
     std::erase_if(fleetAfter_.clients, [&changes](const Client& client) {
       const auto& removed = changes.removedClients;
       return std::find(removed.begin(), removed.end(), client.id) != removed.end();
@@ -173,6 +189,9 @@ class Attempt {
                                    [&edit](const Group& group) { return group.name == edit.name; });
       return is == fleetBefore_.groups.end() ? !edit.number : edit.number == is->number;
     });
+    std::erase_if(changes.withdrawals, [this](const ChangeSet::Withdrawal& edit) {
+      return fleetBefore_.withdrawn.contains(edit.client) == edit.isWithdrawn;
+    });
     const std::set<Member> members(fleetBefore_.members.begin(), fleetBefore_.members.end());
     std::set<Member> edited;
     std::erase_if(changes.members, [&](const ChangeSet::MemberEdit& edit) {
@@ -242,10 +261,12 @@ class Attempt {
         " machines would get another one). --force does it all the same, --dry-run shows it");
   }
 
-  void touchScope(const std::string& scope) {
-    session_ << "INSERT INTO scopes (scope, touched) VALUES (:scope, :revision) ON CONFLICT (scope) DO UPDATE"
-                " SET touched = excluded.touched",
-        use(scope), use(revision_);
+  void touchScope(const std::string& scope, bool saysSomethingElse) {
+    const std::int64_t said = saysSomethingElse ? revision_ : 0;
+    session_ << "INSERT INTO scopes (scope, touched, said) VALUES (:scope, :revision, :said) ON CONFLICT"
+                " (scope) DO UPDATE SET touched = excluded.touched, said = CASE WHEN excluded.said = 0 THEN"
+                " scopes.said ELSE excluded.said END",
+        use(scope, "scope"), use(revision_, "revision"), use(said, "said");
   }
 
   CWmError addClients(ChangeSet& changes, ChangeResult& result) {
@@ -283,8 +304,8 @@ class Attempt {
 }  // namespace
 
 bool ChangeSet::isEmpty() const {
-  return settings.empty() && groups.empty() && members.empty() && newClients.empty() &&
-         removedClients.empty();
+  return settings.empty() && groups.empty() && members.empty() && newClients.empty() && removedClients.empty() &&
+         withdrawals.empty();
 }
 
 std::int64_t newestRevision(soci::session& session) {

@@ -40,6 +40,11 @@ struct ChangeSet {
   std::vector<MemberEdit> members;
   std::vector<NewClient> newClients;
   std::vector<std::int64_t> removedClients;
+  struct Withdrawal {
+    std::int64_t client = 0;
+    bool isWithdrawn = true;  // everything, as if no scope said anything to it; otherwise no longer
+  };
+  std::vector<Withdrawal> withdrawals;
 
   void put(const Setting& setting) { settings.push_back({setting.scope, setting.identity, setting}); }
   void withdraw(const std::string& scope, const Identity& identity) {

@@ -31,13 +31,13 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
   forEachRow(session,
              "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
              " most_records, proving, proven, proven_revision, base, touched, is_cache_unknown, outcome,"
-             " outcome_time, refusal FROM contacts" +
+             " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
                  condition,
              keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen),
              into(row.handed), into(row.handedRevision), into(row.handedTime), into(row.records),
              into(row.mostRecords), into(row.proving), into(row.proven), into(row.provenRevision),
              into(row.base), into(row.touched), into(isUnknown), into(row.outcome), into(row.outcomeTime),
-             into(row.refusal), std::forward<Uses>(uses)...);
+             into(row.outcomeSince), into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
 
@@ -62,11 +62,11 @@ void addClient(soci::session& session, const Client& client, const std::string& 
              " :session_key, :host, :revision, :open)",
       use(client.id, "id"), use(client.name, "name"), use(protectedKey, "session_key"),
       use(client.host, "host"), use(client.validFrom, "revision"), use(kOpen, "open");
-  session
-      << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
-         " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
-         " is_cache_unknown, outcome, outcome_time, refusal) VALUES (:client, '', 0, 0, 0, 0, 0, 0, 0, 0, 0,"
-         " 0, 0, :revision, 0, 0, 0, '')",
+  session << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
+             " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
+             " is_cache_unknown, outcome, outcome_time, outcome_since, refusal, refused_since) VALUES "
+             "(:client, '', 0,"
+             " 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, :revision, 0, 0, 0, 0, '', 0)",
       use(client.id, "client"), use(client.validFrom, "revision");
 }
 
@@ -75,6 +75,33 @@ void removeClient(soci::session& session, std::int64_t id, std::int64_t revision
       use(revision, "revision"), use(id, "id");
   for (const char* const table : {"contacts", "held", "acknowledgements", "uploads"})
     session << "DELETE FROM " << table << " WHERE client = :id", use(id, "id");
+}
+
+std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision) {
+  std::set<std::int64_t> ids;
+  std::int64_t id = 0;
+  forEachRow(
+      session, "SELECT client FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
+      [&] { ids.insert(id); }, into(id), use(revision, "revision"), use(revision, "at"));
+  return ids;
+}
+
+bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision) {
+  std::int64_t found = 0;
+  session << "SELECT COUNT(*) FROM withdrawals WHERE client = :client AND valid_from <= :revision AND"
+             " valid_to > :at",
+      use(id, "client"), use(revision, "revision"), use(revision, "at"), into(found);
+  return found != 0;
+}
+
+void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision) {
+  session << "INSERT INTO withdrawals (client, valid_from, valid_to) VALUES (:client, :revision, :open)",
+      use(id, "client"), use(revision, "revision"), use(kOpen, "open");
+}
+
+void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision) {
+  session << "UPDATE withdrawals SET valid_to = :revision WHERE client = :client AND valid_to = :open",
+      use(revision, "revision"), use(id, "client"), use(kOpen, "open");
 }
 
 std::string protectedKeyOf(soci::session& session, std::int64_t id) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,9 @@ struct Contact {
   bool isCacheUnknown = false;
   std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
   std::int64_t outcomeTime = 0;
-  std::string refusal;  // why it was handed nothing the last time; empty: it was
+  std::int64_t outcomeSince = 0;  // when acknowledgements began to say the same as that one
+  std::string refusal;            // why it was handed nothing the last time; empty: it was
+  std::int64_t refusedSince = 0;  // when that began
 };
 
 std::optional<Client> findClient(soci::session& session, const std::string& name);
@@ -49,6 +52,13 @@ void addClient(soci::session& session, const Client& client, const std::string& 
 // Its name is free and its key gone from the revision on; its id is not given again.
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
 
+// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is taken
+// back.
+std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision);
+bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision);
+void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
+void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
+
 // A client's session key, as the text that protects it.
 std::string protectedKeyOf(soci::session& session, std::int64_t id);
 void setProtectedKey(soci::session& session, std::int64_t id, const std::string& protectedKey);
@@ -59,5 +69,6 @@ std::vector<Contact> allContacts(soci::session& session);
 void setAddress(soci::session& session, std::int64_t id, const std::string& address, std::int64_t now);
 // That the client's scopes are others from the revision on.
 void touchClient(soci::session& session, std::int64_t id, std::int64_t revision);
-// What it may hold is not known any more: all that it was ever handed counts as held again.
+// What it may hold is not known any more: all that it was ever handed counts as held again, and what it has
+// acknowledged proves nothing of what comes.
 void doubtCache(soci::session& session, std::int64_t id);

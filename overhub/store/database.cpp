@@ -3,12 +3,15 @@
 #include <soci/soci.h>
 
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 
 namespace {
 
 // More than that wait for each other: a server has a thread a session, and an engine fewer connections.
 constexpr std::size_t kMaxSessions = 16;
+// As long as a COMMIT may wait for a standby that is away before others are told that the store is at fault.
+constexpr std::chrono::seconds kSessionPatience{30};
 
 // How often work is begun again, and how long it is waited in between: a quarter of a second, twice that, and
 // so on. In all about half a minute, which a standby takes at most to become the primary.
@@ -41,7 +44,9 @@ Database::~Database() = default;
 std::unique_ptr<soci::session> Database::take() const {
   {
     std::unique_lock lock(mutex_);
-    given_.wait(lock, [this] { return inUse_ < kMaxSessions; });
+    if (!given_.wait_for(lock, kSessionPatience, [this] { return inUse_ < kMaxSessions; }))
+      throw std::runtime_error("all its sessions have been busy for " + std::to_string(kSessionPatience.count()) +
+                               " s");
     ++inUse_;
     if (!idle_.empty()) {
       auto session = std::move(idle_.back());

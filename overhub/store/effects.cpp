@@ -1,52 +1,12 @@
 #include "overhub/store/effects.h"
 
 #include <algorithm>
-#include <unordered_map>
 
 #include "common/machine_identity.h"
 #include "overhub/store/machine_batch.h"
-#include "overhub/store/scope.h"
+#include "overhub/store/scope_finder.h"
 
 namespace {
-
-// The scopes of any machine, found fast: names are looked up, and only patterns are tried.
-class ScopeFinder {
- public:
-  explicit ScopeFinder(const Fleet& fleet) {
-    for (const Group& group : fleet.groups) numbers_[group.name] = group.number;
-    for (const Member& member : fleet.members) {
-      if (isPattern(member.pattern)) {
-        patterns_.push_back(member);
-      } else {
-        byName_[member.pattern].push_back(member.group);
-      }
-    }
-  }
-
-  // The farthest first.
-  std::vector<std::string> scopesOf(const Client& client) const {
-    std::vector<std::pair<std::int64_t, std::string>> groups;
-    const auto add = [&](const std::string& name) {
-      const auto number = numbers_.find(name);
-      if (number != numbers_.end()) groups.emplace_back(number->second, name);
-    };
-    if (const auto named = byName_.find(client.name); named != byName_.end())
-      for (const std::string& group : named->second) add(group);
-    for (const Member& member : patterns_)
-      if (isMeantBy(member.pattern, client.name)) add(member.group);
-    std::sort(groups.begin(), groups.end());
-    groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
-    std::vector<std::string> scopes{kAllScope};
-    for (const auto& group : groups) scopes.push_back(groupScope(group.second));
-    scopes.push_back(machineScope(client.id));
-    return scopes;
-  }
-
- private:
-  std::unordered_map<std::string, std::int64_t> numbers_;
-  std::unordered_map<std::string, std::vector<std::string>> byName_;
-  std::vector<Member> patterns_;
-};
 
 EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<std::string>& names,
                          const TouchedSettings& settings) {
@@ -85,14 +45,6 @@ std::map<Identity, Difference> differences(const EffectiveSettings& before, cons
   return found;
 }
 
-std::string shown(const Setting* setting) {
-  if (setting == nullptr) return "(not set)";
-  std::string text = shownValue(*setting);
-  if (setting->isDisabled) text += " (disabled)";
-  if (setting->expires != 0) text += " until " + std::to_string(setting->expires);
-  return text;
-}
-
 // Machines for which a change does the same: what they hear of these values comes from the same scopes.
 struct Kind {
   std::vector<std::string> before;
@@ -118,7 +70,7 @@ std::set<std::string> speakersOf(const TouchedSettings& settings) {
 
 void add(const Identity& identity, const Difference& difference, const std::vector<const Client*>& machines,
          std::map<std::tuple<Identity, std::string, std::string>, std::int64_t>& values, Effects& effects) {
-  values[{identity, shown(difference.before), shown(difference.after)}] +=
+  values[{identity, shownInFull(difference.before), shownInFull(difference.after)}] +=
       static_cast<std::int64_t>(machines.size());
   for (const Setting* const setting : {difference.before, difference.after}) {
     if (setting == nullptr || !isWayBack(*setting)) continue;

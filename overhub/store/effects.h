@@ -8,16 +8,10 @@
 #include <vector>
 
 #include "overhub/store/change.h"
+#include "overhub/store/scope_finder.h"
 
 // What is valid of the values that a change may touch: for each scope and name, what the scope says.
 using TouchedSettings = std::map<std::pair<std::string, std::string>, std::vector<Setting>>;
-
-// Who is in which group.
-struct Fleet {
-  std::vector<Client> clients;
-  std::vector<Group> groups;
-  std::vector<Member> members;
-};
 
 // Compares what machines get before and after, of these names.
 Effects weigh(const std::set<std::string>& names, const TouchedSettings& before, const TouchedSettings& after,

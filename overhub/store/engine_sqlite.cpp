@@ -17,6 +17,7 @@ namespace {
 constexpr int kBusy = 5;
 constexpr int kFull = 13;
 constexpr int kReadOnly = 8;
+constexpr int kInputOutput = 10;
 constexpr int kCorrupt = 11;
 constexpr int kCannotOpen = 14;
 constexpr int kConstraint = 19;
@@ -96,7 +97,8 @@ class Sqlite : public Engine {
       case kBusy:
         return text + "; another overhub has held it for more than " + kWaitSeconds + " s";
       case kFull:
-        return text + "; free space on its disk, nothing was changed";
+      case kInputOutput:
+        return text + "; nothing was changed, see that its disk is sound and has room";
       case kReadOnly:
       case kCannotOpen:
         return text + "; see that this user may write the file and its directory";

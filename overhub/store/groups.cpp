@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "overhub/store/clients.h"
 #include "overhub/store/query.h"
 #include "overhub/store/schema.h"
 #include "overhub/store/scope.h"
@@ -50,6 +51,7 @@ std::vector<Member> membersAt(soci::session& session, std::int64_t revision) {
 
 std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId, const std::string& client,
                                   std::int64_t revision) {
+  if (isWithdrawn(session, clientId, revision)) return {};
   std::vector<Group> groups;
   Group row;
   std::string pattern;

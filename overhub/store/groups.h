@@ -31,7 +31,8 @@ bool isMeantBy(const std::string& pattern, const std::string& client);
 std::vector<Group> groupsAt(soci::session& session, std::int64_t revision);
 std::vector<Member> membersAt(soci::session& session, std::int64_t revision);
 
-// A machine's scopes at a revision, the farthest first: all, its groups by their numbers, its own.
+// A machine's scopes at a revision, the farthest first: all, its groups by their numbers, its own. None when
+// everything is withdrawn from it.
 std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId, const std::string& client,
                                   std::int64_t revision);
 

@@ -93,7 +93,7 @@ CWmError makeBatch(soci::session& session, const Client& client, const Contact& 
   MachineState state;
   CWmError error = machineState(session, client.id, client.name, now, state);
   if (error.IsError()) return error;
-  out.revision = newestRevision(session);
+  out.revision = state.revision;
   out.refusal = expiryConflict(state.settings);
   const std::int64_t atLeast =
       contact.isCacheUnknown ? std::max(contact.mostRecords, kUnknownCacheRecords) : 0;
@@ -106,23 +106,27 @@ CWmError makeBatch(soci::session& session, const Client& client, const Contact& 
   return {};
 }
 
-void noteRefusal(soci::session& session, std::int64_t client, const std::string& refusal) {
-  session << "UPDATE contacts SET refusal = :refusal WHERE client = :client", use(refusal, "refusal"),
-      use(client, "client");
+void noteRefusal(soci::session& session, std::int64_t client, const std::string& refusal, std::int64_t now) {
+  session << "UPDATE contacts SET refused_since = CASE WHEN refusal = '' THEN :now ELSE refused_since END,"
+             " refusal = :refusal WHERE client = :client",
+      use(now, "now"), use(refusal, "refusal"), use(client, "client");
 }
 
-// Makes the next hand-out of a client that was found, whose row is taken by the first statement: of two
-// servers that one client asks at once, one waits.
-CWmError makeHandOut(const Database& database, soci::session& session, const Client& client, HandOut& out) {
-  const std::int64_t now = database.now(session);
+// That the client came, whatever it gets. It takes the client's row: of two servers that one client asks at
+// once, one waits.
+void noteSeen(soci::session& session, const Client& client, std::int64_t now) {
   session << "UPDATE contacts SET last_seen = :now, first_seen = CASE WHEN first_seen = 0 THEN :first ELSE"
              " first_seen END WHERE client = :client",
       use(now, "now"), use(now, "first"), use(client.id, "client");
+}
+
+// Makes the next hand-out of a client that was found, and whose row is taken.
+CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t now, HandOut& out) {
   Contact contact = contactOf(session, client.id);
   CWmError error = makeBatch(session, client, contact, now, out);
   if (error.IsError()) return error;
   if (!out.refusal.empty()) {
-    noteRefusal(session, client.id, out.refusal);
+    noteRefusal(session, client.id, out.refusal, now);
     return {};
   }
   out.number = ++contact.handed;
@@ -141,7 +145,9 @@ CWmError makeHandOut(const Database& database, soci::session& session, const Cli
 
 CWmError machineState(soci::session& session, std::int64_t clientId, const std::string& client,
                       std::int64_t now, MachineState& state) {
+  // Once: a newer one may come while this goes on, and the batch has to be that of the revision it is noted with.
   const std::int64_t revision = newestRevision(session);
+  state.revision = revision;
   const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, revision);
   std::vector<std::vector<Setting>> scopes;
   for (const std::string& scope : scopesNow) scopes.push_back(settingsOf(session, scope, revision));
@@ -156,13 +162,15 @@ CWmError handOut(const Store& store, const std::string& name, std::int64_t claim
     out = HandOut();
     const auto client = findClient(session, name);
     if (!client) return unknownClient(name);
+    const std::int64_t now = database.now(session);
+    noteSeen(session, *client, now);
     if (client->id != claimedId) {
       out.refusal = "unknown client id " + std::to_string(claimedId) + ": " + name + " is client " +
                     std::to_string(client->id);
-      noteRefusal(session, client->id, out.refusal);
+      noteRefusal(session, client->id, out.refusal, now);
       return {};
     }
-    return makeHandOut(database, session, *client, out);
+    return makeHandOut(session, *client, now, out);
   });
 }
 
@@ -228,9 +236,10 @@ CWmError acknowledge(const Store& store, const std::string& name, std::int64_t n
     const auto client = findClient(session, name);
     if (!client) return unknownClient(name);
     const std::int64_t now = database.now(session);
-    session << "UPDATE contacts SET outcome = :outcome, outcome_time = :time, last_seen = :seen"
-               " WHERE client = :client",
-        use(taskStatus, "outcome"), use(now, "time"), use(now, "seen"), use(client->id, "client");
+    session << "UPDATE contacts SET outcome_since = CASE WHEN outcome = :same THEN outcome_since ELSE :since"
+               " END, outcome = :outcome, outcome_time = :time, last_seen = :seen WHERE client = :client",
+        use(taskStatus, "same"), use(now, "since"), use(taskStatus, "outcome"), use(now, "time"),
+        use(now, "seen"), use(client->id, "client");
     addAcknowledgement(session, client->id, {now, client->name, namedId, taskStatus});
     const Contact contact = contactOf(session, client->id);
     if (number == 0 || contact.proving != number) return {};

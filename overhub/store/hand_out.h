@@ -47,6 +47,7 @@ CWmError acknowledge(const Store& store, const std::string& client, std::int64_t
 
 // What counts for a client now, and what it may hold beside it.
 struct MachineState {
+  std::int64_t revision = 0;
   EffectiveSettings settings;
   HeldSettings held;
 };

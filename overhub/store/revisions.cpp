@@ -42,3 +42,7 @@ std::optional<Revision> findRevision(soci::session& session, std::int64_t number
 std::vector<Revision> allRevisions(soci::session& session) {
   return select(session, "ORDER BY number");
 }
+
+std::vector<Revision> newestRevisions(soci::session& session, std::int64_t count) {
+  return select(session, "ORDER BY number DESC LIMIT :count", use(count, "count"));
+}

@@ -22,3 +22,5 @@ void writeRevision(soci::session& session, const Revision& revision, const std::
 std::optional<Revision> findRevision(soci::session& session, std::int64_t number);
 // Ascending by number.
 std::vector<Revision> allRevisions(soci::session& session);
+// The newest so many, the newest first.
+std::vector<Revision> newestRevisions(soci::session& session, std::int64_t count);

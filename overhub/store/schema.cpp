@@ -30,8 +30,9 @@ constexpr const char* kTables[] = {
     "CREATE INDEX settings_by_name ON settings (name, valid_to)",
     "CREATE INDEX settings_by_start ON settings (valid_from)",
     "CREATE INDEX settings_by_end ON settings (valid_to)",
-    // The newest revision that changed something in a scope.
-    "CREATE TABLE scopes (scope TEXT NOT NULL PRIMARY KEY, touched BIGINT NOT NULL)",
+    // The newest revision that changed something in a scope, and the newest that changed what it says: who
+    // joins a group is no news to those that are in it.
+    "CREATE TABLE scopes (scope TEXT NOT NULL PRIMARY KEY, touched BIGINT NOT NULL, said BIGINT NOT NULL)",
 
     "CREATE TABLE machine_groups (name TEXT NOT NULL, number BIGINT NOT NULL, valid_from BIGINT NOT NULL,"
     " valid_to BIGINT NOT NULL, PRIMARY KEY (name, valid_from))",
@@ -47,6 +48,8 @@ constexpr const char* kTables[] = {
     "CREATE TABLE clients (id BIGINT NOT NULL PRIMARY KEY, name TEXT NOT NULL, session_key TEXT NOT NULL,"
     " host TEXT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL)",
     "CREATE UNIQUE INDEX clients_by_name ON clients (name, valid_to)",
+    "CREATE TABLE withdrawals (client BIGINT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL,"
+    " PRIMARY KEY (client, valid_from))",
     // What changes with every pass of a client stands apart from what people change. hand_out.h explains it.
     "CREATE TABLE contacts (client BIGINT NOT NULL PRIMARY KEY, address TEXT NOT NULL,"
     " first_seen BIGINT NOT NULL, last_seen BIGINT NOT NULL, handed BIGINT NOT NULL,"
@@ -54,7 +57,7 @@ constexpr const char* kTables[] = {
     " most_records BIGINT NOT NULL, proving BIGINT NOT NULL, proven BIGINT NOT NULL,"
     " proven_revision BIGINT NOT NULL, base BIGINT NOT NULL, touched BIGINT NOT NULL,"
     " is_cache_unknown INTEGER NOT NULL, outcome BIGINT NOT NULL, outcome_time BIGINT NOT NULL,"
-    " refusal TEXT NOT NULL)",
+    " outcome_since BIGINT NOT NULL, refusal TEXT NOT NULL, refused_since BIGINT NOT NULL)",
     "CREATE TABLE held (client BIGINT NOT NULL, revision BIGINT NOT NULL, first_number BIGINT NOT NULL,"
     " last_number BIGINT NOT NULL, time BIGINT NOT NULL, PRIMARY KEY (client, revision))",
 

@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 
+#include "lqregistry/UtcText.h"
 #include "overhub/store/setting_place.h"
 #include "records/expiry.h"
 #include "records/record_rules.h"
@@ -97,7 +98,16 @@ OBGui::RegistryKeyInfo expiryRecordOf(const Setting& setting, bool isRemoval) {
 std::string shownValue(const Setting& setting) {
   if (setting.isRemoval) return "(removed)";
   if (setting.identity.isKey) return "(sub-key)";
-  return setting.isSecret() ? kHiddenSecret : setting.value;
+  const bool isHidden = setting.isSecret() || isSecretValue(setting.identity.name, setting.value);
+  return isHidden ? kHiddenSecret : setting.value;
+}
+
+std::string shownInFull(const Setting* setting) {
+  if (setting == nullptr) return "(not set)";
+  std::string text = shownValue(*setting);
+  if (setting->isDisabled) text += " (disabled)";
+  if (setting->expires != 0) text += " until " + lqtext::utcText(setting->expires);
+  return text;
 }
 
 std::string shownFlags(const Setting& setting) {

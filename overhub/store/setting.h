@@ -62,5 +62,7 @@ std::string valueOfExpiry(const std::string& name);
 
 // What a person sees of it: its value, or what stands for one.
 std::string shownValue(const Setting& setting);
+// The same with what else counts of it, and "(not set)" for nothing.
+std::string shownInFull(const Setting* setting);
 // The flags that go with it, such as "delete"; empty when there are none.
 std::string shownFlags(const Setting& setting);

@@ -50,12 +50,12 @@ std::vector<Setting> allSettings(soci::session& session) {
   return select(session, "valid_to = :open", soci::use(kOpen, "open"));
 }
 
-std::vector<Setting> settingsBegunBy(soci::session& session, std::int64_t revision) {
-  return select(session, "valid_from = :revision", soci::use(revision, "revision"));
-}
-
-std::vector<Setting> settingsEndedBy(soci::session& session, std::int64_t revision) {
-  return select(session, "valid_to = :revision", soci::use(revision, "revision"));
+std::vector<Setting> settingsTouched(soci::session& session, std::int64_t from, std::int64_t to) {
+  using soci::use;
+  return select(session,
+                "(valid_from > :begun_from AND valid_from <= :begun_to) OR (valid_to > :ended_from AND valid_to <="
+                " :ended_to)",
+                use(from, "begun_from"), use(to, "begun_to"), use(from, "ended_from"), use(to, "ended_to"));
 }
 
 void endSetting(soci::session& session, const std::string& scope, const Identity& identity,

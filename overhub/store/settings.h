@@ -22,9 +22,8 @@ std::vector<Setting> settingsNamed(soci::session& session, const std::string& na
 // What is valid now, in all scopes.
 std::vector<Setting> allSettings(soci::session& session);
 
-// What a revision brought, and what it ended; one that it replaced is in both.
-std::vector<Setting> settingsBegunBy(soci::session& session, std::int64_t revision);
-std::vector<Setting> settingsEndedBy(soci::session& session, std::int64_t revision);
+// What a revision after `from`, up to `to`, brought or ended.
+std::vector<Setting> settingsTouched(soci::session& session, std::int64_t from, std::int64_t to);
 
 // Ends what the scope says of this identity from the revision on.
 void endSetting(soci::session& session, const std::string& scope, const Identity& identity,

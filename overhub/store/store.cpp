@@ -5,6 +5,7 @@
 #include "lqregistry/FXFile.h"
 #include "lqregistry/OBGui.h"
 #include "lqregistry/pstring.h"
+#include "overhub/store/copy.h"
 #include "overhub/store/file_access.h"
 #include "overhub/store/query.h"
 #include "overhub/store/schema.h"

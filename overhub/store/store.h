@@ -40,6 +40,8 @@ class Store {
   const std::string& place() const { return database_.engine().place(); }
   std::string joinFile(const std::string& client) const;
   std::string keyFile() const;
+  // What a person should know of the store that was opened; mostly nothing.
+  const std::string& notice() const { return notice_; }
 
  private:
   CWmError readFacts(std::string& fingerprint, bool& isThere) const;
@@ -47,4 +49,5 @@ class Store {
 
   std::string directory_;
   Database database_;
+  std::string notice_;
 };

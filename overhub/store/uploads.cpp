@@ -13,36 +13,50 @@ using soci::use;
 
 }  // namespace
 
-CWmError addUpload(const Store& store, const std::string& name, const OBGui::RegistryTaskResp& upload) {
-  std::string text;
-  if (upload.serializeForPeople(text) != 0)
-    return {kLqErrFile, "the upload of " + name +
+CWmError describeUpload(const Store& store, const OBGui::RegistryTaskResp& message, Upload& upload,
+                        std::string& text) {
+  if (message.serializeForPeople(text) != 0)
+    return {kLqErrFile, "the upload of " + upload.client +
                             " is not stored, since its secrets cannot be protected with " + store.keyFile()};
   // What is no text in it stands escaped, so that every engine takes it.
-  const auto bytes = static_cast<std::int64_t>(text.size());
-  const auto keys = static_cast<std::int64_t>(std::count_if(upload.keys->begin(), upload.keys->end(), isKey));
-  const std::int64_t values = static_cast<std::int64_t>(upload.keys->size()) - keys;
+  upload.bytes = static_cast<std::int64_t>(text.size());
+  upload.keys = static_cast<std::int64_t>(std::count_if(message.keys->begin(), message.keys->end(), isKey));
+  upload.values = static_cast<std::int64_t>(message.keys->size()) - upload.keys;
+  return {};
+}
+
+void keepUpload(soci::session& session, std::int64_t clientId, const Upload& upload,
+                const std::string& text) {
+  std::int64_t number = 0;
+  session << "SELECT COALESCE(MAX(number), 0) + 1 FROM uploads WHERE client = :client",
+      use(clientId, "client"), into(number);
+  session << "INSERT INTO uploads (client, number, time, key_count, value_count, bytes, text) VALUES"
+             " (:client, :number, :time, :keys, :values, :bytes, :text)",
+      use(clientId, "client"), use(number, "number"), use(upload.time, "time"), use(upload.keys, "keys"),
+      use(upload.values, "values"), use(upload.bytes, "bytes"), use(text, "text");
+  const std::int64_t last = number - 2;
+  session << "DELETE FROM uploads WHERE client = :client AND number <= :last", use(clientId, "client"),
+      use(last, "last");
+}
+
+CWmError addUpload(const Store& store, const std::string& name, const OBGui::RegistryTaskResp& message) {
+  Upload upload;
+  upload.client = name;
+  std::string text;
+  const CWmError error = describeUpload(store, message, upload, text);
+  if (error.IsError()) return error;
   const Database& database = store.database();
   return database.write([&](soci::session& session) -> CWmError {
     const auto client = findClient(session, name);
     if (!client) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
-    if (upload.client->clientId.get() != static_cast<std::int32_t>(client->id)) {
-      return {kLqErrRequestRefused, "unknown client id " + std::to_string(upload.client->clientId.get()) +
+    if (message.client->clientId.get() != static_cast<std::int32_t>(client->id)) {
+      return {kLqErrRequestRefused, "unknown client id " + std::to_string(message.client->clientId.get()) +
                                         ": " + name + " is client " + std::to_string(client->id)};
     }
-    const std::int64_t now = database.now(session);
-    session << "UPDATE contacts SET last_seen = :now WHERE client = :client", use(now, "now"),
+    upload.time = database.now(session);
+    session << "UPDATE contacts SET last_seen = :now WHERE client = :client", use(upload.time, "now"),
         use(client->id, "client");
-    std::int64_t number = 0;
-    session << "SELECT COALESCE(MAX(number), 0) + 1 FROM uploads WHERE client = :client",
-        use(client->id, "client"), into(number);
-    session << "INSERT INTO uploads (client, number, time, key_count, value_count, bytes, text) VALUES"
-               " (:client, :number, :time, :keys, :values, :bytes, :text)",
-        use(client->id, "client"), use(number, "number"), use(now, "time"), use(keys, "keys"),
-        use(values, "values"), use(bytes, "bytes"), use(text, "text");
-    const std::int64_t last = number - 2;
-    session << "DELETE FROM uploads WHERE client = :client AND number <= :last", use(client->id, "client"),
-        use(last, "last");
+    keepUpload(session, client->id, upload, text);
     return {};
   });
 }

@@ -23,6 +23,14 @@ struct Upload {
 // which says why, is an error with kLqErrRequestRefused; any other is the store's.
 CWmError addUpload(const Store& store, const std::string& client, const OBGui::RegistryTaskResp& upload);
 
+// How an upload is kept: its numbers, and its text, in which secrets are protected. An error when they cannot
+// be.
+CWmError describeUpload(const Store& store, const OBGui::RegistryTaskResp& message, Upload& upload,
+                        std::string& text);
+
+// Keeps it, and the one before it. Within a unit of work.
+void keepUpload(soci::session& session, std::int64_t clientId, const Upload& upload, const std::string& text);
+
 // The newest of each client.
 CWmError listUploads(const Store& store, std::vector<Upload>& uploads);
 

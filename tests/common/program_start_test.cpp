@@ -93,11 +93,13 @@ TEST_F(ProgramStart, AFileThatMayGrowNoFurtherIsAnErrorThatIsTold) {
   const std::pair<std::vector<std::string>, const char*> commands[] = {
       {onClient({"set", "--instance", "I1", "A", "name", "data"}, "lqreg"), "disk I/O error (file \""},
       {onClient({"join", joinFile_, "--home", home_}), "lqhost: disk I/O error (file \""},
-      {{programPath("overhub"), "--data", data_, "set", "web-1", "p", "n", std::string(2000, 'v')}, "large"}};
+      {{programPath("overhub"), "--data", data_, "set", "web-1", "p", "n", "v"},
+       "overhub.db: disk I/O error; nothing was changed, see that its disk is sound and has room"}};
   for (auto [command, reason] : commands) {
     command.insert(command.begin(), {"sh", "-c", "ulimit -f 1; exec \"$0\" \"$@\""});
     expectErr(runProgram(command), 3, {reason});
   }
+  EXPECT_TRUE(batchOf("web-1").keys->empty());
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   ASSERT_TRUE(host->waitForOutput(kPassDone)) << host->output();
   EXPECT_EQ(valueOf("Machine/Settings", "nTraceLevel"), "5");
   EXPECT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << "the module's callback";
-  EXPECT_TRUE(contains(overhub({"acks", "web-1"}).out, "id=42 taskStatus=3"));
+  expectOut(overhub({"acks", "web-1"}), 0, {"web-1   42       3  applied\n"});
 
   expectErr(lqhost({"run", "--listen", uniqueLoopbackAddress()}), 1,
             {"instance Instance001 has a resident host already"});
@@ -40,8 +40,10 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   };
   expectOut(push(record("Pushed", "sVALUE", "at once")), 0, {"applied\n"});
   EXPECT_EQ(valueOf("Pushed", "sVALUE"), "at once");
-  // A key that may not be created remotely.
-  EXPECT_EQ(push(record("Clients", "Other", "", "KEY")).out, "failed\n");
+  // A key that may not be created remotely; of a file, such as an upload, no key is taken.
+  expectOut(push(record("Clients", "Other", "", "KEY")), 0, {"nothing to change", "applied\n"});
+  expectOk({"set", "web-1", "Clients", "Other", "--type", "KEY", "--force"});
+  EXPECT_EQ(ask({"push", "web-1"}).out, "failed\n");
 
   const auto fetched = ask({"fetch", "web-1", "~/Pushed", "sNONE", "sVALUE"});
   expectOut(fetched, 1, {"sNONE   not there, or 1,024 bytes or more\nsVALUE  at once"});

@@ -1,4 +1,4 @@
-// The commands that maintain the data directory, as a person or a script runs them.
+// The commands that maintain the store, as a person or a script runs them.
 #include <algorithm>
 #include <climits>
 #include <ctime>
@@ -33,10 +33,9 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
             "server-host=\"mgmt.example\"\nserver-name=\"hub\"\nclient-name=\"web-1\"\nclient-id=3\n"
             "session-key=\"" +
                 key + "\"\n");
-  for (const char* const directory : {"/..", "", "/clients", "/keys", "/acks", "/join"})
+  for (const char* const directory : {"/..", "", "/join"})
     EXPECT_EQ(modeOf(data_ + directory), 0700U) << directory;
-  for (const std::string& file :
-       {data_ + "/keys/web-1.key", data_ + "/change.lock", batchFile("web-1"), joinFile})
+  for (const std::string& file : {storeFile(), data_ + "/secret.key", joinFile})
     EXPECT_EQ(modeOf(file), 0600U) << file;
 
   // A new key for the same client: what it was and what it gets stay.
@@ -50,12 +49,14 @@ TEST_F(OverhubCommandsTest, AddClientGivesIdKeyAndPrivateJoinFile) {
   expectOk({"add-client", "a", "--id", "9223372036854775806"});
   expectOk({"add-client", "b"});
   EXPECT_NE(keyOf("a"), keyOf("b"));
-  expectOut(overhub({"clients"}), 0, {"b      9223372036854775807  0        never"});
-  EXPECT_EQ(overhub({"add-client", "c"}).exitCode, 1) << "there is no higher id";
+  expectOut(overhub({"clients"}), 0,
+            {"b      9223372036854775807                 0  never      never                 never\n"});
+  expectErr(overhub({"add-client", "c"}), 1, {"the highest id", "--id"});
   expectOk({"add-client", "c", "--id", "5"});
   std::string here(HOST_NAME_MAX + 1, '\0');
   ASSERT_EQ(gethostname(here.data(), here.size()), 0);
-  EXPECT_TRUE(contains(fileText("join/c.join"), std::string("server-host=\"") + here.c_str() + "\"\n"));
+  EXPECT_TRUE(
+      contains(readFile(data_ + "/join/c.join"), std::string("server-host=\"") + here.c_str() + "\"\n"));
 }
 
 // Names become file names, and a second registration would silently replace a client's key.
@@ -78,29 +79,81 @@ TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
   EXPECT_EQ(everythingOnDisk(), before);
 }
 
-// Registration must not depend on the other clients' files, and an id that two clients share mixes them up.
-TEST_F(OverhubCommandsTest, IdsStayUniqueThroughDamageAndRemoval) {
+// An id that two clients had would give one the settings of the other, and what is left of a client that was
+// taken away must not come to the next one of its name.
+TEST_F(OverhubCommandsTest, AnIdIsNeverGivenTwice) {
+  expectOk({"add-group", "web", "1"});
+  expectOk({"set", "@web", "p", "sGROUP", "v"});
   expectOk({"add-client", "a", "--id", "40"});
-  expectOk({"add-client", "b"});
-  writeFile(batchFile("a"), "<broken");
-  expectOk({"add-client", "c"});
-  EXPECT_EQ(fileText("ids/42"), "c\n");
-  // a's file is damaged, its id is not free
-  EXPECT_EQ(overhub({"add-client", "x", "--id", "40"}).exitCode, 1);
+  expectOk({"add-client", "b", "--groups", "web", "--host", "elsewhere"});
+  expectOk({"set", "b", "p", "sOWN", "v"});
+  EXPECT_EQ(batchOf("b").keys->size(), 2U);
+  const std::string key = keyOf("b");
+  expectOk({"remove-client", "b"});
+  expectErr(overhub({"show", "b"}), 1, {"there is no client \"b\""});
 
-  std::filesystem::remove(batchFile("b"));
-  expectOk({"add-client", "d"});
-  EXPECT_EQ(fileText("ids/43"), "d\n");
-  expectOk({"add-client", "b", "--id", "7"});
-  expectOk({"add-client", "e", "--id", "41"});  // once b's
+  expectErr(overhub({"add-client", "x", "--id", "41"}), 1, {"41 has been given"});
+  expectOut(overhub({"add-client", "b"}), 0, {"client b has the id 42;"});
+  EXPECT_TRUE(batchOf("b").keys->empty());
+  EXPECT_NE(keyOf("b"), key);
+  EXPECT_FALSE(contains(outOf(overhub({"clients"})), "elsewhere"));
+  expectOk({"add-client", "c", "--id", "7"});
+  expectOut(overhub({"add-client", "d"}), 0, {"the id 43;"});
+  expectOk({"remove-client", "d"});
+  expectOut(overhub({"add-client", "d"}), 0, {"the id 44;"});
+}
 
-  // A directory with a broken list of ids: what can be read counts, and what cannot is named.
-  std::filesystem::remove_all(data_ + "/ids");
-  std::filesystem::create_directory(data_ + "/ids");
-  writeFile(data_ + "/ids/highest", "many");
-  expectErr(overhub({"add-client", "f"}), 0, {batchFile("a")});
-  expectErr(overhub({"renew-client", "a"}), 3, {batchFile("a")});
-  EXPECT_EQ(fileText("ids/7") + fileText("ids/41") + fileText("ids/44"), "b\ne\nf\n");
+// Whatever is wrong with a store, all commands say what it is and how to mend it, and leave it as it is.
+TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
+  const std::string key = data_ + "/secret.key";
+  ASSERT_EQ(runProgram({programPath("overhub"), "--data", dir_ / "other", "add-client", "pc1"}).exitCode, 0);
+  const auto sql = [this](const char* statement) { return [this, statement] { meddle(statement); }; };
+  const std::tuple<const char*, std::function<void()>, std::vector<std::string>> faults[] = {
+      {"no database", [&] { writeFile(storeFile(), std::string(5000, '#')); },
+       {storeFile(), "not a database", "no store of overhub's"}},
+      {"damaged", [&] { std::filesystem::resize_file(storeFile(), 8192); }, {storeFile(), "put a backup"}},
+      {"a directory",
+       [&] {
+         std::filesystem::remove(storeFile());
+         std::filesystem::create_directory(storeFile());
+       },
+       {storeFile()}},
+      {"of a newer version", sql("UPDATE counters SET value = 999 WHERE name = 'schema'"),
+       {storeFile(), "version 999", "use the overhub that wrote it, or a newer one"}},
+      {"another program's", sql("DELETE FROM counters WHERE name = 'schema'"),
+       {storeFile(), "not overhub's; name an empty database"}},
+      {"another store's key",
+       [&] {
+         std::filesystem::copy_file(dir_ / "other/secret.key", key,
+                                    std::filesystem::copy_options::overwrite_existing);
+       },
+       {key + " is not the key of the store " + storeFile(), "copy the secret.key"}},
+      {"no key", [&] { std::filesystem::remove(key); }, {key + ": the protection key is missing", "backup"}},
+      {"an open key", [&] { ASSERT_EQ(chmod(key.c_str(), 0644), 0); }, {"chmod 600 " + key}},
+      {"an open directory", [&] { ASSERT_EQ(chmod(data_.c_str(), 0777), 0); }, {"chmod go-w " + data_}},
+  };
+  for (const auto& [what, doHarm, reasons] : faults) {
+    SCOPED_TRACE(what);
+    expectOk({"add-client", "web-1"});
+    doHarm();
+    const std::string before = everythingOnDisk();
+    const std::vector<std::string> commands[] = {{"show", "web-1"},
+                                                 {"set", "web-1", "p", "n", "v"},
+                                                 {"add-client", "web-2"},
+                                                 {"serve", "--listen", address_}};
+    for (const auto& command : commands) expectErr(overhub(command), 3, reasons);
+    EXPECT_EQ(everythingOnDisk(), before);
+    std::filesystem::remove_all(data_);
+  }
+
+  // One that can be read is read.
+  expectOk({"add-client", "web-1"});
+  std::string readOnly = readFile(storeFile());
+  readOnly[18] = 3;  // as a future format says that this program may not write it
+  writeFile(storeFile(), readOnly);
+  expectOk({"show", "web-1"});
+  expectErr(overhub({"set", "web-1", "p", "n", "v"}), 3, {storeFile(), "readonly", "may write the file"});
+  EXPECT_TRUE(batchOf("web-1").keys->empty());
 }
 
 // What the words of the command line make of a record, and how that is shown.
@@ -110,15 +163,17 @@ TEST_F(OverhubCommandsTest, WhatIsSetIsShownUntilItIsTakenOut) {
   expectOk({"set", "web-1", "~/Other", "nMAX", "-1"});
   expectOk({"set", "web-1", "~", "Local", "--type", "KEY"});
   expectOk({"set", "web-1", "~/Gone", "x", "--delete"});
-  EXPECT_EQ(outOf(overhub({"show", "web-1"})), R"(PATH      NAME        TYPE    VALUE       FLAGS
-~/Limits  nMAX        STRING  21          disabled
-~/Limits  nMAX_UNTIL  STRING  2000000000
-~/Other   nMAX        STRING  -1
-~         Local       KEY
-~/Gone    x           STRING              delete
+  EXPECT_EQ(outOf(overhub({"show", "web-1"})),
+            R"(PATH      NAME   TYPE    VALUE  UNTIL                 FLAGS     SCOPE  REVISION
+~         Local  KEY                                            web-1         4
+~/Gone    x      STRING                               delete    web-1         5
+~/Limits  nMAX   STRING  21     2033-05-18T03:33:20Z  disabled  web-1         2
+~/Other   nMAX   STRING  -1                                     web-1         3
 )");
   for (const int exitCode : {0, 1})
     EXPECT_EQ(overhub({"unset", "web-1", "~/Limits", "nMAX"}).exitCode, exitCode);
+  expectErr(overhub({"unset", "web-1", "~/Limits", "x"}), 1, {"nothing is set for web-1 as \"x\""});
+  EXPECT_EQ(batchOf("web-1").keys->size(), 3U);
 }
 
 // A value that takes away a machine's way to the server is applied, acknowledged or not, and never comes
@@ -142,6 +197,7 @@ TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
               0);
   }
   EXPECT_EQ(batchOf("web-1").keys->size(), std::size(wayBack));
+  expectErr(overhub({"unset", "web-1", "~/EventManager", "bEnableRegistrySync"}), 1, {"--force"});
   expectOk({"set", "web-1", "EventManager", "nTimer", "5"});
   expectOk({"set", "web-1", "Overhubs", "sOHHOSTNAME", "another key"});
 }
@@ -176,37 +232,27 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
   EXPECT_TRUE(contains(shown, "~/Proxy  sPW   ENCRYPTED  ********")) << shown;
   EXPECT_FALSE(contains(everythingOnDisk() + shown + set.out + set.err, "sesame"));
 
-  pstring::UseKeyFile(data_ + "/secret.key");
   const auto batch = batchOf("web-1");
   EXPECT_EQ(batch.keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>");
   EXPECT_EQ(batch.keys.get()[0].value.get(), "********") << "clients write nothing for an empty value";
-
-  // The key is made with the directory only: another one would hide that this one was lost.
-  const std::string key = data_ + "/secret.key";
-  std::filesystem::rename(key, dir_ / "away");
-  expectErr(shell("echo new | \"$OVERHUB\" set web-1 '~/Proxy' sOTHER --secret"), 3,
-            {key + ": the protection key is missing"});
-  expectOk({"add-client", "web-2"});
-  expectOk({"set", "web-1", "p", "n", "v"});
-  EXPECT_FALSE(std::filesystem::exists(key));
-  std::filesystem::rename(dir_ / "away", key);
-  pstring::UseKeyFile(key);
-  EXPECT_EQ(batchOf("web-1").keys.get()[0].encryptedValue->reveal(), "op3n\\sesame <&>");  // as it was
 
   EXPECT_EQ(shell("\"$OVERHUB\" set web-1 p n --secret < /dev/null").exitCode, 2);
   EXPECT_EQ(shell("echo x | \"$OVERHUB\" set web-1 p n value --secret").exitCode, 2);
 }
 
 // Scripts set values for many records at once.
-TEST_F(OverhubCommandsTest, ParallelSetsLoseNothing) {
-  expectOk({"add-client", "web-1"});
+TEST_F(OverhubCommandsTest, ParallelChangesLoseNothing) {
+  // Whoever comes first makes the store.
+  const auto made = shell(
+      "for i in 1 2 3 4; do \"$OVERHUB\" add-client web-$i > /dev/null & done; wait");
+  EXPECT_EQ(made.err, "");
   const auto result = shell(
-      "touch \"$OVERHUB_DATA\"/clients/web-1.xml.bak; "  // is no client
       "for i in 1 2 3 4 5 6 7 8 9 10; do "
       "\"$OVERHUB\" set web-1 p n$i $i & \"$OVERHUB\" add-client c$i > /dev/null & done; wait");
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(batchOf("web-1").keys->size(), 10U);
-  EXPECT_EQ(outOf(shell("\"$OVERHUB\" clients | awk 'NR>1{print $2}' | sort -u | wc -l")), "11\n");
+  EXPECT_EQ(outOf(shell("\"$OVERHUB\" clients | awk 'NR>1{print $2}' | sort -u | wc -l")), "14\n");
+  expectOut(overhub({"set", "web-1", "p", "n0", "0"}), 0, {"revision 25: 1 machine "});
 }
 
 // A value from outside must not drive the terminal, and a mistake must name what it is about.
@@ -219,11 +265,12 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   }
 
   expectOk({"add-client", "web-1"});
-  expectOk({"set", "@static", "p", "n\xc3\xa9", "a\nb\x1b[31m\\"});
+  expectOk({"set", "@static", "p", "n\xc3\xa9", "a\nb\\"});
   expectOk({"set", "@static", "p", "nn", "1"});
-  EXPECT_TRUE(contains(overhub({"show", "@static"}).out,
-                       "p     n\xc3\xa9    STRING  a\\nb\\x1b[31m\\\\\n"
-                       "p     nn    STRING  1\n"));
+  meddle("UPDATE settings SET value = '\x1b[31m' WHERE name = 'nn'");
+  expectOut(overhub({"show", "@static"}), 0,
+            {"p     nn    STRING  \\x1b[31m                @static         3\n",
+             "p     n\xc3\xa9    STRING  a\\nb\\\\                   @static         2\n"});
   for (const char* const command : {"show", "acks", "uploads", "renew-client", "push"})
     for (const char* const who : {"web-2", "../static"}) expectErr(overhub({command, who}), 1, {who});
   for (const char* const command : {"unset", "fetch", "call"})
@@ -233,21 +280,14 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
       {{"/home/me/Limits", "n", "v"}, "quote \"~\""},
       {{"--type", "NUMBER", "p", "n", "5"}, "no type word"},
       {{"--", "p", "-n", "v"}, "\"-n\" looks like an option"},
-      {{"p\n", "n", "v"}, "no control characters"}};
+      {{"p\n", "n", "v"}, "without control characters"},
+      {{"p", "n", "\x1b[31m"}, "without control characters"},
+      {{"p", "n_UNTIL", "5"}, "--until"}};
   for (auto [words, reason] : refused) {
     words.insert(words.begin(), {"set", "web-1"});
     expectErr(overhub(words), 2, {reason});
   }
   expectErr(overhub({"set", "web-1", "p", "nMAX", "ten"}), 0, {"\"ten\" is none"});
-
-  writeFile(batchFile("web-1"), "<OBGui.RegistryTaskResp><keys>");
-  expectErr(overhub({"set", "web-1", "p", "n", "v"}), 3, {batchFile("web-1")});
-  EXPECT_EQ(readFile(batchFile("web-1")), "<OBGui.RegistryTaskResp><keys>");
-  const auto listed = overhub({"clients"});
-  expectOut(listed, 3, {"web-1  ?   ?        ?\n"});
-  expectErr(listed, 3, {batchFile("web-1")});
-  expectErr(shell("cd $OVERHUB_DATA; rm change.lock; mkdir change.lock; $OVERHUB set @static p n 1"), 3,
-            {data_ + "/change.lock: Is a directory"});
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// What the server's tests share: a data directory of their own, the commands as a person runs them, the
-// server in the background, and this process as one of its clients.
+// What the server's tests share: a store of their own, the commands as a person runs them, the server in the
+// background, and this process as one of its clients.
 #pragma once
+
+#include <soci/soci.h>
 
 #include <memory>
 
@@ -8,6 +10,10 @@
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/OBGui.h"
+#include "lqregistry/pstring.h"
+#include "overhub/store/clients.h"
+#include "overhub/store/hand_out.h"
+#include "overhub/store/session_keys.h"
 #include "tests/support/expectations.h"
 
 class OverhubTest : public testing::Test {
@@ -30,15 +36,43 @@ class OverhubTest : public testing::Test {
     return runProgram({"sh", "-c", script}, {"OVERHUB=" + programPath("overhub"), "OVERHUB_DATA=" + data_});
   }
   void expectOk(const std::vector<std::string>& arguments) const { outOf(overhub(arguments)); }
-  std::string fileText(const std::string& name) const { return readFile(data_ + "/" + name); }
-  std::string batchFile(const std::string& client) const { return data_ + "/clients/" + client + ".xml"; }
+  std::string storeFile() const { return data_ + "/overhub.db"; }
+
+  // Works on the store in this process, which has its own protection key again afterwards.
+  template <class Work>
+  void onStore(const Work& work) const {
+    Store store({data_, ""});
+    EXPECT_STREQ(store.open().AsString(), "");
+    EXPECT_STREQ(work(store).AsString(), "");
+    pstring::UseKeyFile("");
+  }
+  // Changes the store behind everybody's back.
+  void meddle(const std::string& statement) const {
+    onStore([&](const Store& store) {
+      return store.database().write([&](soci::session& session) -> CWmError {
+        session << statement;
+        return {};
+      });
+    });
+  }
+  // What the client would be handed now.
   OBGui::RegistryTaskResp batchOf(const std::string& client) const {
     OBGui::RegistryTaskResp batch;
-    EXPECT_EQ(batch.unserialize(readFile(batchFile(client))), 0);
+    onStore([&](const Store& store) {
+      return store.database().read([&](soci::session& session) {
+        MachineState state;
+        const CWmError error = machineState(session, findClient(session, client).value_or(Client()).id,
+                                            client, store.database().now(session), state);
+        batch.keys = ::batchOf(state.settings, state.held, 0);
+        return error;
+      });
+    });
     return batch;
   }
   std::string keyOf(const std::string& client) const {
-    return fileText("keys/" + client + ".key").substr(0, 2 * kSessionKeyBytes);
+    std::string key;
+    onStore([&](const Store& store) { return readSessionKey(store, client, key); });
+    return key;
   }
 
   std::unique_ptr<BackgroundProgram> serve() const {

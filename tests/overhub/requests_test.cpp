@@ -50,8 +50,8 @@ class OverhubRequestTest : public OverhubTest {
   }
 };
 
-// The client applies what is pushed: the batch on file with its secrets, or one from a file, both under its
-// own client id.
+// The client applies what is pushed: its batch with the secrets, to which the records of a file are added
+// first, all under its own client id.
 TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   expectOk({"set", "web-1", "~/Limits", "nMAX", "10"});
   ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
@@ -70,13 +70,16 @@ TEST_F(OverhubRequestTest, PushSendsTheBatchAndRecordsTheVerdict) {
   const std::string file = dir_ / "other.xml";
   writeFile(file,
             "<OBGui.RegistryTaskResp taskStatus='2'><client clientId='99'/><keys>"
-            "<OBGui.RegistryKeyInfo valueName='n'/></keys></OBGui.RegistryTaskResp>");
+            "<OBGui.RegistryKeyInfo valueName='n' value='1'/>"
+            "<OBGui.RegistryKeyInfo keyPath='Overhub' valueName='sSESSIONKEY' value='another machine'/>"
+            "</keys></OBGui.RegistryTaskResp>");
   expectOut(push(OBGui::kTaskFailed, {"push", "web-1", file}), 1, {"failed\n"});
-  EXPECT_TRUE(sent.keys->size() == 1U && sent.client->clientId == 7 &&
-              sent.taskStatus == OBGui::kTaskSuccess);
+  EXPECT_TRUE(sent.keys->size() == 3U && sent.keys->at(0).valueName.get() == "n" &&
+              sent.client->clientId == 7 && sent.taskStatus == OBGui::kTaskSuccess);
+  expectOut(overhub({"show", "web-1"}), 0, {"      n     ", "  web-1         4\n"});
   const std::string acks = overhub({"acks", "web-1"}).out;
-  const std::size_t first = acks.find("id=7 taskStatus=3 (applied)");
-  EXPECT_TRUE(first < acks.find("id=7 taskStatus=1 (failed)") && first != std::string::npos) << acks;
+  const std::size_t first = acks.find("web-1    7       3  applied\n");
+  EXPECT_TRUE(first < acks.find("web-1    7       1  failed\n") && first != std::string::npos) << acks;
 
   writeFile(file, "<broken");
   expectErr(atHost({"push", "web-1", file}), 1, {file});
@@ -109,20 +112,19 @@ TEST_F(OverhubRequestTest, FindsTheClient) {
     CLqNetwork network;
     ASSERT_FALSE(attach(network).IsError());
     leave(network);
-    EXPECT_EQ(fileText("addresses/web-1"), "127.0.0.1\n");
+    expectOut(overhub({"clients"}), 0, {"web-1   7  127.0.0.1 "});
   }
   const auto listening = host(verdictOf(OBGui::kTaskSuccess), 8405);
   const std::vector<std::string> push{"push", "web-1", "--port", "8405"};
   const std::string elsewhere = uniqueLoopbackAddress();
-  writeFile(data_ + "/addresses/web-1", address_ + "\n");
+  meddle("UPDATE contacts SET address = '" + address_ + "'");
   EXPECT_EQ(overhub(push).out, "applied\n");
   expectOk({"client-host", "web-1", elsewhere});
   expectErr(overhub(push), 4, {elsewhere, "lqhost run"});
   EXPECT_EQ(atHost(push).out, "applied\n");
   EXPECT_EQ(overhub({"client-host", "web-1", "a*b"}).exitCode, 2);
-  std::filesystem::remove(data_ + "/hosts/web-1");
-  std::filesystem::create_directory(data_ + "/hosts/web-1");
-  expectErr(overhub(push), 3, {"hosts/web-1"});
+  expectOk({"client-host", "web-1", ""});
+  EXPECT_EQ(overhub(push).out, "applied\n");
 }
 
 // Whatever the other end does, the command ends and says what it was.

@@ -34,20 +34,22 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
 
   const auto none = ask(network, OBGui::RegistryStaticKeyReq(), refusal);
   EXPECT_TRUE(refusal.empty() && none.keys->empty() && none.taskStatus == OBGui::kTaskSuccess) << refusal;
-  // Files are read anew each time.
+  // The store is asked anew each time.
   expectOk({"set", "@static", "p", "n", "v"});
   EXPECT_EQ(ask(network, OBGui::RegistryStaticKeyReq(), refusal).keys->size(), 1U);
   expectOk({"unset", "web-1", "~/Proxy", "sPW"});
-  EXPECT_EQ(ask(network, requestOf(7), refusal).keys->size(), 1U);
+  const auto next = ask(network, requestOf(7), refusal);  // never shorter than what the client has
+  EXPECT_TRUE(next.keys->size() == 2 && next.keys->at(0).valueName.get() == "sPW" &&
+              next.keys->at(0).deleteFlag == 1 && next.keys->at(1).value.get() == "10");
 
   send(network, acknowledgement(7, OBGui::kTaskFailed));
   send(network, acknowledgement(7, OBGui::kTaskSuccess));
   leave(network);
   const std::string acks = outOf(overhub({"acks", "web-1"}));
-  const std::size_t failed = acks.find("web-1   id=7 taskStatus=1 (failed)");
-  const std::size_t applied = acks.find("web-1   id=7 taskStatus=3 (applied)");
+  const std::size_t failed = acks.find("web-1    7       1  failed\n");
+  const std::size_t applied = acks.find("web-1    7       3  applied\n");
   EXPECT_TRUE(failed < applied && applied != std::string::npos) << acks;
-  expectOut(overhub({"clients"}), 0, {"id=7 taskStatus=3 (applied)"});
+  expectOut(overhub({"clients"}), 0, {"web-1   7  127.0.0.1        2  just now   applied               just now"});
   EXPECT_EQ(server->stop(), 0);
   EXPECT_TRUE(contains(server->output(), "web-1 on machine1: OBGui.RegistryTaskReq: 2 records"));
   for (const char* const absent : {"sesame", "cut off", "cannot be let in", "client web-1: "})
@@ -56,15 +58,28 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
 
 // Who is not let in, and hears why.
 TEST_F(OverhubServerTest, RefusesStrangersAndUnknownServices) {
-  for (const std::string client : {"web-1", "keyless"}) expectOk({"add-client", client});
-  std::filesystem::remove(data_ + "/keys/keyless.key");
+  for (const std::string client : {"web-1", "keyless", "gone"}) expectOk({"add-client", client});
+  meddle("UPDATE clients SET session_key = 'V8:another key''s' WHERE name = 'keyless'");
   const auto server = serve();
-  for (const std::string name : {"web-1", "keyless", "nobody", "../keys/web-1", "@static"}) {
-    become(name, name == "web-1" ? std::string(64, 'a') : keyOf("web-1"));
+  const std::string goneKey = keyOf("gone");
+  {
+    become("gone");
+    CLqNetwork network;
+    EXPECT_FALSE(attach(network).IsError());
+    expectOk({"remove-client", "gone"});
+    std::string refusal;
+    ask(network, requestOf(5), refusal);
+    EXPECT_TRUE(contains(refusal, "come again later")) << "a session that it still has gets it nothing";
+  }
+  for (const std::string name : {"web-1", "keyless", "gone", "nobody", "../web-1", "@static"}) {
+    become(name, name == "web-1" ? std::string(64, 'a') : name == "gone" ? goneKey : keyOf("web-1"));
     CLqNetwork network;
     EXPECT_EQ(attach(network).GetCode(), kLqErrHandshake) << name;
   }
-  EXPECT_TRUE(contains(server->output(), "client keyless cannot be let in: " + data_)) << server->output();
+  EXPECT_TRUE(contains(server->output(), "client keyless cannot be let in: the session key of keyless was "
+                                         "protected with another key than " +
+                                             data_ + "/secret.key; put the right one back"))
+      << server->output();
   become("web-1");
   CLqNetwork network;
   const CWmError refused = attach(network, kLibrary, "sLPOTHER");
@@ -77,38 +92,43 @@ TEST_F(OverhubServerTest, RefusesStrangersAndUnknownServices) {
 TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
   for (const char* const client : {"web-1", "web-2"}) expectOk({"add-client", client});
   const auto server = serve();
+  ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
   become("web-1");
   CLqNetwork network;
-  for (const char* const noFile : {"/acks/web-1.log", "/addresses/web-1"})
-    ASSERT_TRUE(std::filesystem::create_directories(data_ + noFile));
+  for (const std::string table : {"contacts", "acknowledgements"})
+    meddle("ALTER TABLE " + table + " RENAME TO no_" + table);
   ASSERT_FALSE(attach(network).IsError());
-  EXPECT_TRUE(server->waitForOutput("client web-1: " + data_ + "/addresses/web-1: not a regular file"));
+  EXPECT_TRUE(server->waitForOutput("client web-1: " + storeFile() + ": "));
+  std::string refusal;
+  ask(network, requestOf(3), refusal);
+  EXPECT_TRUE(contains(refusal, "cannot hand out the batch of web-1 now; its log tells why, come again later"));
+  meddle("ALTER TABLE no_contacts RENAME TO contacts");
   const std::pair<std::unique_ptr<CNMessageBase>, const char*> cases[] = {
       // web-2's id, not web-1's: the batch of another client, with its secrets
       {std::make_unique<OBGui::RegistryTaskReq>(requestOf(4)), "unknown client id 4"},
       {std::make_unique<OBGui::RegistryTaskReq>(), "unknown client id 0"},
       {std::make_unique<OBGui::RegistryKeyInfo>(), "OBGui.RegistryKeyInfo is not handled"},
       {std::make_unique<OBGui::RegistryTaskResp>(acknowledgement(3, 5)), "task status 5"},
-      {std::make_unique<OBGui::RegistryTaskResp>(acknowledgement(3, 3)), "its log tells why"},
+      {std::make_unique<OBGui::RegistryTaskResp>(acknowledgement(3, 3)), "cannot record the acknowledgement"},
   };
-  std::string refusal;
   for (const auto& [message, reason] : cases) {
     ask(network, *message, refusal);
     EXPECT_TRUE(contains(refusal, reason)) << refusal;
     EXPECT_TRUE(server->waitForOutput(reason)) << "not in the log";
   }
+  EXPECT_TRUE(server->waitForOutput(storeFile() + ": no such table: acknowledgements")) << server->output();
+  meddle("ALTER TABLE no_acknowledgements RENAME TO acknowledgements");
+  EXPECT_EQ(outOf(overhub({"clients", "web-1"})).find("applied"), std::string::npos) << "half recorded";
 
-  writeFile(batchFile("web-1"),
-            "<OBGui.RegistryTaskResp><client clientId=\"3\"/><keys><OBGui.RegistryKeyInfo "
-            "valueName=\"sPW\" encryptedValue=\"V8:another key's\"/></keys></OBGui.RegistryTaskResp>");
+  meddle("UPDATE settings SET secret = 'V8:another key''s' WHERE name = 'sPW'");
   ask(network, requestOf(3), refusal);
-  EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;
+  EXPECT_TRUE(contains(refusal, "~/Proxy sPW was protected with another key; set it anew")) << refusal;
   EXPECT_TRUE(server->waitForOutput("sPW was protected with another key")) << server->output();
-  writeFile(batchFile("web-1"), "<broken");
-  ask(network, requestOf(3), refusal);
-  EXPECT_TRUE(contains(refusal, "cannot read the batch of web-1")) << refusal;
-  EXPECT_TRUE(server->waitForOutput(batchFile("web-1") + ": broken XML"));
-  EXPECT_EQ(readFile(batchFile("web-1")), "<broken");
+  ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
+  EXPECT_EQ(ask(network, requestOf(3), refusal).keys->size(), 1U) << refusal;
+  send(network, acknowledgement(3, OBGui::kTaskSuccess));
+  leave(network);
+  expectOut(overhub({"clients", "web-1"}), 0, {"applied"});
 }
 
 // One client's session, or strangers' silence and noise, must hold up nobody else.
@@ -141,9 +161,10 @@ TEST_F(OverhubServerTest, ServesManyAtOnceThroughSilenceAndNoise) {
   EXPECT_EQ(server->stop(), 0);
 }
 
-// Two servers on one directory would race for its files.
-TEST_F(OverhubServerTest, IsAloneOnItsData) {
-  const auto refused = [&] { return overhub({"serve", "--listen", uniqueLoopbackAddress()}); };
+// Whichever of them a client asks, and wherever it acknowledges.
+TEST_F(OverhubServerTest, TwoServersOverOneStoreBothAnswer) {
+  expectOk({"add-client", "web-1"});
+  expectOk({"set", "web-1", "p", "n", "v"});
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = 100;
@@ -151,19 +172,39 @@ TEST_F(OverhubServerTest, IsAloneOnItsData) {
   const auto first = serve();
   prlimit(first->process(), RLIMIT_NOFILE, nullptr, &limit);
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max) << "as many clients as the system allows";
-  expectErr(refused(), 1, {data_, "another overhub"});
-  EXPECT_EQ(first->stop(), 0);
-  writeFile(data_ + "/serve.lock", "a long name of whoever had it before");
-  const auto second = serve();  // the lock went with the process
-  expectErr(refused(), 1, {"another overhub (process " + std::to_string(second->process()) + ") serves"});
+  expectErr(overhub({"serve", "--listen", address_}), 1, {"--listen and --ports name other addresses"});
+  std::string otherAddress = std::exchange(address_, uniqueLoopbackAddress());
+  const auto second = serve();
+
+  become("web-1");
+  for (int pass = 0; pass < 2; ++pass) {
+    std::string refusal;
+    CLqNetwork asking;
+    ASSERT_FALSE(attach(asking).IsError());
+    EXPECT_EQ(ask(asking, requestOf(3), refusal).keys->size(), 1U) << refusal;
+    leave(asking);
+    std::swap(address_, otherAddress);
+    CLqNetwork acknowledging;
+    ASSERT_FALSE(attach(acknowledging).IsError());
+    send(acknowledging, acknowledgement(3, OBGui::kTaskSuccess));
+    leave(acknowledging);
+  }
+  onStore([](const Store& store) {
+    return store.database().read([](soci::session& session) -> CWmError {
+      EXPECT_EQ(contactOf(session, 3).proven, 2);
+      return {};
+    });
+  });
 }
 
 TEST_F(OverhubServerTest, AClientThatNeverLeavesDoesNotKeepItFromStopping) {
   expectOk({"add-client", "web-1"});
-  const DataStore store(data_);
+  const std::string key = keyOf("web-1");
+  Store store({data_, ""});
+  ASSERT_FALSE(store.open().IsError());
   std::size_t cutOff = 0;
-  become("web-1");
   CLqNetwork network;
+  network.UseCredentials("web-1", key);
   Server left(store);
   ASSERT_FALSE(left.listen(address_, 8401).IsError() || left.listen(address_, 8400).IsError());
   ASSERT_FALSE(left.start().IsError() || attach(network).IsError());

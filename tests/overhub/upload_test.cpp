@@ -14,7 +14,6 @@ class OverhubUploadTest : public OverhubTest {
     upload.keys.edit();
     return upload;
   }
-  std::string uploadFile(const std::string& client) const { return data_ + "/uploads/" + client + ".xml"; }
 };
 
 // An upload is a machine's backup: it must come back as it was, be nobody else's, and be the newest.
@@ -40,7 +39,6 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   const auto verdict = ask(network, upload, refusal);
   EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
   EXPECT_EQ(verdict.client->clientId, kWideIdNarrowed);
-  EXPECT_EQ(modeOf(uploadFile("web-1")), 0600U);
 
   ask(network, uploadOf(kWideId), refusal);
   EXPECT_TRUE(contains(refusal, "unknown client id 5000000000")) << refusal;
@@ -49,7 +47,7 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
       "KEY      NAME         VALUE\nLimits\nLimits   sODD         a\\nb\\x1b[31m\\\\ \\xff\n"
       "Limits   sPW          ********\nLimits   sSEALED      ********\nOverhub  sSESSIONKEY  ********\n");
   const std::string listed = outOf(overhub({"uploads"}));
-  EXPECT_TRUE(contains(listed, "Z  1     4       ")) << listed;
+  EXPECT_TRUE(contains(listed, "Z     1       4   ")) << listed;
   EXPECT_FALSE(contains(listed, "web-2")) << listed;
 
   const std::string out = dir_ / "out.xml";
@@ -67,19 +65,30 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
 TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
   expectOk({"add-client", "web-1"});
   const auto server = serve();
-  std::filesystem::create_directory(uploadFile("web-1"));
+  meddle("ALTER TABLE uploads RENAME TO no_uploads");
   become("web-1");
   CLqNetwork network;
   ASSERT_FALSE(attach(network).IsError());
   std::string refusal;
   EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskFailed) << refusal;
-  EXPECT_TRUE(server->waitForOutput(uploadFile("web-1") + ": not a regular file"));
-  expectErr(overhub({"uploads"}), 3, {uploadFile("web-1") + ": not a regular file"});
-  std::filesystem::remove(uploadFile("web-1"));
-  EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
+  EXPECT_TRUE(server->waitForOutput(storeFile() + ": no such table: uploads"));
+  expectErr(overhub({"uploads"}), 3, {storeFile() + ": no such table: uploads"});
+  meddle("ALTER TABLE no_uploads RENAME TO uploads");
+  expectErr(overhub({"uploads", "web-1"}), 1, {"uploaded nothing yet"});
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(ask(network, uploadOf(3), refusal).taskStatus, OBGui::kTaskSuccess) << refusal;
 
-  writeFile(uploadFile("web-1"), "<broken");
-  expectOut(overhub({"uploads"}), 3, {"web-1   ?"});
+  onStore([](const Store& store) {
+    return store.database().read([](soci::session& session) -> CWmError {
+      int kept = 0;
+      session << "SELECT COUNT(*) FROM uploads", soci::into(kept);
+      EXPECT_EQ(kept, 2) << "the newest, and the one before";
+      return {};
+    });
+  });
+  meddle("UPDATE uploads SET text = '<broken'");
+  expectOut(overhub({"uploads"}), 0, {"web-1   2"});
+  expectErr(overhub({"uploads", "web-1"}), 3, {"the upload of web-1 in the store is damaged: "});
 }
 
 }  // namespace

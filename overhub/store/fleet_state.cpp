@@ -1,0 +1,215 @@
+#include "overhub/store/fleet_state.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "common/age_text.h"
+#include "lqregistry/OBGui.h"
+#include "overhub/store/acknowledgements.h"
+#include "overhub/store/change.h"
+#include "overhub/store/groups.h"
+#include "overhub/store/query.h"
+#include "overhub/store/schema.h"
+#include "overhub/store/scope.h"
+#include "overhub/store/scope_finder.h"
+
+namespace {
+
+using soci::into;
+using soci::use;
+
+using Numbers = std::unordered_map<std::string, std::int64_t>;
+using Lists = std::unordered_map<std::string, std::vector<std::int64_t>>;
+
+// The newest revision that changed what a scope says.
+Numbers newestSaid(soci::session& session) {
+  Numbers said;
+  std::string scope;
+  std::int64_t revision = 0;
+  forEachRow(
+      session, "SELECT scope, said FROM scopes", [&] { said[scope] = revision; }, into(scope),
+      into(revision));
+  return said;
+}
+
+// All revisions after that one that changed what a scope says, ascending.
+Lists saidAfter(soci::session& session, std::int64_t revision) {
+  Lists said;
+  std::string scope;
+  std::int64_t number = 0;
+  const auto add = [&] { said[scope].push_back(number); };
+  forEachRow(session, "SELECT DISTINCT scope, valid_from FROM settings WHERE valid_from > :revision", add,
+             into(scope), into(number), use(revision, "revision"));
+  forEachRow(session,
+             "SELECT DISTINCT scope, valid_to FROM settings WHERE valid_to > :revision AND valid_to < :open",
+             add, into(scope), into(number), use(revision, "revision"), use(kOpen, "open"));
+  for (auto& [name, list] : said) std::sort(list.begin(), list.end());
+  return said;
+}
+
+// When revisions were made, of those from one number on.
+std::unordered_map<std::int64_t, std::int64_t> timesFrom(soci::session& session, std::int64_t revision) {
+  std::unordered_map<std::int64_t, std::int64_t> times;
+  std::int64_t number = 0;
+  std::int64_t time = 0;
+  forEachRow(
+      session, "SELECT number, time FROM revisions WHERE number >= :revision", [&] { times[number] = time; },
+      into(number), into(time), use(revision, "revision"));
+  return times;
+}
+
+// All scopes of a machine, from what is known of it.
+template <class Each>
+void forEachScope(const MachineStatus& machine, const Each& each) {
+  each(std::string(kAllScope));
+  for (const std::string& group : machine.groups) each(groupScope(group));
+  each(machineScope(machine.client.id));
+}
+
+bool isFailure(const Contact& contact) {
+  return contact.outcome != 0 && contact.outcome != OBGui::kTaskSuccess;
+}
+
+bool lacksSomething(const MachineStatus& machine) {
+  return machine.contact.provenRevision < machine.newest || machine.contact.isCacheUnknown;
+}
+
+FleetState stateOf(const MachineStatus& machine, std::int64_t now, std::int64_t silentSeconds) {
+  const Contact& contact = machine.contact;
+  if (contact.lastSeen == 0) return FleetState::never;
+  if (now - contact.lastSeen > silentSeconds) return FleetState::silent;
+  if (!contact.refusal.empty() || isFailure(contact)) return FleetState::failed;
+  return lacksSomething(machine) ? FleetState::pending : FleetState::current;
+}
+
+std::string failureText(const Contact& contact) {
+  if (!contact.refusal.empty()) return "refused: " + contact.refusal;
+  return "its newest acknowledgement says: " + outcomeText(contact.outcome);
+}
+
+std::string waitingText(const MachineStatus& machine) {
+  const Contact& contact = machine.contact;
+  if (contact.provenRevision >= machine.newest) return "it gets all of it again";
+  const std::string revision = "revision " + std::to_string(machine.newest);
+  if (contact.handedRevision < machine.newest) return revision + " waits for its next pass";
+  return revision + " was handed to it and is not acknowledged as applied";
+}
+
+std::string whyOf(const MachineStatus& machine, std::int64_t silentSeconds) {
+  const Contact& contact = machine.contact;
+  switch (machine.state) {
+    case FleetState::current:
+      break;
+    case FleetState::pending:
+      return waitingText(machine);
+    case FleetState::failed:
+      return failureText(contact);
+    case FleetState::silent: {
+      std::string why = "not seen for longer than " + programs::durationText(silentSeconds);
+      if (!contact.refusal.empty() || isFailure(contact)) why += "; before, " + failureText(contact);
+      if (lacksSomething(machine)) why += "; " + waitingText(machine);
+      return why;
+    }
+    case FleetState::never:
+      return "it has not called since it was added";
+  }
+  return {};
+}
+
+// The oldest revision that touches a machine and that it has not acknowledged; 0 when there is none. `said`
+// need not reach back for a machine that has acknowledged nothing yet: it lacks all since it was added.
+std::int64_t oldestLacking(const MachineStatus& machine, const Lists& said) {
+  const std::int64_t proven = machine.contact.provenRevision;
+  if (proven < machine.client.validFrom) return machine.client.validFrom;
+  std::int64_t oldest = machine.contact.touched > proven ? machine.contact.touched : 0;
+  forEachScope(machine, [&](const std::string& scope) {
+    const auto found = said.find(scope);
+    if (found == said.end()) return;
+    const auto next = std::upper_bound(found->second.begin(), found->second.end(), proven);
+    if (next != found->second.end() && (oldest == 0 || *next < oldest)) oldest = *next;
+  });
+  return oldest;
+}
+
+void addSince(soci::session& session, FleetStatus& fleet) {
+  std::int64_t lowest = kOpen;
+  for (const MachineStatus& machine : fleet.machines)
+    if (machine.state == FleetState::pending && machine.contact.provenRevision >= machine.client.validFrom)
+      lowest = std::min(lowest, machine.contact.provenRevision);
+  const Lists said = lowest == kOpen ? Lists() : saidAfter(session, lowest);
+
+  std::vector<std::int64_t> revisions;  // that the states began with; 0: with none
+  for (const MachineStatus& machine : fleet.machines) {
+    std::int64_t revision = 0;
+    if (machine.state == FleetState::never) revision = machine.client.validFrom;
+    if (machine.state == FleetState::pending) revision = oldestLacking(machine, said);
+    revisions.push_back(revision);
+  }
+  std::int64_t first = kOpen;
+  for (const std::int64_t revision : revisions)
+    if (revision != 0) first = std::min(first, revision);
+  auto times = first == kOpen ? std::unordered_map<std::int64_t, std::int64_t>() : timesFrom(session, first);
+
+  for (std::size_t i = 0; i < revisions.size(); ++i) {
+    MachineStatus& machine = fleet.machines[i];
+    const Contact& contact = machine.contact;
+    if (revisions[i] != 0) machine.since = times[revisions[i]];
+    if (machine.state == FleetState::silent) machine.since = contact.lastSeen;
+    if (machine.state == FleetState::failed)
+      machine.since = contact.refusal.empty() ? contact.outcomeSince : contact.refusedSince;
+    if (machine.state == FleetState::pending && machine.since != 0 &&
+        (fleet.oldestPending == 0 || machine.since < fleet.oldestPending))
+      fleet.oldestPending = machine.since;
+  }
+}
+
+}  // namespace
+
+const char* stateName(FleetState state) {
+  switch (state) {
+    case FleetState::current:
+      return "current";
+    case FleetState::pending:
+      return "pending";
+    case FleetState::failed:
+      return "failed";
+    case FleetState::silent:
+      return "silent";
+    case FleetState::never:
+      break;
+  }
+  return "never";
+}
+
+std::size_t FleetStatus::count(FleetState state) const {
+  return static_cast<std::size_t>(
+      std::count_if(machines.begin(), machines.end(),
+                    [state](const MachineStatus& machine) { return machine.state == state; }));
+}
+
+FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std::int64_t now,
+                        std::int64_t silentSeconds) {
+  FleetStatus fleet;
+  fleet.now = now;
+  fleet.revision = newestRevision(session);
+  const ScopeFinder finder(groupsAt(session, fleet.revision), membersAt(session, fleet.revision));
+  const Numbers said = newestSaid(session);
+  std::unordered_map<std::int64_t, Contact> contacts;
+  for (Contact& contact : allContacts(session)) contacts.emplace(contact.client, std::move(contact));
+
+  for (Client& client : clients) {
+    MachineStatus& machine = fleet.machines.emplace_back();
+    machine.contact = contacts[client.id];
+    machine.groups = finder.groupsOf(client);
+    machine.client = std::move(client);
+    machine.newest = machine.contact.touched;
+    forEachScope(machine, [&](const std::string& scope) {
+      const auto found = said.find(scope);
+      if (found != said.end()) machine.newest = std::max(machine.newest, found->second);
+    });
+    machine.state = stateOf(machine, now, silentSeconds);
+    machine.why = whyOf(machine, silentSeconds);
+  }
+  addSince(session, fleet);
+  return fleet;
+}

@@ -1,0 +1,58 @@
+// How things stand with the machines: one state each.
+//
+// What is looked at first counts, in the order in which somebody has to act: a machine that does not come
+// gets nothing, whatever else there is to say of it; one that comes and fails gets nothing either, however
+// new what it is handed; and one that only waits for its next pass needs nobody. So, of all that are true:
+//
+// clang-format off
+//   never    nothing was ever heard of it since it was added
+//   silent   it was not seen for longer than a time that the caller names; what its last words were, and what
+//            waits for it, is told with it
+//   failed   its last hand-out was refused, or its newest acknowledgement says that the batch was not applied
+//   pending  a newer revision touches it than the newest that it has acknowledged as applied; or what it holds
+//            is not known, because somebody else may have joined in its name or asked for all of it again
+//   current  none of these
+// clang-format on
+//
+// A revision touches a machine if it changed what one of its scopes says, or which groups it is in. Whether
+// the machine's own values become others by it is not looked at: a nearer scope may hide what was changed.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "overhub/store/clients.h"
+
+enum class FleetState { current, pending, failed, silent, never };
+inline constexpr std::array kFleetStates{FleetState::current, FleetState::pending, FleetState::failed,
+                                         FleetState::silent, FleetState::never};
+
+// "current"; never changes, since programs read it.
+const char* stateName(FleetState state);
+
+struct MachineStatus {
+  Client client;
+  Contact contact;
+  std::vector<std::string> groups;  // the farthest first
+  FleetState state = FleetState::never;
+  std::int64_t newest = 0;  // the newest revision that touches it
+  std::int64_t since = 0;   // when the state began, in seconds since the epoch; 0: not known
+  std::string why;          // for people; empty when it is current
+};
+
+struct FleetStatus {
+  std::int64_t now = 0;  // by the store's clock
+  std::int64_t revision = 0;
+  std::int64_t oldestPending = 0;  // when the oldest change was made that a pending machine lacks; 0: none
+  std::vector<MachineStatus> machines;  // in the order of the clients that were asked for
+
+  std::size_t count(FleetState state) const;
+  bool isAllCurrent() const { return count(FleetState::current) == machines.size(); }
+};
+
+// Within a unit of work (database.h). The number of queries does not depend on the number of clients.
+FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std::int64_t now,
+                        std::int64_t silentSeconds);
