@@ -76,10 +76,9 @@ HeldSettings heldSettings(soci::session& session, const Contact& contact, const 
     for (const std::string& scope : scopes) heard[scope].push_back(revision);
   }
   HeldSettings held;
-  // One that is switched off is in the cache as well, which the client takes what it is to remove from, too.
   for (const auto& [scope, at] : heard)
     for (const Setting& setting : settingsSince(session, scope, at.front()))
-      if (!setting.isRemoval && wasValidAtAny(setting, at)) addHeld(setting, contact.doubted, held);
+      if (wasValidAtAny(setting, at)) addHeld(setting, contact.doubted, held);
   return held;
 }
 

@@ -32,12 +32,12 @@ Setting asWithdrawn(const Identity& identity, const std::string& path) {
   return setting;
 }
 
+// Takes it out of the client's cache and leaves what the machine has alone.
+void forget(const Identity& identity, const std::string& path, OBGui::KeyList& batch) {
+  batch.push_back(removalOf(subKeyPath(path, identity.name), kNoSuchName));
+}
+
 void removeValue(const Identity& identity, const std::string& path, bool withExpiry, OBGui::KeyList& batch) {
-  if (identity.isKey) {
-    // The sub-key stays, with what is in it; it only goes out of the client's cache.
-    batch.push_back(removalOf(subKeyPath(path, identity.name), kNoSuchName));
-    return;
-  }
   batch.push_back(removalOf(path, identity.name));
   if (withExpiry) batch.push_back(expiryRecordOf(asWithdrawn(identity, path), true));
 }
@@ -45,8 +45,9 @@ void removeValue(const Identity& identity, const std::string& path, bool withExp
 void addRemovals(const EffectiveSettings& settings, const HeldSettings& held, OBGui::KeyList& batch) {
   for (const auto& [identity, before] : held) {
     const auto now = settings.find(identity);
-    if (now == settings.end() && before.isLeft) {
-      batch.push_back(removalOf(subKeyPath(kNoSuchKey, identity.place), identity.name));
+    if (now == settings.end() && (identity.isKey || !before.wasLive || before.isLeft)) {
+      // A sub-key stays, with what is in it; and what was only switched off may be somebody's by now.
+      forget(identity, before.path, batch);
     } else if (now == settings.end()) {
       removeValue(identity, before.path, before.hasExpiry, batch);
     } else if (before.hasExpiry && now->second.setting.expires == 0 && !identity.isKey) {
@@ -97,12 +98,14 @@ std::string expiryConflict(const EffectiveSettings& settings) {
 }
 
 void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held) {
+  if (setting.isRemoval) return;
   const bool isLeft = setting.validTo <= doubted && programs::isWayBack(recordOf(setting));
   const auto [place, isFirst] = held.try_emplace(setting.identity);
   MayHold& entry = place->second;
   entry.isLeft = isLeft && (isFirst || entry.isLeft);
   entry.path = setting.path;
-  entry.hasExpiry = entry.hasExpiry || setting.expires != 0;
+  entry.wasLive = entry.wasLive || setting.isLive();
+  entry.hasExpiry = entry.hasExpiry || (setting.isLive() && setting.expires != 0);
 }
 
 OBGui::KeyList batchOf(const EffectiveSettings& settings, const HeldSettings& held, std::size_t atLeast) {

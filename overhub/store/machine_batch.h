@@ -27,9 +27,10 @@ EffectiveSettings effectiveSettings(const std::vector<std::vector<Setting>>& sco
 // which X ends here and stays there cannot be handed out. Says which, or nothing.
 std::string expiryConflict(const EffectiveSettings& settings);
 
-// What a machine may hold of an earlier batch.
+// What a machine, or its cache, may hold of an earlier batch.
 struct MayHold {
   std::string path;
+  bool wasLive = false;  // otherwise it was switched off, which is in the cache only
   bool hasExpiry = false;
   // Withdrawn before it was doubted what the machine holds, and something that it needs to come back to its
   // server: it may have been joined anew since, with a value of its own, which stays.
@@ -38,9 +39,9 @@ struct MayHold {
 
 using HeldSettings = std::map<Identity, MayHold>;
 
-// Adds what a machine may hold because one of its scopes said so. More than it really does, where a nearer
-// scope removed it, does no harm: it is gone already.
-// `doubted` is the revision at which it was last doubted what the machine holds.
+// Adds what a machine may hold because one of its scopes said so; what that one removed is neither there nor in the
+// cache. More than it really holds, where a nearer scope removed it, does no harm: it is gone already. `doubted` is
+// the revision at which it was last doubted what the machine holds.
 void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held);
 
 // The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's

@@ -24,8 +24,10 @@ class HandOuts : public testing::TestWithParam<EngineKind> {
     std::string text;
     for (const OBGui::RegistryKeyInfo& key : keys) {
       text += text.empty() ? "" : ", ";
-      text += (key.deleteFlag == 1 ? "-" : key.enabledFlag == 0 ? "!" : "") + key.keyPath.get() + " " +
-              key.valueName.get();
+      text += (key.deleteFlag == 1    ? "-"
+               : key.enabledFlag == 0 ? "!"
+                                      : "") +
+              key.keyPath.get() + " " + key.valueName.get();
       if (!isToBeRemoved(key)) text += "=" + SimulatedClient::valueIn(key);
     }
     return text;
@@ -111,19 +113,18 @@ TEST_P(HandOuts, CarryARemovalUntilTwoInARowWereApplied) {
     const char* carried;
   };
   const Case cases[] = {
-      {"aa.", "yyn"},
-      {"afaa.", "yyyyn"},    // one that failed starts it anew
-      {"anaa.", "yyyyn"},    // and so does one that nobody acknowledged
-      {"faa.", "yyyn"},      //
-      {"laa.", "yyyn"},      // what came after the next hand-out proves neither
-      {"ala.", "yyyy"},      //
-      {"dfaa.", "yyyyn"},    // said twice, it proves once
-      {"saa.", "yyyn"},      // after the static list was asked for
-      {"asaa.", "yyyyn"},    //
-      {"oaa.", "yyyn"},      // from a session that had none
-      {"ppp.", "yyyy"},      // pushes prove nothing
-      {"apa.", "yyyn"},      // and do not come between
-      {"paa.", "yyyn"},      //
+      {"aa.", "yyn"},       {"afaa.", "yyyyn"},  // one that failed starts it anew
+      {"anaa.", "yyyyn"},                        // and so does one that nobody acknowledged
+      {"faa.", "yyyn"},                          //
+      {"laa.", "yyyn"},                          // what came after the next hand-out proves neither
+      {"ala.", "yyyy"},                          //
+      {"dfaa.", "yyyyn"},                        // said twice, it proves once
+      {"saa.", "yyyn"},                          // after the static list was asked for
+      {"asaa.", "yyyyn"},                        //
+      {"oaa.", "yyyn"},                          // from a session that had none
+      {"ppp.", "yyyy"},                          // pushes prove nothing
+      {"apa.", "yyyn"},                          // and do not come between
+      {"paa.", "yyyn"},                          //
       {"ra.", "yyy"},        // what was proven before a cache was doubted is not proof of it
       {"arlaa.", "y-yyyn"},  // nor what was handed out before
   };
@@ -340,8 +341,8 @@ TEST_P(HandOuts, ABatchIsNeverShorterThanTheCache) {
   ASSERT_EQ(put(mine(), subKey), "");
   ASSERT_EQ(set(mine(), "~/A", "until", "1", end), "");
   ASSERT_EQ(set(mine(), "~/A", "x", "1"), "");
-  EXPECT_EQ(pass(), "!~/A Local, !~/A off, ~/A until=1, ~/A until_UNTIL=" + std::to_string(end) +
-                        ", ~/A x=1");
+  EXPECT_EQ(pass(),
+            "!~/A Local, !~/A off, ~/A until=1, ~/A until_UNTIL=" + std::to_string(end) + ", ~/A x=1");
   EXPECT_EQ(machine_.cache.size(), 5U);
   machine_.registry[{"~/A", "off"}] = "mine";  // from now on nobody wants it off
   machine_.registry[{"~/A/Local", "own"}] = "mine";
