@@ -39,9 +39,9 @@ struct MayHold {
 
 using HeldSettings = std::map<Identity, MayHold>;
 
-// Adds what a machine may hold because one of its scopes said so; what that one removed is neither there nor in the
-// cache. More than it really holds, where a nearer scope removed it, does no harm: it is gone already. `doubted` is
-// the revision at which it was last doubted what the machine holds.
+// Adds what a machine may hold because one of its scopes said so; what that one removed is neither there nor
+// in the cache. More than it really holds, where a nearer scope removed it, does no harm: it is gone already.
+// `doubted` is the revision at which it was last doubted what the machine holds.
 void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held);
 
 // The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's
