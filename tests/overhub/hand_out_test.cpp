@@ -368,13 +368,13 @@ TEST_P(HandOuts, AResendBringsAllRemovalsAgain) {
   machine_ = before;
   hub_.resend(id_);
   for (int n = 0; n < 2; ++n) {
-    EXPECT_TRUE(pass().starts_with("-~/A y, "));
+    const std::string records = pass();
+    EXPECT_TRUE(records.starts_with("-~/A y, "));
+    EXPECT_EQ(std::count(records.begin(), records.end(), ','), 1999);
     EXPECT_EQ(machine_.registry, (SimulatedClient::Registry{{{"~/A", "x"}, "1"}}));
     EXPECT_EQ(all(machine_.cache), "~/A x=1");
   }
   EXPECT_EQ(pass(), "~/A x=1");
-  hub_.resend(id_);
-  EXPECT_GE(ask("pc1", id_).batch.keys->size(), 2000U);
 }
 
 TEST_P(HandOuts, WhatCannotBeHandedOutIsRefusedWhole) {

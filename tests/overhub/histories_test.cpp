@@ -94,7 +94,7 @@ struct Rules {
     if (withdrawn.contains(id)) return {};
     std::map<int, std::string, std::greater<>> byNumber;
     for (const auto& [group, pattern] : members)
-      if (isMeant(pattern, name)) byNumber[groups.at(group)] = "g:" + group;
+      if (groups.contains(group) && isMeant(pattern, name)) byNumber[groups.at(group)] = "g:" + group;
     std::vector<std::string> scopes{"c:" + std::to_string(id)};
     for (const auto& [number, scope] : byNumber) scopes.push_back(scope);
     scopes.emplace_back("@all");
