@@ -34,8 +34,7 @@ struct Joining {
   std::string protectedKey;
 };
 
-CWmError makeReady(const Store& store, AddClient& wanted, const ListedClient& client,
-                   Joining& joining) {
+CWmError makeReady(const Store& store, AddClient& wanted, const ListedClient& client, Joining& joining) {
   joining.client = client;
   CWmError error = checkListed(client);
   if (!error.IsError()) error = wanted.handOver.begin(store, client.name, joining.join);
@@ -81,7 +80,7 @@ int addAll(const Store& store, AddClient& wanted, std::vector<Joining>& joining)
       store, command,
       [&](soci::session& session, ChangeSet& changes) { return build(session, wanted, joining, changes); },
       result);
-  if (result.newClients.empty()) {
+  if (exitCode != kExitOk || result.newClients.empty()) {
     wanted.handOver.discard();
     return exitCode;
   }

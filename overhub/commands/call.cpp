@@ -1,4 +1,4 @@
-// `overhub call`: hands a message to whatever a client has registered for its type.
+// `overhub call`: hands a message to whatever clients have registered for its type.
 #include <unistd.h>
 
 #include <memory>
@@ -8,7 +8,7 @@
 #include "common/terminal_text.h"
 #include "lqregistry/App.h"
 #include "lqregistry/CLqNetwork.h"
-#include "overhub/commands/client_link.h"
+#include "overhub/commands/client_requests.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -50,10 +50,23 @@ int readPayload(std::string& payload) {
 }
 
 struct Call {
-  ClientLink link;
+  ClientRequests requests;
   std::int64_t messageType = 0;
   std::string payload;
 };
+
+RequestOutcome callTo(ClientLink& link, const App::AppCommunicationMessageReq& request) {
+  App::AppCommunicationMessageResp answer;
+  RequestOutcome outcome = link.ask(request, answer);
+  if (outcome.exitCode != kExitOk) return outcome;
+  App::GenericResp fault;
+  if (fault.unserialize(answer.payload) == 0)
+    return failedRequest(kExitRefused, link.place() + ": " + fault.errorText.get() + " (error " +
+                                           std::to_string(fault.errorCode.get()) + ")");
+  const bool isForPeople = ::isatty(STDOUT_FILENO) != 0;
+  outcome.output = (isForPeople ? linesForTerminal(answer.payload.get()) : answer.payload.get()) + '\n';
+  return outcome;
+}
 
 int call(const Store& store, Call& wanted) {
   if (const int exitCode = readPayload(wanted.payload); exitCode != kExitOk) return exitCode;
@@ -61,24 +74,16 @@ int call(const Store& store, Call& wanted) {
   App::AppCommunicationMessageReq request;
   request.messageType = wanted.messageType;
   request.payload = std::move(wanted.payload);
-  App::AppCommunicationMessageResp answer;
-  if (const int exitCode = wanted.link.ask(store, request, answer); exitCode != kExitOk) return exitCode;
-  App::GenericResp fault;
-  if (fault.unserialize(answer.payload) == 0)
-    return complain(kExitRefused, wanted.link.place() + ": " + fault.errorText.get() + " (error " +
-                                      std::to_string(fault.errorCode.get()) + ")");
-  const bool isForPeople = ::isatty(STDOUT_FILENO) != 0;
-  print((isForPeople ? linesForTerminal(answer.payload.get()) : answer.payload.get()) + '\n');
-  return kExitOk;
+  return wanted.requests.run(store, [&request](ClientLink& link) { return callTo(link, request); });
 }
 
 }  // namespace
 
 void addCall(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Call>();
-  auto options = line.add("call", "Send an application message to a client",
+  auto options = line.add("call", "Send an application message to clients",
                           onStore(place, [wanted](const Store& store) { return call(store, *wanted); }));
-  wanted->link.describe(options);
+  wanted->requests.describe(options);
   options.required("TYPE N", wanted->messageType, "The message type that the client has a handler for")
       .required("PAYLOAD", wanted->payload, "What the handler gets; \"-\" takes it from standard input")
       .footer(kFooter);

@@ -1,18 +1,13 @@
 #include "overhub/commands/client_link.h"
 
 #include <cstring>
-#include <limits>
 
 #include "common/host_name.h"
 #include "lqregistry/CLqNetwork.h"
-#include "overhub/commands/reporting.h"
-#include "overhub/commands/target.h"
 #include "overhub/store/session_keys.h"
 #include "records/service_names.h"
 
 namespace {
-
-constexpr int kMaxTimeoutSeconds = 86400;
 
 struct Advice {
   int exitCode;
@@ -59,75 +54,79 @@ Advice adviceOnExchange(std::uint32_t code) {
 
 }  // namespace
 
-void ClientLink::describe(programs::CommandLine::Options& options) {
-  options.required("CLIENT", client_, "The client's name")
-      .option("--host HOST", host_, "Where the client is; otherwise what is recorded of it")
-      .bounded("--port PORT", port_, 1, std::numeric_limits<std::uint16_t>::max(),
-               "The port of its host service")
-      .bounded("--timeout SECONDS", timeoutSeconds_, 1, kMaxTimeoutSeconds,
-               "How long to try to get through, and then to wait for the answer");
-}
-
 std::string ClientLink::place() const {
-  return "client " + client_ + " at " + host_ + " port " + std::to_string(port_);
+  return "client " + client_.name + " at " + way_.host + " port " + std::to_string(way_.port);
 }
 
-int ClientLink::complainOfAnswer(const std::string& what) const {
-  return complain(kExitRefused, place() + " has answered with " + what +
-                                    ", which is no answer to this request; see that its host service is of "
-                                    "the same version as this server");
+RequestOutcome ClientLink::answeredWith(const std::string& what) const {
+  return failedRequest(kExitRefused,
+                       place() + " has answered with " + what +
+                           ", which is no answer to this request; see that its host service is of "
+                           "the same version as this server");
 }
 
 // What the command line says counts first, then what a person has set, then the address it last came from.
-int ClientLink::findHost(const Store& store) {
-  std::string known;
-  const CWmError error = store.database().read([&](soci::session& session) {
-    Client client;
-    const CWmError fault = oneClient(session, client_, client);
-    if (!fault.IsError()) known = client.host.empty() ? contactOf(session, client.id).address : client.host;
-    return fault;
-  });
-  if (error.IsError()) return storeFailed(error);
-  if (host_.empty()) host_ = known;
-  if (host_.empty()) {
-    return complain(kExitRefused, "where client " + client_ +
-                                      " is, is not known, since it has not attached yet; name its host with "
-                                      "--host HOST, or for good with \"overhub client-host " +
-                                      client_ + " HOST\"");
+RequestOutcome ClientLink::findHost() {
+  const std::string& name = client_.name;
+  if (way_.host.empty()) way_.host = client_.host;
+  if (way_.host.empty()) {
+    const CWmError error = store_.database().read([this](soci::session& session) -> CWmError {
+      way_.host = contactOf(session, client_.id).address;
+      return {};
+    });
+    if (error.IsError()) return failedRequest(error);
   }
-  if (!programs::isAcceptableHostName(host_)) {
-    return complain(kExitRefused, "\"" + host_ + "\" is no host name or address; \"overhub client-host " +
-                                      client_ + " HOST\" sets the right one");
+  if (way_.host.empty()) {
+    return failedRequest(kExitRefused,
+                         "where client " + name +
+                             " is, is not known, since it has not attached yet; name its host with "
+                             "--host HOST, or for good with \"overhub client-host " +
+                             name + " HOST\"");
   }
-  return kExitOk;
+  if (!programs::isAcceptableHostName(way_.host)) {
+    return failedRequest(kExitRefused, "\"" + way_.host +
+                                           "\" is no host name or address; \"overhub client-host " + name +
+                                           " HOST\" sets the right one");
+  }
+  return {};
 }
 
-int ClientLink::explain(const CWmError& error, Step step) const {
+RequestOutcome ClientLink::explain(const CWmError& error, Step step) const {
   const Advice advice =
       step == Step::kAttach ? adviceOnAttach(error.GetCode()) : adviceOnExchange(error.GetCode());
-  return complain(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.hint);
+  return failedRequest(advice.exitCode, place() + ": " + error.AsString() + "; " + advice.hint);
 }
 
-int ClientLink::exchange(const Store& store, const CNMessageBase& request,
-                         std::unique_ptr<CNMessageBase>& answer) {
-  if (const int exitCode = findHost(store); exitCode != kExitOk) return exitCode;
+RequestOutcome ClientLink::exchange(const CNMessageBase& request, std::unique_ptr<CNMessageBase>& answer) {
+  if (RequestOutcome outcome = findHost(); outcome.exitCode != kExitOk) return outcome;
   std::string key;
-  CWmError error = readSessionKey(store, client_, key);
-  if (error.IsError()) return storeFailed(error);
+  CWmError error = readSessionKey(store_, client_.name, key);
+  if (error.IsError()) return failedRequest(error);
   CLqNetwork network;
-  network.UseCredentials(client_, key);
+  network.UseCredentials(client_.name, key);
   explicit_bzero(key.data(), key.size());
 
   lqsExecuteRemoteDllType remote;
   remote.setNames(kHostLibraryName, kHostEntryName);
-  const int seconds = timeoutSeconds_;
+  const int seconds = way_.timeoutSeconds;
   bool peerGone = false;
-  error = network.Attach_RemoteDLL(MangleHostName(host_, client_, port_, port_), remote,
+  error = network.Attach_RemoteDLL(MangleHostName(way_.host, client_.name, way_.port, way_.port), remote,
                                    programs::ownHostName(), seconds, peerGone);
   if (error.IsError()) return explain(error, Step::kAttach);
   error = network.SendXMLMessage(request, 0, seconds, peerGone);
   if (!error.IsError()) error = network.ReceiveXMLMessage(nullptr, answer, nullptr, 0, seconds, peerGone);
   // A client that has let one time-out pass would let a second one pass over the goodbye.
   if (error.GetCode() != kLqErrTimeout) network.Disconnect(seconds, peerGone);
-  return error.IsError() ? explain(error, Step::kExchange) : kExitOk;
+  return error.IsError() ? explain(error, Step::kExchange) : RequestOutcome();
+}
+
+RequestOutcome failedRequest(int exitCode, std::string complaint) {
+  RequestOutcome outcome;
+  outcome.exitCode = exitCode;
+  outcome.complaint = std::move(complaint);
+  return outcome;
+}
+
+RequestOutcome failedRequest(const CWmError& error) {
+  return failedRequest(exitCodeOf(error), error.AsString());
 }

@@ -1,54 +1,71 @@
 // A request of the server to one client: finds out where the client's host service is, proves with the
 // client's own session key that this is its server, sends one message and takes the answer.
 //
-// Used by one thread. Whether `serve` runs does not matter.
+// Used by one thread; several links at once are in order. Whether `serve` runs does not matter.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include "common/command_line.h"
 #include "common/host_service.h"
 #include "lqregistry/CNMessageBase.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/store/clients.h"
 #include "overhub/store/store.h"
+
+// What became of a request, for whoever tells it.
+struct RequestOutcome {
+  int exitCode = kExitOk;
+  std::string verdict;    // in a word, where there is one: "applied"
+  std::string output;     // what the client has answered, to be printed as it is
+  std::string complaint;  // what went wrong
+};
 
 class ClientLink {
  public:
-  // Adds the arguments that say which client, where it is, and how long to wait.
-  void describe(programs::CommandLine::Options& options);
+  struct Way {
+    std::string host;  // empty: what is recorded of the client
+    std::uint16_t port = programs::kHostServicePort;
+    int timeoutSeconds = 30;  // for getting through, and again for the answer
+  };
 
-  const std::string& client() const { return client_; }
+  ClientLink(const Store& store, Client client, Way way)
+      : store_(store), client_(std::move(client)), way_(std::move(way)) {}
 
-  // Sends `request` and takes the answer, which has to be an M. Returns an exit code; unless it is kExitOk,
-  // what went wrong has been said.
+  const Client& client() const { return client_; }
+
+  // Sends `request` and takes the answer, which has to be an M. Unless the exit code is kExitOk, the outcome
+  // says what went wrong.
   template <class M>
-  [[nodiscard]] int ask(const Store& store, const CNMessageBase& request, M& answer) {
+  [[nodiscard]] RequestOutcome ask(const CNMessageBase& request, M& answer) {
     std::unique_ptr<CNMessageBase> message;
-    const int exitCode = exchange(store, request, message);
-    if (exitCode != kExitOk) return exitCode;
+    RequestOutcome outcome = exchange(request, message);
+    if (outcome.exitCode != kExitOk) return outcome;
     const M* const expected = messageAs<M>(message.get());
-    if (expected == nullptr) return complainOfAnswer(message->className());
+    if (expected == nullptr) return answeredWith(message->className());
     answer = *expected;
-    return kExitOk;
+    return outcome;
   }
 
   // "client NAME at HOST port PORT", once asked.
   std::string place() const;
-  // Says that the client's answer is not one to the request.
-  [[nodiscard]] int complainOfAnswer(const std::string& what) const;
+  // That the client's answer is not one to the request.
+  [[nodiscard]] RequestOutcome answeredWith(const std::string& what) const;
 
  private:
   enum class Step { kAttach, kExchange };
 
-  [[nodiscard]] int exchange(const Store& store, const CNMessageBase& request,
-                             std::unique_ptr<CNMessageBase>& answer);
-  [[nodiscard]] int findHost(const Store& store);
-  [[nodiscard]] int explain(const CWmError& error, Step step) const;
+  [[nodiscard]] RequestOutcome exchange(const CNMessageBase& request, std::unique_ptr<CNMessageBase>& answer);
+  [[nodiscard]] RequestOutcome findHost();
+  [[nodiscard]] RequestOutcome explain(const CWmError& error, Step step) const;
 
-  std::string client_;
-  std::string host_;  // empty: what is recorded of the client
-  std::uint16_t port_ = programs::kHostServicePort;
-  int timeoutSeconds_ = 30;  // for getting through, and again for the answer
+  const Store& store_;
+  Client client_;
+  Way way_;
 };
+
+// An outcome that is nothing but an error, or one of the store's.
+[[nodiscard]] RequestOutcome failedRequest(int exitCode, std::string complaint);
+[[nodiscard]] RequestOutcome failedRequest(const CWmError& error);

@@ -208,6 +208,13 @@ std::string Definitions::unknown(const OBGui::RegistryKeyInfo& record) const {
          suggestions(settings_, place, record.valueName);
 }
 
+void describeDefinitions(programs::CommandLine::Options options, std::string& file) {
+  options
+      .option("--definitions FILE", file,
+              "Which settings there are and what fits each; otherwise DIR/definitions.json, if it is there")
+      .fromEnvironment("OVERHUB_DEFINITIONS");
+}
+
 CWmError loadDefinitions(const std::string& named, const std::string& dataDirectory,
                          Definitions& definitions) {
   if (!named.empty()) return definitions.load(named);

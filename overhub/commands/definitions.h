@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/command_line.h"
 #include "lqregistry/CWmError.h"
 #include "lqregistry/OBGui.h"
 #include "overhub/commands/definition_file.h"
@@ -20,6 +21,8 @@ class Definitions {
   // Takes the place of what was loaded before; on an error, which names the file and the place in it, that
   // stays.
   CWmError load(const std::string& file);
+
+  bool isEmpty() const { return settings_.empty(); }
 
   // An error when the setting is not defined, or the record does not fit; it says what would. Removals fit:
   // those of settings that are no longer defined are how machines get rid of them.
@@ -44,6 +47,9 @@ class Definitions {
   std::vector<Definition> settings_;  // in the order of the file
   std::map<std::pair<std::string, std::string>, std::size_t> exact_;
 };
+
+// Adds --definitions, which names the file.
+void describeDefinitions(programs::CommandLine::Options options, std::string& file);
 
 // The definitions of the file that is named, or else of the data directory's definitions.json if that is
 // there.

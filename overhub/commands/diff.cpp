@@ -21,7 +21,8 @@ struct Diff {
   bool isJson = false;
 };
 
-CWmError compare(soci::session& session, const Diff& wanted, std::int64_t& to, std::vector<DifferenceRow>& rows) {
+CWmError compare(soci::session& session, const Diff& wanted, std::int64_t& to,
+                 std::vector<DifferenceRow>& rows) {
   const std::int64_t newest = newestRevision(session);
   to = wanted.to.value_or(newest);
   for (const std::int64_t revision : {wanted.from, to})

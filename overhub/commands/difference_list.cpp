@@ -17,7 +17,8 @@ std::optional<std::string> numberText(const std::optional<std::int64_t>& number)
 }
 
 DifferenceRow rowOf(const ClientDifference& difference) {
-  DifferenceRow row{.kind = "client", .scope = difference.client.name, .path = "", .name = "", .before = {}, .after = {}};
+  DifferenceRow row{
+      .kind = "client", .scope = difference.client.name, .path = "", .name = "", .before = {}, .after = {}};
   const std::string there = "client " + std::to_string(difference.client.id);
   switch (difference.kind) {
     case Kind::added:
@@ -78,7 +79,8 @@ std::vector<DifferenceRow> rowsOf(const Differences& differences, const EverScop
     rows.push_back(std::move(row));
   }
   for (const SettingDifference& setting : differences.settings) {
-    DifferenceRow row{"setting", names.of(setting.scope), setting.identity.place, setting.identity.name, {}, {}};
+    DifferenceRow row{"setting", names.of(setting.scope), setting.identity.place, setting.identity.name, {},
+                      {}};
     ShownDifference texts = shown(setting);
     if (setting.before) row.before = std::move(texts.before);
     if (setting.after) row.after = std::move(texts.after);
@@ -91,8 +93,8 @@ std::string lineOf(const DifferenceRow& row) {
   std::string what = row.kind;
   if (row.kind == "setting") what = row.path;
   if (!row.name.empty()) what += " " + row.name;
-  return programs::escapedForTerminal(row.scope + ": " + what) + ": " + textOf(row.before, row.kind) + " -> " +
-         textOf(row.after, row.kind);
+  return programs::escapedForTerminal(row.scope + ": " + what) + ": " + textOf(row.before, row.kind) +
+         " -> " + textOf(row.after, row.kind);
 }
 
 std::string jsonOf(const std::vector<LogEntry>& log) {

@@ -1,4 +1,5 @@
-// What changed, as people and programs read it: each thing with its scope, before and after. Secrets are hidden.
+// What changed, as people and programs read it: each thing with its scope, before and after. Secrets are
+// hidden.
 #pragma once
 
 #include <cstdint>
@@ -27,8 +28,8 @@ struct LogEntry {
   std::vector<DifferenceRow> rows;
 };
 
-// {"revisions": [{"revision": 7, "time": ..., "who": ..., "why": ..., "command": ..., "changes": [...]}]}; each
-// change has the fields of a row.
+// {"revisions": [{"revision": 7, "time": ..., "who": ..., "why": ..., "command": ..., "changes": [...]}]};
+// each change has the fields of a row.
 std::string jsonOf(const std::vector<LogEntry>& log);
 
 // {"from": 3, "to": 7, "changes": [...]}

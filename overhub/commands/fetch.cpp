@@ -1,10 +1,10 @@
-// `overhub fetch`: values of one key of a client's registry.
+// `overhub fetch`: values of one key of clients' registries.
 #include <memory>
 
 #include "common/text_table.h"
 #include "lqregistry/App.h"
 #include "lqregistry/LqSettings.h"
-#include "overhub/commands/client_link.h"
+#include "overhub/commands/client_requests.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -17,6 +17,7 @@ constexpr const char* kFooter =
 
 Example:
   overhub fetch web-1 '~/Limits' nMAX nMIN
+  overhub fetch @berlin '~/Limits' nMAX
 Quote "~", or the shell puts your home directory in its place.)";
 
 // A client cannot tell the server which of the two it is.
@@ -35,41 +36,48 @@ App::FetchClientRegistry fetchOf(const std::string& path, const std::string& nam
 }
 
 struct Fetch {
-  ClientLink link;
+  ClientRequests requests;
   std::string path;
   std::vector<std::string> names;
 };
 
-int fetch(const Store& store, Fetch& wanted) {
-  if (wanted.path.starts_with(subKeyPath(lqsettings::kAbsoluteRoot, "")))
-    return complain(kExitUsage, "a client hands out only what is below the root of its instance, and \"" +
-                                    wanted.path + "\" is not");
-  App::RegisterSubsystem();
+RequestOutcome fetchFrom(ClientLink& link, const Fetch& wanted) {
   programs::TextTable table({"NAME", "VALUE"});
   bool isWhole = true;
   for (const std::string& name : wanted.names) {
     App::FetchClientRegistry answer;
-    if (const int exitCode = wanted.link.ask(store, fetchOf(wanted.path, name), answer); exitCode != kExitOk)
-      return exitCode;
+    RequestOutcome outcome = link.ask(fetchOf(wanted.path, name), answer);
+    if (outcome.exitCode != kExitOk) return outcome;
     const App::KeyList& found = answer.keyInfo->keys;
     const bool isFound = !found.empty() && found[0].value.isSet();
     isWhole = isWhole && isFound;
     table.addRow({name, isFound ? found[0].value.get() : kNotFetched});
   }
-  print(table.text());
-  if (isWhole) return kExitOk;
-  return complain(kExitRefused,
-                  "a fetch has no room for longer values; `lqhost upload` on the client brings those "
-                  "of up to 10,239 bytes");
+  RequestOutcome outcome;
+  if (!isWhole)
+    outcome =
+        failedRequest(kExitRefused,
+                      "a fetch has no room for longer values; `lqhost upload` on the client brings those "
+                      "of up to 10,239 bytes");
+  outcome.output = table.text();
+  return outcome;
+}
+
+int fetch(const Store& store, const Fetch& wanted) {
+  if (wanted.path.starts_with(subKeyPath(lqsettings::kAbsoluteRoot, "")))
+    return complain(kExitUsage, "a client hands out only what is below the root of its instance, and \"" +
+                                    wanted.path + "\" is not");
+  App::RegisterSubsystem();
+  return wanted.requests.run(store, [&wanted](ClientLink& link) { return fetchFrom(link, wanted); });
 }
 
 }  // namespace
 
 void addFetch(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Fetch>();
-  auto options = line.add("fetch", "Print values of a client's registry",
+  auto options = line.add("fetch", "Print values of clients' registries",
                           onStore(place, [wanted](const Store& store) { return fetch(store, *wanted); }));
-  wanted->link.describe(options);
+  wanted->requests.describe(options);
   options.required("PATH", wanted->path, "The key's path below the instance's root, with or without \"~\"")
       .required("NAME", wanted->names, "The values' names")
       .footer(kFooter);

@@ -45,6 +45,7 @@ thead th { color: var(--muted); font-weight: 600; white-space: nowrap; border-bo
 tbody th { font-weight: 500; }
 tbody tr:nth-child(even) { background: var(--band); }
 th.number, td.number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
+.time { white-space: nowrap; }
 .chart { margin: 1.75rem 0; } .chart caption { font-size: 1rem; } .chart tbody tr { background: none; }
 .chart th, .chart td { padding: 0.2rem 0.75rem 0.2rem 0; border: 0; vertical-align: middle; }
 .chart th { width: 26%; overflow-wrap: anywhere; } .chart .number { width: 1%; padding-right: 0; }
@@ -174,9 +175,12 @@ void HtmlPage::table(const Listing& list) {
   if (list.rowCount() == 0) return paragraph("None.");
   const auto cell = [&list](std::size_t column, const std::string& tag, const char* scope,
                             const std::string& text) {
-    const bool isNumber = list.columns()[column].kind == Listing::Kind::number;
-    return "<" + tag + scope + (isNumber ? " class=\"number\">" : ">") + escapedForHtml(text) + "</" + tag +
-           ">";
+    const Listing::Kind kind = list.columns()[column].kind;
+    const bool isTime = kind == Listing::Kind::time || kind == Listing::Kind::age;
+    const char* const end = kind == Listing::Kind::number ? " class=\"number\">"
+                            : isTime                      ? " class=\"time\">"
+                                                          : ">";
+    return "<" + tag + scope + end + escapedForHtml(text) + "</" + tag + ">";
   };
   text_ += "<div class=\"scroll\"><table>\n<thead><tr>";
   for (std::size_t i = 0; i < list.columns().size(); ++i)

@@ -1,7 +1,7 @@
 // The join files that `add-client` and `renew-client` hand over to clients' machines.
 //
-// A file that was named is made, empty, before the store is changed, and filled after it; a directory is made then,
-// too: a place that cannot be written is noticed while nothing has happened yet.
+// A file that was named is made, empty, before the store is changed, and filled after it; a directory is made
+// then, too: a place that cannot be written is noticed while nothing has happened yet.
 #pragma once
 
 #include <string>

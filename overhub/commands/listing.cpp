@@ -84,13 +84,28 @@ std::string Listing::output() const {
   return isJson_ ? json() : text(std::time(nullptr));
 }
 
+void Listing::hideFromPeople(const std::string& key) {
+  for (Column& column : columns_)
+    if (column.key == key) column.isForProgramsOnly = true;
+}
+
 std::string Listing::text(std::int64_t now) const {
+  const auto shown = [this](const std::vector<std::string>& cells) {
+    std::vector<std::string> kept;
+    for (std::size_t i = 0; i < columns_.size(); ++i)
+      if (!columns_[i].isForProgramsOnly) kept.push_back(cells[i]);
+    return kept;
+  };
   std::vector<std::string> header;
   for (const Column& column : columns_) header.push_back(inCapitals(column.title));
-  programs::TextTable table(header);
-  for (std::size_t i = 0; i < columns_.size(); ++i)
-    if (columns_[i].kind == Kind::number) table.alignRight(i);
-  for (std::size_t row = 0; row < rows_.size(); ++row) table.addRow(cellTexts(row, now));
+  programs::TextTable table(shown(header));
+  std::size_t place = 0;
+  for (const Column& column : columns_) {
+    if (column.isForProgramsOnly) continue;
+    if (column.kind == Kind::number) table.alignRight(place);
+    ++place;
+  }
+  for (std::size_t row = 0; row < rows_.size(); ++row) table.addRow(shown(cellTexts(row, now)));
   return table.text();
 }
 

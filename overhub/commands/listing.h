@@ -34,6 +34,7 @@ class Listing {
     std::string title;  // for people: "Last seen"
     std::string key;    // for programs: "lastSeen"; never changes once a release had it
     Kind kind;
+    bool isForProgramsOnly = false;
   };
 
   // What stands in one place. Made without a value it is something that could not be found out: "?", or null.
@@ -69,6 +70,9 @@ class Listing {
   // Something that holds for the whole list: programs find it beside the rows, in the order of the calls, and
   // who prints the list tells people in words of their own.
   void addFact(Column column, Cell value);
+
+  // Leaves the column with this key out of the table for people.
+  void hideFromPeople(const std::string& key);
 
   // A cell for each column; those that are missing at the end could not be found out.
   void addRow(std::vector<Cell> cells);

@@ -45,7 +45,8 @@ struct Found {
   bool isMore = false;            // older ones than these
 };
 
-// The newest revisions of the window that are meant, newest first, until there are as many as wanted and one more.
+// The newest revisions of the window that are meant, newest first, until there are as many as wanted and one
+// more.
 void look(soci::session& session, std::int64_t from, std::int64_t to, const HistoryFilter& filter,
           const EverScopeNames& names, std::size_t wanted, std::vector<LogEntry>& entries) {
   auto changes = changesOf(session, from, to);
@@ -76,8 +77,8 @@ CWmError find(soci::session& session, const Log& wanted, Found& found) {
 
 std::string textOf(const LogEntry& entry) {
   const Revision& revision = entry.revision;
-  std::string text = "revision " + std::to_string(revision.number) + "  " + lqtext::utcText(revision.time) + "  " +
-                     programs::escapedForTerminal(revision.who) + "  " +
+  std::string text = "revision " + std::to_string(revision.number) + "  " + lqtext::utcText(revision.time) +
+                     "  " + programs::escapedForTerminal(revision.who) + "  " +
                      programs::escapedForTerminal(revision.command) + "\n";
   if (!revision.why.empty()) text += "  why: " + programs::escapedForTerminal(revision.why) + "\n";
   for (std::size_t i = 0; i < std::min(entry.rows.size(), kShownChanges); ++i)

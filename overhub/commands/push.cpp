@@ -1,10 +1,10 @@
-// `overhub push`: has a client apply its batch now.
+// `overhub push`: has clients apply their batches now.
 #include <memory>
 #include <vector>
 
 #include "common/machine_identity.h"
 #include "overhub/commands/change_options.h"
-#include "overhub/commands/client_link.h"
+#include "overhub/commands/client_requests.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -17,10 +17,12 @@
 
 namespace {
 
-constexpr const char* kFooter = R"(Prints "applied" or "failed", which "acks" lists too.
+constexpr const char* kFooter =
+    R"(Prints "applied" or "failed", which "acks" lists too; for several machines in a table.
 
 Examples:
   overhub push web-1
+  overhub push @berlin --parallel 32
   overhub push web-1 web-1.xml             (a file that "uploads web-1 --out" has written, or one like it))";
 
 // The records of a file, as settings of the client's own.
@@ -61,46 +63,56 @@ int setFromFile(const Store& store, const std::string& client, const std::string
   });
 }
 
-int sendBatch(const Store& store, ClientLink& link) {
+RequestOutcome sendBatch(const Store& store, ClientLink& link) {
+  const std::string& name = link.client().name;
   HandOut out;
-  CWmError error = handOutForPush(store, link.client(), out);
-  if (error.IsError()) return storeFailed(error);
-  if (!out.refusal.empty()) return complain(kExitRefused, out.refusal);
+  CWmError error = handOutForPush(store, name, out);
+  if (error.IsError()) return failedRequest(error);
+  if (!out.refusal.empty()) return failedRequest(kExitRefused, out.refusal);
   OBGui::RegistryTaskResp answer;
-  if (const int exitCode = link.ask(store, out.batch, answer); exitCode != kExitOk) return exitCode;
+  RequestOutcome outcome = link.ask(out.batch, answer);
+  if (outcome.exitCode != kExitOk) return outcome;
   const std::int64_t status = answer.taskStatus;
   if (status != OBGui::kTaskSuccess && status != OBGui::kTaskFailed)
-    return link.complainOfAnswer("the task status " + std::to_string(status));
-  print(outcomeText(status) + "\n");
+    return link.answeredWith("the task status " + std::to_string(status));
+  outcome.verdict = outcomeText(status);
   // A push does not reach the client's cache and proves no hand-out.
   constexpr std::int64_t kNoHandOut = 0;
-  error = acknowledge(store, link.client(), kNoHandOut, answer.client->clientId, status);
-  if (error.IsError()) return storeFailed(error);
-  return status == OBGui::kTaskSuccess ? kExitOk : kExitRefused;
+  error = acknowledge(store, name, kNoHandOut, answer.client->clientId, status);
+  if (error.IsError()) outcome.complaint = error.AsString();
+  outcome.exitCode = error.IsError()                 ? exitCodeOf(error)
+                     : status == OBGui::kTaskSuccess ? kExitOk
+                                                     : kExitRefused;
+  return outcome;
 }
 
 struct Push {
-  ClientLink link;
+  ClientRequests requests;
   std::string file;
   ChangeOptions change;
 };
 
-int push(const Store& store, Push& wanted) {
+int push(const Store& store, const Push& wanted) {
+  std::vector<Client> clients;
+  int exitCode = wanted.requests.find(store, clients);
+  if (exitCode != kExitOk) return exitCode;
   if (!wanted.file.empty()) {
-    const int exitCode = setFromFile(store, wanted.link.client(), wanted.file, wanted.change);
+    if (clients.size() != 1)
+      return complain(kExitUsage, "a file is pushed to one client; what it says is set for it");
+    exitCode = setFromFile(store, clients.front().name, wanted.file, wanted.change);
     if (exitCode != kExitOk || wanted.change.isDryRun()) return exitCode;
   }
-  return sendBatch(store, wanted.link);
+  return wanted.requests.make(store, clients, [&store](ClientLink& link) { return sendBatch(store, link); });
 }
 
 }  // namespace
 
 void addPush(programs::CommandLine& line, const Store::Place& place) {
   const auto wanted = std::make_shared<Push>();
-  auto options = line.add("push", "Have a client apply its batch now",
+  auto options = line.add("push", "Have clients apply their batches now",
                           onStore(place, [wanted](const Store& store) { return push(store, *wanted); }));
-  wanted->link.describe(options);
-  options.option("FILE", wanted->file, "Set what this file holds for the client first, in one revision");
+  wanted->requests.describe(options);
+  options.option("FILE", wanted->file, "Set what this file holds for the one client first, in one revision");
   wanted->change.describe(options);
   options.footer(kFooter);
 }

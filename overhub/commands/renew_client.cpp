@@ -37,11 +37,19 @@ int renewClient(const Store& store, const std::string& name, JoinHandOver& handO
   if (error.IsError()) return storeFailed(error);
   error = protectSessionKey(store, join.sessionKeyHex, protectedKey);
   if (!error.IsError()) error = changeKey(store, name, protectedKey, join);
-  if (error.IsError()) {
+  // Where it is not known whether the key was changed, the new one may be what lets the client in.
+  if (error.IsError() && error.GetCode() != kLqErrConnectionLost) {
     handOver.discard();
     return storeFailed(error);
   }
+  const CWmError doubt = error;
   error = handOver.write(store, join);
+  if (doubt.IsError())
+    return storeFailed(
+        {doubt.GetCode(), std::string(doubt.AsString()) +
+                              "; whether the key was changed is not known: run it again, or try both, "
+                              "the old one and that in " +
+                              handOver.place(store, name)});
   if (error.IsError()) return storeFailed(error);
   handOver.printNextSteps(store, join);
   return kExitOk;

@@ -202,7 +202,8 @@ void addReport(programs::CommandLine& line, const Store::Place& place) {
   options.required("FILE", wanted->file, "The page, in HTML")
       .option("--target TARGET", wanted->question.target, std::string("The machines: ") + kTargetForms)
       .option("--definitions FILE", wanted->definitions,
-              "What the settings mean; else definitions.json of the store's directory");
+              "What the settings mean; else definitions.json of the store's directory")
+      .fromEnvironment("OVERHUB_DEFINITIONS");
   wanted->question.describe(options);
   options.footer(kFooter);
 }

@@ -8,9 +8,21 @@ void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
+int exitCodeOf(const CWmError& error) {
+  switch (error.GetCode()) {
+    case kLqErrNone:
+      return kExitOk;
+    case kLqErrRequestRefused:
+      return kExitRefused;
+    case kLqErrArgument:
+      return kExitUsage;
+    default:
+      return kExitDataUnusable;
+  }
+}
+
 int storeFailed(const CWmError& error) {
-  const bool isRefusal = error.GetCode() == kLqErrRequestRefused;
-  return complain(isRefusal ? kExitRefused : kExitDataUnusable, error.AsString());
+  return complain(exitCodeOf(error), error.AsString());
 }
 
 void warn(const std::string& text) {

@@ -22,6 +22,7 @@ void warn(const std::string& text);
 // Says on standard error what went wrong, and returns `exitCode`.
 [[nodiscard]] int complain(int exitCode, const std::string& text);
 
-// The same for what came of work on the store: kExitRefused for what was refused or not found,
-// kExitDataUnusable when the store is at fault.
+// What came of work on the store: kExitUsage for what somebody wrote, kExitRefused for what was refused or
+// not found, kExitDataUnusable when the store is at fault. storeFailed() says it as well.
+[[nodiscard]] int exitCodeOf(const CWmError& error);
 [[nodiscard]] int storeFailed(const CWmError& error);

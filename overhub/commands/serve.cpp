@@ -110,7 +110,7 @@ int serve(const Store& store, const Serve& options) {
 void addServe(programs::CommandLine& line, const Store::Place& place) {
   const auto options = std::make_shared<Serve>();
   line.add("serve", "Answer the clients until asked to stop",
-           onMadeStore(place, [options](const Store& store) { return serve(store, *options); }))
+           onStore(place, [options](const Store& store) { return serve(store, *options); }))
       .option("--listen ADDRESS", options->addresses,
               std::string("Address to listen on, may be repeated; otherwise ") + kAnyAddress)
       .ports("--ports FIRST,SECOND", options->ports, "The two service ports")

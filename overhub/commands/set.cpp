@@ -9,6 +9,7 @@
 
 #include "overhub/commands/change_options.h"
 #include "overhub/commands/commands.h"
+#include "overhub/commands/definitions.h"
 #include "overhub/commands/record_check.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -43,6 +44,7 @@ struct Set {
   bool isRemoval = false;   // the client is to remove the value
   bool isDisabled = false;  // not wanted for now
   std::string until;        // as time_argument.h has it; empty: none
+  std::string definitions;  // their file; empty: that of the data directory
   ChangeOptions change;
 };
 
@@ -99,6 +101,19 @@ CWmError makeRecord(const Set& wanted, OBGui::RegistryKeyInfo& record) {
   return readSecret(record.encryptedValue.edit());
 }
 
+// Whether the record is as somebody has defined it. --force does not help: it is there for changes that may
+// cut a machine off, and whoever makes such a one mistypes as easily as anybody. What should fit is for the
+// definitions to say.
+int checkDefined(const Store& store, const Set& wanted, const OBGui::RegistryKeyInfo& record) {
+  Definitions definitions;
+  CWmError error = loadDefinitions(wanted.definitions, store.directory(), definitions);
+  if (error.IsError()) return complain(kExitDataUnusable, error.AsString());
+  error = definitions.check(record);
+  if (error.IsError()) return complain(kExitRefused, error.AsString());
+  if (const std::string doubt = definitions.doubtAbout(record); !doubt.empty()) warn(doubt);
+  return kExitOk;
+}
+
 int set(const Store& store, const Set& wanted) {
   OBGui::RegistryKeyInfo record;
   std::int64_t expires = 0;
@@ -108,7 +123,8 @@ int set(const Store& store, const Set& wanted) {
   if (!error.IsError()) error = checkRecord(record);
   if (error.IsError())
     return complain(kExitUsage, std::string(error.AsString()) + "; see \"overhub set --help\"");
-  if (!wanted.change.isForced()) error = checkHarm(record);
+  if (const int exitCode = checkDefined(store, wanted, record); exitCode != kExitOk) return exitCode;
+  if (!wanted.change.isForced() && !wanted.change.isDryRun()) error = checkHarm(record);
   if (error.IsError())
     return complain(kExitRefused, std::string(error.AsString()) + ". --force sets it all the same");
   if (const std::string doubt = doubtAbout(record); !doubt.empty()) warn(doubt);
@@ -148,6 +164,7 @@ void addSet(programs::CommandLine& line, const Store::Place& place) {
       .option("--until TIME", wanted->until,
               std::string("When the value ends: ") + kTimeForms +
                   ". Sent as NAME_UNTIL, by which a client ends every NAME of its batch, whatever its path");
+  describeDefinitions(options, wanted->definitions);
   wanted->change.describe(options);
   options.footer(kFooter);
 }

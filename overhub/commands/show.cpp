@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "overhub/commands/commands.h"
+#include "overhub/commands/definitions.h"
 #include "overhub/commands/listing.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -17,9 +18,15 @@ constexpr const char* kFooter = R"(Examples:
   overhub show web-1                (what is set for this machine alone)
   overhub show web-1 --effective    (what it gets, and from where))";
 
+// What the definitions say of a setting; nobody knows without them.
+constexpr const char* kNeedsRestart = "needsRestart";
+constexpr const char* kSentence = "sentence";
+
 struct Show {
   std::string target;
   bool isEffective = false;
+  std::string definitionFile;  // empty: that of the data directory
+  Definitions definitions;
   Listing list{"settings",
                {{"PATH", "path", Listing::Kind::text},
                 {"NAME", "name", Listing::Kind::text},
@@ -28,14 +35,27 @@ struct Show {
                 {"UNTIL", "until", Listing::Kind::end},
                 {"FLAGS", "flags", Listing::Kind::text},
                 {"SCOPE", "scope", Listing::Kind::text},
-                {"REVISION", "revision", Listing::Kind::number}}};
+                {"REVISION", "revision", Listing::Kind::number},
+                {"RESTART", kNeedsRestart, Listing::Kind::yesNo},
+                {"MEANING", kSentence, Listing::Kind::text}}};
 };
 
-void addRow(Listing& list, const Setting& setting, const std::string& flags, const ScopeNames& names) {
+void addRow(Show& wanted, const Setting& setting, const std::string& flags, const ScopeNames& names) {
   // A removal and a sub-key have no value.
   const bool hasValue = !setting.isRemoval && !setting.identity.isKey;
-  list.addRow({setting.path, setting.identity.name, setting.type, hasValue ? shownValue(setting) : "",
-               setting.expires, flags, names.of(setting.scope), setting.validFrom});
+  std::vector<Listing::Cell> row = {setting.path,
+                                    setting.identity.name,
+                                    setting.type,
+                                    hasValue ? shownValue(setting) : "",
+                                    setting.expires,
+                                    flags,
+                                    names.of(setting.scope),
+                                    setting.validFrom};
+  if (!wanted.definitions.isEmpty()) {
+    row.emplace_back(wanted.definitions.needsRestart(setting.path, setting.identity.name));
+    row.emplace_back(wanted.definitions.sentenceOf(setting.path, setting.identity.name));
+  }
+  wanted.list.addRow(std::move(row));
 }
 
 CWmError listScopes(soci::session& session, Show& wanted) {
@@ -45,7 +65,7 @@ CWmError listScopes(soci::session& session, Show& wanted) {
   const std::int64_t revision = newestRevision(session);
   for (const std::string& scope : scopes)
     for (const Setting& setting : settingsOf(session, scope, revision))
-      addRow(wanted.list, setting, shownFlags(setting), names);
+      addRow(wanted, setting, shownFlags(setting), names);
   return error;
 }
 
@@ -57,15 +77,18 @@ CWmError listEffective(const Database& database, soci::session& session, Show& w
   MachineState state;
   error = machineState(session, client.id, client.name, database.now(session), state);
   for (const auto& [identity, effective] : state.settings)
-    addRow(wanted.list, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting),
-           names);
+    addRow(wanted, effective.setting, effective.isExpired ? "expired" : shownFlags(effective.setting), names);
   return error;
 }
 
 int show(const Store& store, Show& wanted) {
+  CWmError error = loadDefinitions(wanted.definitionFile, store.directory(), wanted.definitions);
+  if (error.IsError()) return complain(kExitDataUnusable, error.AsString());
+  if (wanted.definitions.isEmpty())
+    for (const char* const column : {kNeedsRestart, kSentence}) wanted.list.hideFromPeople(column);
   const Database& database = store.database();
   const Listing empty = wanted.list;
-  const CWmError error = database.read([&](soci::session& session) {
+  error = database.read([&](soci::session& session) {
     wanted.list = empty;
     return wanted.isEffective ? listEffective(database, session, wanted) : listScopes(session, wanted);
   });
@@ -83,6 +106,7 @@ void addShow(programs::CommandLine& line, const Store::Place& place) {
                onStore(place, [wanted](const Store& store) { return show(store, *wanted); }));
   options.required("TARGET", wanted->target, std::string(kTargetForms) + "; @static for the static list")
       .flag("--effective", wanted->isEffective, "All that this one machine gets, with scope and revision");
+  describeDefinitions(options, wanted->definitionFile);
   wanted->list.describe(options);
   options.footer(kFooter);
 }

@@ -41,7 +41,7 @@ struct Status {
   }
 };
 
-// "10,000 machines at revision 7: 9,998 current, 2 pending"; what there is none of is left out.
+// "10000 machines at revision 7: 9998 current, 2 pending"; what there is none of is left out.
 std::string summary(const FleetStatus& fleet) {
   std::string states;
   for (const FleetState state : kFleetStates) {

@@ -24,10 +24,10 @@ struct Undo {
 
 int undo(const Store& store, const Undo& wanted) {
   LeftOut leftOut;
-  const int exitCode = wanted.change.make(
-      store, "undo " + std::to_string(wanted.revision), [&](soci::session& session, ChangeSet& changes) {
-        return buildUndo(session, wanted.revision, changes, leftOut);
-      });
+  const int exitCode = wanted.change.make(store, "undo " + std::to_string(wanted.revision),
+                                          [&](soci::session& session, ChangeSet& changes) {
+                                            return buildUndo(session, wanted.revision, changes, leftOut);
+                                          });
   if (exitCode == kExitOk && !leftOut.empty()) warn(leftOut);
   return exitCode;
 }

@@ -17,6 +17,7 @@ std::string countText(const OBGui::KeyList& keys) {
 // What is wrong with the store is for the log, and for whoever looks after it; a client is told to come
 // again.
 Answer storeUnusable(const CWmError& error, const std::string& what) {
+  if (error.GetCode() == kLqErrRequestRefused) return Answer::refused(error.AsString());  // it was removed
   ObEvent().Error("registryManager", "%s", error.AsString());
   return Answer::refused("the server cannot " + what + " now; its log tells why, come again later");
 }

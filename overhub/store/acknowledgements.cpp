@@ -22,10 +22,14 @@ void addAcknowledgement(soci::session& session, std::int64_t clientId,
              " :time, :id, :status)",
       use(clientId, "client"), use(number, "number"), use(acknowledgement.time, "time"),
       use(acknowledgement.namedId, "id"), use(acknowledgement.taskStatus, "status");
-  const std::int64_t since = acknowledgement.time - kKeptSeconds;
   const std::int64_t last = number - kKept;
-  session << "DELETE FROM acknowledgements WHERE client = :client AND (time < :since OR number <= :last)",
-      use(clientId, "client"), use(since, "since"), use(last, "last");
+  session << "DELETE FROM acknowledgements WHERE client = :client AND number <= :last",
+      use(clientId, "client"), use(last, "last");
+  // One comes, and up to two go that are too old, so that none of all others is looked at.
+  const std::int64_t since = acknowledgement.time - kKeptSeconds;
+  session << "DELETE FROM acknowledgements WHERE client = :client AND time < :since AND number <= (SELECT"
+             " MIN(number) + 1 FROM acknowledgements WHERE client = :same)",
+      use(clientId, "client"), use(since, "since"), use(clientId, "same");
 }
 
 std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,

@@ -22,9 +22,14 @@ CWmError refused(std::string why) {
   return {kLqErrRequestRefused, std::move(why)};
 }
 
-// Takes the next revision number. Whoever else is about to change something waits here until this is done.
+// Whoever else is about to change something waits here until this is done. It writes, so that what was
+// committed before is on every standby once this is.
+void takeTurn(soci::session& session) {
+  session << "UPDATE counters SET value = value WHERE name = :name", use(kRevisionCounter);
+}
+
 std::int64_t takeRevision(soci::session& session) {
-  session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(std::string(kRevisionCounter));
+  session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(kRevisionCounter);
   return newestRevision(session);
 }
 
@@ -33,6 +38,16 @@ std::int64_t revisionOf(soci::session& session, const std::string& operation) {
   std::int64_t revision = 0;
   session << "SELECT number FROM revisions WHERE operation = :operation", use(operation), into(revision);
   return revision;
+}
+
+// Of several edits of one thing the last counts.
+template <class Edit, class KeyOf>
+void keepLast(std::vector<Edit>& edits, KeyOf keyOf) {
+  std::set<decltype(keyOf(edits.front()))> seen;
+  std::vector<Edit> kept;
+  for (auto edit = edits.rbegin(); edit != edits.rend(); ++edit)
+    if (seen.insert(keyOf(*edit)).second) kept.push_back(std::move(*edit));
+  edits.assign(std::make_move_iterator(kept.rbegin()), std::make_move_iterator(kept.rend()));
 }
 
 // One attempt at a change, within its transaction.
@@ -91,13 +106,19 @@ class Attempt {
  private:
   // Reads what the change may touch, as it is, and makes of it what will be.
   void lookAround(ChangeSet& changes) {
-    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_),
-                    withdrawnAt(session_, revision_)};
+    fleetBefore_ = {allClients(session_), groupsAt(session_, revision_), membersAt(session_, revision_), {}};
+    for (const auto& [client, since] : withdrawalsAt(session_, revision_))
+      fleetBefore_.withdrawn.insert(client);
     endWithGroups(changes);
+    keepLast(changes.settings, [](const auto& edit) { return std::pair(edit.scope, edit.identity); });
+    keepLast(changes.groups, [](const auto& edit) { return edit.name; });
+    keepLast(changes.members, [](const auto& edit) { return edit.member; });
     for (const auto& edit : changes.settings) names_.insert(edit.identity.name);
     for (const std::string& group : touchedGroups(changes))
       for (const Setting& setting : settingsOf(session_, groupScope(group), revision_))
         names_.insert(setting.identity.name);
+    if (!changes.newClients.empty())
+      for (const std::string& name : namesThatEnd(session_)) names_.insert(name);
     if (!changes.withdrawals.empty())
       for (const Setting& setting : allSettings(session_)) names_.insert(setting.identity.name);
     for (const std::string& name : names_)
@@ -107,15 +128,19 @@ class Attempt {
     for (const auto& edit : changes.settings) editSetting(edit);
     fleetAfter_ = fleetBefore_;
     for (const auto& edit : changes.groups) editGroup(edit);
-    for (const auto& edit : changes.members) editMember(edit);
+    std::set<Member> members(fleetBefore_.members.begin(), fleetBefore_.members.end());
+    for (const auto& edit : changes.members) {
+      members.erase(edit.member);
+      if (edit.isMember) members.insert(edit.member);
+    }
+    fleetAfter_.members.assign(members.begin(), members.end());
     for (const auto& [client, isWithdrawn] : changes.withdrawals) {
       fleetAfter_.withdrawn.erase(client);
       if (isWithdrawn) fleetAfter_.withdrawn.insert(client);
     }
-    std::erase_if(fleetAfter_.clients, [&changes](const Client& client) {
-      const auto& removed = changes.removedClients;
-      return std::find(removed.begin(), removed.end(), client.id) != removed.end();
-    });
+    for (const auto& added : changes.newClients) fleetAfter_.clients.push_back(added.client);
+    removed_.insert(changes.removedClients.begin(), changes.removedClients.end());
+    std::erase_if(fleetAfter_.clients, [this](const Client& client) { return removed_.contains(client.id); });
   }
 
   // With a group goes who was in it and what was said to it, and with a machine what was said to it.
@@ -168,22 +193,11 @@ class Attempt {
     if (edit.number) fleetAfter_.groups.push_back({edit.name, *edit.number});
   }
 
-  void editMember(const ChangeSet::MemberEdit& edit) {
-    std::erase(fleetAfter_.members, edit.member);
-    if (edit.isMember) fleetAfter_.members.push_back(edit.member);
-  }
-
   void dropWhatIsSo(ChangeSet& changes) {
-    // Of two edits of one thing the later counts, and only where it changes something.
-    std::set<std::pair<std::string, Identity>> seen;
-    std::vector<ChangeSet::SettingEdit> kept;
-    for (auto edit = changes.settings.rbegin(); edit != changes.settings.rend(); ++edit) {
-      if (!seen.emplace(edit->scope, edit->identity).second) continue;
-      const Setting* const is = find(before_, edit->scope, edit->identity);
-      const bool isSo = edit->after ? is != nullptr && is->saysAs(*edit->after) : is == nullptr;
-      if (!isSo) kept.push_back(std::move(*edit));
-    }
-    changes.settings.assign(std::make_move_iterator(kept.rbegin()), std::make_move_iterator(kept.rend()));
+    std::erase_if(changes.settings, [this](const ChangeSet::SettingEdit& edit) {
+      const Setting* const is = find(before_, edit.scope, edit.identity);
+      return edit.after ? is != nullptr && is->saysAs(*edit.after) : is == nullptr;
+    });
     std::erase_if(changes.groups, [this](const ChangeSet::GroupEdit& edit) {
       const auto is = std::find_if(fleetBefore_.groups.begin(), fleetBefore_.groups.end(),
                                    [&edit](const Group& group) { return group.name == edit.name; });
@@ -193,9 +207,8 @@ class Attempt {
       return fleetBefore_.withdrawn.contains(edit.client) == edit.isWithdrawn;
     });
     const std::set<Member> members(fleetBefore_.members.begin(), fleetBefore_.members.end());
-    std::set<Member> edited;
-    std::erase_if(changes.members, [&](const ChangeSet::MemberEdit& edit) {
-      return members.contains(edit.member) == edit.isMember || !edited.insert(edit.member).second;
+    std::erase_if(changes.members, [&members](const ChangeSet::MemberEdit& edit) {
+      return members.contains(edit.member) == edit.isMember;
     });
   }
 
@@ -226,10 +239,10 @@ class Attempt {
                        std::to_string(group.number) +
                        "; it decides which of them counts, so each group has one of its own");
     }
+    std::set<std::string> names;
+    for (const Group& group : fleetAfter_.groups) names.insert(group.name);
     for (const Member& member : fleetAfter_.members) {
-      const bool isThere = std::any_of(fleetAfter_.groups.begin(), fleetAfter_.groups.end(),
-                                       [&member](const Group& group) { return group.name == member.group; });
-      if (!isThere)
+      if (!names.contains(member.group))
         return refused("there is no group \"" + member.group +
                        "\"; \"overhub groups\" lists those there are");
     }
@@ -240,18 +253,22 @@ class Attempt {
   void noteWayBack(const ChangeSet& changes, Effects& effects) const {
     for (const auto& edit : changes.settings) {
       const Setting* const was = find(before_, edit.scope, edit.identity);
-      const bool isRemovedClient = clientOfScope(edit.scope) != 0 &&
-                                   std::find(changes.removedClients.begin(), changes.removedClients.end(),
-                                             clientOfScope(edit.scope)) != changes.removedClients.end();
-      if (isRemovedClient) continue;
+      if (removed_.contains(clientOfScope(edit.scope))) continue;
       for (const Setting* const setting : {was, edit.after ? &*edit.after : nullptr})
         if (setting != nullptr && programs::isWayBack(recordOf(*setting)))
           effects.wayBackValue = "\"" + edit.identity.name + "\" in \"" + setting->path + "\"";
+      if (edit.after && edit.after->expires != 0 && programs::isWayBack(recordOf(*edit.after)))
+        effects.endingWayBack = effects.wayBackValue;
     }
   }
 
   CWmError checkEffects(const Effects& effects) const {
     if (!effects.conflict.empty()) return refused(effects.conflict);
+    if (!effects.endingWayBack.empty())
+      return refused(
+          effects.endingWayBack +
+          " is what a client needs to come back to its server, and at its end nothing would be in its "
+          "place; set it without --until");
     if (effects.wayBackValue.empty() || note_.isForced || note_.isDryRun) return {};
     return refused(
         effects.wayBackValue +
@@ -271,8 +288,7 @@ class Attempt {
 
   CWmError addClients(ChangeSet& changes, ChangeResult& result) {
     std::int64_t highest = 0;
-    session_ << "SELECT value FROM counters WHERE name = :name", use(std::string(kClientIdCounter)),
-        into(highest);
+    session_ << "SELECT value FROM counters WHERE name = :name", use(kClientIdCounter), into(highest);
     const std::int64_t before = highest;
     for (ChangeSet::NewClient& wanted : changes.newClients) {
       Client& client = wanted.client;
@@ -287,7 +303,7 @@ class Attempt {
     }
     if (highest != before)
       session_ << "UPDATE counters SET value = :value WHERE name = :name", use(highest),
-          use(std::string(kClientIdCounter));
+          use(kClientIdCounter);
     return {};
   }
 
@@ -295,6 +311,7 @@ class Attempt {
   const ChangeNote& note_;
   std::int64_t revision_;
   std::set<std::string> names_;
+  std::set<std::int64_t> removed_;  // clients
   TouchedSettings before_;
   TouchedSettings after_;
   Fleet fleetBefore_;
@@ -304,14 +321,13 @@ class Attempt {
 }  // namespace
 
 bool ChangeSet::isEmpty() const {
-  return settings.empty() && groups.empty() && members.empty() && newClients.empty() && removedClients.empty() &&
-         withdrawals.empty();
+  return settings.empty() && groups.empty() && members.empty() && newClients.empty() &&
+         removedClients.empty() && withdrawals.empty();
 }
 
 std::int64_t newestRevision(soci::session& session) {
   std::int64_t revision = 0;
-  session << "SELECT value FROM counters WHERE name = :name", use(std::string(kRevisionCounter)),
-      into(revision);
+  session << "SELECT value FROM counters WHERE name = :name", use(kRevisionCounter), into(revision);
   return revision;
 }
 
@@ -319,13 +335,14 @@ CWmError makeChange(const Database& database, const ChangeNote& note, const Chan
                     ChangeResult& result) {
   const std::string operation = newSessionKeyHex();  // as random as an operation has to be
   bool isLeft = false;                               // weighed, and there is nothing to write
-  const CWmError error = database.writeOnce([&](soci::session& session) -> CWmError {
+  CWmError error = database.writeOnce([&](soci::session& session) -> CWmError {
     isLeft = false;
-    const std::int64_t revision = takeRevision(session);
+    takeTurn(session);
     if (const std::int64_t done = revisionOf(session, operation); done != 0) {
       result.revision = done;
       return {};
     }
+    const std::int64_t revision = takeRevision(session);
     result = ChangeResult();
     ChangeSet changes;
     CWmError fault = build(session, changes);
@@ -338,5 +355,9 @@ CWmError makeChange(const Database& database, const ChangeNote& note, const Chan
     result.revision = revision;
     return attempt.write(changes, operation, database.now(session), result);
   });
-  return isLeft ? CWmError() : error;
+  if (isLeft) return {};
+  if (error.IsError()) result = ChangeResult();
+  if (error.GetCode() != kLqErrConnectionLost) return error;
+  return {kLqErrConnectionLost, std::string(error.AsString()) +
+                                    "; whether the change was made is not known, \"overhub log\" tells"};
 }

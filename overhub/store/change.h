@@ -67,6 +67,7 @@ struct Effects {
   std::vector<std::string> machines;       // that get something else than before, ascending
   std::vector<std::string> wayBack;        // those that might not come back to their server
   std::string wayBackValue;                // a value of it; empty: none is touched, on no machine
+  std::string endingWayBack;               // one of them that would end by itself; empty: none
   std::string conflict;                    // why it cannot be handed out to some machine; empty: it can
   std::vector<std::int64_t> newScopesFor;  // the ids of clients that are in other groups than before
 };

@@ -1,5 +1,6 @@
 #include "overhub/store/clients.h"
 
+#include "lqregistry/LQClient.h"
 #include "overhub/store/query.h"
 #include "overhub/store/schema.h"
 
@@ -28,16 +29,17 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
     row.isCacheUnknown = isUnknown != 0;
     contacts.push_back(row);
   };
-  forEachRow(session,
-             "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
-             " most_records, proving, proven, proven_revision, base, touched, is_cache_unknown, outcome,"
-             " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
-                 condition,
-             keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen),
-             into(row.handed), into(row.handedRevision), into(row.handedTime), into(row.records),
-             into(row.mostRecords), into(row.proving), into(row.proven), into(row.provenRevision),
-             into(row.base), into(row.touched), into(isUnknown), into(row.outcome), into(row.outcomeTime),
-             into(row.outcomeSince), into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
+  forEachRow(
+      session,
+      "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
+      " most_records, proving, proven, proven_revision, base, touched, doubted, is_cache_unknown, outcome,"
+      " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
+          condition,
+      keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen), into(row.handed),
+      into(row.handedRevision), into(row.handedTime), into(row.records), into(row.mostRecords),
+      into(row.proving), into(row.proven), into(row.provenRevision), into(row.base), into(row.touched),
+      into(row.doubted), into(isUnknown), into(row.outcome), into(row.outcomeTime), into(row.outcomeSince),
+      into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
 
@@ -54,7 +56,8 @@ std::vector<Client> allClients(soci::session& session) {
 }
 
 bool isIdTaken(soci::session& session, std::int64_t id) {
-  return !selectClients(session, "id = :id", use(id, "id")).empty();
+  return id == static_cast<std::int64_t>(kServerClientId) ||
+         !selectClients(session, "id = :id", use(id, "id")).empty();
 }
 
 void addClient(soci::session& session, const Client& client, const std::string& protectedKey) {
@@ -62,12 +65,8 @@ void addClient(soci::session& session, const Client& client, const std::string& 
              " :session_key, :host, :revision, :open)",
       use(client.id, "id"), use(client.name, "name"), use(protectedKey, "session_key"),
       use(client.host, "host"), use(client.validFrom, "revision"), use(kOpen, "open");
-  session << "INSERT INTO contacts (client, address, first_seen, last_seen, handed, handed_revision,"
-             " handed_time, records, most_records, proving, proven, proven_revision, base, touched,"
-             " is_cache_unknown, outcome, outcome_time, outcome_since, refusal, refused_since) VALUES "
-             "(:client, '', 0,"
-             " 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, :revision, 0, 0, 0, 0, '', 0)",
-      use(client.id, "client"), use(client.validFrom, "revision");
+  session << "INSERT INTO contacts (client, touched) VALUES (:client, :revision)", use(client.id, "client"),
+      use(client.validFrom, "revision");
 }
 
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision) {
@@ -77,13 +76,15 @@ void removeClient(soci::session& session, std::int64_t id, std::int64_t revision
     session << "DELETE FROM " << table << " WHERE client = :id", use(id, "id");
 }
 
-std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision) {
-  std::set<std::int64_t> ids;
+std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::int64_t revision) {
+  std::map<std::int64_t, std::int64_t> withdrawals;
   std::int64_t id = 0;
+  std::int64_t since = 0;
   forEachRow(
-      session, "SELECT client FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
-      [&] { ids.insert(id); }, into(id), use(revision, "revision"), use(revision, "at"));
-  return ids;
+      session, "SELECT client, valid_from FROM withdrawals WHERE valid_from <= :revision AND valid_to > :at",
+      [&] { withdrawals[id] = since; }, into(id), into(since), use(revision, "revision"),
+      use(revision, "at"));
+  return withdrawals;
 }
 
 bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision) {
@@ -139,7 +140,7 @@ void touchClient(soci::session& session, std::int64_t id, std::int64_t revision)
 
 void doubtCache(soci::session& session, std::int64_t id) {
   // Nor does what was handed out before, or is on its way, prove anything of what is there now.
-  session
-      << "UPDATE contacts SET base = 0, is_cache_unknown = 1, proving = 0, proven = 0 WHERE client = :client",
-      use(id, "client");
+  session << "UPDATE contacts SET base = 0, is_cache_unknown = 1, proving = 0, proven = 0, doubted ="
+             " (SELECT value FROM counters WHERE name = :counter) WHERE client = :client",
+      use(kRevisionCounter, "counter"), use(id, "client");
 }

@@ -4,8 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +34,7 @@ struct Contact {
   std::int64_t provenRevision = 0;
   std::int64_t base = 0;     // what hand-outs from this number on carried may still be on the machine
   std::int64_t touched = 0;  // the newest revision that changed which groups it is in, or made it one
+  std::int64_t doubted = 0;  // the revision at which it was last doubted what it holds
   bool isCacheUnknown = false;
   std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
   std::int64_t outcomeTime = 0;
@@ -45,16 +46,16 @@ struct Contact {
 std::optional<Client> findClient(soci::session& session, const std::string& name);
 // All that have not been removed; in no order.
 std::vector<Client> allClients(soci::session& session);
-// Whether the id was ever given to anybody.
+// Whether the id was ever given to anybody, or is the server's own.
 bool isIdTaken(soci::session& session, std::int64_t id);
 
 void addClient(soci::session& session, const Client& client, const std::string& protectedKey);
 // Its name is free and its key gone from the revision on; its id is not given again.
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision);
 
-// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is taken
-// back.
-std::set<std::int64_t> withdrawnAt(soci::session& session, std::int64_t revision);
+// The clients from which everything is withdrawn: they are in no scope, until they are removed or that is
+// taken back. By id, with the revision that it began with.
+std::map<std::int64_t, std::int64_t> withdrawalsAt(soci::session& session, std::int64_t revision);
 bool isWithdrawn(soci::session& session, std::int64_t id, std::int64_t revision);
 void beginWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);
 void endWithdrawal(soci::session& session, std::int64_t id, std::int64_t revision);

@@ -21,7 +21,7 @@ namespace {
 using soci::into;
 using soci::use;
 
-constexpr const char* kCopyFact = "copy";  // when the copy was made; only in copies
+const std::string kCopyFact = "copy";  // when the copy was made; only in copies
 
 // What a store can have given out since it was copied, with much to spare.
 constexpr std::int64_t kRevisionGap = 1'000'000;
@@ -85,7 +85,7 @@ CWmError syncFolder(const std::string& file) {
 }
 
 // Takes the counter's row, so that of several who open a copy one begins the epoch.
-std::int64_t raise(soci::session& session, const char* counter, std::int64_t gap) {
+std::int64_t raise(soci::session& session, const std::string& counter, std::int64_t gap) {
   std::int64_t value = 0;
   session << "UPDATE counters SET value = value WHERE name = :name", use(std::string(counter));
   session << "SELECT value FROM counters WHERE name = :name", use(std::string(counter)), into(value);
@@ -96,7 +96,7 @@ std::int64_t raise(soci::session& session, const char* counter, std::int64_t gap
 
 std::string timeOfCopy(soci::session& session) {
   std::string time;
-  session << "SELECT value FROM facts WHERE name = :name", use(std::string(kCopyFact)), into(time);
+  session << "SELECT value FROM facts WHERE name = :name", use(kCopyFact), into(time);
   return time;
 }
 
@@ -121,7 +121,7 @@ CWmError copyStore(const Store& store, const std::string& wanted) {
 }
 
 void markAsCopy(soci::session& session, const std::string& time) {
-  session << "INSERT INTO facts (name, value) VALUES (:name, :value)", use(std::string(kCopyFact)), use(time);
+  session << "INSERT INTO facts (name, value) VALUES (:name, :value)", use(kCopyFact), use(time);
 }
 
 CWmError beginEpoch(const Database& database, std::string& notice) {
@@ -144,12 +144,13 @@ CWmError beginEpoch(const Database& database, std::string& notice) {
     session << "UPDATE contacts SET base = 0, proving = 0, proven = 0, is_cache_unknown = 1,"
                " handed = handed + :gap, most_records = most_records + :more",
         use(kHandOutGap), use(kMoreRecords);
-    session << "DELETE FROM facts WHERE name = :name", use(std::string(kCopyFact));
+    session << "DELETE FROM facts WHERE name = :name", use(kCopyFact);
     const std::string command = "restore of the copy of " + time;
     writeRevision(session, {revision, database.now(session), "overhub", "", command}, operation);
     notice = "this store is the copy of " + time + ", restored: revisions go on from " +
              std::to_string(revision) +
-             ", and until two passes in a row a client is handed all removals that it may need";
+             ", and each client is handed all removals that it may need until it has acknowledged two passes "
+             "in a row";
     return {};
   });
   return isOthers ? CWmError() : begun;

@@ -41,12 +41,16 @@ class Database::Lease {
 Database::Database(std::unique_ptr<Engine> engine) : engine_(std::move(engine)) {}
 Database::~Database() = default;
 
+std::unique_lock<std::mutex> Database::takeTurn() const {
+  return engine_->writesOneAtATime() ? std::unique_lock(writing_) : std::unique_lock<std::mutex>();
+}
+
 std::unique_ptr<soci::session> Database::take() const {
   {
     std::unique_lock lock(mutex_);
     if (!given_.wait_for(lock, kSessionPatience, [this] { return inUse_ < kMaxSessions; }))
-      throw std::runtime_error("all its sessions have been busy for " + std::to_string(kSessionPatience.count()) +
-                               " s");
+      throw std::runtime_error("all its sessions have been busy for " +
+                               std::to_string(kSessionPatience.count()) + " s");
     ++inUse_;
     if (!idle_.empty()) {
       auto session = std::move(idle_.back());
@@ -126,16 +130,27 @@ CWmError Database::read(const Work& work) const {
   return repeat(engine_->beginReading(), work, true, kTriesOnTheSpot);
 }
 
+CWmError Database::peek(const Work& work) const {
+  return repeat(engine_->beginReading(), work, true, 1);
+}
+
 CWmError Database::write(const Work& work) const {
+  const auto turn = takeTurn();
   return repeat(engine_->beginWriting(), work, false, kTriesOnTheSpot);
 }
 
 CWmError Database::writeOnce(const Work& work) const {
+  const auto turn = takeTurn();
   return repeat(engine_->beginWriting(), work, true, kTries);
 }
 
 std::int64_t Database::now(soci::session& session) const {
   std::int64_t time = 0;
   session << "SELECT " << engine_->now(), soci::into(time);
-  return time;
+  // Neither a clock that was set back nor that of a standby that has taken over lets what has ended begin
+  // again.
+  std::int64_t newest = 0;
+  session << "SELECT time FROM revisions WHERE number = (SELECT MAX(number) FROM revisions)",
+      soci::into(newest);
+  return std::max(time, newest);
 }

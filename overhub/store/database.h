@@ -36,6 +36,9 @@ class Database {
   // Done in whole or not at all. An error with kLqErrConnectionLost: whether it was done is not known.
   CWmError write(const Work& work) const;
 
+  // The same as read(), for whoever keeps others waiting: a store that is away is an error at once.
+  CWmError peek(const Work& work) const;
+
   // The same for work that finds out by itself whether it has been done, by something that it stores: it is
   // begun again until an answer has come, or the patience with the store is at its end.
   CWmError writeOnce(const Work& work) const;
@@ -47,6 +50,7 @@ class Database {
   class Lease;
   enum class Ending { kDone, kRefused, kLostBefore, kLostAtCommit, kOutOfTurn };
 
+  std::unique_lock<std::mutex> takeTurn() const;
   std::unique_ptr<soci::session> take() const;
   void giveBack(std::unique_ptr<soci::session> session) const;
   void forgetIdle() const;
@@ -54,6 +58,9 @@ class Database {
   CWmError repeat(const char* begin, const Work& work, bool evenAtCommit, int tries) const;
 
   std::unique_ptr<Engine> engine_;
+  // Held by whoever writes, where the engine lets one write at a time: waiting for each other in the file
+  // takes no turns, and some would wait for long.
+  mutable std::mutex writing_;
   mutable std::mutex mutex_;  // guards what follows
   mutable std::condition_variable given_;
   mutable std::vector<std::unique_ptr<soci::session>> idle_;

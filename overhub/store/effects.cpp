@@ -8,8 +8,11 @@
 
 namespace {
 
+// Whether a time has come is the hand-out's to see; what a change does is weighed as if none had.
+constexpr std::int64_t kNoEndYet = 0;
+
 EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<std::string>& names,
-                         const TouchedSettings& settings) {
+                         const TouchedSettings& settings, std::int64_t moment) {
   std::vector<std::vector<Setting>> said;
   for (const std::string& scope : scopes) {
     std::vector<Setting>& here = said.emplace_back();
@@ -17,8 +20,7 @@ EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<
       if (const auto found = settings.find({scope, name}); found != settings.end())
         here.insert(here.end(), found->second.begin(), found->second.end());
   }
-  // Whether a time has come is the hand-out's to see; a change is weighed as if none had.
-  return effectiveSettings(said, 0);
+  return effectiveSettings(said, moment);
 }
 
 bool isWayBack(const Setting& setting) {
@@ -47,6 +49,7 @@ std::map<Identity, Difference> differences(const EffectiveSettings& before, cons
 
 // Machines for which a change does the same: what they hear of these values comes from the same scopes.
 struct Kind {
+  bool isNew = false;  // machines that come with the change; they had nothing
   std::vector<std::string> before;
   std::vector<std::string> after;
 
@@ -79,6 +82,24 @@ void add(const Identity& identity, const Difference& difference, const std::vect
   }
 }
 
+// Whether these machines could be handed out what they get, now and after each end that is to come: with it
+// something farther counts.
+void noteConflict(const Kind& kind, const std::vector<const Client*>& machines,
+                  const std::set<std::string>& names, const TouchedSettings& after, Effects& effects) {
+  std::set<std::int64_t> moments{kNoEndYet};
+  for (const std::string& scope : kind.after)
+    for (const std::string& name : names)
+      if (const auto said = after.find({scope, name}); said != after.end())
+        for (const Setting& setting : said->second)
+          if (setting.expires != 0) moments.insert(setting.expires + 1);
+  for (const std::int64_t moment : moments) {
+    if (!effects.conflict.empty()) return;
+    effects.conflict = expiryConflict(merged(kind.after, names, after, moment));
+    if (!effects.conflict.empty())
+      effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
+  }
+}
+
 void sortUnique(std::vector<std::string>& names) {
   std::sort(names.begin(), names.end());
   names.erase(std::unique(names.begin(), names.end()), names.end());
@@ -93,27 +114,32 @@ Effects weigh(const std::set<std::string>& names, const TouchedSettings& before,
   const ScopeFinder finderAfter(fleetAfter);
   const std::set<std::string> speakersBefore = speakersOf(before);
   const std::set<std::string> speakersAfter = speakersOf(after);
+  std::set<std::int64_t> known;
+  for (const Client& client : fleetBefore.clients) known.insert(client.id);
   std::map<Kind, std::vector<const Client*>> kinds;
   for (const Client& client : fleetAfter.clients) {
-    const std::vector<std::string> scopesBefore = finderBefore.scopesOf(client);
+    const bool isNew = !known.contains(client.id);
+    const std::vector<std::string> scopesBefore =
+        isNew ? std::vector<std::string>() : finderBefore.scopesOf(client);
     const std::vector<std::string> scopesAfter = finderAfter.scopesOf(client);
-    if (scopesBefore != scopesAfter) effects.newScopesFor.push_back(client.id);
-    kinds[{speaking(scopesBefore, speakersBefore), speaking(scopesAfter, speakersAfter)}].push_back(&client);
+    if (!isNew && scopesBefore != scopesAfter) effects.newScopesFor.push_back(client.id);
+    kinds[{isNew, speaking(scopesBefore, speakersBefore), speaking(scopesAfter, speakersAfter)}].push_back(
+        &client);
   }
 
   std::map<std::tuple<Identity, std::string, std::string>, std::int64_t> values;
   for (const auto& [kind, machines] : kinds) {
-    const EffectiveSettings was = merged(kind.before, names, before);
-    const EffectiveSettings is = merged(kind.after, names, after);
+    if (kind.isNew) {
+      noteConflict(kind, machines, names, after, effects);
+      continue;
+    }
+    const EffectiveSettings was = merged(kind.before, names, before, kNoEndYet);
+    const EffectiveSettings is = merged(kind.after, names, after, kNoEndYet);
     const auto found = differences(was, is);
     if (found.empty()) continue;
     for (const auto& [identity, difference] : found) add(identity, difference, machines, values, effects);
     for (const Client* const client : machines) effects.machines.push_back(client->name);
-    if (effects.conflict.empty()) {
-      effects.conflict = expiryConflict(is);
-      if (!effects.conflict.empty())
-        effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
-    }
+    noteConflict(kind, machines, names, after, effects);
   }
   for (const auto& [key, machines] : values)
     effects.values.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), machines});

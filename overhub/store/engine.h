@@ -16,10 +16,9 @@ class session;
 
 // What an engine's exception means for whoever runs a transaction.
 enum class Fault {
-  kOther,       // trying again would not help
-  kLost,        // the connection is gone; whether a COMMIT was carried out is not known
-  kOutOfTurn,   // somebody else was in the way; nothing was done, and a new try may succeed
-  kConstraint,  // a row that there may be only once is there already
+  kOther,      // trying again would not help
+  kLost,       // the connection is gone; whether a COMMIT was carried out is not known
+  kOutOfTurn,  // somebody else was in the way; nothing was done, and a new try may succeed
 };
 
 class Engine {
@@ -41,7 +40,11 @@ class Engine {
 
   virtual const char* beginReading() const = 0;  // a transaction that sees one state and changes nothing
   virtual const char* beginWriting()
-      const = 0;                        // one that waits its turn at its beginning, or at its first write
+      const = 0;  // one that waits its turn at its beginning, or at its first write
+  // Whether a second writer waits for the first in any case.
+  virtual bool writesOneAtATime() const = 0;
+  // Selects whether there is a table `counters`, and how many tables there are.
+  virtual const char* tables() const = 0;
   virtual const char* now() const = 0;  // the store's clock, whole seconds since the epoch
 
   // For texts; without passwords.

@@ -1,6 +1,7 @@
 #include <soci/postgresql/soci-postgresql.h>
 #include <soci/soci.h>
 
+#include <algorithm>
 #include <regex>
 #include <stdexcept>
 
@@ -39,6 +40,9 @@ bool isLost(const std::exception& fault) {
 std::string reasonOf(const std::exception& fault) {
   const auto* const general = dynamic_cast<const soci::soci_error*>(&fault);
   std::string reason = general == nullptr ? fault.what() : general->get_error_message();
+  // It would show the piece of the URI that it does not understand, which may be of the password.
+  if (reason.find("percent-encoded") != std::string::npos)
+    return "in its URI a % is not followed by two digits";
   while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) reason.pop_back();
   return reason;
 }
@@ -49,12 +53,17 @@ std::string withParameter(const std::string& uri, const std::string& name, const
   return uri + (uri.find('?') == std::string::npos ? '?' : '&') + name + '=' + value;
 }
 
+// For texts: whatever stands between the user and the last "@" before the parameters, and the parameter.
+std::string withoutPassword(const std::string& uri) {
+  const std::size_t end = std::min(uri.find('?'), uri.size());
+  const std::string authority =
+      std::regex_replace(uri.substr(0, end), std::regex("(://[^:/]*):.*@"), "$1:********@");
+  return authority + std::regex_replace(uri.substr(end), std::regex("(password=)[^&]*"), "$1********");
+}
+
 class Postgresql : public Engine {
  public:
-  explicit Postgresql(const std::string& uri)
-      : Engine(
-            std::regex_replace(std::regex_replace(uri, std::regex("(://[^:/@?]*):[^@/?]*@"), "$1:********@"),
-                               std::regex("(password=)[^&]*"), "$1********")) {
+  explicit Postgresql(const std::string& uri) : Engine(withoutPassword(uri)) {
     uri_ = withParameter(uri, "connect_timeout", kConnectSeconds);
     uri_ = withParameter(uri_, "tcp_user_timeout", kUnansweredMilliseconds);
     uri_ = withParameter(uri_, "target_session_attrs", "read-write");
@@ -76,9 +85,10 @@ class Postgresql : public Engine {
 
   Fault faultOf(const std::exception& fault) const override {
     const std::string state = stateOf(fault);
-    // A deadlock, a state that has moved on, a lock that was not had in time.
-    if (state == "40P01" || state == "40001" || state == "55P03") return Fault::kOutOfTurn;
-    if (state.starts_with("23")) return Fault::kConstraint;
+    // A deadlock, a state that has moved on, a lock that was not had in time; a table or a row that somebody
+    // else has made meanwhile.
+    for (const char* const known : {"40P01", "40001", "55P03", "42P07", "23505"})
+      if (state == known) return Fault::kOutOfTurn;
     return isLost(fault) ? Fault::kLost : Fault::kOther;
   }
 
@@ -95,16 +105,23 @@ class Postgresql : public Engine {
   std::string doubt(soci::session& session) const override {
     std::string value;
     session << "SELECT setting FROM pg_settings WHERE name = 'synchronous_commit'", soci::into(value);
-    if (value != "off") {
+    if (value != "off" && value != "local") {
       session << "SELECT setting FROM pg_settings WHERE name = 'fsync'", soci::into(value);
       if (value != "off") return {};
       return place() + " runs with fsync = off: a power cut may damage the store";
     }
-    return place() + " runs with synchronous_commit = off: a crash may lose what was acknowledged last";
+    return place() + " runs with synchronous_commit = " + value +
+           ": a crash may lose what was acknowledged last";
   }
 
   const char* beginReading() const override { return "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"; }
   const char* beginWriting() const override { return "BEGIN"; }
+  bool writesOneAtATime() const override { return false; }
+  // Where a statement finds them, which need not be the public schema.
+  const char* tables() const override {
+    return "SELECT CASE WHEN to_regclass('counters') IS NULL THEN 0 ELSE 1 END, COUNT(*) FROM pg_tables WHERE"
+           " schemaname = current_schema()";
+  }
   const char* now() const override { return "CAST(EXTRACT(EPOCH FROM clock_timestamp()) AS BIGINT)"; }
 
  private:

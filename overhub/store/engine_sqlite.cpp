@@ -20,7 +20,6 @@ constexpr int kReadOnly = 8;
 constexpr int kInputOutput = 10;
 constexpr int kCorrupt = 11;
 constexpr int kCannotOpen = 14;
-constexpr int kConstraint = 19;
 constexpr int kNoDatabase = 26;
 constexpr int kPrimaryCode = 0xff;  // what of an extended code is the code
 
@@ -32,10 +31,15 @@ int codeOf(const std::exception& fault) {
   return ours == nullptr ? 0 : ours->result() & kPrimaryCode;
 }
 
-// Not what(): that has the values of the statement in it, and some are secrets.
+// Not what(): that has the values of the statement in it, and some are secrets. Nor the function of the
+// library's that noticed, which the text begins with.
 std::string reasonOf(const std::exception& fault) {
   const auto* const general = dynamic_cast<const soci::soci_error*>(&fault);
-  return general == nullptr ? fault.what() : general->get_error_message();
+  if (general == nullptr) return fault.what();
+  std::string reason = general->get_error_message();
+  const std::size_t end = reason.find(": ");
+  if (end != std::string::npos && reason.find("::") < end) reason.erase(0, end + 2);
+  return reason;
 }
 
 // As a URI, which alone can say that a file that is not there must not be made; any path can be written so.
@@ -86,10 +90,8 @@ class Sqlite : public Engine {
     }
   }
 
-  Fault faultOf(const std::exception& fault) const override {
-    // Whoever finds the file busy has waited for it already.
-    return codeOf(fault) == kConstraint ? Fault::kConstraint : Fault::kOther;
-  }
+  // Whoever finds the file busy has waited for it already.
+  Fault faultOf(const std::exception&) const override { return Fault::kOther; }
 
   std::string explain(const std::exception& fault) const override {
     const std::string text = place() + ": " + reasonOf(fault);
@@ -116,6 +118,11 @@ class Sqlite : public Engine {
   const char* beginReading() const override { return "BEGIN"; }
   // One that reads first and writes then would fail beside another writer instead of waiting for it.
   const char* beginWriting() const override { return "BEGIN IMMEDIATE"; }
+  bool writesOneAtATime() const override { return true; }
+  const char* tables() const override {
+    return "SELECT COALESCE(SUM(CASE WHEN name = 'counters' THEN 1 ELSE 0 END), 0), COUNT(*) FROM "
+           "sqlite_master";
+  }
   const char* now() const override { return "CAST(strftime('%s', 'now') AS INTEGER)"; }
 };
 

@@ -78,6 +78,28 @@ std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId,
   return scopes;
 }
 
+std::set<std::int64_t> scopeChangesOf(soci::session& session, std::int64_t clientId,
+                                      const std::string& client) {
+  std::set<std::int64_t> changes;
+  std::string pattern;
+  std::int64_t from[2] = {0, 0};
+  std::int64_t to[2] = {0, 0};
+  const auto keep = [&] {
+    if (!isMeantBy(pattern, client)) return;
+    changes.insert(std::begin(from), std::end(from));
+    changes.insert(std::begin(to), std::end(to));
+  };
+  forEachRow(session,
+             "SELECT m.pattern, m.valid_from, m.valid_to, g.valid_from, g.valid_to FROM members m JOIN"
+             " machine_groups g ON g.name = m.machine_group WHERE m.is_live = 1 OR m.pattern = :client",
+             keep, into(pattern), into(from[0]), into(to[0]), into(from[1]), into(to[1]),
+             use(client, "client"));
+  pattern = client;
+  forEachRow(session, "SELECT valid_from, valid_to FROM withdrawals WHERE client = :client", keep,
+             into(from[0]), into(to[0]), use(clientId, "client"));
+  return changes;
+}
+
 void beginGroup(soci::session& session, const Group& group, std::int64_t revision) {
   session
       << "INSERT INTO machine_groups (name, number, valid_from, valid_to) VALUES (:name, :number, :revision,"

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ std::vector<Member> membersAt(soci::session& session, std::int64_t revision);
 // everything is withdrawn from it.
 std::vector<std::string> scopesOf(soci::session& session, std::int64_t clientId, const std::string& client,
                                   std::int64_t revision);
+
+// The revisions that may have changed a machine's scopes.
+std::set<std::int64_t> scopeChangesOf(soci::session& session, std::int64_t clientId,
+                                      const std::string& client);
 
 // What changes make of them, from a revision on.
 void beginGroup(soci::session& session, const Group& group, std::int64_t revision);

@@ -1,6 +1,8 @@
 #include "overhub/store/hand_out.h"
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 #include "overhub/store/acknowledgements.h"
 #include "overhub/store/change.h"
@@ -58,16 +60,25 @@ bool wasValidAtAny(const Setting& setting, const std::vector<std::int64_t>& revi
 // succeeds gathers them.
 HeldSettings heldSettings(soci::session& session, const Contact& contact, const std::string& client,
                           const std::vector<std::string>& scopesNow) {
+  const std::vector<std::int64_t> revisions = heldRevisions(session, contact);
+  if (revisions.empty()) return {};
   std::map<std::string, std::vector<std::int64_t>> heard;  // which scopes at which of them
-  for (const std::int64_t revision : heldRevisions(session, contact)) {
-    const bool isAsNow = revision >= contact.touched;
-    for (const std::string& scope : isAsNow ? scopesNow : scopesOf(session, contact.client, client, revision))
-      heard[scope].push_back(revision);
+  std::set<std::int64_t> moves;                            // the machine's, from one group to another
+  if (revisions.front() < contact.touched) moves = scopeChangesOf(session, contact.client, client);
+  std::vector<std::string> scopes;
+  for (std::size_t i = 0; i < revisions.size(); ++i) {
+    const std::int64_t revision = revisions[i];
+    if (revision >= contact.touched) {
+      scopes = scopesNow;
+    } else if (i == 0 || moves.upper_bound(revisions[i - 1]) != moves.upper_bound(revision)) {
+      scopes = scopesOf(session, contact.client, client, revision);
+    }
+    for (const std::string& scope : scopes) heard[scope].push_back(revision);
   }
   HeldSettings held;
-  for (const auto& [scope, revisions] : heard)
-    for (const Setting& setting : settingsSince(session, scope, revisions.front()))
-      if (wasValidAtAny(setting, revisions)) addHeld(setting, held);
+  for (const auto& [scope, at] : heard)
+    for (const Setting& setting : settingsSince(session, scope, at.front()))
+      if (wasValidAtAny(setting, at)) addHeld(setting, contact.doubted, held);
   return held;
 }
 
@@ -123,6 +134,7 @@ void noteSeen(soci::session& session, const Client& client, std::int64_t now) {
 // Makes the next hand-out of a client that was found, and whose row is taken.
 CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t now, HandOut& out) {
   Contact contact = contactOf(session, client.id);
+  if (contact.client == 0) return unknownClient(client.name);  // removed while this waited for its row
   CWmError error = makeBatch(session, client, contact, now, out);
   if (error.IsError()) return error;
   if (!out.refusal.empty()) {
@@ -145,7 +157,8 @@ CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t 
 
 CWmError machineState(soci::session& session, std::int64_t clientId, const std::string& client,
                       std::int64_t now, MachineState& state) {
-  // Once: a newer one may come while this goes on, and the batch has to be that of the revision it is noted with.
+  // Once: a newer one may come while this goes on, and the batch has to be that of the revision it is noted
+  // with.
   const std::int64_t revision = newestRevision(session);
   state.revision = revision;
   const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, revision);
@@ -183,9 +196,23 @@ CWmError handOutForPush(const Store& store, const std::string& name, HandOut& ou
     const std::int64_t now = database.now(session);
     session << "UPDATE contacts SET refusal = refusal WHERE client = :client", use(client->id);
     const Contact contact = contactOf(session, client->id);
+    if (contact.client == 0) return unknownClient(name);
     const CWmError error = makeBatch(session, *client, contact, now, out);
     if (!error.IsError() && out.refusal.empty()) noteHeld(session, contact, out.revision, now);
     return error;
+  });
+}
+
+CWmError notePushed(const Store& store, const std::string& name, const HandOut& out) {
+  const Database& database = store.database();
+  return database.write([&](soci::session& session) -> CWmError {
+    const auto client = findClient(session, name);
+    if (!client) return unknownClient(name);
+    session << "UPDATE contacts SET refusal = refusal WHERE client = :client", use(client->id);
+    const Contact contact = contactOf(session, client->id);
+    if (contact.client == 0) return unknownClient(name);
+    noteHeld(session, contact, out.revision, database.now(session));
+    return {};
   });
 }
 
@@ -240,8 +267,9 @@ CWmError acknowledge(const Store& store, const std::string& name, std::int64_t n
                " END, outcome = :outcome, outcome_time = :time, last_seen = :seen WHERE client = :client",
         use(taskStatus, "same"), use(now, "since"), use(taskStatus, "outcome"), use(now, "time"),
         use(now, "seen"), use(client->id, "client");
-    addAcknowledgement(session, client->id, {now, client->name, namedId, taskStatus});
     const Contact contact = contactOf(session, client->id);
+    if (contact.client == 0) return unknownClient(name);
+    addAcknowledgement(session, client->id, {now, client->name, namedId, taskStatus});
     if (number == 0 || contact.proving != number) return {};
     const bool isProof = taskStatus == OBGui::kTaskSuccess;
     const bool isSecond = isProof && contact.proven == number - 1 && contact.proven != 0;

@@ -31,6 +31,9 @@ CWmError handOut(const Store& store, const std::string& client, std::int64_t cla
 // The batch for a client that is called. It reaches the machine's registry and not its cache, so it proves
 // nothing.
 CWmError handOutForPush(const Store& store, const std::string& client, HandOut& out);
+// To be said once it was sent, whatever came of it: what was pushed may have been applied after hand-outs
+// that came meanwhile.
+CWmError notePushed(const Store& store, const std::string& client, const HandOut& out);
 
 // The static list. Whoever asks for it acknowledges no hand-out next.
 CWmError handOutStaticList(const Store& store, const std::string& client, HandOut& out);

@@ -85,8 +85,9 @@ void forEachTouched(soci::session& session, std::int64_t from, std::int64_t to, 
   for (const Setting& setting : settingsTouched(session, from, to))
     each(Valid<Setting>{setting, setting.validFrom, setting.validTo});
   const auto select = [&](const std::string& query, auto& row, auto&&... columns) {
-    forEachRow(session, query, [&] { each(row); }, into(columns)..., into(row.from), into(row.to),
-               use(from, "begun_from"), use(to, "begun_to"), use(from, "ended_from"), use(to, "ended_to"));
+    forEachRow(
+        session, query, [&] { each(row); }, into(columns)..., into(row.from), into(row.to),
+        use(from, "begun_from"), use(to, "begun_to"), use(from, "ended_from"), use(to, "ended_to"));
   };
   Valid<Group> group;
   select("SELECT name, number, valid_from, valid_to FROM machine_groups WHERE " + touched(""), group,
@@ -98,10 +99,11 @@ void forEachTouched(soci::session& session, std::int64_t from, std::int64_t to, 
   select("SELECT id, name, valid_from, valid_to FROM clients WHERE " + touched(""), client, client.what.id,
          client.what.name);
   Valid<std::pair<Client, bool>> withdrawn;
-  select("SELECT c.id, c.name, w.valid_from, w.valid_to FROM withdrawals w JOIN clients c ON c.id = w.client"
-         " WHERE " +
-             touched("w."),
-         withdrawn, withdrawn.what.first.id, withdrawn.what.first.name);
+  select(
+      "SELECT c.id, c.name, w.valid_from, w.valid_to FROM withdrawals w JOIN clients c ON c.id = w.client"
+      " WHERE " +
+          touched("w."),
+      withdrawn, withdrawn.what.first.id, withdrawn.what.first.name);
 }
 
 struct EverClient {
@@ -130,9 +132,8 @@ std::vector<Member> allEverMembers(soci::session& session) {
 // Whether a member is one of these machines, or takes one in.
 bool isAbout(const Member& member, const std::set<std::string>& clients) {
   if (!isPattern(member.pattern)) return clients.contains(member.pattern);
-  return std::any_of(clients.begin(), clients.end(), [&member](const std::string& client) {
-    return isMeantBy(member.pattern, client);
-  });
+  return std::any_of(clients.begin(), clients.end(),
+                     [&member](const std::string& client) { return isMeantBy(member.pattern, client); });
 }
 
 CWmError addGroupTo(soci::session& session, const std::string& group, HistoryFilter& filter) {
@@ -177,7 +178,8 @@ class Undo {
     if (!findRevision(session_, revision_))
       return refused("there is no revision " + std::to_string(revision_) + "; the newest is " +
                      std::to_string(newest));
-    for (const auto& [later, differences] : changesOf(session_, revision_, newest)) noteLater(later, differences);
+    for (const auto& [later, differences] : changesOf(session_, revision_, newest))
+      noteLater(later, differences);
     for (const Group& group : groupsAt(session_, newest)) groups_.insert(group.name);
     auto made = changesOf(session_, revision_ - 1, revision_);
     const Differences& differences = made[revision_];
@@ -188,7 +190,8 @@ class Undo {
     leftOut = leftOutText();
     if (!later_.empty()) return refused(laterText());
     if (changes_.isEmpty() && !leftOut.empty())
-      return refused("there is nothing of revision " + std::to_string(revision_) + " to put back: " + leftOut);
+      return refused("there is nothing of revision " + std::to_string(revision_) +
+                     " to put back: " + leftOut);
     return {};
   }
 
@@ -256,7 +259,8 @@ class Undo {
     if (removedIds_.contains(client)) return;
     const std::string what = "\"" + setting.identity.name + "\" in \"" + setting.identity.place + "\"";
     if (isChangedLater(settingLater_, {setting.scope, setting.identity}, what)) return;
-    if (const std::string group = groupOfScope(setting.scope); !group.empty() && setting.before && isGroupGone(group))
+    if (const std::string group = groupOfScope(setting.scope);
+        !group.empty() && setting.before && isGroupGone(group))
       return;
     if (client != 0 && !isClient(client) && isChangedLater(clientLater_, client, "its machine")) return;
     changes_.settings.push_back({setting.scope, setting.identity, setting.before});
@@ -272,17 +276,19 @@ class Undo {
     const auto& [number, what] = *later_.rbegin();
     const auto revision = findRevision(session_, number);
     return "revision " + std::to_string(number) +
-           (revision ? " of " + revision->who + " (" + revision->command + ")" : std::string()) + " has changed " +
-           what + " after revision " + std::to_string(revision_) + "; undo that one first, or set what is wanted";
+           (revision ? " of " + revision->who + " (" + revision->command + ")" : std::string()) +
+           " has changed " + what + " after revision " + std::to_string(revision_) +
+           "; undo that one first, or set what is wanted";
   }
 
   std::string leftOutText() const {
     std::string text;
     if (!added_.empty())
-      text = "the clients that it added stay (" + listed(added_) + "); \"overhub remove-client\" removes them";
+      text =
+          "the clients that it added stay (" + listed(added_) + "); \"overhub remove-client\" removes them";
     if (!removed_.empty())
-      text += (text.empty() ? "" : "; ") + std::string("the clients that it removed stay away (") + listed(removed_) +
-              "), with what was set for them; \"overhub add-client\" adds them anew";
+      text += (text.empty() ? "" : "; ") + std::string("the clients that it removed stay away (") +
+              listed(removed_) + "), with what was set for them; \"overhub add-client\" adds them anew";
     return text;
   }
 
@@ -348,7 +354,8 @@ CWmError filterFor(soci::session& session, const std::string& target, HistoryFil
       continue;
     }
     const bool isGroup = item.starts_with('@');
-    CWmError error = isGroup ? addGroupTo(session, item.substr(1), filter) : addMachinesTo(session, item, filter);
+    CWmError error =
+        isGroup ? addGroupTo(session, item.substr(1), filter) : addMachinesTo(session, item, filter);
     if (error.IsError()) return error;
   }
   return {};
@@ -384,7 +391,8 @@ ShownDifference shown(const SettingDifference& difference) {
   ShownDifference texts{shownInFull(before), shownInFull(after)};
   if (before == nullptr || after == nullptr) return texts;
   const bool isSameText = shownValue(*before) == shownValue(*after);
-  if (isSameText && (before->secret != after->secret || before->value != after->value)) texts.after += " (set anew)";
+  if (isSameText && (before->secret != after->secret || before->value != after->value))
+    texts.after += " (set anew)";
   if (before->path != after->path) texts.after += " (as " + after->path + ")";
   if (texts.before == texts.after) texts.after += " (as " + after->type + ")";
   return texts;

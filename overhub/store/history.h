@@ -1,7 +1,7 @@
 // The history: what revisions changed, looked at, compared and put back.
 //
-// Nothing in the store is overwritten, so what a revision changed is what differs between the state before it and
-// its own, and two revisions differ in what the states of both do.
+// Nothing in the store is overwritten, so what a revision changed is what differs between the state before it
+// and its own, and two revisions differ in what the states of both do.
 //
 // Within a unit of work (database.h), which gives the session; what goes wrong is thrown to it.
 #pragma once
@@ -50,8 +50,8 @@ struct Differences {
   std::size_t count() const;
 };
 
-// What is different at `to` from what was at `from`; what came and went in between is not. `from` may be the later
-// one.
+// What is different at `to` from what was at `from`; what came and went in between is not. `from` may be the
+// later one.
 Differences differencesBetween(soci::session& session, std::int64_t from, std::int64_t to);
 
 // What each revision after `from`, up to `to`, changed. Those that changed nothing here are not in it.
@@ -66,16 +66,16 @@ struct HistoryFilter {
   std::string name;                             // empty: any
 };
 
-// What a target means at any time: also machines and groups that are no more. A machine brings in the scopes of
-// all groups that it was ever in, and that of all, which it may have got a value from. An error when there never
-// was such a one.
+// What a target means at any time: also machines and groups that are no more. A machine brings in the scopes
+// of all groups that it was ever in, and that of all, which it may have got a value from. An error when there
+// never was such a one.
 CWmError filterFor(soci::session& session, const std::string& target, HistoryFilter& filter);
 
 // Leaves what the filter does not mean out.
 void keepOnly(const HistoryFilter& filter, Differences& differences);
 
-// What a person sees of a setting before and after, secrets hidden, "(not set)" for nothing. Both differ whenever
-// something does; of a secret they tell only that it was set anew.
+// What a person sees of a setting before and after, secrets hidden, "(not set)" for nothing. Both differ
+// whenever something does; of a secret they tell only that it was set anew.
 struct ShownDifference {
   std::string before;
   std::string after;
@@ -85,13 +85,13 @@ ShownDifference shown(const SettingDifference& difference);
 // What an undo does not put back, in words; empty when there is nothing.
 using LeftOut = std::string;
 
-// What puts back what a revision changed. Refused, with the later revision named, when something of it was changed
-// after. Clients that it added or removed stay as they are, and what was set for those it removed has nobody to
-// be set for.
+// What puts back what a revision changed. Refused, with the later revision named, when something of it was
+// changed after. Clients that it added or removed stay as they are, and what was set for those it removed has
+// nobody to be set for.
 CWmError buildUndo(soci::session& session, std::int64_t revision, ChangeSet& changes, LeftOut& leftOut);
 
-// How a person names a scope at any time: "@all", "@berlin", "pc1"; "pc1 (client 7, removed)" for one that is no
-// more.
+// How a person names a scope at any time: "@all", "@berlin", "pc1"; "pc1 (client 7, removed)" for one that is
+// no more.
 class EverScopeNames {
  public:
   explicit EverScopeNames(soci::session& session);

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/machine_identity.h"
 #include "records/record_rules.h"
 
 namespace {
@@ -44,7 +45,7 @@ void removeValue(const Identity& identity, const std::string& path, bool withExp
 void addRemovals(const EffectiveSettings& settings, const HeldSettings& held, OBGui::KeyList& batch) {
   for (const auto& [identity, before] : held) {
     const auto now = settings.find(identity);
-    if (now == settings.end() && (identity.isKey || !before.wasLive)) {
+    if (now == settings.end() && (identity.isKey || !before.wasLive || before.isLeft)) {
       // A sub-key stays, with what is in it; and what was only switched off may be somebody's by now.
       forget(identity, before.path, batch);
     } else if (now == settings.end()) {
@@ -96,9 +97,12 @@ std::string expiryConflict(const EffectiveSettings& settings) {
   return {};
 }
 
-void addHeld(const Setting& setting, HeldSettings& held) {
+void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held) {
   if (setting.isRemoval) return;
-  MayHold& entry = held[setting.identity];
+  const bool isLeft = setting.validTo <= doubted && programs::isWayBack(recordOf(setting));
+  const auto [place, isFirst] = held.try_emplace(setting.identity);
+  MayHold& entry = place->second;
+  entry.isLeft = isLeft && (isFirst || entry.isLeft);
   entry.path = setting.path;
   entry.wasLive = entry.wasLive || setting.isLive();
   entry.hasExpiry = entry.hasExpiry || (setting.isLive() && setting.expires != 0);

@@ -32,13 +32,17 @@ struct MayHold {
   std::string path;
   bool wasLive = false;  // otherwise it was switched off, which is in the cache only
   bool hasExpiry = false;
+  // Withdrawn before it was doubted what the machine holds, and something that it needs to come back to its
+  // server: it may have been joined anew since, with a value of its own, which stays.
+  bool isLeft = false;
 };
 
 using HeldSettings = std::map<Identity, MayHold>;
 
 // Adds what a machine may hold because one of its scopes said so; what that one removed is neither there nor
 // in the cache. More than it really holds, where a nearer scope removed it, does no harm: it is gone already.
-void addHeld(const Setting& setting, HeldSettings& held);
+// `doubted` is the revision at which it was last doubted what the machine holds.
+void addHeld(const Setting& setting, std::int64_t doubted, HeldSettings& held);
 
 // The batch: first what is to go, then what is to be. All that an earlier batch may have left in the client's
 // cache is in it, as a value or as a removal; for a batch with fewer records than the cache the client keeps

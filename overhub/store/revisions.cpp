@@ -1,7 +1,5 @@
 #include "overhub/store/revisions.h"
 
-#include <algorithm>
-
 #include "overhub/store/query.h"
 
 namespace {
@@ -23,15 +21,11 @@ std::vector<Revision> select(soci::session& session, const std::string& rest, Us
 }  // namespace
 
 void writeRevision(soci::session& session, const Revision& revision, const std::string& operation) {
-  // A clock that was set back must not make an older change look newer.
-  std::int64_t newest = 0;
-  session << "SELECT time FROM revisions WHERE number = (SELECT MAX(number) FROM revisions)", into(newest);
-  const std::int64_t time = std::max(newest, revision.time);
   session
       << "INSERT INTO revisions (number, time, who, why, command, operation) VALUES (:number, :time, :who,"
          " :why, :command, :operation)",
-      use(revision.number, "number"), use(time, "time"), use(revision.who, "who"), use(revision.why, "why"),
-      use(revision.command, "command"), use(operation, "operation");
+      use(revision.number, "number"), use(revision.time, "time"), use(revision.who, "who"),
+      use(revision.why, "why"), use(revision.command, "command"), use(operation, "operation");
 }
 
 std::optional<Revision> findRevision(soci::session& session, std::int64_t number) {

@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "lqregistry/LQClient.h"
+#include "overhub/store/engine.h"
 
 namespace {
 
 // Of the tables below. A newer program adds what changes an older store, in one transaction.
 constexpr std::int64_t kVersion = 1;
-constexpr const char* kVersionCounter = "schema";
+const std::string kVersionCounter = "schema";
 
 // TEXT, BIGINT and INTEGER mean the same on all engines, and nothing is ever NULL.
 constexpr const char* kTables[] = {
@@ -51,13 +52,19 @@ constexpr const char* kTables[] = {
     "CREATE TABLE withdrawals (client BIGINT NOT NULL, valid_from BIGINT NOT NULL, valid_to BIGINT NOT NULL,"
     " PRIMARY KEY (client, valid_from))",
     // What changes with every pass of a client stands apart from what people change. hand_out.h explains it.
-    "CREATE TABLE contacts (client BIGINT NOT NULL PRIMARY KEY, address TEXT NOT NULL,"
-    " first_seen BIGINT NOT NULL, last_seen BIGINT NOT NULL, handed BIGINT NOT NULL,"
-    " handed_revision BIGINT NOT NULL, handed_time BIGINT NOT NULL, records BIGINT NOT NULL,"
-    " most_records BIGINT NOT NULL, proving BIGINT NOT NULL, proven BIGINT NOT NULL,"
-    " proven_revision BIGINT NOT NULL, base BIGINT NOT NULL, touched BIGINT NOT NULL,"
-    " is_cache_unknown INTEGER NOT NULL, outcome BIGINT NOT NULL, outcome_time BIGINT NOT NULL,"
-    " outcome_since BIGINT NOT NULL, refusal TEXT NOT NULL, refused_since BIGINT NOT NULL)",
+    "CREATE TABLE contacts (client BIGINT NOT NULL PRIMARY KEY, address TEXT NOT NULL DEFAULT '',"
+    " first_seen BIGINT NOT NULL DEFAULT 0, last_seen BIGINT NOT NULL DEFAULT 0, handed BIGINT NOT NULL "
+    "DEFAULT 0,"
+    " handed_revision BIGINT NOT NULL DEFAULT 0, handed_time BIGINT NOT NULL DEFAULT 0, records BIGINT NOT "
+    "NULL DEFAULT 0,"
+    " most_records BIGINT NOT NULL DEFAULT 0, proving BIGINT NOT NULL DEFAULT 0, proven BIGINT NOT NULL "
+    "DEFAULT 0,"
+    " proven_revision BIGINT NOT NULL DEFAULT 0, base BIGINT NOT NULL DEFAULT 0, touched BIGINT NOT NULL "
+    "DEFAULT 0, doubted BIGINT NOT NULL DEFAULT 0,"
+    " is_cache_unknown INTEGER NOT NULL DEFAULT 0, outcome BIGINT NOT NULL DEFAULT 0, outcome_time BIGINT "
+    "NOT NULL DEFAULT 0,"
+    " outcome_since BIGINT NOT NULL DEFAULT 0, refusal TEXT NOT NULL DEFAULT '', refused_since BIGINT NOT "
+    "NULL DEFAULT 0)",
     "CREATE TABLE held (client BIGINT NOT NULL, revision BIGINT NOT NULL, first_number BIGINT NOT NULL,"
     " last_number BIGINT NOT NULL, time BIGINT NOT NULL, PRIMARY KEY (client, revision))",
 
@@ -68,42 +75,33 @@ constexpr const char* kTables[] = {
     " PRIMARY KEY (client, number))",
 };
 
-bool hasTables(soci::session& session) {
-  // Both engines name what they hold in a view of the library's own.
-  std::string name;
-  soci::statement tables = (session.prepare_table_names(), soci::into(name));
-  tables.execute();
-  while (tables.fetch())
-    if (name == "counters") return true;
-  return false;
-}
-
 }  // namespace
 
-CWmError schema::look(soci::session& session, bool& isThere) {
-  isThere = hasTables(session);
+CWmError schema::look(soci::session& session, const Engine& engine, bool& isThere) {
+  std::int64_t counters = 0;
+  std::int64_t tables = 0;
+  session << engine.tables(), soci::into(counters), soci::into(tables);
+  isThere = counters != 0;
+  if (!isThere && tables != 0)
+    return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
   if (!isThere) return {};
   std::int64_t version = 0;
-  session << "SELECT value FROM counters WHERE name = :name", soci::use(std::string(kVersionCounter)),
-      soci::into(version);
+  session << "SELECT value FROM counters WHERE name = :name", soci::use(kVersionCounter), soci::into(version);
   if (version == kVersion) return {};
-  if (version == 0)
-    return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
   return {kLqErrFile, "the store is of version " + std::to_string(version) + ", and this overhub knows " +
                           std::to_string(kVersion) + "; use the overhub that wrote it, or a newer one"};
 }
 
-CWmError schema::prepare(soci::session& session) {
+CWmError schema::prepare(soci::session& session, const Engine& engine) {
   bool isThere = false;
-  const CWmError error = look(session, isThere);
+  const CWmError error = look(session, engine, isThere);
   if (error.IsError() || isThere) return error;
   for (const char* const table : kTables) session << table;
-  const std::pair<const char*, std::int64_t> counters[] = {
+  const std::pair<std::string, std::int64_t> counters[] = {
       {kVersionCounter, kVersion},
       {kRevisionCounter, 0},
       {kClientIdCounter, static_cast<std::int64_t>(kServerClientId)}};
   for (const auto& [name, value] : counters)
-    session << "INSERT INTO counters (name, value) VALUES (:name, :value)", soci::use(std::string(name)),
-        soci::use(value);
+    session << "INSERT INTO counters (name, value) VALUES (:name, :value)", soci::use(name), soci::use(value);
   return {};
 }

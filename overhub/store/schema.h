@@ -7,9 +7,11 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 
 #include "lqregistry/CWmError.h"
 
+class Engine;
 namespace soci {
 class session;
 }
@@ -19,16 +21,16 @@ class session;
 inline constexpr std::int64_t kOpen = std::numeric_limits<std::int64_t>::max();
 
 // The counters (a row each in the table `counters`): the highest revision and the highest id of a client.
-inline constexpr const char* kRevisionCounter = "revision";
-inline constexpr const char* kClientIdCounter = "client_id";
+inline const std::string kRevisionCounter = "revision";
+inline const std::string kClientIdCounter = "client_id";
 
 namespace schema {
 
 // Whether there is a store. An error for one of a newer version than this program's, or for a database that
 // holds something else.
-CWmError look(soci::session& session, bool& isThere);
+CWmError look(soci::session& session, const Engine& engine, bool& isThere);
 
 // Makes the tables, or brings those of an older version up to date; nothing when they are.
-CWmError prepare(soci::session& session);
+CWmError prepare(soci::session& session, const Engine& engine);
 
 }  // namespace schema

@@ -26,7 +26,7 @@ CWmError protectSessionKey(const Store& store, const std::string& hex, std::stri
 }
 
 CWmError readProtectedKey(const Store& store, const std::string& client, std::string& protectedKey) {
-  return store.database().read([&](soci::session& session) -> CWmError {
+  return store.database().peek([&](soci::session& session) -> CWmError {
     const auto found = findClient(session, client);
     if (!found) return {kLqErrRequestRefused, "there is no client \"" + client + "\""};
     protectedKey = protectedKeyOf(session, found->id);

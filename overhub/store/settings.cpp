@@ -52,10 +52,20 @@ std::vector<Setting> allSettings(soci::session& session) {
 
 std::vector<Setting> settingsTouched(soci::session& session, std::int64_t from, std::int64_t to) {
   using soci::use;
-  return select(session,
-                "(valid_from > :begun_from AND valid_from <= :begun_to) OR (valid_to > :ended_from AND valid_to <="
-                " :ended_to)",
-                use(from, "begun_from"), use(to, "begun_to"), use(from, "ended_from"), use(to, "ended_to"));
+  return select(
+      session,
+      "(valid_from > :begun_from AND valid_from <= :begun_to) OR (valid_to > :ended_from AND valid_to <="
+      " :ended_to)",
+      use(from, "begun_from"), use(to, "begun_to"), use(from, "ended_from"), use(to, "ended_to"));
+}
+
+std::vector<std::string> namesThatEnd(soci::session& session) {
+  std::vector<std::string> names;
+  std::string name;
+  forEachRow(
+      session, "SELECT DISTINCT name FROM settings WHERE valid_to = :open AND expires <> 0",
+      [&] { names.push_back(name); }, soci::into(name), soci::use(kOpen, "open"));
+  return names;
 }
 
 void endSetting(soci::session& session, const std::string& scope, const Identity& identity,

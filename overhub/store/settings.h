@@ -25,6 +25,9 @@ std::vector<Setting> allSettings(soci::session& session);
 // What a revision after `from`, up to `to`, brought or ended.
 std::vector<Setting> settingsTouched(soci::session& session, std::int64_t from, std::int64_t to);
 
+// The names of what has an end, now.
+std::vector<std::string> namesThatEnd(soci::session& session);
+
 // Ends what the scope says of this identity from the revision on.
 void endSetting(soci::session& session, const std::string& scope, const Identity& identity,
                 std::int64_t revision);

@@ -1,5 +1,7 @@
 #include "overhub/store/store.h"
 
+#include <unistd.h>
+
 #include "common/file_lock.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
@@ -12,8 +14,8 @@
 
 namespace {
 
-constexpr const char* kKeyFact = "key";      // what tells the store's key from another
-constexpr const char* kStoreFact = "store";  // which store it is, as random as an id has to be
+const std::string kKeyFact = "key";      // what tells the store's key from another
+const std::string kStoreFact = "store";  // which store it is, as random as an id has to be
 constexpr const char* kKeyProbe = "overhub";
 
 std::unique_ptr<Engine> engineOf(const Store::Place& place) {
@@ -47,11 +49,10 @@ std::string Store::keyFile() const {
 
 CWmError Store::readFacts(std::string& fingerprint, bool& isThere) const {
   return database_.read([&](soci::session& session) -> CWmError {
-    CWmError error = schema::look(session, isThere);
+    CWmError error = schema::look(session, database_.engine(), isThere);
     if (error.IsError()) return {kLqErrFile, place() + ": " + error.AsString()};
     if (isThere)
-      session << "SELECT value FROM facts WHERE name = :name", soci::use(std::string(kKeyFact)),
-          soci::into(fingerprint);
+      session << "SELECT value FROM facts WHERE name = :name", soci::use(kKeyFact), soci::into(fingerprint);
     return {};
   });
 }
@@ -77,7 +78,8 @@ CWmError Store::open() {
   if (error.IsError()) return error;
   if (!isThere)
     return {kLqErrFile, place() + ": there is no store in it; \"overhub add-client NAME\" makes one"};
-  return checkKey(known);
+  error = checkKey(known);
+  return error.IsError() ? error : beginEpoch(database_, notice_);
 }
 
 CWmError Store::prepare() {
@@ -93,25 +95,41 @@ CWmError Store::prepare() {
   std::string known;
   bool isThere = false;
   if (!error.IsError()) error = readFacts(known, isThere);
+  if (!error.IsError() && !isThere) error = make();
+  return error.IsError() ? error : open();
+}
+
+CWmError Store::make() {
   // The key comes before the store, so that none is ever without one, and never after it.
-  if (!error.IsError() && !isThere && !file_access::exists(keyFile()))
-    error = pstring::CreateKeyFile(keyFile());
+  if (file_access::exists(keyFile()))
+    return {kLqErrFile, keyFile() + " is there, and the store that it belongs to is not in " + place() +
+                            "; put the store back from a backup, or move the key away to begin anew"};
+  CWmError error = pstring::CreateKeyFile(keyFile());
   if (error.IsError()) return error;
-  if (!isThere) {
-    pstring::UseKeyFile(keyFile());
-    error = pstring::CheckKey();
-    if (error.IsError()) return error;
-    error = database_.writeOnce([](soci::session& session) -> CWmError {
-      bool isMade = false;
-      CWmError fault = schema::look(session, isMade);
-      if (fault.IsError() || isMade) return fault;
-      fault = schema::prepare(session);
-      if (fault.IsError()) return fault;
-      writeFact(session, kKeyFact, fingerprint());
-      writeFact(session, kStoreFact, newSessionKeyHex());
-      return {};
-    });
-    if (error.IsError()) return error;
-  }
-  return open();
+  pstring::UseKeyFile(keyFile());
+  bool isOurs = false;
+  error = database_.writeOnce([&](soci::session& session) -> CWmError {
+    bool isMade = false;
+    CWmError fault = schema::look(session, database_.engine(), isMade);
+    if (isMade) {
+      std::string known;
+      session << "SELECT value FROM facts WHERE name = :name", soci::use(kKeyFact), soci::into(known);
+      isOurs = known == fingerprint();
+    }
+    if (fault.IsError() || isMade) return fault;
+    isOurs = true;
+    fault = schema::prepare(session, database_.engine());
+    if (fault.IsError()) return fault;
+    const std::string key = fingerprint();
+    const std::string store = newSessionKeyHex();
+    writeFact(session, kKeyFact, key);
+    writeFact(session, kStoreFact, store);
+    return {};
+  });
+  if (isOurs && !error.IsError()) return error;
+  // Another server was faster and has a key of its own, or nothing was made.
+  if (error.GetCode() != kLqErrConnectionLost) ::unlink(keyFile().c_str());
+  if (error.IsError()) return error;
+  return {kLqErrFile,
+          place() + ": another server has made the store just now; copy its secret.key to " + keyFile()};
 }

@@ -44,6 +44,7 @@ class Store {
   const std::string& notice() const { return notice_; }
 
  private:
+  CWmError make();
   CWmError readFacts(std::string& fingerprint, bool& isThere) const;
   CWmError checkKey(const std::string& fingerprint) const;
 

@@ -50,8 +50,8 @@ void writeSettings(soci::session& session, const std::string& scope, std::vector
     setting.scope = scope;
     beginSetting(session, setting, revision);
   }
-  session << "INSERT INTO scopes (scope, touched) VALUES (:scope, :revision)", use(scope, "scope"),
-      use(revision, "revision");
+  session << "INSERT INTO scopes (scope, touched, said) VALUES (:scope, :revision, :said)",
+      use(scope, "scope"), use(revision, "revision"), use(revision, "said");
 }
 
 void writeClient(soci::session& session, const Ready& ready, std::int64_t revision, std::int64_t now) {
@@ -68,11 +68,15 @@ void writeClient(soci::session& session, const Ready& ready, std::int64_t revisi
   const std::int64_t first = said.empty() ? 0 : said.front().time;
   const std::int64_t last = said.empty() ? 0 : said.back().time;
   const std::int64_t outcome = said.empty() ? 0 : said.back().taskStatus;
+  std::int64_t since = last;  // the first of those at the end that say the same
+  for (auto entry = said.rbegin(); entry != said.rend() && entry->taskStatus == outcome; ++entry)
+    since = entry->time;
   const std::int64_t most = static_cast<std::int64_t>(former.records.size()) + kMoreRecords;
   session << "UPDATE contacts SET address = :address, first_seen = :first, last_seen = :last,"
-             " outcome = :outcome, outcome_time = :time, most_records = :most WHERE client = :client",
+             " outcome = :outcome, outcome_time = :time, outcome_since = :since, most_records = :most WHERE "
+             "client = :client",
       use(former.address, "address"), use(first, "first"), use(last, "last"), use(outcome, "outcome"),
-      use(last, "time"), use(most, "most"), use(client.id, "client");
+      use(last, "time"), use(since, "since"), use(most, "most"), use(client.id, "client");
   doubtCache(session, client.id);
   // It was handed all of this by the server before, so what is withdrawn before its next pass is removed.
   session
@@ -102,7 +106,7 @@ CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverN
   const std::string operation = newSessionKeyHex();
   const Database& database = store.database();
   return database.writeOnce([&](soci::session& session) -> CWmError {
-    session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(std::string(kRevisionCounter));
+    session << "UPDATE counters SET value = value + 1 WHERE name = :name", use(kRevisionCounter);
     std::int64_t done = 0;  // by an attempt whose answer was lost
     session << "SELECT number FROM revisions WHERE operation = :operation", use(operation), into(done);
     if (done != 0) return {};
@@ -114,7 +118,7 @@ CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverN
     writeSettings(session, kStaticScope, staticList, revision);
     for (const Ready& client : clients) writeClient(session, client, revision, now);
     session << "UPDATE counters SET value = :value WHERE name = :name", use(former.highestId),
-        use(std::string(kClientIdCounter));
+        use(kClientIdCounter);
     return {};
   });
 }

@@ -134,12 +134,14 @@ TEST_F(Settled, ACacheThatWasNotReplacedIsSeenAndNotReapplied) {
   const host::CacheWatch watch;
   EXPECT_EQ(watch.fate(1), host::CacheFate::kLost) << "it would have been replaced";
 
-  host::ProductLibrary product;
-  host::Passes passes(product);
-  const LqPassLock another("pass");  // of this thread, which is not waited for
-  const host::CommandResult refused = host::synchroniseNow(passes, host::OldCache::kDropped);
-  EXPECT_TRUE(contains(refused.err, cacheFile() + " was not removed: ")) << refused.err;
-  EXPECT_FALSE(std::filesystem::exists(noteFile())) << "nothing has changed";
+  {
+    host::ProductLibrary product;
+    host::Passes passes(product);
+    const LqPassLock another("pass");  // of this thread, which is not waited for
+    const host::CommandResult refused = host::synchroniseNow(passes, host::OldCache::kDropped);
+    EXPECT_TRUE(contains(refused.err, cacheFile() + " was not removed: ")) << refused.err;
+    EXPECT_FALSE(std::filesystem::exists(noteFile())) << "nothing has changed";
+  }
   writeFile(cacheFile(), batchText({record("A", "sLONG", std::string(200'000, 'x')), record("A", "s", "1"),
                                     record("A", "sCOHDbStatus", "1"), disabled("A", "sOFF", "1")}));
   setValue("A", "sOFF", "2");

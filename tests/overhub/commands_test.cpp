@@ -82,7 +82,7 @@ TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
 // An id that two clients had would give one the settings of the other, and what is left of a client that was
 // taken away must not come to the next one of its name.
 TEST_F(OverhubCommandsTest, AnIdIsNeverGivenTwice) {
-  expectOk({"add-group", "web", "1"});
+  expectOk({"add-group", "web", "--number", "1"});
   expectOk({"set", "@web", "p", "sGROUP", "v"});
   expectOk({"add-client", "a", "--id", "40"});
   expectOk({"add-client", "b", "--groups", "web", "--host", "elsewhere"});
@@ -109,7 +109,8 @@ TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
   ASSERT_EQ(runProgram({programPath("overhub"), "--data", dir_ / "other", "add-client", "pc1"}).exitCode, 0);
   const auto sql = [this](const char* statement) { return [this, statement] { meddle(statement); }; };
   const std::tuple<const char*, std::function<void()>, std::vector<std::string>> faults[] = {
-      {"no database", [&] { writeFile(storeFile(), std::string(5000, '#')); },
+      {"no database",
+       [&] { writeFile(storeFile(), std::string(5000, '#')); },
        {storeFile(), "not a database", "no store of overhub's"}},
       {"damaged", [&] { std::filesystem::resize_file(storeFile(), 8192); }, {storeFile(), "put a backup"}},
       {"a directory",
@@ -118,9 +119,11 @@ TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
          std::filesystem::create_directory(storeFile());
        },
        {storeFile()}},
-      {"of a newer version", sql("UPDATE counters SET value = 999 WHERE name = 'schema'"),
+      {"of a newer version",
+       sql("UPDATE counters SET value = 999 WHERE name = 'schema'"),
        {storeFile(), "version 999", "use the overhub that wrote it, or a newer one"}},
-      {"another program's", sql("DELETE FROM counters WHERE name = 'schema'"),
+      {"another program's",
+       sql("DELETE FROM counters WHERE name = 'schema'"),
        {storeFile(), "not overhub's; name an empty database"}},
       {"another store's key",
        [&] {
@@ -243,8 +246,7 @@ TEST_F(OverhubCommandsTest, SecretsStandEncryptedAndHidden) {
 // Scripts set values for many records at once.
 TEST_F(OverhubCommandsTest, ParallelChangesLoseNothing) {
   // Whoever comes first makes the store.
-  const auto made = shell(
-      "for i in 1 2 3 4; do \"$OVERHUB\" add-client web-$i > /dev/null & done; wait");
+  const auto made = shell("for i in 1 2 3 4; do \"$OVERHUB\" add-client web-$i > /dev/null & done; wait");
   EXPECT_EQ(made.err, "");
   const auto result = shell(
       "for i in 1 2 3 4 5 6 7 8 9 10; do "
@@ -270,7 +272,7 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   meddle("UPDATE settings SET value = '\x1b[31m' WHERE name = 'nn'");
   expectOut(overhub({"show", "@static"}), 0,
             {"p     nn    STRING  \\x1b[31m                @static         3\n",
-             "p     n\xc3\xa9    STRING  a\\nb\\\\                   @static         2\n"});
+             "p     n\xc3\xa9    STRING  a\\nb\\\\                  @static         2\n"});
   for (const char* const command : {"show", "acks", "uploads", "renew-client", "push"})
     for (const char* const who : {"web-2", "../static"}) expectErr(overhub({command, who}), 1, {who});
   for (const char* const command : {"unset", "fetch", "call"})

@@ -151,7 +151,8 @@ TEST_F(DefinitionsTest, RefuseFilesThatContradictThemselves) {
   const std::pair<const char*, const char*> names[] = {
       {R"("path": "A*B", "name": "n", "sentence": "S")", "a \"*\" stands for the rest"},
       {R"("path": "A", "name": "*_n", "sentence": "S")", "a \"*\" stands for the rest"},
-      {R"("path": "A\u0000", "name": "n", "sentence": "S")", "names and paths hold no control"},
+      {R"("path": "A\u0000", "name": "n", "sentence": "S")",
+       "names and paths are text in UTF-8 without control"},
       {R"("path": "A", "name": "n", "sentence": "")", "\"sentence\" has to be one line"},
       {R"("path": "A", "name": "n", "sentence": "a\nb")", "\"sentence\" has to be one line"}};
   for (const auto& [entry, fault] : names)

@@ -125,8 +125,9 @@ TEST(HtmlPage, EscapesWhatItShowsAndDrawsEveryCount) {
             "web-2|9223372036854775807|no|never|5 min ago|"
             "web-10|18446744073709551615|yes|2027-01-01T06:00:00Z|never|web-10|?|?|?|?|");
   EXPECT_EQ(allOf(table.substr(0, table.find("web-2")), "<t[hd]( [^>]*)?>"),
-            "<th scope=\"col\"> <th scope=\"col\" class=\"number\"> <th scope=\"col\"> <th scope=\"col\"> "
-            "<th scope=\"col\"> <th scope=\"row\"> <td class=\"number\"> <td> <td> <td> <th scope=\"row\"> ");
+            "<th scope=\"col\"> <th scope=\"col\" class=\"number\"> <th scope=\"col\"> "
+            "<th scope=\"col\" class=\"time\"> <th scope=\"col\" class=\"time\"> <th scope=\"row\"> "
+            "<td class=\"number\"> <td> <td class=\"time\"> <td class=\"time\"> <th scope=\"row\"> ");
   const std::vector<NamedCount> counts = {{"<ok>", 1999998, Tone::good},
                                           {"bad", 1, Tone::bad},
                                           {"late", 0, Tone::warning},

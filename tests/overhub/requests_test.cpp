@@ -1,5 +1,7 @@
 // Requests that the server makes of a client, with this process as the client's host service.
 
+#include <semaphore>
+
 #include "common/host_service.h"
 #include "lqregistry/App.h"
 #include "tests/overhub/overhub_fixture.h"
@@ -157,6 +159,61 @@ TEST_F(OverhubRequestTest, ErrorsNameTheClientAndTheReason) {
   }
   expectErr(overhub({"fetch", "web-1", "SOFTWARE/Velmor", "n"}), 2, {"below the root of its instance"});
   for (const char* const nobody : {"web-2", "@static"}) expectErr(overhub({"push", nobody}), 1, {nobody});
+}
+
+// One that hangs costs the others its own place and nothing else, and what each answers stays in one piece.
+TEST_F(OverhubRequestTest, SeveralMachinesAreAskedAtATime) {
+  std::counting_semaphore<2> othersAsked(0);
+  std::vector<std::unique_ptr<ScriptedPeer>> hosts;
+  const auto listen = [&](const std::string& client, const Script& script) {
+    const std::string address = uniqueLoopbackAddress();
+    expectOk({"client-host", client, address});
+    const auto serve = [script](PeerSession& session) {
+      if (!session.acceptAttach()) return;
+      std::unique_ptr<CNMessageBase> request;
+      EXPECT_STREQ(CNMessageBase::fromText(session.readFrame().payload, request).AsString(), "");
+      if (request) script(session, *request);
+      session.answerGoodbye();
+    };
+    hosts.push_back(
+        std::make_unique<ScriptedPeer>(address, programs::kHostServicePort, client, keyOf(client), serve));
+  };
+  const auto answers = [&](const std::string& text) -> Script {
+    return [&othersAsked, text](PeerSession& session, const CNMessageBase&) {
+      othersAsked.release();
+      App::AppCommunicationMessageResp answer;
+      answer.payload = text;
+      reply(session, answer);
+    };
+  };
+  for (const char* const client : {"web-2", "web-10", "web-11"}) expectOk({"add-client", client});
+  listen("web-1", answers("1\nx"));
+  listen("web-2", [&](PeerSession& session, const CNMessageBase&) {
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(othersAsked.try_acquire_for(std::chrono::seconds(kPatience)));
+    App::AppCommunicationMessageResp answer;
+    answer.payload = std::string("2\ny");
+    reply(session, answer);
+  });
+  listen("web-10", answers("10\nz"));
+  const auto called = overhub({"call", "web-*", "7", "hello", "--parallel", "2"});
+  expectOut(called, 1, {"web-1:\n1\nx\n", "web-2:\n2\ny\n", "web-10:\n10\nz\n"});
+  const std::size_t table = called.out.find(
+      "MACHINE  RESULT    TEXT\nweb-1    answered\nweb-2    answered\n"
+      "web-10   answered\nweb-11   refused   where client web-11 is");
+  EXPECT_TRUE(table != std::string::npos && table > called.out.find("web-10:\n")) << called.out;
+
+  hosts.clear();
+  listen("web-1", verdictOf(OBGui::kTaskSuccess));
+  listen("web-2", verdictOf(OBGui::kTaskFailed));
+  expectOut(overhub({"push", "web-1,web-2"}), 1,
+            {"MACHINE  RESULT   TEXT\nweb-1    applied\nweb-2    failed\n"});
+  expectOk({"client-host", "web-2", uniqueLoopbackAddress()});
+  expectOut(overhub({"push", "web-1,web-2,web-11"}), 4,
+            {"web-2    unreachable", "lqhost run", "web-11   refused"});
+  expectErr(overhub({"push", "web-*", "--host", address_}), 2, {"--host", "4"});
+  expectErr(overhub({"push", "web-*", dir_ / "any.xml"}), 2, {"one client"});
+  expectOk({"add-group", "none", "--number", "1"});
+  expectErr(overhub({"push", "@none"}), 1, {"@none has no machine"});
 }
 
 }  // namespace

@@ -49,7 +49,8 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
   const std::size_t failed = acks.find("web-1    7       1  failed\n");
   const std::size_t applied = acks.find("web-1    7       3  applied\n");
   EXPECT_TRUE(failed < applied && applied != std::string::npos) << acks;
-  expectOut(overhub({"clients"}), 0, {"web-1   7  127.0.0.1        2  just now   applied               just now"});
+  expectOut(overhub({"clients"}), 0,
+            {"web-1   7  127.0.0.1        2  just now   applied               just now"});
   EXPECT_EQ(server->stop(), 0);
   EXPECT_TRUE(contains(server->output(), "web-1 on machine1: OBGui.RegistryTaskReq: 2 records"));
   for (const char* const absent : {"sesame", "cut off", "cannot be let in", "client web-1: "})
@@ -76,9 +77,10 @@ TEST_F(OverhubServerTest, RefusesStrangersAndUnknownServices) {
     CLqNetwork network;
     EXPECT_EQ(attach(network).GetCode(), kLqErrHandshake) << name;
   }
-  EXPECT_TRUE(contains(server->output(), "client keyless cannot be let in: the session key of keyless was "
-                                         "protected with another key than " +
-                                             data_ + "/secret.key; put the right one back"))
+  EXPECT_TRUE(contains(server->output(),
+                       "client keyless cannot be let in: the session key of keyless was "
+                       "protected with another key than " +
+                           data_ + "/secret.key; put the right one back"))
       << server->output();
   become("web-1");
   CLqNetwork network;
@@ -101,7 +103,8 @@ TEST_F(OverhubServerTest, DeclinesWhatItCannotServe) {
   EXPECT_TRUE(server->waitForOutput("client web-1: " + storeFile() + ": "));
   std::string refusal;
   ask(network, requestOf(3), refusal);
-  EXPECT_TRUE(contains(refusal, "cannot hand out the batch of web-1 now; its log tells why, come again later"));
+  EXPECT_TRUE(
+      contains(refusal, "cannot hand out the batch of web-1 now; its log tells why, come again later"));
   meddle("ALTER TABLE no_contacts RENAME TO contacts");
   const std::pair<std::unique_ptr<CNMessageBase>, const char*> cases[] = {
       // web-2's id, not web-1's: the batch of another client, with its secrets
