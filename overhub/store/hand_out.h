@@ -3,8 +3,8 @@
 // A hand-out is a number, one more each time, and a revision. It is on disk before the batch is sent, and so
 // is a push, which has the number of the hand-out before it. Until two hand-outs in a row were acknowledged
 // as applied, all that those since the first of the two brought may be on the machine or in its cache (`base`
-// is that one's number); what of it the machine should no longer have is sent along as removals. An
-// acknowledgement alone proves nothing of the cache, which the client stores after it has sent it.
+// is that one's number); what of it the machine should no longer have is sent along as removals. One
+// acknowledgement alone proves nothing of the cache: a client that could not store it says "applied" all the same.
 //
 // Any thread, any server: all that counts is in the store.
 #pragma once

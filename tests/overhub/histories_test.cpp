@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "overhub/store/history.h"
 #include "overhub/store/setting_place.h"
 #include "tests/overhub/simulated_client.h"
 #include "tests/overhub/store_fixture.h"
@@ -54,6 +55,8 @@ const std::vector<Value> kValues{
     {"SOFTWARE/Velmor/Clients/pc", {"SOFTWARE/Velmor/Clients/pc"}, "nCLIENTID", true},
 };
 
+constexpr int kOrdinary = 11;  // no client needs the first ones
+
 enum class Kind { kValue, kSecret, kDisabled, kRemoval };
 
 // What one scope says of one value, or, by kSubKey, of the sub-key.
@@ -63,6 +66,7 @@ struct Said {
   std::int64_t until = 0;
 
   bool isLive() const { return kind == Kind::kValue || kind == Kind::kSecret; }
+  bool operator==(const Said&) const = default;
 };
 
 struct What {
@@ -77,6 +81,7 @@ struct Rules {
   std::map<std::string, std::map<What, Said>> said;  // by scope
   std::map<std::string, int> groups;                 // their numbers
   std::set<std::pair<std::string, std::string>> members;
+  std::set<std::int64_t> withdrawn;  // the machines to which nothing is said
 
   static bool isMeant(const std::string& pattern, const std::string& name) {
     if (pattern.ends_with('*')) return name.starts_with(pattern.substr(0, pattern.size() - 1));
@@ -86,9 +91,10 @@ struct Rules {
 
   // The nearest first.
   std::vector<std::string> scopesOf(const std::string& name, std::int64_t id) const {
+    if (withdrawn.contains(id)) return {};
     std::map<int, std::string, std::greater<>> byNumber;
     for (const auto& [group, pattern] : members)
-      if (isMeant(pattern, name)) byNumber[groups.at(group)] = "g:" + group;
+      if (groups.contains(group) && isMeant(pattern, name)) byNumber[groups.at(group)] = "g:" + group;
     std::vector<std::string> scopes{"c:" + std::to_string(id)};
     for (const auto& [number, scope] : byNumber) scopes.push_back(scope);
     scopes.emplace_back("@all");
@@ -106,6 +112,23 @@ struct Rules {
     return counts;
   }
 };
+
+// Puts back in `is` what differs between the two.
+template <class Key, class Value>
+void putBack(const std::map<Key, Value>& before, const std::map<Key, Value>& after,
+             std::map<Key, Value>& is) {
+  for (const auto& [key, value] : after)
+    if (!before.contains(key)) is.erase(key);
+  for (const auto& [key, value] : before)
+    if (!after.contains(key) || !(after.at(key) == value)) is[key] = value;
+}
+template <class Key>
+void putBack(const std::set<Key>& before, const std::set<Key>& after, std::set<Key>& is) {
+  for (const Key& key : after)
+    if (!before.contains(key)) is.erase(key);
+  for (const Key& key : before)
+    if (!after.contains(key)) is.insert(key);
+}
 
 // The names that would end in one place and stay in another.
 std::set<std::string> conflictsIn(const std::map<What, Said>& counts, std::int64_t now) {
@@ -136,7 +159,7 @@ class History {
  public:
   History(EngineKind engine, unsigned seed) : hub_(engine), random_(seed) {
     // Few values, so that what is said of one meets what was said of it before.
-    for (int n = 2 + pick(4); n > 0; --n) few_.push_back(oneOf(kValues));
+    for (int n = 2 + pick(4); n > 0; --n) few_.push_back(kValues[static_cast<std::size_t>(pick(kOrdinary))]);
     for (int n = 1 + pick(2); n > 0; --n) join();
   }
 
@@ -168,8 +191,10 @@ class History {
 
   void step() {
     const int kind = pick(100);
-    if (kind < 34) return edit();
+    if (kind < 31) return edit();
+    if (kind < 34) return undo();
     if (kind < 42) return regroup();
+    if (kind < 43) return withdrawAll(anyMachine());
     if (kind < 45) return isOneIn(3) && machines_.size() > 1 ? leave() : join();
     if (kind < 50) return wait();
     if (kind < 78) return pass(anyMachine());
@@ -300,9 +325,47 @@ class History {
     make(changes, after, text);
   }
 
+  void withdrawAll(const Machine& machine) {
+    Rules after = rules_;
+    ChangeSet changes;
+    const bool isWithdrawn = after.withdrawn.insert(machine.id).second;
+    if (!isWithdrawn) after.withdrawn.erase(machine.id);
+    changes.withdrawals.push_back({machine.id, isWithdrawn});
+    make(changes, after, machine.name + (isWithdrawn ? " gets nothing" : " gets everything again"));
+  }
+
+  // Refused when what a revision changed was changed after it, too.
+  void undo() {
+    if (made_.empty()) return;
+    const auto& [revision, before, changed] =
+        made_[made_.size() - 1 - static_cast<std::size_t>(pick(std::min(4, static_cast<int>(made_.size()))))];
+    Rules after = rules_;
+    for (const auto* const rules : {&before, &changed})
+      for (const auto& scope : rules->said) {
+        const auto isIt = [&scope](const Machine& machine) {
+          return scope.first == "c:" + std::to_string(machine.id);
+        };
+        if (scope.first.starts_with("c:") && std::none_of(machines_.begin(), machines_.end(), isIt)) continue;
+        const auto saidIn = [&scope](const Rules& of) {
+          const auto found = of.said.find(scope.first);
+          return found == of.said.end() ? std::map<What, Said>() : found->second;
+        };
+        putBack(saidIn(before), saidIn(changed), after.said[scope.first]);
+      }
+    putBack(before.groups, changed.groups, after.groups);
+    putBack(before.members, changed.members, after.members);
+    putBack(before.withdrawn, changed.withdrawn, after.withdrawn);
+    const auto build = [number = revision](soci::session& session, ChangeSet& changes) {
+      LeftOut leftOut;
+      return buildUndo(session, number, changes, leftOut);
+    };
+    make(build, after, "undo " + std::to_string(revision));
+  }
+
   // Makes a change, which is refused when the model says so, and only then.
-  void make(const ChangeSet& changes, const Rules& after, const std::string& text) {
-    const std::string refusal = hub_.change(changes);
+  template <class Change>
+  void make(const Change& change, const Rules& after, const std::string& text) {
+    const std::string refusal = hub_.change(change);
     tell(text + (refusal.empty() ? "" : " -- refused: " + refusal));
     const bool isNeeded = contains(refusal, "what a client needs to come back");
     bool isConflict = false;  // for somebody, in what this changes
@@ -318,7 +381,10 @@ class History {
     if (refusal.empty()) {
       expect(!saysWayBack(after), "what clients need to come back was changed");
       expect(!isConflict, "a value that ends in one key and stays in another was set");
+      if (hub_.result.revision != 0) made_.push_back({hub_.result.revision, rules_, after});
       rules_ = after;
+    } else if (contains(refusal, "undo that one first") || contains(refusal, "to put back")) {
+      expect(text.starts_with("undo"), "refused: " + refusal);
     } else if (isNeeded) {
       expect(saysWayBack(after), "refused, and no client needs it: " + refusal);
     } else {
@@ -359,6 +425,7 @@ class History {
     changes.removedClients.push_back(machine->id);
     Rules after = rules_;
     after.said.erase("c:" + std::to_string(machine->id));
+    after.withdrawn.erase(machine->id);
     const std::string name = machine->name;
     machines_.erase(machine);
     make(changes, after, name + " leaves");
@@ -618,7 +685,14 @@ class History {
 
   TestStore hub_;
   std::mt19937 random_;
+  struct Made {
+    std::int64_t revision;
+    Rules before;
+    Rules after;
+  };
+
   Rules rules_;
+  std::vector<Made> made_;
   std::vector<Value> few_;
   std::vector<Machine> machines_;
   int counter_ = 0;
