@@ -29,7 +29,8 @@ Examples:
 // A file may hold more than a person can type.
 CWmError checkPushed(const OBGui::RegistryKeyInfo& record) {
   if (record.encryptedValue->isUnreadable())
-    return {kLqErrRequestRefused, "its secret \"" + record.valueName.get() + "\" in \"" + record.keyPath.get() +
+    return {kLqErrRequestRefused, "its secret \"" + record.valueName.get() + "\" in \"" +
+                                      record.keyPath.get() +
                                       "\" was protected with another key than the store's"};
   OBGui::RegistryKeyInfo typed = record;
   if (!isKey(record)) {

@@ -29,17 +29,18 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
     row.isCacheUnknown = isUnknown != 0;
     contacts.push_back(row);
   };
-  forEachRow(
-      session,
-      "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
-      " most_records, proving, proven, proven_revision, base, touched, doubted, pushed_until, is_cache_unknown, outcome,"
-      " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
-          condition,
-      keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen), into(row.handed),
-      into(row.handedRevision), into(row.handedTime), into(row.records), into(row.mostRecords),
-      into(row.proving), into(row.proven), into(row.provenRevision), into(row.base), into(row.touched),
-      into(row.doubted), into(row.pushedUntil), into(isUnknown), into(row.outcome), into(row.outcomeTime), into(row.outcomeSince),
-      into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
+  forEachRow(session,
+             "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
+             " most_records, proving, proven, proven_revision, base, touched, doubted, pushed_until, "
+             "is_cache_unknown, outcome,"
+             " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
+                 condition,
+             keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen),
+             into(row.handed), into(row.handedRevision), into(row.handedTime), into(row.records),
+             into(row.mostRecords), into(row.proving), into(row.proven), into(row.provenRevision),
+             into(row.base), into(row.touched), into(row.doubted), into(row.pushedUntil), into(isUnknown),
+             into(row.outcome), into(row.outcomeTime), into(row.outcomeSince), into(row.refusal),
+             into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
 

@@ -37,7 +37,7 @@ struct Contact {
   std::int64_t doubted = 0;  // the revision at which it was last doubted what it holds
   bool isCacheUnknown = false;
   std::int64_t pushedUntil = 0;  // when the lease of a push that is under way is over; 0: none is
-  std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
+  std::int64_t outcome = 0;      // the task status of its newest acknowledgement; 0: none yet
   std::int64_t outcomeTime = 0;
   std::int64_t outcomeSince = 0;  // when acknowledgements began to say the same as that one
   std::string refusal;            // why it was handed nothing the last time; empty: it was

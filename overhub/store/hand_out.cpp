@@ -187,7 +187,8 @@ CWmError handOut(const Store& store, const std::string& name, std::int64_t claim
   });
 }
 
-CWmError handOutForPush(const Store& store, const std::string& name, std::int64_t leaseSeconds, HandOut& out) {
+CWmError handOutForPush(const Store& store, const std::string& name, std::int64_t leaseSeconds,
+                        HandOut& out) {
   const Database& database = store.database();
   return database.write([&](soci::session& session) -> CWmError {
     out = HandOut();
@@ -198,7 +199,8 @@ CWmError handOutForPush(const Store& store, const std::string& name, std::int64_
     const Contact contact = contactOf(session, client->id);
     if (contact.client == 0) return unknownClient(name);
     if (contact.pushedUntil > now)
-      return {kLqErrRequestRefused, "another push to " + name + " is under way, or was cut off; try again in " +
+      return {kLqErrRequestRefused, "another push to " + name +
+                                        " is under way, or was cut off; try again in " +
                                         std::to_string(contact.pushedUntil - now) + " s at the latest"};
     const CWmError error = makeBatch(session, *client, contact, now, out);
     if (error.IsError() || !out.refusal.empty()) return error;

@@ -4,7 +4,8 @@
 // is a push, which has the number of the hand-out before it. Until two hand-outs in a row were acknowledged
 // as applied, all that those since the first of the two brought may be on the machine or in its cache (`base`
 // is that one's number); what of it the machine should no longer have is sent along as removals. One
-// acknowledgement alone proves nothing of the cache: a client that could not store it says "applied" all the same.
+// acknowledgement alone proves nothing of the cache: a client that could not store it says "applied" all the
+// same.
 //
 // Any thread, any server: all that counts is in the store.
 #pragma once
@@ -29,9 +30,10 @@ struct HandOut {
 CWmError handOut(const Store& store, const std::string& client, std::int64_t claimedId, HandOut& out);
 
 // The batch for a client that is called. It reaches the machine's registry and not its cache, so it proves
-// nothing. Nobody else pushes to the client until notePushed(), or until the lease is over: whoever holds it may have
-// been killed, and a push that is made a second time changes nothing.
-CWmError handOutForPush(const Store& store, const std::string& client, std::int64_t leaseSeconds, HandOut& out);
+// nothing. Nobody else pushes to the client until notePushed(), or until the lease is over: whoever holds it
+// may have been killed, and a push that is made a second time changes nothing.
+CWmError handOutForPush(const Store& store, const std::string& client, std::int64_t leaseSeconds,
+                        HandOut& out);
 // To be said once it was sent, whatever came of it: what was pushed may have been applied after hand-outs
 // that came meanwhile.
 CWmError notePushed(const Store& store, const std::string& client, const HandOut& out);
