@@ -75,6 +75,10 @@ constexpr const char* kTables[] = {
     " PRIMARY KEY (client, number))",
 };
 
+CWmError foreignTables() {
+  return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
+}
+
 }  // namespace
 
 CWmError schema::look(soci::session& session, const Engine& engine, bool& isThere) {
@@ -82,12 +86,12 @@ CWmError schema::look(soci::session& session, const Engine& engine, bool& isTher
   std::int64_t tables = 0;
   session << engine.tables(), soci::into(counters), soci::into(tables);
   isThere = counters != 0;
-  if (!isThere && tables != 0)
-    return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
+  if (!isThere && tables != 0) return foreignTables();
   if (!isThere) return {};
   std::int64_t version = 0;
   session << "SELECT value FROM counters WHERE name = :name", soci::use(kVersionCounter), soci::into(version);
   if (version == kVersion) return {};
+  if (version == 0) return foreignTables();
   return {kLqErrFile, "the store is of version " + std::to_string(version) + ", and this overhub knows " +
                           std::to_string(kVersion) + "; use the overhub that wrote it, or a newer one"};
 }
