@@ -43,6 +43,7 @@ class EngineWithClock : public Engine {
   const char* beginReading() const override { return real_->beginReading(); }
   const char* beginWriting() const override { return real_->beginWriting(); }
   const char* now() const override { return time_.c_str(); }
+  bool writesOneAtATime() const override { return real_->writesOneAtATime(); }
 
  private:
   EngineKind kind_;
