@@ -49,6 +49,9 @@ class ClientLink {
     return outcome;
   }
 
+  // How long a request may take at most, in seconds.
+  std::int64_t longestSeconds() const { return 2 * static_cast<std::int64_t>(way_.timeoutSeconds); }
+
   // "client NAME at HOST port PORT", once asked.
   std::string place() const;
   // That the client's answer is not one to the request.

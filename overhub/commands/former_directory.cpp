@@ -177,10 +177,11 @@ void checkIds(const std::string& directory, const FormerStore& store, std::vecto
   std::map<std::int64_t, std::string> names;
   for (const FormerClient& former : store.clients) {
     const auto [other, isFree] = names.try_emplace(former.client.id, former.client.name);
-    if (!isFree)
+    if (!isFree) {
       faults.push_back(directory + "/clients/" + former.client.name + std::string(kBatchSuffix) +
                        ": client " + other->second + " has the id " + std::to_string(former.client.id) +
                        ", too");
+    }
   }
 }
 

@@ -67,8 +67,11 @@ CWmError find(soci::session& session, const Log& wanted, Found& found) {
   filter.name = wanted.name;
   const EverScopeNames names(session);
   const auto limit = static_cast<std::size_t>(wanted.limit);
-  for (std::int64_t to = newestRevision(session); to > 0 && found.entries.size() <= limit; to -= kWindow)
+  std::int64_t to = newestRevision(session);
+  while (to > 0 && found.entries.size() <= limit) {
     look(session, std::max<std::int64_t>(to - kWindow, 0), to, filter, names, limit, found.entries);
+    to = lastRevisionUpTo(session, to - kWindow);
+  }
   found.isMore = found.entries.size() > limit;
   if (found.isMore) found.entries.resize(limit);
   std::reverse(found.entries.begin(), found.entries.end());

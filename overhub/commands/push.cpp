@@ -6,6 +6,7 @@
 #include "overhub/commands/change_options.h"
 #include "overhub/commands/client_requests.h"
 #include "overhub/commands/commands.h"
+#include "overhub/commands/record_check.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
 #include "overhub/commands/target.h"
@@ -25,6 +26,20 @@ Examples:
   overhub push @berlin --parallel 32
   overhub push web-1 web-1.xml             (a file that "uploads web-1 --out" has written, or one like it))";
 
+// A file may hold more than a person can type.
+CWmError checkPushed(const OBGui::RegistryKeyInfo& record) {
+  if (record.encryptedValue->isUnreadable())
+    return {kLqErrRequestRefused, "its secret \"" + record.valueName.get() + "\" in \"" + record.keyPath.get() +
+                                      "\" was protected with another key than the store's"};
+  OBGui::RegistryKeyInfo typed = record;
+  if (!isKey(record)) {
+    typed.valueType = std::string(STRINGTYPE);  // clients take every other word for that
+    const std::string ended = valueOfExpiry(record.valueName.get());
+    if (!ended.empty()) typed.valueName = ended;
+  }
+  return checkRecord(typed);
+}
+
 // The records of a file, as settings of the client's own.
 int readFile(const std::string& client, const std::string& file, std::vector<Setting>& settings) {
   std::string text;
@@ -43,7 +58,10 @@ int readFile(const std::string& client, const std::string& file, std::vector<Set
   // Keys come with the values in them; no client takes them from a server.
   std::erase_if(keys,
                 [](const auto& key) { return isKey(key) && !isToBeRemoved(key) && !isCreatableKey(key); });
-  const CWmError error = settingsOf(keys, settings);
+  CWmError error;
+  for (const OBGui::RegistryKeyInfo& key : keys)
+    if (!error.IsError()) error = checkPushed(key);
+  if (!error.IsError()) error = settingsOf(keys, settings);
   return error.IsError() ? complain(kExitRefused, file + ": " + error.AsString()) : kExitOk;
 }
 
@@ -63,14 +81,19 @@ int setFromFile(const Store& store, const std::string& client, const std::string
   });
 }
 
+// What a push may take beside its waits for the client, in seconds.
+constexpr std::int64_t kLeaseMargin = 60;
+
 RequestOutcome sendBatch(const Store& store, ClientLink& link) {
   const std::string& name = link.client().name;
   HandOut out;
-  CWmError error = handOutForPush(store, name, out);
+  CWmError error = handOutForPush(store, name, link.longestSeconds() + kLeaseMargin, out);
   if (error.IsError()) return failedRequest(error);
   if (!out.refusal.empty()) return failedRequest(kExitRefused, out.refusal);
   OBGui::RegistryTaskResp answer;
   RequestOutcome outcome = link.ask(out.batch, answer);
+  error = notePushed(store, name, out);
+  if (error.IsError()) return failedRequest(error);
   if (outcome.exitCode != kExitOk) return outcome;
   const std::int64_t status = answer.taskStatus;
   if (status != OBGui::kTaskSuccess && status != OBGui::kTaskFailed)

@@ -52,7 +52,7 @@ bool isMachines(const Setting& setting) {
 CWmError collect(const Database& database, soci::session& session, const FleetQuestion& question,
                  Facts& facts) {
   facts = Facts();
-  const CWmError error = askFleet(database, session, question, facts.fleet);
+  CWmError error = askFleet(database, session, question, facts.fleet);
   if (error.IsError()) return error;
   facts.groups = groupsAt(session, facts.fleet.revision);
   std::sort(facts.groups.begin(), facts.groups.end(),
@@ -91,6 +91,7 @@ Tone toneOf(FleetState state) {
 void addStates(HtmlPage& page, const FleetStatus& fleet) {
   page.section("At a glance");
   std::vector<NamedCount> counts;
+  counts.reserve(kFleetStates.size());
   for (const FleetState state : kFleetStates)
     counts.push_back({stateName(state), fleet.count(state), toneOf(state)});
   page.stackedBar("State of the machines", counts);

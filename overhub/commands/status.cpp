@@ -74,10 +74,11 @@ std::string metricsText(const FleetStatus& fleet) {
   for (const MachineStatus& machine : fleet.machines)
     for (const std::string& group : machine.groups) ++groups[group][static_cast<std::size_t>(machine.state)];
   metrics.family("overhub_group_clients", Type::gauge, "Clients of a group by their state");
-  for (const auto& [group, counts] : groups)
+  for (const auto& [group, counts] : groups) {
     for (const FleetState state : kFleetStates)
       metrics.sample(counts[static_cast<std::size_t>(state)],
                      {{"group", group}, {"state", stateName(state)}});
+  }
   metrics.family("overhub_clients_known", Type::gauge, "Clients in all");
   metrics.sample(fleet.machines.size());
   metrics.family("overhub_newest_revision", Type::gauge, "The newest revision of the store");

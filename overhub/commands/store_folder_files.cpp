@@ -45,6 +45,10 @@ void addGroups(soci::session& session, Files& files) {
     files[kGroups + member.group + kSuffix] += folder_text::memberLine(member.pattern);
 }
 
+std::string fileIn(const std::string& folder, const std::string& name) {
+  return folder + "/" + name;
+}
+
 bool hasMark(const std::string& file) {
   std::string text;
   return !file_access::readWhole(file, text).IsError() && text.starts_with(folder_text::kMark);
@@ -54,17 +58,20 @@ CWmError failed(const std::string& path, const std::error_code& fault) {
   return {kLqErrFile, path + ": " + fault.message()};
 }
 
+CWmError notOurs(const std::string& folder, const std::string& file) {
+  return {kLqErrRequestRefused, folder + " holds \"" + file + "\" and no " + kMarkFile +
+                                    ", so it is no folder of \"overhub export\"; name an empty or a new one"};
+}
+
 // Whoever names a wrong folder loses nothing. What begins with a dot is the version control's.
 CWmError checkOurs(const std::string& folder) {
-  if (hasMark(folder + "/" + kMarkFile)) return {};
+  if (hasMark(fileIn(folder, kMarkFile))) return {};
   std::error_code fault;
   for (auto entry = fs::directory_iterator(folder, fault); !fault && entry != fs::directory_iterator();
        entry.increment(fault)) {
     const std::string name = entry->path().filename().string();
     if (!name.starts_with('.')) {
-      return {kLqErrRequestRefused,
-              folder + " holds \"" + name + "\" and no " + kMarkFile +
-                  ", so it is no folder of \"overhub export\"; name an empty or a new one"};
+      return notOurs(folder, name);
     }
   }
   return fault ? failed(folder, fault) : CWmError();
@@ -75,7 +82,7 @@ CWmError removeGone(const std::string& folder, const std::string& part, const Fi
                     Written& written) {
   std::error_code fault;
   std::vector<fs::path> gone;
-  for (auto entry = fs::directory_iterator(folder + "/" + part, fault);
+  for (auto entry = fs::directory_iterator(fileIn(folder, part), fault);
        !fault && entry != fs::directory_iterator(); entry.increment(fault)) {
     const std::string name = part + entry->path().filename().string();
     if (entry->path().filename().string().starts_with('.') || files.contains(name)) continue;
@@ -88,7 +95,7 @@ CWmError removeGone(const std::string& folder, const std::string& part, const Fi
   }
   for (const fs::path& file : gone)
     if (!fault && fs::remove(file, fault)) ++written.removed;
-  return fault ? failed(folder + "/" + part, fault) : CWmError();
+  return fault ? failed(fileIn(folder, part), fault) : CWmError();
 }
 
 }  // namespace
@@ -126,15 +133,15 @@ CWmError write(const std::string& folder, const Files& files, Written& written) 
   CWmError error = file_access::makeDirectory(folder);
   if (!error.IsError()) error = checkOurs(folder);
   // The mark comes first, so that an export that breaks off can be begun again.
-  if (!error.IsError() && !hasMark(folder + "/" + kMarkFile))
-    error = file_access::replace(folder + "/" + kMarkFile, files.at(kMarkFile));
+  if (!error.IsError() && !hasMark(fileIn(folder, kMarkFile)))
+    error = file_access::replace(fileIn(folder, kMarkFile), files.at(kMarkFile));
   for (const char* const part : {kGroups, kMachines}) {
-    if (!error.IsError()) error = file_access::makeDirectory(folder + "/" + part);
+    if (!error.IsError()) error = file_access::makeDirectory(fileIn(folder, part));
     if (!error.IsError()) error = removeGone(folder, part, files, written);
   }
   for (const auto& [name, text] : files) {
     if (error.IsError()) return error;
-    const std::string file = folder + "/" + name;
+    const std::string file = fileIn(folder, name);
     std::string before;
     if (file_access::exists(file) && !file_access::readWhole(file, before).IsError() && before == text)
       continue;

@@ -32,13 +32,13 @@ std::vector<Contact> selectContacts(soci::session& session, const std::string& c
   forEachRow(
       session,
       "SELECT client, address, first_seen, last_seen, handed, handed_revision, handed_time, records,"
-      " most_records, proving, proven, proven_revision, base, touched, doubted, is_cache_unknown, outcome,"
+      " most_records, proving, proven, proven_revision, base, touched, doubted, pushed_until, is_cache_unknown, outcome,"
       " outcome_time, outcome_since, refusal, refused_since FROM contacts" +
           condition,
       keep, into(row.client), into(row.address), into(row.firstSeen), into(row.lastSeen), into(row.handed),
       into(row.handedRevision), into(row.handedTime), into(row.records), into(row.mostRecords),
       into(row.proving), into(row.proven), into(row.provenRevision), into(row.base), into(row.touched),
-      into(row.doubted), into(isUnknown), into(row.outcome), into(row.outcomeTime), into(row.outcomeSince),
+      into(row.doubted), into(row.pushedUntil), into(isUnknown), into(row.outcome), into(row.outcomeTime), into(row.outcomeSince),
       into(row.refusal), into(row.refusedSince), std::forward<Uses>(uses)...);
   return contacts;
 }
@@ -131,6 +131,11 @@ std::vector<Contact> allContacts(soci::session& session) {
 void setAddress(soci::session& session, std::int64_t id, const std::string& address, std::int64_t now) {
   session << "UPDATE contacts SET address = :address, last_seen = :now WHERE client = :client",
       use(address, "address"), use(now, "now"), use(id, "client");
+}
+
+void setPushedUntil(soci::session& session, std::int64_t id, std::int64_t time) {
+  session << "UPDATE contacts SET pushed_until = :time WHERE client = :client", use(time, "time"),
+      use(id, "client");
 }
 
 void touchClient(soci::session& session, std::int64_t id, std::int64_t revision) {

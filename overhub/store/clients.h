@@ -36,6 +36,7 @@ struct Contact {
   std::int64_t touched = 0;  // the newest revision that changed which groups it is in, or made it one
   std::int64_t doubted = 0;  // the revision at which it was last doubted what it holds
   bool isCacheUnknown = false;
+  std::int64_t pushedUntil = 0;  // when the lease of a push that is under way is over; 0: none is
   std::int64_t outcome = 0;  // the task status of its newest acknowledgement; 0: none yet
   std::int64_t outcomeTime = 0;
   std::int64_t outcomeSince = 0;  // when acknowledgements began to say the same as that one
@@ -68,6 +69,7 @@ void setHost(soci::session& session, std::int64_t id, const std::string& host);
 Contact contactOf(soci::session& session, std::int64_t id);
 std::vector<Contact> allContacts(soci::session& session);
 void setAddress(soci::session& session, std::int64_t id, const std::string& address, std::int64_t now);
+void setPushedUntil(soci::session& session, std::int64_t id, std::int64_t time);
 // That the client's scopes are others from the revision on.
 void touchClient(soci::session& session, std::int64_t id, std::int64_t revision);
 // What it may hold is not known any more: all that it was ever handed counts as held again, and what it has

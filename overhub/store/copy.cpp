@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
+#include <utility>
 
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/UtcText.h"
@@ -31,7 +33,7 @@ constexpr std::int64_t kHandOutGap = 1'000'000;
 constexpr std::int64_t kMoreRecords = 2'000;
 
 CWmError failed(const std::string& path) {
-  return {kLqErrFile, path + ": " + std::strerror(errno)};
+  return {kLqErrFile, path + ": " + std::system_category().message(errno)};
 }
 
 CWmError isThere(const std::string& file) {
@@ -41,7 +43,7 @@ CWmError isThere(const std::string& file) {
 // A file that is gone when this is, unless it was kept.
 class Temporary {
  public:
-  explicit Temporary(const std::string& path) : path_(path) {}
+  explicit Temporary(std::string path) : path_(std::move(path)) {}
   ~Temporary() {
     if (isMade_) ::unlink(path_.c_str());
   }
@@ -126,16 +128,16 @@ void markAsCopy(soci::session& session, const std::string& time) {
 
 CWmError beginEpoch(const Database& database, std::string& notice) {
   std::string time;
-  const CWmError error = database.read([&time](soci::session& session) -> CWmError {
+  CWmError error = database.read([&time](soci::session& session) -> CWmError {
     time = timeOfCopy(session);
     return {};
   });
   if (error.IsError() || time.empty()) return error;
-  const CWmError prepared = database.engine().prepare();
-  if (prepared.IsError()) return prepared;
+  error = database.engine().prepare();
+  if (error.IsError()) return error;
   const std::string operation = newSessionKeyHex();
   bool isOthers = false;
-  const CWmError begun = database.writeOnce([&](soci::session& session) -> CWmError {
+  error = database.writeOnce([&](soci::session& session) -> CWmError {
     const std::int64_t revision = raise(session, kRevisionCounter, kRevisionGap);
     time = timeOfCopy(session);
     isOthers = time.empty();  // or an attempt of ours whose answer was lost
@@ -153,5 +155,5 @@ CWmError beginEpoch(const Database& database, std::string& notice) {
              "in a row";
     return {};
   });
-  return isOthers ? CWmError() : begun;
+  return isOthers ? CWmError() : error;
 }

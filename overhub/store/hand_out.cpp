@@ -187,7 +187,7 @@ CWmError handOut(const Store& store, const std::string& name, std::int64_t claim
   });
 }
 
-CWmError handOutForPush(const Store& store, const std::string& name, HandOut& out) {
+CWmError handOutForPush(const Store& store, const std::string& name, std::int64_t leaseSeconds, HandOut& out) {
   const Database& database = store.database();
   return database.write([&](soci::session& session) -> CWmError {
     out = HandOut();
@@ -197,9 +197,14 @@ CWmError handOutForPush(const Store& store, const std::string& name, HandOut& ou
     session << "UPDATE contacts SET refusal = refusal WHERE client = :client", use(client->id);
     const Contact contact = contactOf(session, client->id);
     if (contact.client == 0) return unknownClient(name);
+    if (contact.pushedUntil > now)
+      return {kLqErrRequestRefused, "another push to " + name + " is under way, or was cut off; try again in " +
+                                        std::to_string(contact.pushedUntil - now) + " s at the latest"};
     const CWmError error = makeBatch(session, *client, contact, now, out);
-    if (!error.IsError() && out.refusal.empty()) noteHeld(session, contact, out.revision, now);
-    return error;
+    if (error.IsError() || !out.refusal.empty()) return error;
+    noteHeld(session, contact, out.revision, now);
+    setPushedUntil(session, client->id, now + leaseSeconds);
+    return {};
   });
 }
 
@@ -212,6 +217,7 @@ CWmError notePushed(const Store& store, const std::string& name, const HandOut& 
     const Contact contact = contactOf(session, client->id);
     if (contact.client == 0) return unknownClient(name);
     noteHeld(session, contact, out.revision, database.now(session));
+    setPushedUntil(session, client->id, 0);
     return {};
   });
 }

@@ -29,8 +29,9 @@ struct HandOut {
 CWmError handOut(const Store& store, const std::string& client, std::int64_t claimedId, HandOut& out);
 
 // The batch for a client that is called. It reaches the machine's registry and not its cache, so it proves
-// nothing.
-CWmError handOutForPush(const Store& store, const std::string& client, HandOut& out);
+// nothing. Nobody else pushes to the client until notePushed(), or until the lease is over: whoever holds it may have
+// been killed, and a push that is made a second time changes nothing.
+CWmError handOutForPush(const Store& store, const std::string& client, std::int64_t leaseSeconds, HandOut& out);
 // To be said once it was sent, whatever came of it: what was pushed may have been applied after hand-outs
 // that came meanwhile.
 CWmError notePushed(const Store& store, const std::string& client, const HandOut& out);

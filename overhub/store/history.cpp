@@ -236,7 +236,6 @@ class Undo {
   void putBack(const GroupDifference& group) {
     const std::string what = "group " + group.name;
     if (isChangedLater(groupLater_, group.name, what)) return;
-    if (group.before) groups_.insert(group.name);
     // With a group goes what is in it, also what came later.
     if (!group.before && isChangedLater(inGroupLater_, group.name, what)) return;
     changes_.groups.push_back({group.name, group.before});

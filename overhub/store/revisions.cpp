@@ -40,3 +40,10 @@ std::vector<Revision> allRevisions(soci::session& session) {
 std::vector<Revision> newestRevisions(soci::session& session, std::int64_t count) {
   return select(session, "ORDER BY number DESC LIMIT :count", use(count, "count"));
 }
+
+std::int64_t lastRevisionUpTo(soci::session& session, std::int64_t number) {
+  std::int64_t last = 0;
+  session << "SELECT COALESCE(MAX(number), 0) FROM revisions WHERE number <= :number", soci::use(number),
+      soci::into(last);
+  return last;
+}

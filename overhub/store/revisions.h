@@ -20,6 +20,8 @@ struct Revision {
 
 void writeRevision(soci::session& session, const Revision& revision, const std::string& operation);
 std::optional<Revision> findRevision(soci::session& session, std::int64_t number);
+// The highest number of a revision up to this one; 0: there is none. A restored store has a wide gap in them.
+std::int64_t lastRevisionUpTo(soci::session& session, std::int64_t number);
 // Ascending by number.
 std::vector<Revision> allRevisions(soci::session& session);
 // The newest so many, the newest first.

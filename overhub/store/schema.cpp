@@ -60,7 +60,7 @@ constexpr const char* kTables[] = {
     " most_records BIGINT NOT NULL DEFAULT 0, proving BIGINT NOT NULL DEFAULT 0, proven BIGINT NOT NULL "
     "DEFAULT 0,"
     " proven_revision BIGINT NOT NULL DEFAULT 0, base BIGINT NOT NULL DEFAULT 0, touched BIGINT NOT NULL "
-    "DEFAULT 0, doubted BIGINT NOT NULL DEFAULT 0,"
+    "DEFAULT 0, doubted BIGINT NOT NULL DEFAULT 0, pushed_until BIGINT NOT NULL DEFAULT 0,"
     " is_cache_unknown INTEGER NOT NULL DEFAULT 0, outcome BIGINT NOT NULL DEFAULT 0, outcome_time BIGINT "
     "NOT NULL DEFAULT 0,"
     " outcome_since BIGINT NOT NULL DEFAULT 0, refusal TEXT NOT NULL DEFAULT '', refused_since BIGINT NOT "

@@ -97,11 +97,11 @@ bool isEmpty(soci::session& session) {
 CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverNote& note) {
   std::vector<Ready> clients(former.clients.size());
   for (std::size_t i = 0; i < clients.size(); ++i) {
-    const CWmError error = makeReady(store, former.clients[i], clients[i]);
+    CWmError error = makeReady(store, former.clients[i], clients[i]);
     if (error.IsError()) return error;
   }
   std::vector<Setting> staticList;
-  const CWmError error = settingsOf(former.staticList, staticList);
+  CWmError error = settingsOf(former.staticList, staticList);
   if (error.IsError()) return error;
   const std::string operation = newSessionKeyHex();
   const Database& database = store.database();

@@ -145,7 +145,7 @@ TEST_P(HandOuts, CarryARemovalUntilTwoInARowWereApplied) {
       }
       HandOut out;
       if (*fate == 'p') {
-        ASSERT_STREQ(handOutForPush(hub_.two(), "pc1", out).AsString(), "");
+        ASSERT_STREQ(handOutForPush(hub_.two(), "pc1", 0, out).AsString(), "");
         acknowledgeAs(out.number);
         EXPECT_EQ(out.number, 0);
       } else {
@@ -193,7 +193,7 @@ TEST_P(HandOuts, APushProvesNothingAndIsOwed) {
   passes(2);
   ASSERT_EQ(set(mine(), "~/A", "x", "1"), "");
   HandOut out;
-  ASSERT_STREQ(handOutForPush(hub_.one(), "pc1", out).AsString(), "");
+  ASSERT_STREQ(handOutForPush(hub_.one(), "pc1", 0, out).AsString(), "");
   EXPECT_EQ(all(out.batch.keys), "~/A x=1");
   EXPECT_EQ(hub_.contact(id_).handed, 2);
   ASSERT_EQ(unset(mine(), "~/A", "x"), "");
@@ -397,7 +397,7 @@ TEST_P(HandOuts, WhatCannotBeHandedOutIsRefusedWhole) {
   const std::int64_t number = hub_.contact(id_).handed;
   expectSays(ask("pc1", id_).refusal, "its secret ~/A s was protected with another key");
   EXPECT_EQ(hub_.contact(id_).handed, number);
-  ASSERT_STREQ(handOutForPush(hub_.one(), "pc1", out).AsString(), "");
+  ASSERT_STREQ(handOutForPush(hub_.one(), "pc1", 0, out).AsString(), "");
   expectSays(out.refusal, "another key");
   ASSERT_EQ(unset("@all", "~/A", "s"), "");
   EXPECT_EQ(pass(), "-~/A s") << "what cannot be read can be withdrawn";

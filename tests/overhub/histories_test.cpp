@@ -531,7 +531,7 @@ class History {
 
   void push(Machine& machine) {
     HandOut out;
-    const CWmError error = handOutForPush(anyServer(), machine.name, out);
+    const CWmError error = handOutForPush(anyServer(), machine.name, 0, out);
     expect(!error.IsError(), error.AsString());
     const bool isLost = isOneIn(4);
     tell(machine.name + " is pushed" + (isLost ? ", in vain" : ""));

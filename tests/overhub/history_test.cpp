@@ -227,6 +227,15 @@ TEST_P(History, PutsARevisionBackUnlessALaterOneHasBeenAtIt) {
   EXPECT_TRUE(names(undo(joined), left));
   for (const std::int64_t revision : {left, silent}) EXPECT_TRUE(names(undo(revision), noMore)) << revision;
 
+  // Of several later ones the newest, which would have to be put back first.
+  ChangeSet both;
+  for (const char* const name : {"nA", "nB"})
+    both.put(settingOf(machineScope(id), recordFor("~/Limits", name, "1")));
+  const std::int64_t two = made(both);
+  set(machineScope(id), "nB", "2");
+  const std::int64_t newest = set(machineScope(id), "nA", "2");
+  EXPECT_TRUE(names(undo(two), newest));
+
   // Numbers that were swapped.
   ChangeSet swap;
   swap.groups = {{"web", 20}, {"data", 10}};

@@ -197,6 +197,18 @@ TEST_P(FleetStates, BeginWithWhatIsOldest) {
   }
   pass("a", id);
   EXPECT_EQ(states(), "a:current");
+
+  // What has acknowledged nothing yet lacks all since it was added, whatever came later.
+  const std::int64_t added = hub_.now();
+  hub_.add("b");
+  later(90 + kSilent);
+  ChangeSet group;
+  group.groups.push_back({"g", 1});
+  group.members.push_back({{"g", "b"}, true});
+  ASSERT_EQ(hub_.change(group), "");
+  std::int64_t proving = 0;
+  EXPECT_STREQ(noteAttached(hub_.one(), "b", "10.0.0.1", proving).AsString(), "");
+  EXPECT_EQ(machine("b").since, added);
 }
 
 class StatusCommand : public OverhubTest {
