@@ -53,8 +53,8 @@ void keepLast(std::vector<Edit>& edits, KeyOf keyOf) {
 // One attempt at a change, within its transaction.
 class Attempt {
  public:
-  Attempt(soci::session& session, const ChangeNote& note, std::int64_t revision)
-      : session_(session), note_(note), revision_(revision) {}
+  Attempt(soci::session& session, const ChangeNote& note, std::int64_t revision, std::int64_t now)
+      : session_(session), note_(note), revision_(revision), now_(now) {}
 
   // Weighs the change; isNothing when all is so already.
   CWmError weighAll(ChangeSet& changes, ChangeResult& result) {
@@ -66,13 +66,13 @@ class Attempt {
     if (error.IsError()) return error;
     error = checkGroups();
     if (error.IsError()) return error;
-    result.effects = weigh(names_, before_, after_, fleetBefore_, fleetAfter_);
+    result.effects = weigh(names_, before_, after_, fleetBefore_, fleetAfter_, now_);
     noteWayBack(changes, result.effects);
     return checkEffects(result.effects);
   }
 
-  CWmError write(ChangeSet& changes, const std::string& operation, std::int64_t now, ChangeResult& result) {
-    writeRevision(session_, {revision_, now, note_.who, note_.why, note_.command}, operation);
+  CWmError write(ChangeSet& changes, const std::string& operation, ChangeResult& result) {
+    writeRevision(session_, {revision_, now_, note_.who, note_.why, note_.command}, operation);
     for (const auto& edit : changes.settings) {
       endSetting(session_, edit.scope, edit.identity, revision_);
       if (edit.after) beginSetting(session_, *edit.after, revision_);
@@ -310,6 +310,7 @@ class Attempt {
   soci::session& session_;
   const ChangeNote& note_;
   std::int64_t revision_;
+  std::int64_t now_;  // by the store's clock
   std::set<std::string> names_;
   std::set<std::int64_t> removed_;  // clients
   TouchedSettings before_;
@@ -347,13 +348,13 @@ CWmError makeChange(const Database& database, const ChangeNote& note, const Chan
     ChangeSet changes;
     CWmError fault = build(session, changes);
     if (fault.IsError()) return fault;
-    Attempt attempt(session, note, revision);
+    Attempt attempt(session, note, revision, database.now(session));
     fault = attempt.weighAll(changes, result);
     if (fault.IsError()) return fault;
     isLeft = result.isNothing || note.isDryRun;
     if (isLeft) return refused("nothing is written");
     result.revision = revision;
-    return attempt.write(changes, operation, database.now(session), result);
+    return attempt.write(changes, operation, result);
   });
   if (isLeft) return {};
   if (error.IsError()) result = ChangeResult();

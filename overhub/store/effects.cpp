@@ -8,9 +8,6 @@
 
 namespace {
 
-// Whether a time has come is the hand-out's to see; what a change does is weighed as if none had.
-constexpr std::int64_t kNoEndYet = 0;
-
 EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<std::string>& names,
                          const TouchedSettings& settings, std::int64_t moment) {
   std::vector<std::vector<Setting>> said;
@@ -85,13 +82,14 @@ void add(const Identity& identity, const Difference& difference, const std::vect
 // Whether these machines could be handed out what they get, now and after each end that is to come: with it
 // something farther counts.
 void noteConflict(const Kind& kind, const std::vector<const Client*>& machines,
-                  const std::set<std::string>& names, const TouchedSettings& after, Effects& effects) {
-  std::set<std::int64_t> moments{kNoEndYet};
+                  const std::set<std::string>& names, const TouchedSettings& after, std::int64_t now,
+                  Effects& effects) {
+  std::set<std::int64_t> moments{now};
   for (const std::string& scope : kind.after)
     for (const std::string& name : names)
       if (const auto said = after.find({scope, name}); said != after.end())
         for (const Setting& setting : said->second)
-          if (setting.expires != 0) moments.insert(setting.expires + 1);
+          if (setting.expires >= now) moments.insert(setting.expires + 1);
   for (const std::int64_t moment : moments) {
     if (!effects.conflict.empty()) return;
     effects.conflict = expiryConflict(merged(kind.after, names, after, moment));
@@ -108,7 +106,7 @@ void sortUnique(std::vector<std::string>& names) {
 }  // namespace
 
 Effects weigh(const std::set<std::string>& names, const TouchedSettings& before, const TouchedSettings& after,
-              const Fleet& fleetBefore, const Fleet& fleetAfter) {
+              const Fleet& fleetBefore, const Fleet& fleetAfter, std::int64_t now) {
   Effects effects;
   const ScopeFinder finderBefore(fleetBefore);
   const ScopeFinder finderAfter(fleetAfter);
@@ -130,16 +128,16 @@ Effects weigh(const std::set<std::string>& names, const TouchedSettings& before,
   std::map<std::tuple<Identity, std::string, std::string>, std::int64_t> values;
   for (const auto& [kind, machines] : kinds) {
     if (kind.isNew) {
-      noteConflict(kind, machines, names, after, effects);
+      noteConflict(kind, machines, names, after, now, effects);
       continue;
     }
-    const EffectiveSettings was = merged(kind.before, names, before, kNoEndYet);
-    const EffectiveSettings is = merged(kind.after, names, after, kNoEndYet);
+    const EffectiveSettings was = merged(kind.before, names, before, now);
+    const EffectiveSettings is = merged(kind.after, names, after, now);
     const auto found = differences(was, is);
     if (found.empty()) continue;
     for (const auto& [identity, difference] : found) add(identity, difference, machines, values, effects);
     for (const Client* const client : machines) effects.machines.push_back(client->name);
-    noteConflict(kind, machines, names, after, effects);
+    noteConflict(kind, machines, names, after, now, effects);
   }
   for (const auto& [key, machines] : values)
     effects.values.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), machines});

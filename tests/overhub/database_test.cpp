@@ -49,7 +49,8 @@ class StoreUnderFaults : public testing::Test {
   TempDir dir_;
 };
 
-// A COMMIT whose answer is lost may have been carried out or not; what was to be done is done once in either case.
+// A COMMIT whose answer is lost may have been carried out or not; what was to be done is done once in either
+// case.
 TEST_F(StoreUnderFaults, AChangeIsMadeOnceThroughKillsAtItsCommit) {
   PostgresServer server;
   Store store({dir_ / "data", server.freshDatabase()});
@@ -82,7 +83,8 @@ TEST_F(StoreUnderFaults, AChangeIsMadeOnceThroughKillsAtItsCommit) {
     EXPECT_EQ(revisions, rounds()) << "lost, or done twice";
     for (const auto& [revision, number] : made) {
       std::string command;
-      session << "SELECT command FROM revisions WHERE number = :number", soci::use(revision), soci::into(command);
+      session << "SELECT command FROM revisions WHERE number = :number", soci::use(revision),
+          soci::into(command);
       EXPECT_EQ(command, std::to_string(number));
     }
     found = settingsNamed(session, "nCOUNT").at(0).value;
@@ -101,7 +103,10 @@ TEST_F(StoreUnderFaults, AStandbyTakesOverWithoutALoss) {
   ASSERT_STREQ(store.prepare().AsString(), "");
   std::int64_t revision = 0;
   for (int number = 1; number <= 5; ++number)
-    ASSERT_STREQ(count(store, number, [] {}, revision).AsString(), "");
+    ASSERT_STREQ(count(
+                     store, number, [] {}, revision)
+                     .AsString(),
+                 "");
   bool isKilled = false;
   const CWmError error = count(
       store, 6,
@@ -113,7 +118,8 @@ TEST_F(StoreUnderFaults, AStandbyTakesOverWithoutALoss) {
       },
       revision);
   EXPECT_STREQ(error.AsString(), "");
-  EXPECT_EQ(standby.query("SELECT COUNT(*), MAX(value) FROM revisions, settings WHERE valid_to > 1000000", database),
+  EXPECT_EQ(standby.query("SELECT COUNT(*), MAX(value) FROM revisions, settings WHERE valid_to > 1000000",
+                          database),
             "6|6\n");
 }
 

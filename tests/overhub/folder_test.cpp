@@ -28,7 +28,7 @@ class FolderTest : public OverhubTest {
     expectOk({"add-client", "web-10"});
     expectOk({"add-group", "berlin", "--number", "20"});
     expectOk({"add-group", "empty", "--number", "-3"});
-    expectOk({"join-group", "berlin", "web-*", "web-2", "*\"\n#"});
+    expectOk({"join-group", "berlin", "web-*", "web-2", "[!a-c]*"});
     expectOk({"set", "@all", "~/Limits", "nMAX", "20", "--until", "2033-01-01T06:00"});
     expectOk({"set", "@all", "Limits", "nMIN", "1", "--until", "9223372036854775806"});
     expectOk({"set", "@all", "~/A", "x", "********", "--disabled"});
@@ -77,7 +77,7 @@ TEST_F(FolderTest, AnExportIsTheStoreAsText) {
        "# overhub export: the clients; \"overhub apply\" changes nothing of them\n"
        "client \"web-2\" id 3 host \"10.0.0.7\"\nclient \"web-10\" id 4\n"},
       {"groups/berlin.txt",
-       "# overhub export: the group berlin\nnumber 20\nmember \"*\\\"\\n#\"\nmember \"web-*\"\nmember "
+       "# overhub export: the group berlin\nnumber 20\nmember \"[!a-c]*\"\nmember \"web-*\"\nmember "
        "\"web-2\"\n"
        "\"~/\\\"A\\\\ #\" \"s=\" = \"a\\\"b\\\\n\\n\\r\\tc\\\\x41 \xc3\xa4\"\n"
        "\"~/Old\" \"gone\" delete\n\"~/Old\" \"sHELD\" = \"kept\" delete disabled\n"},

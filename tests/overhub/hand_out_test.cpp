@@ -319,14 +319,23 @@ TEST_P(HandOuts, ABatchInWhichANameEndsHereAndStaysThereIsRefused) {
   EXPECT_EQ(set("g:pcs", "~/B", "x", "1"), "") << "no machine is in it";
   expectSays(membership("pcs", "pc?", true), conflict);
   EXPECT_EQ(pass(), "~/A x=1, ~/A x_UNTIL=" + std::to_string(end)) << "what was refused is not made";
-  // A machine that comes later is told why it gets nothing, and so is whoever asks the store.
-  ASSERT_EQ(membership("pcs", "new*", true), "");
-  const std::int64_t later = hub_.add("new1");
-  expectSays(ask("new1", later).refusal, conflict);
-  expectSays(hub_.contact(later).refusal, conflict);
-  ASSERT_EQ(unset("g:pcs", "~/B", "x"), "");
-  EXPECT_EQ(ask("new1", later).batch.keys->size(), 2U);
-  EXPECT_EQ(hub_.contact(later).refusal, "");
+}
+
+// Time may bring about what no change could: then the machine is told why it gets nothing, and so is whoever
+// asks.
+TEST_P(HandOuts, AConflictThatTimeBringsIsNamed) {
+  const std::int64_t end = hub_.now() + 100;
+  for (const char* const path : {"~/A", "~/B"}) ASSERT_EQ(set(mine(), path, "x", "1", end), "");
+  ASSERT_EQ(set("@all", "~/A", "x", "2", end + 100), "");
+  ASSERT_EQ(set("@all", "~/B", "x", "2"), "");
+  passes(1);
+  hub_.setTime(end + 1);
+  const std::string conflict = "clients end a value by its name";
+  expectSays(ask("pc1", id_).refusal, conflict);
+  expectSays(hub_.contact(id_).refusal, conflict);
+  ASSERT_EQ(unset("@all", "~/B", "x"), "");
+  EXPECT_EQ(pass(), "-~/B x, -~/B x_UNTIL, ~/A x=2, ~/A x_UNTIL=" + std::to_string(end + 100));
+  EXPECT_EQ(hub_.contact(id_).refusal, "");
 }
 
 // Whatever of a batch stays in the cache is answered by a record as long as it may be there. A value that is

@@ -406,6 +406,7 @@ class History {
     const std::string& name = oneOf(kNames);
     const auto isIt = [&name](const Machine& machine) { return machine.name == name; };
     if (std::any_of(machines_.begin(), machines_.end(), isIt)) return;
+    if (!conflictsIn(rules_.countingFor(name, 0, 0), 0).empty()) return;  // it would be refused
     Machine machine;
     machine.name = name;
     machine.id = hub_.add(name);

@@ -42,9 +42,9 @@ class EngineWithClock : public Engine {
   std::string doubt(soci::session& session) const override { return real_->doubt(session); }
   const char* beginReading() const override { return real_->beginReading(); }
   const char* beginWriting() const override { return real_->beginWriting(); }
-  bool writesOneAtATime() const override { return real_->writesOneAtATime(); }
   const char* tables() const override { return real_->tables(); }
   const char* now() const override { return time_.c_str(); }
+  bool writesOneAtATime() const override { return real_->writesOneAtATime(); }
 
  private:
   EngineKind kind_;
