@@ -321,13 +321,19 @@ TEST_P(HandOuts, ABatchInWhichANameEndsHereAndStaysThereIsRefused) {
   EXPECT_EQ(pass(), "~/A x=1, ~/A x_UNTIL=" + std::to_string(end)) << "what was refused is not made";
 }
 
-// Time may bring about what no change could: then the machine is told why it gets nothing, and so is whoever
-// asks.
+// Nor is it made what time would bring about; and where it is there all the same, the machine is told why it
+// gets nothing, and so is whoever asks.
 TEST_P(HandOuts, AConflictThatTimeBringsIsNamed) {
   const std::int64_t end = hub_.now() + 100;
   for (const char* const path : {"~/A", "~/B"}) ASSERT_EQ(set(mine(), path, "x", "1", end), "");
   ASSERT_EQ(set("@all", "~/A", "x", "2", end + 100), "");
-  ASSERT_EQ(set("@all", "~/B", "x", "2"), "");
+  const OBGui::RegistryKeyInfo endless = recordFor("~/B", "x", "2");
+  expectSays(put("@all", endless), "clients end a value by its name");
+  const CWmError slipped = hub_.one().database().write([&endless](soci::session& session) {
+    beginSetting(session, settingOf("@all", endless), newestRevision(session));
+    return CWmError();
+  });
+  ASSERT_STREQ(slipped.AsString(), "");
   passes(1);
   hub_.setTime(end + 1);
   const std::string conflict = "clients end a value by its name";
