@@ -27,7 +27,7 @@ int acks(const Store& store, Acks& wanted) {
   const CWmError error = store.database().read([&](soci::session& session) {
     found.clear();
     std::vector<Client> clients;
-    const CWmError fault = clientsOfTarget(session, wanted.target, clients);
+    CWmError fault = clientsOfTarget(session, wanted.target, clients);
     for (const Client& client : clients)
       for (Acknowledgement& entry : acknowledgementsOf(session, client.id, client.name))
         found.push_back(std::move(entry));

@@ -66,7 +66,7 @@ CWmError handOver(const Store& store, const AddClient& wanted, std::vector<Joini
                   const std::vector<Client>& added) {
   for (std::size_t i = 0; i < added.size(); ++i) {
     joining[i].join.clientId = added[i].id;
-    const CWmError error = wanted.handOver.write(store, joining[i].join);
+    CWmError error = wanted.handOver.write(store, joining[i].join);
     if (error.IsError()) return error;
   }
   return {};

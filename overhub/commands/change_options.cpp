@@ -33,7 +33,8 @@ void printEffects(const Effects& effects) {
 
 std::string whoTypes() {
   std::string user;
-  if (const char* const original = std::getenv("SUDO_USER"); original != nullptr && ::geteuid() == 0) {
+  const char* const original = std::getenv("SUDO_USER");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  if (original != nullptr && ::geteuid() == 0) {
     user = original;
   } else {
     std::array<char, 4096> buffer{};

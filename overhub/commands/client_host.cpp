@@ -17,7 +17,7 @@ int changeHost(const Store& store, const std::string& name, const std::string& h
     return complain(kExitUsage, "\"" + host + "\" is no host name or address");
   const CWmError error = store.database().writeOnce([&](soci::session& session) {
     Client client;
-    const CWmError fault = oneClient(session, name, client);
+    CWmError fault = oneClient(session, name, client);
     if (!fault.IsError()) setHost(session, client.id, host);
     return fault;
   });

@@ -54,11 +54,12 @@ RequestOutcome fetchFrom(ClientLink& link, const Fetch& wanted) {
     table.addRow({name, isFound ? found[0].value.get() : kNotFetched});
   }
   RequestOutcome outcome;
-  if (!isWhole)
+  if (!isWhole) {
     outcome =
         failedRequest(kExitRefused,
                       "a fetch has no room for longer values; `lqhost upload` on the client brings those "
                       "of up to 10,239 bytes");
+  }
   outcome.output = table.text();
   return outcome;
 }

@@ -13,7 +13,7 @@ void FleetQuestion::describe(programs::CommandLine::Options options) {
 CWmError askFleet(const Database& database, soci::session& session, const FleetQuestion& question,
                   FleetStatus& fleet) {
   std::vector<Client> clients;
-  const CWmError error = clientsOfTarget(session, question.target, clients);
+  CWmError error = clientsOfTarget(session, question.target, clients);
   if (!error.IsError())
     fleet = fleetStatus(session, std::move(clients), database.now(session),
                         std::int64_t{question.period} * question.silentAfter);

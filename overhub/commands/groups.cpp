@@ -53,10 +53,11 @@ bool isGroup(soci::session& session, const std::string& name) {
 
 int addGroup(const Store& store, const GroupCommand& wanted) {
   const std::string name = plain(wanted.name);
-  if (!isClientName(name) || name == "all" || name == "static")
+  if (!isClientName(name) || name == "all" || name == "static") {
     return complain(kExitUsage, "\"" + name +
                                     "\" cannot be a group's name: it is made like a client's, and not "
                                     "\"all\" or \"static\"");
+  }
   return wanted.change.make(store, "add-group " + name + " --number " + std::to_string(wanted.number),
                             [&](soci::session&, ChangeSet& changes) {
                               changes.groups.push_back({name, wanted.number});
@@ -73,6 +74,11 @@ int removeGroup(const Store& store, const GroupCommand& wanted) {
   });
 }
 
+CWmError noMember(const std::string& member, const std::string& group) {
+  return {kLqErrRequestRefused, "\"" + member + "\" is no member of " + group +
+                                    "; who is there by a pattern leaves with it, see \"overhub groups\""};
+}
+
 CWmError buildMembers(soci::session& session, const GroupCommand& wanted, bool isMember, ChangeSet& changes) {
   const std::string name = plain(wanted.name);
   const auto members = membersAt(session, newestRevision(session));
@@ -86,8 +92,7 @@ CWmError buildMembers(soci::session& session, const GroupCommand& wanted, bool i
     }
     const bool isThere = std::find(members.begin(), members.end(), Member{name, member}) != members.end();
     if (!isMember && !isThere) {
-      return {kLqErrRequestRefused, "\"" + member + "\" is no member of " + name +
-                                        "; who is there by a pattern leaves with it, see \"overhub groups\""};
+      return noMember(member, name);
     }
     changes.members.push_back({{name, member}, isMember});
   }

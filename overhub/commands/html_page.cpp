@@ -110,13 +110,13 @@ long width(std::uint64_t count, std::uint64_t whole) {
 }
 
 std::string rectangle(long from, long width, Tone tone, const std::string& content) {
-  return "<rect x=\"" + std::to_string(from) + "\" width=\"" + std::to_string(width) +
-         "\" height=\"10\" class=\"" + className(tone) + "\">" + content + "</rect>";
+  return R"(<rect x=")" + std::to_string(from) + R"(" width=")" + std::to_string(width) +
+         R"(" height="10" class=")" + className(tone) + "\">" + content + "</rect>";
 }
 
 std::string drawing(const char* attributes, long width, const std::string& content) {
-  return std::string("<svg ") + attributes + " viewBox=\"0 0 " + std::to_string(width) +
-         " 10\" preserveAspectRatio=\"none\">" + content + "</svg>";
+  return std::string("<svg ") + attributes + R"( viewBox="0 0 )" + std::to_string(width) +
+         R"( 10" preserveAspectRatio="none">)" + content + "</svg>";
 }
 
 std::string element(const std::string& tag, std::string_view text) {
@@ -160,7 +160,7 @@ HtmlPage::HtmlPage(std::string_view title, std::int64_t now) : now_(now), text_(
   std::replace(forPeople.begin(), forPeople.end(), 'T', ' ');
   forPeople.replace(forPeople.size() - 1, 1, " UTC");
   text_ += element("title", title) + "\n</head>\n<body>\n<header>" + element("h1", title) +
-           "<p class=\"asof\">As of <time datetime=\"" + time + "\">" + forPeople + "</time></p></header>\n";
+           R"(<p class="asof">As of <time datetime=")" + time + "\">" + forPeople + "</time></p></header>\n";
 }
 
 void HtmlPage::section(std::string_view heading) {
@@ -218,13 +218,16 @@ void HtmlPage::stackedBar(std::string_view title, const std::vector<NamedCount>&
     if (each.count != 0) bar += rectangle(end, width(each.count, whole), each.tone, element("title", told));
     end += width(each.count, whole);
     legend += "<li>" + element("b", grouped(each.count)) +
-              "<svg class=\"dot\" viewBox=\"0 0 10 10\" aria-hidden=\"true\">" +
+              R"(<svg class="dot" viewBox="0 0 10 10" aria-hidden="true">)" +
               rectangle(0, 10, each.tone, "") + "</svg>" + escapedForHtml(each.name) +
-              " <span class=\"share\">" + escapedForHtml(percent) + "</span></li>\n";
+              R"( <span class="share">)" + escapedForHtml(percent) + "</span></li>\n";
   }
   text_ += "<figure>" + element("figcaption", title) + "\n" +
-           drawing("class=\"stack\" role=\"img\"", end, element("title", spoken) + bar) +
-           "\n<ul class=\"legend\">\n" + legend + "</ul></figure>\n";
+           drawing(R"(class="stack" role="img")", end, element("title", spoken) + bar) +
+           "\n"
+           R"(<ul class="legend">)"
+           "\n" +
+           legend + "</ul></figure>\n";
 }
 
 void HtmlPage::barChart(std::string_view title, const std::vector<NamedCount>& counts) {

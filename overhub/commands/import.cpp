@@ -43,7 +43,7 @@ int import(const Store::Place& place, const std::string& directory) {
   if (!faults.empty()) return complain(kExitRefused, "nothing was taken over; mend these files first");
   // Only now, as it names another protection key.
   Store store(place);
-  error = store.prepare();
+  error = store.prepareWithKey();
   if (!error.IsError()) error = takeOver(store, former, {whoTypes(), "import " + directory});
   if (error.IsError()) return storeFailed(error);
   for (const FormerClient& client : former.clients) warnOf(client);
@@ -57,7 +57,6 @@ void addImport(programs::CommandLine& line, const Store::Place& place) {
   const auto directory = std::make_shared<std::string>();
   line.add("import", "Take over a data directory of the version before, whose server is stopped",
            [&place, directory] { return import(place, *directory); })
-      .required("DIRECTORY", *directory,
-                "That directory, with \"clients\", \"keys\" and \"secret.key\" in it")
+      .required("DIRECTORY", *directory, R"(That directory, with "clients", "keys" and "secret.key" in it)")
       .footer(kFooter);
 }

@@ -33,7 +33,7 @@ CWmError JoinHandOver::begin(const Store& store, const std::string& client, prog
   if (!isOwn && file_access::exists(file))
     return {kLqErrRequestRefused, file + " exists already; choose another place for the join file"};
   if (!file_.empty()) {
-    const CWmError error = file_access::replace(file_, "");
+    CWmError error = file_access::replace(file_, "");
     isFileMade_ = !error.IsError();
     return error;
   }

@@ -28,10 +28,11 @@ Examples:
 
 // A file may hold more than a person can type.
 CWmError checkPushed(const OBGui::RegistryKeyInfo& record) {
-  if (record.encryptedValue->isUnreadable())
+  if (record.encryptedValue->isUnreadable()) {
     return {kLqErrRequestRefused, "its secret \"" + record.valueName.get() + "\" in \"" +
                                       record.keyPath.get() +
                                       "\" was protected with another key than the store's"};
+  }
   OBGui::RegistryKeyInfo typed = record;
   if (!isKey(record)) {
     typed.valueType = std::string(STRINGTYPE);  // clients take every other word for that
@@ -73,7 +74,7 @@ int setFromFile(const Store& store, const std::string& client, const std::string
   if (const int exitCode = readFile(client, file, settings); exitCode != kExitOk) return exitCode;
   return change.make(store, "push " + client + " " + file, [&](soci::session& session, ChangeSet& changes) {
     Client found;
-    const CWmError error = oneClient(session, client, found);
+    CWmError error = oneClient(session, client, found);
     for (Setting& setting : settings) {
       setting.scope = machineScope(found.id);
       changes.put(setting);

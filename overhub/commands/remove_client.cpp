@@ -59,7 +59,7 @@ int removeNow(const Store& store, const RemoveClient& wanted) {
     return complain(kExitUsage, "which clients are to be removed? TARGET is missing");
   return wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
     std::vector<Client> clients;
-    const CWmError error = clientsOfTarget(session, wanted.target, clients);
+    CWmError error = clientsOfTarget(session, wanted.target, clients);
     remove(session, clients, changes);
     return error;
   });
@@ -126,7 +126,7 @@ int step(const Store& store, const RemoveClient& wanted, const std::vector<Clien
   if (error.IsError()) return storeFailed(error);
   if (progress.clean.empty() && progress.fresh.empty()) return kExitOk;
   return wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
-    const CWmError fault = look(database, session, clients, progress);
+    CWmError fault = look(database, session, clients, progress);
     remove(session, progress.clean, changes);
     for (const Client& client : progress.fresh) changes.withdrawals.push_back({client.id, true});
     return fault;

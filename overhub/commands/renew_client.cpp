@@ -15,7 +15,7 @@ CWmError changeKey(const Store& store, const std::string& name, const std::strin
                    programs::JoinFile& join) {
   return store.database().writeOnce([&](soci::session& session) {
     Client client;
-    const CWmError error = oneClient(session, name, client);
+    CWmError error = oneClient(session, name, client);
     if (error.IsError()) return error;
     join.clientId = client.id;
     setProtectedKey(session, client.id, protectedKey);
@@ -44,12 +44,13 @@ int renewClient(const Store& store, const std::string& name, JoinHandOver& handO
   }
   const CWmError doubt = error;
   error = handOver.write(store, join);
-  if (doubt.IsError())
+  if (doubt.IsError()) {
     return storeFailed(
         {doubt.GetCode(), std::string(doubt.AsString()) +
                               "; whether the key was changed is not known: run it again, or try both, "
                               "the old one and that in " +
                               handOver.place(store, name)});
+  }
   if (error.IsError()) return storeFailed(error);
   handOver.printNextSteps(store, join);
   return kExitOk;

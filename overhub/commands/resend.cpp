@@ -16,7 +16,7 @@ older states "lqhost sync --fresh" on the machine drops its cache first.)";
 int resend(const Store& store, const std::string& target) {
   std::vector<Client> clients;
   const CWmError error = store.database().writeOnce([&](soci::session& session) {
-    const CWmError fault = clientsOfTarget(session, target, clients);
+    CWmError fault = clientsOfTarget(session, target, clients);
     for (const Client& client : clients) doubtCache(session, client.id);
     return fault;
   });

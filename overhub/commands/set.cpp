@@ -136,7 +136,7 @@ int set(const Store& store, const Set& wanted) {
   return wanted.change.make(store, "set " + wanted.target + " " + wanted.path + " " + wanted.name,
                             [&](soci::session& session, ChangeSet& changes) {
                               std::vector<std::string> scopes;
-                              const CWmError fault = scopesOfTarget(session, wanted.target, scopes);
+                              CWmError fault = scopesOfTarget(session, wanted.target, scopes);
                               for (const std::string& scope : scopes) {
                                 setting.scope = scope;
                                 changes.put(setting);

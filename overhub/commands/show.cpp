@@ -60,7 +60,7 @@ void addRow(Show& wanted, const Setting& setting, const std::string& flags, cons
 
 CWmError listScopes(soci::session& session, Show& wanted) {
   std::vector<std::string> scopes;
-  const CWmError error = scopesOfTarget(session, wanted.target, scopes);
+  CWmError error = scopesOfTarget(session, wanted.target, scopes);
   const ScopeNames names(session);
   const std::int64_t revision = newestRevision(session);
   for (const std::string& scope : scopes)

@@ -34,8 +34,8 @@ CWmError KnownKeys::look(const std::string& client, std::string& protectedKey) {
     const std::lock_guard lock(mutex_);
     isResting = now < failedUntil_;
   }
-  const CWmError error = isResting ? CWmError(kLqErrConnectionLost, "the store has failed a moment ago")
-                                   : readProtectedKey(store_, client, protectedKey);
+  CWmError error = isResting ? CWmError(kLqErrConnectionLost, "the store has failed a moment ago")
+                             : readProtectedKey(store_, client, protectedKey);
   const std::lock_guard lock(mutex_);
   if (!error.IsError()) {
     seen_[client] = protectedKey;

@@ -234,17 +234,18 @@ class Attempt {
     std::map<std::int64_t, std::string> byNumber;
     for (const Group& group : fleetAfter_.groups) {
       const auto [other, isFree] = byNumber.try_emplace(group.number, group.name);
-      if (!isFree)
+      if (!isFree) {
         return refused("the groups " + other->second + " and " + group.name + " would both have the number " +
                        std::to_string(group.number) +
                        "; it decides which of them counts, so each group has one of its own");
+      }
     }
     std::set<std::string> names;
     for (const Group& group : fleetAfter_.groups) names.insert(group.name);
     for (const Member& member : fleetAfter_.members) {
       if (!names.contains(member.group))
         return refused("there is no group \"" + member.group +
-                       "\"; \"overhub groups\" lists those there are");
+                       R"("; "overhub groups" lists those there are)");
     }
     return {};
   }
@@ -254,9 +255,10 @@ class Attempt {
     for (const auto& edit : changes.settings) {
       const Setting* const was = find(before_, edit.scope, edit.identity);
       if (removed_.contains(clientOfScope(edit.scope))) continue;
-      for (const Setting* const setting : {was, edit.after ? &*edit.after : nullptr})
+      for (const Setting* const setting : {was, edit.after ? &*edit.after : nullptr}) {
         if (setting != nullptr && programs::isWayBack(recordOf(*setting)))
           effects.wayBackValue = "\"" + edit.identity.name + "\" in \"" + setting->path + "\"";
+      }
       if (edit.after && edit.after->expires != 0 && programs::isWayBack(recordOf(*edit.after)))
         effects.endingWayBack = effects.wayBackValue;
     }

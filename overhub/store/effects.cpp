@@ -50,7 +50,7 @@ struct Kind {
   std::vector<std::string> before;
   std::vector<std::string> after;
 
-  auto operator<=>(const Kind&) const = default;
+  auto operator<=>(const Kind&) const = default;  // NOLINT(modernize-use-nullptr): the check takes it for a 0
 };
 
 std::vector<std::string> speaking(const std::vector<std::string>& scopes,
@@ -79,23 +79,20 @@ void add(const Identity& identity, const Difference& difference, const std::vect
   }
 }
 
-// Whether these machines could be handed out what they get, now and after each end that is to come: with it
-// something farther counts.
-void noteConflict(const Kind& kind, const std::vector<const Client*>& machines,
-                  const std::set<std::string>& names, const TouchedSettings& after, std::int64_t now,
-                  Effects& effects) {
-  std::set<std::int64_t> moments{now};
-  for (const std::string& scope : kind.after)
-    for (const std::string& name : names)
-      if (const auto said = after.find({scope, name}); said != after.end())
-        for (const Setting& setting : said->second)
-          if (setting.expires >= now) moments.insert(setting.expires + 1);
-  for (const std::int64_t moment : moments) {
-    if (!effects.conflict.empty()) return;
-    effects.conflict = expiryConflict(merged(kind.after, names, after, moment));
-    if (!effects.conflict.empty())
-      effects.conflict = "for " + machines.front()->name + ": " + effects.conflict;
+// Why what these scopes say of a name could not be handed out, now or after one of the ends that are to come:
+// with it something farther counts. Nothing when it always could.
+std::string conflictOf(const std::vector<std::string>& scopes, const std::string& name,
+                       const TouchedSettings& settings, std::int64_t now) {
+  std::set<std::int64_t> moments;
+  for (const std::string& scope : scopes) {
+    const auto said = settings.find({scope, name});
+    if (said == settings.end()) continue;
+    for (const Setting& setting : said->second)
+      if (setting.expires >= now) moments.insert({now, setting.expires + 1});
   }
+  for (const std::int64_t moment : moments)
+    if (std::string why = expiryConflict(merged(scopes, {name}, settings, moment)); !why.empty()) return why;
+  return {};
 }
 
 void sortUnique(std::vector<std::string>& names) {
@@ -127,17 +124,20 @@ Effects weigh(const std::set<std::string>& names, const TouchedSettings& before,
 
   std::map<std::tuple<Identity, std::string, std::string>, std::int64_t> values;
   for (const auto& [kind, machines] : kinds) {
-    if (kind.isNew) {
-      noteConflict(kind, machines, names, after, now, effects);
-      continue;
+    for (const std::string& name : names) {
+      if (!effects.conflict.empty()) break;
+      const std::string conflict = conflictOf(kind.after, name, after, now);
+      // One that is there already is nothing that this change brings.
+      if (!conflict.empty() && (kind.isNew || conflictOf(kind.before, name, before, now).empty()))
+        effects.conflict = "for " + machines.front()->name + ": " + conflict;
     }
+    if (kind.isNew) continue;
     const EffectiveSettings was = merged(kind.before, names, before, now);
     const EffectiveSettings is = merged(kind.after, names, after, now);
     const auto found = differences(was, is);
     if (found.empty()) continue;
     for (const auto& [identity, difference] : found) add(identity, difference, machines, values, effects);
     for (const Client* const client : machines) effects.machines.push_back(client->name);
-    noteConflict(kind, machines, names, after, now, effects);
   }
   for (const auto& [key, machines] : values)
     effects.values.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), machines});

@@ -93,7 +93,7 @@ class Postgresql : public Engine {
   }
 
   std::string explain(const std::exception& fault) const override {
-    const std::string text = place() + ": " + reasonOf(fault);
+    std::string text = place() + ": " + reasonOf(fault);
     const std::string state = stateOf(fault);
     if (state == "42501" || state.starts_with("28"))
       return text + "; see that its user may connect, and owns the tables";

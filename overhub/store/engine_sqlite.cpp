@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 #include "overhub/store/engine.h"
 
@@ -70,16 +71,17 @@ class Sqlite : public Engine {
 
   CWmError check() const override {
     if (::access(place().c_str(), F_OK) == 0) return {};
-    if (errno == ENOENT)
+    if (errno == ENOENT) {
       return {kLqErrFile, place() +
                               ": there is no store; name the right one with --data or --store, or make "
                               "one with \"overhub add-client NAME\""};
-    return {kLqErrFile, place() + ": " + std::strerror(errno)};
+    }
+    return {kLqErrFile, place() + ": " + std::generic_category().message(errno)};
   }
 
   CWmError prepare() const override {
     const int file = ::open(place().c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (file < 0) return {kLqErrFile, place() + ": " + std::strerror(errno)};
+    if (file < 0) return {kLqErrFile, place() + ": " + std::generic_category().message(errno)};
     ::close(file);
     try {
       // The mode stays with the file. Readers do not wait for writers in it, nor the other way round.
@@ -94,7 +96,7 @@ class Sqlite : public Engine {
   Fault faultOf(const std::exception&) const override { return Fault::kOther; }
 
   std::string explain(const std::exception& fault) const override {
-    const std::string text = place() + ": " + reasonOf(fault);
+    std::string text = place() + ": " + reasonOf(fault);
     switch (codeOf(fault)) {
       case kBusy:
         return text + "; another overhub has held it for more than " + kWaitSeconds + " s";

@@ -20,7 +20,8 @@ struct Member {
   std::string group;
   std::string pattern;  // or a name
 
-  auto operator<=>(const Member&) const = default;
+  auto operator<=>(const Member&) const =
+      default;  // NOLINT(modernize-use-nullptr): the check takes it for a 0
 };
 
 // Whether a member is a live pattern, and not a name.

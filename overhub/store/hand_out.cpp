@@ -18,7 +18,7 @@ using soci::into;
 using soci::use;
 
 // What was handed out is kept so long for `overhub resend`, at most so many revisions a client.
-constexpr std::int64_t kKeptSeconds = 90 * 86400;
+constexpr std::int64_t kKeptSeconds{90 * 86400};
 constexpr std::int64_t kKeptRevisions = 100;
 
 // A client whose cache the store cannot know gets at least this many records.
@@ -163,6 +163,7 @@ CWmError machineState(soci::session& session, std::int64_t clientId, const std::
   state.revision = revision;
   const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, revision);
   std::vector<std::vector<Setting>> scopes;
+  scopes.reserve(scopesNow.size());
   for (const std::string& scope : scopesNow) scopes.push_back(settingsOf(session, scope, revision));
   state.settings = effectiveSettings(scopes, now);
   state.held = heldSettings(session, contactOf(session, clientId), client, scopesNow);
@@ -198,11 +199,12 @@ CWmError handOutForPush(const Store& store, const std::string& name, std::int64_
     session << "UPDATE contacts SET refusal = refusal WHERE client = :client", use(client->id);
     const Contact contact = contactOf(session, client->id);
     if (contact.client == 0) return unknownClient(name);
-    if (contact.pushedUntil > now)
+    if (contact.pushedUntil > now) {
       return {kLqErrRequestRefused, "another push to " + name +
                                         " is under way, or was cut off; try again in " +
                                         std::to_string(contact.pushedUntil - now) + " s at the latest"};
-    const CWmError error = makeBatch(session, *client, contact, now, out);
+    }
+    CWmError error = makeBatch(session, *client, contact, now, out);
     if (error.IsError() || !out.refusal.empty()) return error;
     noteHeld(session, contact, out.revision, now);
     setPushedUntil(session, client->id, now + leaseSeconds);
@@ -248,7 +250,7 @@ CWmError noteAttached(const Store& store, const std::string& name, const std::st
   proving = 0;
   std::int64_t movedClient = 0;
   const Database& database = store.database();
-  const CWmError error = database.read([&](soci::session& session) -> CWmError {
+  CWmError error = database.read([&](soci::session& session) -> CWmError {
     movedClient = 0;
     const auto client = findClient(session, name);
     if (!client) return unknownClient(name);

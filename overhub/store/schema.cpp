@@ -98,7 +98,7 @@ CWmError schema::look(soci::session& session, const Engine& engine, bool& isTher
 
 CWmError schema::prepare(soci::session& session, const Engine& engine) {
   bool isThere = false;
-  const CWmError error = look(session, engine, isThere);
+  CWmError error = look(session, engine, isThere);
   if (error.IsError() || isThere) return error;
   for (const char* const table : kTables) session << table;
   const std::pair<std::string, std::int64_t> counters[] = {

@@ -28,6 +28,7 @@ std::vector<std::string> ScopeFinder::groupsOf(const Client& client) const {
   std::sort(found.begin(), found.end());
   found.erase(std::unique(found.begin(), found.end()), found.end());
   std::vector<std::string> names;
+  names.reserve(found.size());
   for (auto& group : found) names.push_back(std::move(group.second));
   return names;
 }

@@ -29,6 +29,15 @@ Setting settingOf(const std::string& scope, const OBGui::RegistryKeyInfo& record
   return setting;
 }
 
+namespace {
+
+// Why an end cannot be that of a value.
+CWmError wrongEnd(const OBGui::RegistryKeyInfo& end, const std::string& why) {
+  return {kLqErrArgument, "\"" + end.valueName.get() + "\" in \"" + end.keyPath.get() + "\" " + why};
+}
+
+}  // namespace
+
 CWmError settingsOf(const OBGui::KeyList& records, std::vector<Setting>& settings) {
   settings.clear();
   std::map<Identity, std::size_t> places;
@@ -54,13 +63,11 @@ CWmError settingsOf(const OBGui::KeyList& records, std::vector<Setting>& setting
     std::int64_t time = 0;
     const std::string& text = end->value;
     const auto [rest, fault] = std::from_chars(text.data(), text.data() + text.size(), time);
-    if (fault != std::errc() || rest != text.data() + text.size() || time <= 0)
-      return {kLqErrArgument, "\"" + end->valueName.get() + "\" in \"" + end->keyPath.get() +
-                                  "\" is the time when \"" + name + "\" ends, and \"" + text +
-                                  "\" is no time"};
+    if (fault != std::errc() || rest != text.data() + text.size() || time <= 0) {
+      return wrongEnd(*end, "is the time when \"" + name + "\" ends, and \"" + text + "\" is no time");
+    }
     if (value == places.end())
-      return {kLqErrArgument, "\"" + end->valueName.get() + "\" in \"" + end->keyPath.get() +
-                                  "\" says when \"" + name + "\" ends, which is not set there"};
+      return wrongEnd(*end, "says when \"" + name + "\" ends, which is not set there");
     settings[value->second].expires = time;
   }
   return {};

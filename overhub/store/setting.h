@@ -20,7 +20,8 @@ struct Identity {
   std::string name;
   bool isKey = false;
 
-  auto operator<=>(const Identity&) const = default;
+  auto operator<=>(const Identity&) const =
+      default;  // NOLINT(modernize-use-nullptr): the check takes it for a 0
 };
 
 struct Setting {

@@ -83,6 +83,14 @@ CWmError Store::open() {
 }
 
 CWmError Store::prepare() {
+  return makeReady(false);
+}
+
+CWmError Store::prepareWithKey() {
+  return makeReady(true);
+}
+
+CWmError Store::makeReady(bool mayHaveKey) {
   CWmError error = file_access::makeDirectory(directory_);
   if (!error.IsError()) error = FXFile::CheckTrusted(directory_);
   if (!error.IsError()) error = file_access::makeDirectory(directory_ + "/join");
@@ -95,16 +103,17 @@ CWmError Store::prepare() {
   std::string known;
   bool isThere = false;
   if (!error.IsError()) error = readFacts(known, isThere);
-  if (!error.IsError() && !isThere) error = make();
+  if (!error.IsError() && !isThere) error = make(mayHaveKey);
   return error.IsError() ? error : open();
 }
 
-CWmError Store::make() {
+CWmError Store::make(bool mayHaveKey) {
   // The key comes before the store, so that none is ever without one, and never after it.
-  if (file_access::exists(keyFile()))
+  const bool hasKey = file_access::exists(keyFile());
+  if (hasKey && !mayHaveKey)
     return {kLqErrFile, keyFile() + " is there, and the store that it belongs to is not in " + place() +
                             "; put the store back from a backup, or move the key away to begin anew"};
-  CWmError error = pstring::CreateKeyFile(keyFile());
+  CWmError error = hasKey ? CWmError() : pstring::CreateKeyFile(keyFile());
   if (error.IsError()) return error;
   pstring::UseKeyFile(keyFile());
   bool isOurs = false;
@@ -128,7 +137,7 @@ CWmError Store::make() {
   });
   if (isOurs && !error.IsError()) return error;
   // Another server was faster and has a key of its own, or nothing was made.
-  if (error.GetCode() != kLqErrConnectionLost) ::unlink(keyFile().c_str());
+  if (!hasKey && error.GetCode() != kLqErrConnectionLost) ::unlink(keyFile().c_str());
   if (error.IsError()) return error;
   return {kLqErrFile,
           place() + ": another server has made the store just now; copy its secret.key to " + keyFile()};

@@ -31,8 +31,11 @@ class Store {
 
   // Names the protection key of this process, and sees that it is the store's. An error when there is none.
   CWmError open();
-  // The same; what is missing is made: directory, key, tables.
+  // The same; what is missing is made: directory, key, tables. A key without its store is an error: it was
+  // lost.
   CWmError prepare();
+  // The same for a directory that holds the key of the version before, which becomes that of the store.
+  CWmError prepareWithKey();
 
   const Database& database() const { return database_; }
   const std::string& directory() const { return directory_; }
@@ -44,7 +47,8 @@ class Store {
   const std::string& notice() const { return notice_; }
 
  private:
-  CWmError make();
+  CWmError makeReady(bool mayHaveKey);
+  CWmError make(bool mayHaveKey);
   CWmError readFacts(std::string& fingerprint, bool& isThere) const;
   CWmError checkKey(const std::string& fingerprint) const;
 

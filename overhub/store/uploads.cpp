@@ -43,7 +43,7 @@ CWmError addUpload(const Store& store, const std::string& name, const OBGui::Reg
   Upload upload;
   upload.client = name;
   std::string text;
-  const CWmError error = describeUpload(store, message, upload, text);
+  CWmError error = describeUpload(store, message, upload, text);
   if (error.IsError()) return error;
   const Database& database = store.database();
   return database.write([&](soci::session& session) -> CWmError {

@@ -141,6 +141,19 @@ std::set<std::string> conflictsIn(const std::map<What, Said>& counts, std::int64
   return names;
 }
 
+// The names that cannot be handed out, now or once one of the ends that are to come has passed.
+std::set<std::string> conflictsFrom(const Rules& rules, const std::string& name, std::int64_t id,
+                                    std::int64_t now) {
+  std::set<std::int64_t> moments{now};
+  for (const auto& [scope, here] : rules.said)
+    for (const auto& [what, words] : here)
+      if (words.until >= now) moments.insert(words.until + 1);
+  std::set<std::string> names;
+  for (const std::int64_t moment : moments)
+    names.merge(conflictsIn(rules.countingFor(name, id, moment), moment));
+  return names;
+}
+
 struct Machine {
   std::string name;
   std::int64_t id = 0;
@@ -368,15 +381,11 @@ class History {
     const std::string refusal = hub_.change(change);
     tell(text + (refusal.empty() ? "" : " -- refused: " + refusal));
     const bool isNeeded = contains(refusal, "what a client needs to come back");
-    bool isConflict = false;  // for somebody, in what this changes
-    bool isAnyConflict = false;
+    bool isConflict = false;  // for somebody, which this brings
     for (const Machine& machine : machines_) {
-      const auto before = rules_.countingFor(machine.name, machine.id, 0);
-      const auto then = after.countingFor(machine.name, machine.id, 0);
-      for (const std::string& name : conflictsIn(then, 0)) {
-        isAnyConflict = true;
-        isConflict = isConflict || textOf(before, name) != textOf(then, name);
-      }
+      const auto before = conflictsFrom(rules_, machine.name, machine.id, hub_.now());
+      for (const std::string& name : conflictsFrom(after, machine.name, machine.id, hub_.now()))
+        isConflict = isConflict || !before.contains(name);
     }
     if (refusal.empty()) {
       expect(!saysWayBack(after), "what clients need to come back was changed");
@@ -388,17 +397,8 @@ class History {
     } else if (isNeeded) {
       expect(saysWayBack(after), "refused, and no client needs it: " + refusal);
     } else {
-      expect(contains(refusal, "clients end a value by its name") && isAnyConflict, "refused: " + refusal);
+      expect(contains(refusal, "clients end a value by its name") && isConflict, "refused: " + refusal);
     }
-  }
-
-  static std::string textOf(const std::map<What, Said>& counts, const std::string& name) {
-    std::string text;
-    for (const auto& [what, words] : counts)
-      if (what.name == name)
-        text += what.place + std::to_string(static_cast<int>(words.kind)) + words.value + "/" +
-                std::to_string(words.until) + " ";
-    return text;
   }
 
   void join() {
@@ -406,7 +406,7 @@ class History {
     const std::string& name = oneOf(kNames);
     const auto isIt = [&name](const Machine& machine) { return machine.name == name; };
     if (std::any_of(machines_.begin(), machines_.end(), isIt)) return;
-    if (!conflictsIn(rules_.countingFor(name, 0, 0), 0).empty()) return;  // it would be refused
+    if (!conflictsFrom(rules_, name, 0, hub_.now()).empty()) return;  // it would be refused
     Machine machine;
     machine.name = name;
     machine.id = hub_.add(name);
