@@ -37,9 +37,9 @@ Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the h
 answer), 2 wrong usage or join file, 3 not joined or the registry cannot be used, 4 not everything could be
 applied or uploaded, 5 skipped (synchronisation is switched off, or joining not finished), 6 values differ from
 the cache, 7 the settings cache could not be written, 8 the settings cache was kept, because it holds more
-records than the server's reply (sync --fresh drops it), 9 the server has not recorded the acknowledgement, 10 the settings cache cannot
-be read and was not replaced. Where several hold, sync and refresh end with the first of 1, 5, 4, 7, 10, 8, 9,
-status with the first of 3, 7, 10, 8, 6, 9, 1.)";
+records than the server's reply (sync --fresh drops it), 9 the server has not recorded the acknowledgement, 10 the
+settings cache cannot be read and was not replaced. Where several hold, sync and refresh end with the first of 1, 5,
+4, 7, 10, 8, 9, status with the first of 3, 7, 10, 8, 6, 9, 1.)";
 
 struct Settings {
   std::string registry;

@@ -17,10 +17,15 @@ constexpr const char* kFooter =
   overhub set web-1 '~/Limits' nMAX 20
   overhub set web-1 '~' Local --type KEY
   overhub set web-1 '~/Proxy' sPASSWORD --secret < password.txt
-  overhub set @berlin '~/Trial' bON 1 --until +1d
+  overhub add-group berlin --number 10
+  overhub join-group berlin web-1 'db-*'
+  overhub set @berlin '~/Trial' bON 1 --until +1d --why "ticket 4711" --dry-run
   overhub show web-1 --effective
   overhub serve --log-file /var/log/overhub.log
+  overhub --store postgresql://hub@db1,db2/overhub serve
   overhub status
+  overhub log web-1
+  overhub undo 17 --dry-run
   overhub acks web-1
   overhub uploads web-1
   overhub push web-1
@@ -28,8 +33,8 @@ constexpr const char* kFooter =
   overhub call web-1 7 'hello'
 
 Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store
-cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not
-current (status).)";
+cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not current (status), or has not
+given everything back yet (remove-client --withdraw).)";
 
 void describe(programs::CommandLine& line, Store::Place& place) {
   describeStore(line.options(), place);

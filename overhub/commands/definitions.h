@@ -51,7 +51,7 @@ class Definitions {
 // Adds --definitions, which names the file.
 void describeDefinitions(programs::CommandLine::Options options, std::string& file);
 
-// The definitions of the file that is named, or else of the data directory's definitions.json if that is
+// The definitions of the file that is named, or else of the store directory's definitions.json if that is
 // there.
 CWmError loadDefinitions(const std::string& named, const std::string& dataDirectory,
                          Definitions& definitions);

@@ -12,13 +12,14 @@
 namespace {
 
 constexpr const char* kFooter =
-    R"(Stop the server on DIRECTORY first: what it still takes in is not taken over. DIRECTORY is only read, and may be
-the store's own (--data), whose files the store no longer looks at then; keep it until all clients have called.
+    R"(Stop the server on DIRECTORY first: what it still takes in is not taken over. DIRECTORY is only read, and is
+not the store's own (--data), since that one has a key of its own; keep it until all clients have called.
 Ids, session keys, hosts, settings, acknowledgements and uploads stay what they are, so no client joins anew. A value
 X with its X_UNTIL becomes one setting with an end. All is taken over, or nothing.
 
 Example:
-  systemctl stop overhub && overhub import /var/lib/overhub && systemctl start overhub)";
+  mv /var/lib/overhub /var/lib/overhub.former
+  overhub import /var/lib/overhub.former)";
 
 // What would be refused if somebody set it now, and what no machine can be handed: taken over all the same,
 // as clients have lived with it.

@@ -44,7 +44,7 @@ struct Set {
   bool isRemoval = false;   // the client is to remove the value
   bool isDisabled = false;  // not wanted for now
   std::string until;        // as time_argument.h has it; empty: none
-  std::string definitions;  // their file; empty: that of the data directory
+  std::string definitions;  // their file; empty: that of the store's directory
   ChangeOptions change;
 };
 

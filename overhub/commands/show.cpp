@@ -25,7 +25,7 @@ constexpr const char* kSentence = "sentence";
 struct Show {
   std::string target;
   bool isEffective = false;
-  std::string definitionFile;  // empty: that of the data directory
+  std::string definitionFile;  // empty: that of the store's directory
   Definitions definitions;
   Listing list{"settings",
                {{"PATH", "path", Listing::Kind::text},

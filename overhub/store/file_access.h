@@ -1,4 +1,4 @@
-// Files of the data directory: read whole, replaced at once, and appended to by lines.
+// Files of the store's directory: read whole, replaced at once, and appended to by lines.
 //
 // Stateless, any thread. Every fault is a CWmError that names the file.
 #pragma once
