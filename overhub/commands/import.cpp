@@ -12,8 +12,8 @@
 namespace {
 
 constexpr const char* kFooter =
-    R"(Stop the server on DIRECTORY first: what it still takes in is not taken over. DIRECTORY is only read, and is
-not the store's own (--data), since that one has a key of its own; keep it until all clients have called.
+    R"(Stop the server on DIRECTORY first: what it still takes in is not taken over. DIRECTORY is only read; it may be the
+store's own (--data), whose key is the store's from then on. Keep its files until all clients have called.
 Ids, session keys, hosts, settings, acknowledgements and uploads stay what they are, so no client joins anew. A value
 X with its X_UNTIL becomes one setting with an end. All is taken over, or nothing.
 

@@ -60,7 +60,7 @@ void announce(const Store& store, const std::string& places) {
   });
   const std::string known = error.IsError()
                                 ? std::string("but the clients cannot be listed: ") + error.AsString()
-                                : std::to_string(clients) + " clients";
+                                : std::to_string(clients) + (clients == 1 ? " client" : " clients");
   if (!doubt.empty()) {
     warn(doubt);
     ObEvent().Error(kTag, "%s", doubt.c_str());

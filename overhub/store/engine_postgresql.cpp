@@ -43,6 +43,8 @@ std::string reasonOf(const std::exception& fault) {
   // It would show the piece of the URI that it does not understand, which may be of the password.
   if (reason.find("percent-encoded") != std::string::npos)
     return "in its URI a % is not followed by two digits";
+  std::replace_if(
+      reason.begin(), reason.end(), [](char byte) { return byte == '\n' || byte == '\t'; }, ' ');
   while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) reason.pop_back();
   return reason;
 }
@@ -98,6 +100,7 @@ class Postgresql : public Engine {
     if (state == "42501" || state.starts_with("28"))
       return text + "; see that its user may connect, and owns the tables";
     if (state == "53100") return text + "; free space on its disk, nothing was changed";
+    if (text.ends_with("does not exist")) return text + "; make it, or name the right one with --store";
     if (isLost(fault)) return text + "; see that PostgreSQL runs there";
     return text;
   }
