@@ -26,7 +26,7 @@ struct Clients {
 
 CWmError list(soci::session& session, Clients& wanted) {
   std::vector<Client> clients;
-  const CWmError error = clientsOfTarget(session, wanted.target, clients);
+  CWmError error = clientsOfTarget(session, wanted.target, clients);
   if (error.IsError()) return error;
   std::unordered_map<std::int64_t, Contact> contacts;
   for (Contact& contact : allContacts(session)) contacts.emplace(contact.client, std::move(contact));

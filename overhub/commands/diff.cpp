@@ -25,10 +25,11 @@ CWmError compare(soci::session& session, const Diff& wanted, std::int64_t& to,
                  std::vector<DifferenceRow>& rows) {
   const std::int64_t newest = newestRevision(session);
   to = wanted.to.value_or(newest);
-  for (const std::int64_t revision : {wanted.from, to})
-    if (revision < 0 || revision > newest)
-      return {kLqErrRequestRefused, "there is no revision " + std::to_string(revision) + "; the newest is " +
-                                        std::to_string(newest)};
+  for (const std::int64_t revision : {wanted.from, to}) {
+    if (revision >= 0 && revision <= newest) continue;
+    return {kLqErrRequestRefused, "there is no revision " + std::to_string(revision) + "; the newest is " +
+                                      std::to_string(newest)};
+  }
   rows = rowsOf(differencesBetween(session, wanted.from, to), EverScopeNames(session));
   return {};
 }
