@@ -87,7 +87,7 @@ CWmError scopesOfItem(soci::session& session, const std::string& item, std::vect
     return {};
   }
   if (item.starts_with(kGroupMark)) {
-    const CWmError error = findGroup(session, item);
+    CWmError error = findGroup(session, item);
     if (!error.IsError()) scopes.push_back(groupScope(item.substr(1)));
     return error;
   }
