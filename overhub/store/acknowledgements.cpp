@@ -8,7 +8,7 @@ namespace {
 using soci::into;
 using soci::use;
 
-constexpr std::int64_t kKeptSeconds{90 * 86400};
+constexpr std::int64_t kKeptSeconds = std::int64_t{90} * 86400;
 constexpr std::int64_t kKept = 1000;
 
 }  // namespace

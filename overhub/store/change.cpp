@@ -266,11 +266,12 @@ class Attempt {
 
   CWmError checkEffects(const Effects& effects) const {
     if (!effects.conflict.empty()) return refused(effects.conflict);
-    if (!effects.endingWayBack.empty())
+    if (!effects.endingWayBack.empty()) {
       return refused(
           effects.endingWayBack +
           " is what a client needs to come back to its server, and at its end nothing would be in its "
           "place; set it without --until");
+    }
     if (effects.wayBackValue.empty() || note_.isForced || note_.isDryRun) return {};
     return refused(
         effects.wayBackValue +

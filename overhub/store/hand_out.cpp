@@ -18,7 +18,7 @@ using soci::into;
 using soci::use;
 
 // What was handed out is kept so long for `overhub resend`, at most so many revisions a client.
-constexpr std::int64_t kKeptSeconds{90 * 86400};
+constexpr std::int64_t kKeptSeconds = std::int64_t{90} * 86400;
 constexpr std::int64_t kKeptRevisions = 100;
 
 // A client whose cache the store cannot know gets at least this many records.
