@@ -31,9 +31,18 @@ Setting settingOf(const std::string& scope, const OBGui::RegistryKeyInfo& record
 
 namespace {
 
-// Why an end cannot be that of a value.
-CWmError wrongEnd(const OBGui::RegistryKeyInfo& end, const std::string& why) {
-  return {kLqErrArgument, "\"" + end.valueName.get() + "\" in \"" + end.keyPath.get() + "\" " + why};
+// The time that an end says, which is not 0; an error when it is no time.
+CWmError readEnd(const OBGui::RegistryKeyInfo& end, std::int64_t& time) {
+  const std::string& text = end.value;
+  const auto [rest, fault] = std::from_chars(text.data(), text.data() + text.size(), time);
+  if (fault == std::errc() && rest == text.data() + text.size() && time > 0) return {};
+  return {kLqErrArgument, "\"" + end.valueName.get() + "\" in \"" + end.keyPath.get() +
+                              "\" is the time of an end, and \"" + text + "\" is no time"};
+}
+
+CWmError endOfNothing(const OBGui::RegistryKeyInfo& end) {
+  return {kLqErrArgument, "\"" + end.valueName.get() + "\" in \"" + end.keyPath.get() +
+                              "\" says when a value ends that is not set there"};
 }
 
 }  // namespace
@@ -58,16 +67,12 @@ CWmError settingsOf(const OBGui::KeyList& records, std::vector<Setting>& setting
   }
   for (const OBGui::RegistryKeyInfo* const end : ends) {
     if (isToBeRemoved(*end)) continue;
-    const std::string name = valueOfExpiry(end->valueName.get());
-    const auto value = places.find({settingPlace(end->keyPath.get()), name, false});
     std::int64_t time = 0;
-    const std::string& text = end->value;
-    const auto [rest, fault] = std::from_chars(text.data(), text.data() + text.size(), time);
-    if (fault != std::errc() || rest != text.data() + text.size() || time <= 0) {
-      return wrongEnd(*end, "is the time when \"" + name + "\" ends, and \"" + text + "\" is no time");
-    }
-    if (value == places.end())
-      return wrongEnd(*end, "says when \"" + name + "\" ends, which is not set there");
+    CWmError error = readEnd(*end, time);
+    if (error.IsError()) return error;
+    const auto value =
+        places.find({settingPlace(end->keyPath.get()), valueOfExpiry(end->valueName.get()), false});
+    if (value == places.end()) return endOfNothing(*end);
     settings[value->second].expires = time;
   }
   return {};
