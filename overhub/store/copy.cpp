@@ -89,10 +89,10 @@ CWmError syncFolder(const std::string& file) {
 // Takes the counter's row, so that of several who open a copy one begins the epoch.
 std::int64_t raise(soci::session& session, const std::string& counter, std::int64_t gap) {
   std::int64_t value = 0;
-  session << "UPDATE counters SET value = value WHERE name = :name", use(std::string(counter));
-  session << "SELECT value FROM counters WHERE name = :name", use(std::string(counter)), into(value);
+  session << "UPDATE counters SET value = value WHERE name = :name", use(counter);
+  session << "SELECT value FROM counters WHERE name = :name", use(counter), into(value);
   value = value > kOpen - gap ? kOpen : value + gap;
-  session << "UPDATE counters SET value = :value WHERE name = :name", use(value), use(std::string(counter));
+  session << "UPDATE counters SET value = :value WHERE name = :name", use(value), use(counter);
   return value;
 }
 
