@@ -70,8 +70,14 @@ std::string programPath(const std::string& name);
 ProgramResult runProgram(const std::vector<std::string>& command,
                          const std::vector<std::string>& environment = {});
 
-// A sanitizer has a heap of its own and needs descriptors to look at memory.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A sanitizer has a heap of its own and needs descriptors to look at memory. Each compiler says so in its own
+// words.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define LQ_IS_SANITIZED
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(LQ_IS_SANITIZED)
 inline constexpr bool kIsSanitized = true;
 #else
 inline constexpr bool kIsSanitized = false;
