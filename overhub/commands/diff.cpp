@@ -27,8 +27,8 @@ CWmError compare(soci::session& session, const Diff& wanted, std::int64_t& to,
   to = wanted.to.value_or(newest);
   for (const std::int64_t revision : {wanted.from, to}) {
     if (revision >= 0 && revision <= newest) continue;
-    return {kLqErrRequestRefused, "there is no revision " + std::to_string(revision) + "; the newest is " +
-                                      std::to_string(newest)};
+    return {kLqErrRequestRefused,
+            "there is no revision " + std::to_string(revision) + "; the newest is " + std::to_string(newest)};
   }
   rows = rowsOf(differencesBetween(session, wanted.from, to), EverScopeNames(session));
   return {};
