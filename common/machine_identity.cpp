@@ -64,8 +64,9 @@ bool isWayBack(const OBGui::RegistryKeyInfo& record) {
   const auto isLost = [&key](const lqsettings::Setting& place) {
     return isAtOrBelow(place.key, key) || (*place.name == '\0' && isAtOrBelow(key, place.key));
   };
-  return isToBeRemoved(record) &&
-         (std::any_of(kIdentity.begin(), kIdentity.end(), isLost) || isLost(lqsettings::kSyncEnabled));
+  const bool isAbove = isAtOrBelow(lqsettings::kInstancesKey, path) || key.empty();  // all lies below it
+  return isToBeRemoved(record) && (isAbove || std::any_of(kIdentity.begin(), kIdentity.end(), isLost) ||
+                                   isLost(lqsettings::kSyncEnabled));
 }
 
 }  // namespace programs

@@ -16,17 +16,26 @@ std::string counted(std::size_t number, const char* one) {
   return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
 }
 
-void printEffects(const Effects& effects) {
+std::string machines(const Effects& effects) {
+  return effects.machines.empty() ? "no machine" : counted(effects.machines.size(), "machine");
+}
+
+void printEffects(const Effects& effects, bool isForced) {
   programs::TextTable table({"PATH", "NAME", "BEFORE", "AFTER", "MACHINES"});
   for (const Effect& effect : effects.values) {
     table.addRow({effect.identity.place, effect.identity.name, effect.before, effect.after,
                   std::to_string(effect.machines)});
   }
   if (!effects.values.empty()) print(table.text());
-  print(counted(effects.machines.size(), "machine") + " would get something else than before\n");
+  print(machines(effects) + " would get something else than before\n");
   if (!effects.wayBack.empty())
     print(counted(effects.wayBack.size(), "machine") + " might no longer call, because of " +
           effects.wayBackValue + "; first of them " + effects.wayBack.front() + "\n");
+  if (!effects.doubled.empty())
+    print(effects.doubled + (isForced ? "\n" : "; it is refused without --force\n"));
+  if (!effects.wayBackValue.empty() && !isForced)
+    print("It is refused without --force: a client needs " + effects.wayBackValue +
+          " to come back to its server\n");
 }
 
 }  // namespace
@@ -52,7 +61,7 @@ void ChangeOptions::describe(programs::CommandLine::Options options) {
   options.option("--why TEXT", why_, "The reason, for \"overhub log\"")
       .flag("--dry-run", isDryRun_, "Only show which machines would get what")
       .option("--expect REVISION", expected_, 0,
-              "Refuse if what is changed here was changed after this revision")
+              "Refuse if what is changed here was changed after this revision, and say by whom")
       .flag("--force", isForced_,
             "Change also what a client needs to come back to its server, such as the server's host or the "
             "switch "
@@ -78,10 +87,12 @@ int ChangeOptions::make(const Store& store, const std::string& command, const Ch
   if (result.isNothing) {
     print("nothing to change: all is so already\n");
   } else if (isDryRun_) {
-    printEffects(result.effects);
+    printEffects(result.effects, isForced_);
   } else {
     print("revision " + std::to_string(result.revision) + ": " +
-          counted(result.effects.machines.size(), "machine") + " will get something else at the next pass\n");
+          (result.effects.machines.empty()
+               ? "nothing changes on the machines that are there\n"
+               : machines(result.effects) + " will get something else at the next pass\n"));
   }
   return kExitOk;
 }

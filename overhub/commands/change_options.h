@@ -20,6 +20,8 @@ class ChangeOptions {
 
   bool isForced() const { return isForced_; }
   bool isDryRun() const { return isDryRun_; }
+  // Whether any of them was given.
+  bool isGiven() const { return !why_.empty() || isDryRun_ || isForced_ || expected_; }
 
   // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no
   // secret. An exit code.

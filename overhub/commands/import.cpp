@@ -30,7 +30,9 @@ void warnOf(const FormerClient& former) {
   for (const Setting& setting : settings)
     if (const CWmError error = checkRecord(recordOf(setting)); error.IsError())
       warn(name + ": \"" + setting.identity.name + "\" in \"" + setting.path + "\": " + error.AsString());
-  const std::string conflict = expiryConflict(effectiveSettings({settings}, std::time(nullptr)));
+  const EffectiveSettings effective = effectiveSettings({settings}, std::time(nullptr));
+  if (const std::string doubled = doubledValue(effective); !doubled.empty()) warn(name + ": " + doubled);
+  const std::string conflict = expiryConflict(effective);
   if (!conflict.empty()) warn(name + " is handed nothing until this is mended: " + conflict);
 }
 

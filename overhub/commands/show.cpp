@@ -70,8 +70,12 @@ CWmError listScopes(soci::session& session, Show& wanted) {
 }
 
 CWmError listEffective(const Database& database, soci::session& session, Show& wanted) {
-  Client client;
-  CWmError error = oneClient(session, wanted.target, client);
+  std::vector<Client> clients;
+  CWmError error = clientsOfTarget(session, wanted.target, clients);
+  if (!error.IsError() && clients.size() != 1)
+    error = {kLqErrArgument, "--effective is about one machine, and " + wanted.target + " means " +
+                                 std::to_string(clients.size())};
+  const Client client = error.IsError() ? Client() : clients.front();
   if (error.IsError()) return error;
   const ScopeNames names(session);
   MachineState state;

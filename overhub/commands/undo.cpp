@@ -5,7 +5,7 @@
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
-#include "overhub/store/history.h"
+#include "overhub/store/undo.h"
 
 namespace {
 

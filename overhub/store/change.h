@@ -58,7 +58,7 @@ struct Effect {
   Identity identity;
   std::string before;  // as a person sees it; secrets hidden
   std::string after;
-  std::int64_t machines = 0;
+  std::int64_t machines = 0;  // 0: no machine hears it now
 };
 
 // What a change does.
@@ -69,6 +69,7 @@ struct Effects {
   std::string wayBackValue;                // a value of it; empty: none is touched, on no machine
   std::string endingWayBack;               // one of them that would end by itself; empty: none
   std::string conflict;                    // why it cannot be handed out to some machine; empty: it can
+  std::string doubled;                     // what some machine may hear twice of one value; empty: nothing
   std::vector<std::int64_t> newScopesFor;  // the ids of clients that are in other groups than before
 };
 

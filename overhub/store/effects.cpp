@@ -20,10 +20,6 @@ EffectiveSettings merged(const std::vector<std::string>& scopes, const std::set<
   return effectiveSettings(said, moment);
 }
 
-bool isWayBack(const Setting& setting) {
-  return programs::isWayBack(recordOf(setting));
-}
-
 struct Difference {
   const Setting* before;  // null: nothing
   const Setting* after;
@@ -68,15 +64,18 @@ std::set<std::string> speakersOf(const TouchedSettings& settings) {
   return scopes;
 }
 
+void noteWayBack(const Setting& setting, const std::vector<const Client*>& machines, Effects& effects) {
+  if (!programs::isWayBack(recordOf(setting))) return;
+  effects.wayBackValue = "\"" + setting.identity.name + "\" in \"" + setting.path + "\"";
+  for (const Client* const client : machines) effects.wayBack.push_back(client->name);
+}
+
 void add(const Identity& identity, const Difference& difference, const std::vector<const Client*>& machines,
          std::map<std::tuple<Identity, std::string, std::string>, std::int64_t>& values, Effects& effects) {
   values[{identity, shownInFull(difference.before), shownInFull(difference.after)}] +=
       static_cast<std::int64_t>(machines.size());
-  for (const Setting* const setting : {difference.before, difference.after}) {
-    if (setting == nullptr || !isWayBack(*setting)) continue;
-    effects.wayBackValue = "\"" + identity.name + "\" in \"" + setting->path + "\"";
-    for (const Client* const client : machines) effects.wayBack.push_back(client->name);
-  }
+  for (const Setting* const setting : {difference.before, difference.after})
+    if (setting != nullptr) noteWayBack(*setting, machines, effects);
 }
 
 // Why what these scopes say of a name could not be handed out, now or after one of the ends that are to come:
@@ -131,9 +130,15 @@ Effects weigh(const std::set<std::string>& names, const TouchedSettings& before,
       if (!conflict.empty() && (kind.isNew || conflictOf(kind.before, name, before, now).empty()))
         effects.conflict = "for " + machines.front()->name + ": " + conflict;
     }
-    if (kind.isNew) continue;
-    const EffectiveSettings was = merged(kind.before, names, before, now);
     const EffectiveSettings is = merged(kind.after, names, after, now);
+    if (std::string doubled = doubledValue(is);
+        !doubled.empty() && (kind.isNew || doubledValue(merged(kind.before, names, before, now)).empty()))
+      effects.doubled = "for " + machines.front()->name + ": " + doubled;
+    if (kind.isNew) {
+      for (const auto& [identity, effective] : is) noteWayBack(effective.setting, machines, effects);
+      continue;
+    }
+    const EffectiveSettings was = merged(kind.before, names, before, now);
     const auto found = differences(was, is);
     if (found.empty()) continue;
     for (const auto& [identity, difference] : found) add(identity, difference, machines, values, effects);

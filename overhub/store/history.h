@@ -1,4 +1,4 @@
-// The history: what revisions changed, looked at, compared and put back.
+// The history: what revisions changed, looked at and compared.
 //
 // Nothing in the store is overwritten, so what a revision changed is what differs between the state before it
 // and its own, and two revisions differ in what the states of both do.
@@ -81,14 +81,6 @@ struct ShownDifference {
   std::string after;
 };
 ShownDifference shown(const SettingDifference& difference);
-
-// What an undo does not put back, in words; empty when there is nothing.
-using LeftOut = std::string;
-
-// What puts back what a revision changed. Refused, with the later revision named, when something of it was
-// changed after. Clients that it added or removed stay as they are, and what was set for those it removed has
-// nobody to be set for.
-CWmError buildUndo(soci::session& session, std::int64_t revision, ChangeSet& changes, LeftOut& leftOut);
 
 // How a person names a scope at any time: "@all", "@berlin", "pc1"; "pc1 (client 7, removed)" for one that is
 // no more.

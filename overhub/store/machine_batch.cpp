@@ -1,8 +1,10 @@
 #include "overhub/store/machine_batch.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/machine_identity.h"
+#include "lqregistry/LqSettings.h"
 #include "records/record_rules.h"
 
 namespace {
@@ -93,6 +95,25 @@ std::string expiryConflict(const EffectiveSettings& settings) {
     };
     return "clients end a value by its name in all keys at once, and \"" + identity.name + "\" in " +
            text(here) + " while that in " + text(there) + "; give both the same --until, or none";
+  }
+  return {};
+}
+
+std::string doubledValue(const EffectiveSettings& settings) {
+  const std::string instances = std::string(lqsettings::kInstancesKey) + '/';
+  const auto isSent = [](const Effective& effective) {
+    return !effective.isExpired && effective.setting.isLive();
+  };
+  for (const auto& [identity, effective] : settings) {
+    if (!isSent(effective) || !identity.place.starts_with(instances)) continue;
+    const std::size_t end = std::min(identity.place.find('/', instances.size()), identity.place.size());
+    Identity own = identity;
+    own.place = lqsettings::kInstanceRoot + identity.place.substr(end);
+    const auto twin = settings.find(own);
+    if (twin == settings.end() || !isSent(twin->second)) continue;
+    return "\"" + identity.name + "\" in \"" + identity.place + "\" and in \"" + own.place +
+           "\" are one value on a machine whose instance is \"" +
+           identity.place.substr(instances.size(), end - instances.size()) + "\"";
   }
   return {};
 }

@@ -27,6 +27,10 @@ EffectiveSettings effectiveSettings(const std::vector<std::vector<Setting>>& sco
 // which X ends here and stays there cannot be handed out. Says which, or nothing.
 std::string expiryConflict(const EffectiveSettings& settings);
 
+// An absolute path into an instance is another key than one below "~" for the server, and the same one on a
+// machine whose instance it is: there the batch would hold one value twice. Says which, or nothing.
+std::string doubledValue(const EffectiveSettings& settings);
+
 // What a machine, or its cache, may hold of an earlier batch.
 struct MayHold {
   std::string path;
