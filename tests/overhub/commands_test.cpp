@@ -190,6 +190,8 @@ TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
                                  "SOFTWARE/Velmor/Clients/web-1 nCLIENTID 4",
                                  "~ EventManager --type KEY --delete",
                                  "Hosts web-1 --type KEY --delete",
+                                 "SOFTWARE Velmor --type KEY --delete",
+                                 "SOFTWARE/Velmor I2 --type KEY --disabled",
                                  "Machine Other --type KEY"};
   for (const std::string words : wayBack) {
     const auto refused =
@@ -201,6 +203,14 @@ TEST_F(OverhubCommandsTest, WhatAMachineNeedsToComeBackIsSetWithForceOnly) {
   }
   EXPECT_EQ(batchOf("web-1").keys->size(), std::size(wayBack));
   expectErr(overhub({"unset", "web-1", "~/EventManager", "bEnableRegistrySync"}), 1, {"--force"});
+  expectOk({"add-group", "none", "--number", "1"});
+  for (const char* const target : {"@static", "@none"}) {
+    expectOut(overhub({"set", target, "Base", "dBASEHOME", "/", "--dry-run"}), 0,
+              {"~/Base  dBASEHOME  (not set)  /      0\nno machine would get", "refused without --force"});
+  }
+  expectOut(overhub({"set", "@none", "p", "n", "1"}), 0,
+            {": nothing changes on the machines that are there"});
+  expectErr(overhub({"show", "@none", "--effective"}), 2, {"one machine, and @none means 0"});
   expectOk({"set", "web-1", "EventManager", "nTimer", "5"});
   expectOk({"set", "web-1", "Overhubs", "sOHHOSTNAME", "another key"});
 }

@@ -200,6 +200,41 @@ TEST_P(HandOuts, APushProvesNothingAndIsOwed) {
   EXPECT_EQ(pass(), "-~/A x");
   EXPECT_EQ(pass(), "-~/A x");
   EXPECT_EQ(pass(), "");
+
+  // One that arrives after the machine has proven that it holds nothing of it, and until then nobody else's.
+  ASSERT_EQ(set(mine(), "~/A", "x", "2"), "");
+  ASSERT_STREQ(handOutForPush(hub_.one(), "pc1", 60, out).AsString(), "");
+  ASSERT_EQ(unset(mine(), "~/A", "x"), "");
+  passes(2);
+  EXPECT_EQ(pass(), "");
+  HandOut other;
+  expectSays(handOutForPush(hub_.two(), "pc1", 60, other).AsString(), "in 60 s at the latest");
+  machine_.apply(out.batch.keys.edit(), hub_.now());
+  EXPECT_TRUE(has("~/A", "x"));
+  ASSERT_STREQ(notePushed(hub_.one(), "pc1", out).AsString(), "");
+  for (int n = 0; n < 2; ++n) EXPECT_EQ(pass(), "-~/A x");
+  EXPECT_EQ(pass(), "");
+  for (int n = 0; n < 2; ++n) {  // whoever held the lease may have been killed
+    ASSERT_STREQ(handOutForPush(hub_.two(), "pc1", 60, other).AsString(), "");
+    hub_.setTime(hub_.now() + 60);
+  }
+}
+
+// An instance's name in a path makes another value of it for the server, and on some machines the same.
+TEST_P(HandOuts, OneValueIsNotSetUnderTwoPaths) {
+  const char* const absolute = "SOFTWARE/Velmor/I1//A";
+  ChangeNote forced;
+  forced.isForced = true;
+  ASSERT_EQ(set("@all", "~/A", "x", "1"), "");
+  ASSERT_EQ(set("@all", "SOFTWARE/Velmor/I1", "x", "2"), "");
+  expectSays(set(mine(), absolute, "x", "2"),
+             "\"x\" in \"SOFTWARE/Velmor/I1/A\" and in \"~/A\" are one value");
+  EXPECT_EQ(set("@all", absolute, "y", "2"), "");
+  OBGui::RegistryKeyInfo removal = recordFor(absolute, "x", "");
+  removal.deleteFlag = 1;
+  EXPECT_EQ(put(mine(), removal), "") << "removals stand before writes";
+  ASSERT_EQ(put(mine(), recordFor(absolute, "x", "2"), 0, forced), "");
+  EXPECT_EQ(set("@all", "~/A", "x", "3"), "") << "it is so already";
 }
 
 // The nearest scope counts: the machine's own, its groups by their numbers, all. What leaves a group or whose
@@ -448,6 +483,14 @@ TEST_P(HandOuts, TheWayBackIsChangedByForceOnly) {
   EXPECT_EQ(hub_.change(changes, forced), "");
   expectSays(group("pcs", std::nullopt), needed);
   EXPECT_EQ(set("@all", "EventManager", "dOBLOGDIR", "/logs"), "") << "it comes back without";
+
+  // Nor by coming into one.
+  ChangeSet joins;
+  joins.newClients.resize(1);
+  joins.newClients.front().client.name = "pc3";
+  expectSays(hub_.change(joins), "(1 machines would get");
+  EXPECT_EQ(hub_.change(joins, forced), "");
+  hub_.add("db1");
 }
 
 }  // namespace

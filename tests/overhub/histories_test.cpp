@@ -9,8 +9,8 @@
 #include <set>
 #include <sstream>
 
-#include "overhub/store/history.h"
 #include "overhub/store/setting_place.h"
+#include "overhub/store/undo.h"
 #include "tests/overhub/simulated_client.h"
 #include "tests/overhub/store_fixture.h"
 
@@ -40,6 +40,9 @@ const std::vector<Value> kValues{
     {"~/Packages", {"Packages"}, "bFULLSPOOLHAND"},
     {"~/Packages", {"~/Packages"}, "nPACKAGE_7"},
     {"~/EventManager", {"EventManager"}, "dOBLOGDIR"},
+    {"SOFTWARE/Velmor/ClientProperties/7",
+     {"SOFTWARE/Velmor/ClientProperties/7"},
+     "AnalyticSearchEngineEnabled"},
     {"~/EventManager", {"EventManager"}, "bEnableRegistrySync", true},
     {"~/Overhub", {"Overhub", "~Overhub"}, "sOHHOSTNAME", true},
     {"~/Overhub", {"Overhub"}, "sOHCLIENTNAME", true},
@@ -55,7 +58,7 @@ const std::vector<Value> kValues{
     {"SOFTWARE/Velmor/Clients/pc", {"SOFTWARE/Velmor/Clients/pc"}, "nCLIENTID", true},
 };
 
-constexpr int kOrdinary = 11;  // no client needs the first ones
+constexpr int kOrdinary = 12;  // no client needs the first ones
 
 enum class Kind { kValue, kSecret, kDisabled, kRemoval };
 
@@ -166,6 +169,7 @@ struct Machine {
   std::int64_t clockError = 0;
   std::vector<SimulatedClient> snapshots;
   std::vector<std::int64_t> late;  // acknowledgements that are still on their way
+  std::optional<HandOut> pushed;   // and a push that is
 };
 
 class History {
@@ -530,14 +534,26 @@ class History {
     machine.late.clear();
   }
 
+  // A push takes its time, and others pass meanwhile.
   void push(Machine& machine) {
+    if (machine.pushed) return deliver(machine);
     HandOut out;
     const CWmError error = handOutForPush(anyServer(), machine.name, 0, out);
     expect(!error.IsError(), error.AsString());
     const bool isLost = isOneIn(4);
     tell(machine.name + " is pushed" + (isLost ? ", in vain" : ""));
     if (!isHandedOut(machine, out) || isLost) return;
-    machine.client.apply(out.batch.keys.edit(), hub_.now() + machine.clockError);
+    machine.pushed = std::move(out);
+    if (isOneIn(2)) deliver(machine);
+  }
+
+  void deliver(Machine& machine) {
+    if (!machine.pushed) return;
+    tell(machine.name + " gets what is pushed");
+    machine.client.apply(machine.pushed->batch.keys.edit(), hub_.now() + machine.clockError);
+    const CWmError error = notePushed(anyServer(), machine.name, *machine.pushed);
+    expect(!error.IsError(), error.AsString());
+    machine.pushed.reset();
     say(machine, 0, true);
   }
 
@@ -564,6 +580,7 @@ class History {
   // Two passes that are applied, and then it holds what the server says; once more, and nothing is left over.
   void settle(Machine& machine, bool isEnd) {
     if (!wrong_.empty()) return;
+    deliver(machine);
     sayLate(machine);
     machine.isCacheBehind = false;
     for (int n = 0; n < 2; ++n) {

@@ -5,6 +5,7 @@
 
 #include "overhub/commands/difference_list.h"
 #include "overhub/store/setting_place.h"
+#include "overhub/store/undo.h"
 #include "tests/overhub/store_fixture.h"
 #include "tests/support/product_fixture.h"
 
@@ -272,6 +273,63 @@ TEST_P(History, PutsARevisionBackUnlessALaterOneHasBeenAtIt) {
   EXPECT_TRUE(contains(undo(off, force), "somebody was faster"));
   force.expected = off;
   EXPECT_EQ(undo(off, force), "");
+}
+
+// Whoever has looked at a revision is told what of that which he changes was changed since, and by whom;
+// what others changed beside it is no hindrance.
+TEST_P(History, NobodyIsOvertakenUnawares) {
+  const std::int64_t id = hub_.add("pc1");
+  const std::int64_t said = set(kAllScope, "nMAX", "1");
+  const std::int64_t beside = set(kAllScope, "nMIN", "1");
+  const std::int64_t made = group("web", 10, {"pc*"});
+  const std::int64_t joined = group("web", 0, {"db*"});
+  const std::int64_t added = (hub_.add("pc2"), hub_.result.revision);
+  const auto edit = [](const std::string& scope, const std::string& name) {
+    ChangeSet changes;
+    changes.put(settingOf(scope, recordFor("Limits", name, "9")));
+    return changes;
+  };
+  ChangeSet number;
+  number.groups.push_back({"web", 20});
+  ChangeSet end;
+  end.groups.push_back({"web", std::nullopt});
+  const auto member = [](const std::string& pattern, bool isMember) {
+    ChangeSet changes;
+    changes.members.push_back({{"web", pattern}, isMember});
+    return changes;
+  };
+  ChangeSet withdrawal;
+  withdrawal.withdrawals.push_back({id + 1, true});
+  ChangeSet removal;
+  removal.removedClients.push_back(id + 1);
+  const std::tuple<ChangeSet, std::int64_t, std::string> cases[] = {
+      {edit(kAllScope, "nMAX"), said, ""},
+      {edit(kAllScope, "nMAX"), said - 1, "\"nMAX\" in \"~/Limits\" is 1 for @all now"},
+      {edit(kAllScope, "nMIN"), said, "revision " + std::to_string(beside) + " of someone ("},
+      {edit(groupScope("web"), "nMAX"), 0, ""},
+      {edit(machineScope(id), "nMAX"), 0, ""},
+      {number, made, ""},
+      {number, made - 1, "group web"},
+      {end, joined, ""},
+      {end, made, "db* is now in group web"},
+      {member("x*", true), made, ""},
+      {member("x*", true), made - 1, "group web"},
+      {member("db*", false), joined - 1, "revision " + std::to_string(joined) + " of someone ("},
+      {member("pc*", false), joined, ""},
+      {withdrawal, added, ""},
+      {withdrawal, added - 1, "client pc2"},
+      {removal, added - 1, "client pc2"},
+  };
+  ChangeNote note;
+  note.isDryRun = true;
+  int row = 0;
+  for (const auto& [changes, expected, why] : cases) {
+    note.expected = expected;
+    const std::string refusal = hub_.change(changes, note);
+    EXPECT_EQ(refusal.empty(), why.empty()) << row << ": " << refusal;
+    EXPECT_TRUE(contains(refusal, why)) << row << ": " << refusal;
+    ++row;
+  }
 }
 
 // A machine from which everything is withdrawn gets removals until two hand-outs in a row were applied, and

@@ -211,6 +211,7 @@ TEST_F(OverhubRequestTest, SeveralMachinesAreAskedAtATime) {
   expectOut(overhub({"push", "web-1,web-2,web-11"}), 4,
             {"web-2    unreachable", "lqhost run", "web-11   refused"});
   expectErr(overhub({"push", "web-*", "--host", address_}), 2, {"--host", "4"});
+  expectErr(overhub({"push", "web-*", "--dry-run"}), 2, {"without a FILE a push changes nothing"});
   expectErr(overhub({"push", "web-*", dir_ / "any.xml"}), 2, {"one client"});
   expectOk({"add-group", "none", "--number", "1"});
   expectErr(overhub({"push", "@none"}), 1, {"@none has no machine"});
