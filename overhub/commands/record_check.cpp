@@ -8,9 +8,16 @@
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/PrintableText.h"
 #include "overhub/store/setting.h"
+#include "records/expiry.h"
 #include "records/record_rules.h"
 
 namespace {
+
+// What a registry takes also with what goes along: a name with that of its end, and a path below the root of
+// any instance and with a name behind it, as records that only clear a cache have it.
+constexpr std::size_t kMaxInstanceRoot = 256;
+constexpr std::size_t kMaxName = lqregistry::kMaxNameBytes - _UNTIL.size();
+constexpr std::size_t kMaxPath = lqregistry::kMaxPathBytes - lqregistry::kMaxNameBytes - kMaxInstanceRoot;
 
 std::string quoted(const std::string& text) {
   return '"' + text + '"';
@@ -47,9 +54,9 @@ CWmError checkRecord(const OBGui::RegistryKeyInfo& record) {
   const std::string& path = record.keyPath;
   const std::string& name = record.valueName;
   const std::string& type = record.valueType;
-  if (name.empty() || name.size() > lqregistry::kMaxNameBytes || path.size() > lqregistry::kMaxPathBytes)
-    return refused("a value's name has 1 to " + std::to_string(lqregistry::kMaxNameBytes) +
-                   " bytes, a key's path at most " + std::to_string(lqregistry::kMaxPathBytes));
+  if (name.empty() || name.size() > kMaxName || path.size() > kMaxPath)
+    return refused("a value's name has 1 to " + std::to_string(kMaxName) + " bytes, a key's path at most " +
+                   std::to_string(kMaxPath));
   if (path.starts_with('/')) {
     return refused(quoted(path) +
                    " is no registry path; quote \"~\", or the shell puts your home directory in its place");

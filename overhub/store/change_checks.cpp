@@ -145,6 +145,6 @@ CWmError checkEffects(const Effects& effects, const ChangeNote& note) {
       effects.wayBackValue +
       " is what a client needs to come back to its server: a mistake in it, and nobody reaches the "
       "machine from here again (" +
-      std::to_string(effects.wayBack.size()) +
-      " machines would get another one). --force does it all the same, --dry-run shows it");
+      std::to_string(effects.wayBack.size()) + (effects.wayBack.size() == 1 ? " machine" : " machines") +
+      " would get another one). --force does it all the same, --dry-run shows it");
 }

@@ -288,7 +288,8 @@ TEST_F(OverhubCommandsTest, OutputIsEscapedAndErrorsNameWhatIsWrong) {
   for (const char* const command : {"unset", "fetch", "call"})
     expectErr(overhub({command, "web-2", "7", "n"}), 1, {"there is no client \"web-2\""});
   const std::pair<std::vector<std::string>, const char*> refused[] = {
-      {{"p", std::string(1025, 'n'), "v"}, "1 to 1024 bytes"},
+      {{"p", std::string(1019, 'n'), "v"}, "1 to 1018 bytes"},
+      {{std::string(2817, 'p'), "n", "v"}, "path at most 2816"},
       {{"/home/me/Limits", "n", "v"}, "quote \"~\""},
       {{"--type", "NUMBER", "p", "n", "5"}, "no type word"},
       {{"--", "p", "-n", "v"}, "\"-n\" looks like an option"},

@@ -488,7 +488,7 @@ TEST_P(HandOuts, TheWayBackIsChangedByForceOnly) {
   ChangeSet joins;
   joins.newClients.resize(1);
   joins.newClients.front().client.name = "pc3";
-  expectSays(hub_.change(joins), "(1 machines would get");
+  expectSays(hub_.change(joins), "(1 machine would get");
   EXPECT_EQ(hub_.change(joins, forced), "");
   hub_.add("db1");
 }
