@@ -184,14 +184,17 @@ void HtmlPage::table(const Listing& list) {
   };
   text_ += "<div class=\"scroll\"><table>\n<thead><tr>";
   for (std::size_t i = 0; i < list.columns().size(); ++i)
-    text_ += cell(i, "th", " scope=\"col\"", list.columns()[i].title);
+    if (!list.columns()[i].isForProgramsOnly)
+      text_ += cell(i, "th", " scope=\"col\"", list.columns()[i].title);
   text_ += "</tr></thead>\n<tbody>\n";
   for (std::size_t row = 0; row < list.rowCount(); ++row) {
     const std::vector<std::string> texts = list.cellTexts(row, now_);
     text_ += "<tr>";
     // The first cell says what the row is about.
-    for (std::size_t i = 0; i < texts.size(); ++i)
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      if (list.columns()[i].isForProgramsOnly) continue;
       text_ += i == 0 ? cell(i, "th", " scope=\"row\"", texts[i]) : cell(i, "td", "", texts[i]);
+    }
     text_ += "</tr>\n";
   }
   text_ += "</tbody>\n</table></div>\n";
