@@ -2,7 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <cstring>
+#include <iostream>
 #include <limits>
+#include <sstream>
+
+#include "common/terminal_text.h"
 
 namespace programs {
 
@@ -17,6 +22,25 @@ std::function<std::string(const std::string&)> numberFrom(std::int64_t least) {
     return "a number from " + std::to_string(least) + " to " +
            std::to_string(std::numeric_limits<std::int64_t>::max()) + " is needed";
   };
+}
+
+// Of the program's footer what concerns one command: the lines that begin with the program's name are
+// examples of the command that they name.
+std::string footerFor(const std::string& program, const std::string& command, const std::string& footer) {
+  constexpr const char* kHeading = "Examples:";
+  std::string kept;
+  bool hasExample = false;
+  std::istringstream lines(footer);
+  for (std::string line; std::getline(lines, line);) {
+    const bool isExample = line.starts_with("  " + program + " ");
+    if (isExample && (line + " ").find(" " + command + " ") == std::string::npos) continue;
+    hasExample = hasExample || isExample;
+    kept += line + "\n";
+  }
+  if (const std::size_t heading = kept.find(kHeading); !hasExample && heading != std::string::npos)
+    kept.erase(heading, kept.find_first_not_of('\n', heading + std::strlen(kHeading)) - heading);
+  while (kept.ends_with('\n')) kept.pop_back();
+  return kept;
 }
 
 }  // namespace
@@ -115,6 +139,7 @@ Options CommandLine::options() {
 Options CommandLine::add(const char* command, const char* description, Action action,
                          Preparation preparation) {
   CLI::App* const app = app_->add_subcommand(command, description);
+  app->footer(footerFor(app_->get_name(), command, app_->get_footer()));
   app->callback([this, command, does = std::move(action), before = std::move(preparation)] {
     chosen_ = command;
     action_ = does;
@@ -126,6 +151,12 @@ Options CommandLine::add(const char* command, const char* description, Action ac
 std::optional<int> CommandLine::parse(int argc, char** argv) {
   try {
     app_->parse(argc, argv);
+  } catch (const CLI::RequiredError& error) {
+    const std::vector<std::string> unknown = app_->remaining();
+    if (unknown.empty() || !app_->get_subcommands().empty()) return app_->exit(error) == 0 ? 0 : kExitUsage;
+    std::cerr << "there is no command \"" << escapedForTerminal(unknown.front())
+              << "\"\nRun with --help for more information.\n";
+    return kExitUsage;
   } catch (const CLI::ParseError& error) {
     return app_->exit(error) == 0 ? 0 : kExitUsage;
   }

@@ -58,7 +58,8 @@ class CommandLine {
     Options& excludes(const char* other);
     Options& needs(const char* other);
 
-    // Of a command: what its help ends with, instead of what the program's does.
+    // Of a command: what its help ends with, instead of what the program's does without the examples of
+    // other commands.
     Options& footer(const char* text);
 
    private:

@@ -14,27 +14,40 @@ constexpr const char* kDefaultDirectory = "/var/lib/overhub";
 constexpr const char* kFooter =
     R"(Examples:
   overhub add-client web-1 --server-host mgmt.example
+  overhub renew-client web-1 --server-host mgmt.example
+  overhub client-host web-1 10.0.0.7
+  overhub clients 'web-*'
   overhub set web-1 '~/Limits' nMAX 20
   overhub set web-1 '~' Local --type KEY
   overhub set web-1 '~/Proxy' sPASSWORD --secret < password.txt
   overhub add-group berlin --number 10
   overhub join-group berlin web-1 'db-*'
+  overhub leave-group berlin 'db-*'
+  overhub groups --json
+  overhub remove-group berlin --dry-run
   overhub set @berlin '~/Trial' bON 1 --until +1d --why "ticket 4711" --dry-run
   overhub show web-1 --effective
   overhub serve --log-file /var/log/overhub.log
   overhub --store postgresql://hub@db1,db2/overhub serve
   overhub status
+  overhub report /root/fleet.html
   overhub log web-1
+  overhub diff 16 17
   overhub undo 17 --dry-run
+  overhub export /root/settings
+  overhub apply /root/settings --dry-run
   overhub acks web-1
   overhub uploads web-1
+  overhub resend web-1
   overhub push web-1
   overhub fetch web-1 '~/Limits' nMAX nMIN
   overhub call web-1 7 'hello'
+  overhub backup /backup/overhub.db
+  overhub import /var/lib/overhub.former
 
-Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store
-cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not current (status), or has not
-given everything back yet (remove-client --withdraw).)";
+Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store, a
+file that was named, or standard output cannot be used, 4 the client could not be reached, or did not answer, 6 a
+machine is not current (status), or has not given everything back yet (remove-client --withdraw).)";
 
 void describe(programs::CommandLine& line, Store::Place& place) {
   describeStore(line.options(), place);
@@ -78,8 +91,8 @@ int main(int argc, char** argv) try {
       "overhub", "The management server: hands clients their settings and records what became of them.",
       kFooter);
   describe(line, place);
-  if (const auto exitCode = line.parse(argc, argv)) return *exitCode;
-  return line.run();
+  if (const auto exitCode = line.parse(argc, argv)) return exitCodeOncePrinted(*exitCode);
+  return exitCodeOncePrinted(line.run());
 } catch (const std::exception& error) {  // out of memory, in all likelihood
   return complain(kExitRefused, error.what());
 }

@@ -8,7 +8,7 @@
 
 namespace lqtext {
 
-// "2030-01-02T03:04:05Z"
+// "2030-01-02T03:04:05Z"; the seconds since 1970 of what is before the year 0 or after the year 9999.
 LQ_EXPORT std::string utcText(std::time_t time);
 
 }  // namespace lqtext

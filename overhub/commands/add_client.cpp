@@ -64,12 +64,12 @@ CWmError build(soci::session& session, const AddClient& wanted, const std::vecto
 // Fills the join files of the clients that there are now.
 CWmError handOver(const Store& store, const AddClient& wanted, std::vector<Joining>& joining,
                   const std::vector<Client>& added) {
+  std::vector<programs::JoinFile> joins;
   for (std::size_t i = 0; i < added.size(); ++i) {
     joining[i].join.clientId = added[i].id;
-    CWmError error = wanted.handOver.write(store, joining[i].join);
-    if (error.IsError()) return error;
+    joins.push_back(joining[i].join);
   }
-  return {};
+  return wanted.handOver.write(store, joins);
 }
 
 int addAll(const Store& store, AddClient& wanted, std::vector<Joining>& joining) {
@@ -98,6 +98,10 @@ int addAll(const Store& store, AddClient& wanted, std::vector<Joining>& joining)
 int addClient(const Store& store, AddClient& wanted) {
   std::vector<ListedClient> clients;
   CWmError error;
+  if (wanted.list.empty() && wanted.client.name.empty())
+    return complain(kExitUsage, "which clients are to be added? NAME or --from FILE is missing");
+  if (!wanted.list.empty() && wanted.handOver.isOneFile())
+    return complain(kExitUsage, "--from makes a join file for each client; --join-dir says where");
   if (wanted.list.empty()) {
     clients.push_back(wanted.client);
     clients.back().groups = splitWords(wanted.groups, ',');

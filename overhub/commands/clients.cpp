@@ -8,9 +8,12 @@
 #include "overhub/commands/store_place.h"
 #include "overhub/commands/target.h"
 #include "overhub/store/acknowledgements.h"
+#include "overhub/store/change.h"
 #include "overhub/store/scope.h"
 
 namespace {
+
+constexpr const char* kWithdrawn = "withdrawn";
 
 struct Clients {
   std::string target = kAllScope;
@@ -21,7 +24,8 @@ struct Clients {
                 {"RECORDS", "records", Listing::Kind::number},
                 {"LAST SEEN", "lastSeen", Listing::Kind::age},
                 {"LAST ACKNOWLEDGEMENT", "acknowledgement", Listing::Kind::text},
-                {"ACKNOWLEDGED", "acknowledged", Listing::Kind::age}}};
+                {"ACKNOWLEDGED", "acknowledged", Listing::Kind::age},
+                {"WITHDRAWN", kWithdrawn, Listing::Kind::yesNo}}};
 };
 
 CWmError list(soci::session& session, Clients& wanted) {
@@ -30,12 +34,17 @@ CWmError list(soci::session& session, Clients& wanted) {
   if (error.IsError()) return error;
   std::unordered_map<std::int64_t, Contact> contacts;
   for (Contact& contact : allContacts(session)) contacts.emplace(contact.client, std::move(contact));
+  const auto withdrawn = withdrawalsAt(session, newestRevision(session));
+  bool isAny = false;
   for (const Client& client : clients) {
     const Contact& contact = contacts[client.id];
     wanted.list.addRow({client.name, client.id, client.host.empty() ? contact.address : client.host,
                         contact.records, contact.lastSeen,
-                        contact.outcome == 0 ? "never" : outcomeText(contact.outcome), contact.outcomeTime});
+                        contact.outcome == 0 ? "never" : outcomeText(contact.outcome), contact.outcomeTime,
+                        withdrawn.contains(client.id)});
+    isAny = isAny || withdrawn.contains(client.id);
   }
+  if (!isAny) wanted.list.hideFromPeople(kWithdrawn);  // they are seldom
   return {};
 }
 

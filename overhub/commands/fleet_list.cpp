@@ -28,14 +28,14 @@ Listing machineList() {
            {"Last seen", "lastSeen", Listing::Kind::age},
            {"Has", "hasRevision", Listing::Kind::number},
            {"Wanted", "wantedRevision", Listing::Kind::number},
-           {"Groups", "groups", Listing::Kind::text},
+           {"Groups", "groups", Listing::Kind::texts},
+           {"Withdrawn", "withdrawn", Listing::Kind::yesNo, true},
            {"Why", "why", Listing::Kind::text}}};
 }
 
 void addMachine(Listing& list, const MachineStatus& machine) {
-  std::string groups;
-  for (const std::string& group : machine.groups) groups += (groups.empty() ? "" : ",") + group;
   list.addRow({machine.client.name, stateName(machine.state),
                machine.since == 0 ? Listing::Cell() : Listing::Cell(machine.since), machine.contact.lastSeen,
-               machine.contact.provenRevision, machine.newest, groups, machine.why});
+               machine.contact.provenRevision, machine.newest, machine.groups, machine.withdrawnAt != 0,
+               machine.why});
 }

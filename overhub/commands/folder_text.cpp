@@ -193,7 +193,8 @@ std::string readSetting(const std::vector<Word>& words, Line& line) {
 }  // namespace
 
 bool isHidden(const Setting& setting) {
-  return setting.isSecret() || strcasecmp(setting.type.c_str(), ENCRYPTEDTYPE) == 0;
+  return setting.isSecret() || strcasecmp(setting.type.c_str(), ENCRYPTEDTYPE) == 0 ||
+         isSecretValue(setting.identity.name, setting.value);
 }
 
 std::string settingLine(const Setting& setting) {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string_view>
 
+#include "common/natural_order.h"
 #include "overhub/commands/change_options.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/listing.h"
@@ -112,20 +113,24 @@ struct Groups {
                {{"NUMBER", "number", Listing::Kind::number},
                 {"NAME", "name", Listing::Kind::text},
                 {"MACHINES", "machines", Listing::Kind::number},
-                {"MEMBERS", "members", Listing::Kind::text}}};
+                {"MEMBERS", "members", Listing::Kind::texts}}};
 };
 
 CWmError list(soci::session& session, Listing& list) {
   std::vector<Member> members = membersAt(session, newestRevision(session));
-  std::sort(members.begin(), members.end());
+  // Patterns first: those who read the beginning see the rule, and not ten thousand names.
+  std::sort(members.begin(), members.end(), [](const Member& a, const Member& b) {
+    if (isPattern(a.pattern) != isPattern(b.pattern)) return isPattern(a.pattern);
+    return programs::comesBefore(a.pattern, b.pattern);
+  });
   for (const Group& group : groupsNow(session)) {
     std::vector<Client> clients;
     CWmError error = clientsOfTarget(session, "@" + group.name, clients);
     if (error.IsError()) return error;
-    std::string named;
+    std::vector<std::string> named;
     for (const Member& member : members)
-      if (member.group == group.name) named += (named.empty() ? "" : " ") + member.pattern;
-    list.addRow({group.number, group.name, clients.size(), named});
+      if (member.group == group.name) named.push_back(member.pattern);
+    list.addRow({group.number, group.name, clients.size(), std::move(named)});
   }
   list.sortBy("number");
   return {};

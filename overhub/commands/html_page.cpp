@@ -44,12 +44,22 @@ th, td { padding: 0.4rem 0.75rem; border-bottom: 1px solid var(--line); text-ali
 thead th { color: var(--muted); font-weight: 600; white-space: nowrap; border-bottom-width: 2px; }
 tbody th { font-weight: 500; }
 tbody tr:nth-child(even) { background: var(--band); }
+.list th, .list td { min-width: 7rem; overflow-wrap: anywhere; }
+.list .number, .list .time { min-width: 0; }
 th.number, td.number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
 .time { white-space: nowrap; }
 .chart { margin: 1.75rem 0; } .chart caption { font-size: 1rem; } .chart tbody tr { background: none; }
 .chart th, .chart td { padding: 0.2rem 0.75rem 0.2rem 0; border: 0; vertical-align: middle; }
 .chart th { width: 26%; overflow-wrap: anywhere; } .chart .number { width: 1%; padding-right: 0; }
 .chart svg { display: block; width: 100%; height: 0.9rem; }
+@media screen and (max-width: 45rem) {
+  body { padding: 1.5rem 1rem 3rem; }
+  .list thead { display: none; } .list tbody, .list tr { display: block; } .list tr { padding: 0.5rem 0; }
+  .list tbody tr { border-bottom: 1px solid var(--line); }
+  .list th, .list td, .list td.number { display: flex; padding: 0.1rem 0.5rem; border: 0; text-align: left; }
+  .list td:empty { display: none; } .list tbody th { font-weight: 600; }
+  .list td::before { content: attr(data-title); flex: 0 0 6.5rem; color: var(--muted); }
+}
 @media print {
   body { max-width: none; padding: 0; font-size: 10.5pt; }
   h2 { break-after: avoid; } tr, figure, .chart { break-inside: avoid; } .scroll { overflow: visible; }
@@ -176,22 +186,29 @@ void HtmlPage::table(const Listing& list) {
   const auto cell = [&list](std::size_t column, const std::string& tag, const char* scope,
                             const std::string& text) {
     const Listing::Kind kind = list.columns()[column].kind;
-    const bool isTime = kind == Listing::Kind::time || kind == Listing::Kind::age;
+    const bool isTime =
+        kind == Listing::Kind::time || kind == Listing::Kind::end || kind == Listing::Kind::age;
     const char* const end = kind == Listing::Kind::number ? " class=\"number\">"
                             : isTime                      ? " class=\"time\">"
                                                           : ">";
-    return "<" + tag + scope + end + escapedForHtml(text) + "</" + tag + ">";
+    // Where there is no room for columns, each cell has its title beside it.
+    const std::string title =
+        tag == "td" ? " data-title=\"" + escapedForHtml(list.columns()[column].title) + "\"" : "";
+    return "<" + tag + scope + title + end + escapedForHtml(text) + "</" + tag + ">";
   };
-  text_ += "<div class=\"scroll\"><table>\n<thead><tr>";
+  text_ += "<div class=\"scroll\"><table class=\"list\">\n<thead><tr>";
   for (std::size_t i = 0; i < list.columns().size(); ++i)
-    text_ += cell(i, "th", " scope=\"col\"", list.columns()[i].title);
+    if (!list.columns()[i].isForProgramsOnly)
+      text_ += cell(i, "th", " scope=\"col\"", list.columns()[i].title);
   text_ += "</tr></thead>\n<tbody>\n";
   for (std::size_t row = 0; row < list.rowCount(); ++row) {
     const std::vector<std::string> texts = list.cellTexts(row, now_);
     text_ += "<tr>";
     // The first cell says what the row is about.
-    for (std::size_t i = 0; i < texts.size(); ++i)
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      if (list.columns()[i].isForProgramsOnly) continue;
       text_ += i == 0 ? cell(i, "th", " scope=\"row\"", texts[i]) : cell(i, "td", "", texts[i]);
+    }
     text_ += "</tr>\n";
   }
   text_ += "</tbody>\n</table></div>\n";

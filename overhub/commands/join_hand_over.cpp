@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <filesystem>
+#include <map>
+
 #include "common/host_name.h"
 #include "lqregistry/CLqNetwork.h"
 #include "overhub/commands/reporting.h"
@@ -46,6 +49,21 @@ CWmError JoinHandOver::write(const Store& store, const programs::JoinFile& join)
   return {error.GetCode(), std::string(error.AsString()) +
                                "; the client is registered, and \"overhub renew-client " + join.clientName +
                                "\" writes another join file"};
+}
+
+CWmError JoinHandOver::write(const Store& store, const std::vector<programs::JoinFile>& joins) const {
+  if (joins.size() == 1) return write(store, joins.front());
+  std::map<std::string, std::string> files;
+  for (const programs::JoinFile& join : joins)
+    files.emplace(place(store, join.clientName), programs::joinFileText(join));
+  const std::string directory = std::filesystem::path(files.begin()->first).parent_path();
+  CWmError error = file_access::makeDirectory(directory);
+  if (!error.IsError()) error = file_access::replaceAll(directory, files);
+  if (!error.IsError()) return {};
+  return {error.GetCode(),
+          std::string(error.AsString()) +
+              "; the clients are registered, and \"overhub renew-client NAME\" writes another "
+              "join file for each that has none"};
 }
 
 void JoinHandOver::discard() {

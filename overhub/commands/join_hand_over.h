@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "common/command_line.h"
 #include "common/join_file.h"
@@ -16,10 +17,15 @@ class JoinHandOver {
   // Adds the options that say what stands in the files, and where they are written.
   void describe(programs::CommandLine::Options options);
 
+  // Whether all that is handed over goes into one file, which has room for one client.
+  bool isOneFile() const { return !file_.empty(); }
+
   // The contents for a client, with a new session key, but without its id. kLqErrArgument for what the
   // command line says wrong, kLqErrRequestRefused for a file that is there.
   CWmError begin(const Store& store, const std::string& client, programs::JoinFile& join);
   CWmError write(const Store& store, const programs::JoinFile& join) const;
+  // The same for many.
+  CWmError write(const Store& store, const std::vector<programs::JoinFile>& joins) const;
   // Takes back what begin() made, and nothing else.
   void discard();
 

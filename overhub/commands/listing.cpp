@@ -16,6 +16,9 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kIndent = 2;
 
+// A group of ten thousand members is no line to read.
+constexpr std::size_t kShownTexts = 8;
+
 bool isTime(Kind kind) {
   return kind == Kind::time || kind == Kind::end || kind == Kind::age;
 }
@@ -31,6 +34,12 @@ struct ForPeople {
   std::string operator()(std::monostate /*unknown*/) const { return "?"; }
   std::string operator()(bool isSo) const { return isSo ? "yes" : "no"; }
   std::string operator()(const std::string& text) const { return text; }
+  std::string operator()(const std::vector<std::string>& texts) const {
+    const std::size_t shown = texts.size() > kShownTexts + 1 ? kShownTexts : texts.size();
+    std::string all;
+    for (std::size_t i = 0; i < shown; ++i) all += (i == 0 ? "" : ", ") + texts[i];
+    return shown == texts.size() ? all : all + " and " + std::to_string(texts.size() - shown) + " more";
+  }
   std::string operator()(std::int64_t number) const { return std::to_string(number); }
   std::string operator()(std::uint64_t number) const { return std::to_string(number); }
 };

@@ -23,6 +23,7 @@ class Listing {
  public:
   enum class Kind {
     text,
+    texts,  // several; people read the first of them and how many more there are
     number,
     yesNo,
     time,  // seconds since the epoch, 0 for never; people read UTC, programs ISO 8601, and nothing for never
@@ -43,6 +44,7 @@ class Listing {
     Cell() = default;
     Cell(std::string text) : value_(std::move(text)) {}
     Cell(const char* text) : value_(text) {}
+    Cell(std::vector<std::string> texts) : value_(std::move(texts)) {}
     // A yes or no, or a number; a template, as every pointer is a yes else.
     template <std::integral Value>
     Cell(Value value) {
@@ -58,7 +60,8 @@ class Listing {
    private:
     friend class Listing;
     // In the order in which cells of one column are sorted that hold different ones.
-    std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string> value_;
+    std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string, std::vector<std::string>>
+        value_;
   };
 
   // `name` is what programs find the rows under.

@@ -1,5 +1,7 @@
 // `overhub remove-client`: takes clients away, with their keys and what was set for them; with --withdraw
 // only once their machines have given back what the server had set there.
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -36,6 +38,7 @@ struct RemoveClient {
   bool isWithdrawing = false;
   int waitSeconds = 0;
   ChangeOptions change;
+  std::set<std::string> removed;  // their names, in the end
 };
 
 std::string commandText(const RemoveClient& wanted) {
@@ -44,7 +47,7 @@ std::string commandText(const RemoveClient& wanted) {
 }
 
 // Removes them, with their names in groups, or a new client of the same name would be in those.
-void remove(soci::session& session, const std::vector<Client>& clients, ChangeSet& changes) {
+std::set<std::string> remove(soci::session& session, const std::vector<Client>& clients, ChangeSet& changes) {
   std::set<std::string> names;
   for (const Client& client : clients) {
     changes.removedClients.push_back(client.id);
@@ -52,17 +55,31 @@ void remove(soci::session& session, const std::vector<Client>& clients, ChangeSe
   }
   for (const Member& member : membersAt(session, newestRevision(session)))
     if (names.contains(member.pattern)) changes.members.push_back({member, false});
+  return names;
 }
 
-int removeNow(const Store& store, const RemoveClient& wanted) {
+// Says how many are gone, or would be, and takes away the join files that nobody has fetched: they hold keys.
+int tellRemoved(const Store& store, const RemoveClient& wanted, int exitCode) {
+  if (exitCode != kExitOk || wanted.removed.empty()) return exitCode;
+  const std::size_t count = wanted.removed.size();
+  print(std::to_string(count) + (count == 1 ? " client " : " clients ") +
+        (wanted.change.isDryRun() ? "would be removed\n" : "removed\n"));
+  if (wanted.change.isDryRun()) return exitCode;
+  for (const std::string& name : wanted.removed) ::unlink(store.joinFile(name).c_str());
+  return exitCode;
+}
+
+int removeNow(const Store& store, RemoveClient& wanted) {
   if (wanted.target.empty())
     return complain(kExitUsage, "which clients are to be removed? TARGET is missing");
-  return wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
-    std::vector<Client> clients;
-    CWmError error = clientsOfTarget(session, wanted.target, clients);
-    remove(session, clients, changes);
-    return error;
-  });
+  const int exitCode =
+      wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
+        std::vector<Client> clients;
+        CWmError error = clientsOfTarget(session, wanted.target, clients);
+        wanted.removed = remove(session, clients, changes);
+        return error;
+      });
+  return tellRemoved(store, wanted, exitCode);
 }
 
 // How far machines have come that are to give everything back.
@@ -118,22 +135,23 @@ CWmError look(const Database& database, soci::session& session, const std::vecto
 
 // Goes one step with all of them: whoever holds nothing is removed, whoever has not begun begins. An exit
 // code.
-int step(const Store& store, const RemoveClient& wanted, const std::vector<Client>& clients,
-         Progress& progress) {
+int step(const Store& store, RemoveClient& wanted, const std::vector<Client>& clients, Progress& progress) {
   const Database& database = store.database();
   const CWmError error =
       database.read([&](soci::session& session) { return look(database, session, clients, progress); });
   if (error.IsError()) return storeFailed(error);
   if (progress.clean.empty() && progress.fresh.empty()) return kExitOk;
-  return wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
-    CWmError fault = look(database, session, clients, progress);
-    remove(session, progress.clean, changes);
-    for (const Client& client : progress.fresh) changes.withdrawals.push_back({client.id, true});
-    return fault;
-  });
+  const int exitCode =
+      wanted.change.make(store, commandText(wanted), [&](soci::session& session, ChangeSet& changes) {
+        CWmError fault = look(database, session, clients, progress);
+        wanted.removed = remove(session, progress.clean, changes);
+        for (const Client& client : progress.fresh) changes.withdrawals.push_back({client.id, true});
+        return fault;
+      });
+  return tellRemoved(store, wanted, exitCode);
 }
 
-int withdraw(const Store& store, const RemoveClient& wanted) {
+int withdraw(const Store& store, RemoveClient& wanted) {
   std::vector<Client> clients;
   const CWmError error =
       store.database().read([&](soci::session& session) { return findClients(session, wanted, clients); });

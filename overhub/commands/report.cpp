@@ -1,10 +1,10 @@
 // `overhub report`: the state of the fleet as a page that can be mailed, printed and archived.
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
 
 #include "common/natural_order.h"
-#include "lqregistry/UtcText.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/definitions.h"
 #include "overhub/commands/fleet_list.h"
@@ -28,6 +28,8 @@ Example:
   overhub report /root/fleet.html)";
 
 constexpr std::int64_t kRevisions = 25;
+// Beyond which a page is no longer read.
+constexpr std::size_t kMachines = 1000;
 // Of the settings of single machines, beyond which a page is no longer read.
 constexpr std::size_t kMachineSettings = 1000;
 
@@ -96,14 +98,24 @@ void addStates(HtmlPage& page, const FleetStatus& fleet) {
     counts.push_back({stateName(state), fleet.count(state), toneOf(state)});
   page.stackedBar("State of the machines", counts);
   page.paragraph("The store is at revision " + std::to_string(fleet.revision) + ".");
+  if (const std::size_t count = fleet.countWithdrawn(); count != 0)
+    page.paragraph("Everything is withdrawn from " + std::to_string(count) + " of the machines.");
 }
+
+// Where somebody has to look, the earlier the sooner: a change for all makes all of them pending.
+constexpr std::array kBySeverity{FleetState::failed, FleetState::silent, FleetState::never,
+                                 FleetState::pending};
 
 void addMachines(HtmlPage& page, const FleetStatus& fleet) {
   page.section("Machines that are not current");
   Listing list = machineList();
-  for (const MachineStatus& machine : fleet.machines)
-    if (machine.state != FleetState::current) addMachine(list, machine);
+  std::size_t count = 0;
+  for (const FleetState state : kBySeverity)
+    for (const MachineStatus& machine : fleet.machines)
+      if (machine.state == state && ++count <= kMachines) addMachine(list, machine);
   page.table(list);
+  if (count > kMachines)
+    page.paragraph("And " + std::to_string(count - kMachines) + " more, which \"overhub status\" lists.");
 }
 
 void addGroups(HtmlPage& page, const Facts& facts) {
@@ -154,7 +166,7 @@ void addSettings(HtmlPage& page, const Facts& facts, const Definitions& definiti
                             {"Path", "path", Listing::Kind::text},
                             {"Name", "name", Listing::Kind::text},
                             {"Value", "value", Listing::Kind::text},
-                            {"Until", "until", Listing::Kind::text},
+                            {"Until", "until", Listing::Kind::end},
                             {"Flags", "flags", Listing::Kind::text},
                             {"Revision", "revision", Listing::Kind::number},
                             {"Meaning", "meaning", Listing::Kind::text}});
@@ -163,8 +175,8 @@ void addSettings(HtmlPage& page, const Facts& facts, const Definitions& definiti
     if (isMachines(setting) && ++machines > kMachineSettings) continue;
     const bool hasValue = !setting.isRemoval && !setting.identity.isKey;
     list.addRow({scope, setting.path, setting.identity.name, hasValue ? shownValue(setting) : "",
-                 setting.expires == 0 ? "" : lqtext::utcText(setting.expires), shownFlags(setting),
-                 setting.validFrom, definitions.sentenceOf(setting.path, setting.identity.name)});
+                 setting.expires, shownFlags(setting), setting.validFrom,
+                 definitions.sentenceOf(setting.path, setting.identity.name)});
   }
   page.table(list);
   if (machines > kMachineSettings)
@@ -184,8 +196,8 @@ int report(const Store& store, const Report& wanted) {
 
   HtmlPage page("State of the fleet", facts.fleet.now);
   addStates(page, facts.fleet);
-  addMachines(page, facts.fleet);
   addGroups(page, facts);
+  addMachines(page, facts.fleet);
   addRevisions(page, facts);
   addSettings(page, facts, definitions);
   error = file_access::replace(wanted.file, page.text());

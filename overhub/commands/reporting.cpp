@@ -8,6 +8,12 @@ void print(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
+int exitCodeOncePrinted(int exitCode) {
+  static_cast<void>(std::fflush(stdout));  // the error indicator tells of any write, this one included
+  return std::ferror(stdout) == 0 ? exitCode
+                                  : complain(kExitDataUnusable, "standard output cannot be written");
+}
+
 int exitCodeOf(const CWmError& error) {
   switch (error.GetCode()) {
     case kLqErrNone:

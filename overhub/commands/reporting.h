@@ -16,6 +16,10 @@ inline constexpr int kExitNotCurrent = 6;   // a machine that was asked about is
 
 void print(const std::string& text);
 
+// The exit code, unless what was printed has not reached standard output: a list of which an end is missing
+// is taken for the whole.
+[[nodiscard]] int exitCodeOncePrinted(int exitCode);
+
 // Says on standard error what should be known, and is no reason to end.
 void warn(const std::string& text);
 

@@ -21,7 +21,8 @@ int resend(const Store& store, const std::string& target) {
     return fault;
   });
   if (error.IsError()) return storeFailed(error);
-  print(std::to_string(clients.size()) + " machines will get all removals again at the next pass\n");
+  print(std::to_string(clients.size()) + (clients.size() == 1 ? " machine" : " machines") +
+        " will get all removals again at the next pass\n");
   return kExitOk;
 }
 

@@ -19,6 +19,8 @@ constexpr const char* kFooter = R"(Each machine has one state, the last of these
   failed   its last hand-out was refused, or it says that it could not apply it
   silent   has not been seen for longer than --silent-after periods
   never    has not called since it was added
+One from which "remove-client --withdraw" takes everything back is pending until it has given it; --withdrawn lists
+those.
 
 Exit code 0: all machines asked about are current; 6: at least one is not.
 
@@ -31,15 +33,29 @@ struct Status {
   FleetQuestion question;
   bool isAll = false;
   bool isShown[kFleetStates.size()] = {};  // asked for by name
+  bool isWithdrawnShown = false;
   bool isPrometheus = false;
   Listing list = machineList();
 
-  bool isWanted(FleetState state) const {
+  bool isWanted(const MachineStatus& machine) const {
     if (isAll) return true;
-    const bool isAny = std::any_of(std::begin(isShown), std::end(isShown), [](bool shown) { return shown; });
-    return isAny ? isShown[static_cast<std::size_t>(state)] : state != FleetState::current;
+    if (isWithdrawnShown && machine.withdrawnAt != 0) return true;
+    const bool isAny = isWithdrawnShown ||
+                       std::any_of(std::begin(isShown), std::end(isShown), [](bool shown) { return shown; });
+    return isAny ? isShown[static_cast<std::size_t>(machine.state)] : machine.state != FleetState::current;
   }
 };
+
+// What else is under way, and waits for somebody in the end.
+std::string withdrawalText(const FleetStatus& fleet) {
+  const std::size_t count = fleet.countWithdrawn();
+  if (count == 0) return {};
+  std::string text = "everything is withdrawn from " + std::to_string(count) + " of them";
+  if (const std::size_t clean = fleet.countClean(); clean != 0)
+    text +=
+        "; " + std::to_string(clean) + " gave it back, \"overhub remove-client --withdraw\" removes those";
+  return text + "\n";
+}
 
 // "10000 machines at revision 7: 9998 current, 2 pending"; what there is none of is left out.
 std::string summary(const FleetStatus& fleet) {
@@ -50,7 +66,7 @@ std::string summary(const FleetStatus& fleet) {
   }
   const std::size_t all = fleet.machines.size();
   return std::to_string(all) + (all == 1 ? " machine" : " machines") + " at revision " +
-         std::to_string(fleet.revision) + states + "\n";
+         std::to_string(fleet.revision) + states + "\n" + withdrawalText(fleet);
 }
 
 void fill(Listing& list, const Status& wanted, const FleetStatus& fleet) {
@@ -59,9 +75,10 @@ void fill(Listing& list, const Status& wanted, const FleetStatus& fleet) {
   list.addFact({"Clients", "clients", Listing::Kind::number}, fleet.machines.size());
   for (const FleetState state : kFleetStates)
     list.addFact({stateName(state), stateName(state), Listing::Kind::number}, fleet.count(state));
+  list.addFact({"Withdrawn", "withdrawn", Listing::Kind::number}, fleet.countWithdrawn());
   list.addFact({"Oldest pending", "oldestPending", Listing::Kind::time}, fleet.oldestPending);
   for (const MachineStatus& machine : fleet.machines)
-    if (wanted.isWanted(machine.state)) addMachine(list, machine);
+    if (wanted.isWanted(machine)) addMachine(list, machine);
 }
 
 std::string metricsText(const FleetStatus& fleet) {
@@ -81,6 +98,8 @@ std::string metricsText(const FleetStatus& fleet) {
   }
   metrics.family("overhub_clients_known", Type::gauge, "Clients in all");
   metrics.sample(fleet.machines.size());
+  metrics.family("overhub_clients_withdrawn", Type::gauge, "Clients from which everything is withdrawn");
+  metrics.sample(fleet.countWithdrawn());
   metrics.family("overhub_newest_revision", Type::gauge, "The newest revision of the store");
   metrics.sample(fleet.revision);
   metrics.family("overhub_oldest_pending_seconds", Type::gauge,
@@ -126,6 +145,7 @@ void addStatus(programs::CommandLine& line, const Store::Place& place) {
       .flag("--failed", shown(FleetState::failed), "List those that failed")
       .flag("--silent", shown(FleetState::silent), "List those that are silent")
       .flag("--never", shown(FleetState::never), "List those that have never called");
+  options.flag("--withdrawn", wanted->isWithdrawnShown, "List those from which everything is withdrawn");
   wanted->question.describe(options);
   wanted->list.describe(options);
   options.flag("--prometheus", wanted->isPrometheus, "Print figures for a collector, and no list")

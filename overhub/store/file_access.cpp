@@ -57,6 +57,19 @@ CWmError create(const std::string& path, const std::string& text) {
   return error;
 }
 
+CWmError replaceAll(const std::string& directory, const std::map<std::string, std::string>& files) {
+  for (const auto& [path, text] : files) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failed(path);
+    const auto_handle handle(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    if (!handle.isValid()) return failed(path);
+    std::uint64_t written = 0;
+    CWmError error = FXFile::LQWriteFile(handle, text.data(), text.size(), written);
+    if (error.IsError()) return error;
+  }
+  const auto_handle handle(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return handle.isValid() && ::syncfs(handle.get()) == 0 ? CWmError() : failed(directory);
+}
+
 CWmError readInput(std::size_t limit, std::string& text) {
   const auto_handle handle(::dup(STDIN_FILENO));
   if (!handle.isValid()) return failed("standard input");

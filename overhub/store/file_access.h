@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <string>
 
 #include "lqregistry/CWmError.h"
@@ -32,6 +33,10 @@ inline CWmError replace(const std::string& path, const std::string& text) {
 
 // For a file that must not be there yet. It is on disk then, with mode 0600.
 CWmError create(const std::string& path, const std::string& text);
+
+// The same for many files, by their paths, in one directory: all are written, then all are put on disk at
+// once, which takes a fraction of the time. Files that are there are replaced, links are not followed.
+CWmError replaceAll(const std::string& directory, const std::map<std::string, std::string>& files);
 
 // Standard input up to its end; an error when it holds more than `limit` bytes.
 CWmError readInput(std::size_t limit, std::string& text);

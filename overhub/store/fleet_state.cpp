@@ -1,6 +1,8 @@
 #include "overhub/store/fleet_state.h"
 
 #include <algorithm>
+#include <map>
+#include <set>
 #include <unordered_map>
 
 #include "common/age_text.h"
@@ -58,9 +60,32 @@ std::unordered_map<std::int64_t, std::int64_t> timesFrom(soci::session& session,
   return times;
 }
 
+// Of the machines from which everything is withdrawn, those that have given it back: all that may be left on
+// them was handed out since.
+std::set<std::int64_t> cleanMachines(soci::session& session,
+                                     const std::map<std::int64_t, std::int64_t>& withdrawn) {
+  std::set<std::int64_t> clean;
+  if (withdrawn.empty()) return clean;
+  for (const auto& [id, since] : withdrawn) clean.insert(id);
+  std::int64_t id = 0;
+  std::int64_t oldest = 0;
+  forEachRow(
+      session,
+      "SELECT h.client, MIN(h.revision) FROM held h JOIN contacts c ON c.client = h.client WHERE"
+      " h.last_number >= c.base AND h.client IN (SELECT client FROM withdrawals WHERE valid_to = :open)"
+      " GROUP BY h.client",
+      [&] {
+        if (const auto since = withdrawn.find(id); since != withdrawn.end() && oldest < since->second)
+          clean.erase(id);
+      },
+      into(id), into(oldest), use(kOpen, "open"));
+  return clean;
+}
+
 // All scopes of a machine, from what is known of it.
 template <class Each>
 void forEachScope(const MachineStatus& machine, const Each& each) {
+  if (machine.withdrawnAt != 0) return;
   each(std::string(kAllScope));
   for (const std::string& group : machine.groups) each(groupScope(group));
   each(machineScope(machine.client.id));
@@ -71,7 +96,8 @@ bool isFailure(const Contact& contact) {
 }
 
 bool lacksSomething(const MachineStatus& machine) {
-  return machine.contact.provenRevision < machine.newest || machine.contact.isCacheUnknown;
+  return machine.contact.provenRevision < machine.newest || machine.contact.isCacheUnknown ||
+         (machine.withdrawnAt != 0 && !machine.isClean);
 }
 
 FleetState stateOf(const MachineStatus& machine, std::int64_t now, std::int64_t silentSeconds) {
@@ -89,6 +115,11 @@ std::string failureText(const Contact& contact) {
 
 std::string waitingText(const MachineStatus& machine) {
   const Contact& contact = machine.contact;
+  if (machine.withdrawnAt != 0) {
+    const bool isBegun = contact.proven != 0 && contact.provenRevision >= machine.withdrawnAt;
+    return std::string("everything is withdrawn from it, which takes ") +
+           (isBegun ? "one more applied pass" : "two applied passes");
+  }
   if (contact.provenRevision >= machine.newest) return "it gets all of it again";
   const std::string revision = "revision " + std::to_string(machine.newest);
   if (contact.handedRevision < machine.newest) return revision + " waits for its next pass";
@@ -99,7 +130,8 @@ std::string whyOf(const MachineStatus& machine, std::int64_t silentSeconds) {
   const Contact& contact = machine.contact;
   switch (machine.state) {
     case FleetState::current:
-      break;
+      if (machine.withdrawnAt == 0) break;
+      return "it has given everything back; \"overhub remove-client --withdraw\" removes it";
     case FleetState::pending:
       return waitingText(machine);
     case FleetState::failed:
@@ -187,6 +219,17 @@ std::size_t FleetStatus::count(FleetState state) const {
                     [state](const MachineStatus& machine) { return machine.state == state; }));
 }
 
+std::size_t FleetStatus::countWithdrawn() const {
+  return static_cast<std::size_t>(
+      std::count_if(machines.begin(), machines.end(),
+                    [](const MachineStatus& machine) { return machine.withdrawnAt != 0; }));
+}
+
+std::size_t FleetStatus::countClean() const {
+  return static_cast<std::size_t>(std::count_if(
+      machines.begin(), machines.end(), [](const MachineStatus& machine) { return machine.isClean; }));
+}
+
 FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std::int64_t now,
                         std::int64_t silentSeconds) {
   FleetStatus fleet;
@@ -196,12 +239,18 @@ FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std
   const Numbers said = newestSaid(session);
   std::unordered_map<std::int64_t, Contact> contacts;
   for (Contact& contact : allContacts(session)) contacts.emplace(contact.client, std::move(contact));
+  const auto withdrawn = withdrawalsAt(session, fleet.revision);
+  const std::set<std::int64_t> clean = cleanMachines(session, withdrawn);
 
   for (Client& client : clients) {
     MachineStatus& machine = fleet.machines.emplace_back();
     machine.contact = contacts[client.id];
     machine.groups = finder.groupsOf(client);
     machine.client = std::move(client);
+    if (const auto found = withdrawn.find(machine.client.id); found != withdrawn.end()) {
+      machine.withdrawnAt = found->second;
+      machine.isClean = clean.contains(found->first);
+    }
     machine.newest = machine.contact.touched;
     forEachScope(machine, [&](const std::string& scope) {
       const auto found = said.find(scope);

@@ -10,7 +10,8 @@
 //            waits for it, is told with it
 //   failed   its last hand-out was refused, or its newest acknowledgement says that the batch was not applied
 //   pending  a newer revision touches it than the newest that it has acknowledged as applied; or what it holds
-//            is not known, because somebody else may have joined in its name or asked for all of it again
+//            is not known, because somebody else may have joined in its name or asked for all of it again; or
+//            everything is withdrawn from it, and two passes in a row have not taken it back yet
 //   current  none of these
 // clang-format on
 //
@@ -38,9 +39,11 @@ struct MachineStatus {
   Contact contact;
   std::vector<std::string> groups;  // the farthest first
   FleetState state = FleetState::never;
-  std::int64_t newest = 0;  // the newest revision that touches it
-  std::int64_t since = 0;   // when the state began, in seconds since the epoch; 0: not known
-  std::string why;          // for people; empty when it is current
+  std::int64_t newest = 0;       // the newest revision that touches it
+  std::int64_t withdrawnAt = 0;  // the revision from which on everything is withdrawn from it; 0: it stays
+  bool isClean = false;          // such a machine has given everything back
+  std::int64_t since = 0;        // when the state began, in seconds since the epoch; 0: not known
+  std::string why;               // for people; empty when it is current, and stays
 };
 
 struct FleetStatus {
@@ -50,6 +53,9 @@ struct FleetStatus {
   std::vector<MachineStatus> machines;  // in the order of the clients that were asked for
 
   std::size_t count(FleetState state) const;
+  // From how many everything is withdrawn, and how many of those have given it back.
+  std::size_t countWithdrawn() const;
+  std::size_t countClean() const;
   bool isAllCurrent() const { return count(FleetState::current) == machines.size(); }
 };
 

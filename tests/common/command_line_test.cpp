@@ -20,12 +20,17 @@ TEST(CommandLine, SaysItsVersionAndHowItIsUsed) {
     for (const Words& mistake : {Words{}, Words{"frobnicate"}}) {
       const auto result = run(program, mistake);
       EXPECT_EQ(result.out, "");
-      expectErr(result, 2, {"--help"});
+      expectErr(result, 2, {"--help", mistake.empty() ? "required" : "there is no command \"frobnicate\""});
     }
   }
   expectOut(run("lqhost", {"run", "--help"}), 0, {"=0.0.0.0 ", "=8404 ", "=900\n", "=300\n"});
   expectOut(run("lqhost", {"sync", "--help"}), 0, {"--watch PATH NAME "});
   expectOut(run("overhub", {"push", "--help"}), 0, {"Examples:\n  overhub push web-1\n"});
+  // Without a word of its own a command has the program's, as far as they concern it.
+  expectOut(run("overhub", {"clients", "--help"}), 0,
+            {"\n\nExamples:\n  overhub clients 'web-*'\n\nExit codes: 0 done"});
+  expectOut(run("lqreg", {"list", "--help"}), 0,
+            {"\n\nKeys: ", "\n\nExamples:\n  lqreg --instance Instance001 list '~'\n\nAn export holds"});
 }
 
 // Each would do something else than was asked for, if it did anything.

@@ -79,6 +79,48 @@ TEST_F(OverhubCommandsTest, AddClientRefusesBadAndTakenNamesAndIds) {
   EXPECT_EQ(everythingOnDisk(), before);
 }
 
+// A list of clients is taken as a whole, or not at all; each gets a join file of its own.
+TEST_F(OverhubCommandsTest, AFileOfClientsIsAddedAtOnce) {
+  expectOk({"add-client", "web-1"});
+  expectOk({"remove-client", "web-1"});
+  expectOk({"add-group", "web", "--number", "1"});
+  expectOk({"add-group", "berlin", "--number", "2"});
+  const std::string list = dir_ / "list.csv";
+  const std::string joins = dir_ / "joins";
+  const std::pair<const char*, const char*> faults[] = {
+      {"name,groups\nweb-1,web\nweb-2;web\n", "list.csv line 3: \"web-2;web\" cannot be a client's name"},
+      {"web-1\n\nweb-1\n", "list.csv line 3: \"web-1\" stands in it twice"},
+      {"web-1,,a b\n", "list.csv line 1: \"a b\" is no host name"},
+      {"web-1,,a,b\n", "list.csv line 1: has more than"},
+      {"\n", "lists no client"},
+      {"web-1,nowhere\n", "nowhere"}};
+  for (const auto& [text, reason] : faults) {
+    writeFile(list, text);
+    const auto refused = overhub({"add-client", "--from", list, "--join-dir", joins});
+    EXPECT_NE(refused.exitCode, 0) << text;
+    EXPECT_TRUE(contains(refused.err, reason)) << refused.err;
+  }
+  EXPECT_EQ(outOf(overhub({"clients"})).find('\n'), outOf(overhub({"clients"})).size() - 1);
+
+  writeFile(list, "name,groups,host\r\n\"web-1\", web ; berlin ,10.0.0.7\r\nweb-2,web\nweb-3\n");
+  expectErr(overhub({"add-client", "--from", list, "--join-file", dir_ / "one.join"}), 2, {"--join-dir"});
+  std::filesystem::create_directories(data_ + "/join");
+  std::filesystem::create_symlink(dir_ / "precious", data_ + "/join/web-2.join");
+  expectOut(overhub({"add-client", "--from", list, "--server-host", "hub"}), 0,
+            {"3 clients added", data_ + "/join/web-1.join\n"});
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "precious")) << "the link was followed";
+  for (const char* const name : {"web-1", "web-2", "web-3"}) {
+    const std::string file = data_ + "/join/" + name + ".join";
+    EXPECT_EQ(modeOf(file), 0600U);
+    EXPECT_TRUE(contains(readFile(file), keyOf(name))) << name;
+  }
+  EXPECT_TRUE(contains(readFile(data_ + "/join/web-3.join"), "client-id=6\n"));
+  expectOut(overhub({"groups"}), 0, {"web            2  web-1, web-2\n", "berlin         1  web-1\n"});
+  expectOut(overhub({"clients", "web-1"}), 0, {"10.0.0.7"});
+  expectErr(overhub({"add-client", "--from", list, "--join-dir", joins}), 1, {"a client \"web-1\" already"});
+  EXPECT_TRUE(std::filesystem::is_empty(joins));
+}
+
 // An id that two clients had would give one the settings of the other, and what is left of a client that was
 // taken away must not come to the next one of its name.
 TEST_F(OverhubCommandsTest, AnIdIsNeverGivenTwice) {

@@ -100,9 +100,21 @@ TEST_F(OverhubHistoryTest, AWithdrawnMachineIsRemovedOnceItHasGivenEverythingBac
   expectOut(begun, 6, {"web-1", "two applied passes"});
   EXPECT_FALSE(contains(outOf(overhub({"clients"})), "web-2"));
   EXPECT_FALSE(contains(begun.out, "web-2")) << begun.out;
+  expectOut(begun, 6, {"\n1 client removed\n"});
+  EXPECT_FALSE(std::filesystem::exists(data_ + "/join/web-2.join")) << "it holds a key";
+  expectOut(overhub({"clients"}), 0, {"WITHDRAWN\n", "yes\n"});
+  EXPECT_FALSE(contains(outOf(overhub({"clients", "--json"})), "\"withdrawn\": false"));
+  expectOut(overhub({"status"}), 6,
+            {"1 pending\neverything is withdrawn from 1 of them\n", "which takes two applied passes\n"});
   pass("web-1", 7);
+  expectOut(overhub({"status", "--withdrawn"}), 6, {"which takes one more applied pass\n"});
   expectOut(overhub({"remove-client", "web-1", "--withdraw", "--wait", "1"}), 6, {"one more applied pass"});
   pass("web-1", 7);
+  const std::string clean = "of them; 1 gave it back, \"overhub remove-client --withdraw\" removes those\n";
+  EXPECT_TRUE(outOf(overhub({"status"})).ends_with(clean)) << "nothing is listed that is current";
+  expectOut(overhub({"status", "--withdrawn"}), 0, {clean, "current", "it has given everything back"});
+  expectOut(overhub({"status", "--prometheus"}), 0, {"overhub_clients_withdrawn 1\n"});
+  expectOut(overhub({"remove-client", "web-1", "--dry-run"}), 0, {"1 client would be removed\n"});
   expectOut(overhub({"remove-client", "--withdraw"}), 0, {"revision "});
   EXPECT_FALSE(contains(outOf(overhub({"clients"})), "web-1"));
   EXPECT_EQ(outOf(overhub({"remove-client", "--withdraw"})), "no client is being withdrawn\n");

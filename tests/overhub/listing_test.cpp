@@ -69,6 +69,28 @@ TEST(Listing, SortsByWhatAColumnHoldsAndPrintsWhatWasAskedFor) {
   EXPECT_EQ(list.output(), list.json());
 }
 
+TEST(Listing, TellsPeopleTheFirstOfManyTextsAndProgramsAll) {
+  Listing list("groups", {{"Members", "members", Kind::texts}, {"Hidden", "hidden", Kind::yesNo, true}});
+  std::vector<std::string> texts{"\u202e\u2069\n"};
+  list.addRow({texts, true});
+  while (texts.size() < 9) texts.push_back("b" + std::to_string(texts.size()));
+  list.addRow({texts});
+  texts.push_back("c");
+  list.addRow({texts});
+  list.addRow({std::vector<std::string>()});
+  EXPECT_EQ(list.text(kNow),
+            R"(MEMBERS
+\xe2\x80\xae\xe2\x81\xa9\n
+\xe2\x80\xae\xe2\x81\xa9\n, b1, b2, b3, b4, b5, b6, b7, b8
+\xe2\x80\xae\xe2\x81\xa9\n, b1, b2, b3, b4, b5, b6, b7 and 2 more
+
+)");
+  EXPECT_TRUE(list.json().find("\"b8\",\n        \"c\"\n      ]") != std::string::npos) << list.json();
+  HtmlPage page("", kNow);
+  page.table(list);
+  EXPECT_EQ(page.text().find("Hidden"), std::string::npos);
+}
+
 TEST(Metrics, AreEscapedAndExact) {
   MetricsText metrics;
   metrics.family("hub_clients", MetricsText::Type::gauge, "By \"state\"\\\nnow");
@@ -124,10 +146,12 @@ TEST(HtmlPage, EscapesWhatItShowsAndDrawsEveryCount) {
             "|Name|Id|In step|Since|Last seen|B\xc3\xbc\xef\xbf\xbd&lt;1&gt;\xe2\x90\x8a|-5|?|?|?|"
             "web-2|9223372036854775807|no|never|5 min ago|"
             "web-10|18446744073709551615|yes|2027-01-01T06:00:00Z|never|web-10|?|?|?|?|");
-  EXPECT_EQ(allOf(table.substr(0, table.find("web-2")), "<t[hd]( [^>]*)?>"),
-            "<th scope=\"col\"> <th scope=\"col\" class=\"number\"> <th scope=\"col\"> "
-            "<th scope=\"col\" class=\"time\"> <th scope=\"col\" class=\"time\"> <th scope=\"row\"> "
-            "<td class=\"number\"> <td> <td class=\"time\"> <td class=\"time\"> <th scope=\"row\"> ");
+  EXPECT_EQ(
+      allOf(table.substr(0, table.find("web-2")), "<t[hd]( [^>]*)?>"),
+      R"(<th scope="col"> <th scope="col" class="number"> <th scope="col"> <th scope="col" class="time"> )"
+      R"(<th scope="col" class="time"> <th scope="row"> <td data-title="Id" class="number"> )"
+      R"(<td data-title="In step"> <td data-title="Since" class="time"> )"
+      R"(<td data-title="Last seen" class="time"> <th scope="row"> )");
   const std::vector<NamedCount> counts = {{"<ok>", 1999998, Tone::good},
                                           {"bad", 1, Tone::bad},
                                           {"late", 0, Tone::warning},

@@ -153,6 +153,43 @@ TEST_P(FleetStates, ChangesAreOfConcernToThoseTheyReach) {
   }
 }
 
+// One from which everything is withdrawn waits until it has given all back, whatever is set meanwhile.
+TEST_P(FleetStates, WhoIsToBeRemovedWaitsUntilItIsClean) {
+  const std::int64_t a = hub_.add("a");
+  const std::int64_t b = hub_.add("b");
+  const auto passes = [&] {
+    pass("a", a);
+    pass("b", b);
+  };
+  set(kAllScope, "1");
+  passes();
+  passes();
+  const auto withdraw = [&](bool isWithdrawn) {
+    ChangeSet changes;
+    changes.withdrawals.push_back({a, isWithdrawn});
+    EXPECT_EQ(hub_.change(changes), "");
+  };
+  withdraw(true);
+  EXPECT_EQ(states(), "a:pending b:current");
+  EXPECT_EQ(machine("a").why, "everything is withdrawn from it, which takes two applied passes");
+  set(kAllScope, "2");
+  passes();
+  EXPECT_EQ(states(), "a:pending b:current");
+  EXPECT_EQ(machine("a").why, "everything is withdrawn from it, which takes one more applied pass");
+  set(kAllScope, "3");
+  EXPECT_EQ(fleet().countWithdrawn(), 1U);
+  EXPECT_EQ(fleet().countClean(), 0U);
+  passes();
+  EXPECT_EQ(states(), "a:current b:current");
+  EXPECT_EQ(fleet().countClean(), 1U);
+  hub_.resend(a);
+  EXPECT_EQ(states(), "a:pending b:current");
+  withdraw(false);
+  passes();
+  EXPECT_EQ(states(), "a:pending b:current") << "it gets all of it again";
+  EXPECT_EQ(fleet().countWithdrawn(), 0U);
+}
+
 // Since when counts from the oldest change that a machine lacks, and from the first of failures in a row.
 TEST_P(FleetStates, BeginWithWhatIsOldest) {
   const std::int64_t start = hub_.now();
@@ -275,15 +312,16 @@ TEST_F(StatusCommand, TellsProgramsWhatItTellsPeople) {
   refuse("web-2", "a \"\\\nb\x1b");
   const auto list = nlohmann::json::parse(overhub({"status", "--json"}).out);
   std::string facts;
-  for (const char* const key : {"revision", "clients", "current", "pending", "failed", "silent", "never"})
+  for (const char* const key :
+       {"revision", "clients", "current", "pending", "failed", "silent", "never", "withdrawn"})
     facts += std::string(key) + " " + list[key].dump() + " ";
-  EXPECT_EQ(facts, "revision 7 clients 4 current 1 pending 1 failed 1 silent 0 never 1 ");
+  EXPECT_EQ(facts, "revision 7 clients 4 current 1 pending 1 failed 1 silent 0 never 1 withdrawn 0 ");
   EXPECT_TRUE(list["time"].is_string() && list["oldestPending"].is_string());
   const auto& machine = list["machines"][1];
   EXPECT_EQ(machine["name"].get<std::string>() + machine["state"].get<std::string>() +
-                machine["hasRevision"].dump() + machine["wantedRevision"].dump() +
-                machine["groups"].get<std::string>() + machine["why"].get<std::string>(),
-            "web-2failed67webrefused: a \"\\\nb\x1b");
+                machine["hasRevision"].dump() + machine["wantedRevision"].dump() + machine["groups"].dump() +
+                machine["withdrawn"].dump() + machine["why"].get<std::string>(),
+            "web-2failed67[\"web\"]falserefused: a \"\\\nb\x1b");
   EXPECT_TRUE(machine["since"].is_string() && machine["lastSeen"].is_string());
   EXPECT_FALSE(list["machines"][0].contains("lastSeen"));
 
@@ -296,6 +334,43 @@ TEST_F(StatusCommand, TellsProgramsWhatItTellsPeople) {
         "overhub_group_clients{group=\"w\\\"\\\\e\\n\",state=\"failed\"} 1\n", "overhub_clients_known 4\n",
         "overhub_newest_revision 7\n", "\noverhub_oldest_pending_seconds 10"})
     EXPECT_TRUE(contains(metrics, line)) << line << metrics;
+}
+
+// What keys each list has; docs/fleet.md tells what they mean.
+TEST_F(StatusCommand, ListsHaveTheKeysThatAreDocumented) {
+  meddle("INSERT INTO acknowledgements (client, number, time, named_id, status) VALUES (3, 1, 5, 3, 1)");
+  meddle("UPDATE contacts SET outcome_time = 5 WHERE client = 3");
+  expectOk({"set", "@all", "~/A", "nC", "1", "--until", "9223372036854775807"});
+  expectOk({"join-group", "web", "db"});
+  const std::pair<const char*, const char*> lists[] = {
+      {"clients", "clients: name id address records lastSeen acknowledgement acknowledged withdrawn"},
+      {"groups", "groups: number name machines members"},
+      {"acks", "acknowledgements: time client id taskStatus outcome"},
+      {"show @all", "settings: path name type value until flags scope revision needsRestart sentence"},
+      {"show db --effective",
+       "settings: path name type value until flags scope revision needsRestart sentence"},
+      {"log '*' '~/A' nC", "revisions: revision time who why command changes"},
+      {"status web-10",
+       "time revision clients current pending failed silent never withdrawn oldestPending "
+       "machines: name state since lastSeen hasRevision wantedRevision groups withdrawn why"}};
+  for (const auto& [command, expected] : lists) {
+    const auto list =
+        nlohmann::ordered_json::parse(shell(std::string("\"$OVERHUB\" ") + command + " --json").out);
+    std::string keys;
+    for (const auto& [key, value] : list.items()) {
+      keys += (keys.empty() ? "" : " ") + key + (value.is_array() ? ":" : "");
+      if (!value.is_array()) continue;
+      for (const auto& [column, cell] : value.back().items()) keys += " " + column;
+    }
+    EXPECT_EQ(keys, expected) << command;
+  }
+  expectOut(overhub({"groups"}), 0, {"web-*, db\n"});
+  expectOut(overhub({"groups", "--json"}), 0, {"\"web-*\",\n        \"db\"\n"});
+  expectOut(overhub({"show", "@all"}), 0, {"1      9223372036854775807"});
+  // A list that has lost its end is no list.
+  for (const char* const command : {"status", "status --prometheus", "clients --json", "log", "--help"})
+    expectErr(shell(std::string("\"$OVERHUB\" ") + command + " > /dev/full"), 3,
+              {"standard output cannot be written"});
 }
 
 // Whatever the store holds, the page shows it as text, and no page or list shows a secret.
@@ -320,7 +395,7 @@ TEST_F(StatusCommand, HostileTextsStayTextsAndSecretsHidden) {
   for (const char* const shown :
        {"&lt;img src=x onerror=alert(1)&gt;&quot;&#39;&amp;</td>", "n&lt;u&gt;", "&lt;s&gt;g&lt;/s&gt;",
         "web-&lt;script&gt;1", "refused: &lt;i&gt;", "&lt;b&gt;&quot;why&quot; &amp; how", "The &lt;em&gt;B",
-        "<td>sPW</td><td>********</td>"})
+        "\"Name\">sPW</td><td data-title=\"Value\">********</td>"})
     EXPECT_TRUE(contains(page, shown)) << shown;
   EXPECT_FALSE(contains(overhub({"status", "--all"}).out, "\x1b"));
   for (const char* const form : {"", "--json", "--prometheus"})
