@@ -16,11 +16,12 @@ constexpr const char* kFooter = R"(Examples:
   overhub uploads
   overhub uploads web-1
   overhub uploads web-1 --out web-1.xml    (for "lqreg import" on a machine)
-Protected values are hidden in the table.)";
+Secrets are hidden in the list. In a file that --out writes the machine's session key stands in clear.)";
 
 struct Uploads {
   std::string client;
   std::string file;
+  bool isOneBefore = false;
   Listing list{"uploads",
                {{"CLIENT", "client", Listing::Kind::text},
                 {"TIME", "time", Listing::Kind::time},
@@ -71,11 +72,13 @@ int exportUpload(const std::string& text, const std::string& file) {
 int uploads(const Store& store, Uploads& wanted) {
   if (wanted.client.empty()) return printUploads(store, wanted.list);
   std::string text;
-  const CWmError error = readUpload(store, wanted.client, text);
+  const WhichUpload which = wanted.isOneBefore ? WhichUpload::kOneBefore : WhichUpload::kNewest;
+  const CWmError error = readUpload(store, wanted.client, which, text);
   if (error.IsError()) return storeFailed(error);
   if (text.empty())
-    return complain(kExitRefused, "client " + wanted.client +
-                                      " has uploaded nothing yet; \"lqhost upload\" on its machine does");
+    return complain(kExitRefused, "client " + wanted.client + " has uploaded nothing " +
+                                      (wanted.isOneBefore ? "before its newest upload" : "yet") +
+                                      "; \"lqhost upload\" on its machine does");
   return wanted.file.empty() ? showUpload(wanted, text) : exportUpload(text, wanted.file);
 }
 
@@ -87,6 +90,8 @@ void addUploads(programs::CommandLine& line, const Store::Place& place) {
                           onStore(place, [wanted](const Store& store) { return uploads(store, *wanted); }));
   options.option("CLIENT", wanted->client, "Show what this one has uploaded")
       .option("--out FILE", wanted->file, "Write it to this file instead, which must not be there yet")
+      .needs("CLIENT")
+      .flag("--previous", wanted->isOneBefore, "Not its newest upload, but the one before")
       .needs("CLIENT");
   wanted->list.describe(options);
   options.footer(kFooter);
