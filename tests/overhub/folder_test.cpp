@@ -329,9 +329,14 @@ TEST_F(ImportTest, TakesOverWhatTheVersionBeforeKnew) {
   EXPECT_TRUE(std::any_of(next.keys->begin(), next.keys->end(), [](const OBGui::RegistryKeyInfo& key) {
     return key.valueName.get() == "nX" && key.deleteFlag == 1;
   }));
-  // The directory may be the store's own.
+  // The directory may be the store's own, its highest id lost, and one value in it twice.
   data_ = former_;
-  expectOut(overhub({"import", former_}), 0, {"2 clients taken over"});
+  put("ids/highest", "12\n");
+  put("clients/pc2.xml", batch("17", record("~/A", "a", "1") + record("SOFTWARE/Velmor/I1/A", "a", "2")));
+  const auto inPlace = overhub({"import", former_});
+  expectOut(inPlace, 0, {"2 clients taken over"});
+  expectErr(inPlace, 0, {"pc2: \"a\" in \"SOFTWARE/Velmor/I1/A\" and in \"~/A\" are one value"});
+  expectOut(overhub({"add-client", "new"}), 0, {"id 18;"});
 }
 
 TEST_F(ImportTest, TakesOverNothingOfABrokenDirectory) {
