@@ -1,6 +1,7 @@
 // `overhub uploads`: what clients have uploaded of their registries.
 #include <memory>
 
+#include "common/text_table.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/listing.h"
 #include "overhub/commands/reporting.h"
@@ -27,10 +28,6 @@ struct Uploads {
                 {"KEYS", "keys", Listing::Kind::number},
                 {"VALUES", "values", Listing::Kind::number},
                 {"BYTES", "bytes", Listing::Kind::number}}};
-  Listing values{"values",
-                 {{"KEY", "path", Listing::Kind::text},
-                  {"NAME", "name", Listing::Kind::text},
-                  {"VALUE", "value", Listing::Kind::text}}};
 };
 
 int printUploads(const Store& store, Listing& list) {
@@ -44,19 +41,18 @@ int printUploads(const Store& store, Listing& list) {
   return kExitOk;
 }
 
-int showUpload(const Uploads& wanted, const std::string& text) {
+int showUpload(const std::string& client, const std::string& text) {
   OBGui::RegistryTaskResp upload;
   if (std::string reason; upload.unserialize(text, &reason) != 0)
-    return complain(kExitDataUnusable,
-                    "the upload of " + wanted.client + " in the store is damaged: " + reason);
-  Listing list = wanted.values;
+    return complain(kExitDataUnusable, "the upload of " + client + " in the store is damaged: " + reason);
+  programs::TextTable table({"KEY", "NAME", "VALUE"});
   for (const OBGui::RegistryKeyInfo& record : upload.keys.get()) {
-    list.addRow({keyOf(record), isKey(record) ? "" : record.valueName.get(),
-                 isSecret(record) || isSecretValue(record.valueName.get(), record.value.get())
-                     ? kHiddenSecret
-                     : record.value.get()});
+    table.addRow({keyOf(record), isKey(record) ? "" : record.valueName.get(),
+                  isSecret(record) || isSecretValue(record.valueName.get(), record.value.get())
+                      ? kHiddenSecret
+                      : record.value.get()});
   }
-  print(wanted.list.isForPrograms() ? list.json() : list.text(0));  // there are no ages in it
+  print(table.text());
   return kExitOk;
 }
 
@@ -76,7 +72,7 @@ int uploads(const Store& store, Uploads& wanted) {
   if (text.empty())
     return complain(kExitRefused, "client " + wanted.client +
                                       " has uploaded nothing yet; \"lqhost upload\" on its machine does");
-  return wanted.file.empty() ? showUpload(wanted, text) : exportUpload(text, wanted.file);
+  return wanted.file.empty() ? showUpload(wanted.client, text) : exportUpload(text, wanted.file);
 }
 
 }  // namespace
