@@ -1,6 +1,7 @@
 #include "overhub/commands/target.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "common/natural_order.h"
 #include "overhub/store/change.h"
@@ -52,16 +53,21 @@ CWmError membersOf(soci::session& session, const std::string& item, std::vector<
   CWmError error = findGroup(session, item);
   if (error.IsError()) return error;
   const std::string name = item.substr(1);
-  std::vector<std::string> patterns;
-  for (const Member& member : membersAt(session, newestRevision(session)))
-    if (member.group == name) patterns.push_back(member.pattern);
-  std::sort(patterns.begin(), patterns.end());
+  std::unordered_set<std::string> names;
+  std::vector<std::string> patterns;  // apart from the names, of which there may be thousands
+  for (Member& member : membersAt(session, newestRevision(session))) {
+    if (member.group != name) continue;
+    if (isPattern(member.pattern)) {
+      patterns.push_back(std::move(member.pattern));
+    } else {
+      names.insert(std::move(member.pattern));
+    }
+  }
   for (const Client& client : allClients(session)) {
-    const bool isMember =
-        std::binary_search(patterns.begin(), patterns.end(), client.name) ||
-        std::any_of(patterns.begin(), patterns.end(), [&client](const std::string& pattern) {
-          return isPattern(pattern) && isMeantBy(pattern, client.name);
-        });
+    const bool isMember = names.contains(client.name) || std::any_of(patterns.begin(), patterns.end(),
+                                                                     [&client](const std::string& pattern) {
+                                                                       return isMeantBy(pattern, client.name);
+                                                                     });
     if (isMember) clients.push_back(client);
   }
   return {};

@@ -60,6 +60,7 @@ TEST_F(OverhubTest, SecretsStandInNoOutput) {
   expectOk({"export", folder});
   for (const auto& file : std::filesystem::recursive_directory_iterator(folder))
     if (file.is_regular_file()) all += readFile(file.path());
+  expectOut(overhub({"apply", folder, "--dry-run"}), 0, {"nothing to change"});
   EXPECT_TRUE(contains(all, "********"));
   EXPECT_FALSE(contains(all, canary)) << all;
 
