@@ -39,12 +39,26 @@ CWmError broken(const std::string& file, const std::string& why) {
   return {kLqErrFile, file + ": " + why};
 }
 
+// The line, counted from 1, where the reason says that a text breaks off; 0 when it names no place.
+std::int64_t lineOf(const std::string& reason, const std::string& text) {
+  constexpr std::string_view kAtByte = " at byte ";
+  const std::size_t at = reason.find(kAtByte);
+  std::int64_t byte = 0;
+  if (at == std::string::npos) return 0;
+  const char* const digits = reason.data() + at + kAtByte.size();
+  if (std::from_chars(digits, reason.data() + reason.size(), byte).ec != std::errc()) return 0;
+  const std::int64_t end = std::clamp<std::int64_t>(byte, 0, static_cast<std::int64_t>(text.size()));
+  return 1 + std::count(text.begin(), text.begin() + end, '\n');
+}
+
 CWmError readMessage(const std::string& file, OBGui::RegistryTaskResp& message) {
   std::string text;
   CWmError error = file_access::readWhole(file, text);
   if (error.IsError()) return error;
   std::string reason;
-  return message.unserialize(text, &reason) == 0 ? CWmError() : broken(file, reason);
+  if (message.unserialize(text, &reason) == 0) return {};
+  const std::int64_t line = lineOf(reason, text);
+  return broken(line == 0 ? file : file + ":" + std::to_string(line), reason);
 }
 
 // A batch whose records the store can keep, and can tell what they set and when it ends.

@@ -75,10 +75,11 @@ int uploads(const Store& store, Uploads& wanted) {
   const WhichUpload which = wanted.isOneBefore ? WhichUpload::kOneBefore : WhichUpload::kNewest;
   const CWmError error = readUpload(store, wanted.client, which, text);
   if (error.IsError()) return storeFailed(error);
-  if (text.empty())
+  if (text.empty()) {
     return complain(kExitRefused, "client " + wanted.client + " has uploaded nothing " +
                                       (wanted.isOneBefore ? "before its newest upload" : "yet") +
                                       "; \"lqhost upload\" on its machine does");
+  }
   return wanted.file.empty() ? showUpload(wanted, text) : exportUpload(text, wanted.file);
 }
 

@@ -105,6 +105,7 @@ std::string timeOfCopy(soci::session& session) {
 }  // namespace
 
 CWmError copyStore(const Store& store, const std::string& wanted) {
+  if (wanted.empty()) return {kLqErrArgument, "the file's name is missing"};
   const std::string file = std::filesystem::absolute(wanted).string();
   Temporary key(keyOfCopy(file));
   Temporary part(file + ".part-" + newSessionKeyHex().substr(0, 8));

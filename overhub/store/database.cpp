@@ -10,8 +10,9 @@ namespace {
 
 // More than that wait for each other: a server has a thread a session, and an engine fewer connections.
 constexpr std::size_t kMaxSessions = 16;
-// As long as a COMMIT may wait for a standby that is away before others are told that the store is at fault.
-constexpr std::chrono::seconds kSessionPatience{30};
+// Then others are told that the store is at fault. Longer than a COMMIT may take, which may be what all wait
+// for.
+constexpr std::chrono::seconds kSessionPatience{40};
 
 // How often work is begun again, and how long it is waited in between: a quarter of a second, twice that, and
 // so on. In all about half a minute, which a standby takes at most to become the primary.
@@ -91,7 +92,7 @@ Database::Ending Database::attempt(const char* begin, const Work& work, CWmError
         return Ending::kRefused;
       }
       isCommitting = true;
-      lease.session() << "COMMIT";
+      engine_->commit(lease.session());
       return Ending::kDone;
     } catch (...) {
       lease.drop();  // whatever it was in the middle of ends with it
@@ -102,6 +103,10 @@ Database::Ending Database::attempt(const char* begin, const Work& work, CWmError
     if (kind == Fault::kOutOfTurn) {
       error = {kLqErrFile, engine_->explain(fault)};
       return Ending::kOutOfTurn;
+    }
+    if (kind == Fault::kUnanswered) {
+      error = {kLqErrConnectionLost, engine_->explain(fault)};
+      return Ending::kUnanswered;
     }
     if (kind != Fault::kLost) {
       error = {kLqErrFile, engine_->explain(fault)};
@@ -118,7 +123,7 @@ CWmError Database::repeat(const char* begin, const Work& work, bool evenAtCommit
   auto pause = kFirstPause;
   while (true) {
     const Ending ending = attempt(begin, work, error);
-    if (ending == Ending::kDone || ending == Ending::kRefused) return error;
+    if (ending == Ending::kDone || ending == Ending::kRefused || ending == Ending::kUnanswered) return error;
     if (ending == Ending::kLostAtCommit && !evenAtCommit) return error;
     if (--tries == 0) return error;
     std::this_thread::sleep_for(pause);

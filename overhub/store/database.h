@@ -39,8 +39,9 @@ class Database {
   // The same as read(), for whoever keeps others waiting: a store that is away is an error at once.
   CWmError peek(const Work& work) const;
 
-  // The same for work that finds out by itself whether it has been done, by something that it stores: it is
-  // begun again until an answer has come, or the patience with the store is at its end.
+  // The same for work that finds out by itself whether it has been done, by something that it stores, or that
+  // leaves the same however often it is done: it is begun again until an answer has come, or the patience
+  // with the store is at its end.
   CWmError writeOnce(const Work& work) const;
 
   // The store's clock, in seconds since the epoch.
@@ -48,7 +49,7 @@ class Database {
 
  private:
   class Lease;
-  enum class Ending { kDone, kRefused, kLostBefore, kLostAtCommit, kOutOfTurn };
+  enum class Ending { kDone, kRefused, kLostBefore, kLostAtCommit, kUnanswered, kOutOfTurn };
 
   std::unique_lock<std::mutex> takeTurn() const;
   std::unique_ptr<soci::session> take() const;

@@ -4,6 +4,7 @@
 // Objects do not change once made; any thread.
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <string>
@@ -16,9 +17,11 @@ class session;
 
 // What an engine's exception means for whoever runs a transaction.
 enum class Fault {
-  kOther,      // trying again would not help
-  kLost,       // the connection is gone; whether a COMMIT was carried out is not known
-  kOutOfTurn,  // somebody else was in the way; nothing was done, and a new try may succeed
+  kOther,       // trying again would not help
+  kLost,        // the connection is gone; whether a COMMIT was carried out is not known
+  kUnanswered,  // a COMMIT was given up that took too long; so would the next, and this one may be carried
+                // out
+  kOutOfTurn,   // somebody else was in the way; nothing was done, and a new try may succeed
 };
 
 class Engine {
@@ -37,6 +40,9 @@ class Engine {
   virtual std::string explain(const std::exception& fault) const = 0;
   // What an administrator should know of how safely changes are kept; empty when all is well.
   virtual std::string doubt(soci::session& session) const = 0;
+
+  // Ends a transaction; what throws leaves a session that is of no use any more.
+  virtual void commit(soci::session& session) const = 0;
 
   virtual const char* beginReading() const = 0;  // a transaction that sees one state and changes nothing
   virtual const char* beginWriting()
@@ -60,5 +66,9 @@ class Engine {
 // SQLite, in one file of mode 0600.
 std::unique_ptr<Engine> sqliteEngine(const std::string& file);
 
+// As long as a COMMIT may wait for a synchronous standby that is away.
+inline constexpr std::chrono::milliseconds kCommitPatience{30'000};
+
 // PostgreSQL, by a URI as its own tools take it; several hosts are tried in turn for the one that writes.
-std::unique_ptr<Engine> postgresqlEngine(const std::string& uri);
+std::unique_ptr<Engine> postgresqlEngine(const std::string& uri,
+                                         std::chrono::milliseconds commitPatience = kCommitPatience);

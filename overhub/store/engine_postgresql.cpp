@@ -1,7 +1,10 @@
+#include <libpq-fe.h>
+#include <poll.h>
 #include <soci/postgresql/soci-postgresql.h>
 #include <soci/soci.h>
 
 #include <algorithm>
+#include <array>
 #include <regex>
 #include <stdexcept>
 
@@ -13,8 +16,7 @@ namespace {
 constexpr const char* kConnectSeconds = "10";
 constexpr const char* kUnansweredMilliseconds = "20000";
 
-// No session that has died in the middle, or hangs, keeps the others waiting for good. A COMMIT is never cut
-// short: it would have been carried out here, and perhaps not on the standby.
+// No session that has died in the middle, or hangs, keeps the others waiting for good.
 constexpr const char* kSettings[] = {"SET idle_in_transaction_session_timeout = '60s'",
                                      "SET lock_timeout = '60s'", "SET client_min_messages = 'error'"};
 
@@ -27,6 +29,36 @@ std::string stateOf(const std::exception& fault) {
 struct Unreachable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+// A COMMIT that nobody has confirmed.
+struct Unanswered : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// What the library throws when a connection is lost.
+soci::postgresql_soci_error lostAt(PGconn* connection) {
+  return {PQerrorMessage(connection), "08000"};
+}
+
+// Whether the answer to what was sent has come.
+bool awaitAnswer(PGconn* connection, std::chrono::milliseconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (PQisBusy(connection) != 0) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd socket{PQsocket(connection), POLLIN, 0};
+    if (::poll(&socket, 1, static_cast<int>(left.count())) > 0 && PQconsumeInput(connection) == 0)
+      throw lostAt(connection);
+  }
+  return true;
+}
+
+// Has the server stop waiting: else each COMMIT that was given up would keep a session and its locks there.
+void cancel(PGconn* connection) {
+  const std::unique_ptr<PGcancel, decltype(&PQfreeCancel)> request(PQgetCancel(connection), PQfreeCancel);
+  std::array<char, 256> reason{};
+  if (request) PQcancel(request.get(), reason.data(), static_cast<int>(reason.size()));
+}
 
 // Class 08 is the connection's, 57P0 a server that is ending or starting; 25006 one that has become a
 // standby.
@@ -65,7 +97,8 @@ std::string withoutPassword(const std::string& uri) {
 
 class Postgresql : public Engine {
  public:
-  explicit Postgresql(const std::string& uri) : Engine(withoutPassword(uri)) {
+  Postgresql(const std::string& uri, std::chrono::milliseconds commitPatience)
+      : Engine(withoutPassword(uri)), commitPatience_(commitPatience) {
     uri_ = withParameter(uri, "connect_timeout", kConnectSeconds);
     uri_ = withParameter(uri_, "tcp_user_timeout", kUnansweredMilliseconds);
     uri_ = withParameter(uri_, "target_session_attrs", "read-write");
@@ -82,8 +115,12 @@ class Postgresql : public Engine {
     return session;
   }
 
-  CWmError check() const override { return {}; }
-  CWmError prepare() const override { return {}; }
+  // The text is not repeated: where it begins otherwise nobody knows what in it is a password.
+  CWmError check() const override {
+    if (uri_.starts_with("postgresql://") || uri_.starts_with("postgres://")) return {};
+    return {kLqErrArgument, "a database is named by a URI such as postgresql://hub@db1,db2/overhub"};
+  }
+  CWmError prepare() const override { return check(); }
 
   Fault faultOf(const std::exception& fault) const override {
     const std::string state = stateOf(fault);
@@ -91,6 +128,7 @@ class Postgresql : public Engine {
     // else has made meanwhile.
     for (const char* const known : {"40P01", "40001", "55P03", "42P07", "23505"})
       if (state == known) return Fault::kOutOfTurn;
+    if (dynamic_cast<const Unanswered*>(&fault) != nullptr) return Fault::kUnanswered;
     return isLost(fault) ? Fault::kLost : Fault::kOther;
   }
 
@@ -117,6 +155,27 @@ class Postgresql : public Engine {
            ": a crash may lose what was acknowledged last";
   }
 
+  // Not by a statement of the library's, which waits without end for a standby that is away. The server tells
+  // one whose wait is ended that all is well, though nobody else may have what was written: so after that the
+  // answer does not count.
+  void commit(soci::session& session) const override {
+    PGconn* const connection = static_cast<soci::postgresql_session_backend*>(session.get_backend())->conn_;
+    if (PQsendQuery(connection, "COMMIT") == 0) throw lostAt(connection);
+    if (!awaitAnswer(connection, commitPatience_)) {
+      cancel(connection);
+      throw Unanswered("it has not confirmed a COMMIT for " + std::to_string(commitPatience_.count() / 1000) +
+                       " s; see that its synchronous standby is there");
+    }
+    const std::unique_ptr<PGresult, decltype(&PQclear)> answer(PQgetResult(connection), PQclear);
+    if (!answer) throw lostAt(connection);
+    const char* const state = PQresultErrorField(answer.get(), PG_DIAG_SQLSTATE);
+    if (PQresultStatus(answer.get()) != PGRES_COMMAND_OK)
+      throw soci::postgresql_soci_error(PQresultErrorMessage(answer.get()),
+                                        state != nullptr ? state : "08000");
+    while (const std::unique_ptr<PGresult, decltype(&PQclear)> rest{PQgetResult(connection), PQclear}) {
+    }
+  }
+
   const char* beginReading() const override { return "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"; }
   const char* beginWriting() const override { return "BEGIN"; }
   bool writesOneAtATime() const override { return false; }
@@ -130,10 +189,11 @@ class Postgresql : public Engine {
 
  private:
   std::string uri_;
+  std::chrono::milliseconds commitPatience_;
 };
 
 }  // namespace
 
-std::unique_ptr<Engine> postgresqlEngine(const std::string& uri) {
-  return std::make_unique<Postgresql>(uri);
+std::unique_ptr<Engine> postgresqlEngine(const std::string& uri, std::chrono::milliseconds commitPatience) {
+  return std::make_unique<Postgresql>(uri, commitPatience);
 }

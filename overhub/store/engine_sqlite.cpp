@@ -117,6 +117,8 @@ class Sqlite : public Engine {
 
   std::string doubt(soci::session&) const override { return {}; }
 
+  void commit(soci::session& session) const override { session << "COMMIT"; }
+
   const char* beginReading() const override { return "BEGIN"; }
   // One that reads first and writes then would fail beside another writer instead of waiting for it.
   const char* beginWriting() const override { return "BEGIN IMMEDIATE"; }

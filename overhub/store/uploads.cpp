@@ -93,10 +93,11 @@ CWmError readUpload(const Store& store, const std::string& name, WhichUpload whi
   });
   if (error.IsError()) return error;
   pstring opened;
-  if (!pstring::fromV8Password(protectedText, opened))
+  if (!pstring::fromV8Password(protectedText, opened)) {
     return {kLqErrFile, "the upload of " + name +
                             " in the store is damaged, or was protected with another key than " +
                             store.keyFile()};
+  }
   text = opened.reveal();
   return {};
 }

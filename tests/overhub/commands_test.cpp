@@ -191,6 +191,10 @@ TEST_F(OverhubCommandsTest, AStoreThatCannotBeUsedIsNamedWithTheWayOut) {
     std::filesystem::remove_all(data_);
   }
 
+  const auto misnamed = overhub({"--store", "hub:canary@db1/overhub", "add-client", "web-1"});
+  expectErr(misnamed, 2, {"postgresql://hub@db1"});
+  EXPECT_FALSE(contains(misnamed.err, "canary"));
+
   // One that can be read is read.
   expectOk({"add-client", "web-1"});
   std::string readOnly = readFile(storeFile());

@@ -94,6 +94,41 @@ TEST_F(StoreUnderFaults, AChangeIsMadeOnceThroughKillsAtItsCommit) {
   EXPECT_EQ(found, std::to_string(rounds()));
 }
 
+// Whoever waits hears of it, nothing is left hanging at the server, and what may have been done is done once.
+TEST_F(StoreUnderFaults, ACommitThatNoStandbyConfirmsIsGivenUp) {
+  PostgresServer server;
+  const std::string uri = server.freshDatabase();
+  Store store({dir_ / "data", uri});
+  ASSERT_STREQ(store.prepare().AsString(), "");
+  const auto setStandby = [&server](const std::string& how) {
+    server.query("ALTER SYSTEM " + how);
+    server.query("SELECT pg_reload_conf()");
+    server.query(
+        "CHECKPOINT");  // done by the process that has commits wait, once it has seen the new setting
+  };
+  setStandby("SET synchronous_standby_names = 'absent'");
+  const Store hasty(dir_ / "data", postgresqlEngine(uri, std::chrono::milliseconds(100)));
+  std::int64_t revision = 0;
+  const CWmError error = count(
+      hasty, 1, [] {}, revision);
+  EXPECT_EQ(error.GetCode(), kLqErrConnectionLost);
+  for (const char* const part :
+       {"not confirmed a COMMIT", "standby", "whether the change was made is not known"})
+    EXPECT_TRUE(contains(error.AsString(), part)) << error.AsString();
+  const auto waiting = [&server] {
+    return server.query("SELECT COUNT(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'");
+  };
+  for (int look = 0; look < 1000 && waiting() != "0\n"; ++look)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(waiting(), "0\n");
+  setStandby("RESET synchronous_standby_names");
+  EXPECT_STREQ(count(
+                   store, 2, [] {}, revision)
+                   .AsString(),
+               "");
+  EXPECT_EQ(revision, 2);
+}
+
 // The standby takes over with all that was confirmed, and who worked with the primary goes on.
 TEST_F(StoreUnderFaults, AStandbyTakesOverWithoutALoss) {
   PostgresServer primary;

@@ -214,6 +214,7 @@ TEST_F(FolderTest, ABackupIsAWholeStoreThatKnowsWhatItIs) {
   for (const std::string& part : {file, file + ".key"}) EXPECT_EQ(modeOf(part), 0600U) << part;
   const std::string copied = readFile(file) + readFile(file + ".key");
   EXPECT_EQ(overhub({"backup", file}).exitCode, 1);
+  EXPECT_EQ(overhub({"backup", ""}).exitCode, 2);
   fs::rename(file, dir_ / "moved");
   EXPECT_EQ(overhub({"backup", file}).exitCode, 1) << "the key is there";
   fs::rename(dir_ / "moved", file);
@@ -346,19 +347,19 @@ TEST_F(ImportTest, TakesOverNothingOfABrokenDirectory) {
     std::string text;
     std::vector<std::string> complaint;
   } cases[] = {
-      {"clients/pc2.xml", "<OBGui.RegistryTaskResp>", {"clients/pc2.xml: "}},
+      {"clients/pc2.xml", "<OBGui.RegistryTaskResp>\n<client\n/ >", {"clients/pc2.xml:3: broken"}},
       {"clients/pc2.xml", batch("3", ""), {"clients/pc2.xml: client pc1 has the id 3"}},
       {"clients/pc2.xml", batch("2", ""), {"clients/pc2.xml: 2 is no client's id"}},
       {"clients/pc2.xml", batch("17", record("~", "x_UNTIL", "1")), {"clients/pc2.xml: ", "x_UNTIL"}},
       {"clients/pc2.xml",
        batch("17", record("~", "x", "********", "ENCRYPTED", "V8:l0KCLNzcUre5QQgqZ844G0nQw6Se2g==")),
        {"clients/pc2.xml: the secret \"x\" in \"~\""}},
-      {"static.xml", "x", {"static.xml: "}},
+      {"static.xml", "x", {"static.xml:1: "}},
       {"keys/pc1.key", "0123", {"keys/pc1.key: these are not 64"}},
       {"ids/highest", "many", {"ids/highest: this is no id"}},
       {"hosts/pc1", "a b/", {"hosts/pc1: "}},
       {"acks/pc1.log", "2026-11-21T20:11:08Z id=3 taskStatus=4 (failed)\nx\n", {"acks/pc1.log:2: "}},
-      {"uploads/pc1.xml", "x", {"uploads/pc1.xml: "}},
+      {"uploads/pc1.xml", "<x />", {"uploads/pc1.xml: "}},
   };
   for (const auto& broken : cases) {
     const std::string whole = readFile(former_ + "/" + broken.file);

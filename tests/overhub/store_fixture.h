@@ -40,6 +40,7 @@ class EngineWithClock : public Engine {
   Fault faultOf(const std::exception& fault) const override { return real_->faultOf(fault); }
   std::string explain(const std::exception& fault) const override { return real_->explain(fault); }
   std::string doubt(soci::session& session) const override { return real_->doubt(session); }
+  void commit(soci::session& session) const override { real_->commit(session); }
   const char* beginReading() const override { return real_->beginReading(); }
   const char* beginWriting() const override { return real_->beginWriting(); }
   const char* tables() const override { return real_->tables(); }
