@@ -80,8 +80,7 @@ class FailoverTest : public HostTest {
       outOf(runProgram(command(
           0, {"add-client", "--from", file, "--join-dir", dir_ / "joins", "--server-host", kNames[half]})));
     }
-    std::filesystem::create_directory(dataOf(1));
-    std::filesystem::permissions(dataOf(1), std::filesystem::perms::owner_all);
+    std::filesystem::create_directory(dataOf(1), dataOf(0));
     std::filesystem::copy(dataOf(0) + "/secret.key", dataOf(1));
   }
 
@@ -174,14 +173,15 @@ class FailoverTest : public HostTest {
     if (changing_.joinable()) changing_.join();
   }
 
-  // The standby hears no more, so that the primary has what nobody was told yet, and takes it with it.
+  // The standby hears no more, until all passes and the change wait for it; then the primary dies. What it
+  // has of them nobody was told of yet, and the standby does not have it.
   static void loseDatabase(PostgresServer& primary, PostgresServer& standby) {
     const pid_t receiver = std::stoi(standby.query("SELECT pid FROM pg_stat_wal_receiver"));
     kill(receiver, SIGSTOP);
-    EXPECT_TRUE(becomesTrue([&] {
-      return std::stoi(primary.query("SELECT COUNT(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'")) >=
-             4;
-    })) << "answered without the standby";
+    const auto waiting = [&primary] {
+      return std::stoi(primary.query("SELECT COUNT(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'"));
+    };
+    EXPECT_TRUE(becomesTrue([&] { return waiting() == kAtOnce + 1; })) << "answered without the standby";
     primary.kill();
     kill(receiver, SIGCONT);
     standby.promote();
