@@ -129,33 +129,4 @@ TEST_F(StoreUnderFaults, ACommitThatNoStandbyConfirmsIsGivenUp) {
   EXPECT_EQ(revision, 2);
 }
 
-// The standby takes over with all that was confirmed, and who worked with the primary goes on.
-TEST_F(StoreUnderFaults, AStandbyTakesOverWithoutALoss) {
-  PostgresServer primary;
-  PostgresServer standby(primary);
-  const std::string database = primary.newDatabase();
-  Store store({dir_ / "data", primary.uriWith(standby, database)});
-  ASSERT_STREQ(store.prepare().AsString(), "");
-  std::int64_t revision = 0;
-  for (int number = 1; number <= 5; ++number)
-    ASSERT_STREQ(count(
-                     store, number, [] {}, revision)
-                     .AsString(),
-                 "");
-  bool isKilled = false;
-  const CWmError error = count(
-      store, 6,
-      [&] {
-        if (isKilled) return;
-        isKilled = true;
-        primary.kill();
-        standby.promote();
-      },
-      revision);
-  EXPECT_STREQ(error.AsString(), "");
-  EXPECT_EQ(standby.query("SELECT COUNT(*), MAX(value) FROM revisions, settings WHERE valid_to > 1000000",
-                          database),
-            "6|6\n");
-}
-
 }  // namespace
