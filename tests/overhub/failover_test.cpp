@@ -173,17 +173,15 @@ class FailoverTest : public HostTest {
     if (changing_.joinable()) changing_.join();
   }
 
-  // The standby hears no more, until all passes and the change wait for it; then the primary dies. What it
-  // has of them nobody was told of yet, and the standby does not have it.
+  // The primary sends the standby no more, until all passes and the change wait for that, and dies. What it
+  // has of them nobody was told of, and the standby does not have it.
   static void loseDatabase(PostgresServer& primary, PostgresServer& standby) {
-    const pid_t receiver = std::stoi(standby.query("SELECT pid FROM pg_stat_wal_receiver"));
-    kill(receiver, SIGSTOP);
+    kill(std::stoi(primary.query("SELECT pid FROM pg_stat_replication")), SIGSTOP);
     const auto waiting = [&primary] {
       return std::stoi(primary.query("SELECT COUNT(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'"));
     };
     EXPECT_TRUE(becomesTrue([&] { return waiting() == kAtOnce + 1; })) << "answered without the standby";
     primary.kill();
-    kill(receiver, SIGCONT);
     standby.promote();
   }
 
