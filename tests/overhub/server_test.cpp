@@ -54,6 +54,8 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
   EXPECT_EQ(outOf(overhub({"acks", "--limit", "2"})), acks);
   expectErr(newest, 0, {"there are older acknowledgements"});
   EXPECT_TRUE(contains(newest.out, "applied") && !contains(newest.out, "failed")) << newest.out;
+  expectOut(overhub({"clients"}), 0,
+            {"web-1   7  127.0.0.1        2  just now   applied               just now"});
   // The second newest of all is of a client that was last heard of before another.
   meddle(
       "INSERT INTO acknowledgements VALUES (7, 11, 4000000000, 7, 4), (7, 12, 4000000001, 7, 4),"
@@ -63,8 +65,6 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
             {"TIME                  CLIENT  ID  STATUS  OUTCOME\n2096-10-02T07:06:42Z  quiet    8       3  "
              "applied\n"
              "2096-10-02T07:06:43Z  web-1    7       4  failed\n"});
-  expectOut(overhub({"clients"}), 0,
-            {"web-1   7  127.0.0.1        2  just now   applied               just now"});
   EXPECT_EQ(server->stop(), 0);
   EXPECT_TRUE(contains(server->output(), "web-1 on machine1: OBGui.RegistryTaskReq: 2 records"));
   for (const char* const absent : {"sesame", "cut off", "cannot be let in", "client web-1: "})
