@@ -23,8 +23,8 @@ inline constexpr int kNamespace = 14;
 inline constexpr std::int64_t kVersion = 1;
 
 // Bounds of a report, which the sender keeps and the server enforces.
-inline constexpr std::size_t kMaxEntries = 200;           // of each list
-inline constexpr std::size_t kMaxTextBytes = 512;         // of each text but the values of paths and names
+inline constexpr std::size_t kMaxEntries = 200;             // of each list
+inline constexpr std::size_t kMaxTextBytes = 512;           // of each text but the values of paths and names
 inline constexpr std::size_t kMaxReportBytes = 256 * 1024;  // of the whole, as text
 
 // Report::cause.
@@ -46,9 +46,9 @@ struct Problem : MessageClass<Problem, kNamespace, 1> {
   Field<std::int64_t, 5, 5> since;
 
   static std::span<const FieldInfo> fields() {
-    static constexpr FieldInfo list[] = {field<&Problem::keyPath>("keyPath"), field<&Problem::valueName>("valueName"),
-                                         field<&Problem::kind>("kind"), field<&Problem::reason>("reason"),
-                                         field<&Problem::since>("since")};
+    static constexpr FieldInfo list[] = {
+        field<&Problem::keyPath>("keyPath"), field<&Problem::valueName>("valueName"),
+        field<&Problem::kind>("kind"), field<&Problem::reason>("reason"), field<&Problem::since>("since")};
     return list;
   }
 };
@@ -64,9 +64,10 @@ struct Drift : MessageClass<Drift, kNamespace, 2> {
   Field<std::int64_t, 6, 6> isSecret;  // 1: neither is told
 
   static std::span<const FieldInfo> fields() {
-    static constexpr FieldInfo list[] = {field<&Drift::keyPath>("keyPath"), field<&Drift::valueName>("valueName"),
-                                         field<&Drift::before>("before"),   field<&Drift::after>("after"),
-                                         field<&Drift::time>("time"),       field<&Drift::isSecret>("isSecret")};
+    static constexpr FieldInfo list[] = {
+        field<&Drift::keyPath>("keyPath"), field<&Drift::valueName>("valueName"),
+        field<&Drift::before>("before"),   field<&Drift::after>("after"),
+        field<&Drift::time>("time"),       field<&Drift::isSecret>("isSecret")};
     return list;
   }
 };
@@ -82,9 +83,10 @@ struct Verdict : MessageClass<Verdict, kNamespace, 3> {
   Field<std::int64_t, 6, 6> since;
 
   static std::span<const FieldInfo> fields() {
-    static constexpr FieldInfo list[] = {field<&Verdict::module>("module"),   field<&Verdict::keyPath>("keyPath"),
-                                         field<&Verdict::valueName>("valueName"), field<&Verdict::verdict>("verdict"),
-                                         field<&Verdict::sentence>("sentence"), field<&Verdict::since>("since")};
+    static constexpr FieldInfo list[] = {
+        field<&Verdict::module>("module"),       field<&Verdict::keyPath>("keyPath"),
+        field<&Verdict::valueName>("valueName"), field<&Verdict::verdict>("verdict"),
+        field<&Verdict::sentence>("sentence"),   field<&Verdict::since>("since")};
     return list;
   }
 };
@@ -101,10 +103,13 @@ struct Memory : MessageClass<Memory, kNamespace, 4> {
   Field<std::int64_t, 7, 7> localChanges;  // values that were not put back, since somebody had changed them
 
   static std::span<const FieldInfo> fields() {
-    static constexpr FieldInfo list[] = {
-        field<&Memory::state>("state"),     field<&Memory::reason>("reason"), field<&Memory::since>("since"),
-        field<&Memory::deadline>("deadline"), field<&Memory::digest>("digest"), field<&Memory::places>("places"),
-        field<&Memory::localChanges>("localChanges")};
+    static constexpr FieldInfo list[] = {field<&Memory::state>("state"),
+                                         field<&Memory::reason>("reason"),
+                                         field<&Memory::since>("since"),
+                                         field<&Memory::deadline>("deadline"),
+                                         field<&Memory::digest>("digest"),
+                                         field<&Memory::places>("places"),
+                                         field<&Memory::localChanges>("localChanges")};
     return list;
   }
 };
@@ -125,22 +130,22 @@ struct Report : MessageClass<Report, kNamespace, 5> {
   Field<std::int64_t, 5, 5> time;
   Field<std::string, 6, 6> cause;
   Field<std::string, 7, 7> hostVersion;
-  Field<std::string, 8, 8> outcome;        // of the last pass: a word
-  Field<std::string, 9, 9> outcomeText;    // the same for people
-  Field<std::string, 10, 10> digest;       // of the batch that came last; empty before the first
-  Field<std::int64_t, 11, 11> records;     // in it
-  Field<std::string, 12, 12> cache;        // what became of the settings cache: a word
-  Field<std::int64_t, 13, 13> nextSync;    // 0: nothing is scheduled
+  Field<std::string, 8, 8> outcome;      // of the last pass: a word
+  Field<std::string, 9, 9> outcomeText;  // the same for people
+  Field<std::string, 10, 10> digest;     // of the batch that came last; empty before the first
+  Field<std::int64_t, 11, 11> records;   // in it
+  Field<std::string, 12, 12> cache;      // what became of the settings cache: a word
+  Field<std::int64_t, 13, 13> nextSync;  // 0: nothing is scheduled
   Field<std::int64_t, 14, 14> nextRefresh;
-  Field<std::int64_t, 15, 15> asked;       // how many modules were asked for a verdict since that batch
+  Field<std::int64_t, 15, 15> asked;  // how many modules were asked for a verdict since that batch
   Field<ProblemList, 16, 16> problems;
   Field<std::int64_t, 17, 17> problemsOmitted;
-  Field<DriftList, 18, 18> drifts;         // since the report before
+  Field<DriftList, 18, 18> drifts;  // since the report before
   Field<std::int64_t, 19, 19> driftsOmitted;
   Field<VerdictList, 20, 20> verdicts;
   Field<std::int64_t, 21, 21> verdictsOmitted;
   Field<Memory, 22, 22> memory;
-  Field<std::string, 23, 23> originsOf;    // the digest of the batch whose origins the client knows
+  Field<std::string, 23, 23> originsOf;  // the digest of the batch whose origins the client knows
 
   static std::span<const FieldInfo> fields() {
     static constexpr FieldInfo list[] = {field<&Report::version>("version"),
@@ -179,8 +184,9 @@ struct Origin : MessageClass<Origin, kNamespace, 6> {
   Field<std::string, 4, 4> scope;
 
   static std::span<const FieldInfo> fields() {
-    static constexpr FieldInfo list[] = {field<&Origin::keyPath>("keyPath"), field<&Origin::valueName>("valueName"),
-                                         field<&Origin::revision>("revision"), field<&Origin::scope>("scope")};
+    static constexpr FieldInfo list[] = {
+        field<&Origin::keyPath>("keyPath"), field<&Origin::valueName>("valueName"),
+        field<&Origin::revision>("revision"), field<&Origin::scope>("scope")};
     return list;
   }
 };

@@ -9,9 +9,10 @@
 #include "lqregistry/LqDigest.h"
 
 struct LqDigest::Impl {
-  std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac{EVP_MAC_fetch(nullptr, "HMAC", nullptr), &EVP_MAC_free};
-  std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context{mac ? EVP_MAC_CTX_new(mac.get()) : nullptr,
-                                                                    &EVP_MAC_CTX_free};
+  std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac{EVP_MAC_fetch(nullptr, "HMAC", nullptr),
+                                                        &EVP_MAC_free};
+  std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context{
+      mac ? EVP_MAC_CTX_new(mac.get()) : nullptr, &EVP_MAC_CTX_free};
   bool isSound = false;
 
   void update(const void* bytes, std::size_t size) {
@@ -21,8 +22,8 @@ struct LqDigest::Impl {
 
 LqDigest::LqDigest(std::string_view key) : impl_(std::make_unique<Impl>()) {
   char name[] = "SHA256";
-  const std::array<OSSL_PARAM, 2> parameters{
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name, 0), OSSL_PARAM_construct_end()};
+  const std::array<OSSL_PARAM, 2> parameters{OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, name, 0),
+                                             OSSL_PARAM_construct_end()};
   impl_->isSound =
       impl_->context && EVP_MAC_init(impl_->context.get(), reinterpret_cast<const unsigned char*>(key.data()),
                                      key.size(), parameters.data()) == 1;
@@ -41,7 +42,8 @@ void LqDigest::add(std::string_view text) {
 std::string LqDigest::finish() {
   std::array<unsigned char, 32> digest{};
   std::size_t size = 0;
-  if (!impl_->isSound || EVP_MAC_final(impl_->context.get(), digest.data(), &size, digest.size()) != 1) return {};
+  if (!impl_->isSound || EVP_MAC_final(impl_->context.get(), digest.data(), &size, digest.size()) != 1)
+    return {};
   constexpr const char* kDigits = "0123456789abcdef";
   std::string text;
   text.reserve(2 * size);
