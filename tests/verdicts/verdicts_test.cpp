@@ -115,7 +115,7 @@ class Verdicts : public ProductTest {
   static void awaitPending(const LqThreadPool& pool, std::size_t count) {
     while (pool.pendingCount() < count) std::this_thread::yield();
   }
-  const LqThreadPool& callbackPool_ = LqRegistryChangeMgr::GetInstance()->callBackThreadPool;
+  const LqThreadPool& callbackPool_ = LqRegistryChangeMgr::callBackThreadPool;
 };
 
 TEST_F(Verdicts, AreAskedOfEachChangedPairOnceAndToldInTheOrderOfTheRecords) {
@@ -283,6 +283,7 @@ TEST_F(Verdicts, WaitForAThreadWhenAsManyHangAsThereAre) {
 }
 
 TEST_F(Verdicts, LetTheProcessEndInSpiteOfAFunctionThatHangs) {
+  // Forked before this process has threads, which a child would lack.
   const pid_t child = startChild([] {
     add("sHELD", &held);
     LqVerdicts::threadPool().setExitWait(milliseconds(0));
