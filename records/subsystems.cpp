@@ -3,6 +3,7 @@
 #include "lqregistry/App.h"
 #include "lqregistry/LqEntities.h"
 #include "lqregistry/OBGui.h"
+#include "records/host_report.h"
 
 namespace {
 
@@ -19,6 +20,9 @@ const Subsystem<OBGui::RegistryKeyInfo, OBGui::RegistryTaskResp, OBGui::Registry
 const Subsystem<App::RegistryKeyInfo, App::KeyInfoList, App::FetchClientRegistry,
                 App::AppCommunicationMessageReq, App::AppCommunicationMessageResp, App::GenericResp>
     applicationMessages;
+const Subsystem<HostReport::Problem, HostReport::Drift, HostReport::Verdict, HostReport::Memory,
+                HostReport::Report, HostReport::Origin, HostReport::Revision, HostReport::Answer>
+    hostReports;
 
 }  // namespace
 
@@ -32,4 +36,8 @@ void OBGui::RegisterSubsystem() {
 
 void App::RegisterSubsystem() {
   applicationMessages.registerClasses();
+}
+
+void HostReport::RegisterSubsystem() {
+  hostReports.registerClasses();
 }

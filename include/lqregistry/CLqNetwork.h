@@ -143,7 +143,11 @@ class LQ_EXPORT CLqNetwork {
     Kind kind;
     const CNMessageBase* message = nullptr;  // what was sent or came; valid during the call
     std::string reason;                      // of a refusal
+    // Where the observer may say why it declines what came, null for everything else. The receiving call then
+    // fails with kLqErrDeclined and that reason, leaves no message to its caller, and the session goes on.
+    std::string* decline = nullptr;
   };
+  // An observer that throws has declined what came.
   using Observer = std::function<void(const WireEvent&)>;
 
   // Calls `observer` for every event of every session, on the thread that uses the session; an empty function

@@ -3,8 +3,9 @@
 // Constructed without threads; initThreadPool starts it. No work item is refused because many wait: whoever
 // hands over more than can be run in time bounds that itself, with pendingCount(). Items run in the order
 // they were queued, several at a time; items of one lane run one after the other. Any thread may queue work.
-// A real platform library provides initThreadPool and doWork with these arguments, and a HandOver that may do
-// nothing; what its four numbers mean is for it to say, here they mean what is written below.
+// A real platform library provides initThreadPool and doWork with these arguments, a HandOver that may do
+// nothing, an observer that may hear nothing and an isRunning that may always be false; what its four numbers
+// mean is for it to say, here they mean what is written below.
 //
 // The destructor ends the pool in order: nothing new is accepted, everything accepted is run, the threads are
 // joined. It waits for that no longer than the exit wait; then it logs what has not run and leaves the
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -30,6 +32,11 @@ class LQ_EXPORT LqThreadPool {
   static constexpr std::chrono::milliseconds kDefaultExitWait{10'000};
   // The most lanes that a log line names whose items have not run.
   static constexpr std::size_t kMaxNamedLanes = 20;
+  // What an observer hears of an exception that is no std::exception.
+  static constexpr const char* kNamelessFault = "an exception that does not say what it is";
+
+  // Hears of an item that threw: its lane, empty when it has none, and what the exception says.
+  using FaultObserver = std::function<void(const std::string& lane, const char* what)>;
 
   LqThreadPool();
   ~LqThreadPool();
@@ -47,8 +54,8 @@ class LQ_EXPORT LqThreadPool {
                       std::uint32_t maxThreads, std::uint32_t minThreads);
 
   // Queues routine(argument). 0 when it was accepted: it will run exactly once, and its result is dropped; an
-  // exception that it throws is logged. -1 when it was not, and the argument is still the caller's: the pool
-  // is not started, or is ending, or has no thread and gets none.
+  // exception that it throws is logged and told to the observer. -1 when it was not, and the argument is
+  // still the caller's: the pool is not started, or is ending, or has no thread and gets none.
   int doWork(Routine routine, void* argument);
   // The same; items that name the same lane run one at a time, in the order they were queued.
   int doWork(Routine routine, void* argument, const std::string& lane);
@@ -77,6 +84,14 @@ class LQ_EXPORT LqThreadPool {
 
   // How long the destructor waits instead of kDefaultExitWait.
   void setExitWait(std::chrono::milliseconds wait);
+
+  // Calls `observer` for each item that throws, on that item's thread, while its lane still waits for it; an
+  // empty function removes it. A call that has begun may still run when it is replaced. What it throws itself
+  // is logged; it is not called any more once the pool has been left by its destructor.
+  void setFaultObserver(FaultObserver observer);
+
+  // Whether an item of this lane runs now, rather than waits for a thread.
+  bool isRunning(const std::string& lane) const;
 
   // Items that wait for a thread or run now.
   std::size_t pendingCount() const;

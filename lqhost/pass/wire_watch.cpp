@@ -22,8 +22,10 @@ void WireWatch::install() {
 
 void WireWatch::dispatch(const Event& event) {
   const auto* const batch = messageAs<OBGui::RegistryTaskResp>(event.message);
-  for (const WireWatch* watch = innermost; watch != nullptr; watch = watch->outer_)
+  for (const WireWatch* watch = innermost; watch != nullptr; watch = watch->outer_) {
     watch->handler_(event, batch);
+    if (event.decline != nullptr && !event.decline->empty()) return;  // for the others it never came
+  }
 }
 
 }  // namespace host

@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #include "lqregistry/ObDebug.h"
 
@@ -31,6 +32,7 @@ struct LqThreadPool::Impl {
   // A lane exists while one of its items waits in `ready` or runs; `behind` are those that come after it.
   struct Lane {
     std::list<Item> behind;  // most often none, which then takes no memory
+    bool runs = false;
   };
   using Lanes = std::unordered_map<std::string, Lane>;  // its elements stay where they are
   struct Ready {
@@ -53,6 +55,7 @@ struct LqThreadPool::Impl {
   std::size_t maxThreads = 0;
   std::size_t minThreads = 0;
   milliseconds exitWait = kDefaultExitWait;
+  std::shared_ptr<const FaultObserver> faultObserver;
   pid_t startedBy = 0;
   bool started = false;
   bool stopping = false;
@@ -61,11 +64,28 @@ struct LqThreadPool::Impl {
   bool abandoned = false;  // the pool has ended without its threads, which leave everything as it is
 
   // A routine of another module must not take the process down with it.
-  static void runItem(const Item& item) {
+  void runItem(const Ready& next) {
     try {
-      item.routine(item.argument);
+      next.item.routine(next.item.argument);
+    } catch (const std::exception& fault) {
+      tellFault(next, fault.what());
     } catch (...) {
-      ObEvent().Error("LqThreadPool", "A work item ended with an exception; it is dropped");
+      tellFault(next, kNamelessFault);
+    }
+  }
+
+  void tellFault(const Ready& of, const char* what) {
+    ObEvent().Error("LqThreadPool", "A work item ended with an exception; it is dropped");
+    std::shared_ptr<const FaultObserver> observer;
+    {
+      const std::lock_guard lock(mutex);
+      if (!abandoned) observer = faultObserver;  // else what it uses may be gone
+    }
+    if (observer == nullptr) return;
+    try {
+      (*observer)(of.lane == nullptr ? std::string() : of.lane->first, what);
+    } catch (...) {
+      ObEvent().Error("LqThreadPool", "The observer of faults ended with an exception itself");
     }
   }
 
@@ -112,8 +132,9 @@ struct LqThreadPool::Impl {
     const Ready next = ready.front();
     ready.pop_front();
     ++running;
+    if (next.lane != nullptr) next.lane->second.runs = true;
     lock.unlock();
-    runItem(next.item);
+    runItem(next);
     lock.lock();
     if (abandoned) return;
     --running;
@@ -127,6 +148,7 @@ struct LqThreadPool::Impl {
       lanes.erase(lanes.find(lane.first));
       return;
     }
+    lane.second.runs = false;
     ready.push_back({lane.second.behind.front(), &lane});
     lane.second.behind.pop_front();  // nobody is woken: this thread looks for work next
   }
@@ -274,6 +296,18 @@ bool LqThreadPool::drain(milliseconds limit) {
 void LqThreadPool::setExitWait(milliseconds wait) {
   const std::lock_guard lock(impl_->mutex);
   impl_->exitWait = wait;
+}
+
+void LqThreadPool::setFaultObserver(FaultObserver observer) {
+  auto next = observer ? std::make_shared<const FaultObserver>(std::move(observer)) : nullptr;
+  const std::lock_guard lock(impl_->mutex);
+  impl_->faultObserver.swap(next);  // the one before is destroyed without the lock
+}
+
+bool LqThreadPool::isRunning(const std::string& lane) const {
+  const std::lock_guard lock(impl_->mutex);
+  const auto found = impl_->lanes.find(lane);
+  return found != impl_->lanes.end() && found->second.runs;
 }
 
 std::size_t LqThreadPool::threadCount() const {

@@ -37,7 +37,8 @@ void observe(const CLqNetwork::WireEvent& event) {
   if (observer == nullptr) return;
   try {
     (*observer)(event);
-  } catch (const std::exception& fault) {  // what happened has happened; a reporter's fault is no session's
+  } catch (const std::exception& fault) {  // what was sent is sent; what came may still be declined
     ObEvent().Error("CLqNetwork::Observer", "the message observer failed: %s", fault.what());
+    if (event.decline != nullptr) *event.decline = std::string("its observer failed: ") + fault.what();
   }
 }

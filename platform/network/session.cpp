@@ -176,7 +176,7 @@ CWmError CLqNetwork::Impl::sendMessage(const CNMessageBase& message, const Deadl
     return {kLqErrBadMessage, std::string(message.className()) + " cannot be written as text"};
   CWmError error = frames->send(FrameKind::kMessage, clear.text, deadline);
   if (error.IsError()) return error;
-  observe({WireEvent::Kind::kSent, &message, {}});
+  observe({WireEvent::Kind::kSent, &message, {}, nullptr});
   return {};
 }
 
@@ -199,7 +199,7 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
     case FrameKind::kMessage:
       break;
     case FrameKind::kRequestRefused:
-      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
+      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload), nullptr});
       return {kLqErrRequestRefused, "request refused: " + shortened(frame.payload)};
     case FrameKind::kGoodbye:
       return answerGoodbye();
@@ -211,8 +211,12 @@ CWmError CLqNetwork::Impl::receiveMessage(std::string* rawText, std::unique_ptr<
   if (rawText != nullptr) *rawText = frame.payload;
   error = CNMessageBase::fromBuffer(frame.payload, message);
   if (error.IsError()) return {kLqErrBadMessage, error.AsString()};
-  observe({WireEvent::Kind::kReceived, message.get(), {}});
-  return {};
+  std::string reason;
+  observe({WireEvent::Kind::kReceived, message.get(), {}, &reason});
+  if (reason.empty()) return {};
+  message.reset();
+  if (rawText != nullptr) rawText->clear();
+  return {kLqErrDeclined, "declined: " + reason};
 }
 
 CWmError CLqNetwork::Impl::sendRefusal(const std::string& reason) {
@@ -228,10 +232,10 @@ CWmError CLqNetwork::Impl::sayGoodbye(const Deadline& deadline) {
     Frame frame;
     error = nextFrame(frame, deadline);
     if (frame.kind == FrameKind::kRequestRefused)
-      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload)});
+      observe({WireEvent::Kind::kRefused, nullptr, shortened(frame.payload), nullptr});
     if (frame.kind == FrameKind::kGoodbye) {
       frames->connection().shutdown();
-      observe({WireEvent::Kind::kEnded, nullptr, {}});
+      observe({WireEvent::Kind::kEnded, nullptr, {}, nullptr});
       break;
     }
   }

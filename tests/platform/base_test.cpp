@@ -188,10 +188,44 @@ TEST(ThreadPool, RunsTheItemsOfALaneInTurnAndOtherLanesBesideThem) {
   }
   while (pool.pendingCount() > 4) std::this_thread::yield();
   EXPECT_TRUE(order == expected && gate.entered == 1) << order;
+  EXPECT_TRUE(pool.isRunning("held") && !pool.isRunning("letters"));
   EXPECT_EQ(pool.threadCount(), 2U) << "what waits for its turn needs no thread";
   gate.open();
   pool.waitIdle();
   EXPECT_EQ(gate.passed, 4);
+}
+
+TEST(ThreadPool, TellsItsObserverWhatItemsThrow) {
+  std::string heard;  // one thread runs everything
+  Gate gate;
+  LqThreadPool pool;
+  ASSERT_TRUE(pool.initThreadPool("Pool", 300, 1, 1, 1));
+  const auto throwing = [](void* what) -> void* {
+    if (what == nullptr) throw 7;
+    throw std::runtime_error(static_cast<const char*>(what));
+  };
+  char text[] = "no such spooler";
+  const auto throwAll = [&] {
+    for (const char* lane : {"a", "b"}) EXPECT_EQ(pool.doWork(throwing, text, lane), 0);
+    EXPECT_EQ(pool.doWork(throwing, nullptr), 0);
+    pool.waitIdle();
+  };
+  throwAll();
+  pool.setFaultObserver([&](const std::string& lane, const char* what) {
+    heard += "[" + lane + "] " + what + (pool.isRunning(lane) ? ", and runs; " : "; ");
+    if (lane == "a") throw std::runtime_error("an observer's own");
+  });
+  throwAll();
+  pool.setFaultObserver({});
+  throwAll();
+  EXPECT_EQ(heard, std::string("[a] ") + text + ", and runs; [b] " + text + ", and runs; [] " +
+                       LqThreadPool::kNamelessFault + "; ");
+  // A lane whose next item waits for the only thread does not run.
+  for (const char* lane : {"held", "next"}) EXPECT_EQ(pool.doWork(&Gate::pass, &gate, lane), 0);
+  EXPECT_EQ(pool.doWork(&Gate::pass, &gate, "held"), 0);
+  while (gate.entered < 1) std::this_thread::yield();
+  EXPECT_TRUE(pool.isRunning("held") && !pool.isRunning("next"));
+  gate.open();
 }
 
 TEST(ThreadPool, EndsInSpiteOfAnItemThatDoesNotAndSaysWhatHasNotRun) {

@@ -207,6 +207,20 @@ TEST_F(NetworkTest, SessionCarriesMessagesBothWaysUntilGoodbye) {
   expectError(exchange(network, noteOf("decline"), &raw), kLqErrRequestRefused, "not today");
   EXPECT_TRUE(network.IsConnected() && message == nullptr && raw.empty());
 
+  // The observer declines what it does not want, and what it fails to look at.
+  for (const bool throws : {false, true}) {
+    CLqNetwork::SetObserver([throws, self = std::this_thread::get_id()](const CLqNetwork::WireEvent& event) {
+      if (event.decline == nullptr || std::this_thread::get_id() != self) return;  // the server takes it
+      if (throws) throw std::runtime_error("no memory for that");
+      *event.decline = "not that";
+    });
+    expectError(exchange(network, noteOf("hello"), &raw), kLqErrDeclined,
+                throws ? "no memory for that" : "not that");
+    EXPECT_TRUE(network.IsConnected() && message == nullptr && raw.empty());
+  }
+  CLqNetwork::SetObserver({});
+  EXPECT_STREQ(exchange(network, noteOf("hello"), &raw).AsString(), "");
+
   network.Disconnect(kPatience, gone);
   EXPECT_FALSE(gone || network.IsConnected());
   expectError(network.SendXMLMessage(large, 0, -1, gone), kLqErrNotConnected, "not attached");

@@ -174,6 +174,19 @@ TEST_F(Download, WithoutAUsableReplyNothingChanges) {
   }
 }
 
+TEST_F(Download, ABatchThatTheHostDeclinesIsNeitherAppliedNorAcknowledged) {
+  CLqNetwork::SetObserver([](const CLqNetwork::WireEvent& event) {
+    if (messageAs<OBGui::RegistryTaskResp>(event.message) != nullptr && event.decline != nullptr)
+      *event.decline = "held back";
+  });
+  auto server = serve({answering(batchText({record("A", "sSET", "new")}))});
+  EXPECT_EQ(LqRegistryManagerClnt("").downLoadAndUpdateClient(), 3U);
+  CLqNetwork::SetObserver({});
+  EXPECT_EQ(server->sessions(), 1);
+  EXPECT_EQ(valueOf("A", "sSET"), std::nullopt);
+  EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+}
+
 TEST_F(Download, AnUnknownClientAsksForNothing) {
   auto server = serve({});
   removeValue("Hosts/host42", "sCLIENTNAME");
