@@ -48,11 +48,12 @@ int import(const Store::Place& place, const std::string& directory) {
   error = store.prepareWithKey();
   if (!error.IsError()) error = takeOver(store, former, {whoTypes(), "import " + directory});
   std::int64_t now = 0;
-  if (!error.IsError())
+  if (!error.IsError()) {
     error = store.database().read([&](soci::session& session) {
       now = store.database().now(session);
       return CWmError();
     });
+  }
   if (error.IsError()) return storeFailed(error);
   for (const FormerClient& client : former.clients) warnOf(client, now);
   print(std::to_string(former.clients.size()) + " clients taken over into " + store.place() + "\n");

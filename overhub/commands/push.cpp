@@ -121,10 +121,11 @@ int push(const Store& store, const Push& wanted) {
   std::vector<Client> clients;
   int exitCode = wanted.requests.find(store, clients);
   if (exitCode != kExitOk) return exitCode;
-  if (wanted.file.empty() && wanted.change.isGiven())
+  if (wanted.file.empty() && wanted.change.isGiven()) {
     return complain(kExitUsage,
                     "without a FILE a push changes nothing, so there is nothing that --why, "
                     "--dry-run, --expect or --force could be about");
+  }
   if (!wanted.file.empty()) {
     if (clients.size() != 1)
       return complain(kExitUsage, "a file is pushed to one client; what it says is set for it");
