@@ -1,6 +1,7 @@
 // `overhub backup`: a copy of the store with its key.
 #include <memory>
 
+#include "lqregistry/UtcText.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/reporting.h"
 #include "overhub/commands/store_place.h"
@@ -27,14 +28,20 @@ std::string inQuotes(const std::string& text) {
 
 // The database has tools of its own, which know more of it.
 int nameTools(const Store& store, const std::string& file) {
+  std::int64_t now = 0;
+  const CWmError error = store.database().read([&](soci::session& session) {
+    now = store.database().now(session);
+    return CWmError();
+  });
+  if (error.IsError()) return storeFailed(error);
   const std::string uri = inQuotes(store.place());
   warn("the store is in PostgreSQL, which copies it; these commands do, and nothing was copied yet:");
   print("pg_dump --format=custom --no-owner --file=" + inQuotes(file) + " --dbname=" + uri + "\n" +
         "install -m 0600 " + inQuotes(store.keyFile()) + " " + inQuotes(keyOfCopy(file)) + "\n" +
         "# to restore, into an empty database, and before any server is started on it:\n" +
         "pg_restore --single-transaction --no-owner --dbname=" + uri + " " + inQuotes(file) + "\n" +
-        "psql --dbname=" + uri + " --command=\"INSERT INTO facts VALUES ('copy', '" +
-        "the time of the backup" + "')\"\n");
+        "psql --dbname=" + uri + " --command=\"INSERT INTO facts VALUES ('copy', '" + lqtext::utcText(now) +
+        "')\"\n");
   return kExitRefused;
 }
 

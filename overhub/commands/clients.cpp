@@ -43,6 +43,7 @@ int clients(const Store& store, Clients& wanted) {
   const Listing empty = wanted.list;
   const CWmError error = store.database().read([&](soci::session& session) {
     wanted.list = empty;
+    wanted.list.asOf(store.database().now(session));
     return list(session, wanted);
   });
   if (error.IsError()) return storeFailed(error);

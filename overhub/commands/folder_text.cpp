@@ -46,7 +46,7 @@ std::string quoted(std::string_view text) {
 std::string timeText(std::int64_t time) {
   const std::string text = lqtext::utcText(static_cast<std::time_t>(time));
   std::int64_t read = 0;
-  return !readTime(text, read).IsError() && read == time ? text : std::to_string(time);
+  return !readFixedTime(text, read).IsError() && read == time ? text : std::to_string(time);
 }
 
 struct Word {
@@ -125,8 +125,7 @@ std::string readEntry(const std::vector<Word>& words, Line& line) {
 
 std::string readUntil(const Word& word, std::int64_t& expires) {
   // So much from now would be another time whenever the folder is applied.
-  const bool isTime =
-      !word.isQuoted && !word.text.starts_with('+') && !readTime(word.text, expires).IsError();
+  const bool isTime = !word.isQuoted && !readFixedTime(word.text, expires).IsError();
   return isTime && expires > 0 ? "" : "\"until\" is followed by a time in UTC such as 2027-01-01T06:00:00Z";
 }
 
@@ -193,7 +192,8 @@ std::string readSetting(const std::vector<Word>& words, Line& line) {
 }  // namespace
 
 bool isHidden(const Setting& setting) {
-  return setting.isSecret() || strcasecmp(setting.type.c_str(), ENCRYPTEDTYPE) == 0;
+  return setting.isSecret() || strcasecmp(setting.type.c_str(), ENCRYPTEDTYPE) == 0 ||
+         isSecretValue(setting.identity.name, setting.value);
 }
 
 std::string settingLine(const Setting& setting) {

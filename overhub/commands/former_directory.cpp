@@ -93,9 +93,8 @@ bool readAcknowledgement(const std::string& line, Acknowledgement& said) {
   std::string id;
   std::string status;
   words >> time >> id >> status;
-  return !time.empty() && !time.starts_with('+') && !readTime(time, said.time).IsError() &&
-         id.starts_with("id=") && readNumber(std::string_view(id).substr(3), said.namedId) &&
-         status.starts_with("taskStatus=") &&
+  return !time.empty() && !readFixedTime(time, said.time).IsError() && id.starts_with("id=") &&
+         readNumber(std::string_view(id).substr(3), said.namedId) && status.starts_with("taskStatus=") &&
          readNumber(std::string_view(status).substr(11), said.taskStatus);
 }
 

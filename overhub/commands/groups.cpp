@@ -1,7 +1,6 @@
 // `overhub groups`, `add-group`, `remove-group`, `join-group` and `leave-group`: groups of machines.
 #include <algorithm>
 #include <memory>
-#include <string_view>
 
 #include "overhub/commands/change_options.h"
 #include "overhub/commands/commands.h"
@@ -30,15 +29,6 @@ struct GroupCommand {
 // Without the mark that targets have.
 std::string plain(const std::string& name) {
   return name.starts_with('@') ? name.substr(1) : name;
-}
-
-// What may stand in a pattern beside what a name is made of.
-bool isMemberText(const std::string& text) {
-  std::string name = text;
-  std::erase_if(name,
-                [](char byte) { return std::string_view("*?[]!^").find(byte) != std::string_view::npos; });
-  return text.size() <= 64 &&
-         (name.empty() || isClientName(name) || (name.front() == '.' && isClientName("x" + name)));
 }
 
 std::vector<Group> groupsNow(soci::session& session) {
@@ -83,7 +73,7 @@ CWmError buildMembers(soci::session& session, const GroupCommand& wanted, bool i
   const std::string name = plain(wanted.name);
   const auto members = membersAt(session, newestRevision(session));
   for (const std::string& member : wanted.members) {
-    if (isMember && !isMemberText(member))
+    if (isMember && !isMemberName(member))
       return {kLqErrArgument,
               "\"" + member + "\" is neither a client's name nor a pattern of one, such as web-*"};
     if (isMember && !isPattern(member)) {

@@ -1,5 +1,4 @@
 // `overhub import`: takes over the data directory of the version before.
-#include <ctime>
 #include <memory>
 
 #include "overhub/commands/change_options.h"
@@ -23,14 +22,14 @@ Example:
 
 // What would be refused if somebody set it now, and what no machine can be handed: taken over all the same,
 // as clients have lived with it.
-void warnOf(const FormerClient& former) {
+void warnOf(const FormerClient& former, std::int64_t now) {
   const std::string& name = former.client.name;
   std::vector<Setting> settings;
   if (settingsOf(former.records, settings).IsError()) return;
   for (const Setting& setting : settings)
     if (const CWmError error = checkRecord(recordOf(setting)); error.IsError())
       warn(name + ": \"" + setting.identity.name + "\" in \"" + setting.path + "\": " + error.AsString());
-  const std::string conflict = expiryConflict(effectiveSettings({settings}, std::time(nullptr)));
+  const std::string conflict = expiryConflict(effectiveSettings({settings}, now));
   if (!conflict.empty()) warn(name + " is handed nothing until this is mended: " + conflict);
 }
 
@@ -46,8 +45,14 @@ int import(const Store::Place& place, const std::string& directory) {
   Store store(place);
   error = store.prepareWithKey();
   if (!error.IsError()) error = takeOver(store, former, {whoTypes(), "import " + directory});
+  std::int64_t now = 0;
+  if (!error.IsError())
+    error = store.database().read([&](soci::session& session) {
+      now = store.database().now(session);
+      return CWmError();
+    });
   if (error.IsError()) return storeFailed(error);
-  for (const FormerClient& client : former.clients) warnOf(client);
+  for (const FormerClient& client : former.clients) warnOf(client, now);
   print(std::to_string(former.clients.size()) + " clients taken over into " + store.place() + "\n");
   return kExitOk;
 }

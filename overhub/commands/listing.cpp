@@ -1,7 +1,6 @@
 #include "overhub/commands/listing.h"
 
 #include <algorithm>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "common/age_text.h"
@@ -81,7 +80,7 @@ void Listing::sortBy(const std::string& key) {
 }
 
 std::string Listing::output() const {
-  return isJson_ ? json() : text(std::time(nullptr));
+  return isJson_ ? json() : text(now_);
 }
 
 void Listing::hideFromPeople(const std::string& key) {

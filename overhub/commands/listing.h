@@ -82,7 +82,10 @@ class Listing {
   void sortBy(const std::string& key);
 
   bool isForPrograms() const { return isJson_; }
-  // What the command prints: text() of this moment, or json().
+  // The time at which the rows were true, from which ages are counted: the store's, by whose clock the times
+  // in them are. To be said where there are ages.
+  void asOf(std::int64_t now) { now_ = now; }
+  // What the command prints: text() as of then, or json().
   std::string output() const;
   std::string text(std::int64_t now) const;
   // In ASCII, with everything else escaped, so it drives no terminal; bytes that are not UTF-8 become U+FFFD.
@@ -100,4 +103,5 @@ class Listing {
   std::vector<std::pair<Column, Cell>> facts_;
   std::vector<std::vector<Cell>> rows_;
   bool isJson_ = false;
+  std::int64_t now_ = 0;
 };

@@ -95,6 +95,7 @@ CWmError look(const Database& database, soci::session& session, const std::vecto
   progress = Progress();
   const auto withdrawn = withdrawalsAt(session, newestRevision(session));
   const std::int64_t now = database.now(session);
+  progress.waiting.asOf(now);
   std::set<std::int64_t> there;
   for (const Client& client : allClients(session)) there.insert(client.id);
   for (const Client& client : clients) {

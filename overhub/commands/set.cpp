@@ -116,9 +116,9 @@ int checkDefined(const Store& store, const Set& wanted, const OBGui::RegistryKey
 
 int set(const Store& store, const Set& wanted) {
   OBGui::RegistryKeyInfo record;
-  std::int64_t expires = 0;
+  TypedTime until;
   CWmError error = checkCombination(wanted);
-  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, expires);
+  if (!error.IsError() && !wanted.until.empty()) error = readTime(wanted.until, until);
   if (!error.IsError()) error = makeRecord(wanted, record);
   if (!error.IsError()) error = checkRecord(record);
   if (error.IsError())
@@ -130,13 +130,13 @@ int set(const Store& store, const Set& wanted) {
   if (const std::string doubt = doubtAbout(record); !doubt.empty()) warn(doubt);
 
   Setting setting = settingOf("", record);
-  setting.expires = expires;
   if (wanted.isSecret && !setting.isSecret())
     return complain(kExitDataUnusable, "the secret cannot be protected with " + store.keyFile());
   return wanted.change.make(store, "set " + wanted.target + " " + wanted.path + " " + wanted.name,
                             [&](soci::session& session, ChangeSet& changes) {
                               std::vector<std::string> scopes;
                               CWmError fault = scopesOfTarget(session, wanted.target, scopes);
+                              setting.expires = until.at(store.database().now(session));
                               for (const std::string& scope : scopes) {
                                 setting.scope = scope;
                                 changes.put(setting);

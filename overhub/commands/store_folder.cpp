@@ -138,6 +138,8 @@ class Reader {
     } else if (line.kind == Kind::kNumber) {
       said_.groups.emplace_back(Group{topic.group, line.number}, place);
     } else if (line.kind == Kind::kMember) {
+      if (!isMemberName(line.name))
+        return inQuotes(line.name) + " is neither a client's name nor a pattern of one, such as web-*";
       said_.members.emplace_back(Member{topic.group, line.name}, place);
     } else {
       said_.clients.emplace_back(line.name, place);

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <ctime>
+#include <limits>
 #include <string_view>
 
 namespace {
@@ -22,14 +23,14 @@ bool readNumber(std::string_view text, std::int64_t& number, std::string_view& r
   return fault == std::errc() && number >= 0 && !text.starts_with('-');
 }
 
-bool readFromNow(std::string_view text, std::int64_t& time) {
-  std::int64_t number = 0;
+// So that no clock runs over with it.
+constexpr std::int64_t kLongest = std::numeric_limits<std::int64_t>::max() / 2;
+
+bool readFromNow(std::string_view text, std::int64_t& seconds) {
   std::string_view unit;
-  if (!readNumber(text, number, unit)) return false;
-  const std::int64_t seconds = secondsOf(unit);
-  const auto now = static_cast<std::int64_t>(std::time(nullptr));
-  return seconds != 0 && !__builtin_mul_overflow(number, seconds, &number) &&
-         !__builtin_add_overflow(now, number, &time);
+  if (!readNumber(text, seconds, unit)) return false;
+  const std::int64_t each = secondsOf(unit);
+  return each != 0 && !__builtin_mul_overflow(seconds, each, &seconds) && seconds <= kLongest;
 }
 
 bool readCalendar(const std::string& text, std::int64_t& time) {
@@ -43,13 +44,24 @@ bool readCalendar(const std::string& text, std::int64_t& time) {
   return time >= 0 && fields.tm_mday == given.tm_mday && fields.tm_sec == given.tm_sec;
 }
 
+bool readFixed(const std::string& text, std::int64_t& time) {
+  std::string_view rest;
+  return (readNumber(text, time, rest) && rest.empty()) || readCalendar(text, time);
+}
+
+CWmError noTime(const std::string& text) {
+  return {kLqErrArgument, "\"" + text + "\" is no time; it takes " + kTimeForms};
+}
+
 }  // namespace
 
-CWmError readTime(const std::string& text, std::int64_t& time) {
-  std::string_view rest;
-  const bool isRead = text.starts_with('+')
-                          ? readFromNow(std::string_view(text).substr(1), time)
-                          : (readNumber(text, time, rest) && rest.empty()) || readCalendar(text, time);
-  if (isRead) return {};
-  return {kLqErrArgument, "\"" + text + "\" is no time; it takes " + kTimeForms};
+CWmError readTime(const std::string& text, TypedTime& time) {
+  time.isFromNow = text.starts_with('+');
+  const bool isRead = time.isFromNow ? readFromNow(std::string_view(text).substr(1), time.seconds)
+                                     : readFixed(text, time.seconds);
+  return isRead ? CWmError() : noTime(text);
+}
+
+CWmError readFixedTime(const std::string& text, std::int64_t& time) {
+  return readFixed(text, time) ? CWmError() : noTime(text);
 }

@@ -12,5 +12,16 @@ inline constexpr const char* kTimeForms =
     "+30m, "
     "+12h, +1d, +2w";
 
-// Reads one of these forms, into seconds since the epoch. An error that says what is taken instead.
-CWmError readTime(const std::string& text, std::int64_t& time);
+// A time that was typed. What is meant by "from now" is for the store's clock to say, when the time is used.
+struct TypedTime {
+  std::int64_t seconds = 0;  // since the epoch, or from now
+  bool isFromNow = false;
+
+  std::int64_t at(std::int64_t now) const { return isFromNow ? now + seconds : seconds; }
+};
+
+// Reads one of these forms. An error that says what is taken instead.
+CWmError readTime(const std::string& text, TypedTime& time);
+
+// The same for what is written down: a time that does not depend on when it is read.
+CWmError readFixedTime(const std::string& text, std::int64_t& time);

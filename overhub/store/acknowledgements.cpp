@@ -32,15 +32,17 @@ void addAcknowledgement(soci::session& session, std::int64_t clientId,
       use(clientId, "client"), use(since, "since"), use(clientId, "same");
 }
 
-std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,
-                                                const std::string& client) {
+std::vector<Acknowledgement> newestAcknowledgements(soci::session& session, std::int64_t clientId,
+                                                    const std::string& client, std::int64_t count) {
   std::vector<Acknowledgement> list;
   Acknowledgement row;
   row.client = client;
   forEachRow(
-      session, "SELECT time, named_id, status FROM acknowledgements WHERE client = :client ORDER BY number",
+      session,
+      "SELECT time, named_id, status FROM acknowledgements WHERE client = :client ORDER BY number DESC LIMIT"
+      " :count",
       [&] { list.push_back(row); }, into(row.time), into(row.namedId), into(row.taskStatus),
-      use(clientId, "client"));
+      use(clientId, "client"), use(count, "count"));
   return list;
 }
 

@@ -21,9 +21,9 @@ struct Acknowledgement {
 void addAcknowledgement(soci::session& session, std::int64_t clientId,
                         const Acknowledgement& acknowledgement);
 
-// Of one client, oldest first.
-std::vector<Acknowledgement> acknowledgementsOf(soci::session& session, std::int64_t clientId,
-                                                const std::string& client);
+// The newest so many of a client, newest first.
+std::vector<Acknowledgement> newestAcknowledgements(soci::session& session, std::int64_t clientId,
+                                                    const std::string& client, std::int64_t count);
 
 // Such as "applied".
 std::string outcomeText(std::int64_t taskStatus);

@@ -74,8 +74,8 @@ CWmError fill(const Store& store, const std::string& file) {
     return {kLqErrFile, file + ": the store cannot be copied; " + engine.explain(fault)};
   }
   const Database copy(sqliteEngine(file));
-  return copy.write([](soci::session& session) -> CWmError {
-    markAsCopy(session, lqtext::utcText(std::time(nullptr)));
+  return copy.write([&copy](soci::session& session) -> CWmError {
+    markAsCopy(session, lqtext::utcText(copy.now(session)));
     return {};
   });
 }

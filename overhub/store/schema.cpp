@@ -1,20 +1,20 @@
 #include "overhub/store/schema.h"
 
-#include <soci/soci.h>
-
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lqregistry/LQClient.h"
+#include "lqregistry/pstring.h"
 #include "overhub/store/engine.h"
+#include "overhub/store/query.h"
 
 namespace {
 
-// Of the tables below. A newer program adds what changes an older store, in one transaction.
-constexpr std::int64_t kVersion = 1;
 const std::string kVersionCounter = "schema";
 
-// TEXT, BIGINT and INTEGER mean the same on all engines, and nothing is ever NULL.
+// The newest version's. TEXT, BIGINT and INTEGER mean the same on all engines, and nothing is ever NULL.
 constexpr const char* kTables[] = {
     "CREATE TABLE counters (name TEXT NOT NULL PRIMARY KEY, value BIGINT NOT NULL)",
     // What the store says of itself: who it is, and by which key its secrets are protected.
@@ -75,31 +75,57 @@ constexpr const char* kTables[] = {
     " PRIMARY KEY (client, number))",
 };
 
+// Uploads stood as they came, and they hold session keys. One after the other, as there may be more of them
+// than memory.
+CWmError sealUploads(soci::session& session) {
+  std::vector<std::pair<std::int64_t, std::int64_t>> uploads;
+  std::int64_t client = 0;
+  std::int64_t number = 0;
+  forEachRow(
+      session, "SELECT client, number FROM uploads", [&] { uploads.emplace_back(client, number); },
+      soci::into(client), soci::into(number));
+  for (const auto& [of, at] : uploads) {
+    std::string text;
+    session << "SELECT text FROM uploads WHERE client = :client AND number = :number", soci::use(of),
+        soci::use(at), soci::into(text);
+    const std::string sealed = pstring(text).getV8Password();
+    if (sealed.empty()) return {kLqErrFile, "an upload cannot be protected with the store's key"};
+    session << "UPDATE uploads SET text = :text WHERE client = :client AND number = :number",
+        soci::use(sealed), soci::use(of), soci::use(at);
+  }
+  return {};
+}
+
+// Each makes a store of one version one of the next, the first of them one of version 1. What was released
+// stays as it is.
+using Step = CWmError (*)(soci::session& session);
+constexpr Step kSteps[] = {sealUploads};
+
+constexpr std::int64_t kVersion = std::size(kSteps) + 1;
+
 CWmError foreignTables() {
   return {kLqErrFile, "there are tables in it that are not overhub's; name an empty database"};
 }
 
 }  // namespace
 
-CWmError schema::look(soci::session& session, const Engine& engine, bool& isThere) {
+CWmError schema::look(soci::session& session, const Engine& engine, std::int64_t& version) {
   std::int64_t counters = 0;
   std::int64_t tables = 0;
+  version = 0;
   session << engine.tables(), soci::into(counters), soci::into(tables);
-  isThere = counters != 0;
-  if (!isThere && tables != 0) return foreignTables();
-  if (!isThere) return {};
-  std::int64_t version = 0;
+  if (counters == 0) return tables == 0 ? CWmError() : foreignTables();
   session << "SELECT value FROM counters WHERE name = :name", soci::use(kVersionCounter), soci::into(version);
-  if (version == kVersion) return {};
   if (version == 0) return foreignTables();
+  if (version <= kVersion) return {};
   return {kLqErrFile, "the store is of version " + std::to_string(version) + ", and this overhub knows " +
                           std::to_string(kVersion) + "; use the overhub that wrote it, or a newer one"};
 }
 
 CWmError schema::prepare(soci::session& session, const Engine& engine) {
-  bool isThere = false;
-  CWmError error = look(session, engine, isThere);
-  if (error.IsError() || isThere) return error;
+  std::int64_t version = 0;
+  CWmError error = look(session, engine, version);
+  if (error.IsError() || version != 0) return error;
   for (const char* const table : kTables) session << table;
   const std::pair<std::string, std::int64_t> counters[] = {
       {kVersionCounter, kVersion},
@@ -108,4 +134,20 @@ CWmError schema::prepare(soci::session& session, const Engine& engine) {
   for (const auto& [name, value] : counters)
     session << "INSERT INTO counters (name, value) VALUES (:name, :value)", soci::use(name), soci::use(value);
   return {};
+}
+
+bool schema::isOld(std::int64_t version) {
+  return version < kVersion;
+}
+
+CWmError schema::upgrade(soci::session& session, const Engine& engine, std::int64_t& version) {
+  // Whoever else has the same in mind waits at this row.
+  session << "UPDATE counters SET value = value WHERE name = :name", soci::use(kVersionCounter);
+  CWmError error = look(session, engine, version);
+  for (; !error.IsError() && isOld(version); ++version)
+    error = kSteps[static_cast<std::size_t>(version - 1)](session);
+  if (!error.IsError())
+    session << "UPDATE counters SET value = :version WHERE name = :name", soci::use(version),
+        soci::use(kVersionCounter);
+  return error;
 }

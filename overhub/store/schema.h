@@ -26,11 +26,17 @@ inline const std::string kClientIdCounter = "client_id";
 
 namespace schema {
 
-// Whether there is a store. An error for one of a newer version than this program's, or for a database that
-// holds something else.
-CWmError look(soci::session& session, const Engine& engine, bool& isThere);
+// The version of the store that there is; 0: there is none. An error for one of a newer version than this
+// program's, or for a database that holds something else.
+CWmError look(soci::session& session, const Engine& engine, std::int64_t& version);
 
-// Makes the tables, or brings those of an older version up to date; nothing when they are.
+// Makes the tables; nothing when there are some.
 CWmError prepare(soci::session& session, const Engine& engine);
+
+// Whether a store that is there is of a version before this program's.
+bool isOld(std::int64_t version);
+// Brings it up to date, step by step, in the one transaction of its caller, and with the store's key in
+// force; of several who do so at once the later ones find it done. `version` gets the one that it is of then.
+CWmError upgrade(soci::session& session, const Engine& engine, std::int64_t& version);
 
 }  // namespace schema

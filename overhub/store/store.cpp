@@ -47,11 +47,11 @@ std::string Store::keyFile() const {
   return directory_ + "/secret.key";
 }
 
-CWmError Store::readFacts(std::string& fingerprint, bool& isThere) const {
+CWmError Store::readFacts(std::string& fingerprint, std::int64_t& version) const {
   return database_.read([&](soci::session& session) -> CWmError {
-    CWmError error = schema::look(session, database_.engine(), isThere);
+    CWmError error = schema::look(session, database_.engine(), version);
     if (error.IsError()) return {kLqErrFile, place() + ": " + error.AsString()};
-    if (isThere)
+    if (version != 0)
       session << "SELECT value FROM facts WHERE name = :name", soci::use(kKeyFact), soci::into(fingerprint);
     return {};
   });
@@ -73,13 +73,28 @@ CWmError Store::open() {
   pstring::UseKeyFile(keyFile());
   OBGui::RegisterSubsystem();
   std::string known;
-  bool isThere = false;
-  error = readFacts(known, isThere);
+  std::int64_t version = 0;
+  error = readFacts(known, version);
   if (error.IsError()) return error;
-  if (!isThere)
+  if (version == 0)
     return {kLqErrFile, place() + ": there is no store in it; \"overhub add-client NAME\" makes one"};
   error = checkKey(known);
-  return error.IsError() ? error : beginEpoch(database_, notice_);
+  if (!error.IsError() && schema::isOld(version)) error = upgrade(version);
+  std::string epoch;
+  if (!error.IsError()) error = beginEpoch(database_, epoch);
+  notice_ += (notice_.empty() || epoch.empty() ? "" : "; ") + epoch;
+  return error;
+}
+
+CWmError Store::upgrade(std::int64_t version) {
+  const std::string before = std::to_string(version);
+  CWmError error = database_.writeOnce(
+      [&](soci::session& session) { return schema::upgrade(session, database_.engine(), version); });
+  if (error.IsError())
+    return {error.GetCode(), std::string(error.AsString()) + "; the store stays one of version " + before};
+  notice_ = "the store was one of version " + before + " and is one of version " + std::to_string(version) +
+            " from now on, which an overhub of before cannot use";
+  return error;
 }
 
 CWmError Store::prepare() {
@@ -101,9 +116,9 @@ CWmError Store::makeReady(bool mayHaveKey) {
   }
   if (!error.IsError()) error = database_.engine().prepare();
   std::string known;
-  bool isThere = false;
-  if (!error.IsError()) error = readFacts(known, isThere);
-  if (!error.IsError() && !isThere) error = make(mayHaveKey);
+  std::int64_t version = 0;
+  if (!error.IsError()) error = readFacts(known, version);
+  if (!error.IsError() && version == 0) error = make(mayHaveKey);
   return error.IsError() ? error : open();
 }
 
@@ -118,8 +133,9 @@ CWmError Store::make(bool mayHaveKey) {
   pstring::UseKeyFile(keyFile());
   bool isOurs = false;
   error = database_.writeOnce([&](soci::session& session) -> CWmError {
-    bool isMade = false;
-    CWmError fault = schema::look(session, database_.engine(), isMade);
+    std::int64_t version = 0;
+    CWmError fault = schema::look(session, database_.engine(), version);
+    const bool isMade = version != 0;
     if (isMade) {
       std::string known;
       session << "SELECT value FROM facts WHERE name = :name", soci::use(kKeyFact), soci::into(known);

@@ -29,7 +29,8 @@ class Store {
   // In a database of the caller's choice.
   Store(std::string directory, std::unique_ptr<Engine> engine);
 
-  // Names the protection key of this process, and sees that it is the store's. An error when there is none.
+  // Names the protection key of this process, and sees that it is the store's. A store of an older version is
+  // brought up to date. An error when there is none.
   CWmError open();
   // The same; what is missing is made: directory, key, tables. A key without its store is an error: it was
   // lost.
@@ -49,8 +50,9 @@ class Store {
  private:
   CWmError makeReady(bool mayHaveKey);
   CWmError make(bool mayHaveKey);
-  CWmError readFacts(std::string& fingerprint, bool& isThere) const;
+  CWmError readFacts(std::string& fingerprint, std::int64_t& version) const;
   CWmError checkKey(const std::string& fingerprint) const;
+  CWmError upgrade(std::int64_t version);
 
   std::string directory_;
   Database database_;

@@ -23,16 +23,18 @@ struct Upload {
 // which says why, is an error with kLqErrRequestRefused; any other is the store's.
 CWmError addUpload(const Store& store, const std::string& client, const OBGui::RegistryTaskResp& upload);
 
-// How an upload is kept: its numbers, and its text, in which secrets are protected. An error when they cannot
-// be.
+// How an upload is kept: its numbers, and its text, which is protected as a whole: a machine's session key
+// stands in it like any other value. An error when it cannot be.
 CWmError describeUpload(const Store& store, const OBGui::RegistryTaskResp& message, Upload& upload,
-                        std::string& text);
+                        std::string& protectedText);
 
 // Keeps it, and the one before it. Within a unit of work.
-void keepUpload(soci::session& session, std::int64_t clientId, const Upload& upload, const std::string& text);
+void keepUpload(soci::session& session, std::int64_t clientId, const Upload& upload,
+                const std::string& protectedText);
 
 // The newest of each client.
 CWmError listUploads(const Store& store, std::vector<Upload>& uploads);
 
-// The newest one as text, in which secrets are protected; empty when there is none.
-CWmError readUpload(const Store& store, const std::string& client, std::string& text);
+// One as text, in which secrets that the machine protects still are; empty when there is none.
+enum class WhichUpload { kNewest, kOneBefore };
+CWmError readUpload(const Store& store, const std::string& client, WhichUpload which, std::string& text);

@@ -49,6 +49,11 @@ TEST_F(OverhubServerTest, ServesBatchAndStaticListAndRecordsAcknowledgements) {
   const std::size_t failed = acks.find("web-1    7       1  failed\n");
   const std::size_t applied = acks.find("web-1    7       3  applied\n");
   EXPECT_TRUE(failed < applied && applied != std::string::npos) << acks;
+  expectOk({"add-client", "quiet"});
+  const auto newest = overhub({"acks", "--limit", "1"});
+  EXPECT_EQ(outOf(overhub({"acks", "--limit", "2"})), acks);
+  expectErr(newest, 0, {"there are older acknowledgements"});
+  EXPECT_TRUE(contains(newest.out, "applied") && !contains(newest.out, "failed")) << newest.out;
   expectOut(overhub({"clients"}), 0,
             {"web-1   7  127.0.0.1        2  just now   applied               just now"});
   EXPECT_EQ(server->stop(), 0);

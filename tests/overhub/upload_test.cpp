@@ -7,6 +7,8 @@ namespace {
 
 class OverhubUploadTest : public OverhubTest {
  protected:
+  static constexpr const char* kCanary = "canary-4711-session-key";
+
   static OBGui::RegistryTaskResp uploadOf(std::int64_t clientId) {
     OBGui::RegistryTaskResp upload;
     upload.client.edit().clientId = clientId;
@@ -35,7 +37,7 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   auto upload = uploadOf(kWideIdNarrowed);
   upload.keys.edit() = {record("", "Limits", "", "KEY"), record("Limits", "sODD", "a\nb\x1b[31m\\ \xff"),
                         record("Limits", "sPW", "abcd", "encrypted"), record("Limits", "sSEALED", "V8:abcd"),
-                        record("Overhub", "sSESSIONKEY", "abcd")};
+                        record("Overhub", "sSESSIONKEY", kCanary)};
   const auto verdict = ask(network, upload, refusal);
   EXPECT_EQ(verdict.taskStatus, OBGui::kTaskSuccess) << refusal;
   EXPECT_EQ(verdict.client->clientId, kWideIdNarrowed);
@@ -50,6 +52,11 @@ TEST_F(OverhubUploadTest, KeepsTheNewestAsItCame) {
   EXPECT_TRUE(contains(listed, "Z     1       4   ")) << listed;
   EXPECT_FALSE(contains(listed, "web-2")) << listed;
 
+  expectOut(overhub({"uploads", "web-1", "--previous"}), 0, {"Limits  sLONG  xx"});
+  std::string all = outOf(overhub({"uploads", "web-1", "--json"}));
+  for (const auto& file : std::filesystem::directory_iterator(data_))
+    if (file.is_regular_file()) all += readFile(file.path());
+  EXPECT_FALSE(contains(all, kCanary));
   const std::string out = dir_ / "out.xml";
   expectOk({"uploads", "web-1", "--out", out});
   EXPECT_EQ(modeOf(out), 0600U);
@@ -86,9 +93,13 @@ TEST_F(OverhubUploadTest, ToldWhenItCannotBeStored) {
       return {};
     });
   });
-  meddle("UPDATE uploads SET text = '<broken'");
-  expectOut(overhub({"uploads"}), 0, {"web-1   2"});
-  expectErr(overhub({"uploads", "web-1"}), 3, {"the upload of web-1 in the store is damaged: "});
+  meddle("DELETE FROM uploads WHERE number = 2");
+  expectErr(overhub({"uploads", "web-1", "--previous"}), 1, {"uploaded nothing before its newest"});
+  for (const char* const broken : {"<broken", "V8:l0KCLNzcUre5QQgqZ844G0nQw6Se2g=="}) {
+    meddle(std::string("UPDATE uploads SET text = '") + broken + "'");
+    expectOut(overhub({"uploads"}), 0, {"web-1   2"});
+    expectErr(overhub({"uploads", "web-1"}), 3, {"the upload of web-1 in the store is damaged, or"});
+  }
 }
 
 }  // namespace
