@@ -24,6 +24,7 @@ constexpr const char* kFooter =
   overhub serve --log-file /var/log/overhub.log
   overhub --store postgresql://hub@db1,db2/overhub serve
   overhub status
+  overhub why web-1
   overhub log web-1
   overhub undo 17 --dry-run
   overhub acks web-1
@@ -33,8 +34,8 @@ constexpr const char* kFooter =
   overhub call web-1 7 'hello'
 
 Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store
-cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not current (status), or has not
-given everything back yet (remove-client --withdraw).)";
+cannot be used, 4 the client could not be reached, or did not answer, 6 a machine is not as it should be (status, why),
+or has not given everything back yet (remove-client --withdraw).)";
 
 void describe(programs::CommandLine& line, Store::Place& place) {
   describeStore(line.options(), place);
@@ -53,6 +54,7 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addUnset(line, place);
   addShow(line, place);
   addStatus(line, place);
+  addWhy(line, place);
   addReport(line, place);
   addLog(line, place);
   addDiff(line, place);

@@ -26,6 +26,7 @@ Listing machineList() {
            {"State", "state", Listing::Kind::text},
            {"Since", "since", Listing::Kind::age},
            {"Last seen", "lastSeen", Listing::Kind::age},
+           {"Reported", "reported", Listing::Kind::age, true},
            {"Has", "hasRevision", Listing::Kind::number},
            {"Wanted", "wantedRevision", Listing::Kind::number},
            {"Groups", "groups", Listing::Kind::text},
@@ -37,5 +38,6 @@ void addMachine(Listing& list, const MachineStatus& machine) {
   for (const std::string& group : machine.groups) groups += (groups.empty() ? "" : ",") + group;
   list.addRow({machine.client.name, stateName(machine.state),
                machine.since == 0 ? Listing::Cell() : Listing::Cell(machine.since), machine.contact.lastSeen,
-               machine.contact.provenRevision, machine.newest, groups, machine.why});
+               machine.report ? machine.report->received : 0, machine.contact.provenRevision, machine.newest,
+               groups, machine.why});
 }
