@@ -21,21 +21,21 @@ struct WayOut {
 
 // By the words of docs/wire.md for problems, and those for what the server finds out by itself.
 constexpr WayOut kWaysOut[] = {
-    {"keyNotAllowed",
-     "clients create no sub-key but \"Local\"; unset this one, and set a value in it instead"},
+    {"forbidden", "clients create no sub-key but \"Local\"; unset this one, and set a value in it instead"},
+    {"noName", "unset it; a value has a name"},
+    {"badName", "unset it, and set it under a name and a path that the registry takes"},
+    {"tooLong", "set something shorter"},
     {"readOnly", "make the registry file and its directory writable for the user that the host runs as"},
     {"diskFull", "free space on the machine's disk; the next pass brings the record again"},
-    {"tooLong", "set something shorter"},
-    {"keyLost", "put the protection key back from the machine's backup; without one, join the machine anew"},
-    {"cacheDamaged", "run \"lqhost sync --fresh\" on the machine"},
-    {"cacheKept", "\"overhub resend MACHINE\", or \"lqhost sync --fresh\" on the machine"},
-    {"cacheLost", "free the machine's disk, or make its base directory writable"},
-    {"overridden", "find out who sets it on the machine and why; unset it here if that is right"},
-    {"handlerThrew", "see the module's log; the value is set, and the module may not know it"},
-    {"heldBack", "set it to something else, or find out on the machine why it was gone back from"},
-    {"notKept", "free the machine's disk, or make the directory of its registry writable"},
     {"locked", "let whatever holds the machine's registry end"},
-    {"notAcknowledged", "nothing; the next pass acknowledges again"},
+    {"damaged", "restore the machine's registry from a backup, or move it away and join anew"},
+    {"registry", "make the machine's registry usable, as the reason says"},
+    {"protection",
+     "put the protection key back from the machine's backup; without one, join the machine anew"},
+    {"overridden", "find out who sets it on the machine and why; unset it here if that is right"},
+    {"cacheLost", "free the machine's disk, or make its base directory writable"},
+    {"cacheKept", "\"overhub resend MACHINE\", or \"lqhost sync --fresh\" on the machine"},
+    {"cacheUnreadable", "run \"lqhost sync --fresh\" on the machine"},
     {"never", "start the host there, with the join file: \"lqhost join FILE\", then \"lqhost run\""},
     {"silent", "see that the machine runs, \"lqhost run\" on it, and that it reaches the server"},
     {"notHandedOut", "mend what is set, as the reason says"},
@@ -171,10 +171,11 @@ void Findings::addMemory(const StoredReport& stored) {
   const HostReport::Memory& memory = stored.report.memory;
   const std::string& state = memory.state;
   if (state.empty() || state == "none") return;
-  std::string what = " of " + std::to_string(memory.places) + " values";
+  std::string what = " (" + std::to_string(memory.places) + " values";
   if (memory.localChanges != 0)
     what +=
-        ", " + std::to_string(memory.localChanges) + " of them changed on the machine meanwhile, which stay";
+        ", " + std::to_string(memory.localChanges) + " of them changed on the machine meanwhile and left so";
+  what += ")";
   const std::string reason = memory.reason->empty() ? "" : ": " + memory.reason.get();
   const std::int64_t since = ours(memory.since, stored);
   if (state == "goneBack" || state == "goingBack") {
