@@ -122,7 +122,7 @@ void Findings::addContact() {
 void Findings::addReport(const StoredReport& stored) {
   const HostReport::Report& report = stored.report;
   std::string why =
-      "reported " + programs::ageText(stored.note.received, now_) + ", cause: " + report.cause.get();
+      "reported " + programs::ageText(stored.note.received, now_) + " (" + report.cause.get() + ")";
   if (!report.outcome->empty()) why += "; last pass: " + report.outcome.get();
   if (!report.outcomeText->empty()) why += ", " + report.outcomeText.get();
   if (!report.hostVersion->empty()) why += "; host " + report.hostVersion.get();
@@ -195,10 +195,8 @@ void Findings::addMemory(const StoredReport& stored) {
 void Findings::addClock(const ReportNote& note) {
   const std::int64_t ahead = note.time - note.received;
   if (ahead >= -kClockSeconds && ahead <= kClockSeconds) return;
-  wrong("clock",
-        "its clock is " + programs::durationText(ahead < 0 ? -ahead : ahead) +
-            (ahead < 0 ? " behind" : " ahead of") + " the server's",
-        note.received);
+  wrong("clock", "its clock is " + programs::durationText(ahead < 0 ? -ahead : ahead) +
+                     (ahead < 0 ? " behind" : " ahead of") + " the server's");
 }
 
 void Findings::addHandOut() {

@@ -38,7 +38,8 @@ void write(soci::session& session, const DriftCount& drift) {
   const int isSecret = drift.isSecret ? 1 : 0;
   session << "INSERT INTO drift_counts (client, path, name, times, first_time, last_time, found, corrected,"
              " is_secret) VALUES (:client, :path, :name, :times, :first, :last, :found, :corrected, :secret)"
-             " ON CONFLICT (client, path, name) DO UPDATE SET times = excluded.times, last_time ="
+             " ON CONFLICT (client, path, name) DO UPDATE SET times = excluded.times, first_time = "
+             "excluded.first_time, last_time ="
              " excluded.last_time, found = excluded.found, corrected = excluded.corrected, is_secret ="
              " excluded.is_secret",
       use(drift.client, "client"), use(drift.path, "path"), use(drift.name, "name"),
@@ -66,14 +67,16 @@ void countDrifts(soci::session& session, std::int64_t client, const HostReport::
     DriftCount& count = counts[place];
     const std::int64_t told = onOurClock(drift.time, report, received);
     const std::int64_t time = told == 0 ? received : told;
-    if (count.times == 0) count.first = time;
+    count.first = count.times == 0 ? time : std::min(count.first, time);
     count.client = client;
     std::tie(count.path, count.name) = place;
     ++count.times;
-    count.last = std::max(count.last, time);
-    count.isSecret = drift.isSecret == 1;
-    count.found = asPlainText(drift.before.get());
-    count.corrected = asPlainText(drift.after.get());
+    if (time >= count.last) {
+      count.last = time;
+      count.isSecret = drift.isSecret == 1;
+      count.found = asPlainText(drift.before.get());
+      count.corrected = asPlainText(drift.after.get());
+    }
     write(session, count);
   }
   std::vector<const DriftCount*> byAge;

@@ -398,8 +398,8 @@ TEST_P(Reports, OfHavingGoneBackDoubtTheCacheOnce) {
 TEST_P(Reports, CountWhatIsCorrected) {
   const std::int64_t start = hub_.now();
   Report report = next();
-  addDrift(report, "nB", "5", "1", start - 50);
   addDrift(report, "nB", "6", "1", start - 40);
+  addDrift(report, "nB", "5", "1", start - 50);
   addDrift(report, "sSESSIONKEY", "canary-1", "canary-2", start);
   addDrift(report, "sPW", "canary-3", "V8:canary-4", start);
   addDrift(report, "sOLD\xff\n", "a\x1b\xff", "", 0);
@@ -565,18 +565,17 @@ TEST_F(ReportService, WhyNamesEachRecordAndTheWayOut) {
   for (const auto& [kind, wayOut] : kinds) EXPECT_TRUE(contains(wayOutOf(kind), wayOut)) << kind;
   for (const auto& [word, wayOut] : verdicts) EXPECT_TRUE(contains(wayOutOf(word), wayOut)) << word;
   const auto text = overhub({"why", "pc1"});
-  expectOut(
-      text, 6,
-      {"pc1: back\n  ! its clock is 60 min behind the server's (for ",
-       "  ! it went back to what it held before of 4 values, 1 of them changed on the machine meanwhile, "
-       "which stay: no contact (for 60 min)\n",
-       "  ! ~/A tooLong: reason of tooLong (for 2 h)\n      way out: set something shorter\n",
-       "  ! <b>\\x1b[31m\n      way out: free space",
-       "  ! 2 more problems, for which its report had no room\n",
-       "  ! mod.so refused ~/A nB: says refused\n      way out: set something that",
-       "\n    5 modules were asked, 1 say that it is in effect\n", "\n    its next pass is due in ",
-       "; host 0.9\n",
-       "\n    ~/A nD was changed on the machine and corrected once, last from \"5\" to \"1\"\n"});
+  expectOut(text, 6,
+            {"pc1: back\n  ! its clock is 60 min behind the server's\n",
+             "  ! it went back to what it held before (4 values, 1 of them changed on the machine "
+             "meanwhile and left so): no contact (for 60 min)\n",
+             "  ! ~/A tooLong: reason of tooLong (for 2 h)\n      way out: set something shorter\n",
+             "  ! <b>\\x1b[31m\n      way out: free space",
+             "  ! 2 more problems, for which its report had no room\n",
+             "  ! mod.so refused ~/A nB: says refused\n      way out: set something that",
+             "\n    5 modules were asked, 1 say that it is in effect\n", "\n    its next pass is due in ",
+             "; host 0.9\n",
+             "\n    ~/A nD was changed on the machine and corrected once, last from \"5\" to \"1\"\n"});
   EXPECT_FALSE(contains(text.out, "\x1b"));
   meddle("UPDATE contacts SET outcome_time = outcome_time + 10000");
   expectOut(overhub({"why", "pc1"}), 6,
