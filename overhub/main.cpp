@@ -31,6 +31,7 @@ constexpr const char* kFooter =
   overhub --store postgresql://hub@db1,db2/overhub serve
   overhub status
   overhub report /root/fleet.html
+  overhub why web-1
   overhub log web-1
   overhub diff 16 17
   overhub undo 17 --dry-run
@@ -47,7 +48,7 @@ constexpr const char* kFooter =
 
 Exit codes: 0 done, 1 not found or refused (by the client, for push, fetch and call), 2 wrong usage, 3 the store, a
 file that was named, or standard output cannot be used, 4 the client could not be reached, or did not answer, 6 a
-machine is not current (status), or has not given everything back yet (remove-client --withdraw).)";
+machine is not as it should be (status, why), or has not given everything back yet (remove-client --withdraw).)";
 
 void describe(programs::CommandLine& line, Store::Place& place) {
   describeStore(line.options(), place);
@@ -66,6 +67,7 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addUnset(line, place);
   addShow(line, place);
   addStatus(line, place);
+  addWhy(line, place);
   addReport(line, place);
   addLog(line, place);
   addDiff(line, place);

@@ -24,6 +24,7 @@ void addUnset(programs::CommandLine& line, const Store::Place& place);
 void addShow(programs::CommandLine& line, const Store::Place& place);
 
 void addStatus(programs::CommandLine& line, const Store::Place& place);
+void addWhy(programs::CommandLine& line, const Store::Place& place);
 void addReport(programs::CommandLine& line, const Store::Place& place);
 void addLog(programs::CommandLine& line, const Store::Place& place);
 void addDiff(programs::CommandLine& line, const Store::Place& place);

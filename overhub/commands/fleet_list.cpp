@@ -26,6 +26,7 @@ Listing machineList() {
            {"State", "state", Listing::Kind::text},
            {"Since", "since", Listing::Kind::age},
            {"Last seen", "lastSeen", Listing::Kind::age},
+           {"Reported", "reported", Listing::Kind::age, true},
            {"Has", "hasRevision", Listing::Kind::number},
            {"Wanted", "wantedRevision", Listing::Kind::number},
            {"Groups", "groups", Listing::Kind::texts},
@@ -36,6 +37,6 @@ Listing machineList() {
 void addMachine(Listing& list, const MachineStatus& machine) {
   list.addRow({machine.client.name, stateName(machine.state),
                machine.since == 0 ? Listing::Cell() : Listing::Cell(machine.since), machine.contact.lastSeen,
-               machine.contact.provenRevision, machine.newest, machine.groups, machine.withdrawnAt != 0,
-               machine.why});
+               machine.report ? machine.report->received : 0, machine.contact.provenRevision, machine.newest,
+               machine.groups, machine.withdrawnAt != 0, machine.why});
 }

@@ -7,6 +7,7 @@
 #include "common/natural_order.h"
 #include "overhub/commands/commands.h"
 #include "overhub/commands/definitions.h"
+#include "overhub/commands/drift_list.h"
 #include "overhub/commands/fleet_list.h"
 #include "overhub/commands/html_page.h"
 #include "overhub/commands/reporting.h"
@@ -44,6 +45,7 @@ struct Facts {
   FleetStatus fleet;
   std::vector<Group> groups;  // by number
   std::vector<Revision> revisions;
+  std::vector<DriftCount> drifts;
   std::vector<std::pair<std::string, Setting>> settings;  // with the scope as a person names it
 };
 
@@ -60,6 +62,7 @@ CWmError collect(const Database& database, soci::session& session, const FleetQu
   std::sort(facts.groups.begin(), facts.groups.end(),
             [](const Group& a, const Group& b) { return a.number < b.number; });
   facts.revisions = newestRevisions(session, kRevisions);
+  facts.drifts = allDrifts(session);
   const ScopeNames names(session);
   for (Setting& setting : allSettings(session)) {
     std::string scope = names.of(setting.scope);
@@ -77,11 +80,15 @@ CWmError collect(const Database& database, soci::session& session, const FleetQu
 Tone toneOf(FleetState state) {
   switch (state) {
     case FleetState::current:
+    case FleetState::corrected:
       return Tone::good;
     case FleetState::pending:
       return Tone::neutral;
     case FleetState::failed:
+    case FleetState::refused:
+    case FleetState::back:
       return Tone::bad;
+    case FleetState::restart:
     case FleetState::silent:
       return Tone::warning;
     case FleetState::never:
@@ -148,6 +155,15 @@ void addGroups(HtmlPage& page, const Facts& facts) {
   page.table(list);
 }
 
+void addDrifts(HtmlPage& page, const Facts& facts) {
+  page.section("Values that get changed on machines");
+  Listing list = driftList();
+  std::vector<Client> clients;
+  for (const MachineStatus& machine : facts.fleet.machines) clients.push_back(machine.client);
+  addDrifts(list, clients, facts.drifts);
+  page.table(list);
+}
+
 void addRevisions(HtmlPage& page, const Facts& facts) {
   page.section("Newest revisions");
   Listing list("revisions", {{"Revision", "revision", Listing::Kind::number},
@@ -198,6 +214,7 @@ int report(const Store& store, const Report& wanted) {
   addStates(page, facts.fleet);
   addGroups(page, facts);
   addMachines(page, facts.fleet);
+  addDrifts(page, facts);
   addRevisions(page, facts);
   addSettings(page, facts, definitions);
   error = file_access::replace(wanted.file, page.text());

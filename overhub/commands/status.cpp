@@ -5,6 +5,7 @@
 
 #include "common/age_text.h"
 #include "overhub/commands/commands.h"
+#include "overhub/commands/drift_list.h"
 #include "overhub/commands/fleet_list.h"
 #include "overhub/commands/prometheus.h"
 #include "overhub/commands/reporting.h"
@@ -14,19 +15,25 @@
 namespace {
 
 constexpr const char* kFooter = R"(Each machine has one state, the last of these that is true of it:
-  current  has acknowledged the newest revision that touches it as applied
-  pending  a newer one waits for it
-  failed   its last hand-out was refused, or it says that it could not apply it
-  silent   has not been seen for longer than --silent-after periods
-  never    has not called since it was added
+  current    what touches it is in effect: by its report when it makes any, else by its acknowledgement
+  corrected  a value was changed on it, and corrected, within a day
+  pending    a newer revision waits for it
+  restart    a module has to be restarted first
+  refused    a module refused a value, or did not say that it works with it
+  failed     its last hand-out was refused, or it says that it could not apply it all
+  back       it went back to what it held before
+  silent     has not been seen for longer than --silent-after periods
+  never      has not called since it was added
 One from which "remove-client --withdraw" takes everything back is pending until it has given it; --withdrawn lists
 those.
 
-Exit code 0: all machines asked about are current; 6: at least one is not.
+Exit code 0: all machines asked about are current or corrected; 6: at least one is not. With --drift: 0.
+"overhub why" says more of a machine.
 
 Examples:
   overhub status
   overhub status @berlin --failed --silent
+  overhub status --drift
   overhub status --prometheus > /var/lib/collector/overhub.prom.new)";
 
 struct Status {
@@ -35,6 +42,7 @@ struct Status {
   bool isShown[kFleetStates.size()] = {};  // asked for by name
   bool isWithdrawnShown = false;
   bool isPrometheus = false;
+  bool isDrift = false;
   Listing list = machineList();
 
   bool isWanted(const MachineStatus& machine) const {
@@ -100,6 +108,14 @@ std::string metricsText(const FleetStatus& fleet) {
   metrics.sample(fleet.machines.size());
   metrics.family("overhub_clients_withdrawn", Type::gauge, "Clients from which everything is withdrawn");
   metrics.sample(fleet.countWithdrawn());
+  std::int64_t corrected = 0;
+  for (const MachineStatus& machine : fleet.machines) corrected += machine.drift.values;
+  metrics.family("overhub_corrected_values", Type::gauge,
+                 "Values that were changed on clients and corrected within a day");
+  metrics.sample(corrected);
+  metrics.family("overhub_reporting_clients", Type::gauge, "Clients that have ever reported");
+  metrics.sample(std::count_if(fleet.machines.begin(), fleet.machines.end(),
+                               [](const MachineStatus& machine) { return machine.report.has_value(); }));
   metrics.family("overhub_newest_revision", Type::gauge, "The newest revision of the store");
   metrics.sample(fleet.revision);
   metrics.family("overhub_oldest_pending_seconds", Type::gauge,
@@ -118,14 +134,34 @@ std::string textFor(Status& wanted, const FleetStatus& fleet) {
   return summary(fleet) + (wanted.list.rowCount() == 0 ? "" : "\n" + wanted.list.text(fleet.now));
 }
 
+int listDrifts(const Database& database, Status& wanted) {
+  std::vector<Client> clients;
+  std::vector<DriftCount> drifts;
+  std::int64_t now = 0;
+  const CWmError error = database.read([&](soci::session& session) {
+    now = database.now(session);
+    CWmError fault = clientsOfTarget(session, wanted.question.target, clients);
+    drifts = allDrifts(session);
+    return fault;
+  });
+  if (error.IsError()) return storeFailed(error);
+  Listing list = driftList();
+  addDrifts(list, clients, drifts);
+  print(wanted.list.isForPrograms() ? list.json()
+        : list.rowCount() == 0      ? "no value was changed on a machine\n"
+                                    : list.text(now));
+  return kExitOk;
+}
+
 int status(const Store& store, Status& wanted) {
+  if (wanted.isDrift) return listDrifts(store.database(), wanted);
   const Database& database = store.database();
   FleetStatus fleet;
   const CWmError error = database.read(
       [&](soci::session& session) { return askFleet(database, session, wanted.question, fleet); });
   if (error.IsError()) return storeFailed(error);
   print(textFor(wanted, fleet));
-  return fleet.isAllCurrent() ? kExitOk : kExitNotCurrent;
+  return fleet.isAllInEffect() ? kExitOk : kExitNotCurrent;
 }
 
 }  // namespace
@@ -142,6 +178,10 @@ void addStatus(programs::CommandLine& line, const Store::Place& place) {
       .flag("--all", wanted->isAll, "List all machines")
       .flag("--current", shown(FleetState::current), "List those that are current")
       .flag("--pending", shown(FleetState::pending), "List those for which a revision waits")
+      .flag("--corrected", shown(FleetState::corrected), "List those on which values were corrected")
+      .flag("--restart", shown(FleetState::restart), "List those on which a module has to be restarted")
+      .flag("--refused", shown(FleetState::refused), "List those on which a module refuses a value")
+      .flag("--back", shown(FleetState::back), "List those that went back")
       .flag("--failed", shown(FleetState::failed), "List those that failed")
       .flag("--silent", shown(FleetState::silent), "List those that are silent")
       .flag("--never", shown(FleetState::never), "List those that have never called");
@@ -150,5 +190,7 @@ void addStatus(programs::CommandLine& line, const Store::Place& place) {
   wanted->list.describe(options);
   options.flag("--prometheus", wanted->isPrometheus, "Print figures for a collector, and no list")
       .excludes("--json");
+  options.flag("--drift", wanted->isDrift, "List instead which values get changed on which machines")
+      .excludes("--prometheus");
   options.footer(kFooter);
 }

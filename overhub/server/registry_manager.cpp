@@ -14,14 +14,6 @@ std::string countText(const OBGui::KeyList& keys) {
   return std::to_string(keys.size()) + " records";
 }
 
-// What is wrong with the store is for the log, and for whoever looks after it; a client is told to come
-// again.
-Answer storeUnusable(const CWmError& error, const std::string& what) {
-  if (error.GetCode() == kLqErrRequestRefused) return Answer::refused(error.AsString());  // it was removed
-  ObEvent().Error("registryManager", "%s", error.AsString());
-  return Answer::refused("the server cannot " + what + " now; its log tells why, come again later");
-}
-
 Answer handedOut(HandOut& out) {
   if (!out.refusal.empty()) {
     ObEvent().Error("registryManager", "%s", out.refusal.c_str());
@@ -38,7 +30,7 @@ Answer answerBatchRequest(const Store& store, Caller& caller, const CNMessageBas
   HandOut out;
   const std::int64_t id = messageAs<OBGui::RegistryTaskReq>(&message)->client->clientId;
   const CWmError error = handOut(store, caller.client, id, out);
-  if (error.IsError()) return storeUnusable(error, "hand out the batch of " + caller.client);
+  if (error.IsError()) return Answer::ofStore(error, "hand out the batch of " + caller.client);
   if (out.number != 0) caller.handOut = out.number;
   return handedOut(out);
 }
@@ -46,7 +38,7 @@ Answer answerBatchRequest(const Store& store, Caller& caller, const CNMessageBas
 Answer answerStaticRequest(const Store& store, Caller& caller, const CNMessageBase&) {
   HandOut out;
   const CWmError error = handOutStaticList(store, caller.client, out);
-  if (error.IsError()) return storeUnusable(error, "hand out the static list");
+  if (error.IsError()) return Answer::ofStore(error, "hand out the static list");
   caller.handOut = 0;
   return handedOut(out);
 }
@@ -54,7 +46,7 @@ Answer answerStaticRequest(const Store& store, Caller& caller, const CNMessageBa
 Answer acknowledged(const Store& store, const Caller& caller, const OBGui::RegistryTaskResp& response) {
   const CWmError error =
       acknowledge(store, caller.client, caller.handOut, response.client->clientId, response.taskStatus);
-  if (error.IsError()) return storeUnusable(error, "record the acknowledgement");
+  if (error.IsError()) return Answer::ofStore(error, "record the acknowledgement");
   return Answer::withoutReply("acknowledged: " + outcomeText(response.taskStatus));
 }
 

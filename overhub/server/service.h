@@ -21,6 +21,9 @@ struct Answer {
   static Answer withReply(std::unique_ptr<CNMessageBase> message, std::string summary);
   static Answer withoutReply(std::string summary);
   static Answer refused(std::string reason);
+  // To what work on the store has refused, or could not do: what is wrong with the store is for the log, and
+  // for whoever looks after it, and the client is told to come again.
+  static Answer ofStore(const CWmError& error, const std::string& what);
 };
 
 // Who has proven to be on the other side of a session.

@@ -95,57 +95,122 @@ bool isFailure(const Contact& contact) {
   return contact.outcome != 0 && contact.outcome != OBGui::kTaskSuccess;
 }
 
-bool lacksSomething(const MachineStatus& machine) {
-  return machine.contact.provenRevision < machine.newest || machine.contact.isCacheUnknown ||
-         (machine.withdrawnAt != 0 && !machine.isClean);
+// What its report says, as long as that counts.
+const ReportNote* toldBy(const MachineStatus& machine, std::int64_t silentSeconds) {
+  return machine.report && !machine.isReportOutdated(silentSeconds) ? &*machine.report : nullptr;
+}
+
+// Whether it was handed the newest batch that there is for it, and its report names that one.
+bool isReported(const MachineStatus& machine, const ReportNote& report) {
+  return machine.handed->digest == report.digest && machine.handed->revision >= machine.newest;
+}
+
+bool lacksSomething(const MachineStatus& machine, const ReportNote* report) {
+  if (machine.contact.isCacheUnknown || (machine.withdrawnAt != 0 && !machine.isClean)) return true;
+  if (report != nullptr && machine.handed) return !isReported(machine, *report);
+  return machine.contact.provenRevision < machine.newest;
 }
 
 FleetState stateOf(const MachineStatus& machine, std::int64_t now, std::int64_t silentSeconds) {
   const Contact& contact = machine.contact;
   if (contact.lastSeen == 0) return FleetState::never;
   if (now - contact.lastSeen > silentSeconds) return FleetState::silent;
-  if (!contact.refusal.empty() || isFailure(contact)) return FleetState::failed;
-  return lacksSomething(machine) ? FleetState::pending : FleetState::current;
+  const ReportNote* const report = toldBy(machine, silentSeconds);
+  const Told told = report != nullptr ? report->summary.told : Told::good;
+  if (told == Told::back) return FleetState::back;
+  if (!contact.refusal.empty() || isFailure(contact) || told == Told::failed) return FleetState::failed;
+  if (report != nullptr && report->areTwo(now)) return FleetState::failed;
+  if (told == Told::refused) return FleetState::refused;
+  if (told == Told::restart) return FleetState::restart;
+  if (lacksSomething(machine, report)) return FleetState::pending;
+  return machine.drift.values != 0 ? FleetState::corrected : FleetState::current;
 }
 
-std::string failureText(const Contact& contact) {
+std::string failureText(const MachineStatus& machine, std::int64_t now, std::int64_t silentSeconds) {
+  const Contact& contact = machine.contact;
+  const ReportNote* const report = toldBy(machine, silentSeconds);
   if (!contact.refusal.empty()) return "refused: " + contact.refusal;
+  if (report != nullptr && report->summary.told == Told::failed) return report->summary.why;
+  if (report != nullptr && report->areTwo(now)) return "two machines answer as " + machine.client.name;
   return "its newest acknowledgement says: " + outcomeText(contact.outcome);
 }
 
-std::string waitingText(const MachineStatus& machine) {
+std::string waitingText(const MachineStatus& machine, std::int64_t silentSeconds) {
   const Contact& contact = machine.contact;
   if (machine.withdrawnAt != 0) {
     const bool isBegun = contact.proven != 0 && contact.provenRevision >= machine.withdrawnAt;
     return std::string("everything is withdrawn from it, which takes ") +
            (isBegun ? "one more applied pass" : "two applied passes");
   }
-  if (contact.provenRevision >= machine.newest) return "it gets all of it again";
+  const ReportNote* const report = toldBy(machine, silentSeconds);
   const std::string revision = "revision " + std::to_string(machine.newest);
-  if (contact.handedRevision < machine.newest) return revision + " waits for its next pass";
-  return revision + " was handed to it and is not acknowledged as applied";
+  if (machine.contact.handedRevision < machine.newest) return revision + " waits for its next pass";
+  if (contact.provenRevision < machine.newest)
+    return revision + " was handed to it and is not acknowledged as applied";
+  if (report != nullptr && machine.handed && !isReported(machine, *report))
+    return revision + " was handed to it and its report does not name it yet";
+  return "it gets all of it again";
 }
 
-std::string whyOf(const MachineStatus& machine, std::int64_t silentSeconds) {
+std::string whyOf(const MachineStatus& machine, std::int64_t now, std::int64_t silentSeconds) {
   const Contact& contact = machine.contact;
   switch (machine.state) {
     case FleetState::current:
       if (machine.withdrawnAt == 0) break;
       return "it has given everything back; \"overhub remove-client --withdraw\" removes it";
+    case FleetState::corrected:
+      return std::to_string(machine.drift.values) +
+             (machine.drift.values == 1 ? " value was" : " values were") + " changed on it and corrected";
     case FleetState::pending:
-      return waitingText(machine);
+      return waitingText(machine, silentSeconds);
+    case FleetState::restart:
+    case FleetState::refused:
+    case FleetState::back:
+      return machine.report->summary.why;
     case FleetState::failed:
-      return failureText(contact);
+      return failureText(machine, now, silentSeconds);
     case FleetState::silent: {
+      const ReportNote* const report = toldBy(machine, silentSeconds);
       std::string why = "not seen for longer than " + programs::durationText(silentSeconds);
-      if (!contact.refusal.empty() || isFailure(contact)) why += "; before, " + failureText(contact);
-      if (lacksSomething(machine)) why += "; " + waitingText(machine);
+      if (!contact.refusal.empty() || isFailure(contact)) {
+        why += "; before, " + failureText(machine, now, silentSeconds);
+      } else if (report != nullptr && report->summary.told != Told::good) {
+        why += "; before, " + report->summary.why;
+      }
+      if (lacksSomething(machine, report)) why += "; " + waitingText(machine, silentSeconds);
       return why;
     }
     case FleetState::never:
       return "it has not called since it was added";
   }
   return {};
+}
+
+// When a state began that no revision began with; 0: not known.
+std::int64_t sinceOf(const MachineStatus& machine, std::int64_t silentSeconds) {
+  const Contact& contact = machine.contact;
+  const ReportNote* const report = toldBy(machine, silentSeconds);
+  switch (machine.state) {
+    case FleetState::silent:
+      return contact.lastSeen;
+    case FleetState::failed:
+      if (!contact.refusal.empty()) return contact.refusedSince;
+      if (isFailure(contact)) return contact.outcomeSince;
+      return report->summary.told == Told::failed ? report->summary.since : report->turned;
+    case FleetState::back:
+    case FleetState::refused:
+    case FleetState::restart:
+      return report->summary.since;
+    case FleetState::corrected:
+      return machine.drift.last;
+    case FleetState::pending:
+      // Acknowledged, and not reported yet.
+      return contact.isCacheUnknown ? 0 : contact.handedTime;
+    case FleetState::current:
+    case FleetState::never:
+      break;
+  }
+  return 0;
 }
 
 // The oldest revision that touches a machine and that it has not acknowledged; 0 when there is none. `said`
@@ -163,7 +228,7 @@ std::int64_t oldestLacking(const MachineStatus& machine, const Lists& said) {
   return oldest;
 }
 
-void addSince(soci::session& session, FleetStatus& fleet) {
+void addSince(soci::session& session, std::int64_t silentSeconds, FleetStatus& fleet) {
   std::int64_t lowest = kOpen;
   for (const MachineStatus& machine : fleet.machines)
     if (machine.state == FleetState::pending && machine.contact.provenRevision >= machine.client.validFrom)
@@ -184,11 +249,7 @@ void addSince(soci::session& session, FleetStatus& fleet) {
 
   for (std::size_t i = 0; i < revisions.size(); ++i) {
     MachineStatus& machine = fleet.machines[i];
-    const Contact& contact = machine.contact;
-    if (revisions[i] != 0) machine.since = times[revisions[i]];
-    if (machine.state == FleetState::silent) machine.since = contact.lastSeen;
-    if (machine.state == FleetState::failed)
-      machine.since = contact.refusal.empty() ? contact.outcomeSince : contact.refusedSince;
+    machine.since = revisions[i] != 0 ? times[revisions[i]] : sinceOf(machine, silentSeconds);
     if (machine.state == FleetState::pending && machine.since != 0 &&
         (fleet.oldestPending == 0 || machine.since < fleet.oldestPending))
       fleet.oldestPending = machine.since;
@@ -201,8 +262,16 @@ const char* stateName(FleetState state) {
   switch (state) {
     case FleetState::current:
       return "current";
+    case FleetState::corrected:
+      return "corrected";
     case FleetState::pending:
       return "pending";
+    case FleetState::restart:
+      return "restart";
+    case FleetState::refused:
+      return "refused";
+    case FleetState::back:
+      return "back";
     case FleetState::failed:
       return "failed";
     case FleetState::silent:
@@ -211,6 +280,10 @@ const char* stateName(FleetState state) {
       break;
   }
   return "never";
+}
+
+bool MachineStatus::isReportOutdated(std::int64_t silentSeconds) const {
+  return report && contact.outcomeTime - report->received > silentSeconds;
 }
 
 std::size_t FleetStatus::count(FleetState state) const {
@@ -241,11 +314,18 @@ FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std
   for (Contact& contact : allContacts(session)) contacts.emplace(contact.client, std::move(contact));
   const auto withdrawn = withdrawalsAt(session, fleet.revision);
   const std::set<std::int64_t> clean = cleanMachines(session, withdrawn);
+  std::unordered_map<std::int64_t, ReportNote> reports;
+  for (ReportNote& report : allReportNotes(session)) reports.emplace(report.client, std::move(report));
+  const auto handed = newestHandedBatches(session);
+  const auto drifts = driftsSince(session, now - kCorrectedSeconds);
 
   for (Client& client : clients) {
     MachineStatus& machine = fleet.machines.emplace_back();
     machine.contact = contacts[client.id];
     machine.groups = finder.groupsOf(client);
+    if (const auto found = reports.find(client.id); found != reports.end()) machine.report = found->second;
+    if (const auto found = handed.find(client.id); found != handed.end()) machine.handed = found->second;
+    if (const auto found = drifts.find(client.id); found != drifts.end()) machine.drift = found->second;
     machine.client = std::move(client);
     if (const auto found = withdrawn.find(machine.client.id); found != withdrawn.end()) {
       machine.withdrawnAt = found->second;
@@ -257,8 +337,8 @@ FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std
       if (found != said.end()) machine.newest = std::max(machine.newest, found->second);
     });
     machine.state = stateOf(machine, now, silentSeconds);
-    machine.why = whyOf(machine, silentSeconds);
+    machine.why = whyOf(machine, now, silentSeconds);
   }
-  addSince(session, fleet);
+  addSince(session, silentSeconds, fleet);
   return fleet;
 }

@@ -1,19 +1,30 @@
 // How things stand with the machines: one state each.
 //
 // What is looked at first counts, in the order in which somebody has to act: a machine that does not come
-// gets nothing, whatever else there is to say of it; one that comes and fails gets nothing either, however
-// new what it is handed; and one that only waits for its next pass needs nobody. So, of all that are true:
+// gets nothing, whatever else there is to say of it; one that has gone back does not hold what it should, and
+// takes it no more; one that fails lacks a part; one whose modules refuse it, or have to be restarted for it,
+// has it and does not work with it; one that only waits for its next pass needs nobody; and where somebody
+// keeps changing values, they are right again. So, of all that are true:
 //
 // clang-format off
-//   never    nothing was ever heard of it since it was added
-//   silent   it was not seen for longer than a time that the caller names; what its last words were, and what
-//            waits for it, is told with it
-//   failed   its last hand-out was refused, or its newest acknowledgement says that the batch was not applied
-//   pending  a newer revision touches it than the newest that it has acknowledged as applied; or what it holds
-//            is not known, because somebody else may have joined in its name or asked for all of it again; or
-//            everything is withdrawn from it, and two passes in a row have not taken it back yet
-//   current  none of these
+//   never      nothing was ever heard of it since it was added
+//   silent     it was not seen for longer than a time that the caller names; what its last words were, and
+//              what waits for it, is told with it
+//   back       by its report it has gone back to what it held before
+//   failed     its last hand-out was refused, its newest acknowledgement says that the batch was not applied,
+//              its report names a problem, or two machines answer by its name
+//   refused    by its report a module refused a value, or did not say that it works with it
+//   restart    by its report a module has to be restarted first
+//   pending    a newer revision touches it than the one that is in effect: by its report, when it makes any,
+//              which names the batch that it was handed last; otherwise the newest that it has acknowledged as
+//              applied. Or what it holds is not known, because somebody else may have joined in its name or
+//              asked for all of it again; or everything is withdrawn from it, and two passes in a row have not
+//              taken it back yet
+//   corrected  a value was changed on it, and corrected, within a day
+//   current    none of these
 // clang-format on
+//
+// A report counts until the machine acknowledges so much later that its host cannot make any more.
 //
 // A revision touches a machine if it changed what one of its scopes says, or which groups it is in. Whether
 // the machine's own values become others by it is not looked at: a nearer scope may hide what was changed.
@@ -22,14 +33,22 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "overhub/store/clients.h"
+#include "overhub/store/drifts.h"
+#include "overhub/store/handed_batches.h"
+#include "overhub/store/reports.h"
 
-enum class FleetState { current, pending, failed, silent, never };
-inline constexpr std::array kFleetStates{FleetState::current, FleetState::pending, FleetState::failed,
-                                         FleetState::silent, FleetState::never};
+enum class FleetState { current, corrected, pending, restart, refused, failed, back, silent, never };
+inline constexpr std::array kFleetStates{FleetState::current, FleetState::corrected, FleetState::pending,
+                                         FleetState::restart, FleetState::refused,   FleetState::failed,
+                                         FleetState::back,    FleetState::silent,    FleetState::never};
+
+// How long a machine counts as corrected after the last correction.
+inline constexpr std::int64_t kCorrectedSeconds = 86400;
 
 // "current"; never changes, since programs read it.
 const char* stateName(FleetState state);
@@ -44,6 +63,12 @@ struct MachineStatus {
   bool isClean = false;          // such a machine has given everything back
   std::int64_t since = 0;        // when the state began, in seconds since the epoch; 0: not known
   std::string why;               // for people; empty when it is current, and stays
+  std::optional<ReportNote> report;   // its newest
+  std::optional<HandedBatch> handed;  // what it was handed last
+  RecentDrift drift;                  // within kCorrectedSeconds
+
+  // Whether it has gone on without reports since that one: its host makes none any more.
+  bool isReportOutdated(std::int64_t silentSeconds) const;
 };
 
 struct FleetStatus {
@@ -56,7 +81,10 @@ struct FleetStatus {
   // From how many everything is withdrawn, and how many of those have given it back.
   std::size_t countWithdrawn() const;
   std::size_t countClean() const;
-  bool isAllCurrent() const { return count(FleetState::current) == machines.size(); }
+  // Whether all hold what they should, and work with it.
+  bool isAllInEffect() const {
+    return count(FleetState::current) + count(FleetState::corrected) == machines.size();
+  }
 };
 
 // Within a unit of work (database.h). The number of queries does not depend on the number of clients.

@@ -1,6 +1,7 @@
 #include "overhub/store/hand_out.h"
 
 #include <algorithm>
+#include <cstring>  // explicit_bzero
 #include <map>
 #include <set>
 
@@ -8,9 +9,12 @@
 #include "overhub/store/change.h"
 #include "overhub/store/clients.h"
 #include "overhub/store/groups.h"
+#include "overhub/store/handed_batches.h"
 #include "overhub/store/query.h"
 #include "overhub/store/scope.h"
+#include "overhub/store/session_keys.h"
 #include "overhub/store/settings.h"
+#include "records/batch_digest.h"
 
 namespace {
 
@@ -131,8 +135,18 @@ void noteSeen(soci::session& session, const Client& client, std::int64_t now) {
       use(now, "now"), use(now, "first"), use(client.id, "client");
 }
 
+// By what the client will name the batch in its reports. Without a key that opens it has no session either.
+void noteDigest(const Store& store, soci::session& session, const Client& client, std::int64_t now,
+                const HandOut& out) {
+  std::string key;
+  if (openSessionKey(store, client.name, protectedKeyOf(session, client.id), key).IsError()) return;
+  noteHandedBatch(session, client.id, out.revision, batchDigest(out.batch.keys, key), now);
+  explicit_bzero(key.data(), key.size());
+}
+
 // Makes the next hand-out of a client that was found, and whose row is taken.
-CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t now, HandOut& out) {
+CWmError makeHandOut(const Store& store, soci::session& session, const Client& client, std::int64_t now,
+                     HandOut& out) {
   Contact contact = contactOf(session, client.id);
   if (contact.client == 0) return unknownClient(client.name);  // removed while this waited for its row
   CWmError error = makeBatch(session, client, contact, now, out);
@@ -150,6 +164,7 @@ CWmError makeHandOut(soci::session& session, const Client& client, std::int64_t 
       use(out.number, "number"), use(out.revision, "revision"), use(now, "now"), use(records, "records"),
       use(most, "most"), use(out.number, "proving"), use(client.id, "client");
   noteHeld(session, contact, out.revision, now);
+  noteDigest(store, session, client, now, out);
   return {};
 }
 
@@ -184,7 +199,7 @@ CWmError handOut(const Store& store, const std::string& name, std::int64_t claim
       noteRefusal(session, client->id, out.refusal, now);
       return {};
     }
-    return makeHandOut(session, *client, now, out);
+    return makeHandOut(store, session, *client, now, out);
   });
 }
 
@@ -207,6 +222,7 @@ CWmError handOutForPush(const Store& store, const std::string& name, std::int64_
     CWmError error = makeBatch(session, *client, contact, now, out);
     if (error.IsError() || !out.refusal.empty()) return error;
     noteHeld(session, contact, out.revision, now);
+    noteDigest(store, session, *client, now, out);
     setPushedUntil(session, client->id, now + leaseSeconds);
     return {};
   });

@@ -37,6 +37,11 @@ std::vector<Revision> allRevisions(soci::session& session) {
   return select(session, "ORDER BY number");
 }
 
+std::vector<Revision> revisionsBetween(soci::session& session, std::int64_t first, std::int64_t last) {
+  return select(session, "WHERE number >= :first AND number <= :last ORDER BY number", use(first, "first"),
+                use(last, "last"));
+}
+
 std::vector<Revision> newestRevisions(soci::session& session, std::int64_t count) {
   return select(session, "ORDER BY number DESC LIMIT :count", use(count, "count"));
 }

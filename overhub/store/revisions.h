@@ -24,5 +24,7 @@ std::optional<Revision> findRevision(soci::session& session, std::int64_t number
 std::int64_t lastRevisionUpTo(soci::session& session, std::int64_t number);
 // Ascending by number.
 std::vector<Revision> allRevisions(soci::session& session);
+// Those from one number up to another, ascending.
+std::vector<Revision> revisionsBetween(soci::session& session, std::int64_t first, std::int64_t last);
 // The newest so many, the newest first.
 std::vector<Revision> newestRevisions(soci::session& session, std::int64_t count);

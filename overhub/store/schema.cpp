@@ -75,6 +75,20 @@ constexpr const char* kTables[] = {
     " PRIMARY KEY (client, number))",
 };
 
+// What clients say of themselves, and by which digests they name what they were handed.
+constexpr const char* kReportTables[] = {
+    "CREATE TABLE hand_outs (client BIGINT NOT NULL, number BIGINT NOT NULL, revision BIGINT NOT NULL,"
+    " digest TEXT NOT NULL, time BIGINT NOT NULL, PRIMARY KEY (client, number))",
+    "CREATE TABLE reports (client BIGINT NOT NULL PRIMARY KEY, epoch TEXT NOT NULL, sequence BIGINT NOT NULL,"
+    " former_epoch TEXT NOT NULL, changed BIGINT NOT NULL, turned BIGINT NOT NULL, time BIGINT NOT NULL,"
+    " received BIGINT NOT NULL, digest TEXT NOT NULL, told TEXT NOT NULL, why TEXT NOT NULL, since BIGINT NOT"
+    " NULL, back_since BIGINT NOT NULL, text TEXT NOT NULL)",
+    "CREATE TABLE drift_counts (client BIGINT NOT NULL, path TEXT NOT NULL, name TEXT NOT NULL, times BIGINT"
+    " NOT NULL, first_time BIGINT NOT NULL, last_time BIGINT NOT NULL, found TEXT NOT NULL, corrected TEXT"
+    " NOT NULL, is_secret INTEGER NOT NULL, PRIMARY KEY (client, path, name))",
+    "CREATE INDEX drift_counts_by_time ON drift_counts (last_time)",
+};
+
 // Uploads stood as they came, and they hold session keys. One after the other, as there may be more of them
 // than memory.
 CWmError sealUploads(soci::session& session) {
@@ -96,10 +110,15 @@ CWmError sealUploads(soci::session& session) {
   return {};
 }
 
+CWmError addReports(soci::session& session) {
+  for (const char* const table : kReportTables) session << table;
+  return {};
+}
+
 // Each makes a store of one version one of the next, the first of them one of version 1. What was released
 // stays as it is.
 using Step = CWmError (*)(soci::session& session);
-constexpr Step kSteps[] = {sealUploads};
+constexpr Step kSteps[] = {sealUploads, addReports};
 
 constexpr std::int64_t kVersion = std::size(kSteps) + 1;
 
@@ -127,6 +146,8 @@ CWmError schema::prepare(soci::session& session, const Engine& engine) {
   CWmError error = look(session, engine, version);
   if (error.IsError() || version != 0) return error;
   for (const char* const table : kTables) session << table;
+  error = addReports(session);
+  if (error.IsError()) return error;
   const std::pair<std::string, std::int64_t> counters[] = {
       {kVersionCounter, kVersion},
       {kRevisionCounter, 0},

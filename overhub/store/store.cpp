@@ -11,6 +11,7 @@
 #include "overhub/store/file_access.h"
 #include "overhub/store/query.h"
 #include "overhub/store/schema.h"
+#include "records/host_report.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ CWmError Store::open() {
   if (error.IsError()) return error;
   pstring::UseKeyFile(keyFile());
   OBGui::RegisterSubsystem();
+  HostReport::RegisterSubsystem();
   std::string known;
   std::int64_t version = 0;
   error = readFacts(known, version);
