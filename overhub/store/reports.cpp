@@ -53,7 +53,8 @@ ReportNote noteFor(const std::optional<ReportNote>& before, const HostReport::Re
   if (before) {
     note = *before;
     if (hasLostCount(*before, report)) {
-      const bool isReturn = report.epoch.get() == before->formerEpoch;
+      // Two processes of one host may mix up their numbers, but not their epochs.
+      const bool isReturn = report.epoch.get() != before->epoch && report.epoch.get() == before->formerEpoch;
       if (isReturn && now - before->changed < kTurnSeconds) note.turned = now;
       note.formerEpoch = before->epoch;
       note.changed = now;

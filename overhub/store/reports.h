@@ -2,7 +2,7 @@
 //
 // Of one epoch the report with the higher sequence is the newer one. One of another epoch, or with a lower
 // sequence but made later, comes from a host that has lost count, or from a machine that was set back to an
-// older state: it counts as it arrives. When that goes to and fro, two machines answer by one name.
+// older state: it counts as it arrives. When two epochs take turns, two machines answer by one name.
 #pragma once
 
 #include <cstdint>
