@@ -1,5 +1,5 @@
-// What a pass changed comes back: by hand, when nobody confirms it, when it cuts the machine off; after a kill at
-// any step, on a full disk, beside what somebody has changed meanwhile.
+// What a pass changed comes back: by hand, when nobody confirms it, when it cuts the machine off; after a
+// kill at any step, on a full disk, beside what somebody has changed meanwhile.
 #include <algorithm>
 #include <ctime>
 
@@ -41,6 +41,7 @@ class Rollback : public ProductTest {
     heard.clear();
     host::WireWatch::install();
     host::useClock([this] { return now_; });
+    setValue("Old", "sCACHE", "1");
     LqRegistryManagerClnt::setAdditionalSettingsCache(batchText({record("Old", "sCACHE", "1")}));
   }
   ~Rollback() override {
@@ -60,7 +61,8 @@ class Rollback : public ProductTest {
     std::map<std::string, std::string> values;
     EXPECT_TRUE(info.getSubKeys(path, below) && info.getRegValues(path, values));
     Tree all{{path, ""}};
-    for (const auto& [name, data] : values) all[path + "\\" + name] = host::readPlace(info, path, name).value();
+    for (const auto& [name, data] : values)
+      all[path + "\\" + name] = host::readPlace(info, path, name).value();
     for (const std::string& name : below) all.merge(tree(path + "/" + name));
     return all;
   }
@@ -71,7 +73,8 @@ class Rollback : public ProductTest {
   }
 
   // As a pass does it, without the server; why it was held back.
-  static std::string apply(const OBGui::KeyList& keys, ServerWord word = {}, BatchKind kind = BatchKind::kWhole) {
+  static std::string apply(const OBGui::KeyList& keys, ServerWord word = {},
+                           BatchKind kind = BatchKind::kWhole) {
     ChangeNote note(kind, word, false);
     std::string reason = note.arrive(keys);
     if (reason.empty()) {
@@ -112,8 +115,8 @@ TEST_F(Rollback, RegistryCacheAndModulesAreAsTheyWereBefore) {
   const Tree before = tree();
   const std::string cache = readFile(cacheFile());
 
-  const OBGui::KeyList batch{record("Limits", "nMAX", "5"),
-                             record("~Limits", "nMAX", "2"),
+  const OBGui::KeyList batch{record("~Limits", "nMAX", "5"),
+                             record("Limits", "nMAX", "2"),
                              record("Limits", "sEMPTY", "full"),
                              record("Limits", "sNEW", "new"),
                              record("Limits", "sTRIAL", "on trial"),
@@ -132,7 +135,8 @@ TEST_F(Rollback, RegistryCacheAndModulesAreAsTheyWereBefore) {
                              record("SOFTWARE/Velmor/Instance001/Limits", "sABSOLUTE", "1")};
   EXPECT_EQ(apply(batch), "");
   EXPECT_EQ(modeOf(registryFile_ + ".Instance001.before"), 0600U);
-  EXPECT_EQ(valuesOf("Limits", {"nMAX", "sTRIAL"}) + valueOf("Branch/Twig", "sDEEP").value_or(" gone"), "2 - gone");
+  EXPECT_EQ(valuesOf("Limits", {"nMAX", "sTRIAL"}) + valueOf("Branch/Twig", "sDEEP").value_or(" gone"),
+            "2 - gone");
   EXPECT_EQ(stateWord(), "kept");
   const Tree after = tree();
   ASSERT_EQ(apply(batch), "");  // which changes nothing
@@ -289,7 +293,8 @@ TEST_F(Rollback, AKillAtAnyStepIsCarriedOn) {
     const std::string history = host::historyText();
     const std::size_t last = history.rfind(" gone back: ");
     EXPECT_NE(history.substr(0, last).rfind(" kept: "), std::string::npos);
-    EXPECT_LT(history.substr(0, last).rfind(" gone back: "), history.rfind(" kept: ")) << "noted once, " << step;
+    EXPECT_LT(history.substr(0, last).rfind(" gone back: "), history.rfind(" kept: "))
+        << "noted once, " << step;
   }
 }
 
@@ -368,7 +373,8 @@ TEST_F(Rollback, OnlyALaterPassProvesTheWayBack) {
 TEST_F(Rollback, ARefreshIsNoLocalChange) {
   setValue("Limits", "nMAX", "1");
   const std::string soon = std::to_string(std::time(nullptr) + 3600);
-  ASSERT_EQ(apply({record("Limits", "nMAX", "2"), record("Limits", "nMAX_UNTIL", soon), record("Limits", "s", "1")}),
+  ASSERT_EQ(apply({record("Limits", "nMAX", "2"), record("Limits", "nMAX_UNTIL", soon),
+                   record("Limits", "s", "1")}),
             "");
   setValue("Limits", "s", "local");
   LqRegistryManagerClnt::setAdditionalSettingsCache(
@@ -469,8 +475,8 @@ TEST_F(CutOff, WhatIsReachedStays) {
 // As a person does it.
 TEST_F(CutOff, ByHand) {
   const auto lqhost = [this](const std::string& command) {
-    return runProgram({"sh", "-c", "exec $0 --registry $1 --log-file $2 " + command, programPath("lqhost"), registryFile_,
-                       dir_ / "lqhost.log"});
+    return runProgram({"sh", "-c", "exec $0 --registry $1 --log-file $2 " + command, programPath("lqhost"),
+                       registryFile_, dir_ / "lqhost.log"});
   };
   expectErr(lqhost("rollback"), 1, {"nothing is kept"});
   expectOut(lqhost("history"), 0, {"No pass has changed"});
@@ -478,8 +484,9 @@ TEST_F(CutOff, ByHand) {
   EXPECT_TRUE(download(&batch).received);
   expectOut(lqhost("status"), 0, {"changes       3 places changed ", "; `lqhost rollback` goes back"});
   setValue("Limits", "nMIN", "local");
-  expectOut(lqhost("rollback"), 4, {"removed  SOFTWARE/Velmor/Instance001/Limits  nMAX\n",
-                                    "left     SOFTWARE/Velmor/Instance001/Limits  nMIN\n", "1 values are as they were"});
+  expectOut(lqhost("rollback"), 4,
+            {"removed  SOFTWARE/Velmor/Instance001/Limits  nMAX\n",
+             "left     SOFTWARE/Velmor/Instance001/Limits  nMIN\n", "1 values are as they were"});
   EXPECT_EQ(valuesOf("Limits", {"nMAX", "nMIN"}), "- local");
   expectOut(lqhost("status"), 11, {"went back from 3 places", "by hand, with lqhost rollback"});
   const auto sync = [&] {
@@ -487,14 +494,16 @@ TEST_F(CutOff, ByHand) {
     return lqhost("sync");
   };
   expectErr(sync(), 11, {"the batch was not applied: this machine went back"});
-  expectOut(lqhost("history"), 0, {" kept: 3 places", " gone back: 3 places", "1 left as somebody had changed them"});
+  expectOut(lqhost("history"), 0,
+            {" kept: 3 places", " gone back: 3 places", "1 left as somebody had changed them"});
   expectOut(lqhost("rollback --forget"), 0, {"forgotten"});
   expectOut(sync(), 0, {"acknowledged: taskStatus 3"});
 
   // Without a resident host the new way is tried before the command ends.
   const OBGui::KeyList moved{record("Overhub", "sOHHOSTNAME", "127.0.0.9")};
   const PlayedServer server(address_, sessionKey_, {answering(batchText(moved)), taking()});
-  expectErr(lqhost("sync --fresh --way-back-limit 50"), 1, {"the way to the server was changed", "; goes back 20"});
+  expectErr(lqhost("sync --fresh --way-back-limit 50"), 1,
+            {"the way to the server was changed", "; goes back 20"});
 }
 
 }  // namespace
