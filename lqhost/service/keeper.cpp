@@ -12,7 +12,7 @@ namespace {
 
 // A wait is counted by a clock that stands still while the machine sleeps; the deadline is not. Looking costs
 // one line of a file, and a try that failed is not repeated sooner.
-constexpr std::int64_t kLookEvery = 15;
+constexpr std::int64_t kLookEvery = 5;
 
 }  // namespace
 

@@ -9,6 +9,7 @@
 #include "lqhost/rollback/going_back.h"
 #include "lqhost/rollback/history.h"
 #include "lqhost/rollback/place_value.h"
+#include "lqhost/rollback/prediction.h"
 #include "lqhost/rollback/standing_memory.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -74,8 +75,8 @@ class Rollback : public ProductTest {
 
   // As a pass does it, without the server; why it was held back.
   static std::string apply(const OBGui::KeyList& keys, ServerWord word = {},
-                           BatchKind kind = BatchKind::kWhole) {
-    ChangeNote note(kind, word, false);
+                           BatchKind kind = BatchKind::kWhole, bool isCacheBehind = false) {
+    ChangeNote note(kind, word, isCacheBehind);
     std::string reason = note.arrive(keys);
     if (reason.empty()) {
       OBGui::KeyList batch = keys;
@@ -140,6 +141,7 @@ TEST_F(Rollback, RegistryCacheAndModulesAreAsTheyWereBefore) {
   EXPECT_EQ(stateWord(), "kept");
   const Tree after = tree();
   ASSERT_EQ(apply(batch), "");  // which changes nothing
+  EXPECT_TRUE(host::predictChanges({record("None", "s", "1"), removal("", "None", "KEY")}).empty());
   for (const MemoryFile file : {MemoryFile::kBefore, MemoryFile::kGone})
     EXPECT_FALSE(contains(readFile(host::memoryPath(file)), "secret\"")) << "in clear";
   LqRegistryChangeMgr::callBackThreadPool.waitIdle();
@@ -189,6 +191,19 @@ TEST_F(Rollback, WhatSomebodyChangedMeanwhileStays) {
   EXPECT_TRUE(host::forgetGoneBack());
   EXPECT_FALSE(host::forgetGoneBack());
   EXPECT_EQ(apply(two_), "");
+}
+
+// A refresh may use the cache that is put back as far as it could before, and none that could not be.
+TEST_F(Rollback, TheNoteSaysWhetherTheCacheFits) {
+  const auto noted = [] { return host::standingNote().value_or(host::UnsettledNote{}).why; };
+  ASSERT_EQ(apply(two_, {}, BatchKind::kWhole, true), "");
+  goBack();
+  EXPECT_EQ(noted(), host::Unsettled::kCacheKept);
+  ASSERT_EQ(apply({record("Limits", "nMAX", "3")}), "");
+  std::filesystem::remove(cacheFile());
+  std::filesystem::create_directory(cacheFile());
+  EXPECT_FALSE(goBack().isCacheRestored);
+  EXPECT_EQ(noted(), host::Unsettled::kCacheDropped);
 }
 
 // What waits is merged until it is confirmed; what is only kept is not.
@@ -361,7 +376,8 @@ TEST_F(Rollback, OnlyALaterPassProvesTheWayBack) {
   EXPECT_TRUE(host::isWayBackUnproven());
   EXPECT_EQ(apply({record("Limits", "nMAX", "1")}, {}, BatchKind::kPart), "");
   EXPECT_TRUE(host::isWayBackUnproven()) << "the server came here";
-  EXPECT_EQ(host::secondsUntilGoingBack(), 599) << "from the change of the way";
+  EXPECT_EQ(apply({record("Overhub", "sOHCLIENTNAME", "renamed")}, {}, BatchKind::kPart), "");
+  EXPECT_EQ(host::secondsUntilGoingBack(), 599) << "from the first change of the way";
   pass(1);
   EXPECT_EQ(apply(elsewhere), "");
   EXPECT_FALSE(host::isWayBackUnproven());
@@ -464,6 +480,8 @@ TEST_F(CutOff, WhatIsReachedStays) {
     host::Passes stopping(product_);
     stopping.requestStop();
     stopping.keepDeadline();
+    LqPeriodicTaskStatus status;
+    EXPECT_EQ(stopping.download(status).wentBack, "");
     EXPECT_EQ(valueOf("Limits", "nMAX"), "2");
   }
   EXPECT_TRUE(contains(download(&two_).wentBack, "not confirmed"));
