@@ -75,8 +75,10 @@ void useWayBackLimit(std::int64_t seconds) {
   wayBackLimit = seconds;
 }
 
-ChangeNote::ChangeNote(BatchKind kind, ServerWord word, bool isCacheBehind)
-    : kind_(kind), word_(word), isCacheBehind_(isCacheBehind) {}
+ChangeNote::ChangeNote(BatchKind kind, ServerWord word, const std::optional<UnsettledNote>& unsettled)
+    : kind_(kind), word_(word) {
+  if (unsettled) cacheBehind_ = unsettled->why;
+}
 
 std::string ChangeNote::arrive(const OBGui::KeyList& keys) {
   const MemoryLock lock;
@@ -131,7 +133,7 @@ ChangeMemory ChangeNote::begun() const {
   std::string cache;
   // A copy: another link to the file would change what tells that it was replaced.
   if (!FXFile::ReadContents(pathInBase(kSettingsCacheFile), cache).IsError()) memory.cache = std::move(cache);
-  if (isCacheBehind_) memory.isCacheBehind = 1;
+  if (cacheBehind_) memory.cacheBehind = static_cast<std::int64_t>(*cacheBehind_) + 1;
   return memory;
 }
 

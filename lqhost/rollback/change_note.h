@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "lqhost/pass/unsettled_work.h"
 #include "lqhost/rollback/memory.h"
 #include "lqregistry/OBGui.h"
 #include "records/host_report.h"
@@ -34,8 +35,8 @@ enum class BatchKind {
 // proven by it.
 class ChangeNote {
  public:
-  // `isCacheBehind`: the settings cache does not hold what the registry does.
-  ChangeNote(BatchKind kind, ServerWord word, bool isCacheBehind);
+  // `unsettled`: the note that stands, since the settings cache does not hold what the registry does.
+  ChangeNote(BatchKind kind, ServerWord word, const std::optional<UnsettledNote>& unsettled);
   ChangeNote(const ChangeNote&) = delete;
   ChangeNote& operator=(const ChangeNote&) = delete;
 
@@ -61,7 +62,7 @@ class ChangeNote {
 
   BatchKind kind_;
   ServerWord word_;
-  bool isCacheBehind_;
+  std::optional<Unsettled> cacheBehind_;
   Moment began_ = thisMoment();
   PlaceList changes_;                   // of this batch
   std::optional<ChangeMemory> former_;  // that the new one took the place of

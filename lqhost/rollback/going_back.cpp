@@ -95,8 +95,10 @@ bool restoreCache(const ChangeMemory& memory) {
 void settleNote(const ChangeMemory& memory, bool isCacheRestored) {
   UnsettledWork note(Unsettled::kPass);
   if (!isCacheRestored) return note.leave(Unsettled::kCacheDropped);
-  if (memory.isCacheBehind == 1) return note.leave(Unsettled::kCacheKept);
-  note.settle();
+  if (memory.cacheBehind == 0) return note.settle();
+  const auto why = static_cast<Unsettled>(memory.cacheBehind - 1);
+  // A pass that was killed is none that is under way, as a note of this process would say.
+  note.leave(why == Unsettled::kPass ? Unsettled::kCacheLost : why);
 }
 
 // As the server would have sent it.

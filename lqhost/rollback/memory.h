@@ -95,13 +95,13 @@ struct ChangeMemory : MessageClass<ChangeMemory, kMemoryNamespace, 3> {
   Field<std::string, 2, 2> digest;  // of its batch
   Field<std::string, 3, 3> reason;  // why it goes, or went, back
   Field<std::int64_t, 4, 4> hasToBeConfirmed;
-  Field<MemoryDeadline, 5, 5> confirmBy;      // not set: without a limit
-  Field<MemoryDeadline, 6, 6> reachBy;        // not set: the way to the server has not changed, or holds
-  Field<std::string, 7, 7> boot;              // when the newest change was noted
-  Field<std::int64_t, 8, 8> noted;            // likewise, milliseconds since the start of the machine
-  Field<std::string, 9, 9> cache;             // the settings cache of before; not set: there was none
-  Field<std::int64_t, 10, 10> isCacheBehind;  // 1: that cache did not hold what the registry did
-  Field<std::int64_t, 11, 11> localChanges;   // places that were left alone when it went back
+  Field<MemoryDeadline, 5, 5> confirmBy;     // not set: without a limit
+  Field<MemoryDeadline, 6, 6> reachBy;       // not set: the way to the server has not changed, or holds
+  Field<std::string, 7, 7> boot;             // when the newest change was noted
+  Field<std::int64_t, 8, 8> noted;           // likewise, milliseconds since the start of the machine
+  Field<std::string, 9, 9> cache;            // the settings cache of before; not set: there was none
+  Field<std::int64_t, 10, 10> cacheBehind;   // why it did not hold what the registry did, counted from 1
+  Field<std::int64_t, 11, 11> localChanges;  // places that were left alone when it went back
   Field<PlaceList, 12, 12> places;
 
   static std::span<const FieldInfo> fields() {
@@ -114,7 +114,7 @@ struct ChangeMemory : MessageClass<ChangeMemory, kMemoryNamespace, 3> {
                                          field<&ChangeMemory::boot>("boot"),
                                          field<&ChangeMemory::noted>("noted"),
                                          field<&ChangeMemory::cache>("cache"),
-                                         field<&ChangeMemory::isCacheBehind>("cacheBehind"),
+                                         field<&ChangeMemory::cacheBehind>("cacheBehind"),
                                          field<&ChangeMemory::localChanges>("localChanges"),
                                          field<&ChangeMemory::places>("places")};
     return list;

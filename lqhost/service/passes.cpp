@@ -116,7 +116,7 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   const ServerWord word = ask_ ? ask_() : ServerWord{};
   const Turn turn;
   if (isThere(MemoryFile::kGoing)) goBackWhereDue();
-  ChangeNote note(BatchKind::kWhole, word, standingNote().has_value());
+  ChangeNote note(BatchKind::kWhole, word, standingNote());
   UnsettledWork work = beginPass();
   bool isCacheDropped = false;
   if (oldCache == OldCache::kDropped && !isSwitchedOff()) {
@@ -230,7 +230,7 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
 }
 
 PushScope::PushScope()
-    : lock_(applyMutex), note_(BatchKind::kPart, {}, standingNote().has_value()), work_(Unsettled::kPush) {}
+    : lock_(applyMutex), note_(BatchKind::kPart, {}, standingNote()), work_(Unsettled::kPush) {}
 
 void onDownloadWanted(std::function<void()> action) {
   const std::lock_guard lock(wantedMutex);

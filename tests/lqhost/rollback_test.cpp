@@ -75,8 +75,9 @@ class Rollback : public ProductTest {
 
   // As a pass does it, without the server; why it was held back.
   static std::string apply(const OBGui::KeyList& keys, ServerWord word = {},
-                           BatchKind kind = BatchKind::kWhole, bool isCacheBehind = false) {
-    ChangeNote note(kind, word, isCacheBehind);
+                           BatchKind kind = BatchKind::kWhole,
+                           std::optional<host::UnsettledNote> behind = {}) {
+    ChangeNote note(kind, word, behind);
     std::string reason = note.arrive(keys);
     if (reason.empty()) {
       OBGui::KeyList batch = keys;
@@ -196,7 +197,7 @@ TEST_F(Rollback, WhatSomebodyChangedMeanwhileStays) {
 // A refresh may use the cache that is put back as far as it could before, and none that could not be.
 TEST_F(Rollback, TheNoteSaysWhetherTheCacheFits) {
   const auto noted = [] { return host::standingNote().value_or(host::UnsettledNote{}).why; };
-  ASSERT_EQ(apply(two_, {}, BatchKind::kWhole, true), "");
+  ASSERT_EQ(apply(two_, {}, BatchKind::kWhole, host::UnsettledNote{host::Unsettled::kCacheKept, 0, ""}), "");
   goBack();
   EXPECT_EQ(noted(), host::Unsettled::kCacheKept);
   ASSERT_EQ(apply({record("Limits", "nMAX", "3")}), "");
@@ -245,18 +246,18 @@ TEST_F(Rollback, TheMemoryReachesBackToTheLastConfirmedState) {
   // A batch that cannot be applied leaves the memory of the one before.
   set("8");
   {
-    ChangeNote note(BatchKind::kWhole, {}, false);
+    ChangeNote note(BatchKind::kWhole, {}, {});
     EXPECT_EQ(note.arrive({record("Limits", "nMAX", "9")}), "");
     note.finish();
   }
   goBack();
   EXPECT_EQ(valueOf("Limits", "nMAX"), "6");
   // One that was killed before it was applied leaves nothing to go back from; afterwards it does.
-  ChangeNote(BatchKind::kWhole, {60}, false).arrive({record("Limits", "nMAX", "10")});
+  ChangeNote(BatchKind::kWhole, {60}, {}).arrive({record("Limits", "nMAX", "10")});
   EXPECT_EQ(stateWord(), "waiting");
   host::dropWhatNeverHappened();
   EXPECT_EQ(stateWord(), "goneBack");
-  ChangeNote(BatchKind::kWhole, {60}, false).arrive({record("Limits", "nMAX", "10")});
+  ChangeNote(BatchKind::kWhole, {60}, {}).arrive({record("Limits", "nMAX", "10")});
   setValue("Limits", "nMAX", "10");
   host::dropWhatNeverHappened();
   EXPECT_EQ(stateWord(), "waiting");
@@ -321,7 +322,7 @@ TEST_F(Rollback, AFullDiskPutsItOff) {
     EXPECT_TRUE(host::goBack("no room").error.IsError());
     EXPECT_EQ(stateWord(), "goingBack");
     EXPECT_EQ(valueOf("Limits", "nMAX"), "2");
-    ChangeNote note(BatchKind::kWhole, {}, false);
+    ChangeNote note(BatchKind::kWhole, {}, {});
     EXPECT_NE(note.arrive({record("A", "s", "1")}), "");
     EXPECT_TRUE(note.mayComeAgain());
   }
@@ -335,7 +336,7 @@ TEST_F(Rollback, AFullDiskPutsItOff) {
       {record("Limits", "nMIN", "2"), {HostReport::kDemandVerdicts}, false},
       {record("Overhub", "sOHHOSTNAME", "elsewhere"), {}, false}};
   for (const auto& [key, word, isApplied] : cases) {
-    ChangeNote note(BatchKind::kWhole, word, false);
+    ChangeNote note(BatchKind::kWhole, word, {});
     EXPECT_EQ(note.arrive({key}).empty(), isApplied);
     EXPECT_EQ(note.mayComeAgain(), !isApplied);
     EXPECT_TRUE(note.error().IsError());
@@ -366,7 +367,7 @@ TEST_F(Rollback, ADeadlineOutlastsClocksAndRestarts) {
 // Whoever had the old way in hand when it was changed proves nothing of the new one.
 TEST_F(Rollback, OnlyALaterPassProvesTheWayBack) {
   const OBGui::KeyList elsewhere{record("Overhub", "sOHHOSTNAME", "elsewhere")};
-  ChangeNote underWay(BatchKind::kWhole, {}, false);
+  ChangeNote underWay(BatchKind::kWhole, {}, {});
   pass(1);
   ASSERT_EQ(apply(elsewhere, {}, BatchKind::kPart), "");
   EXPECT_TRUE(host::isWayBackUnproven());
