@@ -172,7 +172,7 @@ std::string Passes::goBackWhereDue() {
     ObEvent().Error(kTag, "Going back is put off: %s", lock.reason().c_str());
     return {};
   }
-  const std::string reason = overdueReason();
+  std::string reason = overdueReason();
   if (goBack(reason).error.IsError()) return {};  // it has logged why
   wantDownload();                                 // so that the server hears of it
   return reason;
