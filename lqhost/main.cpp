@@ -32,14 +32,16 @@ Examples:
   lqhost --log-level 10 --log-file - refresh
   lqhost run --sync-every 3600
   lqhost status
+  lqhost rollback
 
 Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the host could not start, or does not
 answer), 2 wrong usage or join file, 3 not joined or the registry cannot be used, 4 not everything could be
 applied or uploaded, 5 skipped (synchronisation is switched off, or joining not finished), 6 values differ from
 the cache, 7 the settings cache could not be written, 8 the settings cache was kept, because it holds more
 records than the server's reply (sync --fresh drops it), 9 the server has not recorded the acknowledgement, 10 the
-settings cache cannot be read and was not replaced. Where several hold, sync and refresh end with the first of 1, 5,
-4, 7, 10, 8, 9, status with the first of 3, 7, 10, 8, 6, 9, 1.)";
+settings cache cannot be read and was not replaced, 11 a batch was not applied, because this machine went back from
+it (history tells why), or could not go back from it. Where several hold, sync and refresh end with the first of 11, 1,
+5, 4, 7, 10, 8, 9, status with the first of 3, 7, 10, 8, 6, 11, 9, 1.)";
 
 struct Settings {
   std::string registry;
@@ -65,6 +67,7 @@ void describe(programs::CommandLine& line, Settings& settings) {
   host::addMonitor(line);
   host::addAlerts(line);
   host::addStatus(line);
+  host::addRollback(line);
   host::addRun(line);
 }
 

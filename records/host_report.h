@@ -23,9 +23,9 @@ inline constexpr int kNamespace = 14;
 inline constexpr std::int64_t kVersion = 1;
 
 // Bounds of a report, which the sender keeps and the server enforces.
-inline constexpr std::size_t kMaxEntries = 200;             // of each list
-inline constexpr std::size_t kMaxTextBytes = 512;           // of each text but the values of paths and names
-inline constexpr std::size_t kMaxReportBytes = 256 * 1024;  // of the whole, as text
+inline constexpr std::size_t kMaxEntries = 200;    // of each list
+inline constexpr std::size_t kMaxTextBytes = 512;  // of each text but the values of paths and names
+inline constexpr std::size_t kMaxReportBytes = std::size_t{256} * 1024;  // of the whole, as text
 
 // Report::cause.
 inline constexpr const char* kCauseAsk = "ask";  // a pass is about to begin

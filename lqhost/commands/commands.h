@@ -20,6 +20,7 @@ void addUpload(CommandLine& line);
 void addMonitor(CommandLine& line);
 void addAlerts(CommandLine& line);
 void addStatus(CommandLine& line);
+void addRollback(CommandLine& line);
 inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
 
@@ -27,6 +28,7 @@ void addRun(CommandLine& line);
 [[nodiscard]] CommandResult synchroniseNow(Passes& passes, OldCache oldCache = OldCache::kStays);
 [[nodiscard]] CommandResult refreshNow(Passes& passes);
 [[nodiscard]] CommandResult uploadNow();
+[[nodiscard]] CommandResult rollBackNow(Passes& passes);
 
 // The line of `lqhost status` on change callbacks that wait in the resident host.
 inline constexpr std::size_t kManyCallbacks = 10000;

@@ -8,8 +8,8 @@ namespace host {
 namespace {
 
 // What is wrong, the worst first: what the cache lacks explains why values differ from it.
-constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitCacheKept,
-                                    kExitDrift,     kExitUnacknowledged,  kExitFailed};
+constexpr std::array kWorstFirst = {kExitCacheLost, kExitCacheUnreadable, kExitCacheKept, kExitDrift,
+                                    kExitHeldBack,  kExitUnacknowledged,  kExitFailed};
 
 }  // namespace
 
@@ -35,6 +35,8 @@ int exitCodeOf(RunOutcome outcome) {
       return kExitCacheKept;
     case RunOutcome::kCacheUnreadable:
       return kExitCacheUnreadable;
+    case RunOutcome::kHeldBack:
+      return kExitHeldBack;
     case RunOutcome::kFailed:
     case RunOutcome::kPutOff:
       break;

@@ -15,6 +15,7 @@
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/cached_settings.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/LQClient.h"
@@ -139,7 +140,10 @@ CWmError record(const programs::JoinFile& file, const JoinOptions& options, bool
     batch.abandon();
     return error;
   }
-  if (written && batch.commit()) return {};
+  if (written && batch.commit()) {
+    if (lock) forgetChanges();
+    return {};
+  }
   batch.abandon();
   std::string why = info.getRegErrorText();
   if (why.empty()) why = lqregistry::File() + ": the registry could not be written; the log tells why";

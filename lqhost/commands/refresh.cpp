@@ -55,6 +55,9 @@ CommandResult refreshNow(Passes& passes) {
 
   LqPeriodicTaskStatus status;
   RefreshResult refreshed = passes.refresh(status);
+  if (refreshed.run == RunOutcome::kPutOff && !refreshed.reason)
+    return complaint(kExitFailed,
+                     "this machine is going back to older values, and could not end that; see the log");
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
   const std::string next = "; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   CachedSettings kept;

@@ -12,9 +12,11 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/command_protocol.h"
 #include "lqhost/service/command_socket.h"
 #include "lqhost/service/host_module.h"
+#include "lqhost/service/keeper.h"
 #include "lqhost/service/periodic_task.h"
 #include "lqhost/service/request_service.h"
 #include "lqhost/service/resident_lock.h"
@@ -35,6 +37,7 @@ struct RunOptions {
   std::uint16_t port = programs::kHostServicePort;
   std::uint32_t syncEvery = kDefaultFrequency;  // seconds
   std::uint32_t spread = kDefaultSpread;        // seconds
+  std::uint32_t wayBackLimit = kWayBackLimit;   // seconds
   std::vector<std::string> modules;
 };
 
@@ -54,6 +57,7 @@ CommandResult answer(Passes& passes, const std::string& question) {
   if (question == kAskFreshSync) return synchroniseNow(passes, OldCache::kDropped);
   if (question == kAskRefresh) return refreshNow(passes);
   if (question == kAskUpload) return uploadNow();
+  if (question == kAskRollback) return rollBackNow(passes);
   if (question == kAskCallbacks) return countCallbacks();
   return complaint(kExitUsage, "the resident host knows no command " + question);
 }
@@ -69,7 +73,8 @@ class Schedule {
         refresh_(
             kRefreshTask, nullptr,
             [&passes](LqPeriodicTaskStatus& status) { return refreshOnTime(passes, status); },
-            kDefaultFrequency) {
+            kDefaultFrequency),
+        keeper_(passes) {
     onDownloadWanted([this] { download_.runSoon(); });
   }
   // A command that is still at it may want one.
@@ -79,11 +84,13 @@ class Schedule {
 
   void start(std::uint32_t spread) {
     // Left by a host that was killed, or by a pass that did not store the cache.
-    if (standingNote()) download_.runSoon();
+    if (standingNote() || isWayBackUnproven()) download_.runSoon();
     download_.start(spread);
     refresh_.start(spread);
+    keeper_.start();
   }
   void requestStop() {
+    keeper_.requestStop();
     download_.requestStop();
     refresh_.requestStop();
   }
@@ -91,6 +98,7 @@ class Schedule {
  private:
   PeriodicTask download_;
   PeriodicTask refresh_;
+  Keeper keeper_;
 };
 
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
@@ -104,6 +112,7 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
                                 Passes& passes, ResidentSocket& socket) {
   Schedule schedule(passes, options);
   RequestService requests;
+  passes.takeUpMemory();
   if (const CWmError error = requests.start(options.address, options.port); error.IsError())
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   schedule.start(options.spread);
@@ -126,6 +135,7 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
 
 int run(const RunOptions& options) {
   if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  useWayBackLimit(options.wayBackLimit);
   const programs::StopSignals signals;
   if (const CWmError error = becomeResident(); error.IsError())
     return print(complaint(kExitFailed, error.AsString()));
@@ -163,6 +173,10 @@ void addRun(CommandLine& line) {
       .bounded("--sync-every", options->syncEvery, kMinFrequency, kMaxFrequency,
                "Seconds between two synchronisations")
       .bounded("--spread", options->spread, 0, kMaxFrequency, "Spread first runs over this many seconds")
+      .bounded(
+          "--way-back-limit", options->wayBackLimit, kMinWayBackLimit, kMaxWayBackLimit,
+          "Seconds within which the server has to be reached after the way to it was changed; otherwise the "
+          "change is gone back from")
       .option("--module", options->modules, "Load this host module; may be repeated");
 }
 

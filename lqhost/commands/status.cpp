@@ -12,6 +12,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/ask_resident.h"
 #include "lqhost/service/resident_lock.h"
 #include "lqhost/service/task_runs.h"
@@ -92,6 +93,14 @@ int addUnsettled(std::string& text) {
   return exitCodeOf(note->why);
 }
 
+// What is kept of the newest changes, or waits, or was gone back from.
+int addMemory(std::string& text) {
+  const HostReport::Memory memory = memoryState();
+  const std::string line = memoryText(memory);
+  if (!line.empty()) addLine(text, "changes", programs::escapedForTerminal(line));
+  return memory.state.get().starts_with("go") ? kExitHeldBack : kExitOk;
+}
+
 // What the resident host, if there is one, says of itself.
 int addResident(std::string& text) {
   const std::optional<CommandResult> answer = answerOfResident(kAskCallbacks);
@@ -160,6 +169,7 @@ int status() {
   int worst = addTask(result.out, "last sync", kDownloadTask, isResident);
   const int refreshed = addTask(result.out, "last refresh", kRefreshTask, isResident);
   worst = worseOf(worst, addUnsettled(result.out));
+  worst = worseOf(worst, addMemory(result.out));
   worst = worseOf(worst, addResident(result.out));
   const int cache = addCache(result.out);
   worst = worseOf(worst, cache);

@@ -8,6 +8,7 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/ask_resident.h"
 #include "lqhost/service/resident_lock.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
@@ -59,6 +60,7 @@ std::string CallbackWatch::lines_;
 struct SyncOptions {
   CommandLine::Pairs watched;
   bool isFresh = false;
+  std::uint32_t wayBackLimit = kWayBackLimit;  // seconds
 
   OldCache oldCache() const { return isFresh ? OldCache::kDropped : OldCache::kStays; }
 };
@@ -109,7 +111,17 @@ int syncHere(const SyncOptions& options) {
   Passes passes(product);
   if (passes.error().IsError()) return print(complaint(kExitFailed, passes.error().AsString()));
   const CallbackWatch callbacks(options.watched);
+  passes.takeUpMemory();
   CommandResult result = synchroniseNow(passes, options.oldCache());
+  // Nobody else would try the way that was just changed.
+  if (result.exitCode != kExitFailed && isWayBackUnproven()) {
+    result.out += "the way to the server was changed, so it is tried at once:\n";
+    const CommandResult proof = synchroniseNow(passes);
+    result.out += proof.out;
+    result.err += proof.err;
+    result.exitCode = proof.exitCode;
+    if (isWayBackUnproven()) result.err += complaintLine(memoryText(memoryState()));
+  }
   result.out += CallbackWatch::text();
   return print(result);
 }
@@ -122,6 +134,7 @@ int sync(const SyncOptions& options) {
                   "--watch is for machines without a resident host: callbacks run in the process that "
                   "synchronises, which is the resident host here; its log shows what they did"));
   }
+  useWayBackLimit(options.wayBackLimit);
   if (const auto answered = answerOfResident(options.isFresh ? kAskFreshSync : kAskSync))
     return print(*answered);
   return syncHere(options);
@@ -139,13 +152,19 @@ CommandResult synchroniseNow(Passes& passes, OldCache oldCache) {
         "nothing was synchronised, because the settings cache could not be dropped first: ";
     return complaint(kExitFailed, what + pass.dropError.AsString());
   }
+  if (pass.memoryError.IsError())
+    result.err +=
+        complaintLine(std::string("what was before could not be kept: ") + pass.memoryError.AsString());
+  if (!pass.wentBack.empty()) result.err += complaintLine("went back: " + pass.wentBack);
   const RunOutcome outcome = pass.outcome();
   result.exitCode = exitCodeOf(outcome);
   if (pass.noteError.IsError()) {
     const std::string what = "what is under way could not be noted on disk: ";
     result.err += complaintLine(what + pass.noteError.AsString());
   }
-  if (outcome == RunOutcome::kSkipped) {
+  if (outcome == RunOutcome::kHeldBack) {
+    result.err += complaintLine("the batch was not applied: " + pass.heldBack);
+  } else if (outcome == RunOutcome::kSkipped) {
     result.out +=
         "skipped: synchronisation is switched off (EventManager bEnableRegistrySync), or joining is not "
         "finished (Session bANTICHATTER)\n";
@@ -168,6 +187,8 @@ void addSync(CommandLine& line) {
           "--fresh", options->isFresh,
           "Drop the settings cache first, so that another one is stored even if the server's reply has fewer "
           "records; for a machine that was set back to an older state, say")
+      .bounded("--way-back-limit", options->wayBackLimit, kMinWayBackLimit, kMaxWayBackLimit,
+               "As of `lqhost run`, where none is running")
       .option(
           "--watch PATH NAME", options->watched,
           "Register a change callback for a key path and a value name, spelled as the server spells them; "

@@ -24,6 +24,8 @@ const char* outcomeText(RunOutcome outcome) {
       return "applied, but the settings cache was kept, since the reply has fewer records";
     case RunOutcome::kCacheUnreadable:
       return "the settings cache cannot be read and was not replaced";
+    case RunOutcome::kHeldBack:
+      return "held back: this machine went back from such a batch, or could not go back from it";
     case RunOutcome::kPutOff:
       break;
   }
@@ -31,6 +33,7 @@ const char* outcomeText(RunOutcome outcome) {
 }
 
 RunOutcome PassResult::outcome() const {
+  if (!heldBack.empty()) return RunOutcome::kHeldBack;
   if (taskResult != 0) return RunOutcome::kFailed;
   if (!received) return RunOutcome::kSkipped;
   if (failedRecords != 0 || acknowledgedAs == OBGui::kTaskFailed) return RunOutcome::kPartly;
@@ -52,6 +55,8 @@ bool PassResult::hasEndedWell() const {
     case RunOutcome::kApplied:
     case RunOutcome::kSkipped:
       return true;
+    case RunOutcome::kHeldBack:
+      return !mayComeAgain;
     case RunOutcome::kPartly:  // which hides what else went wrong
       return cache == CacheFate::kStored && isAcknowledged();
     default:

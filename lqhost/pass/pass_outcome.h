@@ -25,8 +25,9 @@ enum class RunOutcome {
   kCacheKept,        // applied, but the cache holds more records than the reply and was kept
   kCacheUnreadable,  // applied, but the cache cannot be read and was not replaced
   kPutOff,           // a refresh that was not run, since a synchronisation has to come first
+  kHeldBack,         // a batch came and was not applied, since this machine went back from it, or could not
 };
-inline constexpr int kLastOutcome = static_cast<int>(RunOutcome::kPutOff);
+inline constexpr int kLastOutcome = static_cast<int>(RunOutcome::kHeldBack);
 
 // One line for people.
 const char* outcomeText(RunOutcome outcome);
@@ -39,7 +40,11 @@ struct PassResult {
   int taskResult = 0;                          // of the product's callback
   std::size_t failedRecords = 0;               // as the report counts them; 0 where none is made
   CacheFate cache = CacheFate::kStored;
-  CWmError noteError;           // why the pass could not be noted before it began
+  CWmError noteError;         // why the pass could not be noted before it began
+  std::string heldBack;       // why the batch that came was not applied; empty when it was, or none came
+  std::string wentBack;       // why the machine went back to what was before, after it; empty when it did not
+  bool mayComeAgain = false;  // such a batch may be applied later, without anybody's doing
+  CWmError memoryError;       // why it cannot be gone back from this batch
   bool isCacheDropped = false;  // before it began
   CWmError dropError;           // why that was wanted and could not be done; there was no pass then
 

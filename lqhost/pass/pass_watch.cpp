@@ -2,8 +2,10 @@
 
 namespace host {
 
-PassWatch::PassWatch(PassDetails* details)
-    : details_(details), watch_([this](const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
+PassWatch::PassWatch(PassDetails* details, OnArrival onArrival)
+    : details_(details),
+      onArrival_(std::move(onArrival)),
+      watch_([this](const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch) {
         onEvent(event, batch);
       }) {}
 
@@ -11,7 +13,7 @@ void PassWatch::onEvent(const WireWatch::Event& event, const OBGui::RegistryTask
   using Kind = WireWatch::Event::Kind;
   switch (event.kind) {
     case Kind::kReceived:
-      if (batch != nullptr) onBatch(*batch);
+      if (batch != nullptr) onBatch(event, *batch);
       break;
     case Kind::kSent:
       if (batch != nullptr) result_.acknowledgedAs = batch->taskStatus;
@@ -26,7 +28,14 @@ void PassWatch::onEvent(const WireWatch::Event& event, const OBGui::RegistryTask
   }
 }
 
-void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
+void PassWatch::onBatch(const WireWatch::Event& event, const OBGui::RegistryTaskResp& batch) {
+  if (onArrival_ && event.decline != nullptr) {
+    result_.heldBack = onArrival_(batch.keys);
+    if (!result_.heldBack.empty()) {
+      *event.decline = result_.heldBack;
+      return;
+    }
+  }
   result_.received = batch.keys->size();
   if (details_ == nullptr) return;
   details_->batch = batch.keys;

@@ -2,6 +2,9 @@
 // the pass is decided in pass_outcome.h.
 #pragma once
 
+#include <functional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "lqhost/pass/current_value.h"
@@ -18,20 +21,24 @@ struct PassDetails {
   std::vector<CurrentValue> before;  // for each record
 };
 
+// Called with a batch that has come, before anybody applies it: why it must not be; empty when it may.
+using OnArrival = std::function<std::string(const OBGui::KeyList&)>;
+
 // Opened and closed on the thread that runs the pass.
 class PassWatch {
  public:
   // Fills `details` when a batch comes, unless it is null.
-  explicit PassWatch(PassDetails* details);
+  explicit PassWatch(PassDetails* details, OnArrival onArrival = {});
 
   // What was seen on the wire so far.
   const PassResult& result() const { return result_; }
 
  private:
   void onEvent(const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch);
-  void onBatch(const OBGui::RegistryTaskResp& batch);
+  void onBatch(const WireWatch::Event& event, const OBGui::RegistryTaskResp& batch);
 
   PassDetails* details_;
+  OnArrival onArrival_;
   PassResult result_;
   WireWatch watch_;
 };

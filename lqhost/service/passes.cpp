@@ -9,6 +9,7 @@
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/pass/pass_watch.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqSettings.h"
@@ -19,6 +20,7 @@ namespace host {
 namespace {
 
 constexpr const char* kTag = "host::Passes";
+constexpr const char* kGoingBackTask = "going back";
 constexpr int kNotBegun = -1;  // in place of what the product's callback would have said
 
 // Taken in this order. A download holds the first for its length and the second while it begins; a refresh
@@ -111,7 +113,10 @@ PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string&
 }
 
 PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache) {
+  const ServerWord word = ask_ ? ask_() : ServerWord{};
   const Turn turn;
+  if (isThere(MemoryFile::kGoing)) goBackWhereDue();
+  ChangeNote note(BatchKind::kWhole, word, standingNote());
   UnsettledWork work = beginPass();
   bool isCacheDropped = false;
   if (oldCache == OldCache::kDropped && !isSwitchedOff()) {
@@ -129,10 +134,14 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   const Stopwatch watch;
   const CacheWatch cache;
   PassDetails details;
-  PassWatch pass(report == nullptr ? nullptr : &details);
+  PassWatch pass(report == nullptr ? nullptr : &details,
+                 [&note](const OBGui::KeyList& keys) { return note.arrive(keys); });
   const int taskResult = downloadTimer_(&status);
   PassResult result = pass.result();
   result.taskResult = taskResult;
+  note.finish();
+  result.mayComeAgain = note.mayComeAgain();
+  result.memoryError = note.error();
   result.noteError = work.error();
   result.isCacheDropped = isCacheDropped;
   if (result.received) {
@@ -147,11 +156,53 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   noteRun(kDownloadTask, started, watch.seconds(), taskResult, result.outcome());
   if (!result.refusal.empty())
     ObEvent().Error(kTag, "The server could not record the acknowledgement: %s", result.refusal.c_str());
+  if (!result.heldBack.empty())
+    ObEvent().Error(kTag, "The batch was not applied: %s", result.heldBack.c_str());
+  result.wentBack = goBackWhereDue();
+  // A pass over the new way shows that it is one.
+  if (note.hasChangedWayBack()) wantDownload();
   return result;
+}
+
+std::string Passes::goBackWhereDue() {
+  if (isStopping_ || secondsUntilGoingBack() != 0) return {};
+  const std::lock_guard applyLock(applyMutex);
+  const LqPassLock lock(kGoingBackTask);
+  if (!lock.isHeld()) {
+    ObEvent().Error(kTag, "Going back is put off: %s", lock.reason().c_str());
+    return {};
+  }
+  std::string reason = overdueReason();
+  if (goBack(reason).error.IsError()) return {};  // it has logged why
+  wantDownload();                                 // so that the server hears of it
+  return reason;
+}
+
+WentBack Passes::goBackNow(const std::string& reason) {
+  const Turn turn;
+  const std::lock_guard applyLock(applyMutex);
+  const LqPassLock lock(kGoingBackTask);
+  if (lock.isHeld()) return goBack(reason);
+  WentBack none;
+  none.error = {kLqErrFile, lock.reason()};
+  return none;
+}
+
+void Passes::takeUpMemory() {
+  const Turn turn;
+  if (isThere(MemoryFile::kGoing)) goBackWhereDue();
+  dropWhatNeverHappened();
+}
+
+void Passes::keepDeadline() {
+  if (isStopping_ || secondsUntilGoingBack() != 0) return;
+  LqPeriodicTaskStatus status;
+  static_cast<void>(download(status));
 }
 
 RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   const Turn turn;
+  if (isThere(MemoryFile::kGoing)) goBackWhereDue();
   const std::lock_guard applyLock(applyMutex);
   const std::time_t started = std::time(nullptr);
   if (std::optional<UnsettledNote> note = standingNote()) {
@@ -159,10 +210,17 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
     noteRun(kRefreshTask, started, 0, 0, RunOutcome::kPutOff);
     return {RunOutcome::kPutOff, note};
   }
+  RefreshResult result;
+  if (isThere(MemoryFile::kGoing)) {  // the cache may be the one that it goes back from
+    noteRun(kRefreshTask, started, 0, 0, RunOutcome::kPutOff);
+    result.run = RunOutcome::kPutOff;
+    return result;
+  }
   const Stopwatch watch;
   const CacheWatch cache;
+  RefreshNote note;
   const int taskResult = refreshTimer_(&status);
-  RefreshResult result;
+  note.finish();
   result.run = judgeRefresh(taskResult, cache);
   if (result.run == RunOutcome::kCacheLost) {
     const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
@@ -171,7 +229,8 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   return result;
 }
 
-PushScope::PushScope() : lock_(applyMutex), work_(Unsettled::kPush) {}
+PushScope::PushScope()
+    : lock_(applyMutex), note_(BatchKind::kPart, {}, standingNote()), work_(Unsettled::kPush) {}
 
 void onDownloadWanted(std::function<void()> action) {
   const std::lock_guard lock(wantedMutex);

@@ -12,8 +12,12 @@
 // A download begins only after a push under way has been applied: its reply was asked for after that, so its
 // cache can hold what was pushed. A refresh waits for a pass of another process before it looks at the note,
 // so it is short for a push that waits for it.
+//
+// What a download or a push changes is noted before it is applied (rollback/change_note.h). A download ends
+// with going back where that is overdue: it has just been tried, once more, to reach the server.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -21,6 +25,8 @@
 #include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/pass/unsettled_work.h"
+#include "lqhost/rollback/change_note.h"
+#include "lqhost/rollback/going_back.h"
 #include "lqhost/service/product_library.h"
 #include "lqhost/service/task_runs.h"
 
@@ -47,25 +53,48 @@ class Passes {
   // Runs a refresh on this thread, unless a note stands.
   RefreshResult refresh(LqPeriodicTaskStatus& status);
 
+  // What the server says when it is asked before a download; without it, nothing is demanded. To be set
+  // before any download.
+  void onAsk(std::function<ServerWord()> ask) { ask_ = std::move(ask); }
+
+  // Goes back to what was before the newest changes, now.
+  WentBack goBackNow(const std::string& reason);
+  // Ends what was begun, and drops a memory of changes that never came about: for the start of a host.
+  void takeUpMemory();
+  // Goes back where that is due, after a download that has tried to avert it.
+  void keepDeadline();
+  // From now on a pass that fails may have been broken off: nothing goes back for that.
+  void requestStop() { isStopping_ = true; }
+
  private:
+  std::string goBackWhereDue();  // why it did; empty when it did not
   PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache);
 
   CWmError error_;
   TaskCallback downloadStart_ = nullptr;
   TaskCallback downloadTimer_ = nullptr;
   TaskCallback refreshTimer_ = nullptr;
+  std::function<ServerWord()> ask_;
+  std::atomic<bool> isStopping_{false};
 };
 
 // A batch that the server pushes, around the moment in which it is applied.
 class PushScope {
  public:
   PushScope();  // waits for a refresh under way; notes the push
+  ~PushScope() { note_.finish(); }
+  PushScope(const PushScope&) = delete;
+  PushScope& operator=(const PushScope&) = delete;
+
+  // Why the batch must not be applied; empty when it may.
+  std::string arrive(const OBGui::KeyList& keys) { return note_.arrive(keys); }
 
   // Nothing was applied: no synchronisation has to follow.
   void withdraw() { work_.restore(); }
 
  private:
   std::unique_lock<std::mutex> lock_;
+  ChangeNote note_;
   UnsettledWork work_;
 };
 

@@ -59,19 +59,21 @@ void decline(CLqNetwork& session, const std::string& reason) {
   static_cast<void>(session.SendRefusal(reason));  // who is gone needs no reason, and the log has it
 }
 
-// Applies a pushed batch. False when this client does not know its own id; nothing was applied then.
-bool applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+// Applies a pushed batch. Otherwise the reason, and nothing was applied.
+std::string applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
   PushScope push;
-  const bool isKnown = client.serverRequestHandler(batch) != 0;
-  if (!isKnown) push.withdraw();
-  return isKnown;
+  std::string reason = push.arrive(batch.keys);
+  if (reason.empty() && client.serverRequestHandler(batch) == 0)
+    reason = "this client does not know its own id";
+  if (!reason.empty()) push.withdraw();
+  return reason;
 }
 
 void answerPush(CLqNetwork& session, OBGui::RegistryTaskResp& batch) {
   LqRegistryManagerClnt client(instanceName());
   ObEvent().Debug(kTag, "The server pushes %zu records", batch.keys->size());
-  if (!applyPush(client, batch)) {
-    decline(session, "this client does not know its own id");
+  if (const std::string reason = applyPush(client, batch); !reason.empty()) {
+    decline(session, reason);
     return;
   }
   send(session, *client.sendMessage);

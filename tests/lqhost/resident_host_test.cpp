@@ -60,6 +60,33 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_TRUE(contains(lqhost({"status"}).out, "no resident host is running"));
 }
 
+// With its server's address taken from it, and by hand; its modules hear of both.
+TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
+  const auto setBoth = [this](const std::string& address, const std::string& level) {
+    expectOk({"set", "web-1", "Overhub", "sOHHOSTNAME", address, "--force"});
+    expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", level});
+  };
+  setBoth(address_, "5");
+  const auto server = serve();
+  const auto host = runHost({"--module", kModule, "--sync-every", "3600", "--way-back-limit", "5"});
+  ASSERT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << host->output();
+  setBoth(uniqueLoopbackAddress(), "7");
+  expectOut(lqhost({"sync"}), 9, {"2 changed"});
+  ASSERT_TRUE(host->waitForOutput("Went back from a batch: the server was not reached")) << host->output();
+  EXPECT_TRUE(becomesTrue([&] { return countOf(*host, "nTraceLevel is [5] now") == 2; })) << host->output();
+  EXPECT_TRUE(host->waitForOutput("The batch was not applied: ")) << "the server is reached again";
+  EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), address_);
+
+  setBoth(address_, "8");
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  expectOut(lqhost({"rollback"}), 0,
+            {"restored  SOFTWARE/Velmor/Instance001/Machine/Settings  nTraceLevel\n"});
+  EXPECT_TRUE(becomesTrue([&] { return countOf(*host, "nTraceLevel is [5] now") == 3; })) << host->output();
+  EXPECT_EQ(valueOf("Machine/Settings", "nTraceLevel"), "5");
+  writeFile(dir_ / "batch.xml", batchText({record("Machine/Settings", "nTraceLevel", "8")}));
+  expectErr(ask({"push", "web-1", dir_ / "batch.xml"}), 1, {"went back"});
+}
+
 // Modules and callbacks live in the resident host, so what a person asks for is done there.
 TEST_F(ResidentHost, CommandsAreCarriedOutByTheResidentHost) {
   expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "5"});

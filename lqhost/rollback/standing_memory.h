@@ -1,0 +1,41 @@
+// What is kept or waits, and what follows from that: for the schedule, the report to the server and people.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "lqhost/rollback/memory.h"
+#include "records/host_report.h"
+
+namespace host {
+
+// What the report to the server says of it.
+HostReport::Memory memoryState();
+
+// The same for people, in one line; empty when there is nothing to say.
+std::string memoryText(const HostReport::Memory& memory);
+
+// Seconds until the machine has to go back, 0 when that is due; nothing when no time is set. Under way is
+// due.
+std::optional<std::int64_t> secondsUntilGoingBack();
+
+// Why, for whoever goes back since that time has come.
+std::string overdueReason();
+
+// Whether the way to the server was changed and is not proven yet.
+bool isWayBackUnproven();
+
+// The server says that the batch with this digest stays. Another one is nothing to it.
+void confirmChanges(const std::string& digest);
+
+// What the machine went back from may be applied again. False when there was nothing.
+bool forgetGoneBack();
+
+// All that is kept: it was another client's.
+void forgetChanges();
+
+// At the start of a host: when nothing of what was noted has been applied, there is nothing to go back from.
+void dropWhatNeverHappened();
+
+}  // namespace host
