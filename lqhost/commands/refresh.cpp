@@ -39,7 +39,7 @@ PassDetails rebased(const PassDetails& begun, OBGui::KeyList now) {
                         begun.batch[i].valueName.get() == now[i].valueName.get();
     if (isSame) before[i] = begun.before[i];
   }
-  return {std::move(now), std::move(before)};
+  return {std::move(now), std::move(before), begun.writes};
 }
 
 }  // namespace
@@ -56,6 +56,7 @@ CommandResult refreshNow(Passes& passes) {
   LqPeriodicTaskStatus status;
   RefreshResult refreshed = passes.refresh(status);
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
+  details.writes = refreshed.writes;
   const std::string next = "; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   CachedSettings kept;
   error = readCachedSettings(kept);

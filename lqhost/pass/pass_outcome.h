@@ -9,6 +9,7 @@
 #include <string>
 
 #include "lqhost/pass/cache_watch.h"
+#include "lqhost/pass/pass_terms.h"
 #include "lqregistry/CWmError.h"
 
 namespace host {
@@ -41,6 +42,7 @@ struct PassResult {
   CacheFate cache = CacheFate::kStored;
   CWmError noteError;           // why the pass could not be noted before it began
   bool isCacheDropped = false;  // before it began
+  PassTerms terms;              // under which it fetched its batch
   CWmError dropError;           // why that was wanted and could not be done; there was no pass then
 
   // Sent, dealt with, and not refused.

@@ -28,6 +28,7 @@ void PassWatch::onEvent(const WireWatch::Event& event, const OBGui::RegistryTask
 
 void PassWatch::onBatch(const OBGui::RegistryTaskResp& batch) {
   result_.received = batch.keys->size();
+  facts_ = factsOf(batch.keys);
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
   details_->before = currentValues(batch.keys);

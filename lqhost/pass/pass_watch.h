@@ -2,10 +2,13 @@
 // the pass is decided in pass_outcome.h.
 #pragma once
 
+#include <optional>
 #include <vector>
 
+#include "lqhost/pass/batch_facts.h"
 #include "lqhost/pass/current_value.h"
 #include "lqhost/pass/pass_outcome.h"
+#include "lqhost/pass/registry_writes.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/OBGui.h"
 
@@ -16,6 +19,7 @@ namespace host {
 struct PassDetails {
   OBGui::KeyList batch;              // as it arrived
   std::vector<CurrentValue> before;  // for each record
+  RegistryWrites writes;             // of the pass
 };
 
 // Opened and closed on the thread that runs the pass.
@@ -26,6 +30,9 @@ class PassWatch {
 
   // What was seen on the wire so far.
   const PassResult& result() const { return result_; }
+  // Of the batch that came, if one did.
+  const std::optional<BatchFacts>& facts() const { return facts_; }
+  const RegistryWrites& writes() const { return writes_.writes(); }
 
  private:
   void onEvent(const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch);
@@ -33,6 +40,8 @@ class PassWatch {
 
   PassDetails* details_;
   PassResult result_;
+  std::optional<BatchFacts> facts_;
+  WritesWatch writes_;
   WireWatch watch_;
 };
 

@@ -26,6 +26,7 @@ inline constexpr const char* kAskSync = "sync";
 inline constexpr const char* kAskFreshSync = "sync --fresh";
 inline constexpr const char* kAskRefresh = "refresh";
 inline constexpr const char* kAskUpload = "upload";
+inline constexpr const char* kAskReport = "report";        // what became of the newest report, as a line
 inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number
 
 inline constexpr const char* kCommandSocket = "lqhost.sock";

@@ -12,6 +12,9 @@
 // A download begins only after a push under way has been applied: its reply was asked for after that, so its
 // cache can hold what was pushed. A refresh waits for a pass of another process before it looks at the note,
 // so it is short for a push that waits for it.
+//
+// Before a download the server is asked for its terms, and after each of the three it is told what came of it
+// (report/host_reporter.h), before and after the turn, so that nobody waits for that. Neither makes a pass fail.
 #pragma once
 
 #include <functional>
@@ -21,6 +24,7 @@
 #include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/pass/unsettled_work.h"
+#include "lqhost/report/pass_news.h"
 #include "lqhost/service/product_library.h"
 #include "lqhost/service/task_runs.h"
 
@@ -48,7 +52,10 @@ class Passes {
   RefreshResult refresh(LqPeriodicTaskStatus& status);
 
  private:
-  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache);
+  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache);
+  PassResult runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache,
+                               const PassTerms& terms, PassNews& news);
+  RefreshResult refreshInTurn(LqPeriodicTaskStatus& status, PassNews& news);
 
   CWmError error_;
   TaskCallback downloadStart_ = nullptr;
@@ -64,10 +71,17 @@ class PushScope {
   // Nothing was applied: no synchronisation has to follow.
   void withdraw() { work_.restore(); }
 
+  // Whether registry and cache belonged together before.
+  bool beganSettled() const { return !work_.hasFoundNote(); }
+
  private:
   std::unique_lock<std::mutex> lock_;
   UnsettledWork work_;
 };
+
+// Reports a push, in the resident host without waiting for the server.
+void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& writes,
+                HostReport::DriftList drifts);
 
 // What to do when a synchronisation should come soon: set by the resident host, empty otherwise. Any thread.
 void onDownloadWanted(std::function<void()> action);

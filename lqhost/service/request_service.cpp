@@ -1,13 +1,17 @@
 #include "lqhost/service/request_service.h"
 
 #include <cstring>  // explicit_bzero
+#include <ctime>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "common/descriptor_limit.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/cache_before.h"
+#include "lqhost/report/drift.h"
 #include "lqhost/service/passes.h"
 #include "lqregistry/App.h"
 #include "lqregistry/LQPlatformInfo.h"
@@ -59,22 +63,41 @@ void decline(CLqNetwork& session, const std::string& reason) {
   static_cast<void>(session.SendRefusal(reason));  // who is gone needs no reason, and the log has it
 }
 
-// Applies a pushed batch. False when this client does not know its own id; nothing was applied then.
-bool applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+// What the host reports of a push.
+struct AppliedPush {
+  BatchFacts facts;
+  RegistryWrites writes;
+  HostReport::DriftList drifts;
+};
+
+// Applies a pushed batch. Nothing when this client does not know its own id; nothing was applied then.
+std::optional<AppliedPush> applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+  AppliedPush applied;
+  applied.facts = factsOf(batch.keys);
   PushScope push;
-  const bool isKnown = client.serverRequestHandler(batch) != 0;
-  if (!isKnown) push.withdraw();
-  return isKnown;
+  const CacheBefore cache;
+  WritesWatch writes;
+  if (client.serverRequestHandler(batch) == 0) {
+    push.withdraw();
+    return std::nullopt;
+  }
+  applied.writes = writes.take();
+  if (push.beganSettled()) applied.drifts = driftOf(applied.writes, cache, std::time(nullptr));
+  return applied;
 }
 
 void answerPush(CLqNetwork& session, OBGui::RegistryTaskResp& batch) {
   LqRegistryManagerClnt client(instanceName());
   ObEvent().Debug(kTag, "The server pushes %zu records", batch.keys->size());
-  if (!applyPush(client, batch)) {
+  std::optional<AppliedPush> applied = applyPush(client, batch);
+  if (!applied) {
     decline(session, "this client does not know its own id");
     return;
   }
   send(session, *client.sendMessage);
+  const auto* const said = messageAs<OBGui::RegistryTaskResp>(client.sendMessage);
+  reportPush(said != nullptr && said->taskStatus == OBGui::kTaskSuccess, applied->facts, applied->writes,
+             std::move(applied->drifts));
   // What was pushed is not in the settings cache; the download that follows puts it there.
   wantDownload();
 }

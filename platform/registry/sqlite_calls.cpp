@@ -1,9 +1,33 @@
 #include "platform/registry/sqlite_calls.h"
 
+#include <cerrno>
 #include <system_error>
 #include <utility>
 
 namespace lqregistry {
+
+namespace {
+
+WriteFault faultOf(int result, int systemError) {
+  switch (result) {
+    case SQLITE_BUSY:
+      return WriteFault::kLocked;
+    case SQLITE_READONLY:
+      return WriteFault::kReadOnly;
+    case SQLITE_FULL:
+      return WriteFault::kFull;
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+      return WriteFault::kDamaged;
+    default:
+      break;
+  }
+  // No room is an error of its own only where the disk, and not a limit, is what has run out.
+  const bool isFull = systemError == ENOSPC || systemError == EDQUOT || systemError == EFBIG;
+  return isFull ? WriteFault::kFull : WriteFault::kOther;
+}
+
+}  // namespace
 
 int execute(sqlite3* database, const char* sql) {
   return sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
@@ -38,7 +62,7 @@ Outcome failureOf(sqlite3* database, int result) {
   const int systemError = sqlite3_system_errno(database);
   if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + std::generic_category().message(systemError);
-  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY};
+  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY, faultOf(result, systemError)};
 }
 
 }  // namespace lqregistry
