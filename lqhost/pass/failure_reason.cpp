@@ -13,7 +13,7 @@ FailureReason reasonOf(const RegistryWrites::Failure& failure) {
     case kReadOnly:
       return {host::kReadOnly, "the registry may only be read: " + failure.reason};
     case kFull:
-      return {kDiskFull, "there is no room for it: " + failure.reason};
+      return {kDiskFull, "there is no room for it, or the disk takes no writes: " + failure.reason};
     case kLocked:
       return {host::kLocked, "another process keeps the registry locked: " + failure.reason};
     case kDamaged:

@@ -95,8 +95,7 @@ std::int64_t HostReporter::nextSequence() {
 
 void HostReporter::noteChange() {
   ++revision_;
-  kept_->standing.isTaken = false;
-  kept_->standing.whyNot.clear();
+  kept_->standing.isTaken = false;  // why the one before was not, is why this one waits
 }
 
 bool HostReporter::mergeBatch(const PassNews& news) {

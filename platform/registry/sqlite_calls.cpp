@@ -1,6 +1,5 @@
 #include "platform/registry/sqlite_calls.h"
 
-#include <cerrno>
 #include <system_error>
 #include <utility>
 
@@ -8,7 +7,9 @@ namespace lqregistry {
 
 namespace {
 
-WriteFault faultOf(int result, int systemError) {
+// A write that the system refuses for a quota or a limit is told apart from a full disk, which to whoever reads the
+// reason it is not.
+WriteFault faultOf(int result, int extended) {
   switch (result) {
     case SQLITE_BUSY:
       return WriteFault::kLocked;
@@ -20,11 +21,8 @@ WriteFault faultOf(int result, int systemError) {
     case SQLITE_NOTADB:
       return WriteFault::kDamaged;
     default:
-      break;
+      return extended == SQLITE_IOERR_WRITE ? WriteFault::kFull : WriteFault::kOther;
   }
-  // No room is an error of its own only where the disk, and not a limit, is what has run out.
-  const bool isFull = systemError == ENOSPC || systemError == EDQUOT || systemError == EFBIG;
-  return isFull ? WriteFault::kFull : WriteFault::kOther;
 }
 
 }  // namespace
@@ -62,7 +60,7 @@ Outcome failureOf(sqlite3* database, int result) {
   const int systemError = sqlite3_system_errno(database);
   if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + std::generic_category().message(systemError);
-  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY, faultOf(result, systemError)};
+  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY, faultOf(result, sqlite3_extended_errcode(database))};
 }
 
 }  // namespace lqregistry

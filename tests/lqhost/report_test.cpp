@@ -142,7 +142,7 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
       {nothing, {record("A", "sLONG", std::string(10240, 'x'))}, "tooLong ~A sLONG: the value has 10240 bytes"},
       {hideKey, {secretRecord("A", "sPW", kCanary)}, "protection ~A sPW: protected values cannot be written"},
       {lockRegistry, {record("A", "sLOCKED", "1")}, "locked ~A sLOCKED: another process keeps the registry"},
-      {fill, {record("A", "sFULL", std::string(200'000, 'x'))}, "diskFull ~A sFULL: there is no room for it: "},
+      {fill, {record("A", "sFULL", std::string(200'000, 'x'))}, "diskFull ~A sFULL: there is no room for it, or"},
       {[&](bool isLost) {
          std::filesystem::remove(cacheFile());
          if (isLost) std::filesystem::create_symlink(dir_ / "none/none", cacheFile());
@@ -159,11 +159,11 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
     const Report report = pass(failure.batch, true);
     failure.spoil(false);
     const std::string text = problemText(report);
-    EXPECT_TRUE(text.starts_with(failure.problem)) << text << "\nwants " << failure.problem;
+    EXPECT_TRUE(contains("\n" + text, "\n" + failure.problem)) << text << "\nwants " << failure.problem;
     const bool isOfRecord = failure.problem.find("  :") == std::string::npos;
-    EXPECT_EQ(report.problems->front().keyPath->empty(), !isOfRecord);
     if (isOfRecord && !text.starts_with("tooLong")) {
-      EXPECT_TRUE(contains(printed_, report.problems->front().reason)) << "the command says the same: " << printed_;
+      const std::string reason = failure.problem.substr(failure.problem.find(": ") + 2);
+      EXPECT_TRUE(contains(printed_, reason)) << "the command says the same: " << printed_;
       EXPECT_EQ(report.outcome.get(), "partly");
     }
     EXPECT_EQ(report.records, 1);
@@ -175,7 +175,7 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
   fill(true);
   const Report both = pass({record("A", "sFIRST", "1"), record("A", "sFULL", std::string(200'000, 'y'))});
   fill(false);
-  EXPECT_EQ(both.problems->size(), 3U) << problemText(both);
+  EXPECT_EQ(both.problems->size(), 4U) << problemText(both);
   EXPECT_TRUE(problemText(both).starts_with("cacheLost ")) << problemText(both);
   EXPECT_TRUE(contains(problemText(both), "diskFull ~A sFIRST")) << problemText(both);
   EXPECT_FALSE(contains(texts_, kCanary));
@@ -283,7 +283,8 @@ TEST_F(HostReporting, AReportIsKeptUntilItIsTaken) {
 
   HostReporter again;
   PlayedServer server(address_, sessionKey_, {});
-  server.serveReports([&, lose = true](const std::string& text) mutable -> std::optional<PeerFrame> {
+  bool lose = true;
+  server.serveReports([&](const std::string& text) -> std::optional<PeerFrame> {
     const std::optional<PeerFrame> answer = keeping()(text);
     if (std::exchange(lose, false)) return std::nullopt;
     return answer;
@@ -355,9 +356,10 @@ TEST_F(HostReporting, WhatTheServerAnswersCountsForTheNextBatch) {
        "come \\x1b again"}};
   for (const auto& [service, why] : unusable) {
     EXPECT_EQ(ask(reporter, service).demand, HostReport::kDemandNothing);
+    reporter.tell(PassNews());  // tried at once only where the server has said something
     EXPECT_TRUE(contains(host::standingText(reporter.standing()), why)) << reporter.standing().whyNot;
   }
-  EXPECT_EQ(asked, 4);
+  EXPECT_EQ(asked, 6) << "one that may have arrived comes again first";
 }
 
 TEST_F(HostReporting, AServerWithoutTheServiceIsLeftAloneUntilABatchCame) {
@@ -386,7 +388,7 @@ TEST_F(HostReporting, CommandsAndTheResidentHostReport) {
     EXPECT_EQ(lqhost("sync").exitCode, 0);
   }
   expectOut(lqhost("status"), 0, {"report        none was accepted yet; the newest is kept and sent later: the server"
-                                  " takes no reports (refused: no such service)"});
+                                  " takes no reports (cannot attach to"});
   PlayedServer server(address_, sessionKey_,
                       {answering(batchText(batch)), taking(), answering(batchText(batch)), taking()});
   server.serveReports(keeping());
@@ -440,8 +442,10 @@ TEST_F(HostReporting, CommandsAndTheResidentHostReport) {
     return driftText(report) == "~A sONE: 2 > 1\n" && contains(problemText(report), "forbidden ~Clients Other");
   }));
   EXPECT_EQ(resident.stop(), 0);
-  for (std::size_t i = 1; i < reports().size(); ++i)
-    EXPECT_TRUE(reports()[i].epoch.get() == sent[0].epoch.get() && reports()[i].sequence > reports()[i - 1].sequence);
+  for (std::size_t i = 1; i < reports().size(); ++i) {
+    EXPECT_EQ(reports()[i].epoch.get(), sent[0].epoch.get());
+    EXPECT_GT(reports()[i].sequence.get(), reports()[i - 1].sequence.get()) << reports()[i].cause.get();
+  }
 }
 
 }  // namespace
