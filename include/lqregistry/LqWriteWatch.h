@@ -1,16 +1,16 @@
-// lqregistry::WriteWatch: what the writes of one thread really change in the registry, and which of them fail,
-// and why.
+// lqregistry::WriteWatch: what the writes of one thread really change in the registry, and which of them
+// fail, and why.
 //
-// For hosts that report a pass: the product tells whether a batch could be applied as a whole, and its log the
-// rest. A write of what is there already is no event, so a pass that changes nothing costs its watcher nothing.
-// A real platform library provides the same from wherever it compares old and new value; one that cannot leaves
-// reports without reasons and without what was found changed on the machine.
+// For hosts that report a pass: the product tells whether a batch could be applied as a whole, and its log
+// the rest. A write of what is there already is no event, so a pass that changes nothing costs its watcher
+// nothing. A real platform library provides the same from wherever it compares old and new value; one that
+// cannot leaves reports without reasons and without what was found changed on the machine.
 //
 //   lqregistry::WriteWatch watch([&](const lqregistry::WriteEvent& event) { ... });
 //
-// Opened and closed on one thread, whose calls of LQPlatformInfo it sees; of several, the last opened one. The
-// function runs inside the write: it must not use the registry, and must not throw. What a batch changed counts
-// only when the batch is committed: one that was not is an event of its own.
+// Opened and closed on one thread, whose calls of LQPlatformInfo it sees; of several, the last opened one.
+// The function runs inside the write: it must not use the registry, and must not throw. What a batch changed
+// counts only when the batch is committed: one that was not is an event of its own.
 #pragma once
 
 #include <functional>

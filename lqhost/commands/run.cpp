@@ -102,7 +102,8 @@ class Reporting {
   explicit Reporting(std::uint32_t spread) {
     std::random_device seed;
     const double random = std::uniform_real_distribution<double>(0, 1)(seed);
-    HostReporter::get().startSending(std::chrono::duration<double>(firstDelay(spread, kDefaultFrequency, random)));
+    HostReporter::get().startSending(
+        std::chrono::duration<double>(firstDelay(spread, kDefaultFrequency, random)));
   }
   // Ends what it waits for with every other wait for the network.
   ~Reporting() { HostReporter::get().stopSending(); }

@@ -45,8 +45,9 @@ BatchFacts factsOf(const OBGui::KeyList& batch) {
       facts.refused.push_back(problemOf(record, std::move(refused)));
     } else if (isTooLong(record)) {
       facts.tooLong.push_back(problemOf(
-          record, {kTooLong, "the value has " + std::to_string(record.value->size()) + " bytes; modules read " +
-                                 std::to_string(kValueBuffer - 1) + " at most, and find no value"}));
+          record,
+          {kTooLong, "the value has " + std::to_string(record.value->size()) + " bytes; modules read " +
+                         std::to_string(kValueBuffer - 1) + " at most, and find no value"}));
     } else if (isProtected(record) && !isToBeRemoved(record)) {
       facts.secrets.push_back(problemOf(record, {}));
     }

@@ -19,10 +19,10 @@ struct RecordProblem {
 
 struct BatchFacts {
   std::size_t records = 0;
-  std::string digest;                   // of records/batch_digest.h; empty when it could not be taken
-  std::vector<RecordProblem> refused;   // what applying refuses in any case
-  std::vector<RecordProblem> tooLong;   // values that are stored, and that modules cannot read
-  std::vector<RecordProblem> secrets;   // the protected ones, without a reason
+  std::string digest;                  // of records/batch_digest.h; empty when it could not be taken
+  std::vector<RecordProblem> refused;  // what applying refuses in any case
+  std::vector<RecordProblem> tooLong;  // values that are stored, and that modules cannot read
+  std::vector<RecordProblem> secrets;  // the protected ones, without a reason
 };
 
 BatchFacts factsOf(const OBGui::KeyList& batch);

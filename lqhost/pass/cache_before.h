@@ -1,9 +1,10 @@
-// The settings cache as it stood when a pass began, which tells what a value should have held then. It is held
-// open, so that it can be read after the pass has put another in its place, and costs nothing when it is not.
+// The settings cache as it stood when a pass began, which tells what a value should have held then. It is
+// held open, so that it can be read after the pass has put another in its place, and costs nothing when it is
+// not.
 #pragma once
 
-#include "lqregistry/OBGui.h"
 #include "lqregistry/FXFile.h"
+#include "lqregistry/OBGui.h"
 
 namespace host {
 

@@ -7,7 +7,7 @@ namespace host {
 
 struct PassTerms {
   std::int64_t demand = HostReport::kDemandNothing;  // see HostReport::Answer
-  bool isReleased = false;  // what this machine went back from may be applied again
+  bool isReleased = false;                           // what this machine went back from may be applied again
 };
 
 }  // namespace host

@@ -13,7 +13,8 @@ std::string asText(const std::string& value) {
   return value.substr(0, value.find('\0'));
 }
 
-HostReport::Drift driftOf(const OBGui::RegistryKeyInfo& record, const CurrentValue& before, std::int64_t now) {
+HostReport::Drift driftOf(const OBGui::RegistryKeyInfo& record, const CurrentValue& before,
+                          std::int64_t now) {
   HostReport::Drift drift;
   drift.keyPath = normalisedKeyPath(record.keyPath);
   drift.valueName = record.valueName.get();

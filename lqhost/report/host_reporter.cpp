@@ -29,7 +29,8 @@ constexpr const char* kReportLock = "lqhost.report.lock";
 constexpr std::chrono::seconds kLockWait{5};
 
 constexpr std::chrono::hours kServiceRest{1};
-// A report that could not be sent is tried again after so long, then less and less often; each pass tries, too.
+// A report that could not be sent is tried again after so long, then less and less often; each pass tries,
+// too.
 constexpr std::chrono::seconds kFirstRetry{60};
 constexpr std::chrono::seconds kLastRetry{3600};
 
@@ -131,10 +132,9 @@ void HostReporter::mergeProblems(const PassNews& news) {
     problems.push_back(std::move(problem));
   }
   // Those of the whole machine explain the others.
-  std::stable_partition(problems.begin(), problems.end(),
-                        [](const HostReport::Problem& problem) {
-                          return problem.keyPath->empty() && problem.valueName->empty();
-                        });
+  std::stable_partition(problems.begin(), problems.end(), [](const HostReport::Problem& problem) {
+    return problem.keyPath->empty() && problem.valueName->empty();
+  });
   if (news.isWhole) report.problemsOmitted = 0;
   report.problems = std::move(problems);
 }
@@ -205,7 +205,8 @@ PassTerms HostReporter::ask() {
   }
   const std::optional<HostReport::Answer> answer = exchange(HostReport::kCauseAsk);
   if (!answer) return {};
-  return {answer->demand.isSet() ? answer->demand.get() : HostReport::kDemandNothing, answer->isReleased == 1};
+  return {answer->demand.isSet() ? answer->demand.get() : HostReport::kDemandNothing,
+          answer->isReleased == 1};
 }
 
 bool HostReporter::isWorthTrying() {

@@ -8,8 +8,8 @@
 //   tell()          after a pass, a refresh or a push; in the resident host a thread of its own sends
 //   putVerdicts()   at any time, likewise putMemory()
 //
-// A server that refuses the attach lacks the service. It is left alone until a pass has received a batch, or for
-// an hour, because somebody may have replaced it by then.
+// A server that refuses the attach lacks the service. It is left alone until a pass has received a batch, or
+// for an hour, because somebody may have replaced it by then.
 #pragma once
 
 #include <chrono>
@@ -86,12 +86,12 @@ class HostReporter {
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable wanted_;
-  std::optional<KeptReport> kept_;                  // read at the first use
-  std::uint64_t revision_ = 0;                      // raised with each change of the state
-  bool isKeptDirty_ = false;                        // the file lacks something that should last
-  std::int64_t sequence_ = 0;                       // the last that was given out
-  std::uint64_t firstDrift_ = 0;                    // the number of the first drift in the list
-  std::optional<Sent> unanswered_;                  // may have arrived: sent again before anything else
+  std::optional<KeptReport> kept_;  // read at the first use
+  std::uint64_t revision_ = 0;      // raised with each change of the state
+  bool isKeptDirty_ = false;        // the file lacks something that should last
+  std::int64_t sequence_ = 0;       // the last that was given out
+  std::uint64_t firstDrift_ = 0;    // the number of the first drift in the list
+  std::optional<Sent> unanswered_;  // may have arrived: sent again before anything else
   std::optional<Clock::time_point> lacksServiceTill_;
   bool isAway_ = false;  // the last exchange did not reach the server
   bool isResident_ = false;

@@ -89,7 +89,8 @@ void addBatchProblems(PassNews& news, const BatchFacts& batch, const RegistryWri
         news.problems.push_back({secret.keyPath, secret.valueName, reason});
     addFailedWrites(news, writes);
     if (news.problems.empty())
-      news.problems.push_back({"", "", {kUnknown, "the batch could not be applied; the host's log tells why"}});
+      news.problems.push_back(
+          {"", "", {kUnknown, "the batch could not be applied; the host's log tells why"}});
   }
   news.problems.insert(news.problems.end(), batch.tooLong.begin(), batch.tooLong.end());
 }
@@ -101,7 +102,8 @@ void settleWritten(PassNews& news, const RegistryWrites& writes) {
 
 }  // namespace
 
-PassNews newsOf(const PassResult& pass, const std::optional<BatchFacts>& batch, const RegistryWrites& writes) {
+PassNews newsOf(const PassResult& pass, const std::optional<BatchFacts>& batch,
+                const RegistryWrites& writes) {
   PassNews news;
   news.outcome = wordOf(pass.outcome());
   news.outcomeText = outcomeText(pass.outcome());

@@ -17,9 +17,9 @@ namespace host {
 
 struct PassNews {
   const char* cause = HostReport::kCauseSync;
-  std::string outcome;      // a word; empty: what the last pass came to still holds
-  std::string outcomeText;  // the same for people
-  std::string cache;        // a word; empty: nothing new of it
+  std::string outcome;              // a word; empty: what the last pass came to still holds
+  std::string outcomeText;          // the same for people
+  std::string cache;                // a word; empty: nothing new of it
   std::optional<BatchFacts> batch;  // the one that came, if one did
   bool isWhole = false;  // the batch was everything: problems of before are over unless they are told again
   std::unordered_set<std::string> settled;  // places of which what is told is all there is

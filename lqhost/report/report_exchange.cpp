@@ -45,8 +45,8 @@ CWmError attach(CLqNetwork& session, steady_clock::time_point deadline) {
   lqsExecuteRemoteDllType service;
   service.setNames(kReportLibraryName, kReportEntryName);
   bool peerGone = false;
-  return session.Attach_RemoteDLL(MangleHostName(host, server, kFirstServicePort, kSecondServicePort), service,
-                                  localName(info), secondsUntil(deadline), peerGone);
+  return session.Attach_RemoteDLL(MangleHostName(host, server, kFirstServicePort, kSecondServicePort),
+                                  service, localName(info), secondsUntil(deadline), peerGone);
 }
 
 CWmError ask(CLqNetwork& session, const HostReport::Report& report, steady_clock::time_point deadline,

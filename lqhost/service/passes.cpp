@@ -102,8 +102,8 @@ bool isResidentHere() {
   return wanted != nullptr;
 }
 
-// When the task runs next, once this run is over; 0 where nothing is scheduled. What the schedule has noted may
-// be of the run under way, after which it is due when its frequency says.
+// When the task runs next, once this run is over; 0 where nothing is scheduled. What the schedule has noted
+// may be of the run under way, after which it is due when its frequency says.
 std::int64_t nextRun(const Task& task, const LqPeriodicTaskStatus* running) {
   if (!isResidentHere()) return 0;
   const std::time_t now = std::time(nullptr);

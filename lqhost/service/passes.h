@@ -14,7 +14,8 @@
 // so it is short for a push that waits for it.
 //
 // Before a download the server is asked for its terms, and after each of the three it is told what came of it
-// (report/host_reporter.h), before and after the turn, so that nobody waits for that. Neither makes a pass fail.
+// (report/host_reporter.h), before and after the turn, so that nobody waits for that. Neither makes a pass
+// fail.
 #pragma once
 
 #include <functional>

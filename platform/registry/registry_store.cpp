@@ -96,8 +96,7 @@ Outcome RegistryStore::openFor(Connection& connection, Access access) {
     return readOnly();
   Outcome outcome = connection.open(path, access, kReadWait);
   if (!outcome.ok()) return outcome;
-  if (access == Access::kWriting && connection.isReadOnly())
-    return readOnly();
+  if (access == Access::kWriting && connection.isReadOnly()) return readOnly();
   return {};
 }
 

@@ -7,8 +7,8 @@ namespace lqregistry {
 
 namespace {
 
-// A write that the system refuses for a quota or a limit is told apart from a full disk, which to whoever reads the
-// reason it is not.
+// A write that the system refuses for a quota or a limit is told apart from a full disk, which to whoever
+// reads the reason it is not.
 WriteFault faultOf(int result, int extended) {
   switch (result) {
     case SQLITE_BUSY:
@@ -60,7 +60,8 @@ Outcome failureOf(sqlite3* database, int result) {
   const int systemError = sqlite3_system_errno(database);
   if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + std::generic_category().message(systemError);
-  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY, faultOf(result, sqlite3_extended_errcode(database))};
+  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY,
+          faultOf(result, sqlite3_extended_errcode(database))};
 }
 
 }  // namespace lqregistry

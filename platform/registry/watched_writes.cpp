@@ -70,7 +70,8 @@ void WatchedWrite::end(bool isDone, int code, const std::string& key, const std:
   if (code == kRegBadName) {
     tellWatch({key, name, false, {}, WriteFault::kBadName, reason});
   } else {
-    tellWatch({key, name, false, {}, noted.fault == WriteFault::kNone ? WriteFault::kOther : noted.fault, reason});
+    tellWatch(
+        {key, name, false, {}, noted.fault == WriteFault::kNone ? WriteFault::kOther : noted.fault, reason});
   }
 }
 

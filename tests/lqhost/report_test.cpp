@@ -17,9 +17,9 @@
 
 namespace {
 
-using HostReport::Report;
 using host::HostReporter;
 using host::PassNews;
+using HostReport::Report;
 
 const std::string kCanary = "sesame-open-canary";
 
@@ -109,7 +109,8 @@ class HostReporting : public ProductTest {
   std::string texts_;            // likewise
 };
 
-// Each kind of failure has its word and a reason that names the cause, also where nobody looks at the machine.
+// Each kind of failure has its word and a reason that names the cause, also where nobody looks at the
+// machine.
 TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
   const auto lockRegistry = [&](bool isLocked) {
     static sqlite3* other = nullptr;
@@ -139,10 +140,14 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
       {nothing, {record("Clients", "Other", "", "KEY")}, "forbidden ~Clients Other: keys may not be created"},
       {nothing, {removal("A", "")}, "noName ~A : a record without a name cannot be removed"},
       {nothing, {record("A", name, "1")}, "badName ~A " + name + ": the registry does not take this name"},
-      {nothing, {record("A", "sLONG", std::string(10240, 'x'))}, "tooLong ~A sLONG: the value has 10240 bytes"},
+      {nothing,
+       {record("A", "sLONG", std::string(10240, 'x'))},
+       "tooLong ~A sLONG: the value has 10240 bytes"},
       {hideKey, {secretRecord("A", "sPW", kCanary)}, "protection ~A sPW: protected values cannot be written"},
       {lockRegistry, {record("A", "sLOCKED", "1")}, "locked ~A sLOCKED: another process keeps the registry"},
-      {fill, {record("A", "sFULL", std::string(200'000, 'x'))}, "diskFull ~A sFULL: there is no room for it, or"},
+      {fill,
+       {record("A", "sFULL", std::string(200'000, 'x'))},
+       "diskFull ~A sFULL: there is no room for it, or"},
       {[&](bool isLost) {
          std::filesystem::remove(cacheFile());
          if (isLost) std::filesystem::create_symlink(dir_ / "none/none", cacheFile());
@@ -150,8 +155,10 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
        one, "cacheLost  : the settings cache could not be written"},
       {[&](bool isDamaged) { writeFile(cacheFile(), isDamaged ? "<damaged" : ""); }, one,
        "cacheUnreadable  : the settings cache cannot be read"},
-      {[&](bool isLonger) { writeFile(cacheFile(), isLonger ? batchText({one[0], one[0]}) : ""); }, one,
-       "cacheKept  : the settings cache holds more records"}};
+      {[&](bool isLonger) {
+         writeFile(cacheFile(), isLonger ? batchText({one[0], one[0]}) : "");
+       },
+       one, "cacheKept  : the settings cache holds more records"}};
   for (const Case& failure : cases) {
     std::filesystem::remove(cacheFile());
     std::filesystem::remove(dir_ / "lqhost.unsettled");
@@ -184,9 +191,9 @@ TEST_F(HostReporting, EveryRecordThatFailsHasItsReason) {
 // What somebody changed on the machine, and nothing else; what is secret is not told.
 TEST_F(HostReporting, WhatAPassCorrectedIsToldOnce) {
   const std::string until = std::to_string(std::time(nullptr) - 10);
-  const OBGui::KeyList batch{record("A", "sSAME", "1"), record("A", "sDRIFTED", "1"), record("A", "sGONE", "1"),
-                             record("A", "sNEXT", "1"), secretRecord("A", "sPW", kCanary),
-                             disabled("A", "sOFF", "1")};
+  const OBGui::KeyList batch{record("A", "sSAME", "1"),         record("A", "sDRIFTED", "1"),
+                             record("A", "sGONE", "1"),         record("A", "sNEXT", "1"),
+                             secretRecord("A", "sPW", kCanary), disabled("A", "sOFF", "1")};
   const Report first = pass(batch);
   EXPECT_EQ(driftText(first), "") << "nothing was there before";
   EXPECT_EQ(first.digest.get(), [&] {
@@ -200,8 +207,7 @@ TEST_F(HostReporting, WhatAPassCorrectedIsToldOnce) {
     setValue("A", "sPW", "a local " + kCanary);
     setValue("A", "sNEXT", "2");
   };
-  const std::string told =
-      "~A sDRIFTED: 2 > 1\n~A sGONE: - > 1\n~A sPW: - > - secret\n~A sOFF: bin > -\n";
+  const std::string told = "~A sDRIFTED: 2 > 1\n~A sGONE: - > 1\n~A sPW: - > - secret\n~A sOFF: bin > -\n";
   disturb();
   OBGui::KeyList next = batch;
   next[3] = record("A", "sNEXT", "3");  // which the server has changed, too
@@ -263,8 +269,8 @@ PassNews newsWith(const std::string& kind, HostReport::DriftList drifts = {}) {
   return news;
 }
 
-// One that could not be sent goes with the next, in the order of its number; one that may have arrived comes again
-// as it was, so that nothing counts twice.
+// One that could not be sent goes with the next, in the order of its number; one that may have arrived comes
+// again as it was, so that nothing counts twice.
 TEST_F(HostReporting, AReportIsKeptUntilItIsTaken) {
   const std::string file = dir_ / "lqhost.report";
   HostReport::Drift drift;
@@ -273,7 +279,8 @@ TEST_F(HostReporting, AReportIsKeptUntilItIsTaken) {
     HostReporter reporter;
     reporter.tell(newsWith("locked", {drift}));  // nobody listens
     EXPECT_FALSE(reporter.standing().isTaken);
-    EXPECT_TRUE(contains(host::standingText(reporter.standing()), "none was accepted yet; the newest is kept"));
+    EXPECT_TRUE(
+        contains(host::standingText(reporter.standing()), "none was accepted yet; the newest is kept"));
   }
   EXPECT_EQ(modeOf(file), 0600U);
   host::KeptReport kept = host::readKeptReport();
@@ -329,7 +336,8 @@ TEST_F(HostReporting, AReportIsKeptUntilItIsTaken) {
   EXPECT_EQ(newest().problems->size(), 0U);
 }
 
-// What a server answers, or does not, is no pass's trouble; one without the service is left alone for a while.
+// What a server answers, or does not, is no pass's trouble; one without the service is left alone for a
+// while.
 TEST_F(HostReporting, WhatTheServerAnswersCountsForTheNextBatch) {
   PlayedServer server(address_, sessionKey_, {});
   int asked = 0;
@@ -350,9 +358,15 @@ TEST_F(HostReporting, WhatTheServerAnswersCountsForTheNextBatch) {
       ask(reporter, [&](const std::string& text) { return answered(sequenceIn(text), 300); });
   EXPECT_TRUE(demanding.demand == 300 && demanding.isReleased);
   const std::pair<PlayedServer::ReportService, const char*> unusable[] = {
-      {[&](const std::string& text) { return answered(sequenceIn(text) + 1, 300); }, "answered another report"},
-      {[](const std::string&) { return PeerFrame{PeerSession::kMessage, batchText({})}; }, "answered with a OBGui"},
-      {[](const std::string&) { return PeerFrame{PeerSession::kRefuseRequest, "come \x1b again"}; },
+      {[&](const std::string& text) { return answered(sequenceIn(text) + 1, 300); },
+       "answered another report"},
+      {[](const std::string&) {
+         return PeerFrame{PeerSession::kMessage, batchText({})};
+       },
+       "answered with a OBGui"},
+      {[](const std::string&) {
+         return PeerFrame{PeerSession::kRefuseRequest, "come \x1b again"};
+       },
        "come \\x1b again"}};
   for (const auto& [service, why] : unusable) {
     EXPECT_EQ(ask(reporter, service).demand, HostReport::kDemandNothing);
@@ -387,8 +401,9 @@ TEST_F(HostReporting, CommandsAndTheResidentHostReport) {
     const PlayedServer without(address_, sessionKey_, {answering(batchText(batch)), taking()});
     EXPECT_EQ(lqhost("sync").exitCode, 0);
   }
-  expectOut(lqhost("status"), 0, {"report        none was accepted yet; the newest is kept and sent later: the server"
-                                  " takes no reports (cannot attach to"});
+  expectOut(lqhost("status"), 0,
+            {"report        none was accepted yet; the newest is kept and sent later: the server"
+             " takes no reports (cannot attach to"});
   PlayedServer server(address_, sessionKey_,
                       {answering(batchText(batch)), taking(), answering(batchText(batch)), taking()});
   server.serveReports(keeping());
@@ -439,7 +454,8 @@ TEST_F(HostReporting, CommandsAndTheResidentHostReport) {
     session.Disconnect(20, peerGone);
   }
   EXPECT_TRUE(waitFor([](const Report& report) {
-    return driftText(report) == "~A sONE: 2 > 1\n" && contains(problemText(report), "forbidden ~Clients Other");
+    return driftText(report) == "~A sONE: 2 > 1\n" &&
+           contains(problemText(report), "forbidden ~Clients Other");
   }));
   EXPECT_EQ(resident.stop(), 0);
   for (std::size_t i = 1; i < reports().size(); ++i) {
