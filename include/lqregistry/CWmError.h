@@ -25,10 +25,10 @@ enum LqErrorCode : std::uint32_t {
   kLqErrRequestRefused = 0x900010A,  // the server understood the request and declined it, with a reason
   kLqErrNotConnected = 0x900010B,    // the operation needs an attached connection
   kLqErrStopping = 0x900010C,        // the process is stopping (CLqNetwork::InterruptAll)
-  kLqErrDeclined = 0x900010D,        // what came was declined by this process's observer (CLqNetwork::Observer)
-  kLqErrFile = 0x9000201,            // a file could not be opened, read or written
-  kLqErrLibrary = 0x9000301,         // a library or a procedure in it could not be loaded
-  kLqErrArgument = 0x9000401,        // what somebody wrote on a command line or to its input cannot be used
+  kLqErrDeclined = 0x900010D,  // what came was declined by this process's observer (CLqNetwork::Observer)
+  kLqErrFile = 0x9000201,      // a file could not be opened, read or written
+  kLqErrLibrary = 0x9000301,   // a library or a procedure in it could not be loaded
+  kLqErrArgument = 0x9000401,  // what somebody wrote on a command line or to its input cannot be used
 };
 
 class [[nodiscard]] CWmError {

@@ -133,6 +133,9 @@ class LQ_EXPORT LQPlatformInfo {
   bool onKey(const std::string& key, const Step& step);
   template <class Step>
   bool onValue(const std::string& key, const std::string& name, const Step& step);
+  // A call that writes, which a WriteWatch hears of.
+  template <class Write>
+  bool watched(const std::string& key, const std::string& name, const Write& write);
 
   std::string focus_;
   Place place_;

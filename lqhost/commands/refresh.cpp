@@ -39,7 +39,7 @@ PassDetails rebased(const PassDetails& begun, OBGui::KeyList now) {
                         begun.batch[i].valueName.get() == now[i].valueName.get();
     if (isSame) before[i] = begun.before[i];
   }
-  return {std::move(now), std::move(before)};
+  return {std::move(now), std::move(before), begun.writes};
 }
 
 }  // namespace
@@ -59,6 +59,7 @@ CommandResult refreshNow(Passes& passes) {
     return complaint(kExitFailed,
                      "this machine is going back to older values, and could not end that; see the log");
   if (refreshed.reason) return synchroniseInstead(passes, *refreshed.reason);
+  details.writes = refreshed.writes;
   const std::string next = "; the next refresh is due in " + std::to_string(status.getFrequency()) + " s\n";
   CachedSettings kept;
   error = readCachedSettings(kept);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <random>
 #include <utility>
 
 #include "common/host_service.h"
@@ -12,6 +13,7 @@
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
 #include "lqhost/instance.h"
+#include "lqhost/report/host_reporter.h"
 #include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/command_protocol.h"
 #include "lqhost/service/command_socket.h"
@@ -58,6 +60,7 @@ CommandResult answer(Passes& passes, const std::string& question) {
   if (question == kAskRefresh) return refreshNow(passes);
   if (question == kAskUpload) return uploadNow();
   if (question == kAskRollback) return rollBackNow(passes);
+  if (question == kAskReport) return {kExitOk, standingText(HostReporter::get().standing()), ""};
   if (question == kAskCallbacks) return countCallbacks();
   return complaint(kExitUsage, "the resident host knows no command " + question);
 }
@@ -101,6 +104,21 @@ class Schedule {
   Keeper keeper_;
 };
 
+// Reports while it lives, on a thread of its own; the first time within the spread of the first passes.
+class Reporting {
+ public:
+  explicit Reporting(std::uint32_t spread) {
+    std::random_device seed;
+    const double random = std::uniform_real_distribution<double>(0, 1)(seed);
+    HostReporter::get().startSending(
+        std::chrono::duration<double>(firstDelay(spread, kDefaultFrequency, random)));
+  }
+  // Ends what it waits for with every other wait for the network.
+  ~Reporting() { HostReporter::get().stopSending(); }
+  Reporting(const Reporting&) = delete;
+  Reporting& operator=(const Reporting&) = delete;
+};
+
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
 // not run by then is logged.
 void awaitCallbacks() {
@@ -116,6 +134,7 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
   if (const CWmError error = requests.start(options.address, options.port); error.IsError())
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   schedule.start(options.spread);
+  const Reporting reporting(options.spread);
   if (const CWmError error =
           socket.serve([&passes](const std::string& question) { return answer(passes, question); });
       error.IsError())

@@ -12,6 +12,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
+#include "lqhost/report/report_file.h"
 #include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/ask_resident.h"
 #include "lqhost/service/resident_lock.h"
@@ -113,6 +114,13 @@ int addResident(std::string& text) {
   return kExitOk;
 }
 
+// What became of the newest report to the server: by the resident host's word, or by what is noted.
+void addReport(std::string& text, bool isResident) {
+  std::optional<CommandResult> answer = isResident ? answerOfResident(kAskReport) : std::nullopt;
+  const bool isTold = answer && answer->exitCode == kExitOk;
+  addLine(text, "report", isTold ? answer->out : standingText(readKeptReport().standing));
+}
+
 // The values that differ, one line each; their number.
 std::size_t addDrift(std::string& text, OBGui::KeyList keys) {
   markExpired(keys);
@@ -170,7 +178,9 @@ int status() {
   const int refreshed = addTask(result.out, "last refresh", kRefreshTask, isResident);
   worst = worseOf(worst, addUnsettled(result.out));
   worst = worseOf(worst, addMemory(result.out));
-  worst = worseOf(worst, addResident(result.out));
+  const int resident = addResident(result.out);
+  worst = worseOf(worst, resident);
+  addReport(result.out, isResident && resident == kExitOk);
   const int cache = addCache(result.out);
   worst = worseOf(worst, cache);
   // That a refresh had no cache, or left none, is over once a synchronisation has stored another.

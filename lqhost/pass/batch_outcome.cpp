@@ -4,6 +4,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "lqhost/pass/failure_reason.h"
 #include "records/expiry.h"
 #include "records/record_rules.h"
 #include "records/secret_values.h"
@@ -30,15 +31,11 @@ RecordFate judge(const OBGui::RegistryKeyInfo& key, const CurrentValue& before, 
 }
 
 // `receivedFlag` is the record's deleteFlag as it came, before expiry was marked.
-std::string noteOf(const OBGui::RegistryKeyInfo& key, std::int64_t receivedFlag, RecordFate fate) {
-  if (key.valueName->empty())
-    return isToBeRemoved(key) ? "a record without a name cannot be removed"
-                              : "a record without a name asks for nothing";
+std::string noteOf(const OBGui::RegistryKeyInfo& key, std::int64_t receivedFlag, RecordFate fate,
+                   const RegistryWrites& writes) {
+  if (key.valueName->empty() && !isToBeRemoved(key)) return "a record without a name asks for nothing";
   if (fate == RecordFate::kReset) return "removed by the server, reset to its default";
-  if (fate == RecordFate::kFailed) {
-    if (isKey(key) && !isToBeRemoved(key)) return "keys may not be created remotely";
-    return "see the log";
-  }
+  if (fate == RecordFate::kFailed) return whyFailed(key, writes).text;
   if (key.deleteFlag != receivedFlag && key.enabledFlag != 0) return "expired";
   if (key.enabledFlag == 0 && receivedFlag != 1) return "disabled";
   return isProtected(key) ? "protected" : "";
@@ -108,7 +105,7 @@ std::vector<RecordOutcome> judgeBatch(PassDetails details) {
     outcome.valueName = key.valueName;
     outcome.fate = judge(key, details.before[i], held[i]);
     outcome.value = held[i] ? shownValue(key, *held[i]) : "";
-    outcome.note = noteOf(key, receivedFlags[i], outcome.fate);
+    outcome.note = noteOf(key, receivedFlags[i], outcome.fate, details.writes);
     outcomes.push_back(std::move(outcome));
   }
   return outcomes;

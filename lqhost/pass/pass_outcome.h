@@ -9,6 +9,7 @@
 #include <string>
 
 #include "lqhost/pass/cache_watch.h"
+#include "lqhost/pass/pass_terms.h"
 #include "lqregistry/CWmError.h"
 
 namespace host {
@@ -46,6 +47,7 @@ struct PassResult {
   bool mayComeAgain = false;  // such a batch may be applied later, without anybody's doing
   CWmError memoryError;       // why it cannot be gone back from this batch
   bool isCacheDropped = false;  // before it began
+  PassTerms terms;              // under which it fetched its batch
   CWmError dropError;           // why that was wanted and could not be done; there was no pass then
 
   // Sent, dealt with, and not refused.

@@ -37,6 +37,7 @@ void PassWatch::onBatch(const WireWatch::Event& event, const OBGui::RegistryTask
     }
   }
   result_.received = batch.keys->size();
+  facts_ = factsOf(batch.keys);
   if (details_ == nullptr) return;
   details_->batch = batch.keys;
   details_->before = currentValues(batch.keys);

@@ -3,12 +3,15 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lqhost/pass/batch_facts.h"
 #include "lqhost/pass/current_value.h"
 #include "lqhost/pass/pass_outcome.h"
+#include "lqhost/pass/registry_writes.h"
 #include "lqhost/pass/wire_watch.h"
 #include "lqregistry/OBGui.h"
 
@@ -19,6 +22,7 @@ namespace host {
 struct PassDetails {
   OBGui::KeyList batch;              // as it arrived
   std::vector<CurrentValue> before;  // for each record
+  RegistryWrites writes;             // of the pass
 };
 
 // Called with a batch that has come, before anybody applies it: why it must not be; empty when it may.
@@ -32,6 +36,9 @@ class PassWatch {
 
   // What was seen on the wire so far.
   const PassResult& result() const { return result_; }
+  // Of the batch that came, if one did.
+  const std::optional<BatchFacts>& facts() const { return facts_; }
+  const RegistryWrites& writes() const { return writes_.writes(); }
 
  private:
   void onEvent(const WireWatch::Event& event, const OBGui::RegistryTaskResp* batch);
@@ -40,6 +47,8 @@ class PassWatch {
   PassDetails* details_;
   OnArrival onArrival_;
   PassResult result_;
+  std::optional<BatchFacts> facts_;
+  WritesWatch writes_;
   WireWatch watch_;
 };
 

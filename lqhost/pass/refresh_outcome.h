@@ -7,6 +7,7 @@
 
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/pass_outcome.h"
+#include "lqhost/pass/registry_writes.h"
 #include "lqhost/pass/unsettled_work.h"
 
 namespace host {
@@ -15,6 +16,7 @@ struct RefreshResult {
   RunOutcome run = RunOutcome::kDone;   // what the run came to, as it is noted
   std::optional<UnsettledNote> reason;  // why it was put off
   std::size_t failedRecords = 0;        // as the report counts them; 0 where none is made
+  RegistryWrites writes{};              // what it corrected, and could not
 
   // Where several hold, what leaves the machine furthest from what the server wants comes first.
   RunOutcome outcome() const;

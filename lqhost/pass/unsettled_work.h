@@ -57,6 +57,9 @@ class UnsettledWork {
   // Why the note is not on disk; no error when it is.
   const CWmError& error() const { return error_; }
 
+  // Whether another note stood: registry and cache did not belong together.
+  bool hasFoundNote() const { return before_.has_value(); }
+
   // The cache holds what the registry does: the note goes.
   void settle();
   // Nothing was changed: as it was before.

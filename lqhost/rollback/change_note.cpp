@@ -75,8 +75,8 @@ void useWayBackLimit(std::int64_t seconds) {
   wayBackLimit = seconds;
 }
 
-ChangeNote::ChangeNote(BatchKind kind, ServerWord word, const std::optional<UnsettledNote>& unsettled)
-    : kind_(kind), word_(word) {
+ChangeNote::ChangeNote(BatchKind kind, PassTerms terms, const std::optional<UnsettledNote>& unsettled)
+    : kind_(kind), terms_(terms) {
   if (unsettled) cacheBehind_ = unsettled->why;
 }
 
@@ -113,7 +113,7 @@ void ChangeNote::proveWayBack(ChangeMemory& memory) const {
 }
 
 std::string ChangeNote::whyHeldBack(const PlaceList& changes) {
-  if (word_.isReleased || changes.empty()) return {};
+  if (terms_.isReleased || changes.empty()) return {};
   const std::optional<ChangeMemory> gone = loadMemory(MemoryFile::kGone);
   if (!gone) return {};
   std::map<PlaceId, PlaceValue> refused;
@@ -147,11 +147,12 @@ std::string ChangeNote::keep(ChangeMemory memory, bool isNew, const OBGui::KeyLi
   memory.boot = now.boot;
   memory.noted = now.sinceBoot;
   bool isMoved = false;
-  if (word_.demand != HostReport::kDemandNothing) {
+  if (terms_.demand != HostReport::kDemandNothing) {
     memory.hasToBeConfirmed = 1;
-    const bool isSooner = word_.demand >= 0 && (!memory.confirmBy.isSet() ||
-                                                secondsLeft(memory.confirmBy.edit(), isMoved) > word_.demand);
-    if (isSooner) memory.confirmBy = deadlineIn(word_.demand);
+    const bool isSooner =
+        terms_.demand >= 0 &&
+        (!memory.confirmBy.isSet() || secondsLeft(memory.confirmBy.edit(), isMoved) > terms_.demand);
+    if (isSooner) memory.confirmBy = deadlineIn(terms_.demand);
   }
   const bool isLast = !memory.reachBy.isSet() || secondsLeft(memory.reachBy.edit(), isMoved) > wayBackLimit;
   if (hasChangedWayBack_ && isLast) memory.reachBy = deadlineIn(wayBackLimit);

@@ -6,18 +6,13 @@
 #include <optional>
 #include <string>
 
+#include "lqhost/pass/pass_terms.h"
 #include "lqhost/pass/unsettled_work.h"
 #include "lqhost/rollback/memory.h"
 #include "lqregistry/OBGui.h"
 #include "records/host_report.h"
 
 namespace host {
-
-// What the server said when it was asked before the pass; as it stands, of a server that says nothing.
-struct ServerWord {
-  std::int64_t demand = HostReport::kDemandNothing;
-  bool isReleased = false;  // what the machine went back from may be applied again
-};
 
 // Seconds within which a server has to be reached after its place, or the proof of who this machine is, was
 // changed, unless useWayBackLimit says otherwise.
@@ -36,7 +31,7 @@ enum class BatchKind {
 class ChangeNote {
  public:
   // `unsettled`: the note that stands, since the settings cache does not hold what the registry does.
-  ChangeNote(BatchKind kind, ServerWord word, const std::optional<UnsettledNote>& unsettled);
+  ChangeNote(BatchKind kind, PassTerms terms, const std::optional<UnsettledNote>& unsettled);
   ChangeNote(const ChangeNote&) = delete;
   ChangeNote& operator=(const ChangeNote&) = delete;
 
@@ -61,7 +56,7 @@ class ChangeNote {
   void setHeld(ChangeMemory& memory) const;
 
   BatchKind kind_;
-  ServerWord word_;
+  PassTerms terms_;
   std::optional<Unsettled> cacheBehind_;
   Moment began_ = thisMoment();
   PlaceList changes_;                   // of this batch

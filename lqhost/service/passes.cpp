@@ -2,14 +2,19 @@
 
 #include <chrono>
 #include <ctime>
+#include <utility>
 
 #include "common/file_lock.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/cache_before.h"
 #include "lqhost/pass/cache_watch.h"
 #include "lqhost/pass/cached_settings.h"
 #include "lqhost/pass/pass_report.h"
 #include "lqhost/pass/pass_watch.h"
+#include "lqhost/report/drift.h"
+#include "lqhost/report/host_reporter.h"
 #include "lqhost/rollback/standing_memory.h"
+#include "lqhost/service/periodic_task.h"
 #include "lqregistry/LQPlatformInfo.h"
 #include "lqregistry/LqPassLock.h"
 #include "lqregistry/LqSettings.h"
@@ -94,6 +99,29 @@ void endPass(UnsettledWork& work, const PassResult& result) {
   work.settle();
 }
 
+bool isResidentHere() {
+  const std::lock_guard lock(wantedMutex);
+  return wanted != nullptr;
+}
+
+// When the task runs next, once this run is over; 0 where nothing is scheduled. What the schedule has noted
+// may be of the run under way, after which it is due when its frequency says.
+std::int64_t nextRun(const Task& task, const LqPeriodicTaskStatus* running) {
+  if (!isResidentHere()) return 0;
+  const std::time_t now = std::time(nullptr);
+  const std::optional<TaskNote> note = readNote(task);
+  if (note && note->nextRun > now) return note->nextRun;
+  return running == nullptr ? 0 : now + boundedFrequency(running->getFrequency());
+}
+
+// Outside of the turn: nobody has to wait for what the server says to it.
+void report(PassNews news, const LqPeriodicTaskStatus* download, const LqPeriodicTaskStatus* refresh) {
+  news.memory = memoryState();
+  news.nextSync = nextRun(kDownloadTask, download);
+  news.nextRefresh = nextRun(kRefreshTask, refresh);
+  HostReporter::get().tell(news);
+}
+
 }  // namespace
 
 Passes::Passes(ProductLibrary& product)
@@ -112,11 +140,19 @@ PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string&
   return runDownload(status, &report, oldCache);
 }
 
-PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache) {
-  const ServerWord word = ask_ ? ask_() : ServerWord{};
+PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache) {
+  const PassTerms terms = isSwitchedOff() ? PassTerms() : ask_();
+  PassNews news;
+  PassResult result = runDownloadInTurn(status, text, oldCache, terms, news);
+  report(std::move(news), &status, nullptr);
+  return result;
+}
+
+PassResult Passes::runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache,
+                                     const PassTerms& terms, PassNews& news) {
   const Turn turn;
   if (isThere(MemoryFile::kGoing)) goBackWhereDue();
-  ChangeNote note(BatchKind::kWhole, word, standingNote());
+  ChangeNote note(BatchKind::kWhole, terms, standingNote());
   UnsettledWork work = beginPass();
   bool isCacheDropped = false;
   if (oldCache == OldCache::kDropped && !isSwitchedOff()) {
@@ -127,14 +163,16 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
       none.isCacheDropped = isCacheDropped;
       none.dropError = error;
       endPass(work, none);
+      news = newsOf(none, std::nullopt, {});
       return none;
     }
   }
   const std::time_t started = std::time(nullptr);
   const Stopwatch watch;
   const CacheWatch cache;
+  const CacheBefore cacheBefore;
   PassDetails details;
-  PassWatch pass(report == nullptr ? nullptr : &details,
+  PassWatch pass(text == nullptr ? nullptr : &details,
                  [&note](const OBGui::KeyList& keys) { return note.arrive(keys); });
   const int taskResult = downloadTimer_(&status);
   PassResult result = pass.result();
@@ -143,15 +181,19 @@ PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* report
   result.mayComeAgain = note.mayComeAgain();
   result.memoryError = note.error();
   result.noteError = work.error();
+  result.terms = terms;
   result.isCacheDropped = isCacheDropped;
   if (result.received) {
     result.cache = cache.fate(*result.received);
-    if (report != nullptr) {
+    if (text != nullptr) {
+      details.writes = pass.writes();
       BatchReport batch = reportOf(std::move(details));
-      *report = std::move(batch.text);
+      *text = std::move(batch.text);
       result.failedRecords = batch.failed;
     }
   }
+  news = newsOf(result, pass.facts(), pass.writes());
+  if (!work.hasFoundNote()) news.drifts = driftOf(pass.writes(), cacheBefore, started);
   endPass(work, result);
   noteRun(kDownloadTask, started, watch.seconds(), taskResult, result.outcome());
   if (!result.refusal.empty())
@@ -179,6 +221,12 @@ std::string Passes::goBackWhereDue() {
 }
 
 WentBack Passes::goBackNow(const std::string& reason) {
+  WentBack back = goBackInTurn(reason);
+  HostReporter::get().putMemory(memoryState(), HostReport::kCauseRollback);
+  return back;
+}
+
+WentBack Passes::goBackInTurn(const std::string& reason) {
   const Turn turn;
   const std::lock_guard applyLock(applyMutex);
   const LqPassLock lock(kGoingBackTask);
@@ -201,6 +249,13 @@ void Passes::keepDeadline() {
 }
 
 RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
+  PassNews news;
+  RefreshResult result = refreshInTurn(status, news);
+  if (!result.reason) report(std::move(news), nullptr, &status);
+  return result;
+}
+
+RefreshResult Passes::refreshInTurn(LqPeriodicTaskStatus& status, PassNews& news) {
   const Turn turn;
   if (isThere(MemoryFile::kGoing)) goBackWhereDue();
   const std::lock_guard applyLock(applyMutex);
@@ -218,15 +273,27 @@ RefreshResult Passes::refresh(LqPeriodicTaskStatus& status) {
   }
   const Stopwatch watch;
   const CacheWatch cache;
+  const CacheBefore cacheBefore;
   RefreshNote note;
+  WritesWatch writes;
   const int taskResult = refreshTimer_(&status);
   note.finish();
   result.run = judgeRefresh(taskResult, cache);
   if (result.run == RunOutcome::kCacheLost) {
     const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
   }
+  result.writes = writes.take();
+  news = newsOf(result);
+  news.drifts = driftOf(result.writes, cacheBefore, started);
   noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.run);
   return result;
+}
+
+void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& writes,
+                HostReport::DriftList drifts) {
+  PassNews news = newsOfPush(isApplied, batch, writes);
+  news.drifts = std::move(drifts);
+  report(std::move(news), nullptr, nullptr);
 }
 
 PushScope::PushScope()

@@ -15,6 +15,9 @@
 //
 // What a download or a push changes is noted before it is applied (rollback/change_note.h). A download ends
 // with going back where that is overdue: it has just been tried, once more, to reach the server.
+// Before a download the server is asked for its terms, and after each of the three it is told what came of it
+// (report/host_reporter.h), before and after the turn, so that nobody waits for that. Neither makes a pass
+// fail.
 #pragma once
 
 #include <atomic>
@@ -25,6 +28,8 @@
 #include "lqhost/pass/pass_outcome.h"
 #include "lqhost/pass/refresh_outcome.h"
 #include "lqhost/pass/unsettled_work.h"
+#include "lqhost/report/host_reporter.h"
+#include "lqhost/report/pass_news.h"
 #include "lqhost/rollback/change_note.h"
 #include "lqhost/rollback/going_back.h"
 #include "lqhost/service/product_library.h"
@@ -53,9 +58,8 @@ class Passes {
   // Runs a refresh on this thread, unless a note stands.
   RefreshResult refresh(LqPeriodicTaskStatus& status);
 
-  // What the server says when it is asked before a download; without it, nothing is demanded. To be set
-  // before any download.
-  void onAsk(std::function<ServerWord()> ask) { ask_ = std::move(ask); }
+  // Who asks the server for its terms before a download, instead of the reporter. To be set before any.
+  void onAsk(std::function<PassTerms()> ask) { ask_ = std::move(ask); }
 
   // Goes back to what was before the newest changes, now.
   WentBack goBackNow(const std::string& reason);
@@ -67,14 +71,18 @@ class Passes {
   void requestStop() { isStopping_ = true; }
 
  private:
+  WentBack goBackInTurn(const std::string& reason);
   std::string goBackWhereDue();  // why it did; empty when it did not
-  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* report, OldCache oldCache);
+  PassResult runDownload(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache);
+  PassResult runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache,
+                               const PassTerms& terms, PassNews& news);
+  RefreshResult refreshInTurn(LqPeriodicTaskStatus& status, PassNews& news);
 
   CWmError error_;
   TaskCallback downloadStart_ = nullptr;
   TaskCallback downloadTimer_ = nullptr;
   TaskCallback refreshTimer_ = nullptr;
-  std::function<ServerWord()> ask_;
+  std::function<PassTerms()> ask_ = [] { return HostReporter::get().ask(); };
   std::atomic<bool> isStopping_{false};
 };
 
@@ -92,11 +100,18 @@ class PushScope {
   // Nothing was applied: no synchronisation has to follow.
   void withdraw() { work_.restore(); }
 
+  // Whether registry and cache belonged together before.
+  bool beganSettled() const { return !work_.hasFoundNote(); }
+
  private:
   std::unique_lock<std::mutex> lock_;
   ChangeNote note_;
   UnsettledWork work_;
 };
+
+// Reports a push, in the resident host without waiting for the server.
+void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& writes,
+                HostReport::DriftList drifts);
 
 // What to do when a synchronisation should come soon: set by the resident host, empty otherwise. Any thread.
 void onDownloadWanted(std::function<void()> action);

@@ -1,13 +1,17 @@
 #include "lqhost/service/request_service.h"
 
 #include <cstring>  // explicit_bzero
+#include <ctime>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "common/descriptor_limit.h"
 #include "lqhost/instance.h"
+#include "lqhost/pass/cache_before.h"
+#include "lqhost/report/drift.h"
 #include "lqhost/service/passes.h"
 #include "lqregistry/App.h"
 #include "lqregistry/LQPlatformInfo.h"
@@ -59,24 +63,43 @@ void decline(CLqNetwork& session, const std::string& reason) {
   static_cast<void>(session.SendRefusal(reason));  // who is gone needs no reason, and the log has it
 }
 
+// What the host reports of a push.
+struct AppliedPush {
+  BatchFacts facts;
+  RegistryWrites writes;
+  HostReport::DriftList drifts;
+};
+
 // Applies a pushed batch. Otherwise the reason, and nothing was applied.
-std::string applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch) {
+std::string applyPush(LqRegistryManagerClnt& client, OBGui::RegistryTaskResp& batch, AppliedPush& applied) {
+  applied.facts = factsOf(batch.keys);
   PushScope push;
+  const CacheBefore cache;
+  WritesWatch writes;
   std::string reason = push.arrive(batch.keys);
   if (reason.empty() && client.serverRequestHandler(batch) == 0)
     reason = "this client does not know its own id";
-  if (!reason.empty()) push.withdraw();
-  return reason;
+  if (!reason.empty()) {
+    push.withdraw();
+    return reason;
+  }
+  applied.writes = writes.take();
+  if (push.beganSettled()) applied.drifts = driftOf(applied.writes, cache, std::time(nullptr));
+  return {};
 }
 
 void answerPush(CLqNetwork& session, OBGui::RegistryTaskResp& batch) {
   LqRegistryManagerClnt client(instanceName());
   ObEvent().Debug(kTag, "The server pushes %zu records", batch.keys->size());
-  if (const std::string reason = applyPush(client, batch); !reason.empty()) {
+  AppliedPush applied;
+  if (const std::string reason = applyPush(client, batch, applied); !reason.empty()) {
     decline(session, reason);
     return;
   }
   send(session, *client.sendMessage);
+  const auto* const said = messageAs<OBGui::RegistryTaskResp>(client.sendMessage);
+  reportPush(said != nullptr && said->taskStatus == OBGui::kTaskSuccess, applied.facts, applied.writes,
+             std::move(applied.drifts));
   // What was pushed is not in the settings cache; the download that follows puts it there.
   wantDownload();
 }

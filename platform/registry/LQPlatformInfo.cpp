@@ -10,6 +10,7 @@
 #include "lqregistry/LqSettings.h"
 #include "platform/registry/registry_path.h"
 #include "platform/registry/registry_store.h"
+#include "platform/registry/watched_writes.h"
 
 using lqregistry::Outcome;
 using lqregistry::RegistryStore;
@@ -96,6 +97,14 @@ bool LQPlatformInfo::onValue(const std::string& key, const std::string& name, co
   return record(std::move(outcome), key, name);
 }
 
+template <class Write>
+bool LQPlatformInfo::watched(const std::string& key, const std::string& name, const Write& write) {
+  lqregistry::WatchedWrite watch;
+  const bool isDone = write();
+  watch.end(isDone, lastError_, key, name, failure_.reason);
+  return isDone;
+}
+
 bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name, unsigned& type,
                                  void* buffer, int& size) {
   return onValue(key, name, [&](RegistryStore& store) {
@@ -114,27 +123,31 @@ bool LQPlatformInfo::getRegValue(const std::string& key, const std::string& name
 
 bool LQPlatformInfo::setRegValue(const std::string& key, const std::string& name, unsigned type,
                                  const void* data, int length) {
-  return onValue(key, name, [&](RegistryStore& store) {
+  const auto write = [&](RegistryStore& store) {
     if (length < 0 || (data == nullptr && length > 0)) return badName("the data has no length");
     const std::string_view bytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
     return store.writeValue(place_.path, name, type, bytes);
-  });
+  };
+  return watched(key, name, [&] { return onValue(key, name, write); });
 }
 
 bool LQPlatformInfo::createRegKey(const std::string& key) {
-  return onKey(key, [&](RegistryStore& store) { return store.createKey(place_.path); });
+  const auto create = [&](RegistryStore& store) { return store.createKey(place_.path); };
+  return watched(key, {}, [&] { return onKey(key, create); });
 }
 
 bool LQPlatformInfo::delRegKey(const std::string& key) {
-  return onKey(key, [&](RegistryStore& store) {
+  const auto remove = [&](RegistryStore& store) {
     return lqregistry::HoldsInstance(place_.path)
                ? badName("the key is the root of the instance, or above it, and is not removed")
                : store.removeKey(place_.path);
-  });
+  };
+  return watched(key, {}, [&] { return onKey(key, remove); });
 }
 
 bool LQPlatformInfo::delRegField(const std::string& key, const std::string& name) {
-  return onValue(key, name, [&](RegistryStore& store) { return store.removeValue(place_.path, name); });
+  const auto remove = [&](RegistryStore& store) { return store.removeValue(place_.path, name); };
+  return watched(key, name, [&] { return onValue(key, name, remove); });
 }
 
 bool LQPlatformInfo::getSubKeys(const std::string& key, std::list<std::string>& names) {
@@ -159,7 +172,7 @@ int LQPlatformInfo::setString(const std::string& section, const std::string& nam
   const auto write = [&](RegistryStore& store) {
     return store.writeValueCreatingKey(place_.path, name, kTextType, value);
   };
-  return onValue(section, name, write) ? 1 : 0;
+  return watched(section, name, [&] { return onValue(section, name, write); }) ? 1 : 0;
 }
 
 bool LQPlatformInfo::getNumber(const std::string& section, const std::string& name, std::int64_t& out) {

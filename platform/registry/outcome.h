@@ -5,6 +5,7 @@
 #include <string>
 
 #include "lqregistry/LQPlatformInfo.h"
+#include "lqregistry/LqWriteWatch.h"
 
 namespace lqregistry {
 
@@ -13,7 +14,8 @@ namespace lqregistry {
 struct [[nodiscard]] Outcome {
   int code = kRegOk;
   std::string reason;
-  bool locked = false;  // kRegUnavailable because another process held its lock for too long
+  bool locked = false;                   // kRegUnavailable because another process held its lock for too long
+  WriteFault fault = WriteFault::kNone;  // which kind of kRegUnavailable, as far as it is known
 
   bool ok() const { return code == kRegOk; }
 };

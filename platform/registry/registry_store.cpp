@@ -10,6 +10,7 @@
 #include "lqregistry/LqRegistryFile.h"
 #include "lqregistry/LqSettings.h"
 #include "lqregistry/ObDebug.h"
+#include "platform/registry/watched_writes.h"
 #include "platform/secret/protection_key.h"
 
 namespace lqregistry {
@@ -79,6 +80,10 @@ Outcome RegistryStore::check() {
   return outcome.ok() ? connection.check() : outcome;
 }
 
+Outcome RegistryStore::readOnly() {
+  return {kRegUnavailable, "the file is read-only", false, WriteFault::kReadOnly};
+}
+
 Outcome RegistryStore::openFor(Connection& connection, Access access) {
   if (connection.isOpen() && access == Access::kReading &&
       (connection.inTransaction() || connection.isCurrent()))
@@ -88,11 +93,10 @@ Outcome RegistryStore::openFor(Connection& connection, Access access) {
   // The file may have become writable since it was opened.
   if (connection.isOpen() && access == Access::kWriting &&
       (connection.inTransaction() || ::access(path.c_str(), W_OK) != 0))
-    return {kRegUnavailable, "the file is read-only"};
+    return readOnly();
   Outcome outcome = connection.open(path, access, kReadWait);
   if (!outcome.ok()) return outcome;
-  if (access == Access::kWriting && connection.isReadOnly())
-    return {kRegUnavailable, "the file is read-only"};
+  if (access == Access::kWriting && connection.isReadOnly()) return readOnly();
   return {};
 }
 
@@ -176,7 +180,10 @@ Outcome RegistryStore::createKey(const std::string& key) {
     needed = outcome.code == kRegKeyMissing;
     return needed ? Outcome{} : outcome;
   };
-  const auto act = [&] { return ensureKey(key, id); };
+  const auto act = [&] {
+    noteBefore(nullptr);
+    return ensureKey(key, id);
+  };
   return change({true, look, act});
 }
 
@@ -189,7 +196,10 @@ Outcome RegistryStore::writeValue(const std::string& key, const std::string& nam
     needed = !slot.holds(type, data);
     return outcome;
   };
-  const auto act = [&] { return putValue(slot, name, type, data); };
+  const auto act = [&] {
+    noteBefore(slot.value);
+    return putValue(slot, name, type, data);
+  };
   return change({false, look, act});
 }
 
@@ -202,6 +212,7 @@ Outcome RegistryStore::writeValueCreatingKey(const std::string& key, const std::
     return outcome;
   };
   const auto act = [&] {
+    noteBefore(slot.value);
     const int result = slot.keyExists ? SQLITE_OK : ensureKey(key, slot.keyId);
     return result == SQLITE_OK ? putValue(slot, name, type, data) : result;
   };
@@ -217,6 +228,8 @@ Outcome RegistryStore::removeKey(const std::string& key) {
   const auto act = [&] {
     const std::string afterKey = key + '/';
     const std::string afterSubtree = key + static_cast<char>('/' + 1);
+    static const StoredValue someKey;
+    noteBefore(&someKey);
     seen_.forget();
     return Query(writer_, Sql::kRemoveSubtree).bind(key).bind(afterKey).bind(afterSubtree).step();
   };
@@ -234,6 +247,7 @@ Outcome RegistryStore::removeValue(const std::string& key, const std::string& na
     return Outcome{};
   };
   const auto act = [&] {
+    noteBefore(slot.value);
     const int result = Query(writer_, Sql::kRemoveValue).bind(slot.keyId).bind(name).step();
     if (result == SQLITE_DONE) seen_.noteAbsent(name);
     return result;

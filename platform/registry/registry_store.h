@@ -91,6 +91,7 @@ class RegistryStore {
   void noteFork();
   Outcome inherited();
 
+  static Outcome readOnly();
   Outcome openFor(Connection& connection, Access access);
   Outcome read(FunctionRef<Outcome(Connection&)> look);
   Outcome readFrom(Connection& connection, FunctionRef<Outcome(Connection&)> look);

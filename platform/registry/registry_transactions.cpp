@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "platform/registry/registry_store.h"
+#include "platform/registry/watched_writes.h"
 
 namespace lqregistry {
 
@@ -34,6 +35,7 @@ Outcome RegistryStore::change(const Change& change) {
   }
   if (outcome.code == kRegUnavailable) {
     noteLock(outcome);
+    noteFault(outcome);
     reportFailure(Access::kWriting, outcome);
   }
   return outcome;
@@ -120,6 +122,7 @@ Outcome RegistryStore::commitTransaction() {
   if (writer_.inTransaction()) writer_.run(Sql::kRollback);
   lostWrites_ = lostWrites_ || pendingWrites_;
   pendingWrites_ = false;
+  noteFault(outcome);
   reportFailure(Access::kWriting, outcome);
   return outcome;
 }
@@ -184,6 +187,7 @@ bool RegistryStore::endBatch() {
   // What a commit that fails has lost is noted and reported there.
   if (batchDepth_ == 1 && writer_.inTransaction()) static_cast<void>(commitTransaction());
   const bool survived = !lostWrites_;
+  if (batchDepth_ == 1 && !survived) tellLostBatch();
   leaveBatch();
   return survived;
 }

@@ -5,6 +5,28 @@
 
 namespace lqregistry {
 
+namespace {
+
+// A write that the system refuses for a quota or a limit is told apart from a full disk, which to whoever
+// reads the reason it is not.
+WriteFault faultOf(int result, int extended) {
+  switch (result) {
+    case SQLITE_BUSY:
+      return WriteFault::kLocked;
+    case SQLITE_READONLY:
+      return WriteFault::kReadOnly;
+    case SQLITE_FULL:
+      return WriteFault::kFull;
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+      return WriteFault::kDamaged;
+    default:
+      return extended == SQLITE_IOERR_WRITE ? WriteFault::kFull : WriteFault::kOther;
+  }
+}
+
+}  // namespace
+
 int execute(sqlite3* database, const char* sql) {
   return sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
 }
@@ -38,7 +60,8 @@ Outcome failureOf(sqlite3* database, int result) {
   const int systemError = sqlite3_system_errno(database);
   if ((result == SQLITE_CANTOPEN || result == SQLITE_IOERR) && systemError != 0)
     reason += ": " + std::generic_category().message(systemError);
-  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY};
+  return {kRegUnavailable, std::move(reason), result == SQLITE_BUSY,
+          faultOf(result, sqlite3_extended_errcode(database))};
 }
 
 }  // namespace lqregistry

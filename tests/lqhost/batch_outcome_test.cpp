@@ -22,9 +22,11 @@ TEST_F(BatchOutcome, IsJudgedByWhatTheRegistryHolds) {
        disabled("A", "sOFF", "1"), record("A", "sOFF_UNTIL", "1"), secretRecord("A", "sPW", "sesame"),
        removal("EventManager", "dOBLOGDIR"), record("A", "", "x"), removal("A", ""),
        record("Clients", "Other", "", "KEY"), record("A", std::string(1025, 'n'), "1")});
-  host::PassDetails details{batch, host::currentValues(batch)};
+  host::PassDetails details{batch, host::currentValues(batch), {}};
   OBGui::KeyList applied = batch;
+  host::WritesWatch writes;
   EXPECT_EQ(LqRegistryManagerClnt("").updateRegistryKeysForClient(applied), kResultFailed);
+  details.writes = writes.take();
   setValue("EventManager", "dOBLOGDIR", "/opt/x/Log_Files");  // as the repair of the log directory does
   const host::BatchReport report = host::reportOf(std::move(details));
   EXPECT_EQ(report.failed, 3U);
@@ -46,7 +48,7 @@ added ~A sPW ******** protected
 reset ~EventManager dOBLOGDIR /opt/x/Log_Files removed by the server, reset to its default
 failed ~A a record without a name cannot be removed
 failed ~Clients Other keys may not be created remotely
-failed ~A 1025n see the log
+failed ~A 1025n the registry does not take this name or path: the value name is longer than 1024 bytes
 
 16 records: 3 added, 1 changed, 3 removed, 1 reset, 3 left as they were, 3 failed
 )");

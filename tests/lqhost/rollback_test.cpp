@@ -22,7 +22,7 @@ namespace {
 using host::BatchKind;
 using host::ChangeNote;
 using host::MemoryFile;
-using host::ServerWord;
+using host::PassTerms;
 using Tree = std::map<std::string, std::string>;
 
 Lines heard;  // by callbacks
@@ -74,7 +74,7 @@ class Rollback : public ProductTest {
   }
 
   // As a pass does it, without the server; why it was held back.
-  static std::string apply(const OBGui::KeyList& keys, ServerWord word = {},
+  static std::string apply(const OBGui::KeyList& keys, PassTerms word = {},
                            BatchKind kind = BatchKind::kWhole,
                            std::optional<host::UnsettledNote> behind = {}) {
     ChangeNote note(kind, word, behind);
@@ -209,7 +209,7 @@ TEST_F(Rollback, TheNoteSaysWhetherTheCacheFits) {
 
 // What waits is merged until it is confirmed; what is only kept is not.
 TEST_F(Rollback, TheMemoryReachesBackToTheLastConfirmedState) {
-  const auto set = [](const char* value, ServerWord word = {}) {
+  const auto set = [](const char* value, PassTerms word = {}) {
     EXPECT_EQ(apply({record("Limits", "nMAX", value)}, word), "");
     return host::memoryState().digest.get();
   };
@@ -331,7 +331,7 @@ TEST_F(Rollback, AFullDiskPutsItOff) {
 
   // Without a memory only what nobody may have to go back from is applied.
   const FullDisk full(1);
-  const std::tuple<OBGui::RegistryKeyInfo, ServerWord, bool> cases[] = {
+  const std::tuple<OBGui::RegistryKeyInfo, PassTerms, bool> cases[] = {
       {record("Limits", "nMIN", "2"), {}, true},
       {record("Limits", "nMIN", "2"), {HostReport::kDemandVerdicts}, false},
       {record("Overhub", "sOHHOSTNAME", "elsewhere"), {}, false}};
@@ -474,7 +474,7 @@ TEST_F(CutOff, WhatIsReachedStays) {
   EXPECT_EQ(stateWord(), "kept");
 
   // What has to be confirmed goes back though the server is reached; not while the host stops.
-  passes_.onAsk([] { return ServerWord{60}; });
+  passes_.onAsk([] { return PassTerms{60}; });
   EXPECT_TRUE(download(&two_).received);
   pass(60);
   {

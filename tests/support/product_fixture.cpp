@@ -3,6 +3,7 @@
 #include "lqregistry/CLqNetwork.h"
 #include "lqregistry/LQClient.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "records/service_names.h"
 
 OBGui::RegistryKeyInfo record(const std::string& keyPath, const std::string& valueName,
                               const std::string& value, const std::string& valueType) {
@@ -143,7 +144,12 @@ PlayedServer::PlayedServer(const std::string& address, const std::string& sessio
       peer_(address, 8400, "client42", sessionKey,
             [this, next = std::size_t{0}](PeerSession& session) mutable {
               Stage stage(session, *this);
-              if (next < scripts_.size()) scripts_[next++](stage);
+              if (next >= scripts_.size()) {
+                if (hasReports()) stage.acceptAttach();
+                return;
+              }
+              scripts_[next](stage);
+              if (!stage.wasForReports()) ++next;
             }) {}
 
 void PlayedServer::keep(Lines& where, const std::string& text) {
@@ -162,8 +168,44 @@ Lines PlayedServer::messages() {
 }
 
 bool PlayedStage::acceptAttach() {
-  return peer.acceptAttach(
-      [this](const std::string& request) { server_.keep(server_.attachments_, request); });
+  if (!peer.handshake()) return false;
+  const PeerFrame request = peer.readFrame();
+  if (request.kind != PeerSession::kAttach) return false;
+  wasForReports_ = contains(request.payload, kReportLibraryName);
+  if (wasForReports_) {
+    server_.serveReport(peer);
+    return false;
+  }
+  server_.keep(server_.attachments_, request.payload);
+  peer.writeFrame(PeerSession::kConfirm);
+  return true;
+}
+
+bool PlayedServer::hasReports() {
+  const std::lock_guard lock(mutex_);
+  return reports_ != nullptr;
+}
+
+void PlayedServer::serveReports(ReportService service) {
+  const std::lock_guard lock(mutex_);
+  reports_ = std::move(service);
+}
+
+void PlayedServer::serveReport(PeerSession& session) {
+  ReportService service;
+  {
+    const std::lock_guard lock(mutex_);
+    service = reports_;
+  }
+  if (!service) {
+    session.writeFrame(PeerSession::kRefuse, "no such service");
+    return session.waitForClose();
+  }
+  session.writeFrame(PeerSession::kConfirm);
+  const std::optional<PeerFrame> answer = service(session.readFrame().payload);
+  if (!answer) return;
+  session.writeFrame(answer->kind, answer->payload);
+  session.answerGoodbye();
 }
 
 void PlayedStage::takeMessage() {

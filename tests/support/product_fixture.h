@@ -68,18 +68,21 @@ class ProductTest : public testing::Test {
 
 // --- the server --------------------------------------------------------------------------------------------
 
-// One session, as its script sees it.
+// One session, as its script sees it. Sessions with the report service are no script's business.
 class PlayedStage {
  public:
   PlayedStage(PeerSession& session, PlayedServer& server) : peer(session), server_(server) {}
   // Handshake, attach request, yes; the request is kept for attachments().
   bool acceptAttach();
+  // Whether the caller wanted the report service instead, which was dealt with; the script is still to come.
+  bool wasForReports() const { return wasForReports_; }
   // The next message, kept for messages().
   void takeMessage();
   PeerSession& peer;
 
  private:
   PlayedServer& server_;
+  bool wasForReports_ = false;
 };
 
 // Plays a script for each session, the first for the first caller and so on; callers beyond them find the
@@ -88,8 +91,13 @@ class PlayedServer {
  public:
   using Stage = PlayedStage;
   using Script = std::function<void(Stage&)>;
+  // What the server's report service answers to the text of a report, frame by frame; nothing: it closes.
+  using ReportService = std::function<std::optional<PeerFrame>(const std::string& text)>;
 
   PlayedServer(const std::string& address, const std::string& sessionKey, std::vector<Script> scripts);
+
+  // From now on there is a report service; before, there is none, and who wants it is refused.
+  void serveReports(ReportService service);
 
   int sessions() const { return peer_.callers(); }
   Lines attachments();
@@ -108,8 +116,12 @@ class PlayedServer {
   friend PlayedStage;
   void keep(Lines& where, const std::string& text);
 
+  void serveReport(PeerSession& session);
+  bool hasReports();
+
   std::vector<Script> scripts_;
-  std::mutex mutex_;  // guards the two lists
+  std::mutex mutex_;  // guards what follows
+  ReportService reports_;
   Lines attachments_;
   Lines messages_;
   ScriptedPeer peer_;
