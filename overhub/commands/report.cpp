@@ -110,8 +110,10 @@ void addStates(HtmlPage& page, const FleetStatus& fleet) {
 }
 
 // Where somebody has to look, the earlier the sooner: a change for all makes all of them pending.
-constexpr std::array kBySeverity{FleetState::failed, FleetState::silent, FleetState::never,
-                                 FleetState::pending};
+constexpr std::array kBySeverity{FleetState::back,    FleetState::failed,   FleetState::refused,
+                                 FleetState::restart, FleetState::silent,   FleetState::never,
+                                 FleetState::pending, FleetState::corrected};
+static_assert(kBySeverity.size() + 1 == kFleetStates.size(), "each but current");
 
 void addMachines(HtmlPage& page, const FleetStatus& fleet) {
   page.section("Machines that are not current");

@@ -351,7 +351,8 @@ TEST_F(StatusCommand, ListsHaveTheKeysThatAreDocumented) {
        "settings: path name type value until flags scope revision needsRestart sentence"},
       {"log '*' '~/A' nC", "revisions: revision time who why command changes"},
       {"status web-10",
-       "time revision clients current pending failed silent never withdrawn oldestPending "
+       "time revision clients current corrected pending restart refused failed back silent never withdrawn "
+       "oldestPending "
        "machines: name state since lastSeen hasRevision wantedRevision groups withdrawn why"}};
   for (const auto& [command, expected] : lists) {
     const auto list =
