@@ -123,8 +123,8 @@ struct Report : MessageClass<Report, kNamespace, 5> {
   static constexpr const char* kClassName = "HostReport.Report";
   Field<std::int64_t, 1, 1> version;
   Field<std::int64_t, 2, 2> clientId;
-  // Which report is the newer one: the number grows by one with each that this host makes, and begins anew
-  // with another epoch when it has lost count.
+  // Which report is the newer one: the number grows with each that this host makes, not always by one, and
+  // begins anew with another epoch when it has lost count.
   Field<std::string, 3, 3> epoch;
   Field<std::int64_t, 4, 4> sequence;
   Field<std::int64_t, 5, 5> time;

@@ -285,11 +285,12 @@ void log(const Told& told) {
   const char* const module = told.module.c_str();
   const char* const path = told.keyPath.c_str();
   const char* const name = told.valueName.c_str();
-  if (told.isGood())
+  if (told.isGood()) {
     event.DebugLvl(kLogDetail, kTag, kFormat, module, path, name, told.verdict.c_str(),
                    told.sentence.c_str());
-  else
+  } else {
     event.Error(kTag, kFormat, module, path, name, told.verdict.c_str(), told.sentence.c_str());
+  }
 }
 
 void withdraw(const std::shared_ptr<Registrant>& registration) {

@@ -9,7 +9,7 @@ namespace {
 
 // What a report has besides its lists: a dozen numbers, and texts of which each may be as long as it can be
 // and consist of bytes that take four characters.
-constexpr std::size_t kHeadBytes = 16 * 1024;
+constexpr std::size_t kHeadBytes = std::size_t{16} * 1024;
 constexpr unsigned char kContinuation =
     0x80;  // in UTF-8, what a character goes on with, in the upper two bits
 constexpr unsigned char kContinuationMask = 0xC0;

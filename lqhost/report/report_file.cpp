@@ -65,7 +65,7 @@ CWmError writeKeptReport(const KeptReport& kept) {
 }
 
 std::string standingText(const ReportStanding& standing) {
-  const std::string last =
+  std::string last =
       standing.accepted == 0 ? "none was accepted yet" : "accepted " + lqtext::utcText(standing.accepted);
   if (standing.isTaken) return last;
   if (standing.whyNot.empty()) return last + "; the newest waits to be sent";

@@ -28,10 +28,11 @@ void addDrifts(Listing& list, const std::vector<Client>& clients, const std::vec
     return std::tie(a.second->path, a.second->name, a.first) <
            std::tie(b.second->path, b.second->name, b.first);
   });
-  for (const auto& [place, drift] : rows)
+  for (const auto& [place, drift] : rows) {
     list.addRow({drift->path, drift->name, clients[place].name, drift->times, drift->first, drift->last,
                  drift->isSecret ? kHiddenSecret : drift->found,
                  drift->isSecret ? kHiddenSecret : drift->corrected});
+  }
 }
 
 std::string driftText(const DriftCount& drift) {

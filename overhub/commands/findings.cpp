@@ -34,9 +34,9 @@ constexpr WayOut kWaysOut[] = {
      "put the protection key back from the machine's backup; without one, join the machine anew"},
     {"overridden", "find out who sets it on the machine and why; unset it here if that is right"},
     {"cacheLost", "free the machine's disk, or make its base directory writable"},
-    {"cacheKept", "\"overhub resend MACHINE\", or \"lqhost sync --fresh\" on the machine"},
+    {"cacheKept", R"("overhub resend MACHINE", or "lqhost sync --fresh" on the machine)"},
     {"cacheUnreadable", "run \"lqhost sync --fresh\" on the machine"},
-    {"never", "start the host there, with the join file: \"lqhost join FILE\", then \"lqhost run\""},
+    {"never", R"(start the host there, with the join file: "lqhost join FILE", then "lqhost run")"},
     {"silent", "see that the machine runs, \"lqhost run\" on it, and that it reaches the server"},
     {"notHandedOut", "mend what is set, as the reason says"},
     {"notApplied", "\"lqhost status\" on the machine, and its log, say which records and why"},
@@ -204,10 +204,11 @@ void Findings::addHandOut() {
   const HandedBatch& newest = *machine_.handed;
   std::string text = "was handed the batch of revision " + std::to_string(newest.revision) + " " +
                      programs::ageText(newest.time, now_);
-  if (machine_.report)
+  if (machine_.report) {
     text += machine_.report->digest == newest.digest ? ", and names it in its report"
             : machine_.report->digest.empty()        ? ", and its report names none"
                                                      : ", and its report names another one";
+  }
   add("handOut", text, newest.time);
 }
 

@@ -71,10 +71,12 @@ std::string textFor(Why& wanted, const FleetStatus& fleet, const std::vector<Tol
   if (wanted.list.isForPrograms()) {
     wanted.list.addFact({"Time", "time", Listing::Kind::time}, fleet.now);
     wanted.list.addFact({"Machines", "machines", Listing::Kind::number}, all.size());
-    for (const Told& told : all)
-      for (const Finding& finding : told.findings)
+    for (const Told& told : all) {
+      for (const Finding& finding : told.findings) {
         wanted.list.addRow({finding.machine, finding.isWrong, finding.kind, finding.path, finding.name,
                             finding.module, finding.since, finding.why, finding.wayOut});
+      }
+    }
     return wanted.list.output();
   }
   std::string text;

@@ -80,6 +80,7 @@ void countDrifts(soci::session& session, std::int64_t client, const HostReport::
     write(session, count);
   }
   std::vector<const DriftCount*> byAge;
+  byAge.reserve(counts.size());
   for (const auto& [place, count] : counts) byAge.push_back(&count);
   std::stable_sort(byAge.begin(), byAge.end(),
                    [](const DriftCount* a, const DriftCount* b) { return a->last > b->last; });

@@ -129,10 +129,11 @@ CWmError acceptReport(const Store& store, const std::string& name, const HostRep
     const auto found = findClient(session, name);
     if (!found) return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
     client = *found;
-    if (report.clientId != client.id)
+    if (report.clientId != client.id) {
       return {kLqErrRequestRefused, "the report is not taken: unknown client id " +
                                         std::to_string(report.clientId) + ": " + name + " is client " +
                                         std::to_string(client.id)};
+    }
     now = database.now(session);
     // Takes the client's row: of two servers that it reports to at once, one waits.
     session << "UPDATE contacts SET last_seen = :now WHERE client = :client", use(now, "now"),
