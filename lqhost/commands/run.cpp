@@ -22,8 +22,10 @@
 #include "lqhost/service/periodic_task.h"
 #include "lqhost/service/request_service.h"
 #include "lqhost/service/resident_lock.h"
+#include "lqhost/service/verdict_asker.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqRegistryFile.h"
+#include "lqregistry/LqVerdicts.h"
 #include "lqregistry/ObDebug.h"
 
 namespace host {
@@ -33,6 +35,7 @@ namespace {
 constexpr const char* kTag = "host::run";
 // How long the end waits for callbacks; within what the unit allows for a stop, with the rest of it.
 constexpr std::chrono::seconds kCallbackWait{8};
+constexpr std::chrono::seconds kVerdictWait{2};
 
 struct RunOptions {
   std::string address = "0.0.0.0";
@@ -119,10 +122,20 @@ class Reporting {
   Reporting& operator=(const Reporting&) = delete;
 };
 
+// Asks the modules while it lives.
+class Asking {
+ public:
+  Asking() { VerdictAsker::get().start(); }
+  ~Asking() { VerdictAsker::get().stop(); }
+  Asking(const Asking&) = delete;
+  Asking& operator=(const Asking&) = delete;
+};
+
 // Lets callbacks end that passes have queued, while the modules that they belong to are still whole. What has
 // not run by then is logged.
-void awaitCallbacks() {
+void awaitModules() {
   LqRegistryChangeMgr::callBackThreadPool.drain(kCallbackWait);
+  LqVerdicts::threadPool().drain(kVerdictWait);
 }
 
 // Until a stop signal comes; everything under way has ended when it returns.
@@ -135,6 +148,7 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   schedule.start(options.spread);
   const Reporting reporting(options.spread);
+  const Asking asking;
   if (const CWmError error =
           socket.serve([&passes](const std::string& question) { return answer(passes, question); });
       error.IsError())
@@ -177,7 +191,7 @@ int run(const RunOptions& options) {
       std::_Exit(print(result));
     }
   }
-  awaitCallbacks();
+  awaitModules();
   return print(result);
 }
 

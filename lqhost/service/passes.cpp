@@ -36,6 +36,14 @@ std::mutex applyMutex;
 std::mutex wantedMutex;
 std::function<void()> wanted;  // guarded by wantedMutex
 
+std::mutex changedMutex;
+std::function<void(const RegistryWrites&)> changed;  // guarded by changedMutex
+
+void tellChanged(const RegistryWrites& writes) {
+  const std::lock_guard lock(changedMutex);
+  if (changed) changed(writes);
+}
+
 // A pass, from the look at the note to the note's end: one at a time in this process, and between processes,
 // because whoever has found no note must not refresh over what another one applies meanwhile. Whoever has
 // waited as long as the product would goes on: the other's note stands by then, and they are kept apart by
@@ -201,6 +209,7 @@ PassResult Passes::runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* 
   if (!result.heldBack.empty())
     ObEvent().Error(kTag, "The batch was not applied: %s", result.heldBack.c_str());
   result.wentBack = goBackWhereDue();
+  tellChanged(pass.writes());
   // A pass over the new way shows that it is one.
   if (note.hasChangedWayBack()) wantDownload();
   return result;
@@ -230,7 +239,12 @@ WentBack Passes::goBackInTurn(const std::string& reason) {
   const Turn turn;
   const std::lock_guard applyLock(applyMutex);
   const LqPassLock lock(kGoingBackTask);
-  if (lock.isHeld()) return goBack(reason);
+  if (lock.isHeld()) {
+    const WritesWatch writes;
+    WentBack back = goBack(reason);
+    tellChanged(writes.writes());
+    return back;
+  }
   WentBack none;
   none.error = {kLqErrFile, lock.reason()};
   return none;
@@ -283,6 +297,7 @@ RefreshResult Passes::refreshInTurn(LqPeriodicTaskStatus& status, PassNews& news
     const UnsettledWork stays(Unsettled::kCacheLost);  // until a synchronisation has stored another
   }
   result.writes = writes.take();
+  tellChanged(result.writes);
   news = newsOf(result);
   news.drifts = driftOf(result.writes, cacheBefore, started);
   noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.run);
@@ -294,6 +309,7 @@ void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& w
   PassNews news = newsOfPush(isApplied, batch, writes);
   news.drifts = std::move(drifts);
   report(std::move(news), nullptr, nullptr);
+  tellChanged(writes);
 }
 
 PushScope::PushScope()
@@ -302,6 +318,11 @@ PushScope::PushScope()
 void onDownloadWanted(std::function<void()> action) {
   const std::lock_guard lock(wantedMutex);
   wanted = std::move(action);
+}
+
+void onChanged(std::function<void(const RegistryWrites&)> action) {
+  const std::lock_guard lock(changedMutex);
+  changed = std::move(action);
 }
 
 void wantDownload() {

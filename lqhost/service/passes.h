@@ -117,4 +117,8 @@ void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& w
 void onDownloadWanted(std::function<void()> action);
 void wantDownload();
 
+// Who hears, at once and on the thread that did it, what a pass, a refresh, a push or going back has written:
+// set by the resident host, empty otherwise. It must not wait. Any thread.
+void onChanged(std::function<void(const RegistryWrites& writes)> action);
+
 }  // namespace host

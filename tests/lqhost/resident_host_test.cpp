@@ -60,6 +60,30 @@ TEST_F(ResidentHost, PassesPushesFetchesAndCallsReachTheClient) {
   EXPECT_TRUE(contains(lqhost({"status"}).out, "no resident host is running"));
 }
 
+TEST_F(ResidentHost, WhatModulesSayOfAValueReachesTheServer) {
+  const auto set = [this](const std::string& level) {
+    expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", level});
+  };
+  const auto becomes = [this](const std::string& state, const std::string& why) {
+    return becomesTrue([&] {
+      const ProgramResult told = overhub({"why", "web-1"});
+      return contains(told.out, "web-1: " + state) && contains(told.out, why) &&
+             told.exitCode == (state == "refused" ? 6 : 0);
+    });
+  };
+  set("11");
+  const auto server = serve();
+  const auto host = runHost({"--module", kModule, "--sync-every", "3600"});
+  EXPECT_TRUE(becomes("refused", "trace levels are 0 to 10, not 11")) << overhub({"why", "web-1"}).out;
+  set("5");
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  EXPECT_TRUE(becomes("current", "")) << overhub({"why", "web-1"}).out;
+  set("12");
+  expectOut(ask({"push", "web-1"}), 0, {"applied"});
+  EXPECT_TRUE(becomes("refused", "not 12")) << overhub({"why", "web-1"}).out;
+  EXPECT_EQ(host->stop(), 0);
+}
+
 // With its server's address taken from it, and by hand; its modules hear of both.
 TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
   const auto setBoth = [this](const std::string& address, const std::string& level) {
