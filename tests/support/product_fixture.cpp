@@ -202,7 +202,9 @@ void PlayedServer::serveReport(PeerSession& session) {
     return session.waitForClose();
   }
   session.writeFrame(PeerSession::kConfirm);
-  const std::optional<PeerFrame> answer = service(session.readFrame().payload);
+  const PeerFrame report = session.readFrame();
+  if (report.kind != PeerSession::kMessage) return;  // a host that stops goes before it has said anything
+  const std::optional<PeerFrame> answer = service(report.payload);
   if (!answer) return;
   session.writeFrame(answer->kind, answer->payload);
   session.answerGoodbye();
