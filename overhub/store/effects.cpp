@@ -1,6 +1,7 @@
 #include "overhub/store/effects.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "common/machine_identity.h"
 #include "overhub/store/machine_batch.h"
@@ -86,8 +87,12 @@ std::string conflictOf(const std::vector<std::string>& scopes, const std::string
   for (const std::string& scope : scopes) {
     const auto said = settings.find({scope, name});
     if (said == settings.end()) continue;
-    for (const Setting& setting : said->second)
-      if (setting.expires >= now) moments.insert({now, setting.expires + 1});
+    for (const Setting& setting : said->second) {
+      if (setting.expires < now) continue;
+      moments.insert(now);
+      // The last moment that there is has none after it.
+      if (setting.expires != std::numeric_limits<std::int64_t>::max()) moments.insert(setting.expires + 1);
+    }
   }
   for (const std::int64_t moment : moments)
     if (std::string why = expiryConflict(merged(scopes, {name}, settings, moment)); !why.empty()) return why;
