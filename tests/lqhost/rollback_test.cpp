@@ -46,6 +46,7 @@ class Rollback : public ProductTest {
     LqRegistryManagerClnt::setAdditionalSettingsCache(batchText({record("Old", "sCACHE", "1")}));
   }
   ~Rollback() override {
+    LqRegistryChangeMgr::callBackThreadPool.waitIdle();  // `heard` may go when this process ends
     host::useClock({});
     host::onGoingBack(nullptr);
     LqRegistryChangeMgr::callBackMaps.clear();
