@@ -97,6 +97,18 @@ Options& Options::required(const char* name, std::int64_t& into, const std::stri
   return *this;
 }
 
+Options& Options::maybeWithValue(const char* name, std::optional<std::string>& into,
+                                 const std::string& description) {
+  const std::string all = name;
+  const std::size_t end = all.find(' ');
+  last_ = app_->add_option_function<std::vector<std::string>>(
+      all.substr(0, end),
+      [&into](const std::vector<std::string>& given) { into = given.empty() ? "" : given.front(); },
+      description);
+  last_->expected(0, 1)->type_name(end == std::string::npos ? "" : all.substr(end + 1));
+  return *this;
+}
+
 Options& Options::flag(const char* name, bool& into, const std::string& description) {
   last_ = app_->add_flag(name, into, description);
   return *this;

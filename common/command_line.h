@@ -50,6 +50,10 @@ class CommandLine {
     Options& option(const char* name, std::optional<std::int64_t>& into, std::int64_t least,
                     const std::string& description);
     Options& required(const char* name, std::int64_t& into, const std::string& description);
+    // One that may stand without a value, which is then empty; the next argument that is no option is its
+    // value.
+    Options& maybeWithValue(const char* name, std::optional<std::string>& into,
+                            const std::string& description);
     Options& flag(const char* name, bool& into, const std::string& description);
 
     // Of the one described last: the variable is looked at when it is not given; it does not go together with

@@ -40,6 +40,8 @@ constexpr const char* kFooter =
   overhub acks web-1
   overhub uploads web-1
   overhub resend web-1
+  overhub set @berlin '~/Limits' nMAX 30 --confirm 5m
+  overhub confirm web-1
   overhub push web-1
   overhub fetch web-1 '~/Limits' nMAX nMIN
   overhub call web-1 7 'hello'
@@ -77,6 +79,7 @@ void describe(programs::CommandLine& line, Store::Place& place) {
   addAcks(line, place);
   addUploads(line, place);
   addResend(line, place);
+  addConfirm(line, place);
   addPush(line, place);
   addFetch(line, place);
   addCall(line, place);

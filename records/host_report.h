@@ -146,6 +146,7 @@ struct Report : MessageClass<Report, kNamespace, 5> {
   Field<std::int64_t, 21, 21> verdictsOmitted;
   Field<Memory, 22, 22> memory;
   Field<std::string, 23, 23> originsOf;  // the digest of the batch whose origins the client knows
+  Field<std::int64_t, 24, 24> isAsking;  // 1: modules have not said yet what they make of what changed
 
   static std::span<const FieldInfo> fields() {
     static constexpr FieldInfo list[] = {field<&Report::version>("version"),
@@ -170,7 +171,8 @@ struct Report : MessageClass<Report, kNamespace, 5> {
                                          field<&Report::verdicts>("verdicts"),
                                          field<&Report::verdictsOmitted>("verdictsOmitted"),
                                          field<&Report::memory>("memory"),
-                                         field<&Report::originsOf>("originsOf")};
+                                         field<&Report::originsOf>("originsOf"),
+                                         field<&Report::isAsking>("isAsking")};
     return list;
   }
 };

@@ -125,7 +125,10 @@ class Reporting {
 // Asks the modules while it lives.
 class Asking {
  public:
-  Asking() { VerdictAsker::get().start(); }
+  explicit Asking(Passes& passes) {
+    VerdictAsker::get().start(
+        [&passes](const std::string& reason) { static_cast<void>(passes.goBackNow(reason)); });
+  }
   ~Asking() { VerdictAsker::get().stop(); }
   Asking(const Asking&) = delete;
   Asking& operator=(const Asking&) = delete;
@@ -148,7 +151,7 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
     return complaint(kExitFailed, std::string(error.AsString()) + "; --listen and --port name another place");
   schedule.start(options.spread);
   const Reporting reporting(options.spread);
-  const Asking asking;
+  const Asking asking(passes);
   if (const CWmError error =
           socket.serve([&passes](const std::string& question) { return answer(passes, question); });
       error.IsError())

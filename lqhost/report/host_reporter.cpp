@@ -12,6 +12,7 @@
 #include "lqhost/instance.h"
 #include "lqhost/report/report_bounds.h"
 #include "lqhost/report/report_exchange.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqregistry/FXFile.h"
 #include "lqregistry/ObDebug.h"
 
@@ -179,11 +180,25 @@ void HostReporter::putVerdicts(HostReport::VerdictList verdicts, std::int64_t as
     load();
     kept_->report.verdicts = std::move(verdicts);
     kept_->report.asked = asked;
+    kept_->report.isAsking = 0;
     noteChange();
     keep();
     if (!isWorthTrying()) return;
   }
   send(HostReport::kCauseVerdict);
+}
+
+void HostReporter::noteAsking() {
+  const std::lock_guard lock(mutex_);
+  load();
+  kept_->report.isAsking = 1;
+  noteChange();
+}
+
+bool HostReporter::isAsking() {
+  const std::lock_guard lock(mutex_);
+  load();
+  return kept_->report.isAsking == 1;
 }
 
 void HostReporter::putMemory(HostReport::Memory memory, const char* cause) {
@@ -261,13 +276,26 @@ std::optional<HostReport::Answer> HostReporter::exchange(const char* cause) {
   HostReport::Answer answer;
   bool isSent = false;
   const CWmError error = exchangeReport(sent.report, deadline, answer, isSent);
-  const std::lock_guard lock(mutex_);
-  if (error.IsError()) {
-    noteNotTaken(sent, error, isSent);
-    return std::nullopt;
+  {
+    const std::lock_guard lock(mutex_);
+    if (error.IsError()) {
+      noteNotTaken(sent, error, isSent);
+      return std::nullopt;
+    }
+    noteTaken(sent, answer);
   }
-  noteTaken(sent, answer);
+  confirmBatch(answer, sent.report.digest);
   return answer;
+}
+
+// The next report tells that it is so.
+void HostReporter::confirmBatch(const HostReport::Answer& answer, const std::string& digest) {
+  if (answer.isConfirmed != 1 || !confirmChanges(digest)) return;
+  HostReport::Memory memory = memoryState();
+  const std::lock_guard lock(mutex_);
+  kept_->report.memory = std::move(memory);
+  noteChange();
+  keep();
 }
 
 // Of those that did not fit the server has heard the number.

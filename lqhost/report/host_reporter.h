@@ -78,6 +78,10 @@ class HostReporter {
   void putVerdicts(HostReport::VerdictList verdicts, std::int64_t asked);
   void putMemory(HostReport::Memory memory, const char* cause);
 
+  // That modules are to be asked, until putVerdicts() says what they think; nothing is sent for it.
+  void noteAsking();
+  bool isAsking();
+
   // For the resident host: sends from now on on a thread of its own, the first report after `delay`; and ends
   // that, once the waits for the network have been interrupted.
   void startSending(std::chrono::duration<double> delay);
@@ -108,6 +112,7 @@ class HostReporter {
   bool isWorthTrying();
   bool sendUnanswered(Clock::time_point deadline);
   std::optional<HostReport::Answer> exchange(const char* cause);
+  void confirmBatch(const HostReport::Answer& answer, const std::string& digest);
   void send(const char* cause);
   void sendAgainAndAgain(std::chrono::duration<double> delay);
 

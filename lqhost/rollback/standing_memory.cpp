@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "lqhost/pass/registry_writes.h"
 #include "lqhost/rollback/history.h"
 #include "lqhost/rollback/place_value.h"
 #include "lqregistry/LqRegistryFile.h"
@@ -95,16 +96,30 @@ bool isWayBackUnproven() {
   return memory && memory->reachBy.isSet();
 }
 
-void confirmChanges(const std::string& digest) {
+bool confirmChanges(const std::string& digest) {
   const MemoryLock lock;
-  if (!isWaiting()) return;
+  if (!isWaiting()) return false;
   std::optional<ChangeMemory> memory = loadMemory(MemoryFile::kBefore);
-  if (!memory || memory->hasToBeConfirmed != 1 || digest.empty() || memory->digest.get() != digest) return;
+  if (!memory || memory->hasToBeConfirmed != 1 || digest.empty() || memory->digest.get() != digest)
+    return false;
   memory->hasToBeConfirmed.clear();
   memory->confirmBy.clear();
-  if (const CWmError error = saveMemory(MemoryFile::kBefore, *memory); error.IsError())
-    return ObEvent().Error(kTag, "That the server has confirmed could not be noted: %s", error.AsString());
+  if (const CWmError error = saveMemory(MemoryFile::kBefore, *memory); error.IsError()) {
+    ObEvent().Error(kTag, "That the server has confirmed could not be noted: %s", error.AsString());
+    return false;
+  }
   if (!memory->isWaiting()) noteInHistory("confirmed", *memory, "by the server");
+  return true;
+}
+
+bool hasToBeConfirmed(const std::string& keyPath, const std::string& valueName) {
+  if (!isWaiting()) return false;
+  const std::optional<ChangeMemory> memory = loadMemory(MemoryFile::kBefore);
+  if (!memory || memory->hasToBeConfirmed != 1) return false;
+  const std::string place = placeOf(keyPath, valueName);
+  return std::any_of(memory->places->begin(), memory->places->end(), [&place](const MemoryPlace& changed) {
+    return placeOf(changed.keyPath, changed.valueName) == place;
+  });
 }
 
 bool forgetGoneBack() {

@@ -26,8 +26,12 @@ std::string overdueReason();
 // Whether the way to the server was changed and is not proven yet.
 bool isWayBackUnproven();
 
-// The server says that the batch with this digest stays. Another one is nothing to it.
-void confirmChanges(const std::string& digest);
+// The server says that the batch with this digest stays. False when nothing waited for that, or another
+// batch.
+bool confirmChanges(const std::string& digest);
+
+// Whether the newest changes have to be confirmed and this is one of them, as the server spells it.
+bool hasToBeConfirmed(const std::string& keyPath, const std::string& valueName);
 
 // What the machine went back from may be applied again. False when there was nothing.
 bool forgetGoneBack();

@@ -1,5 +1,6 @@
 #include "lqhost/service/verdict_asker.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <exception>
@@ -7,6 +8,7 @@
 
 #include "lqhost/pass/current_value.h"
 #include "lqhost/report/host_reporter.h"
+#include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/passes.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
 #include "lqregistry/LqVerdicts.h"
@@ -58,7 +60,8 @@ VerdictAsker& VerdictAsker::get() {
   return *instance;
 }
 
-void VerdictAsker::start() {
+void VerdictAsker::start(std::function<void(const std::string&)> goBack) {
+  goBack_ = std::move(goBack);
   onChanged([this](const RegistryWrites& writes) { noteChanged(writes); });
   LqRegistryChangeMgr::callBackThreadPool.setFaultObserver(
       [this](const std::string& lane, const std::string& what) { noteFault(lane, what); });
@@ -73,6 +76,11 @@ void VerdictAsker::stop() {
 
 void VerdictAsker::noteChanged(const RegistryWrites& writes) {
   if (writes.changed.empty() || writes.lost) return;
+  const std::vector<LqVerdicts::Registration> all = LqVerdicts::Registered();
+  const bool isAsked = std::any_of(all.begin(), all.end(), [&writes](const auto& registered) {
+    return writes.changed.contains(placeOf(registered.keyPath, registered.valueName));
+  });
+  if (isAsked) HostReporter::get().noteAsking();
   {
     const std::lock_guard lock(mutex_);
     for (const auto& [place, before] : writes.changed) {
@@ -157,6 +165,12 @@ void VerdictAsker::ask(const std::set<std::string>& places, bool isStart, const 
     }
   }
   report(told.size());
+  const auto refused = std::find_if(told.begin(), told.end(), [](const LqVerdicts::Told& one) {
+    return one.verdict == LqVerdict::kRefused && hasToBeConfirmed(one.keyPath, one.valueName);
+  });
+  if (refused != told.end())
+    goBack_(refused->module + " refused " + refused->keyPath + " " + refused->valueName + ": " +
+            refused->sentence);
 }
 
 void VerdictAsker::report(std::size_t asked) {
@@ -166,7 +180,7 @@ void VerdictAsker::report(std::size_t asked) {
     for (const auto& [place, fault] : faults_) list.push_back(fault.verdict);
     for (const auto& [place, verdict] : answers_) list.push_back(verdict);
   }
-  if (list.empty()) return;
+  if (list.empty() && !HostReporter::get().isAsking()) return;
   HostReporter::get().putVerdicts(std::move(list), static_cast<std::int64_t>(asked));
 }
 

@@ -2,11 +2,14 @@
 // push or going back has changed, and all of them once at the start; what they answer goes into the host's
 // report. So does a change callback that ended with an exception.
 //
+// What a module refuses and the server wants to have confirmed, the machine goes back from.
+//
 // A module that has not answered in time is asked again when it is free, without a change.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -28,7 +31,8 @@ class VerdictAsker {
   VerdictAsker& operator=(const VerdictAsker&) = delete;
 
   // Hears of changes and faults from now on, and asks; once the modules have registered.
-  void start();
+  //   goBack  does so, for this reason; any thread
+  void start(std::function<void(const std::string&)> goBack);
   // Waits for nobody's answer.
   void stop();
 
@@ -45,6 +49,8 @@ class VerdictAsker {
   void keepAsking(const std::stop_token& stop);
   void ask(const std::set<std::string>& places, bool isStart, const std::stop_token& stop);
   void report(std::size_t asked);
+
+  std::function<void(const std::string&)> goBack_;
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable_any wanted_;

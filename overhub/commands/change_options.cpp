@@ -9,11 +9,32 @@
 #include "common/host_name.h"
 #include "common/text_table.h"
 #include "overhub/commands/reporting.h"
+#include "overhub/commands/time_argument.h"
 
 namespace {
 
 std::string counted(std::size_t number, const char* one) {
   return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+}
+
+// What --confirm may say: less than a pass and its report take would send every machine back, and what a
+// machine keeps for longer than that nobody remembers.
+constexpr std::int64_t kLeastConfirm = 10;
+constexpr std::int64_t kMostConfirm = std::int64_t{30} * 86400;
+
+// What --confirm demands of machines (confirmations.h).
+CWmError readConfirm(const std::optional<std::string>& text, std::int64_t& demand) {
+  demand = HostReport::kDemandNothing;
+  if (!text) return {};
+  demand = HostReport::kDemandVerdicts;
+  if (text->empty()) return {};
+  TypedTime time;
+  const bool isRead = !readTime("+" + *text, time).IsError();
+  demand = time.seconds;
+  if (isRead && demand >= kLeastConfirm && demand <= kMostConfirm) return {};
+  return {kLqErrRequestRefused,
+          "--confirm takes 10 seconds to 30 days, such as 90, 5m, 2h or 1d, and not \"" + *text +
+              "\"; without a time, write it at the end of the line"};
 }
 
 std::string machines(const Effects& effects) {
@@ -59,6 +80,10 @@ std::string whoTypes() {
 
 void ChangeOptions::describe(programs::CommandLine::Options options) {
   options.option("--why TEXT", why_, "The reason, for \"overhub log\"")
+      .maybeWithValue(
+          "--confirm [TIME]", confirm_,
+          "Machines go back to what was before when a module refuses it or, with a TIME such as 5m, when "
+          "no report has shown within it that it works, nor \"overhub confirm\" said so")
       .flag("--dry-run", isDryRun_, "Only show which machines would get what")
       .option("--expect REVISION", expected_, 0,
               "Refuse if what is changed here was changed after this revision, and say by whom")
@@ -79,6 +104,9 @@ int ChangeOptions::make(const Store& store, const std::string& command, const Ch
   note.who = whoTypes();
   note.why = why_;
   note.command = command;
+  if (const CWmError error = readConfirm(confirm_, note.confirm); error.IsError())
+    return complain(kExitUsage, error.AsString());
+  if (confirm_) note.command += " --confirm" + (confirm_->empty() ? "" : " " + *confirm_);
   note.isForced = isForced_;
   note.isDryRun = isDryRun_;
   note.expected = expected_;

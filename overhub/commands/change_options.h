@@ -15,13 +15,13 @@ std::string whoTypes();
 
 class ChangeOptions {
  public:
-  // Adds --why, --dry-run, --expect and --force.
+  // Adds --why, --confirm, --dry-run, --expect and --force.
   void describe(programs::CommandLine::Options options);
 
   bool isForced() const { return isForced_; }
   bool isDryRun() const { return isDryRun_; }
   // Whether any of them was given.
-  bool isGiven() const { return !why_.empty() || isDryRun_ || isForced_ || expected_; }
+  bool isGiven() const { return !why_.empty() || confirm_ || isDryRun_ || isForced_ || expected_; }
 
   // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no
   // secret. An exit code.
@@ -33,6 +33,7 @@ class ChangeOptions {
 
  private:
   std::string why_;
+  std::optional<std::string> confirm_;  // empty: without a limit
   bool isDryRun_ = false;
   bool isForced_ = false;
   std::optional<std::int64_t> expected_;

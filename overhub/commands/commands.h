@@ -34,6 +34,7 @@ void addApply(programs::CommandLine& line, const Store::Place& place);
 
 void addAcks(programs::CommandLine& line, const Store::Place& place);
 void addUploads(programs::CommandLine& line, const Store::Place& place);
+void addConfirm(programs::CommandLine& line, const Store::Place& place);
 void addResend(programs::CommandLine& line, const Store::Place& place);
 
 void addPush(programs::CommandLine& line, const Store::Place& place);

@@ -8,6 +8,7 @@
 #include "lqregistry/UtcText.h"
 #include "overhub/commands/drift_list.h"
 #include "overhub/store/acknowledgements.h"
+#include "overhub/store/confirmations.h"
 
 namespace {
 
@@ -90,6 +91,7 @@ class Findings {
   void addVerdicts(const StoredReport& stored);
   void addMemory(const StoredReport& stored);
   void addClock(const ReportNote& note);
+  void addDemand(const Demand& demand);
   void addHandOut();
 
   std::vector<Finding> take() {
@@ -192,6 +194,10 @@ void Findings::addMemory(const StoredReport& stored) {
   add("memory", text + reason, since);
 }
 
+void Findings::addDemand(const Demand& demand) {
+  if (demand.revision != 0) add("toBeConfirmed", demandText(demand) + ", and is not yet");
+}
+
 void Findings::addClock(const ReportNote& note) {
   const std::int64_t ahead = note.time - note.received;
   if (ahead >= -kClockSeconds && ahead <= kClockSeconds) return;
@@ -239,6 +245,7 @@ std::vector<Finding> findingsOf(soci::session& session, const MachineStatus& mac
   if (!hasProblems && contact.outcome != 0 && contact.outcome != OBGui::kTaskSuccess)
     findings.wrong("notApplied", "its newest acknowledgement says: " + outcomeText(contact.outcome),
                    contact.outcomeSince);
+  findings.addDemand(demandOf(session, machine.client));
   findings.addHandOut();
   for (const DriftCount& drift : driftsOf(session, machine.client.id)) {
     if (drift.last <= now - kCorrectedSeconds) continue;

@@ -86,7 +86,7 @@ CWmError makeChange(const Database& database, const ChangeNote& note, const Chan
     isLeft = result.isNothing || note.isDryRun;
     if (isLeft) return refused("nothing is written");
     result.revision = revision;
-    writeRevision(session, {revision, now, note.who, note.why, note.command}, operation);
+    writeRevision(session, {revision, now, note.who, note.why, note.command, note.confirm}, operation);
     return writeChange(session, revision, changes, result);
   });
   if (isLeft) return {};

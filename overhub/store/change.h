@@ -14,6 +14,7 @@
 #include "overhub/store/clients.h"
 #include "overhub/store/groups.h"
 #include "overhub/store/setting.h"
+#include "records/host_report.h"
 
 // What is to be from the revision on. What is so already is left out of it.
 struct ChangeSet {
@@ -77,9 +78,10 @@ struct Effects {
 struct ChangeNote {
   std::string who;
   std::string why;
-  std::string command;                   // as it was typed, without secrets
-  bool isForced = false;                 // also what machines need to come back
-  bool isDryRun = false;                 // weighed, and not made
+  std::string command;                                // as it was typed, without secrets
+  bool isForced = false;                              // also what machines need to come back
+  bool isDryRun = false;                              // weighed, and not made
+  std::int64_t confirm = HostReport::kDemandNothing;  // what it demands of machines (confirmations.h)
   std::optional<std::int64_t> expected;  // refused when what it edits has been changed after this revision
 };
 

@@ -149,7 +149,9 @@ CWmError beginEpoch(const Database& database, std::string& notice) {
         use(kHandOutGap), use(kMoreRecords);
     session << "DELETE FROM facts WHERE name = :name", use(kCopyFact);
     const std::string command = "restore of the copy of " + time;
-    writeRevision(session, {revision, database.now(session), "overhub", "", command}, operation);
+    writeRevision(session,
+                  {revision, database.now(session), "overhub", "", command, HostReport::kDemandNothing},
+                  operation);
     notice = "this store is the copy of " + time + ", restored: revisions go on from " +
              std::to_string(revision) +
              ", and each client is handed all removals that it may need until it has acknowledged two passes "

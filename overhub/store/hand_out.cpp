@@ -8,6 +8,7 @@
 #include "overhub/store/acknowledgements.h"
 #include "overhub/store/change.h"
 #include "overhub/store/clients.h"
+#include "overhub/store/confirmations.h"
 #include "overhub/store/groups.h"
 #include "overhub/store/handed_batches.h"
 #include "overhub/store/query.h"
@@ -144,6 +145,17 @@ void noteDigest(const Store& store, soci::session& session, const Client& client
   explicit_bzero(key.data(), key.size());
 }
 
+// A client that has asked must not get more than what it was told of, or it would not wait for the
+// confirmation. Once: one whose host has come to be older does not ask any more.
+void refuseUntold(soci::session& session, const Client& client, HandOut& out) {
+  const DemandNote note = demandNoteOf(session, client.id);
+  if (!note.isThere) return;
+  const Demand demand = demandOf(session, client, out.revision);
+  if (demand.revision <= note.told) return;
+  noteDemandTold(session, client.id, demand.revision);
+  out.refusal = demandText(demand) + " and came while " + client.name + " asked; its next pass brings it";
+}
+
 // Makes the next hand-out of a client that was found, and whose row is taken.
 CWmError makeHandOut(const Store& store, soci::session& session, const Client& client, std::int64_t now,
                      HandOut& out) {
@@ -151,6 +163,7 @@ CWmError makeHandOut(const Store& store, soci::session& session, const Client& c
   if (contact.client == 0) return unknownClient(client.name);  // removed while this waited for its row
   CWmError error = makeBatch(session, client, contact, now, out);
   if (error.IsError()) return error;
+  if (out.refusal.empty()) refuseUntold(session, client, out);
   if (!out.refusal.empty()) {
     noteRefusal(session, client.id, out.refusal, now);
     return {};
@@ -221,6 +234,12 @@ CWmError handOutForPush(const Store& store, const std::string& name, std::int64_
     }
     CWmError error = makeBatch(session, *client, contact, now, out);
     if (error.IsError() || !out.refusal.empty()) return error;
+    const Demand demand = demandOf(session, *client, out.revision);
+    if (demand.revision != 0 && demandNoteOf(session, client->id).isThere) {
+      out.refusal =
+          demandText(demand) + ", which a push cannot ask for; the next pass of " + name + " brings it";
+      return {};
+    }
     noteHeld(session, contact, out.revision, now);
     noteDigest(store, session, *client, now, out);
     setPushedUntil(session, client->id, now + leaseSeconds);

@@ -122,6 +122,25 @@ ReportSummary summaryOf(const HostReport::Report& report, std::int64_t received)
   return summary;
 }
 
+bool provesBatch(const HostReport::Report& report, std::int64_t handed, std::int64_t received) {
+  const std::string& outcome = report.outcome;
+  const std::string& state = report.memory->state;
+  // "partly" and "unacknowledged" may stand for problems of before, which the list tells apart.
+  const bool isApplied =
+      outcome == "applied" || outcome == "partly" || outcome == "unacknowledged" || outcome == "done";
+  if (!isApplied || state == "goneBack" || state == "goingBack" || report.cache.get() != "stored")
+    return false;
+  if (report.isAsking == 1 || report.problemsOmitted != 0 || report.verdictsOmitted != 0) return false;
+  const auto isOld = [&](std::int64_t since) {
+    return since != 0 && onOurClock(since, report, received) < handed;
+  };
+  return std::all_of(report.problems->begin(), report.problems->end(),
+                     [&](const auto& problem) { return isOld(problem.since); }) &&
+         std::all_of(report.verdicts->begin(), report.verdicts->end(), [&](const auto& verdict) {
+           return isInEffect(verdict) || needsRestart(verdict) || isOld(verdict.since);
+         });
+}
+
 const char* toldWord(Told told) {
   return kToldWords[static_cast<std::size_t>(told)];
 }

@@ -35,6 +35,11 @@ struct ReportSummary {
 };
 ReportSummary summaryOf(const HostReport::Report& report, std::int64_t received);
 
+// Whether a report shows that the batch which it names is in effect: applied, cached, with no problem and no
+// verdict against it since `handed`, when the batch was handed out first, and no module still to be asked.
+// One that needs a restart will be.
+bool provesBatch(const HostReport::Report& report, std::int64_t handed, std::int64_t received);
+
 // The word under which the store keeps it, and back; what it does not know is good.
 const char* toldWord(Told told);
 Told toldOf(const std::string& word);

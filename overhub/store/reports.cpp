@@ -1,6 +1,7 @@
 #include "overhub/store/reports.h"
 
 #include "overhub/store/clients.h"
+#include "overhub/store/confirmations.h"
 #include "overhub/store/drifts.h"
 #include "overhub/store/handed_batches.h"
 #include "overhub/store/origins.h"
@@ -89,27 +90,38 @@ void noteGoneBack(soci::session& session, const HostReport::Report& report, Repo
   doubtCache(session, note.client);
 }
 
-void keep(soci::session& session, std::int64_t client, const HostReport::Report& report,
+// False when there is a newer one.
+bool keep(soci::session& session, std::int64_t client, const HostReport::Report& report,
           const std::string& text, std::int64_t now) {
   const auto before = noteOf(session, client);
-  if (before && !hasLostCount(*before, report) && report.sequence <= before->sequence) return;
+  if (before && !hasLostCount(*before, report) && report.sequence <= before->sequence) return false;
   ReportNote note = noteFor(before, report, now);
   note.client = client;
   noteGoneBack(session, report, note);
   countDrifts(session, client, report, now);
   write(session, note, text);
+  return true;
 }
 
-HostReport::Answer answerTo(const HostReport::Report& report, const std::optional<HandedBatch>& batch) {
+// Confirms the batch where the report shows that it is in effect, and tells of a pass that is about to begin
+// what it has to ask for.
+HostReport::Answer answerTo(soci::session& session, const Client& client, const HostReport::Report& report,
+                            bool isNewest, std::int64_t now) {
   HostReport::Answer answer;
   answer.version = HostReport::kVersion;
   answer.sequence = report.sequence.get();
-  answer.revision = batch ? batch->revision : 0;
-  // No change can ask yet for more than that it is applied.
-  answer.demand = HostReport::kDemandNothing;
-  answer.isConfirmed = batch ? 1 : 0;
-  answer.goBack = 0;
-  answer.isReleased = 0;
+  const auto batch = findHandedBatch(session, client.id, report.digest);
+  if (batch) {
+    answer.revision = batch->revision;
+    if (isNewest && provesBatch(report, batch->time, now)) confirm(session, client.id, batch->revision);
+    answer.isConfirmed = demandOf(session, client, batch->revision).revision == 0 ? 1 : 0;
+  }
+  const Demand demand = demandOf(session, client);
+  answer.demand = demand.seconds;
+  if (report.cause.get() == HostReport::kCauseAsk) noteDemandTold(session, client.id, demand.revision);
+  const HostReport::Memory& memory = report.memory;
+  answer.isReleased =
+      memory.state.get() == "goneBack" && isReleased(session, client.id, memory.since) ? 1 : 0;
   return answer;
 }
 
@@ -140,15 +152,15 @@ CWmError acceptReport(const Store& store, const std::string& name, const HostRep
         use(client.id, "client");
     if (contactOf(session, client.id).client == 0)
       return {kLqErrRequestRefused, "there is no client \"" + name + "\""};
-    keep(session, client.id, report, text, now);
+    const bool isNewest = keep(session, client.id, report, text, now);
+    answer = answerTo(session, client, report, isNewest, now);
     return {};
   });
-  if (error.IsError()) return error;
+  if (error.IsError() || answer.revision == 0 || report.originsOf.get() == report.digest.get()) return error;
   return database.read([&](soci::session& session) -> CWmError {
-    const auto batch = findHandedBatch(session, client.id, report.digest);
-    answer = answerTo(report, batch);
-    if (batch && report.originsOf.get() != report.digest.get())
-      addOrigins(session, client, batch->revision, now, answer);
+    answer.origins.clear();
+    answer.revisions.clear();
+    addOrigins(session, client, answer.revision, now, answer);
     return {};
   });
 }

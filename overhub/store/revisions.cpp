@@ -12,20 +12,20 @@ std::vector<Revision> select(soci::session& session, const std::string& rest, Us
   std::vector<Revision> revisions;
   Revision row;
   forEachRow(
-      session, "SELECT number, time, who, why, command FROM revisions " + rest,
+      session, "SELECT number, time, who, why, command, confirm FROM revisions " + rest,
       [&] { revisions.push_back(row); }, into(row.number), into(row.time), into(row.who), into(row.why),
-      into(row.command), std::forward<Uses>(uses)...);
+      into(row.command), into(row.confirm), std::forward<Uses>(uses)...);
   return revisions;
 }
 
 }  // namespace
 
 void writeRevision(soci::session& session, const Revision& revision, const std::string& operation) {
-  session
-      << "INSERT INTO revisions (number, time, who, why, command, operation) VALUES (:number, :time, :who,"
-         " :why, :command, :operation)",
+  session << "INSERT INTO revisions (number, time, who, why, command, confirm, operation) VALUES (:number,"
+             " :time, :who, :why, :command, :confirm, :operation)",
       use(revision.number, "number"), use(revision.time, "time"), use(revision.who, "who"),
-      use(revision.why, "why"), use(revision.command, "command"), use(operation, "operation");
+      use(revision.why, "why"), use(revision.command, "command"), use(revision.confirm, "confirm"),
+      use(operation, "operation");
 }
 
 std::optional<Revision> findRevision(soci::session& session, std::int64_t number) {

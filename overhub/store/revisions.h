@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "overhub/store/database.h"
+#include "records/host_report.h"
 
 struct Revision {
   std::int64_t number = 0;
@@ -16,6 +17,7 @@ struct Revision {
   std::string who;
   std::string why;
   std::string command;
+  std::int64_t confirm = HostReport::kDemandNothing;  // what it demands of machines (confirmations.h)
 };
 
 void writeRevision(soci::session& session, const Revision& revision, const std::string& operation);

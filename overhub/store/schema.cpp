@@ -89,6 +89,14 @@ constexpr const char* kReportTables[] = {
     "CREATE INDEX drift_counts_by_time ON drift_counts (last_time)",
 };
 
+// What changes demand, and what of it was confirmed on which machine.
+constexpr const char* kConfirmationTables[] = {
+    "ALTER TABLE revisions ADD COLUMN confirm BIGINT NOT NULL DEFAULT -2",
+    "CREATE TABLE confirmations (client BIGINT NOT NULL PRIMARY KEY, confirmed BIGINT NOT NULL, asks INTEGER "
+    "NOT"
+    " NULL, told BIGINT NOT NULL, released BIGINT NOT NULL)",
+};
+
 // Uploads stood as they came, and they hold session keys. One after the other, as there may be more of them
 // than memory.
 CWmError sealUploads(soci::session& session) {
@@ -115,10 +123,15 @@ CWmError addReports(soci::session& session) {
   return {};
 }
 
+CWmError addConfirmations(soci::session& session) {
+  for (const char* const table : kConfirmationTables) session << table;
+  return {};
+}
+
 // Each makes a store of one version one of the next, the first of them one of version 1. What was released
 // stays as it is.
 using Step = CWmError (*)(soci::session& session);
-constexpr Step kSteps[] = {sealUploads, addReports};
+constexpr Step kSteps[] = {sealUploads, addReports, addConfirmations};
 
 constexpr std::int64_t kVersion = std::size(kSteps) + 1;
 
@@ -146,8 +159,8 @@ CWmError schema::prepare(soci::session& session, const Engine& engine) {
   CWmError error = look(session, engine, version);
   if (error.IsError() || version != 0) return error;
   for (const char* const table : kTables) session << table;
-  error = addReports(session);
-  if (error.IsError()) return error;
+  for (const Step step : {addReports, addConfirmations})
+    if (error = step(session); error.IsError()) return error;
   const std::pair<std::string, std::int64_t> counters[] = {
       {kVersionCounter, kVersion},
       {kRevisionCounter, 0},
