@@ -84,6 +84,43 @@ TEST_F(ResidentHost, WhatModulesSayOfAValueReachesTheServer) {
   EXPECT_EQ(host->stop(), 0);
 }
 
+// A change that asks to be confirmed stays where it works, and is gone by itself where a module refuses it.
+TEST_F(ResidentHost, KeepsWhatIsConfirmedAndGoesBackFromWhatIsRefused) {
+  const auto set = [this](const std::string& level, const std::vector<std::string>& confirm) {
+    std::vector<std::string> line{"set", "web-1", "Machine/Settings", "nTraceLevel", level};
+    line.insert(line.end(), confirm.begin(), confirm.end());
+    return overhub(line);
+  };
+  const auto becomes = [this](const std::string& text) {
+    return becomesTrue([&] { return contains(overhub({"why", "web-1"}).out, text); });
+  };
+  expectErr(set("5", {"--confirm", "5"}), 2, {"--confirm takes 10 seconds to 30 days", "not \"5\""});
+  expectOut(set("5", {}), 0, {"revision "});
+  const auto server = serve();
+  const auto host = runHost({"--module", kModule, "--sync-every", "3600"});
+  ASSERT_TRUE(host->waitForOutput("nTraceLevel is [5] now")) << host->output();
+  expectOut(set("7", {"--confirm", "1h"}), 0, {"revision "});
+  EXPECT_TRUE(becomes("has to be confirmed within 3600 s, and is not yet"));
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  EXPECT_TRUE(becomesTrue([&] { return contains(lqhost({"history"}).out, "confirmed"); }))
+      << lqhost({"history"}).out;
+  EXPECT_FALSE(contains(overhub({"why", "web-1"}).out, "has to be confirmed"));
+  expectOut(overhub({"log", "web-1"}), 0, {"nTraceLevel --confirm 1h"});
+
+  expectOut(set("11", {"--confirm"}), 0, {"revision "});
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  EXPECT_TRUE(host->waitForOutput("Went back from a batch: sample module refused")) << host->output();
+  EXPECT_EQ(valueOf("Machine/Settings", "nTraceLevel"), "7");
+  EXPECT_TRUE(becomes("web-1: back")) << overhub({"why", "web-1"}).out;
+  EXPECT_EQ(lqhost({"sync"}).exitCode, 11);
+  expectOut(overhub({"confirm", "web-1"}), 0, {"1 machine may apply again what they went back from"});
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  EXPECT_TRUE(becomesTrue([&] {
+    return countOf(*host, "Went back from a batch: sample module refused") == 2;
+  })) << host->output();
+  EXPECT_EQ(host->stop(), 0);
+}
+
 // With its server's address taken from it, and by hand; its modules hear of both.
 TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
   const auto setBoth = [this](const std::string& address, const std::string& level) {

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "overhub/store/confirmations.h"
 #include "overhub/store/fleet_state.h"
 #include "records/batch_digest.h"
 #include "records/secret_values.h"
@@ -87,11 +88,13 @@ class Reports : public testing::TestWithParam<EngineKind> {
     });
     return fleet.machines.front();
   }
-  std::string set(const std::string& scope, const std::string& name, const std::string& value) {
+  std::string set(const std::string& scope, const std::string& name, const std::string& value,
+                  std::int64_t confirm = HostReport::kDemandNothing) {
     ChangeSet changes;
     changes.put(settingOf(scope, recordFor("~/A", name, value)));
     ChangeNote note;
     note.why = "ticket " + value;
+    note.confirm = confirm;
     return hub_.change(changes, note);
   }
   // A hand-out that is acknowledged; the digest by which the client names it.
@@ -243,6 +246,135 @@ TEST_P(Reports, NameTheBatchThatTheyAreAbout) {
     pass();
     EXPECT_EQ(rows("hand_outs"), 20);
   }
+}
+
+// Of what is not confirmed on this machine the strictest is demanded, and nothing that never reached it.
+TEST_P(Reports, AreToldWhatTheNextBatchDemands) {
+  ChangeSet group;
+  group.groups.push_back({"g", 1});
+  ASSERT_EQ(hub_.change(group), "");
+  const auto demanded = [this] {
+    Report report = next();
+    report.cause = std::string(HostReport::kCauseAsk);
+    EXPECT_EQ(say(report), "");
+    return answer_.demand.get();
+  };
+  struct Case {
+    std::string scope;
+    std::int64_t confirm;
+    std::int64_t demand;
+  };
+  const std::int64_t other = hub_.add("pc2");
+  const Case cases[] = {{kAllScope, HostReport::kDemandNothing, HostReport::kDemandNothing},
+                        {machineScope(other), 20, HostReport::kDemandNothing},
+                        {groupScope("g"), 20, HostReport::kDemandNothing},
+                        {kAllScope, HostReport::kDemandVerdicts, HostReport::kDemandVerdicts},
+                        {kAllScope, 300, 300},
+                        {machineScope(id_), 400, 300},
+                        {kAllScope, HostReport::kDemandVerdicts, 300},
+                        {kAllScope, 60, 60}};
+  int value = 0;
+  for (const Case& each : cases) {
+    ASSERT_EQ(set(each.scope, "nB", std::to_string(++value), each.confirm), "");
+    EXPECT_EQ(demanded(), each.demand) << value;
+  }
+  ChangeSet join;
+  join.members.push_back({{"g", "pc1"}, true});
+  ChangeNote note;
+  note.confirm = 30;
+  ASSERT_EQ(hub_.change(join, note), "");
+  EXPECT_EQ(demanded(), 30) << "what a group says reaches who joins it";
+  EXPECT_EQ(hub_.add("pc3") == 0 ? "" : "new", std::string("new"));
+  Report joined = reportOf(hub_.result.newClients.front().id, "x", 1, hub_.now());
+  EXPECT_STREQ(acceptReport(hub_.one(), "pc3", joined, answer_).AsString(), "");
+  EXPECT_EQ(answer_.demand, HostReport::kDemandNothing) << "demanded of others, before it joined";
+}
+
+// A client that has asked gets no more than it was told of, and by no other way; one that never asks gets
+// what there is.
+TEST_P(Reports, AreAskedBeforeABatchThatDemandsSomething) {
+  const auto refusal = [this](bool isPush) {
+    HandOut out;
+    const CWmError error =
+        isPush ? handOutForPush(hub_.one(), "pc1", 1, out) : handOut(hub_.one(), "pc1", id_, out);
+    EXPECT_STREQ(error.AsString(), "");
+    hub_.setTime(hub_.now() + 2);
+    return out.refusal;
+  };
+  ASSERT_EQ(set(kAllScope, "nB", "1", 60), "");
+  EXPECT_EQ(refusal(false) + refusal(true), "") << "it has never asked";
+  Report ask = next();
+  ask.cause = std::string(HostReport::kCauseAsk);
+  EXPECT_EQ(say(ask), "");
+  EXPECT_EQ(refusal(false), "") << "it was told";
+  EXPECT_TRUE(contains(refusal(true), "has to be confirmed within 60 s, which a push cannot ask for"));
+  ASSERT_EQ(set(kAllScope, "nB", "2", HostReport::kDemandVerdicts), "");
+  EXPECT_TRUE(contains(refusal(false), "has to be confirmed within 60 s and came while pc1 asked"));
+  EXPECT_EQ(refusal(false), "") << "once; its host may have come to be an older one";
+}
+
+// Only what shows that the batch is in effect confirms it, or a person.
+TEST_P(Reports, ConfirmWhatTheyShowToBeInEffect) {
+  ASSERT_EQ(set(kAllScope, "nB", "1", 60), "");
+  const std::string digest = pass();
+  const std::int64_t handed = hub_.now();
+  hub_.setTime(handed + 10);
+  const auto isConfirmed = [&](const std::function<void(Report&)>& change) {
+    Report report = next();
+    report.digest = digest;
+    report.outcome = std::string("applied");
+    report.cache = std::string("stored");
+    change(report);
+    EXPECT_EQ(say(report), "");
+    EXPECT_EQ(answer_.demand, answer_.isConfirmed == 1 ? HostReport::kDemandNothing : 60);
+    return answer_.isConfirmed == 1;
+  };
+  const std::function<void(Report&)> doubtful[] = {
+      [](Report& report) { report.outcome = std::string("heldBack"); },
+      [](Report& report) { report.outcome = std::string("failed"); },
+      [](Report& report) { report.cache = std::string("lost"); },
+      [](Report& report) { report.isAsking = 1; },
+      [](Report& report) { report.problemsOmitted = 1; },
+      [](Report& report) { report.verdictsOmitted = 1; },
+      [](Report& report) { setMemory(report, "goneBack", 5); },
+      [](Report& report) { setMemory(report, "goingBack", 5); },
+      [](Report& report) { addVerdict(report, "noAnswer", ""); },
+      [&](Report& report) { addProblem(report, "nB", "tooLong", "too long", handed); },
+      [](Report& report) { report.digest = std::string(64, 'a'); }};
+  for (const auto& change : doubtful) EXPECT_FALSE(isConfirmed(change)) << &change - doubtful;
+  // A machine that is not as it should be for another reason is none that goes back.
+  EXPECT_TRUE(isConfirmed([&](Report& report) {
+    report.outcome = std::string("partly");
+    addProblem(report, "nB", "tooLong", "too long", handed - 1);
+    addVerdict(report, "needsRestart", "");
+  }));
+  EXPECT_TRUE(isConfirmed(doubtful[0])) << "and stays so";
+
+  ASSERT_EQ(set(kAllScope, "nB", "2", HostReport::kDemandVerdicts), "");
+  read([&](soci::session& session) {
+    EXPECT_EQ(demandOf(session, findClient(session, "pc1").value()).revision, hub_.result.revision);
+  });
+  const auto back = [&](std::int64_t since) {
+    Report report = next();
+    setMemory(report, "goneBack", since);
+    EXPECT_EQ(say(report), "");
+    return answer_.isReleased == 1;
+  };
+  EXPECT_FALSE(back(50));
+  EXPECT_STREQ(hub_.one()
+                   .database()
+                   .writeOnce([&](soci::session& session) {
+                     release(session, id_, 50);
+                     confirm(session, id_, hub_.result.revision);
+                     confirm(session, id_, 1);
+                     EXPECT_EQ(demandOf(session, findClient(session, "pc1").value()).revision, 0)
+                         << "an older one takes nothing back";
+                     return CWmError();
+                   })
+                   .AsString(),
+               "");
+  EXPECT_TRUE(back(50));
+  EXPECT_FALSE(back(51)) << "the next time it is another matter";
 }
 
 // Who set what, and why, for a client that does not know it yet.

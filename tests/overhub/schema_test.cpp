@@ -61,7 +61,9 @@ TEST_P(Upgrade, IsWholeOrNothingAndOnce) {
   meddle(
       "INSERT INTO uploads (client, number, time, key_count, value_count, bytes, text) VALUES (4, 1, 1, 1, "
       "1, 1, '')");
-  for (const std::string table : {"hand_outs", "reports", "drift_counts"}) meddle("DROP TABLE " + table);
+  for (const std::string table : {"hand_outs", "reports", "drift_counts", "confirmations"})
+    meddle("DROP TABLE " + table);
+  meddle("ALTER TABLE revisions DROP COLUMN confirm");
   meddle("UPDATE counters SET value = 1 WHERE name = 'schema'");
   const std::string refusal = Store(place_).open().AsString();
   EXPECT_TRUE(contains(refusal, "; the store stays one of version 1")) << refusal;
