@@ -238,6 +238,8 @@ HostReporter::Sent HostReporter::compose(const char* cause) {
   sent.report.sequence = nextSequence();
   sent.report.time = std::int64_t{std::time(nullptr)};
   sent.report.cause = std::string(cause);
+  // Modules are in the resident host; what one that was killed had still to ask, nobody will answer.
+  if (!isResident_) sent.report.isAsking = 0;
   sent.report.hostVersion = std::string(LQ_VERSION);
   return sent;
 }

@@ -126,8 +126,7 @@ bool provesBatch(const HostReport::Report& report, std::int64_t handed, std::int
   const std::string& outcome = report.outcome;
   const std::string& state = report.memory->state;
   // "partly" and "unacknowledged" may stand for problems of before, which the list tells apart.
-  const bool isApplied =
-      outcome == "applied" || outcome == "partly" || outcome == "unacknowledged" || outcome == "done";
+  const bool isApplied = outcome == "applied" || outcome == "partly" || outcome == "unacknowledged";
   if (!isApplied || state == "goneBack" || state == "goingBack" || report.cache.get() != "stored")
     return false;
   if (report.isAsking == 1 || report.problemsOmitted != 0 || report.verdictsOmitted != 0) return false;

@@ -114,7 +114,8 @@ CWmError takeOver(const Store& store, const FormerStore& former, const TakeoverN
       return {kLqErrRequestRefused, store.place() + " holds something already; name a new store"};
     const std::int64_t revision = newestRevision(session);
     const std::int64_t now = database.now(session);
-    writeRevision(session, {revision, now, note.who, "", note.command, HostReport::kDemandNothing}, operation);
+    writeRevision(session, {revision, now, note.who, "", note.command, HostReport::kDemandNothing},
+                  operation);
     writeSettings(session, kStaticScope, staticList, revision);
     for (const Ready& client : clients) writeClient(session, client, revision, now);
     session << "UPDATE counters SET value = :value WHERE name = :name", use(former.highestId),

@@ -351,9 +351,11 @@ TEST_F(HostReporting, WhatTheServerAnswersCountsForTheNextBatch) {
   const auto sequenceIn = [](const std::string& text) {
     Report report;
     report.unserialize(text);
+    EXPECT_EQ(report.isAsking, 0) << "there are no modules here";
     return report.sequence.get();
   };
   HostReporter reporter;
+  reporter.noteAsking();
   const host::PassTerms demanding =
       ask(reporter, [&](const std::string& text) { return answered(sequenceIn(text), 300); });
   EXPECT_TRUE(demanding.demand == 300 && demanding.isReleased);
