@@ -224,10 +224,11 @@ struct Answer : MessageClass<Answer, kNamespace, 8> {
   // What a batch that is fetched now demands: nothing, good verdicts, or to be confirmed in so many seconds.
   Field<std::int64_t, 4, 4> demand;
   Field<std::int64_t, 5, 5> isConfirmed;  // 1: the batch with the reported digest stays
-  Field<std::int64_t, 6, 6> goBack;       // 1: the machine shall go back from it
-  Field<std::int64_t, 7, 7> isReleased;   // 1: what the machine went back from may be applied again
-  Field<OriginList, 8, 8> origins;        // of the batch with the reported digest, unless the client has them
-  Field<RevisionList, 9, 9> revisions;    // that the origins name
+  // 1: the machine shall go back from the changes of the reported memory; only in the answer to kCauseAsk.
+  Field<std::int64_t, 6, 6> goBack;
+  Field<std::int64_t, 7, 7> isReleased;  // 1: what the machine went back from may be applied again
+  Field<OriginList, 8, 8> origins;       // of the batch with the reported digest, unless the client has them
+  Field<RevisionList, 9, 9> revisions;   // that the origins name
 
   static std::span<const FieldInfo> fields() {
     static constexpr FieldInfo list[] = {
@@ -236,6 +237,18 @@ struct Answer : MessageClass<Answer, kNamespace, 8> {
         field<&Answer::isConfirmed>("isConfirmed"), field<&Answer::goBack>("goBack"),
         field<&Answer::isReleased>("isReleased"),   field<&Answer::origins>("origins"),
         field<&Answer::revisions>("revisions")};
+    return list;
+  }
+};
+
+// The server asks a client's host for a synchronisation of its own, and the host answers with the same once
+// it is to come. Over the host's service (records/service_names.h), unlike the others.
+struct SyncNow : MessageClass<SyncNow, kNamespace, 9> {
+  static constexpr const char* kClassName = "HostReport.SyncNow";
+  Field<std::int64_t, 1, 1> version;
+
+  static std::span<const FieldInfo> fields() {
+    static constexpr FieldInfo list[] = {field<&SyncNow::version>("version")};
     return list;
   }
 };

@@ -21,7 +21,8 @@ const Subsystem<App::RegistryKeyInfo, App::KeyInfoList, App::FetchClientRegistry
                 App::AppCommunicationMessageReq, App::AppCommunicationMessageResp, App::GenericResp>
     applicationMessages;
 const Subsystem<HostReport::Problem, HostReport::Drift, HostReport::Verdict, HostReport::Memory,
-                HostReport::Report, HostReport::Origin, HostReport::Revision, HostReport::Answer>
+                HostReport::Report, HostReport::Origin, HostReport::Revision, HostReport::Answer,
+                HostReport::SyncNow>
     hostReports;
 
 }  // namespace

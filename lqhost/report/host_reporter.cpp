@@ -219,10 +219,14 @@ PassTerms HostReporter::ask() {
     const std::lock_guard lock(mutex_);
     if (!isWorthTrying()) return {};
   }
-  const std::optional<HostReport::Answer> answer = exchange(HostReport::kCauseAsk);
-  if (!answer) return {};
-  return {answer->demand.isSet() ? answer->demand.get() : HostReport::kDemandNothing,
-          answer->isReleased == 1};
+  HostReport::Report told;
+  const std::optional<HostReport::Answer> answer = exchange(HostReport::kCauseAsk, &told);
+  PassTerms terms;
+  if (!answer) return terms;
+  if (answer->demand.isSet()) terms.demand = answer->demand;
+  terms.isReleased = answer->isReleased == 1;
+  if (answer->goBack == 1) terms.goBackFrom = told.memory->digest;
+  return terms;
 }
 
 bool HostReporter::isWorthTrying() {
@@ -265,7 +269,7 @@ bool HostReporter::sendUnanswered(Clock::time_point deadline) {
   return error.GetCode() == kLqErrRequestRefused;  // it counts as never sent
 }
 
-std::optional<HostReport::Answer> HostReporter::exchange(const char* cause) {
+std::optional<HostReport::Answer> HostReporter::exchange(const char* cause, HostReport::Report* told) {
   const Clock::time_point deadline = Clock::now() + kExchangeTime;
   const std::unique_lock turn(exchangeMutex_, deadline);
   if (!turn.owns_lock()) return std::nullopt;  // the one under way tells the server nearly the same
@@ -287,6 +291,7 @@ std::optional<HostReport::Answer> HostReporter::exchange(const char* cause) {
     noteTaken(sent, answer);
   }
   confirmBatch(answer, sent.report.digest);
+  if (told != nullptr) *told = std::move(sent.report);
   return answer;
 }
 

@@ -111,7 +111,8 @@ class HostReporter {
 
   bool isWorthTrying();
   bool sendUnanswered(Clock::time_point deadline);
-  std::optional<HostReport::Answer> exchange(const char* cause);
+  // `told` gets what the answer is about.
+  std::optional<HostReport::Answer> exchange(const char* cause, HostReport::Report* told = nullptr);
   void confirmBatch(const HostReport::Answer& answer, const std::string& digest);
   void send(const char* cause);
   void sendAgainAndAgain(std::chrono::duration<double> delay);

@@ -96,6 +96,11 @@ bool isWayBackUnproven() {
   return memory && memory->reachBy.isSet();
 }
 
+bool isKept(const std::string& digest) {
+  const std::optional<ChangeMemory> memory = loadMemory(MemoryFile::kBefore);
+  return memory && !digest.empty() && memory->digest.get() == digest;
+}
+
 bool confirmChanges(const std::string& digest) {
   const MemoryLock lock;
   if (!isWaiting()) return false;

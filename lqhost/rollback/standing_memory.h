@@ -26,6 +26,9 @@ std::string overdueReason();
 // Whether the way to the server was changed and is not proven yet.
 bool isWayBackUnproven();
 
+// Whether the newest changes that are kept are those of the batch with this digest.
+bool isKept(const std::string& digest);
+
 // The server says that the batch with this digest stays. False when nothing waited for that, or another
 // batch.
 bool confirmChanges(const std::string& digest);

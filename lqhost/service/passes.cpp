@@ -26,6 +26,7 @@ namespace {
 
 constexpr const char* kTag = "host::Passes";
 constexpr const char* kGoingBackTask = "going back";
+constexpr const char* kTakenBack = "the server took it back, since it failed on other machines";
 constexpr int kNotBegun = -1;  // in place of what the product's callback would have said
 
 // Taken in this order. A download holds the first for its length and the second while it begins; a refresh
@@ -73,13 +74,6 @@ class Stopwatch {
 UnsettledWork beginPass() {
   const std::lock_guard lock(applyMutex);
   return UnsettledWork(Unsettled::kPass);
-}
-
-// As the product asks before it begins: nothing would replace a cache that is dropped now.
-bool isSwitchedOff() {
-  std::int64_t enabled = 0;
-  LQPlatformInfo().getNumber(lqsettings::kSyncEnabled.key, lqsettings::kSyncEnabled.name, enabled);
-  return enabled == 0 || LQPI_Session(0, 1).IsAntiChatterFlagOn() != 0;
 }
 
 // The note comes first: a kill from here on leaves it, and so a synchronisation and no refresh.
@@ -149,7 +143,7 @@ PassResult Passes::downloadWithReport(LqPeriodicTaskStatus& status, std::string&
 }
 
 PassResult Passes::runDownload(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache) {
-  const PassTerms terms = isSwitchedOff() ? PassTerms() : ask_();
+  const PassTerms terms = isSynchronisationOff() ? PassTerms() : ask_();
   PassNews news;
   PassResult result = runDownloadInTurn(status, text, oldCache, terms, news);
   report(std::move(news), &status, nullptr);
@@ -160,10 +154,17 @@ PassResult Passes::runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* 
                                      const PassTerms& terms, PassNews& news) {
   const Turn turn;
   if (isThere(MemoryFile::kGoing)) goBackWhereDue();
+  // Unless another process has changed something else since the server was asked.
+  if (isKept(terms.goBackFrom)) {
+    const WritesWatch writes;
+    goBackUnderLocks(kTakenBack);
+    tellChanged(writes.writes());
+  }
   ChangeNote note(BatchKind::kWhole, terms, standingNote());
   UnsettledWork work = beginPass();
   bool isCacheDropped = false;
-  if (oldCache == OldCache::kDropped && !isSwitchedOff()) {
+  // Nothing would replace a cache that is dropped now.
+  if (oldCache == OldCache::kDropped && !isSynchronisationOff()) {
     const CWmError error = dropCache(work, isCacheDropped);
     if (error.IsError()) {
       PassResult none;
@@ -217,15 +218,19 @@ PassResult Passes::runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* 
 
 std::string Passes::goBackWhereDue() {
   if (isStopping_ || secondsUntilGoingBack() != 0) return {};
+  std::string reason = goBackUnderLocks(overdueReason());
+  if (!reason.empty()) wantDownload();  // so that the server hears of it
+  return reason;
+}
+
+std::string Passes::goBackUnderLocks(const std::string& reason) {
   const std::lock_guard applyLock(applyMutex);
   const LqPassLock lock(kGoingBackTask);
   if (!lock.isHeld()) {
     ObEvent().Error(kTag, "Going back is put off: %s", lock.reason().c_str());
     return {};
   }
-  std::string reason = overdueReason();
   if (goBack(reason).error.IsError()) return {};  // it has logged why
-  wantDownload();                                 // so that the server hears of it
   return reason;
 }
 
@@ -302,6 +307,12 @@ RefreshResult Passes::refreshInTurn(LqPeriodicTaskStatus& status, PassNews& news
   news.drifts = driftOf(result.writes, cacheBefore, started);
   noteRun(kRefreshTask, started, watch.seconds(), taskResult, result.run);
   return result;
+}
+
+bool isSynchronisationOff() {
+  std::int64_t enabled = 0;
+  LQPlatformInfo().getNumber(lqsettings::kSyncEnabled.key, lqsettings::kSyncEnabled.name, enabled);
+  return enabled == 0 || LQPI_Session(0, 1).IsAntiChatterFlagOn() != 0;
 }
 
 void reportPush(bool isApplied, const BatchFacts& batch, const RegistryWrites& writes,

@@ -15,9 +15,9 @@
 //
 // What a download or a push changes is noted before it is applied (rollback/change_note.h). A download ends
 // with going back where that is overdue: it has just been tried, once more, to reach the server.
-// Before a download the server is asked for its terms, and after each of the three it is told what came of it
-// (report/host_reporter.h), before and after the turn, so that nobody waits for that. Neither makes a pass
-// fail.
+// Before a download the server is asked for its terms, of which one is to go back first, and after each of
+// the three it is told what came of it (report/host_reporter.h), before and after the turn, so that nobody
+// waits for that. Neither makes a pass fail.
 #pragma once
 
 #include <atomic>
@@ -72,7 +72,9 @@ class Passes {
 
  private:
   WentBack goBackInTurn(const std::string& reason);
-  std::string goBackWhereDue();  // why it did; empty when it did not
+  // Both with the turn; why it did, empty when it did not.
+  std::string goBackWhereDue();
+  std::string goBackUnderLocks(const std::string& reason);
   PassResult runDownload(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache);
   PassResult runDownloadInTurn(LqPeriodicTaskStatus& status, std::string* text, OldCache oldCache,
                                const PassTerms& terms, PassNews& news);
@@ -85,6 +87,9 @@ class Passes {
   std::function<PassTerms()> ask_ = [] { return HostReporter::get().ask(); };
   std::atomic<bool> isStopping_{false};
 };
+
+// Whether a synchronisation would be skipped, as the product asks before it begins.
+bool isSynchronisationOff();
 
 // A batch that the server pushes, around the moment in which it is applied.
 class PushScope {

@@ -120,6 +120,17 @@ void answerCall(CLqNetwork& session, App::AppCommunicationMessageReq& request) {
   send(session, *client.getXMLSendObj());
 }
 
+// Only begins it: the server hears of the outcome by the report.
+void answerSyncNow(CLqNetwork& session, const HostReport::SyncNow& request) {
+  ObEvent().Debug(kTag, "The server asks for a synchronisation");
+  if (isSynchronisationOff()) {
+    decline(session, "synchronisation is switched off on this client");
+    return;
+  }
+  wantDownload();
+  send(session, request);
+}
+
 void answer(CLqNetwork& session, CNMessageBase& request) {
   if (auto* const batch = messageAs<OBGui::RegistryTaskResp>(&request)) {
     answerPush(session, *batch);
@@ -127,6 +138,8 @@ void answer(CLqNetwork& session, CNMessageBase& request) {
     answerFetch(session, *fetch);
   } else if (auto* const call = messageAs<App::AppCommunicationMessageReq>(&request)) {
     answerCall(session, *call);
+  } else if (auto* const sync = messageAs<HostReport::SyncNow>(&request)) {
+    answerSyncNow(session, *sync);
   } else {
     decline(session, std::string("this client answers no ") + request.className());
   }
@@ -180,6 +193,7 @@ CWmError RequestService::start(const std::string& address, std::uint16_t port) {
   OBGui::RegisterSubsystem();
   App::RegisterSubsystem();
   LqEntities::RegisterSubsystem();
+  HostReport::RegisterSubsystem();
   programs::raiseDescriptorLimit();
   CWmError error = listener_.open(address, port);
   if (error.IsError()) return error;

@@ -22,21 +22,6 @@ std::string counted(std::size_t number, const char* one) {
 constexpr std::int64_t kLeastConfirm = 10;
 constexpr std::int64_t kMostConfirm = std::int64_t{30} * 86400;
 
-// What --confirm demands of machines (confirmations.h).
-CWmError readConfirm(const std::optional<std::string>& text, std::int64_t& demand) {
-  demand = HostReport::kDemandNothing;
-  if (!text) return {};
-  demand = HostReport::kDemandVerdicts;
-  if (text->empty()) return {};
-  TypedTime time;
-  const bool isRead = !readTime("+" + *text, time).IsError();
-  demand = time.seconds;
-  if (isRead && demand >= kLeastConfirm && demand <= kMostConfirm) return {};
-  return {kLqErrRequestRefused,
-          "--confirm takes 10 seconds to 30 days, such as 90, 5m, 2h or 1d, and not \"" + *text +
-              "\"; without a time, write it at the end of the line"};
-}
-
 std::string machines(const Effects& effects) {
   return effects.machines.empty() ? "no machine" : counted(effects.machines.size(), "machine");
 }
@@ -93,6 +78,20 @@ void ChangeOptions::describe(programs::CommandLine::Options options) {
             "of the synchronisation");
 }
 
+CWmError ChangeOptions::readDemand(std::int64_t& demand) const {
+  demand = HostReport::kDemandNothing;
+  if (!confirm_) return {};
+  demand = HostReport::kDemandVerdicts;
+  if (confirm_->empty()) return {};
+  TypedTime time;
+  const bool isRead = !readTime("+" + *confirm_, time).IsError();
+  demand = time.seconds;
+  if (isRead && demand >= kLeastConfirm && demand <= kMostConfirm) return {};
+  return {kLqErrRequestRefused,
+          "--confirm takes 10 seconds to 30 days, such as 90, 5m, 2h or 1d, and not \"" + *confirm_ +
+              "\"; without a time, write it at the end of the line"};
+}
+
 int ChangeOptions::make(const Store& store, const std::string& command, const ChangeBuilder& build) const {
   ChangeResult result;
   return make(store, command, build, result);
@@ -104,7 +103,7 @@ int ChangeOptions::make(const Store& store, const std::string& command, const Ch
   note.who = whoTypes();
   note.why = why_;
   note.command = command;
-  if (const CWmError error = readConfirm(confirm_, note.confirm); error.IsError())
+  if (const CWmError error = readDemand(note.confirm); error.IsError())
     return complain(kExitUsage, error.AsString());
   if (confirm_) note.command += " --confirm" + (confirm_->empty() ? "" : " " + *confirm_);
   note.isForced = isForced_;

@@ -20,8 +20,11 @@ class ChangeOptions {
 
   bool isForced() const { return isForced_; }
   bool isDryRun() const { return isDryRun_; }
-  // Whether any of them was given.
-  bool isGiven() const { return !why_.empty() || confirm_ || isDryRun_ || isForced_ || expected_; }
+  // Whether any of them was given; --confirm apart, which may be about more than a change.
+  bool isGiven() const { return !why_.empty() || isDryRun_ || isForced_ || expected_; }
+  bool isConfirmGiven() const { return confirm_.has_value(); }
+  // What --confirm demands of machines (confirmations.h).
+  CWmError readDemand(std::int64_t& demand) const;
 
   // Makes the change, or only shows it; prints what it does. `command` is what the log will say; it holds no
   // secret. An exit code.

@@ -57,8 +57,13 @@ int tellAll(const std::vector<Client>& clients, const std::vector<RequestOutcome
 
 }  // namespace
 
-void ClientRequests::describe(programs::CommandLine::Options& options) {
-  options.required("TARGET", target_, kTargetForms)
+void ClientRequests::describe(programs::CommandLine::Options& options, bool mayLackTarget) {
+  if (mayLackTarget) {
+    options.option("TARGET", target_, kTargetForms);
+  } else {
+    options.required("TARGET", target_, kTargetForms);
+  }
+  options
       .option("--host HOST", way_.host, "Where the client is, if it is one; otherwise what is recorded of it")
       .bounded("--port PORT", way_.port, 1, std::numeric_limits<std::uint16_t>::max(),
                "The port of its host service")
@@ -68,6 +73,7 @@ void ClientRequests::describe(programs::CommandLine::Options& options) {
 }
 
 int ClientRequests::find(const Store& store, std::vector<Client>& clients) const {
+  if (target_.empty()) return complain(kExitUsage, "which machines are meant? TARGET is missing");
   const CWmError error = store.database().read(
       [&](soci::session& session) { return clientsOfTarget(session, target_, clients); });
   if (error.IsError()) return storeFailed(error);

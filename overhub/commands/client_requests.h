@@ -15,8 +15,13 @@ class ClientRequests {
   // Asks one machine; on several threads at once.
   using Request = std::function<RequestOutcome(ClientLink& link)>;
 
-  // Adds the arguments that say which machines, where one is, how long to wait, and how many at a time.
-  void describe(programs::CommandLine::Options& options);
+  // Adds the arguments that say which machines, where one is, how long to wait, and how many at a time. With
+  // `mayLackTarget` find() complains where the machines are missing.
+  void describe(programs::CommandLine::Options& options, bool mayLackTarget = false);
+
+  const std::string& target() const { return target_; }
+  const ClientLink::Way& way() const { return way_; }
+  int parallel() const { return parallel_; }
 
   // The machines that are meant, at least one. An exit code; unless it is kExitOk, what went wrong has been
   // said.

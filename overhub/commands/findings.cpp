@@ -42,6 +42,8 @@ constexpr WayOut kWaysOut[] = {
     {"notHandedOut", "mend what is set, as the reason says"},
     {"notApplied", "\"lqhost status\" on the machine, and its log, say which records and why"},
     {"pending", "nothing; its next pass settles it, and \"overhub push MACHINE\" does at once"},
+    {"heldBack",
+     R"("overhub push --resume PUSH" goes on with the push, "overhub push --end PUSH" lets all have it)"},
     {"twoMachines",
      "find the copy, and give it a name of its own with \"overhub add-client\" and a new join file"},
     {"clock", "set the machine's clock; values end by it"},
@@ -54,14 +56,18 @@ constexpr WayOut kWaysOut[] = {
     {"omitted", "mend what is listed; the next report has room for the others"},
 };
 
-std::string wayOutOf(const std::string& kind, const std::string& machine) {
+void replaceAll(std::string& text, const std::string& mark, const std::string& by) {
+  for (std::size_t at = 0; (at = text.find(mark, at)) != std::string::npos; at += by.size())
+    text.replace(at, mark.size(), by);
+}
+
+std::string wayOutOf(const std::string& kind, const MachineStatus& machine) {
   const auto* const found = std::find_if(std::begin(kWaysOut), std::end(kWaysOut),
                                          [&kind](const WayOut& way) { return kind == way.kind; });
   if (found == std::end(kWaysOut)) return "\"lqhost status\" on the machine, and its log, tell more";
   std::string sentence = found->sentence;
-  const std::string mark = "MACHINE";
-  if (const std::size_t at = sentence.find(mark); at != std::string::npos)
-    sentence.replace(at, mark.size(), machine);
+  replaceAll(sentence, "MACHINE", machine.client.name);
+  if (machine.hold) replaceAll(sentence, "PUSH", std::to_string(machine.hold->rollout));
   return sentence;
 }
 
@@ -73,7 +79,7 @@ class Findings {
   Finding& wrong(std::string kind, std::string why, std::int64_t since = 0) {
     Finding& finding = add(std::move(kind), std::move(why), since);
     finding.isWrong = true;
-    finding.wayOut = wayOutOf(finding.kind, machine_.client.name);
+    finding.wayOut = wayOutOf(finding.kind, machine_);
     return finding;
   }
   Finding& add(std::string kind, std::string why, std::int64_t since = 0) {
@@ -115,7 +121,8 @@ void Findings::addContact() {
   if (machine_.state == FleetState::never || machine_.state == FleetState::silent)
     wrong(stateName(machine_.state), machine_.why, machine_.since);
   if (!contact.refusal.empty()) wrong("notHandedOut", contact.refusal, contact.refusedSince);
-  if (machine_.state == FleetState::pending) wrong("pending", machine_.why, machine_.since);
+  if (machine_.state == FleetState::pending)
+    wrong(machine_.isHeldBack() ? "heldBack" : "pending", machine_.why, machine_.since);
   if (contact.outcome != 0)
     add("acknowledged",
         "acknowledged " + programs::ageText(contact.outcomeTime, now_) + ": " + outcomeText(contact.outcome));

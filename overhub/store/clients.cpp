@@ -73,8 +73,8 @@ void addClient(soci::session& session, const Client& client, const std::string& 
 void removeClient(soci::session& session, std::int64_t id, std::int64_t revision) {
   session << "UPDATE clients SET valid_to = :revision, session_key = '', host = '' WHERE id = :id",
       use(revision, "revision"), use(id, "id");
-  for (const char* const table :
-       {"contacts", "held", "acknowledgements", "uploads", "hand_outs", "reports", "drift_counts"})
+  for (const char* const table : {"contacts", "held", "acknowledgements", "uploads", "hand_outs", "reports",
+                                  "drift_counts", "confirmations", "rollout_machines"})
     session << "DELETE FROM " << table << " WHERE client = :id", use(id, "id");
 }
 

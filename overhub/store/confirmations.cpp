@@ -43,6 +43,21 @@ std::int64_t confirmedOf(soci::session& session, const Client& client) {
   return std::max(confirmed, client.validFrom);
 }
 
+// What a push in stages demands of the client itself.
+Demand demandOfPush(soci::session& session, const Client& client) {
+  Demand demand;
+  session << "SELECT demanded, demand FROM confirmations WHERE client = :client", use(client.id, "client"),
+      into(demand.revision), into(demand.seconds);
+  return demand;
+}
+
+void addDemand(const Demand& demand, Demand& strictest) {
+  strictest.revision = std::max(strictest.revision, demand.revision);
+  const bool isStricter =
+      demand.seconds >= 0 && (strictest.seconds < 0 || demand.seconds < strictest.seconds);
+  if (isStricter || strictest.seconds == HostReport::kDemandNothing) strictest.seconds = demand.seconds;
+}
+
 }  // namespace
 
 Demand demandOf(soci::session& session, const Client& client, std::int64_t upTo) {
@@ -57,13 +72,10 @@ Demand demandOf(soci::session& session, const Client& client, std::int64_t upTo)
       [&] { demands.push_back(row); }, into(row.revision), into(row.seconds), use(confirmed, "confirmed"),
       use(upTo, "last"), use(nothing, "nothing"));
   Demand strictest;
-  for (const Demand& demand : demands) {
-    if (!touches(session, client, demand.revision)) continue;
-    strictest.revision = demand.revision;
-    const bool isStricter =
-        demand.seconds >= 0 && (strictest.seconds < 0 || demand.seconds < strictest.seconds);
-    if (isStricter || strictest.seconds == nothing) strictest.seconds = demand.seconds;
-  }
+  for (const Demand& demand : demands)
+    if (touches(session, client, demand.revision)) addDemand(demand, strictest);
+  const Demand pushed = demandOfPush(session, client);
+  if (pushed.revision > confirmed && pushed.revision <= upTo) addDemand(pushed, strictest);
   return strictest;
 }
 
@@ -96,8 +108,17 @@ void confirm(soci::session& session, std::int64_t client, std::int64_t revision)
 
 void release(soci::session& session, std::int64_t client, std::int64_t backSince) {
   makeRow(session, client);
-  session << "UPDATE confirmations SET released = :released WHERE client = :client",
+  session
+      << "UPDATE confirmations SET released = :released, back_from = 0, back_to = 0 WHERE client = :client",
       use(backSince, "released"), use(client, "client");
+}
+
+bool isTakenBack(soci::session& session, std::int64_t client, std::int64_t revision) {
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  session << "SELECT back_from, back_to FROM confirmations WHERE client = :client", use(client, "client"),
+      into(first), into(last);
+  return first != 0 && revision >= first && revision <= last;
 }
 
 bool isReleased(soci::session& session, std::int64_t client, std::int64_t backSince) {
@@ -105,6 +126,16 @@ bool isReleased(soci::session& session, std::int64_t client, std::int64_t backSi
   session << "SELECT released FROM confirmations WHERE client = :client", use(client, "client"),
       into(released);
   return released == backSince;
+}
+
+std::unordered_map<std::int64_t, std::int64_t> allConfirmed(soci::session& session) {
+  std::unordered_map<std::int64_t, std::int64_t> all;
+  std::int64_t client = 0;
+  std::int64_t revision = 0;
+  forEachRow(
+      session, "SELECT client, confirmed FROM confirmations WHERE confirmed > 0",
+      [&] { all[client] = revision; }, into(client), into(revision));
+  return all;
 }
 
 std::string demandText(const Demand& demand) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 
 #include "overhub/store/clients.h"
 #include "overhub/store/database.h"
@@ -40,6 +41,13 @@ void confirm(soci::session& session, std::int64_t client, std::int64_t revision)
 // That a client may apply again what it went back from at a time, which its reports name.
 void release(soci::session& session, std::int64_t client, std::int64_t backSince);
 bool isReleased(soci::session& session, std::int64_t client, std::int64_t backSince);
+
+// Whether a client is to go back from the batch of this revision: the stage of a push that brought it failed.
+// Until it is released, or its stage begins again (rollouts.h).
+bool isTakenBack(soci::session& session, std::int64_t client, std::int64_t revision);
+
+// The newest revision that is confirmed on each client on which one is, by its id.
+std::unordered_map<std::int64_t, std::int64_t> allConfirmed(soci::session& session);
 
 // "revision 12 has to be confirmed within 5 minutes", of a demand that there is.
 std::string demandText(const Demand& demand);

@@ -144,6 +144,10 @@ std::string waitingText(const MachineStatus& machine, std::int64_t silentSeconds
   }
   const ReportNote* const report = toldBy(machine, silentSeconds);
   const std::string revision = "revision " + std::to_string(machine.newest);
+  if (machine.isHeldBack()) {
+    return revision + " is held back by push " + std::to_string(machine.hold->rollout) +
+           " in stages, which has not come to it or was stopped";
+  }
   if (machine.contact.handedRevision < machine.newest) return revision + " waits for its next pass";
   if (contact.provenRevision < machine.newest)
     return revision + " was handed to it and is not acknowledged as applied";
@@ -318,6 +322,7 @@ FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std
   for (ReportNote& report : allReportNotes(session)) reports.emplace(report.client, std::move(report));
   const auto handed = newestHandedBatches(session);
   const auto drifts = driftsSince(session, now - kCorrectedSeconds);
+  const auto holds = allHolds(session);
 
   for (Client& client : clients) {
     MachineStatus& machine = fleet.machines.emplace_back();
@@ -326,6 +331,7 @@ FleetStatus fleetStatus(soci::session& session, std::vector<Client> clients, std
     if (const auto found = reports.find(client.id); found != reports.end()) machine.report = found->second;
     if (const auto found = handed.find(client.id); found != handed.end()) machine.handed = found->second;
     if (const auto found = drifts.find(client.id); found != drifts.end()) machine.drift = found->second;
+    if (const auto found = holds.find(client.id); found != holds.end()) machine.hold = found->second;
     machine.client = std::move(client);
     if (const auto found = withdrawn.find(machine.client.id); found != withdrawn.end()) {
       machine.withdrawnAt = found->second;

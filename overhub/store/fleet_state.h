@@ -19,7 +19,7 @@
 //              which names the batch that it was handed last; otherwise the newest that it has acknowledged as
 //              applied. Or what it holds is not known, because somebody else may have joined in its name or
 //              asked for all of it again; or everything is withdrawn from it, and two passes in a row have not
-//              taken it back yet
+//              taken it back yet; or a push in stages holds it back
 //   corrected  a value was changed on it, and corrected, within a day
 //   current    none of these
 // clang-format on
@@ -41,6 +41,7 @@
 #include "overhub/store/drifts.h"
 #include "overhub/store/handed_batches.h"
 #include "overhub/store/reports.h"
+#include "overhub/store/rollouts.h"
 
 enum class FleetState { current, corrected, pending, restart, refused, failed, back, silent, never };
 inline constexpr std::array kFleetStates{FleetState::current, FleetState::corrected, FleetState::pending,
@@ -65,8 +66,11 @@ struct MachineStatus {
   std::string why;               // for people; empty when it is current, and stays
   std::optional<ReportNote> report;   // its newest
   std::optional<HandedBatch> handed;  // what it was handed last
+  std::optional<Hold> hold;           // a push in stages keeps newer revisions from it
   RecentDrift drift;                  // within kCorrectedSeconds
 
+  // Whether a push in stages keeps something from it that is there for it.
+  bool isHeldBack() const { return hold && hold->revision < newest; }
   // Whether it has gone on without reports since that one: its host makes none any more.
   bool isReportOutdated(std::int64_t silentSeconds) const;
 };

@@ -12,6 +12,7 @@
 #include "overhub/store/groups.h"
 #include "overhub/store/handed_batches.h"
 #include "overhub/store/query.h"
+#include "overhub/store/rollouts.h"
 #include "overhub/store/scope.h"
 #include "overhub/store/session_keys.h"
 #include "overhub/store/settings.h"
@@ -103,12 +104,30 @@ void noteHeld(soci::session& session, const Contact& contact, std::int64_t revis
       use(contact.client, "client"), use(contact.base, "base"), use(since, "since"), use(oldest, "oldest");
 }
 
+// What counts at a revision. Read once: a newer one may come while this goes on, and the batch has to be that
+// of the revision it is noted with.
+MachineState stateAt(soci::session& session, std::int64_t clientId, const std::string& client,
+                     std::int64_t revision, std::int64_t newest, std::int64_t now) {
+  MachineState state;
+  state.revision = revision;
+  const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, newest);
+  const std::vector<std::string> scopesThen =
+      revision == newest ? scopesNow : scopesOf(session, clientId, client, revision);
+  std::vector<std::vector<Setting>> scopes;
+  scopes.reserve(scopesThen.size());
+  for (const std::string& scope : scopesThen) scopes.push_back(settingsOf(session, scope, revision));
+  state.settings = effectiveSettings(scopes, now);
+  state.held = heldSettings(session, contactOf(session, clientId), client, scopesNow);
+  return state;
+}
+
 // The batch as it has to be now, into `out`, with what is refused about it.
 CWmError makeBatch(soci::session& session, const Client& client, const Contact& contact, std::int64_t now,
                    HandOut& out) {
-  MachineState state;
-  CWmError error = machineState(session, client.id, client.name, now, state);
-  if (error.IsError()) return error;
+  const std::int64_t newest = newestRevision(session);
+  const std::optional<Hold> hold = holdOf(session, client.id);
+  const MachineState state =
+      stateAt(session, client.id, client.name, hold ? std::min(hold->revision, newest) : newest, newest, now);
   out.revision = state.revision;
   out.refusal = expiryConflict(state.settings);
   const std::int64_t atLeast =
@@ -185,16 +204,8 @@ CWmError makeHandOut(const Store& store, soci::session& session, const Client& c
 
 CWmError machineState(soci::session& session, std::int64_t clientId, const std::string& client,
                       std::int64_t now, MachineState& state) {
-  // Once: a newer one may come while this goes on, and the batch has to be that of the revision it is noted
-  // with.
-  const std::int64_t revision = newestRevision(session);
-  state.revision = revision;
-  const std::vector<std::string> scopesNow = scopesOf(session, clientId, client, revision);
-  std::vector<std::vector<Setting>> scopes;
-  scopes.reserve(scopesNow.size());
-  for (const std::string& scope : scopesNow) scopes.push_back(settingsOf(session, scope, revision));
-  state.settings = effectiveSettings(scopes, now);
-  state.held = heldSettings(session, contactOf(session, clientId), client, scopesNow);
+  const std::int64_t newest = newestRevision(session);
+  state = stateAt(session, clientId, client, newest, newest, now);
   return {};
 }
 

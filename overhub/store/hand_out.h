@@ -51,7 +51,7 @@ CWmError noteAttached(const Store& store, const std::string& client, const std::
 CWmError acknowledge(const Store& store, const std::string& client, std::int64_t number, std::int64_t namedId,
                      std::int64_t taskStatus);
 
-// What counts for a client now, and what it may hold beside it.
+// What is set for a client now, whether it is held or not, and what it may hold beside it.
 struct MachineState {
   std::int64_t revision = 0;
   EffectiveSettings settings;

@@ -113,13 +113,18 @@ HostReport::Answer answerTo(soci::session& session, const Client& client, const 
   const auto batch = findHandedBatch(session, client.id, report.digest);
   if (batch) {
     answer.revision = batch->revision;
-    if (isNewest && provesBatch(report, batch->time, now)) confirm(session, client.id, batch->revision);
+    if (isNewest && !isTakenBack(session, client.id, batch->revision) &&
+        provesBatch(report, batch->time, now))
+      confirm(session, client.id, batch->revision);
     answer.isConfirmed = demandOf(session, client, batch->revision).revision == 0 ? 1 : 0;
   }
   const Demand demand = demandOf(session, client);
   answer.demand = demand.seconds;
-  if (report.cause.get() == HostReport::kCauseAsk) noteDemandTold(session, client.id, demand.revision);
   const HostReport::Memory& memory = report.memory;
+  if (report.cause.get() == HostReport::kCauseAsk) {
+    noteDemandTold(session, client.id, demand.revision);
+    answer.goBack = shallGoBack(session, client.id, memory) ? 1 : 0;
+  }
   answer.isReleased =
       memory.state.get() == "goneBack" && isReleased(session, client.id, memory.since) ? 1 : 0;
   return answer;
@@ -163,6 +168,12 @@ CWmError acceptReport(const Store& store, const std::string& name, const HostRep
     addOrigins(session, client, answer.revision, now, answer);
     return {};
   });
+}
+
+bool shallGoBack(soci::session& session, std::int64_t client, const HostReport::Memory& memory) {
+  if (memory.state.get() != "kept" && memory.state.get() != "waiting") return false;
+  const auto batch = findHandedBatch(session, client, memory.digest);
+  return batch && isTakenBack(session, client, batch->revision);
 }
 
 bool ReportNote::areTwo(std::int64_t now) const {

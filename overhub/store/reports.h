@@ -41,6 +41,10 @@ struct ReportNote {
   bool areTwo(std::int64_t now) const;
 };
 
+// Whether a machine is to go back from the changes that it remembers, since they were taken back. Of changes
+// that came later it would go back from those, too, which may be the remedy: from them it does not.
+bool shallGoBack(soci::session& session, std::int64_t client, const HostReport::Memory& memory);
+
 // Of all clients, in no order.
 std::vector<ReportNote> allReportNotes(soci::session& session);
 

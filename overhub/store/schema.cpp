@@ -97,6 +97,24 @@ constexpr const char* kConfirmationTables[] = {
     " NULL, told BIGINT NOT NULL, released BIGINT NOT NULL)",
 };
 
+// What a push in stages demands of machines, or takes back from them, beside what the changes do; and the
+// pushes in stages themselves, with what became of each machine. No machine is held where it is 0.
+constexpr const char* kRolloutTables[] = {
+    "ALTER TABLE confirmations ADD COLUMN demanded BIGINT NOT NULL DEFAULT 0",
+    "ALTER TABLE confirmations ADD COLUMN demand BIGINT NOT NULL DEFAULT -2",
+    "ALTER TABLE confirmations ADD COLUMN back_from BIGINT NOT NULL DEFAULT 0",
+    "ALTER TABLE confirmations ADD COLUMN back_to BIGINT NOT NULL DEFAULT 0",
+    "CREATE TABLE rollouts (number BIGINT NOT NULL PRIMARY KEY, time BIGINT NOT NULL, who TEXT NOT NULL,"
+    " target TEXT NOT NULL, revision BIGINT NOT NULL, stage BIGINT NOT NULL, stages BIGINT NOT NULL,"
+    " stop_at BIGINT NOT NULL, wait BIGINT NOT NULL, demand BIGINT NOT NULL, state TEXT NOT NULL,"
+    " runner TEXT NOT NULL, leased_until BIGINT NOT NULL)",
+    "CREATE TABLE rollout_machines (rollout BIGINT NOT NULL, client BIGINT NOT NULL, position BIGINT NOT "
+    "NULL,"
+    " stage BIGINT NOT NULL, state TEXT NOT NULL, why TEXT NOT NULL, held BIGINT NOT NULL, handed BIGINT NOT"
+    " NULL, reported TEXT NOT NULL, PRIMARY KEY (rollout, client))",
+    "CREATE INDEX rollout_machines_by_client ON rollout_machines (client, held)",
+};
+
 // Uploads stood as they came, and they hold session keys. One after the other, as there may be more of them
 // than memory.
 CWmError sealUploads(soci::session& session) {
@@ -128,10 +146,15 @@ CWmError addConfirmations(soci::session& session) {
   return {};
 }
 
+CWmError addRollouts(soci::session& session) {
+  for (const char* const table : kRolloutTables) session << table;
+  return {};
+}
+
 // Each makes a store of one version one of the next, the first of them one of version 1. What was released
 // stays as it is.
 using Step = CWmError (*)(soci::session& session);
-constexpr Step kSteps[] = {sealUploads, addReports, addConfirmations};
+constexpr Step kSteps[] = {sealUploads, addReports, addConfirmations, addRollouts};
 
 constexpr std::int64_t kVersion = std::size(kSteps) + 1;
 
@@ -159,7 +182,7 @@ CWmError schema::prepare(soci::session& session, const Engine& engine) {
   CWmError error = look(session, engine, version);
   if (error.IsError() || version != 0) return error;
   for (const char* const table : kTables) session << table;
-  for (const Step step : {addReports, addConfirmations})
+  for (const Step step : {addReports, addConfirmations, addRollouts})
     if (error = step(session); error.IsError()) return error;
   const std::pair<std::string, std::int64_t> counters[] = {
       {kVersionCounter, kVersion},
