@@ -69,6 +69,14 @@ void addCacheProblem(PassNews& news, CacheFate fate) {
   }
 }
 
+// The cache holds protected values as well: without the key it cannot be written, however much room there is.
+void addCacheProblem(PassNews& news, CacheFate fate, const BatchFacts& batch) {
+  const bool mayLackKey = fate == CacheFate::kLost && !batch.secrets.empty();
+  const FailureReason reason = mayLackKey ? whyUnprotected() : FailureReason{};
+  if (*reason.kind == '\0') return addCacheProblem(news, fate);
+  news.problems.push_back({"", "", {reason.kind, "the settings cache could not be written: " + reason.text}});
+}
+
 void addPlace(PassNews& news, const std::string& place, const FailureReason& reason) {
   const std::size_t end = place.find('\0');
   news.problems.push_back({place.substr(0, end), place.substr(end + 1), reason});
@@ -118,7 +126,7 @@ PassNews newsOf(const PassResult& pass, const std::optional<BatchFacts>& batch,
                    pass.acknowledgedAs ? *pass.acknowledgedAs == OBGui::kTaskSuccess
                                        : batch->refused.empty() && writes.failed.empty() && !writes.lost &&
                                              (batch->secrets.empty() || *whyUnprotected().kind == '\0'));
-  addCacheProblem(news, pass.cache);
+  addCacheProblem(news, pass.cache, *batch);
   return news;
 }
 
