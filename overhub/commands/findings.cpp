@@ -48,11 +48,14 @@ constexpr WayOut kWaysOut[] = {
      "find the copy, and give it a name of its own with \"overhub add-client\" and a new join file"},
     {"clock", "set the machine's clock; values end by it"},
     {"wentBack",
-     "set what it went back from to something that works, or find out on the machine why it does not"},
+     "set something that works in its place; where the machine was at fault and is mended, \"overhub confirm "
+     "MACHINE\", or \"lqhost rollback --forget\" on it, lets it apply the same again"},
     {"refused", "set something that the module takes, or update the module"},
     {"needsRestart", "restart the module, or the machine"},
-    {"noAnswer", "see whether the module hangs; it is not asked again before it answers"},
-    {"threw", "see the module's log"},
+    {"noAnswer",
+     "see whether the module hangs, and restart the host if so; it is not asked again before it answers"},
+    {"threw", "see the module's log, and mend the module or set something that it takes"},
+    {"drift", "find out who sets it on the machine and why; unset it here if that is right"},
     {"omitted", "mend what is listed; the next report has room for the others"},
 };
 
@@ -165,6 +168,7 @@ void Findings::addVerdicts(const StoredReport& stored) {
     }
     Finding& finding = wrong(verdict.verdict, verdictText(verdict), ours(verdict.since, stored));
     finding.module = verdict.module;
+    finding.namesPlace = true;
     finding.path = verdict.keyPath;
     finding.name = verdict.valueName;
   }
@@ -259,6 +263,7 @@ std::vector<Finding> findingsOf(soci::session& session, const MachineStatus& mac
     Finding& finding = findings.add("drift", driftText(drift), drift.last);
     finding.path = drift.path;
     finding.name = drift.name;
+    finding.wayOut = wayOutOf(finding.kind, machine.client.name);
   }
   return findings.take();
 }

@@ -18,7 +18,8 @@ struct Finding {
   std::string module;
   std::int64_t since = 0;  // by the store's clock; 0: not known
   std::string why;
-  std::string wayOut;  // of what is wrong
+  bool namesPlace = false;  // `why` says path and name itself
+  std::string wayOut;       // of what is wrong, or keeps coming back
 };
 
 // Of one machine of the fleet, what is wrong first. Within a unit of work. Texts are as the machine sent

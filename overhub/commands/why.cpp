@@ -47,8 +47,7 @@ bool isWell(const std::vector<Finding>& findings) {
 }
 
 std::string lineOf(const Finding& finding, std::int64_t now) {
-  // A verdict's sentence names the value itself.
-  const bool isNamed = (finding.path.empty() && finding.name.empty()) || !finding.module.empty();
+  const bool isNamed = (finding.path.empty() && finding.name.empty()) || finding.namesPlace;
   std::string text =
       isNamed ? "" : placeText(finding.path, finding.name) + (finding.kind == "drift" ? " " : ": ");
   text += finding.why;
@@ -62,7 +61,7 @@ std::string textOf(const Told& told, std::int64_t now) {
       programs::escapedForTerminal(told.machine.client.name) + ": " + stateName(told.machine.state) + "\n";
   for (const Finding& finding : told.findings) {
     text += (finding.isWrong ? "  ! " : "    ") + lineOf(finding, now) + "\n";
-    if (finding.isWrong) text += "      way out: " + finding.wayOut + "\n";
+    if (!finding.wayOut.empty()) text += "      way out: " + finding.wayOut + "\n";
   }
   return text;
 }

@@ -187,6 +187,8 @@ std::string verdictText(const HostReport::Verdict& verdict) {
   if (word == "noAnswer") says = " did not say in time whether it works with ";
   if (word == "threw") says = " failed with an exception when it was told of ";
   const std::string& sentence = verdict.sentence;
-  return verdict.module.get() + says + placeText(verdict.keyPath, verdict.valueName) +
+  // The change callback of a pair does not say whose it is.
+  const std::string who = verdict.module->empty() ? "a module" : verdict.module.get();
+  return who + says + placeText(verdict.keyPath, verdict.valueName) +
          (sentence.empty() ? "" : ": " + sentence);
 }

@@ -696,6 +696,8 @@ TEST_F(ReportService, WhyNamesEachRecordAndTheWayOut) {
   };
   for (const auto& [kind, wayOut] : kinds) EXPECT_TRUE(contains(wayOutOf(kind), wayOut)) << kind;
   for (const auto& [word, wayOut] : verdicts) EXPECT_TRUE(contains(wayOutOf(word), wayOut)) << word;
+  EXPECT_TRUE(
+      contains(wayOutOf("wentBack"), R"("overhub confirm pc1", or "lqhost rollback --forget" on it)"));
   const auto text = overhub({"why", "pc1"});
   expectOut(text, 6,
             {"pc1: back\n  ! its clock is 60 min behind the server's\n",
