@@ -7,6 +7,7 @@
 #include <set>
 
 #include "lqhost/commands/exit_codes.h"
+#include "lqregistry/UtcText.h"
 #include "tests/lqhost/host_fixture.h"
 
 namespace {
@@ -265,6 +266,7 @@ std::string lineOf(const Json& finding) {
 
 TEST_P(PlantedFailure, IsToldWithTheRecordTheReasonAndTheWayOutByTheServerAlone) {
   const Failure& planted = GetParam();
+  const std::string began = lqtext::utcText(std::time(nullptr));
   (this->*planted.plant)();
   expectErr(overhub({"push", "web-1"}), kServerUnreachable, {"port 8404: Connection refused"});
   host_.reset();
@@ -285,6 +287,9 @@ TEST_P(PlantedFailure, IsToldWithTheRecordTheReasonAndTheWayOutByTheServerAlone)
   ASSERT_EQ(told.size(), 1U) << "once";
   const std::string why = told[0]["why"];
   const std::string wayOut = told[0]["wayOut"];
+  const std::string since = told[0].value("since", "");
+  const bool isKnownSince = began <= since && since <= lqtext::utcText(std::time(nullptr));
+  EXPECT_TRUE(isKnownSince || (since.empty() && planted.kind == "clock")) << since;
   for (const std::string& part : planted.reason) EXPECT_TRUE(contains(why, part)) << why;
   EXPECT_TRUE(contains(wayOut, planted.wayOut)) << wayOut;
   const std::size_t line = forPeople.out.find(lineOf(told[0]));
