@@ -8,6 +8,7 @@
 
 #include "lqhost/pass/current_value.h"
 #include "lqhost/report/host_reporter.h"
+#include "lqhost/report/report_file.h"
 #include "lqhost/rollback/standing_memory.h"
 #include "lqhost/service/passes.h"
 #include "lqregistry/LqRegistryChangeMgr.h"
@@ -62,6 +63,11 @@ VerdictAsker& VerdictAsker::get() {
 
 void VerdictAsker::start(std::function<void(const std::string&)> goBack) {
   goBack_ = std::move(goBack);
+  {
+    // What the host before this one was told is over, whichever modules there are now.
+    const std::lock_guard lock(mutex_);
+    isTold_ = !readKeptReport().report.verdicts->empty();
+  }
   onChanged([this](const RegistryWrites& writes) { noteChanged(writes); });
   LqRegistryChangeMgr::callBackThreadPool.setFaultObserver(
       [this](const std::string& lane, const std::string& what) { noteFault(lane, what); });
@@ -175,12 +181,14 @@ void VerdictAsker::ask(const std::set<std::string>& places, bool isStart, const 
 
 void VerdictAsker::report(std::size_t asked) {
   HostReport::VerdictList list;
+  bool wasTold = false;
   {
     const std::lock_guard lock(mutex_);
     for (const auto& [place, fault] : faults_) list.push_back(fault.verdict);
     for (const auto& [place, verdict] : answers_) list.push_back(verdict);
+    wasTold = std::exchange(isTold_, !list.empty());
   }
-  if (list.empty() && !HostReporter::get().isAsking()) return;
+  if (list.empty() && !wasTold && !HostReporter::get().isAsking()) return;
   HostReporter::get().putVerdicts(std::move(list), static_cast<std::int64_t>(asked));
 }
 

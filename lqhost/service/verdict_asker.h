@@ -60,6 +60,7 @@ class VerdictAsker {
   std::uint64_t round_ = 0;
   std::map<std::string, Fault> faults_;                 // by place
   std::map<std::string, HostReport::Verdict> answers_;  // by place
+  bool isTold_ = false;                                 // the report holds verdicts
 
   std::jthread thread_;
 };
