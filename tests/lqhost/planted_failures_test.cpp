@@ -1,5 +1,5 @@
 // What goes wrong on machines, planted there for real, and what the server then says of it: to somebody who
-// cannot call the machine, and with the machine off and the server down.
+// cannot call the machine, and while nobody serves. Then it goes away by the way out that was named.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +34,7 @@ struct Failure {
   std::string wayOut;
   // The kinds of all that is to be wrong.
   std::set<std::string> wrong;
+  void (PlantedFailure::*goThere)();  // the way out
 };
 
 void PrintTo(const Failure& failure, std::ostream* out) {
@@ -75,7 +76,7 @@ class PlantedFailure : public HostTest, public testing::WithParamInterface<Failu
   }
   void lostProtectionKey() {
     outOf(shell("echo hidden | \"$OVERHUB\" set web-1 A sPASSWORD --secret"));
-    ASSERT_TRUE(fs::remove(clientRegistry_ + ".key"));
+    fs::rename(clientRegistry_ + ".key", dir_ / "key");
     sync(host::kExitPartly);
   }
   void damagedCache() {
@@ -112,6 +113,43 @@ class PlantedFailure : public HostTest, public testing::WithParamInterface<Failu
     // A sanitizer wants to be loaded before it.
     sync(host::kExitOk, {"LD_PRELOAD=" LQ_LIB_DIR "/libwrong_clock.so", "WRONG_CLOCK_BY=-7200",
                          "ASAN_OPTIONS=verify_asan_link_order=0"});
+  }
+
+  // --- ways out ---
+
+  void justSync() { sync(host::kExitOk); }
+  void unsetKey() {
+    expectOk({"unset", "web-1", "Clients", "Other"});
+    sync(host::kExitOk);
+  }
+  void letWrite() {
+    ASSERT_EQ(chmod(clientRegistry_.c_str(), 0600), 0);
+    sync(host::kExitOk);
+  }
+  void setShorter() {
+    set("A", "sLONG", "short");
+    sync(host::kExitOk);
+  }
+  void putKeyBack() {
+    fs::rename(dir_ / "key", clientRegistry_ + ".key");
+    sync(host::kExitOk);
+  }
+  void syncFresh() { outOf(lqhost({"sync", "--fresh"})); }
+  void resend() {
+    expectOk({"resend", "web-1"});
+    for (int i = 0; i < 2; ++i) sync(host::kExitOk);
+  }
+  void setValidLevel() {
+    set("Machine/Settings", "nTraceLevel", "5");
+    sync(host::kExitOk);
+  }
+  void setWhatHandlerTakes() {
+    set("Failing", "sTHROWS", "well");
+    sync(host::kExitOk);
+  }
+  void restartWithoutModule() {
+    host_.reset();
+    host_ = runHost({"--sync-every", "3600"});
   }
 
  protected:
@@ -161,8 +199,9 @@ const Failure kFailures[] = {
      "~Clients",
      "Other",
      {"keys may not be created remotely"},
-     "clients create no sub-key but \"Local\"; unset this one",
-     {"forbidden"}},
+     R"(clients create no sub-key but "Local"; unset this one)",
+     {"forbidden"},
+     &PlantedFailure::unsetKey},
     {"ReadOnlyRegistry",
      &PlantedFailure::readOnlyRegistry,
      "readOnly",
@@ -170,7 +209,8 @@ const Failure kFailures[] = {
      "sNEW",
      {"the registry may only be read: the file is read-only"},
      "make the registry file and its directory writable",
-     {"readOnly"}},
+     {"readOnly"},
+     &PlantedFailure::letWrite},
     {"FullDisk",
      &PlantedFailure::fullDisk,
      "diskFull",
@@ -178,7 +218,8 @@ const Failure kFailures[] = {
      "sTHIRD",
      {"there is no room for it"},
      "free space on the machine's disk",
-     {"diskFull", "cacheLost"}},
+     {"diskFull", "cacheLost"},
+     &PlantedFailure::justSync},
     {"ValueTooLong",
      &PlantedFailure::valueTooLong,
      "tooLong",
@@ -186,7 +227,8 @@ const Failure kFailures[] = {
      "sLONG",
      {"the value has 10240 bytes", "modules read 10239 at most"},
      "set something shorter",
-     {"tooLong"}},
+     {"tooLong"},
+     &PlantedFailure::setShorter},
     {"LostProtectionKey",
      &PlantedFailure::lostProtectionKey,
      "protection",
@@ -194,23 +236,26 @@ const Failure kFailures[] = {
      "sPASSWORD",
      {"protected values cannot be written", "registry.db.key: the protection key is missing"},
      "put the protection key back",
-     {"protection"}},
+     {"protection"},
+     &PlantedFailure::putKeyBack},
     {"DamagedCache",
      &PlantedFailure::damagedCache,
      "cacheUnreadable",
      "",
      "",
      {"the settings cache cannot be read"},
-     "run \"lqhost sync --fresh\" on the machine",
-     {"cacheUnreadable"}},
+     R"(run "lqhost sync --fresh" on the machine)",
+     {"cacheUnreadable"},
+     &PlantedFailure::syncFresh},
     {"CacheKept",
      &PlantedFailure::cacheKept,
      "cacheKept",
      "",
      "",
      {"the settings cache holds more records than the batch", "works against it"},
-     "\"overhub resend web-1\", or \"lqhost sync --fresh\" on the machine",
-     {"cacheKept"}},
+     R"("overhub resend web-1", or "lqhost sync --fresh" on the machine)",
+     {"cacheKept"},
+     &PlantedFailure::resend},
     {"ModuleRefused",
      &PlantedFailure::moduleRefused,
      "refused",
@@ -218,7 +263,8 @@ const Failure kFailures[] = {
      "nTraceLevel",
      {"sample module refused Machine/Settings nTraceLevel: trace levels are 0 to 10, not 11"},
      "set something that the module takes",
-     {"refused"}},
+     {"refused"},
+     &PlantedFailure::setValidLevel},
     {"ModuleHung",
      &PlantedFailure::moduleHung,
      "noAnswer",
@@ -227,7 +273,8 @@ const Failure kFailures[] = {
      {"failing module did not say in time whether it works with Failing sHANGS: it did not answer within 10 "
       "s"},
      "see whether the module hangs, and restart the host",
-     {"noAnswer"}},
+     {"noAnswer"},
+     &PlantedFailure::restartWithoutModule},
     {"HandlerThrew",
      &PlantedFailure::handlerThrew,
      "threw",
@@ -235,15 +282,17 @@ const Failure kFailures[] = {
      "sTHROWS",
      {"a module failed with an exception when it was told of Failing sTHROWS: ", "no such mode: odd"},
      "see the module's log, and mend the module",
-     {"threw"}},
+     {"threw"},
+     &PlantedFailure::setWhatHandlerTakes},
     {"OverriddenLocally",
      &PlantedFailure::overriddenLocally,
      "drift",
      "~A",
      "sGOOD",
-     {"was changed on the machine and corrected once", "from \"as I like it\" to \"as set\""},
+     {"was changed on the machine and corrected once", R"(from "as I like it" to "as set")"},
      "find out who sets it on the machine and why",
-     {}},
+     {},
+     &PlantedFailure::justSync},
     {"ClockFarOff",
      &PlantedFailure::clockFarOff,
      "clock",
@@ -251,7 +300,8 @@ const Failure kFailures[] = {
      "",
      {"its clock is 2 h behind the server's"},
      "set the machine's clock",
-     {"clock"}}};
+     {"clock"},
+     &PlantedFailure::justSync}};
 
 // The line of a finding for people, without its end; a module's words name the value by themselves.
 std::string lineOf(const Json& finding) {
@@ -269,7 +319,6 @@ TEST_P(PlantedFailure, IsToldWithTheRecordTheReasonAndTheWayOutByTheServerAlone)
   const std::string began = lqtext::utcText(std::time(nullptr));
   (this->*planted.plant)();
   expectErr(overhub({"push", "web-1"}), kServerUnreachable, {"port 8404: Connection refused"});
-  host_.reset();
   EXPECT_EQ(server_->stop(), 0);
 
   const auto forPeople = overhub({"why", "web-1"});
@@ -296,6 +345,13 @@ TEST_P(PlantedFailure, IsToldWithTheRecordTheReasonAndTheWayOutByTheServerAlone)
   ASSERT_NE(line, std::string::npos) << lineOf(told[0]);
   const std::size_t next = forPeople.out.find('\n', line + 1) + 1;
   EXPECT_TRUE(forPeople.out.substr(next).starts_with("      way out: " + wayOut + "\n"));
+
+  server_ = serve();
+  (this->*planted.goThere)();
+  EXPECT_TRUE(becomesTrue([this] {
+    return overhub({"why", "web-1"}).exitCode == 0;
+  })) << "no way out\n"
+      << overhub({"why", "web-1"}).out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Machine, PlantedFailure, testing::ValuesIn(kFailures),

@@ -1,5 +1,5 @@
-// A host module of which everything goes wrong: a verdict that never comes, and a change callback that
-// throws.
+// A host module that goes wrong: a verdict that never comes, and a change callback that throws unless told
+// "well".
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -15,7 +15,7 @@ LqVerdict hang(const OBGui::RegistryKeyInfo& /*key*/) {
 }
 
 void fail(OBGui::RegistryKeyInfo key) {  // NOLINT(performance-unnecessary-value-param): as callbacks are
-  throw std::runtime_error("no such mode: " + key.value.get());
+  if (key.value.get() != "well") throw std::runtime_error("no such mode: " + key.value.get());
 }
 
 }  // namespace
