@@ -263,7 +263,7 @@ std::vector<Finding> findingsOf(soci::session& session, const MachineStatus& mac
     Finding& finding = findings.add("drift", driftText(drift), drift.last);
     finding.path = drift.path;
     finding.name = drift.name;
-    finding.wayOut = wayOutOf(finding.kind, machine.client.name);
+    finding.wayOut = wayOutOf(finding.kind, machine);
   }
   return findings.take();
 }
