@@ -61,7 +61,8 @@ TEST_P(Upgrade, IsWholeOrNothingAndOnce) {
   meddle(
       "INSERT INTO uploads (client, number, time, key_count, value_count, bytes, text) VALUES (4, 1, 1, 1, "
       "1, 1, '')");
-  for (const std::string table : {"hand_outs", "reports", "drift_counts", "confirmations", "rollouts", "rollout_machines"})
+  for (const std::string table :
+       {"hand_outs", "reports", "drift_counts", "confirmations", "rollouts", "rollout_machines"})
     meddle("DROP TABLE " + table);
   meddle("ALTER TABLE revisions DROP COLUMN confirm");
   meddle("UPDATE counters SET value = 1 WHERE name = 'schema'");
