@@ -24,7 +24,9 @@ int forget() {
 }
 
 int rollback(bool isToForget) {
-  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  // What a machine has lost that makes it a joined one comes back by this.
+  const auto notJoined = whyNotJoined();
+  if (notJoined && !secondsUntilGoingBack()) return print(*notJoined);
   if (isToForget) return forget();
   if (const auto answered = answerOfResident(kAskRollback)) return print(*answered);
   ProductLibrary product;

@@ -169,12 +169,17 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
   return {};
 }
 
+std::optional<CommandResult> whyNotResident() {
+  if (auto notJoined = whyNotJoined()) return notJoined;
+  const CWmError error = becomeResident();
+  if (!error.IsError()) return std::nullopt;
+  return complaint(kExitFailed, error.AsString());
+}
+
 int run(const RunOptions& options) {
-  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
   useWayBackLimit(options.wayBackLimit);
   const programs::StopSignals signals;
-  if (const CWmError error = becomeResident(); error.IsError())
-    return print(complaint(kExitFailed, error.AsString()));
+  if (const auto whyNot = whyNotEvenAfterGoingBack(&whyNotResident)) return print(*whyNot);
   if (const CWmError error = lqregistry::Check(); error.IsError())
     return print(complaint(kExitNotJoined, error.AsString()));
   ProductLibrary product;

@@ -127,7 +127,7 @@ int syncHere(const SyncOptions& options) {
 }
 
 int sync(const SyncOptions& options) {
-  if (const auto notJoined = whyNotJoined()) return print(*notJoined);
+  if (const auto notJoined = whyNotEvenAfterGoingBack(&whyNotJoined)) return print(*notJoined);
   if (!options.watched.empty() && isHostResident()) {
     return print(
         complaint(kExitFailed,

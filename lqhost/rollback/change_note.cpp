@@ -1,5 +1,7 @@
 #include "lqhost/rollback/change_note.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>  // explicit_bzero
@@ -103,10 +105,12 @@ std::string ChangeNote::arrive(const OBGui::KeyList& keys) {
   return reason;
 }
 
-// What came over a session that was begun after the change shows that the way is good.
+// What came over a session that was begun after the change shows that the way is good; for a host that runs.
+// One that is started anew needs the base directory as well, or it could not even begin.
 void ChangeNote::proveWayBack(ChangeMemory& memory) const {
   const bool isLater = memory.boot.get() != began_.boot || began_.sinceBoot >= memory.noted;
-  if (!memory.reachBy.isSet() || !isLater) return;
+  const bool canBegin = ::access(baseDirectory().c_str(), W_OK | X_OK) == 0;
+  if (!memory.reachBy.isSet() || !isLater || !canBegin) return;
   memory.reachBy.clear();
   logError("That the server was reached could not be noted", saveMemory(MemoryFile::kBefore, memory));
   if (!memory.isWaiting()) noteInHistory("confirmed", memory, "the server was reached");

@@ -23,7 +23,8 @@ bool isEmptyKey(LQPlatformInfo& registry, const std::string& path) {
 bool removePlace(LQPlatformInfo& registry, const MemoryPlace& place) {
   if (!place.isKeyItself()) return registry.delRegField(place.path, place.name) || isAbsent(registry);
   if (!isEmptyKey(registry, place.path)) return true;
-  return registry.delRegKey(place.path) || isAbsent(registry);
+  // One that the registry does not let go, such as that of all clients, stays as an empty key.
+  return registry.delRegKey(place.path) || isAbsent(registry) || registry.getRegError() == kRegBadName;
 }
 
 }  // namespace

@@ -261,6 +261,11 @@ void Passes::takeUpMemory() {
   dropWhatNeverHappened();
 }
 
+bool Passes::goBackWhereOverdue() {
+  const Turn turn;
+  return !goBackWhereDue().empty();
+}
+
 void Passes::keepDeadline() {
   if (isStopping_ || secondsUntilGoingBack() != 0) return;
   LqPeriodicTaskStatus status;

@@ -65,6 +65,8 @@ class Passes {
   WentBack goBackNow(const std::string& reason);
   // Ends what was begun, and drops a memory of changes that never came about: for the start of a host.
   void takeUpMemory();
+  // Goes back where that is due, for who cannot even begin to synchronise. True when it did.
+  bool goBackWhereOverdue();
   // Goes back where that is due, after a download that has tried to avert it.
   void keepDeadline();
   // From now on a pass that fails may have been broken off: nothing goes back for that.

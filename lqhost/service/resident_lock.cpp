@@ -12,7 +12,8 @@ constexpr const char* kResidentLock = "lqhost.lock";
 }  // namespace
 
 CWmError becomeResident() {
-  static const programs::FileLock lock = programs::FileLock::tryFor(pathInBase(kResidentLock));
+  static programs::FileLock lock;
+  if (!lock.isHeld()) lock = programs::FileLock::tryFor(pathInBase(kResidentLock));
   if (lock.isHeld()) return {};
   if (lock.isHeldElsewhere())
     return {kLqErrFile, "instance " + instanceName() + " has a resident host already"};

@@ -148,6 +148,31 @@ TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
   expectErr(ask({"push", "web-1", dir_ / "batch.xml"}), 1, {"went back"});
 }
 
+// What keeps a host from beginning at all is gone back from by whoever tries to, once the time is over.
+TEST_F(ResidentHost, GoesBackFromWhatKeepsItFromBeginning) {
+  const auto server = serve();
+  const std::vector<std::string> places[] = {{"Overhub", "sOHHOSTNAME", "--delete"},
+                                             {"Base", "dBASEHOME", dir_ / "nowhere/x"}};
+  for (const std::vector<std::string>& place : places) {
+    const std::string before = valueOf(place[0], place[1]);
+    expectOk({"set", "web-1", place[0], place[1], place[2], "--force"});
+    lqhost({"sync", "--way-back-limit", "5"});
+    ASSERT_NE(valueOf(place[0], place[1]), before);
+    EXPECT_TRUE(becomesTrue([this] {
+      const BackgroundProgram host(onClient({"run", "--listen", listen_}), dir_ / "again.log");
+      return host.waitForOutput("lqhost ready");
+    })) << lqhost({"status"}).err;
+    EXPECT_EQ(valueOf(place[0], place[1]), before);
+    expectOk({"set", "web-1", place[0], place[1], before, "--force"});
+  }
+  expectOk({"set", "web-1", "Overhub", "sOHHOSTNAME", "--delete", "--force"});
+  lqhost({"sync"});
+  expectErr(lqhost({"sync"}), 1,
+            {"the server's host is not set: ", " wait: the way to the server was changed"});
+  expectOut(lqhost({"rollback"}), 0, {"restored  "});
+  EXPECT_EQ(valueOf("Overhub", "sOHHOSTNAME"), address_);
+}
+
 // Modules and callbacks live in the resident host, so what a person asks for is done there.
 TEST_F(ResidentHost, CommandsAreCarriedOutByTheResidentHost) {
   expectOk({"set", "web-1", "Machine/Settings", "nTraceLevel", "5"});

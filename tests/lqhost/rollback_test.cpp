@@ -345,6 +345,16 @@ TEST_F(Rollback, AFullDiskPutsItOff) {
   }
 }
 
+// A key that may not be removed, as that of all clients, keeps nobody from going back.
+TEST_F(Rollback, KeysThatHaveToStayAreLeftEmpty) {
+  ASSERT_EQ(apply({record("SOFTWARE/Velmor/ClientProperties/42", "AnalyticSearchEngineEnabled", "1")}), "");
+  goBack();
+  EXPECT_EQ(stateWord(), "goneBack");
+  LQPlatformInfo info;
+  std::list<std::string> below;
+  EXPECT_TRUE(info.getSubKeys("SOFTWARE/Velmor/ClientProperties", below) && below.empty());
+}
+
 // The time since the machine's start decides, and after another start the wall clock within the limit.
 TEST_F(Rollback, ADeadlineOutlastsClocksAndRestarts) {
   const auto arm = [this] {
