@@ -32,6 +32,7 @@ Examples:
   lqhost --log-level 10 --log-file - refresh
   lqhost run --sync-every 3600
   lqhost status
+  lqhost explain Machine/Settings nTraceLevel
   lqhost rollback
 
 Exit codes: 0 done, 1 failed (no batch was received, nothing was uploaded, the host could not start, or does not
@@ -67,6 +68,7 @@ void describe(programs::CommandLine& line, Settings& settings) {
   host::addMonitor(line);
   host::addAlerts(line);
   host::addStatus(line);
+  host::addExplain(line);
   host::addRollback(line);
   host::addRun(line);
 }

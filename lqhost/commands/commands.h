@@ -20,6 +20,7 @@ void addUpload(CommandLine& line);
 void addMonitor(CommandLine& line);
 void addAlerts(CommandLine& line);
 void addStatus(CommandLine& line);
+void addExplain(CommandLine& line);
 void addRollback(CommandLine& line);
 inline constexpr const char* kRunCommand = "run";
 void addRun(CommandLine& line);
@@ -29,6 +30,10 @@ void addRun(CommandLine& line);
 [[nodiscard]] CommandResult refreshNow(Passes& passes);
 [[nodiscard]] CommandResult uploadNow();
 [[nodiscard]] CommandResult rollBackNow(Passes& passes);
+
+// What modules have registered in this process: for each place that somebody has registered for, its line
+// below, and what is registered.
+[[nodiscard]] CommandResult whatIsRegistered();
 
 // The line of `lqhost status` on change callbacks that wait in the resident host.
 inline constexpr std::size_t kManyCallbacks = 10000;

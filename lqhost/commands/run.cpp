@@ -64,6 +64,7 @@ CommandResult answer(Passes& passes, const std::string& question) {
   if (question == kAskUpload) return uploadNow();
   if (question == kAskRollback) return rollBackNow(passes);
   if (question == kAskReport) return {kExitOk, standingText(HostReporter::get().standing()), ""};
+  if (question == kAskRegistered) return whatIsRegistered();
   if (question == kAskCallbacks) return countCallbacks();
   return complaint(kExitUsage, "the resident host knows no command " + question);
 }

@@ -9,6 +9,7 @@
 #include "lqhost/commands/before_work.h"
 #include "lqhost/commands/commands.h"
 #include "lqhost/commands/exit_codes.h"
+#include "lqhost/commands/labelled_line.h"
 #include "lqhost/instance.h"
 #include "lqhost/pass/batch_outcome.h"
 #include "lqhost/pass/cached_settings.h"
@@ -34,13 +35,6 @@ std::string textOf(const lqsettings::Setting& setting) {
   LQPlatformInfo info;
   std::string value;
   return info.getString(setting.key, setting.name, value) ? programs::escapedForTerminal(value) : "unknown";
-}
-
-void addLine(std::string& text, const std::string& label, const std::string& content) {
-  constexpr std::size_t kLabelWidth = 14;
-  text += label;
-  text.append(label.size() < kLabelWidth ? kLabelWidth - label.size() : 1, ' ');
-  text += content + "\n";
 }
 
 // What a run in the past deserves now: there is nothing to do about one that was skipped, and which records

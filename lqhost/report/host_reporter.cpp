@@ -38,9 +38,6 @@ constexpr std::chrono::seconds kLastRetry{3600};
 // What was corrected since the server heard of it last; older entries are counted.
 constexpr std::size_t kMaxKeptDrifts = 1000;
 
-// Where the answer's origins of values are kept, for whoever explains a value.
-constexpr const char* kOriginsFile = "lqhost.origins";
-
 using ProblemKey = std::tuple<std::string, std::string, std::string>;
 
 ProblemKey keyOf(const HostReport::Problem& problem) {
@@ -324,12 +321,14 @@ void HostReporter::noteTaken(const Sent& sent, const HostReport::Answer& answer)
   lacksServiceTill_.reset();
   kept_->standing.accepted = std::time(nullptr);
   forgetDriftsOf(sent);
+  bool haveOriginsCome = false;
   if (!answer.origins->empty()) {
     std::string text;
     if (answer.serialize(text, false) == 0 &&
         !FXFile::ReplaceContents(pathInBase(kOriginsFile), text).IsError()) {
       report.originsOf = sent.report.digest.get();
       isKeptDirty_ = true;
+      haveOriginsCome = true;  // whoever reads them has to know of which batch they are
     }
   }
   if (sent.revision == revision_) {
@@ -338,7 +337,7 @@ void HostReporter::noteTaken(const Sent& sent, const HostReport::Answer& answer)
     kept_->standing.whyNot.clear();
   }
   // A command's word is all that there is of it afterwards.
-  if (isKeptDirty_ && !isResident_) keep();
+  if (isKeptDirty_ && (!isResident_ || haveOriginsCome)) keep();
 }
 
 void HostReporter::noteNotTaken(const Sent& sent, const CWmError& error, bool isSent) {

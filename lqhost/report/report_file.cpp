@@ -64,6 +64,15 @@ CWmError writeKeptReport(const KeptReport& kept) {
   return FXFile::ReplaceContents(pathInBase(kReportFile), head + xml);
 }
 
+std::optional<HostReport::Answer> readOrigins() {
+  HostReport::RegisterSubsystem();
+  std::string text;
+  HostReport::Answer answer;
+  if (FXFile::ReadContents(pathInBase(kOriginsFile), text).IsError() || answer.unserialize(text) != 0)
+    return std::nullopt;
+  return answer;
+}
+
 std::string standingText(const ReportStanding& standing) {
   std::string last =
       standing.accepted == 0 ? "none was accepted yet" : "accepted " + lqtext::utcText(standing.accepted);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "lqregistry/CWmError.h"
@@ -30,6 +31,11 @@ struct KeptReport {
 KeptReport readKeptReport();
 
 CWmError writeKeptReport(const KeptReport& kept);
+
+// The server's answer that has told last where the values of a batch come from.
+inline constexpr const char* kOriginsFile = "lqhost.origins";
+// That of the instance in focus; nothing when there is none, or none that can be understood.
+std::optional<HostReport::Answer> readOrigins();
 
 // One line for `lqhost status`.
 std::string standingText(const ReportStanding& standing);

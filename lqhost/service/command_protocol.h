@@ -27,8 +27,9 @@ inline constexpr const char* kAskFreshSync = "sync --fresh";
 inline constexpr const char* kAskRefresh = "refresh";
 inline constexpr const char* kAskUpload = "upload";
 inline constexpr const char* kAskRollback = "rollback";
-inline constexpr const char* kAskReport = "report";        // what became of the newest report, as a line
-inline constexpr const char* kAskCallbacks = "callbacks";  // how many wait, as a number
+inline constexpr const char* kAskReport = "report";          // what became of the newest report, as a line
+inline constexpr const char* kAskRegistered = "registered";  // what modules have registered, a line a place
+inline constexpr const char* kAskCallbacks = "callbacks";    // how many wait, as a number
 
 inline constexpr const char* kCommandSocket = "lqhost.sock";
 inline constexpr const char* kGreeting = "lqhost 1";

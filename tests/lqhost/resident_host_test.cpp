@@ -121,6 +121,51 @@ TEST_F(ResidentHost, KeepsWhatIsConfirmedAndGoesBackFromWhatIsRefused) {
   EXPECT_EQ(host->stop(), 0);
 }
 
+// All that the machine knows of a value, with and without a resident host; nothing of a secret.
+TEST_F(ResidentHost, ExplainsAValue) {
+  const auto explain = [this](const std::string& path, const std::string& name) {
+    return lqhost({"explain", path, name});
+  };
+  const auto says = [&](const std::string& text) {
+    return becomesTrue([&] { return contains(explain("Machine/Settings", "nTraceLevel").out, text); });
+  };
+  expectOut(explain("Machine/Settings", "nTraceLevel"), 1,
+            {"wanted        not known", "set by        not known", "no resident host is running"});
+  expectOk({"set", "@all", "Machine/Settings", "nTraceLevel", "5", "--why", "ticket \x1b[31m"});
+  expectOk({"set", "web-1", "~/Limits", "nMAX", "10", "--until", "+1d"});
+  ASSERT_EQ(shell("echo sesame | \"$OVERHUB\" set web-1 '~/Proxy' sPW --secret").exitCode, 0);
+  const auto server = serve();
+  auto host = runHost({"--module", kModule, "--sync-every", "3600"});
+  ASSERT_TRUE(says("sample module: inEffect")) << host->output();
+  ASSERT_TRUE(says("set by        revision ")) << host->output();
+  const ProgramResult told = explain("Machine/Settings", "nTraceLevel");
+  expectOut(told, 0,
+            {"value         \"5\"\n", "wanted        \"5\"\n", " for @all, 20", ": ticket \\x1b[31m\n",
+             "drift         none", "callbacks     a change callback, a verdict of sample module\n"});
+  EXPECT_FALSE(contains(told.out, "changes  ")) << "nothing waits to be confirmed";
+  expectOut(explain("~/Limits", "nMAX"), 0,
+            {"value         \"10\"\n", "wanted        \"10\"; ends 20", "no module has said",
+             "none is registered"});
+  const ProgramResult secret = explain("~/Proxy", "sPW");
+  expectOut(secret, 0, {"value         \"********\"\nwanted        \"********\"\n", " for web-1, "});
+  EXPECT_FALSE(contains(secret.out, "sesame") || contains(secret.out, "V8:"));
+  expectOut(explain("Overhub", "sSESSIONKEY"), 0,
+            {"value         \"********\"", "the server sets nothing here", "nobody on the server"});
+
+  setValue("Machine/Settings", "nTraceLevel", "7");
+  expectOut(explain("Machine/Settings", "nTraceLevel"), 6,
+            {"value         \"7\"\nwanted        \"5\"; the next refresh"});
+  expectOk({"set", "@all", "Machine/Settings", "nTraceLevel", "6", "--confirm", "1h"});
+  EXPECT_EQ(host->stop(), 0);
+  expectOut(lqhost({"sync"}), 0, {"1 changed"});
+  expectOut(explain("Machine/Settings", "nTraceLevel"), 0, {"set by        revision 5 for @all, "});
+  EXPECT_EQ(server->stop(), 0);
+  setValue("Machine/Settings", "nTraceLevel", "8");
+  EXPECT_EQ(lqhost({"refresh"}).exitCode, 0);
+  expectOut(explain("Machine/Settings", "nTraceLevel"), 0,
+            {"drift         found \"8\" and corrected to \"6\" ", "no resident host is running"});
+}
+
 // With its server's address taken from it, and by hand; its modules hear of both.
 TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
   const auto setBoth = [this](const std::string& address, const std::string& level) {
