@@ -172,6 +172,8 @@ CommandResult serveUntilStopped(const RunOptions& options, const programs::StopS
 
 std::optional<CommandResult> whyNotResident() {
   if (auto notJoined = whyNotJoined()) return notJoined;
+  if (!openBase().isValid())
+    return complaint(kExitFailed, "the base directory \"" + baseDirectory() + "\" cannot be opened");
   const CWmError error = becomeResident();
   if (!error.IsError()) return std::nullopt;
   return complaint(kExitFailed, error.AsString());

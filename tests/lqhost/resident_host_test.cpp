@@ -197,7 +197,8 @@ TEST_F(ResidentHost, GoesBackAndTellsItsModules) {
 TEST_F(ResidentHost, GoesBackFromWhatKeepsItFromBeginning) {
   const auto server = serve();
   const std::vector<std::string> places[] = {{"Overhub", "sOHHOSTNAME", "--delete"},
-                                             {"Base", "dBASEHOME", dir_ / "nowhere/x"}};
+                                             {"Base", "dBASEHOME", dir_ / "nowhere/x"},
+                                             {"Base", "dBASEHOME", ""}};
   for (const std::vector<std::string>& place : places) {
     const std::string before = valueOf(place[0], place[1]);
     expectOk({"set", "web-1", place[0], place[1], place[2], "--force"});
