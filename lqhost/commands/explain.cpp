@@ -138,10 +138,11 @@ auto about(const List& list, const Place& place) {
 
 // Adds what the newest report says of it.
 void addReported(std::string& text, const Place& place, const HostReport::Report& report) {
-  for (const HostReport::Problem& problem : about(report.problems.get(), place))
+  for (const HostReport::Problem& problem : about(report.problems.get(), place)) {
     addLine(text, "problem",
             escapedForTerminal(problem.kind.get() + ": " + problem.reason.get()) + ", since " +
                 lqtext::utcText(problem.since));
+  }
   const auto drifts = about(report.drifts.get(), place);
   for (const HostReport::Drift& drift : drifts) {
     const auto value = [&drift](const auto& some) {
@@ -207,13 +208,15 @@ CommandResult whatIsRegistered() {
   // Modules register before passes begin; the map is read like by any pass.
   for (const auto& [place, callback] : LqRegistryChangeMgr::callBackMaps)
     add(place.first, place.second, "a change callback");
-  for (const LqVerdicts::Registration& each : LqVerdicts::Registered())
+  for (const LqVerdicts::Registration& each : LqVerdicts::Registered()) {
     add(each.keyPath, each.valueName,
         "a verdict of " + each.module +
             (each.hangsSince == 0 ? ""
                                   : ", which has not answered since " + lqtext::utcText(each.hangsSince)));
+  }
   CommandResult result;
-  for (const auto& [place, what] : lines) result.out += escapedForTerminal(place + ": " + what) + "\n";
+  for (const auto& [place, what] : lines)
+    result.out.append(escapedForTerminal(place)).append(": ").append(escapedForTerminal(what)).append("\n");
   return result;
 }
 

@@ -78,7 +78,7 @@ void useWayBackLimit(std::int64_t seconds) {
 }
 
 ChangeNote::ChangeNote(BatchKind kind, PassTerms terms, const std::optional<UnsettledNote>& unsettled)
-    : kind_(kind), terms_(terms) {
+    : kind_(kind), terms_(std::move(terms)) {
   if (unsettled) cacheBehind_ = unsettled->why;
 }
 
